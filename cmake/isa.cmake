@@ -1,0 +1,37 @@
+# The one table of the library's sources and the instructions that each may use.
+#
+# "baseline" is plain x86-64. "general" is less: no vector register, for routines that promise to
+# leave them alone. A source that needs more than the baseline stands under the name of its
+# instruction set, and nothing it instantiates may have external linkage besides what it defines
+# on purpose. The ABI tests read the same table: only objects of the last kind may contain VEX or
+# EVEX instructions, and none of those may have a weak symbol.
+
+set(ZORVAC_FLAGS_baseline "")
+set(ZORVAC_FLAGS_general -mgeneral-regs-only)
+
+# zorvac_sources(<list> <instruction set> <source>...)
+function(zorvac_sources list isa)
+  list(TRANSFORM ARGN PREPEND "${PROJECT_SOURCE_DIR}/src/" OUTPUT_VARIABLE sources)
+  set_property(SOURCE ${sources} APPEND PROPERTY COMPILE_OPTIONS ${ZORVAC_FLAGS_${isa}})
+  set(${list} ${${list}} ${sources} PARENT_SCOPE)
+  if(NOT isa MATCHES "^(baseline|general)$")
+    set(ZORVAC_EXTENDED_SOURCES ${ZORVAC_EXTENDED_SOURCES} ${sources} PARENT_SCOPE)
+  endif()
+endfunction()
+
+# What the vendor rule enters into; everything else is the same in every flavour of the library.
+zorvac_sources(ZORVAC_IDENTIFICATION_SOURCES general
+  cpu/cpu_disp.cpp
+  cpu/cpu_feature_disp.cpp)
+zorvac_sources(ZORVAC_IDENTIFICATION_SOURCES baseline
+  cpu/fast_mem_ops.cpp)
+
+zorvac_sources(ZORVAC_COMMON_SOURCES baseline
+  cpu/dispfail.cpp
+  startup/bad_proc.cpp
+  startup/bad_proc_os.cpp
+  startup/new_proc_init.cpp
+  startup/proc_init.cpp
+  startup/proc_init.S
+  startup/proc_init_utils.cpp
+  startup/vrt_msg_support.cpp)

@@ -1,0 +1,132 @@
+#ifndef ZORVAC_CPU_H
+#define ZORVAC_CPU_H
+/** Processor identification: feature indicators, the legacy class indicator, cache sizes.
+ *
+ *  Every processor-specific choice, in the library and in compiled programs, tests a mask against
+ *  the feature indicator. The pattern is always the same: if all bits of a mask are set, take the
+ *  variant that needs them; otherwise, if bit 0 is set, take the fallback; otherwise call
+ *  __zorva_cpu_features_init() and test again.
+ *
+ *  C, C++ and assembler source may include this header; assembler sees the bit table alone.
+ */
+
+/** The feature indicator, bit by bit: X(bit, identifier, name in messages).
+ *
+ *  A bit is set only where the operating system has also enabled the register state it needs.
+ *  Bits 25 and 26 are never set by detection, bits 40 to 63 do not exist.
+ *  Source of the bits: the CPUID instruction's leaves 1, 7 and 0x80000001 as documented in the
+ *  processor makers' architecture manuals. */
+#define ZORVAC_FEATURES(X)                                   \
+  X(0, GENERIC_X86, "GENERIC_X86")                           \
+  X(1, X87, "X87")                                           \
+  X(2, CMOV, "CMOV")                                         \
+  X(3, MMX, "MMX")                                           \
+  X(4, FXSAVE, "FXSAVE")                                     \
+  X(5, SSE, "SSE")                                           \
+  X(6, SSE2, "SSE2")                                         \
+  X(7, SSE3, "SSE3")                                         \
+  X(8, SSSE3, "SSSE3")                                       \
+  X(9, SSE4_1, "SSE4_1")                                     \
+  X(10, SSE4_2, "SSE4_2")                                    \
+  X(11, MOVBE, "MOVBE")                                      \
+  X(12, POPCNT, "POPCNT")                                    \
+  X(13, PCLMULQDQ, "PCLMULQDQ")                              \
+  X(14, AES, "AES")                                          \
+  X(15, F16C, "F16C")                                        \
+  X(16, AVX, "AVX")                                          \
+  X(17, RDRND, "RDRND")                                      \
+  X(18, FMA, "FMA")                                          \
+  X(19, BMI, "BMI")                                          \
+  X(20, LZCNT, "LZCNT")                                      \
+  X(21, HLE, "HLE")                                          \
+  X(22, RTM, "RTM")                                          \
+  X(23, AVX2, "AVX2")                                        \
+  X(24, AVX512DQ, "AVX512DQ")                                \
+  X(25, UNNAMED_25, "")                                      \
+  X(26, QRTNI, "QRTNI")                                      \
+  X(27, AVX512F, "AVX512F")                                  \
+  X(28, ADX, "ADX")                                          \
+  X(29, RDSEED, "RDSEED")                                    \
+  X(30, AVX512IFMA52, "AVX512IFMA52")                        \
+  X(31, FULLY_INORDER_PROCESSOR, "FULLY INORDER PROCESSOR")  \
+  X(32, AVX512ER, "AVX512ER")                                \
+  X(33, AVX512PF, "AVX512PF")                                \
+  X(34, AVX512CD, "AVX512CD")                                \
+  X(35, SHA, "SHA")                                          \
+  X(36, MPX, "MPX")                                          \
+  X(37, AVX512BW, "AVX512BW")                                \
+  X(38, AVX512VL, "AVX512VL")                                \
+  X(39, AVX512VBMI, "AVX512VBMI")
+
+#ifndef __ASSEMBLER__
+#include <stdint.h>
+
+/** ZORVAC_FEATURE_AVX2 and so on: the mask of each feature in the indicator words. */
+#ifdef __cplusplus
+#define ZORVAC_FEATURE_MASK(bit, id, name) inline constexpr uint64_t ZORVAC_FEATURE_##id = 1ULL << (bit);
+ZORVAC_FEATURES(ZORVAC_FEATURE_MASK)
+#undef ZORVAC_FEATURE_MASK
+#else
+#define ZORVAC_FEATURE_MASK(bit, id, name) static const uint64_t ZORVAC_FEATURE_##id = 1ULL << (bit);
+ZORVAC_FEATURES(ZORVAC_FEATURE_MASK)
+#undef ZORVAC_FEATURE_MASK
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/** Features of this processor; the word that every dispatch tests. 0 until detection has run, then
+ *  bit 0 is set. Exactly 1 on a processor of another vendor than the one the library was built
+ *  for, and on one without CPUID leaf 1. Read it directly; only detection writes it. */
+extern uint64_t __zorva_cpu_feature_indicator;
+
+/** The same word whatever the vendor, filled by __zorva_cpu_features_init_x() and, on a processor
+ *  of the accepted vendor, by __zorva_cpu_features_init(). 0 until then. */
+extern uint64_t __zorva_cpu_feature_indicator_x;
+
+/** Class of this processor for older dispatch code: 0 until __zorva_cpu_indicator_init() has run,
+ *  then exactly one bit: 0x1 generic, 0x800 SSE3, 0x1000 SSSE3, 0x4000 MOVBE without SSE4.1,
+ *  0x2000 SSE4.1, 0x8000 SSE4.2 and POPCNT, 0x10000 PCLMULQDQ and AES, 0x20000 AVX, 0x40000 AVX
+ *  and F16C, 0x200000 AVX2 with BMI, LZCNT, FMA, HLE and RTM, 0x800000 ADX and RDSEED, 0x2000000
+ *  AVX-512 F CD ER PF, 0x4000000 AVX-512 F DQ BW VL. The library itself never reads it. */
+extern uint32_t __zorva_cpu_indicator;
+
+/** Detects the processor's features, with the vendor test, and stores the indicator word(s).
+ *
+ *  Registers: changes R10, R11 and the flags at most; every other integer register and every
+ *             vector and mask register survives, so a dispatch stub may call it between receiving
+ *             and forwarding its arguments.
+ *  Threads:   any thread, any number of times; every call stores the same whole words.
+ *  Errors:    none. */
+void __zorva_cpu_features_init(void);
+
+/** Detects the features of a processor of any vendor into __zorva_cpu_feature_indicator_x alone.
+ *  On a processor without CPUID leaf 1 that word stays as it is, and
+ *  __zorva_cpu_feature_indicator becomes 1. Registers, threads, errors: as above. */
+void __zorva_cpu_features_init_x(void);
+
+/** Computes the processor's class and stores it into __zorva_cpu_indicator. Independent of the
+ *  feature indicators. Registers, threads, errors: as __zorva_cpu_features_init(). */
+void __zorva_cpu_indicator_init(void);
+
+/** Called by a dispatch stub that found no code for the processor's class: ends the process by
+ *  writing to address zero, without a message. Does not return. */
+void __zorva_cpu_dispatch_fail(void) __attribute__((noreturn));
+
+/** Size in KB of this processor's data or unified cache of a level.
+ *
+ *  level   1, 2 or 3
+ *  returns KB (1024 bytes); 0 for any other level, a level that does not exist, or a processor
+ *          of another vendor than the one the library was built for
+ *  Threads: re-entrant. Registers: System V AMD64. Memory: allocates nothing.
+ *  Source:  CPUID leaf 4, or the descriptor bytes of leaf 2 through the makers' published table. */
+uint32_t __cacheSize(uint32_t level);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+#endif /* __ASSEMBLER__ */
+#endif

@@ -1,0 +1,37 @@
+#ifndef ZORVAC_CORE_LEVELS_H
+#define ZORVAC_CORE_LEVELS_H
+// The processor levels that dispatchers require, each the level below it and some more features;
+// one definition for C++ and for assembler source.
+//
+// The sets are contracts with compiled programs, not descriptions of a processor: MOVBE is in none
+// of them, and the AVX-512 level asks for the exponential and prefetch extensions, which only one
+// processor line has.
+#include "zorvac/cpu.h"
+
+#ifdef __ASSEMBLER__
+#define ZORVAC_DEFINE_FEATURE(bit, id, name) .set ZORVAC_FEATURE_##id, 1 << bit;
+ZORVAC_FEATURES(ZORVAC_DEFINE_FEATURE)
+#undef ZORVAC_DEFINE_FEATURE
+#endif
+
+// clang-format off
+#define ZORVAC_INITIALISED      (ZORVAC_FEATURE_GENERIC_X86)
+#define ZORVAC_BASE_LEVEL       (ZORVAC_INITIALISED | ZORVAC_FEATURE_X87 | ZORVAC_FEATURE_CMOV | \
+                                 ZORVAC_FEATURE_MMX | ZORVAC_FEATURE_FXSAVE | ZORVAC_FEATURE_SSE)
+#define ZORVAC_SSE2_LEVEL       (ZORVAC_BASE_LEVEL | ZORVAC_FEATURE_SSE2)
+#define ZORVAC_SSE3_LEVEL       (ZORVAC_SSE2_LEVEL | ZORVAC_FEATURE_SSE3)
+#define ZORVAC_SSSE3_LEVEL      (ZORVAC_SSE3_LEVEL | ZORVAC_FEATURE_SSSE3)
+#define ZORVAC_SSE4_1_LEVEL     (ZORVAC_SSSE3_LEVEL | ZORVAC_FEATURE_SSE4_1)
+#define ZORVAC_SSE4_2_LEVEL     (ZORVAC_SSE4_1_LEVEL | ZORVAC_FEATURE_SSE4_2 | \
+                                 ZORVAC_FEATURE_POPCNT)
+#define ZORVAC_AVX_LEVEL        (ZORVAC_SSE4_2_LEVEL | ZORVAC_FEATURE_AVX)
+#define ZORVAC_F16C_LEVEL       (ZORVAC_AVX_LEVEL | ZORVAC_FEATURE_F16C)
+#define ZORVAC_AVX2_LEVEL       (ZORVAC_F16C_LEVEL | ZORVAC_FEATURE_FMA | ZORVAC_FEATURE_BMI | \
+                                 ZORVAC_FEATURE_LZCNT | ZORVAC_FEATURE_AVX2)
+#define ZORVAC_AVX512_ERPF_LEVEL                                                            \
+                                (ZORVAC_AVX2_LEVEL | ZORVAC_FEATURE_AVX512F |               \
+                                 ZORVAC_FEATURE_ADX | ZORVAC_FEATURE_RDSEED |               \
+                                 ZORVAC_FEATURE_AVX512ER | ZORVAC_FEATURE_AVX512PF |        \
+                                 ZORVAC_FEATURE_AVX512CD)
+// clang-format on
+#endif

@@ -1,0 +1,14 @@
+// The legacy processor indicator. Like feature detection it is called from dispatch stubs, and
+// keeps every register in the same way: general registers only, everything inlined.
+#include "cpu/cpu_disp.h"
+
+#include "core/export.h"
+#include "zorvac/cpu.h"
+
+std::uint32_t __zorva_cpu_indicator;
+
+ZORVAC_EXPORT_AS("__zorva_cpu_indicator_init", ZORVAC_PRESERVES_REGISTERS void indicator_init());
+void indicator_init() {
+  __zorva_cpu_indicator =
+      zorvac::cpu::classify(zorvac::hardware_processor{}, zorvac::accepted_vendor);
+}

@@ -1,0 +1,102 @@
+#ifndef ZORVAC_CPU_CPU_DISP_H
+#define ZORVAC_CPU_CPU_DISP_H
+// The class of a processor, for dispatch code that compares one word instead of testing masks.
+#include "core/processor.h"
+#include "core/vendor.h"
+
+namespace zorvac::cpu {
+
+// The values are the interface; they are not in the order of capability.
+namespace processor_class {
+inline constexpr std::uint32_t generic = 0x1;
+inline constexpr std::uint32_t sse3 = 0x800;
+inline constexpr std::uint32_t ssse3 = 0x1000;
+inline constexpr std::uint32_t movbe = 0x4000;
+inline constexpr std::uint32_t sse4_1 = 0x2000;
+inline constexpr std::uint32_t sse4_2_popcnt = 0x8000;
+inline constexpr std::uint32_t pclmulqdq_aes = 0x10000;
+inline constexpr std::uint32_t avx = 0x20000;
+inline constexpr std::uint32_t avx_f16c = 0x40000;
+inline constexpr std::uint32_t avx2 = 0x200000;
+inline constexpr std::uint32_t adx_rdseed = 0x800000;
+inline constexpr std::uint32_t avx512_er_pf = 0x2000000;
+inline constexpr std::uint32_t avx512_bw_vl = 0x4000000;
+}  // namespace processor_class
+
+// CPUID feature bits; a name says the leaf and the register.
+namespace leaf1_ecx {
+inline constexpr std::uint32_t sse3 = 1 << 0, pclmulqdq = 1 << 1, ssse3 = 1 << 9, fma = 1 << 12,
+                               sse4_1 = 1 << 19, sse4_2 = 1 << 20, movbe = 1 << 22,
+                               popcnt = 1 << 23, aes = 1 << 25, osxsave = 1 << 27, avx = 1 << 28,
+                               f16c = 1 << 29;
+}  // namespace leaf1_ecx
+namespace leaf7_ebx {
+inline constexpr std::uint32_t bmi1 = 1 << 3, hle = 1 << 4, avx2 = 1 << 5, bmi2 = 1 << 8,
+                               rtm = 1 << 11, avx512f = 1 << 16, avx512dq = 1 << 17,
+                               rdseed = 1 << 18, adx = 1 << 19, avx512pf = 1 << 26,
+                               avx512er = 1 << 27, avx512cd = 1 << 28, avx512bw = 1 << 30,
+                               avx512vl = 1u << 31;
+}  // namespace leaf7_ebx
+namespace extended_ecx {
+inline constexpr std::uint32_t lzcnt = 1 << 5;
+}
+
+// The best class below AVX: each test that passes replaces the class outright, so a processor may
+// skip a step, and MOVBE counts only where SSE4.1 is missing.
+[[gnu::always_inline]] constexpr std::uint32_t sse_class(std::uint32_t ecx) {
+  using namespace leaf1_ecx;
+  std::uint32_t best = processor_class::generic;
+  if (has(ecx, sse3)) best = processor_class::sse3;
+  if (has(ecx, ssse3)) best = processor_class::ssse3;
+  if (has(ecx, movbe)) best = processor_class::movbe;
+  if (has(ecx, sse4_1)) best = processor_class::sse4_1;
+  if (has(ecx, sse4_2 | popcnt)) best = processor_class::sse4_2_popcnt;
+  if (has(ecx, pclmulqdq | aes)) best = processor_class::pclmulqdq_aes;
+  return best;
+}
+
+// The class of a processor with AVX, enabled by the operating system. ADX with RDSEED outranks the
+// AVX2 group without requiring it.
+template <processor Processor>
+[[gnu::always_inline]] constexpr std::uint32_t avx_class(const Processor& p, std::uint32_t ecx,
+                                                         std::uint64_t xcr0) {
+  using namespace leaf7_ebx;
+  const std::uint32_t ebx = p.cpuid(7, 0).ebx;
+  const std::uint32_t extended = p.cpuid(0x80000001, 0).ecx;
+  std::uint32_t best = processor_class::avx;
+  if (has(ecx, leaf1_ecx::f16c)) best = processor_class::avx_f16c;
+  if (has(ebx, avx2 | bmi1 | bmi2 | hle | rtm) && has(ecx, leaf1_ecx::fma) &&
+      has(extended, extended_ecx::lzcnt))
+    best = processor_class::avx2;
+  if (has(ebx, rdseed | adx)) best = processor_class::adx_rdseed;
+  if (has(xcr0, xcr0_zmm)) {
+    if (has(ebx, avx512f | avx512pf | avx512er | avx512cd)) best = processor_class::avx512_er_pf;
+    if (has(ebx, avx512f | avx512dq | avx512bw | avx512vl)) best = processor_class::avx512_bw_vl;
+  }
+  return best;
+}
+
+// Exactly one bit. The extended family does not count, and family 15 is told apart by SSE3 alone.
+template <processor Processor>
+[[gnu::always_inline]] constexpr std::uint32_t classify(const Processor& p,
+                                                        const vendor_rule& vendor) {
+  if (!p.has_cpuid()) return processor_class::generic;
+  const cpuid_answer leaf0 = p.cpuid(0, 0);
+  if (leaf0.eax == 0 || !vendor.accepts(leaf0)) return processor_class::generic;
+
+  const cpuid_answer leaf1 = p.cpuid(1, 0);
+  const std::uint32_t family = leaf1.eax >> 8 & 0xf;
+  if (family == 15)
+    return has(leaf1.ecx, leaf1_ecx::sse3) ? processor_class::sse3 : processor_class::generic;
+  if (family != 6) return processor_class::generic;
+
+  if (has(leaf1.ecx, leaf1_ecx::osxsave)) {
+    const std::uint64_t xcr0 = p.xgetbv();
+    if (has(xcr0, xcr0_ymm) && has(leaf1.ecx, leaf1_ecx::avx))
+      return avx_class(p, leaf1.ecx, xcr0);
+  }
+  return sse_class(leaf1.ecx);
+}
+
+}  // namespace zorvac::cpu
+#endif

@@ -1,0 +1,44 @@
+// Cache detection on the processor at hand: the query, and the initialiser that runs at load.
+// Whichever comes first does the work. Two threads that come first together store the same words.
+#include "cpu/fast_mem_ops.h"
+
+#include "zorvac/cpu.h"
+
+using namespace zorvac;
+
+extern "C" {
+
+std::int32_t __libvrt_largest_cache_size;
+std::int32_t __libvrt_largest_cache_size_half;
+std::int32_t __libvrt_data_cache_size;
+std::int32_t __libvrt_data_cache_size_half;
+std::int32_t __libvrt_mem_ops_method;
+std::int32_t __libvrt_largest_cachelinesize;
+std::int32_t __libvrt_tmp;
+cpu::cache_table __libvrt_cache_tbl;
+}
+
+namespace {
+void ensure_detected() {
+  if (__libvrt_cache_tbl.computed == 0)
+    cpu::detect_caches(hardware_processor{}, accepted_vendor, __libvrt_cache_tbl);
+}
+}  // namespace
+
+[[gnu::constructor]] void cpu::load_time_initialiser() {
+  ensure_detected();
+  const cache_thresholds t = derive_thresholds(hardware_processor{}, __libvrt_cache_tbl);
+  __libvrt_largest_cache_size = t.largest_cache_size;
+  __libvrt_largest_cache_size_half = t.largest_cache_size_half;
+  __libvrt_data_cache_size = t.data_cache_size;
+  __libvrt_data_cache_size_half = t.data_cache_size_half;
+  __libvrt_largest_cachelinesize = t.largest_cachelinesize;
+  __libvrt_mem_ops_method = t.mem_ops_method;
+  __libvrt_tmp = t.mem_ops_method;
+}
+
+extern "C" std::uint32_t __cacheSize(std::uint32_t level) {
+  if (level < 1 || level > 3) return 0;
+  ensure_detected();
+  return __libvrt_cache_tbl.level(level).size_kb;
+}

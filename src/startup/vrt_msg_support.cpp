@@ -1,0 +1,168 @@
+// The message table, its catalogue and the print routine.
+//
+// Everything here is for diagnostics shortly before a process ends: static buffers, no lock, no
+// allocation of our own. Formatting goes through the C library's overflow-checked routine, which
+// ends the process rather than write past the buffer.
+#include "startup/vrt_msg_support.h"
+
+#include <nl_types.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+using zorvac::startup::message_buffer_bytes;
+using zorvac::startup::to_standard_error;
+
+// Entries that no routine prints keep their place: the catalogue is shared with companion tools
+// and with builds for other systems. No routine reads the categories.
+// clang-format off
+extern "C" constexpr zorvac::startup::table_entry vrt_msgtab[] = {
+    {0, 1, "\n"},
+    {1, 4, "Constant propagation error (%s substitution):"},
+    {2, 1, "FORMAL"},
+    {3, 1, "RETURN"},
+    {4, 1, "GLOBAL"},
+    {5, 1, "\tI32 %lx != %lx"},
+    {6, 1, "\tSI32 %ld != %ld"},
+    {7, 1, "\tF32 %f != %f"},
+    {8, 1, "\tI64 %lx:%lx != %lx:%lx"},
+    {9, 1, "\tSI64 %ld:%ld != %ld:%ld"},
+    {10, 1, "\tF64 %f != %f"},
+    {11, 4, "Bad second argument"},
+    {12, 4, "Fatal Error: Can not initiate the Heap"},
+    {13, 4, "Usage: %s input_file output_file"},
+    {14, 4, "Usage: %s segment_size input_file [-trace]"},
+    {15, 4, "Conversion from text file %s to binary %s completed"},
+    {16, 4, "segment_size = 0x%x = %d"},
+    {17, 4, "Cannot allocate memory to hold segment (size = 0x%x)"},
+    {18, 4, "Input file: %s corrupted"},
+    {19, 4, "routine_name = '%s'"},
+    {20, 4, "file_name    = '%s'"},
+    {21, 4, "prof_dir     = '%s'"},
+    {22, 4, "Dynamic profile created from file %s completed"},
+    {23, 4, "Fatal Error: This program was not built to run on the processor in your system."},
+    {24, 4, "The allowed processors are: %s."},
+    {25, 4, "Run-Time Check Failure: The variable '%s' is being used without being initialized"},
+    {26, 4, "Error:  Buffer overrun occurred, forced exit"},
+    {27, 4, "Initialization of symbol handler failed. Error code %d"},
+    {28, 4, "NTDLL module not found"},
+    {29, 4, "RtlCaptureContext function not found in ntdll.dll"},
+    {30, 4, " Windows XP 64-bit Edition Version 2003 or newer should be used."},
+    {31, 4, "StackWalk is terminated abnormally. Error code %d"},
+    {32, 4, "Exception is raised during stack walking"},
+    {33, 4, "Signal %s is raised"},
+    {34, 4, "Signal %s is raised at 0x%p"},
+    {35, 1, "SIGSEGV"},
+    {36, 1, "SIGILL"},
+    {37, 1, "SIGBUS"},
+    {38, 1, "SIGFPE"},
+    {39, 1, "unknown"},
+    {40, 1, "No error"},
+    {41, 1, "You must link with libunwind to use traceback functionality"},
+    {42, 4, "Zorva(R) Nexil(TM) Duo processors and compatible Zorva processors with supplemental Streaming SIMD Extensions 3 (SSSE3) instruction support"},
+    {43, 4, "Zorva(R) Quoral(R) 4 and compatible Zorva processors with Zorva(R) Streaming SIMD Extensions 3 (Zorva(R) SSE3) instruction support"},
+    {44, 4, "Zorva(R) Quoral(R) M and compatible Zorva processors"},
+    {45, 4, "Zorva(R) Quoral(R) 4 and compatible Zorva processors. Enables new optimizations in addition to Zorva processor-specific optimizations"},
+    {46, 4, "Zorva(R) processors with Tarn New Instructions support"},
+    {47, 4, "Zorva(R) processors with SSE4.2 and POPCNT instructions support"},
+    {48, 4, "Zorva(R) processors with MOVBE instructions support"},
+    {49, 4, "Fatal Error: This program was not built to run in your system."},
+    {50, 4, "Please verify that both the operating system and the processor support Zorva(R) AVX."},
+    {51, 4, "Please verify that both the operating system and the processor support Zorva(R) AVX, F16C and RDRAND instructions."},
+    {52, 4, "Please verify that both the operating system and the processor support Zorva(R) AVX2, BMI, LZCNT, HLE, RTM and FMA instructions."},
+    {53, 4, "Boundary Run-Time Check Failure for variable '%s'"},
+    {54, 4, "Boundary Run-Time Check Failure"},
+    {55, 4, "Conversion Run-Time Check Failure"},
+    {56, 4, "Please verify that both the operating system and the processor support Zorva(R) %s instructions."},
+    {57, 4, " and "},
+    {58, 4, "Please verify that your application was built with compatible Zorva(R) libvrt library"},
+    {59, 4, "Use of incompatible or internally inconsistent Zorva(R) libvrt library"},
+    {60, 4, "Run-Time Check Failure: The variable '%s' is being used in %s without being initialized"},
+};
+// clang-format on
+static_assert(sizeof(vrt_msgtab) / sizeof(vrt_msgtab[0]) == zorvac::startup::message_count);
+
+namespace {
+
+constexpr char catalog_name[] = "vrt_msg.cat";
+constexpr int catalog_set = 1;
+
+bool first_msg = true;  // until the catalogue has been tried
+bool use_internal_msg = true;
+nl_catd message_catalog;
+char get_msg_buf[message_buffer_bytes];
+char print_buf[message_buffer_bytes];
+
+bool is_open(nl_catd catalog) {
+  return catalog != reinterpret_cast<nl_catd>(-1);  // NOLINT(performance-no-int-to-ptr)
+}
+
+// Opens the catalogue for the LANG of the environment; where there is none, for LANG without its
+// codeset ("de_DE.UTF-8" as "de_DE"), with LANG as it was again afterwards.
+nl_catd open_catalog() {
+  const nl_catd catalog = catopen(catalog_name, 0);
+  const char* lang = std::getenv("LANG");
+  if (is_open(catalog) || lang == nullptr) return catalog;
+
+  char language[128] = {};
+  std::strncpy(language, lang, sizeof language - 1);
+  char* codeset = std::strchr(language, '.');
+  if (codeset == nullptr) return catalog;
+  *codeset = '\0';
+  setenv("LANG", language, 1);
+  const nl_catd second = catopen(catalog_name, 0);
+  // The C library never frees a value that setenv replaces, so the whole old text, which may be
+  // longer than our copy, is still there.
+  setenv("LANG", lang, 1);
+  return second;
+}
+
+// `number` is not range-checked: it comes from the library, never from a program.
+const char* look_up(int number) {
+  if (first_msg) {
+    first_msg = false;
+    message_catalog = open_catalog();
+    if (is_open(message_catalog)) use_internal_msg = false;
+  }
+  const char* text = vrt_msgtab[number].text;
+  return use_internal_msg ? text : catgets(message_catalog, catalog_set, number, text);
+}
+
+void format(char (&buffer)[message_buffer_bytes], const char* text, va_list arguments) {
+  __builtin___vsprintf_chk(buffer, 1, sizeof buffer, text, arguments);
+}
+
+}  // namespace
+
+extern "C" const char* __libvrt_get_msg(int msgno, int nargs, ...) {
+  if (msgno == 0) return "";
+  const char* text = look_up(msgno);
+  if (nargs <= 0) return text;
+  va_list arguments;
+  va_start(arguments, nargs);
+  format(get_msg_buf, text, arguments);
+  va_end(arguments);
+  return get_msg_buf;
+}
+
+extern "C" void __libvrt_print(int dest, int msgno, int nargs, ...) {
+  FILE* stream = dest == to_standard_error ? stderr : stdout;
+  if (msgno != 0) {
+    const char* text = look_up(msgno);
+    if (nargs > 0) {
+      va_list arguments;
+      va_start(arguments, nargs);
+      format(print_buf, text, arguments);
+      va_end(arguments);
+      text = print_buf;
+    }
+    // The text is the format, with no arguments: the catalogues are written for that.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+    std::fprintf(stream, text);
+#pragma GCC diagnostic pop
+  }
+  std::fprintf(stream, "\n");
+}

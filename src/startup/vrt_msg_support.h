@@ -1,0 +1,54 @@
+#ifndef ZORVAC_STARTUP_VRT_MSG_SUPPORT_H
+#define ZORVAC_STARTUP_VRT_MSG_SUPPORT_H
+// Numbered messages: looked up in the message catalogue where there is one, else in the built-in
+// table, and printed as whole lines. Every text that the library prints leaves through here.
+#include <cstddef>
+#include <cstdint>
+
+namespace zorvac::startup {
+
+// The messages that the library itself uses, by their number in the table and in the catalogue.
+namespace message {
+inline constexpr int line_end = 0;
+inline constexpr int not_built_for_processor = 23;
+inline constexpr int allowed_processors = 24;
+inline constexpr int not_built_for_system = 49;
+inline constexpr int verify_features = 56;
+inline constexpr int list_separator = 57;
+inline constexpr int verify_compatible_library = 58;
+inline constexpr int inconsistent_library = 59;
+}  // namespace message
+
+struct table_entry {
+  std::int32_t number;  // equal to the index
+  std::int32_t category;
+  const char* text;
+};
+inline constexpr int message_count = 61;
+
+// The longest text that formatting may produce, with its terminator.
+inline constexpr std::size_t message_buffer_bytes = 512;
+
+// The streams of __libvrt_print.
+inline constexpr int to_standard_error = 1;
+inline constexpr int to_standard_output = 2;
+
+}  // namespace zorvac::startup
+
+extern "C" {
+
+extern const zorvac::startup::table_entry vrt_msgtab[zorvac::startup::message_count];
+
+// The text of message `msgno`, 0 to 60; the empty text for 0. With nargs > 0 the text is a printf
+// format for the arguments that follow, and the result stands in a static buffer. Valid until the
+// next call. Ends the process, as the C library ends one on a buffer overflow, when the result
+// needs more than message_buffer_bytes. Not re-entrant.
+const char* __libvrt_get_msg(int msgno, int nargs, ...);
+
+// Prints message `msgno` and a newline on standard error (dest 1) or standard output; only the
+// newline for 0. With nargs > 0 it is formatted first, as above. The text printed is then itself
+// taken as a format: a per-cent sign in a substituted value would be interpreted again, so callers
+// substitute names and numbers that have none. Not re-entrant.
+void __libvrt_print(int dest, int msgno, int nargs, ...);
+}
+#endif

@@ -1,0 +1,78 @@
+// Child processes with both output streams caught.
+#include "support/child.h"
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace zorvac::test {
+
+std::ostream& operator<<(std::ostream& out, const outcome& o) {
+  return out << "exit status " << o.exit_status << ", signal " << o.signal << "\nstandard output: "
+             << o.standard_output << "\nstandard error: " << o.standard_error;
+}
+
+outcome run_in_child(const std::function<void()>& body) {
+  std::array<int, 2> out{}, err{};
+  if (pipe(out.data()) != 0 || pipe(err.data()) != 0) throw std::runtime_error("pipe failed");
+  std::fflush(nullptr);  // or the child would print what the parent has buffered
+  const pid_t child = fork();
+  if (child < 0) throw std::runtime_error("fork failed");
+  if (child == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    dup2(err[1], STDERR_FILENO);
+    for (const int fd : {out[0], out[1], err[0], err[1]}) close(fd);
+    body();
+    std::fflush(nullptr);
+    _exit(0);
+  }
+  close(out[1]);
+  close(err[1]);
+
+  outcome result;
+  std::array<pollfd, 2> streams{{{out[0], POLLIN, 0}, {err[0], POLLIN, 0}}};
+  std::array<std::string*, 2> texts{&result.standard_output, &result.standard_error};
+  for (int open = 2; open > 0;) {
+    poll(streams.data(), streams.size(), -1);
+    for (std::size_t i = 0; i < streams.size(); ++i) {
+      if (streams[i].fd < 0 || streams[i].revents == 0) continue;
+      std::array<char, 4096> chunk{};
+      const ssize_t bytes = read(streams[i].fd, chunk.data(), chunk.size());
+      if (bytes > 0) {
+        texts[i]->append(chunk.data(), static_cast<std::size_t>(bytes));
+      } else {
+        close(streams[i].fd);
+        streams[i].fd = -1;
+        --open;
+      }
+    }
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (WIFEXITED(status)) result.exit_status = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+  return result;
+}
+
+outcome run_program(const std::vector<std::string>& command,
+                    const std::vector<std::string>& settings) {
+  return run_in_child([&] {
+    for (const std::string& setting : settings) {
+      const std::size_t equals = setting.find('=');
+      setenv(setting.substr(0, equals).c_str(), setting.substr(equals + 1).c_str(), 1);
+    }
+    std::vector<char*> arguments;
+    for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
+    arguments.push_back(nullptr);
+    execvp(arguments[0], arguments.data());
+    std::perror(arguments[0]);
+    _exit(127);
+  });
+}
+
+}  // namespace zorvac::test

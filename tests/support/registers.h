@@ -1,0 +1,41 @@
+#ifndef ZORVAC_TESTS_SUPPORT_REGISTERS_H
+#define ZORVAC_TESTS_SUPPORT_REGISTERS_H
+// Calls a routine with every register filled and tells what it left in each: for routines that
+// promise more than the platform's calling convention, or have one of their own.
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace zorvac::test {
+
+enum gpr : int { rax, rcx, rdx, rbx, rsp, rbp, rsi, rdi, r8, r9, r10, r11, r12, r13, r14, r15 };
+
+// All that a routine could change. The assembler side knows the offsets.
+struct alignas(64) register_file {
+  std::array<std::uint64_t, 16> general{};  // RSP is not set; afterwards: its value at the return
+  std::array<std::array<std::uint8_t, 64>, 32> vector{};  // XMM, YMM or ZMM, as the host has them
+  std::array<std::uint64_t, 8> mask{};
+  std::uint32_t mxcsr = 0x1f80;
+  std::uint16_t x87_control = 0x037f;
+  std::uint16_t unused = 0;
+  std::uint64_t flags = 0;
+};
+
+// The widest register state that this machine has: bytes of a vector register (16, 32 or 64), and
+// how many there are (16, or 32 with mask registers).
+int vector_bytes();
+int vector_count();
+
+// A file with different bytes everywhere.
+register_file filled_registers(unsigned seed);
+
+// Calls `routine` with the registers of `in` and returns the registers as it left them.
+register_file call_with_registers(void (*routine)(), const register_file& in);
+
+// The names of the registers that differ, the general ones without RSP, R10 and R11.
+std::vector<std::string> changed_registers(const register_file& before,
+                                           const register_file& after);
+
+}  // namespace zorvac::test
+#endif
