@@ -7,7 +7,9 @@
 # EVEX instructions, and none of those may have a weak symbol.
 
 set(ZORVAC_FLAGS_baseline "")
-set(ZORVAC_FLAGS_general -mgeneral-regs-only)
+# No sibling calls: clang restores the argument registers of a register-preserving routine before it
+# jumps to the callee, which then never sees its arguments.
+set(ZORVAC_FLAGS_general -mgeneral-regs-only -fno-optimize-sibling-calls)
 
 # zorvac_sources(<list> <instruction set> <source>...)
 function(zorvac_sources list isa)

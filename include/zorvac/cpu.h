@@ -16,46 +16,46 @@
  *  Bits 25 and 26 are never set by detection, bits 40 to 63 do not exist.
  *  Source of the bits: the CPUID instruction's leaves 1, 7 and 0x80000001 as documented in the
  *  processor makers' architecture manuals. */
-#define ZORVAC_FEATURES(X)                                   \
-  X(0, GENERIC_X86, "GENERIC_X86")                           \
-  X(1, X87, "X87")                                           \
-  X(2, CMOV, "CMOV")                                         \
-  X(3, MMX, "MMX")                                           \
-  X(4, FXSAVE, "FXSAVE")                                     \
-  X(5, SSE, "SSE")                                           \
-  X(6, SSE2, "SSE2")                                         \
-  X(7, SSE3, "SSE3")                                         \
-  X(8, SSSE3, "SSSE3")                                       \
-  X(9, SSE4_1, "SSE4_1")                                     \
-  X(10, SSE4_2, "SSE4_2")                                    \
-  X(11, MOVBE, "MOVBE")                                      \
-  X(12, POPCNT, "POPCNT")                                    \
-  X(13, PCLMULQDQ, "PCLMULQDQ")                              \
-  X(14, AES, "AES")                                          \
-  X(15, F16C, "F16C")                                        \
-  X(16, AVX, "AVX")                                          \
-  X(17, RDRND, "RDRND")                                      \
-  X(18, FMA, "FMA")                                          \
-  X(19, BMI, "BMI")                                          \
-  X(20, LZCNT, "LZCNT")                                      \
-  X(21, HLE, "HLE")                                          \
-  X(22, RTM, "RTM")                                          \
-  X(23, AVX2, "AVX2")                                        \
-  X(24, AVX512DQ, "AVX512DQ")                                \
-  X(25, UNNAMED_25, "")                                      \
-  X(26, QRTNI, "QRTNI")                                      \
-  X(27, AVX512F, "AVX512F")                                  \
-  X(28, ADX, "ADX")                                          \
-  X(29, RDSEED, "RDSEED")                                    \
-  X(30, AVX512IFMA52, "AVX512IFMA52")                        \
-  X(31, FULLY_INORDER_PROCESSOR, "FULLY INORDER PROCESSOR")  \
-  X(32, AVX512ER, "AVX512ER")                                \
-  X(33, AVX512PF, "AVX512PF")                                \
-  X(34, AVX512CD, "AVX512CD")                                \
-  X(35, SHA, "SHA")                                          \
-  X(36, MPX, "MPX")                                          \
-  X(37, AVX512BW, "AVX512BW")                                \
-  X(38, AVX512VL, "AVX512VL")                                \
+#define ZORVAC_FEATURES(X)                                  \
+  X(0, GENERIC_X86, "GENERIC_X86")                          \
+  X(1, X87, "X87")                                          \
+  X(2, CMOV, "CMOV")                                        \
+  X(3, MMX, "MMX")                                          \
+  X(4, FXSAVE, "FXSAVE")                                    \
+  X(5, SSE, "SSE")                                          \
+  X(6, SSE2, "SSE2")                                        \
+  X(7, SSE3, "SSE3")                                        \
+  X(8, SSSE3, "SSSE3")                                      \
+  X(9, SSE4_1, "SSE4_1")                                    \
+  X(10, SSE4_2, "SSE4_2")                                   \
+  X(11, MOVBE, "MOVBE")                                     \
+  X(12, POPCNT, "POPCNT")                                   \
+  X(13, PCLMULQDQ, "PCLMULQDQ")                             \
+  X(14, AES, "AES")                                         \
+  X(15, F16C, "F16C")                                       \
+  X(16, AVX, "AVX")                                         \
+  X(17, RDRND, "RDRND")                                     \
+  X(18, FMA, "FMA")                                         \
+  X(19, BMI, "BMI")                                         \
+  X(20, LZCNT, "LZCNT")                                     \
+  X(21, HLE, "HLE")                                         \
+  X(22, RTM, "RTM")                                         \
+  X(23, AVX2, "AVX2")                                       \
+  X(24, AVX512DQ, "AVX512DQ")                               \
+  X(25, UNNAMED_25, "")                                     \
+  X(26, QRTNI, "QRTNI")                                     \
+  X(27, AVX512F, "AVX512F")                                 \
+  X(28, ADX, "ADX")                                         \
+  X(29, RDSEED, "RDSEED")                                   \
+  X(30, AVX512IFMA52, "AVX512IFMA52")                       \
+  X(31, FULLY_INORDER_PROCESSOR, "FULLY INORDER PROCESSOR") \
+  X(32, AVX512ER, "AVX512ER")                               \
+  X(33, AVX512PF, "AVX512PF")                               \
+  X(34, AVX512CD, "AVX512CD")                               \
+  X(35, SHA, "SHA")                                         \
+  X(36, MPX, "MPX")                                         \
+  X(37, AVX512BW, "AVX512BW")                               \
+  X(38, AVX512VL, "AVX512VL")                               \
   X(39, AVX512VBMI, "AVX512VBMI")
 
 #ifndef __ASSEMBLER__
@@ -63,11 +63,13 @@
 
 /** ZORVAC_FEATURE_AVX2 and so on: the mask of each feature in the indicator words. */
 #ifdef __cplusplus
-#define ZORVAC_FEATURE_MASK(bit, id, name) inline constexpr uint64_t ZORVAC_FEATURE_##id = 1ULL << (bit);
+#define ZORVAC_FEATURE_MASK(bit, id, name) \
+  inline constexpr uint64_t ZORVAC_FEATURE_##id = 1ULL << (bit);
 ZORVAC_FEATURES(ZORVAC_FEATURE_MASK)
 #undef ZORVAC_FEATURE_MASK
 #else
-#define ZORVAC_FEATURE_MASK(bit, id, name) static const uint64_t ZORVAC_FEATURE_##id = 1ULL << (bit);
+#define ZORVAC_FEATURE_MASK(bit, id, name) \
+  static const uint64_t ZORVAC_FEATURE_##id = 1ULL << (bit);
 ZORVAC_FEATURES(ZORVAC_FEATURE_MASK)
 #undef ZORVAC_FEATURE_MASK
 #endif

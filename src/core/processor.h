@@ -74,8 +74,8 @@ template <class Word>
 
 // XCR0 state components, by the register state whose use the operating system has enabled
 // (processor architecture manuals, "Managing state using the XSAVE feature set").
-inline constexpr std::uint64_t xcr0_ymm = 1 << 1 | 1 << 2;           // SSE and AVX state
-inline constexpr std::uint64_t xcr0_mpx = 1 << 3 | 1 << 4;           // bound registers, their control
+inline constexpr std::uint64_t xcr0_ymm = 1 << 1 | 1 << 2;  // SSE and AVX state
+inline constexpr std::uint64_t xcr0_mpx = 1 << 3 | 1 << 4;  // bound registers, their control
 inline constexpr std::uint64_t xcr0_zmm = 1 << 5 | 1 << 6 | 1 << 7;  // masks, ZMM halves, ZMM16-31
 
 }  // namespace zorvac

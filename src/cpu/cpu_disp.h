@@ -92,8 +92,7 @@ template <processor Processor>
 
   if (has(leaf1.ecx, leaf1_ecx::osxsave)) {
     const std::uint64_t xcr0 = p.xgetbv();
-    if (has(xcr0, xcr0_ymm) && has(leaf1.ecx, leaf1_ecx::avx))
-      return avx_class(p, leaf1.ecx, xcr0);
+    if (has(xcr0, xcr0_ymm) && has(leaf1.ecx, leaf1_ecx::avx)) return avx_class(p, leaf1.ecx, xcr0);
   }
   return sse_class(leaf1.ecx);
 }

@@ -97,8 +97,8 @@ consteval packed_descriptors make_descriptor_table() {
   // clang-format on
   packed_descriptors table{};
   for (const descriptor& d : known)
-    table.entry[d.code] = {
-        d.level | d.line_bytes << 3 | d.lines_per_sector << 15 | d.ways << 22, d.size_kb};
+    table.entry[d.code] = {d.level | d.line_bytes << 3 | d.lines_per_sector << 15 | d.ways << 22,
+                           d.size_kb};
   return table;
 }
 inline constexpr packed_descriptors cpuid2_cache_tbl = make_descriptor_table();
@@ -163,8 +163,8 @@ constexpr void read_cache_descriptors(const Processor& p, cache_table& table) {
   }
 }
 
-// Finds the caches of an accepted vendor. Where every vendor is accepted, a processor that lists its
-// caches under leaf 0x8000001D, in the layout of leaf 4, is understood as well.
+// Finds the caches of an accepted vendor. Where every vendor is accepted, a processor that lists
+// its caches under leaf 0x8000001D, in the layout of leaf 4, is understood as well.
 template <processor Processor>
 constexpr void find_caches(const Processor& p, const vendor_rule& vendor, cache_table& table) {
   if (!p.has_cpuid()) return;

@@ -8,18 +8,17 @@
 using namespace zorvac::startup;
 
 #define ROUTINE(routine)
-#define ACCEPT(routine, mask, letter, known, flags_word) \
-  DIRECT(routine, letter, known, flags_word)
-#define DIRECT(routine, letter, known, flags_word)                     \
+#define ACCEPT(routine, mask, letter, known, flags_word) DIRECT(routine, letter, known, flags_word)
+#define DIRECT(routine, letter, known, flags_word)                       \
   ZORVAC_EXPORT_AS("__zorva_" #routine "." #letter,                      \
-                 void routine##_##letter([[maybe_unused]] int flags)); \
-  void routine##_##letter([[maybe_unused]] int flags) {                \
-    __zorva_proc_init_ftzdazule(known, flags_word);                    \
+                   void routine##_##letter([[maybe_unused]] int flags)); \
+  void routine##_##letter([[maybe_unused]] int flags) {                  \
+    __zorva_proc_init_ftzdazule(known, flags_word);                      \
   }
-#define REFUSE(routine, letter, reporter, message)                                              \
+#define REFUSE(routine, letter, reporter, message)                                 \
   ZORVAC_EXPORT_AS("__zorva_" #routine "." #letter, void routine##_##letter(int)); \
   void routine##_##letter(int) { reporter(message); }
-#define IGNORE(routine, letter)                                                  \
+#define IGNORE(routine, letter)                                                    \
   ZORVAC_EXPORT_AS("__zorva_" #routine "." #letter, void routine##_##letter(int)); \
   void routine##_##letter(int) {}
 #include "startup/proc_init_family.inc"

@@ -102,7 +102,7 @@ bool is_open(nl_catd catalog) {
 // Opens the catalogue for the LANG of the environment; where there is none, for LANG without its
 // codeset ("de_DE.UTF-8" as "de_DE"), with LANG as it was again afterwards.
 nl_catd open_catalog() {
-  const nl_catd catalog = catopen(catalog_name, 0);
+  nl_catd catalog = catopen(catalog_name, 0);
   const char* lang = std::getenv("LANG");
   if (is_open(catalog) || lang == nullptr) return catalog;
 
@@ -112,7 +112,7 @@ nl_catd open_catalog() {
   if (codeset == nullptr) return catalog;
   *codeset = '\0';
   setenv("LANG", language, 1);
-  const nl_catd second = catopen(catalog_name, 0);
+  nl_catd second = catopen(catalog_name, 0);
   // The C library never frees a value that setenv replaces, so the whole old text, which may be
   // longer than our copy, is still there.
   setenv("LANG", lang, 1);
@@ -126,8 +126,11 @@ const char* look_up(int number) {
     message_catalog = open_catalog();
     if (is_open(message_catalog)) use_internal_msg = false;
   }
-  const char* text = vrt_msgtab[number].text;
-  return use_internal_msg ? text : catgets(message_catalog, catalog_set, number, text);
+  const char* built_in = vrt_msgtab[number].text;
+  if (use_internal_msg) return built_in;
+  // A catalogue that was cut short may have been opened all the same, and then gives empty texts.
+  const char* text = catgets(message_catalog, catalog_set, number, built_in);
+  return *text != '\0' ? text : built_in;
 }
 
 void format(char (&buffer)[message_buffer_bytes], const char* text, va_list arguments) {

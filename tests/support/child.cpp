@@ -13,8 +13,9 @@
 namespace zorvac::test {
 
 std::ostream& operator<<(std::ostream& out, const outcome& o) {
-  return out << "exit status " << o.exit_status << ", signal " << o.signal << "\nstandard output: "
-             << o.standard_output << "\nstandard error: " << o.standard_error;
+  return out << "exit status " << o.exit_status << ", signal " << o.signal
+             << "\nstandard output: " << o.standard_output
+             << "\nstandard error: " << o.standard_error;
 }
 
 outcome run_in_child(const std::function<void()>& body) {

@@ -34,8 +34,7 @@ register_file filled_registers(unsigned seed);
 register_file call_with_registers(void (*routine)(), const register_file& in);
 
 // The names of the registers that differ, the general ones without RSP, R10 and R11.
-std::vector<std::string> changed_registers(const register_file& before,
-                                           const register_file& after);
+std::vector<std::string> changed_registers(const register_file& before, const register_file& after);
 
 }  // namespace zorvac::test
 #endif

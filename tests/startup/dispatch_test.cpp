@@ -1,0 +1,164 @@
+// The dispatchers of the letter-coded start-up checks, as a program sees them: which variant each
+// takes for which indicator, that a program can replace every variant, and that the stubs leave
+// all registers alone.
+//
+// This program defines all 40 variants itself. They note their number and the flags word they were
+// given, touching memory only, so that whatever changes in a register was changed by the stub.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/name_of_row.h"
+#include "support/registers.h"
+#include "zorvac/cpu.h"
+#include "zorvac/startup.h"
+
+extern "C" {
+int taken_variant;
+int taken_flags;
+}
+
+#define DEFINE_VARIANT(number, name)   \
+  asm(".text\n"                        \
+      ".globl \"" name                 \
+      "\"\n"                           \
+      ".type \"" name                  \
+      "\", @function\n"                \
+      "\"" name                        \
+      "\":\n"                          \
+      "movl $" #number                 \
+      ", taken_variant(%rip)\n"        \
+      "movl %edi, taken_flags(%rip)\n" \
+      "ret\n"                          \
+      ".size \"" name "\", . - \"" name "\"");
+#define VARIANTS(X)                  \
+  X(1, "__zorva_new_proc_init.H")    \
+  X(2, "__zorva_new_proc_init.A")    \
+  X(3, "__zorva_new_proc_init_B.L")  \
+  X(4, "__zorva_new_proc_init_B.K")  \
+  X(5, "__zorva_new_proc_init_B.J")  \
+  X(6, "__zorva_new_proc_init_B.A")  \
+  X(7, "__zorva_new_proc_init_N.L")  \
+  X(8, "__zorva_new_proc_init_N.K")  \
+  X(9, "__zorva_new_proc_init_N.J")  \
+  X(10, "__zorva_new_proc_init_N.A") \
+  X(11, "__zorva_new_proc_init_P.L") \
+  X(12, "__zorva_new_proc_init_P.A") \
+  X(13, "__zorva_new_proc_init_T.M") \
+  X(14, "__zorva_new_proc_init_T.A") \
+  X(15, "__zorva_new_proc_init_L.O") \
+  X(16, "__zorva_new_proc_init_L.A") \
+  X(17, "__zorva_new_proc_init_S.N") \
+  X(18, "__zorva_new_proc_init_S.A") \
+  X(19, "__zorva_new_proc_init_H.P") \
+  X(20, "__zorva_new_proc_init_H.A") \
+  X(21, "__zorva_new_proc_init_G.R") \
+  X(22, "__zorva_new_proc_init_G.A") \
+  X(23, "__zorva_new_proc_init_I.S") \
+  X(24, "__zorva_new_proc_init_I.A") \
+  X(25, "__zorva_new_proc_init_E.V") \
+  X(26, "__zorva_new_proc_init_E.A") \
+  X(27, "__zorva_proc_init.H")       \
+  X(28, "__zorva_proc_init.A")       \
+  X(29, "__zorva_proc_init_B.L")     \
+  X(30, "__zorva_proc_init_B.K")     \
+  X(31, "__zorva_proc_init_B.J")     \
+  X(32, "__zorva_proc_init_B.A")     \
+  X(33, "__zorva_proc_init_N.L")     \
+  X(34, "__zorva_proc_init_N.K")     \
+  X(35, "__zorva_proc_init_N.J")     \
+  X(36, "__zorva_proc_init_N.A")     \
+  X(37, "__zorva_proc_init_P.L")     \
+  X(38, "__zorva_proc_init_P.A")     \
+  X(39, "__zorva_proc_init_T.M")     \
+  X(40, "__zorva_proc_init_T.A")
+VARIANTS(DEFINE_VARIANT)
+
+namespace {
+
+using namespace zorvac::test;
+
+#define VARIANT_NAME(number, name) name,
+constexpr const char* variant_names[] = {"none", VARIANTS(VARIANT_NAME)};
+
+struct level {
+  std::uint64_t mask;
+  const char* variant;
+};
+struct dispatcher {
+  const char* name;
+  void (*routine)();
+  std::vector<level> levels;
+};
+void (*untyped(void (*routine)(int)))() { return reinterpret_cast<void (*)()>(routine); }
+
+const dispatcher dispatchers[] = {
+    {"__zorva_new_proc_init", untyped(__zorva_new_proc_init), {{0x3f, "H"}}},
+    {"__zorva_new_proc_init_B", untyped(__zorva_new_proc_init_B), {{0xff, "L"}, {0x7f, "K"}}},
+    {"__zorva_new_proc_init_N", untyped(__zorva_new_proc_init_N), {{0xff, "L"}, {0x7f, "K"}}},
+    {"__zorva_new_proc_init_P", untyped(__zorva_new_proc_init_P), {{0xff, "L"}}},
+    {"__zorva_new_proc_init_T", untyped(__zorva_new_proc_init_T), {{0x1ff, "M"}}},
+    {"__zorva_new_proc_init_L", untyped(__zorva_new_proc_init_L), {{0x1ff, "O"}}},
+    {"__zorva_new_proc_init_S", untyped(__zorva_new_proc_init_S), {{0x3ff, "N"}}},
+    {"__zorva_new_proc_init_H", untyped(__zorva_new_proc_init_H), {{0x17ff, "P"}}},
+    {"__zorva_new_proc_init_G", untyped(__zorva_new_proc_init_G), {{0x117ff, "R"}}},
+    {"__zorva_new_proc_init_I", untyped(__zorva_new_proc_init_I), {{0x197ff, "S"}}},
+    {"__zorva_new_proc_init_E", untyped(__zorva_new_proc_init_E), {{0x9d97ff, "V"}}},
+    {"__zorva_proc_init", __zorva_proc_init, {{0x3f, "H"}}},
+    {"__zorva_proc_init_B", __zorva_proc_init_B, {{0xff, "L"}, {0x7f, "K"}}},
+    {"__zorva_proc_init_N", __zorva_proc_init_N, {{0xff, "L"}, {0x7f, "K"}}},
+    {"__zorva_proc_init_P", __zorva_proc_init_P, {{0xff, "L"}}},
+    {"__zorva_proc_init_T", __zorva_proc_init_T, {{0x1ff, "M"}}},
+};
+
+class StartupDispatch : public testing::TestWithParam<dispatcher> {
+ protected:
+  // The variant that is taken under an indicator, which must have bit 0.
+  static std::string taken(std::uint64_t indicator) {
+    __zorva_cpu_feature_indicator = indicator;
+    return call();
+  }
+  static std::string call() {
+    taken_variant = 0;
+    const register_file before = filled_registers(7);
+    const register_file after = call_with_registers(GetParam().routine, before);
+    EXPECT_EQ(changed_registers(before, after), std::vector<std::string>{});
+    EXPECT_EQ(taken_flags, static_cast<int>(before.general[rdi]));
+    return variant_names[taken_variant];
+  }
+  static std::string variant(const char* letter) {
+    return std::string(GetParam().name) + "." + letter;
+  }
+  // What the table says should be taken.
+  static std::string expected(std::uint64_t indicator) {
+    for (const level& l : GetParam().levels)
+      if ((indicator & l.mask) == l.mask) return variant(l.variant);
+    return variant("A");
+  }
+};
+
+TEST_P(StartupDispatch, TakesTheFirstMaskThatIsWhollyPresent) {
+  EXPECT_EQ(taken(1), variant("A"));
+  EXPECT_EQ(taken(~std::uint64_t{0}), variant(GetParam().levels[0].variant));
+  for (const level& l : GetParam().levels) {
+    EXPECT_EQ(taken(l.mask), variant(l.variant));
+    for (int bit = 1; bit < 64; ++bit) {  // each bit of the mask missing, and each other one
+      const std::uint64_t one = std::uint64_t{1} << bit;
+      EXPECT_EQ(taken(l.mask & ~one), expected(l.mask & ~one)) << bit;
+      EXPECT_EQ(taken(~one), expected(~one)) << bit;
+      EXPECT_EQ(taken(l.mask | one), expected(l.mask | one)) << bit;
+    }
+  }
+}
+
+TEST_P(StartupDispatch, DetectsFirstWhenNothingIsKnown) {
+  __zorva_cpu_feature_indicator = 0;
+  const std::string variant = call();  // detection runs inside; no register may change
+  EXPECT_EQ(__zorva_cpu_feature_indicator & 1, 1u);
+  EXPECT_EQ(variant, expected(__zorva_cpu_feature_indicator));
+}
+
+INSTANTIATE_TEST_SUITE_P(Routines, StartupDispatch, testing::ValuesIn(dispatchers), name_of_row);
+
+}  // namespace
