@@ -7,6 +7,13 @@
 #include "support/registers.h"
 #include "zorvac/cpu.h"
 
+extern "C" void changes_two_registers();
+asm(".text\n"
+    "changes_two_registers:\n"
+    "pcmpeqd %xmm5, %xmm5\n"
+    "not %rax\n"
+    "ret\n");
+
 namespace {
 
 using namespace zorvac::test;
@@ -33,11 +40,7 @@ INSTANTIATE_TEST_SUITE_P(Detection, Preserves, testing::ValuesIn(routines), name
 // The shim itself: a routine that changes registers is caught.
 TEST(RegisterShim, SeesChanges) {
   const register_file before = filled_registers(1);
-  const register_file after = call_with_registers(
-      [] {
-        asm volatile("pcmpeqd %%xmm5, %%xmm5; not %%rax" ::: "rax", "xmm5");
-      },
-      before);
+  const register_file after = call_with_registers(changes_two_registers, before);
   EXPECT_EQ(changed_registers(before, after), (std::vector<std::string>{"rax", "vector 5"}));
 }
 
