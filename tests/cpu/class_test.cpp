@@ -5,6 +5,7 @@
 #include <random>
 
 #include "cpu/cpu_disp.h"
+#include "support/campaign.h"
 #include "support/child.h"
 #include "support/fake_processor.h"
 #include "support/identification_model.h"
@@ -99,7 +100,7 @@ TEST(ProcessorClassModel, AgreesOnRandomProcessors) {
   std::mt19937 engine{12};
   const auto random = [&] { return static_cast<std::uint32_t>(engine()); };
   const auto mostly_set = [&] { return random() | random() | random() | random(); };
-  for (int i = 0; i < 20000; ++i) {
+  for (long i = 0; i < random_cases(20000); ++i) {
     fake_processor p;
     p.leaf(0) = vendor_leaf(7, own_vendor);
     p.leaf(1) = {.eax = i % 8 == 0 ? random() : family_6, .ebx = 0, .ecx = mostly_set(), .edx = 0};

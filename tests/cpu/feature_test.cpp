@@ -5,6 +5,7 @@
 #include <random>
 
 #include "cpu/cpu_feature_disp.h"
+#include "support/campaign.h"
 #include "support/fake_processor.h"
 #include "support/identification_model.h"
 #include "support/name_of_row.h"
@@ -148,7 +149,7 @@ TEST(Features, AgreeWithTheModelOnRandomProcessors) {
   std::mt19937 engine{20};
   const auto random = [&] { return static_cast<std::uint32_t>(engine()); };
   const auto mostly_set = [&] { return random() | random(); };
-  for (int i = 0; i < 20000; ++i) {
+  for (long i = 0; i < random_cases(20000); ++i) {
     fake_processor p;
     p.leaf(0) = vendor_leaf(7, own_vendor);
     p.leaf(1) = {.eax = random(), .ebx = random(), .ecx = mostly_set(), .edx = mostly_set()};
