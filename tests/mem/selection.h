@@ -71,9 +71,7 @@ inline std::vector<std::uint64_t> indicators() {
   return all;
 }
 
-inline const auto name_of_dispatcher = [](const auto& row) {
-  return std::string(row.param.name);
-};
+inline const auto name_of_dispatcher = [](const auto& row) { return std::string(row.param.name); };
 
 }  // namespace zorvac::test
 #endif
