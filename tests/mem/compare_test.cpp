@@ -9,7 +9,7 @@ namespace {
 
 struct compare_member {
   const char* name;
-  int (*compare)(const void*, const void*, std::size_t);
+  compare_function* compare;
 };
 constexpr compare_member compare_members[] = {
     {"_zorva_fast_memcmp", _zorva_fast_memcmp},
@@ -56,7 +56,7 @@ TEST_P(CompareMember, EveryAlignment) {
   guarded_block left(4096), right(4096);
   for (std::size_t l = 0; l < 64; ++l)
     for (std::size_t r = 0; r < 64; ++r)
-      for (const std::size_t count : {1, 7, 8, 9, 63, 64, 65, 71, 128, 200, 513}) {
+      for (const std::size_t count : {1u, 7u, 8u, 9u, 63u, 64u, 65u, 71u, 128u, 200u, 513u}) {
         fill_with_pattern(left.begin() + l, count);
         fill_with_pattern(right.begin() + r, count);
         unsigned char& last = left.begin()[l + count - 1];
@@ -75,6 +75,12 @@ TEST_P(CompareMember, CountZeroReadsNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Block, CompareMember, testing::ValuesIn(compare_members), name_of_row);
+
+// "Below 1" as a signed number.
+TEST(NewMemcmp, CountsFromTheUpperHalfAreNone) {
+  EXPECT_EQ(__zorva_new_memcmp("a", "b", ~std::size_t{0}), 0);
+  EXPECT_EQ(__zorva_new_memcmp("a", "b", std::size_t{1} << 63), 0);
+}
 
 TEST(FastMemcmp, IdenticalPointersAreNotRead) {
   const guarded_block block(4096);

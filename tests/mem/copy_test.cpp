@@ -143,7 +143,7 @@ TEST_P(CopyMember, TensOfMegabytes) {
     SCOPED_TRACE(caches.name);
     const under_caches scope(caches);
     for (const std::size_t count : {mebibyte + 3, 32 * mebibyte + 77})
-      for (const std::size_t f : {0, 5, 129})
+      for (const std::size_t f : {0u, 5u, 129u})
         ASSERT_EXACT(ground, ground.to().begin() + 67, ground.from().begin() + f, count);
   }
   EXPECT_TRUE(ground.untouched());
@@ -210,7 +210,7 @@ TEST_P(MoveMember, EveryOverlapOfLongBlocks) {
   for (const cache_values& caches : cache_settings) {
     SCOPED_TRACE(caches.name);
     const under_caches scope(caches);
-    for (const std::size_t count : {511, 768, 1025, 1800, 3333, 6000})
+    for (const std::size_t count : {511u, 768u, 1025u, 1800u, 3333u, 6000u})
       for (std::size_t distance = 1 + count % step; distance < count; distance += step)
         for (const std::size_t base : {128 + count % 19, 128 + 200 + distance % 31})
           ASSERT_NO_FATAL_FAILURE(try_distance(base, distance, count));

@@ -59,7 +59,7 @@ TEST_P(FillMember, CountsAroundEveryLimit) {
     SCOPED_TRACE(caches.name);
     const under_caches scope(caches);
     for (const std::size_t count : counts_around_limits(caches))
-      for (const std::size_t t : {64, 65, 72, 95, 96, 127})
+      for (const std::size_t t : {64u, 65u, 72u, 95u, 96u, 127u})
         ASSERT_EXACT(ground, ground.begin() + t, fill_values[(count + t) % 6], count);
   }
   EXPECT_TRUE(all_equal(ground.begin(), ground.end(), ground_byte));

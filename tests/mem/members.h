@@ -34,6 +34,7 @@ inline bool host_has(needs level) {
 
 using copy_function = void*(void*, const void*, std::size_t);
 using fill_function = void*(void*, int, std::size_t);
+using compare_function = int(const void*, const void*, std::size_t);
 
 struct copy_member {
   const char* name;
@@ -122,7 +123,8 @@ inline std::vector<std::size_t> counts_around_limits(const cache_values& v) {
       16384, 16384 + 128};
   std::vector<std::size_t> counts;
   for (const std::size_t limit : limits)
-    for (const std::size_t delta : {0, 1, 7, 8, 15, 16, 17, 31, 32, 33, 63, 64, 65, 127, 128})
+    for (const std::size_t delta :
+         {0u, 1u, 7u, 8u, 15u, 16u, 17u, 31u, 32u, 33u, 63u, 64u, 65u, 127u, 128u})
       for (const std::size_t count : {limit - delta, limit + delta})
         if (count < (std::size_t{1} << 20)) counts.push_back(count);  // drops those below zero
   return counts;

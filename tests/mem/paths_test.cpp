@@ -17,7 +17,7 @@ constexpr bool optimized = true;
 constexpr bool optimized = false;
 #endif
 
-using routine = std::variant<copy_function*, fill_function*>;
+using routine = std::variant<copy_function*, fill_function*, compare_function*>;
 const void* entry_of(routine r) {
   return std::visit([](auto* f) { return reinterpret_cast<const void*>(f); }, r);
 }
@@ -39,6 +39,7 @@ class PathTest : public testing::Test {
         [&] {
           if (const auto* copy = std::get_if<copy_function*>(&r)) (*copy)(d, s, count);
           if (const auto* fill = std::get_if<fill_function*>(&r)) (*fill)(d, 0x5a, count);
+          if (const auto* compare = std::get_if<compare_function*>(&r)) (*compare)(s, s, count);
         },
         d + count / 4, d + count / 4 * 3);
     EXPECT_GT(t.steps.size(), 0u);
@@ -409,6 +410,7 @@ TEST_F(PathTest, SmallCountsDoNotLoop) {
       {__zorva_new_memset, needs::baseline, 64},
       {__zorva_avx_rep_memset, needs::avx2, 128},
       {__zorva_vpx_avx512f_memset, needs::avx512f, 127},
+      {__zorva_new_memcmp, needs::baseline, 64},
   };
   const under_caches scope(ordinary);
   for (std::size_t i = 0; i < std::size(members); ++i) {
@@ -515,7 +517,7 @@ TEST_F(PathTest, LowAddressBytesChooseTheDirection) {
   const under_caches scope(ordinary);
   for (copy_function* const copy : {__zorva_ssse3_memcpy, __zorva_ssse3_memmove,
                                     __zorva_ssse3_rep_memcpy, __zorva_ssse3_rep_memmove})
-    for (const std::size_t count : {400, 1500})
+    for (const std::size_t count : {400u, 1500u})
       for (const auto& row : rows) {
         const trace t = run(copy, row.to, row.from, count);
         ASSERT_GE(t.first_written, 0);

@@ -3,6 +3,8 @@
 // registers.
 #include "support/registers.h"
 
+#include <algorithm>
+
 #include "mem/members.h"
 #include "support/guard_pages.h"
 
@@ -17,12 +19,13 @@ void keeps_registers(void (*routine)(), const std::string& name) {
   for (const cache_values& caches : cache_settings) {
     const under_caches scope(caches);
     for (const std::size_t count : counts)
-      for (const std::size_t low : {0, 64}) {  // some members choose a direction by these bits
+      for (const std::size_t low : {0u, 64u}) {  // some members choose a direction by these bits
         SCOPED_TRACE(name + " " + caches.name + " " + std::to_string(count));
         register_file in = filled_registers(static_cast<unsigned>(count));
         in.general[rdi] = reinterpret_cast<std::uintptr_t>(to.begin() + low + 1);
         in.general[rsi] = reinterpret_cast<std::uintptr_t>(from.begin() + 64 - low + 6);
         in.general[rdx] = count;
+        for (auto& vector : in.vector) std::fill(vector.begin() + 16, vector.end(), 0);
         in.mxcsr = 0x1f80 | 0x6000 | 0x8040;  // toward zero, flushing
         in.x87_control = 0x0f7f;
         const register_file out = call_with_registers(routine, in);
@@ -31,6 +34,10 @@ void keeps_registers(void (*routine)(), const std::string& name) {
         ASSERT_EQ(out.flags & 0x400, 0u) << "direction flag";
         ASSERT_EQ(out.mxcsr, in.mxcsr);
         ASSERT_EQ(out.x87_control, in.x87_control);
+        for (std::size_t i = 0; i < 16; ++i)
+          ASSERT_TRUE(std::all_of(out.vector[i].begin() + 16, out.vector[i].end(),
+                                  [](auto byte) { return byte == 0; }))
+              << "upper half of vector register " << i;
       }
   }
 }

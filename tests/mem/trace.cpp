@@ -158,7 +158,7 @@ trace trace_of(const void* routine, const std::function<void()>& body,
   action.sa_sigaction = on_step;
   action.sa_flags = SA_SIGINFO;
   sigaction(SIGTRAP, &action, &old);
-  asm volatile("pushfq\n\t or %0, (%%rsp)\n\t popfq" ::"e"(trap_flag) : "memory", "cc");
+  asm volatile("pushfq\n\t orq %0, (%%rsp)\n\t popfq" ::"e"(trap_flag) : "memory", "cc");
   body();
   asm volatile("pushfq\n\t andq %0, (%%rsp)\n\t popfq" ::"e"(~static_cast<long>(trap_flag))
                : "memory", "cc");
