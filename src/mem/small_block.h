@@ -1,0 +1,148 @@
+#ifndef ZORVAC_MEM_SMALL_BLOCK_H
+#define ZORVAC_MEM_SMALL_BLOCK_H
+// Small blocks: one indirect jump, through a table indexed by the exact count, to straight-line
+// code.
+//
+// Many counts share their code, because it addresses the block from both ends. Two vectors at each
+// end serve every count up to four vectors; and with the inner pair moved in by a distance that is
+// computed, not branched on, the same code serves every count from one vector to four:
+//
+//        0    w                      n-w   n            w = 16, n = 50
+//        |AAAA|                       |DDDD|
+//             |BBBB|             |CCCC|                 33 to 64: inner pair moved in by w
+//        |BBBB|                       |CCCC|            17 to 32: not moved, it repeats the outer
+//
+// So there are few targets, and the jump is predicted well when counts are not: of random counts up
+// to 64, three in four take the same way. All that is copied is loaded before the first store;
+// source and destination may therefore overlap in any way.
+#include <utility>
+
+#include "mem/count_table.h"
+#include "mem/vectors.h"
+
+namespace zorvac::mem {
+namespace {
+
+enum class way { forwards, backwards };
+
+// What is done at a set of offsets of a block, in registers of type V: copying, which loads all of
+// them before it stores them in the order of its direction, and filling.
+template <way Way>
+struct copying {
+  char* to;
+  const char* from;
+
+  template <class V, std::size_t Count>
+  [[gnu::always_inline]] void at(const std::size_t (&offset)[Count]) const {
+    store_all<V>(offset, std::make_index_sequence<Count>());
+  }
+
+ private:
+  template <class V, std::size_t Count, std::size_t... I>
+  [[gnu::always_inline]] void store_all(const std::size_t (&offset)[Count],
+                                        std::index_sequence<I...>) const {
+    const typename V::reg block[] = {V::load(from + offset[I])...};
+    if constexpr (Way == way::forwards)
+      (V::store(to + offset[I], block[I]), ...);
+    else
+      (V::store(to + offset[Count - 1 - I], block[Count - 1 - I]), ...);
+  }
+};
+
+struct filling {
+  char* to;
+  std::uint64_t pattern;  // the byte, eight times
+
+  template <class V, std::size_t Count>
+  [[gnu::always_inline]] void at(const std::size_t (&offset)[Count]) const {
+    store_all<V>(offset, std::make_index_sequence<Count>());
+  }
+
+ private:
+  template <class V, std::size_t Count, std::size_t... I>
+  [[gnu::always_inline]] void store_all(const std::size_t (&offset)[Count],
+                                        std::index_sequence<I...>) const {
+    const typename V::reg block = V::replicate(pattern);
+    (V::store(to + offset[I], block), ...);
+  }
+};
+
+// K registers at each end of the block: counts from K to 2K registers.
+template <class V, class Action, std::size_t... K>
+[[gnu::always_inline]] inline void halves(const Action& act, std::size_t count,
+                                          std::index_sequence<K...>) {
+  const std::size_t last = count - sizeof...(K) * V::width;
+  act.template at<V>({K * V::width..., last + K * V::width...});
+}
+
+// K registers at each end and K beside them: counts from K to 4K registers. The inner ones are
+// moved in by K registers' width where the count exceeds twice that, a power of two.
+template <class V, class Action, std::size_t... K>
+[[gnu::always_inline]] inline void quarters(const Action& act, std::size_t count,
+                                            std::index_sequence<K...>) {
+  constexpr std::size_t span = sizeof...(K) * V::width;
+  const std::size_t inner = (count - 1) / 2 & span, last = count - span;
+  act.template at<V>({K * V::width..., inner + K * V::width..., last - inner + K * V::width...,
+                      last + K * V::width...});
+}
+
+// The largest counts of the two widest classes, and what they do, for a member whose widest
+// register is V. SSE2 has no more than 16 registers to hold a block in; AVX2 needs no second class.
+template <class V>
+constexpr std::size_t wide = V::width == 16 ? 128 : 256;
+template <class V>
+constexpr std::size_t widest = V::width == 16   ? 192
+                               : V::width == 32 ? 256
+                                                : 512;
+
+template <class V, class Action>
+[[gnu::always_inline]] inline void do_wide(const Action& act, std::size_t count) {
+  if constexpr (V::width == 16)
+    halves<V>(act, count, std::make_index_sequence<4>());
+  else
+    quarters<V>(act, count, std::make_index_sequence<64 / V::width>());
+}
+template <class V, class Action>
+[[gnu::always_inline]] inline void do_widest(const Action& act, std::size_t count) {
+  if constexpr (V::width != 32)
+    halves<V>(act, count, std::make_index_sequence < V::width == 16 ? 6 : 4 > ());
+}
+
+// Does it to a block of 0 to `Limit` bytes.
+template <class V, std::size_t Limit, class Action>
+[[gnu::always_inline]] inline void small_block(const Action& act, std::size_t count) {
+  static_assert(Limit <= widest<V>);
+  asm goto(
+      ZORVAC_JUMP_BY_COUNT(ZORVAC_ENTRIES("1", nothing) ZORVAC_ENTRIES("%c[to_3]", up_to_3)
+                               ZORVAC_ENTRIES("%c[to_16]", up_to_16) ZORVAC_ENTRIES(
+                                   "%c[to_64]", up_to_64) ZORVAC_ENTRIES("%c[to_wide]", up_to_wide)
+                                   ZORVAC_ENTRIES("%c[to_widest]", up_to_widest))
+      :
+      : [count] "r"(count), [to_3] "i"(entries(Limit, 0, 3)), [to_16] "i"(entries(Limit, 3, 16)),
+        [to_64] "i"(entries(Limit, 16, 64)), [to_wide] "i"(entries(Limit, 64, wide<V>)),
+        [to_widest] "i"(entries(Limit, wide<V>, widest<V>))
+      : "r10", "r11", "cc"
+      : nothing, up_to_3, up_to_16, up_to_64, up_to_wide, up_to_widest);
+  __builtin_unreachable();
+up_to_3:
+  act.template at<u8>({0, count / 2, count - 1});
+  return;
+up_to_16:
+  quarters<u32>(act, count, std::make_index_sequence<1>());
+  return;
+up_to_64:
+  if constexpr (Limit > 16) quarters<xmm>(act, count, std::make_index_sequence<1>());
+  return;
+up_to_wide:
+  if constexpr (Limit > 64) do_wide<V>(act, count);
+  return;
+up_to_widest:
+  if constexpr (Limit > wide<V>) do_widest<V>(act, count);
+  return;
+nothing:
+  return;
+}
+
+}  // namespace
+}  // namespace zorvac::mem
+#endif
