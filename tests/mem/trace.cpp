@@ -108,6 +108,15 @@ constexpr unsigned prefix_of_vex[] = {0, 0x66, 0xf3, 0xf2};
 
 }  // namespace
 
+std::ostream& operator<<(std::ostream& out, kind what) {
+  static constexpr const char* names[] = {
+      "other",           "rep movs bytes", "rep movs words", "rep stos bytes", "rep stos words",
+      "streaming store", "streaming word", "sfence",         "lfence",         "prefetchnta",
+      "prefetcht0",      "prefetcht1",     "indirect jump",  "rdtsc",          "unaligned load",
+      "unaligned store", "shift and merge"};
+  return out << names[static_cast<int>(what)];
+}
+
 kind kind_of(const unsigned char* code) {
   if (code[0] == 0xc5) return two_byte_kind(prefix_of_vex[code[1] & 3], code[2], code[3]);
   if (code[0] == 0xc4 && (code[1] & 0x1f) == 1)

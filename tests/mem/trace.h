@@ -5,6 +5,7 @@
 // left to a string instruction, since all of them produce the same bytes.
 #include <cstdint>
 #include <functional>
+#include <ostream>
 #include <vector>
 
 namespace zorvac::test {
@@ -28,6 +29,8 @@ enum class kind {
   unaligned_store,  // likewise
   shift_and_merge,  // PSRLDQ or PALIGNR
 };
+
+std::ostream& operator<<(std::ostream& out, kind what);
 
 struct instruction {
   std::uintptr_t address;
