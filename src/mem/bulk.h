@@ -55,11 +55,11 @@ struct no_prefetch {
   template <class Rest>
   [[gnu::always_inline]] static void run(const Rest&) {}
 };
-template <_mm_hint Hint, std::size_t... Distance>
+template <hint Hint, std::size_t... Distance>
 struct prefetch_source {
   template <class Rest>
   [[gnu::always_inline]] static void run(const Rest& rest) {
-    (_mm_prefetch(rest.ahead(rest.source_edge(), Distance), Hint), ...);
+    (prefetch<Hint>(rest.ahead(rest.source_edge(), Distance)), ...);
   }
 };
 
@@ -112,6 +112,16 @@ template <class V, class Rest>
   V::store_aligned(rest.to + aligned, V::load(rest.from + aligned));
   V::store(to, saved);
   rest.take(V::width);
+}
+
+// Copies the remainder of fewer than `Count` registers after a bulk of more, for blocks that do not
+// overlap: the last `Count` registers as a whole, some of which the loop has stored. Every remainder
+// takes this code, so there is nothing to choose by a jump.
+template <class V, std::size_t Count, class Rest>
+[[gnu::always_inline]] inline void copy_last(const Rest& rest) {
+  constexpr std::size_t bytes = Count * V::width;
+  copy_registers<V::load, V::store>(rest.to + rest.count - bytes, rest.from + rest.count - bytes,
+                                    std::make_index_sequence<Count>());
 }
 
 // Stores `Count` registers an iteration while that many remain.

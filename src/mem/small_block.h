@@ -86,26 +86,23 @@ template <class V, class Action, std::size_t... K>
                       last + K * V::width...});
 }
 
-// The largest counts of the two widest classes, and what they do, for a member whose widest
-// register is V. SSE2 has no more than 16 registers to hold a block in; AVX2 needs no second class.
+// The largest counts of the two widest classes, and what they do, for a member whose widest register
+// is V. SSE2 has no more than 16 registers to hold a block in.
 template <class V>
-constexpr std::size_t wide = V::width == 16 ? 128 : 256;
+constexpr std::size_t wide = V::width == 64 ? 256 : 128;
 template <class V>
-constexpr std::size_t widest = V::width == 16   ? 192
-                               : V::width == 32 ? 256
-                                                : 512;
+constexpr std::size_t widest = V::width == 16 ? 192 : 8 * V::width;
 
 template <class V, class Action>
 [[gnu::always_inline]] inline void do_wide(const Action& act, std::size_t count) {
-  if constexpr (V::width == 16)
-    halves<V>(act, count, std::make_index_sequence<4>());
+  if constexpr (V::width == 64)
+    quarters<V>(act, count, std::make_index_sequence<1>());
   else
-    quarters<V>(act, count, std::make_index_sequence<64 / V::width>());
+    halves<V>(act, count, std::make_index_sequence<64 / V::width>());
 }
 template <class V, class Action>
 [[gnu::always_inline]] inline void do_widest(const Action& act, std::size_t count) {
-  if constexpr (V::width != 32)
-    halves<V>(act, count, std::make_index_sequence < V::width == 16 ? 6 : 4 > ());
+  halves<V>(act, count, std::make_index_sequence<V::width == 16 ? 6 : 4>());
 }
 
 // Does it to a block of 0 to `Limit` bytes.

@@ -83,6 +83,13 @@ struct zmm {
 };
 #endif
 
+// Prefetches, named after their instructions; the values are the compilers' measure of locality.
+enum class hint { nta = 0, t1 = 2, t0 = 3 };
+template <hint Hint>
+[[gnu::always_inline]] inline void prefetch(const char* p) {
+  __builtin_prefetch(p, 0, static_cast<int>(Hint));
+}
+
 }  // namespace
 }  // namespace zorvac::mem
 #endif

@@ -12,7 +12,7 @@ constexpr std::size_t small = 256;
 constexpr std::size_t registers = 8, iteration = registers * ymm::width;
 // A streamed iteration leaves at least this much, so that its prefetches stay within the block.
 constexpr std::size_t prefetched = 768;
-using prefetch = prefetch_source<_MM_HINT_T0, 512, 576, 640, 704>;
+using look_ahead = prefetch_source<hint::t0, 512, 576, 640, 704>;
 
 [[gnu::noinline]] void* copy_large(char* to, const char* from, std::size_t count) {
   remainder<way::forwards> rest{to, from, count};
@@ -23,11 +23,11 @@ using prefetch = prefetch_source<_MM_HINT_T0, 512, 576, 640, 704>;
       rep_move_bytes(rest.to, rest.from, rest.count);
       return to;
     }
-    copy_loop<registers, ymm::load, ymm::stream, prefetch>(rest, iteration + prefetched);
+    copy_loop<registers, ymm::load, ymm::stream, look_ahead>(rest, iteration + prefetched);
     _mm_sfence();
   }
   copy_loop<registers, ymm::load, ymm::store_aligned, no_prefetch>(rest, iteration);
-  small_block<ymm, iteration - 1>(rest.action(), rest.count);
+  copy_last<ymm, registers>(rest);
   return to;
 }
 

@@ -9,7 +9,7 @@ using namespace zorvac::mem;
 namespace {
 
 constexpr std::size_t tiny = 8, small = 176;
-using prefetch = prefetch_source<_MM_HINT_NTA, 384>;
+using look_ahead = prefetch_source<hint::nta, 384>;
 
 // Aligns the destination to a word; blocks may overlap, so exactly the bytes that it takes.
 template <class Rest>
@@ -24,7 +24,7 @@ template <class Rest>
 // Past the caches. The whole registers that the loop leaves still find the destination aligned.
 template <class Rest>
 void stream_registers(Rest& rest) {
-  copy_loop<4, xmm::load, xmm::stream, prefetch>(rest, 64);
+  copy_loop<4, xmm::load, xmm::stream, look_ahead>(rest, 64);
   _mm_sfence();
   switch (rest.count / xmm::width) {
     case 3:
@@ -52,7 +52,7 @@ template <class Rest>
 void copy_by_words(Rest& rest) {
   if (rest.count <= bytes_of(__libvrt_largest_cache_size_half))
     return copy_loop<8, u64::load, u64::store, no_prefetch>(rest, 64);
-  copy_loop<8, u64::load, u64::stream, prefetch>(rest, 64);
+  copy_loop<8, u64::load, u64::stream, look_ahead>(rest, 64);
   _mm_sfence();
 }
 

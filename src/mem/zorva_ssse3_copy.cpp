@@ -27,7 +27,7 @@ template <way Way>
     copy_loop<registers, xmm::load, xmm::stream, no_prefetch>(rest, iteration);
     _mm_sfence();
   } else if (aligned_count >= bytes_of(__libvrt_data_cache_size_half)) {
-    copy_through_caches<prefetch_source<_MM_HINT_T0, 448, 640>>(rest);
+    copy_through_caches<prefetch_source<hint::t0, 448, 640>>(rest);
   } else {
     copy_through_caches<no_prefetch>(rest);
   }

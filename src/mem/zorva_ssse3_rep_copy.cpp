@@ -18,12 +18,12 @@ constexpr std::size_t iteration = registers * xmm::width;
 constexpr std::size_t least_streamed = 4096;  // not worth the fence up to here
 
 // Prefetches ahead of the source and of the destination.
-template <_mm_hint Hint, std::size_t... Distance>
+template <hint Hint, std::size_t... Distance>
 struct prefetch_both {
   template <class Rest>
   [[gnu::always_inline]] static void run(const Rest& rest) {
     prefetch_source<Hint, Distance...>::run(rest);
-    (_mm_prefetch(rest.ahead(rest.to + rest.next(0), Distance), Hint), ...);
+    (prefetch<Hint>(rest.ahead(rest.to + rest.next(0), Distance)), ...);
   }
 };
 
@@ -46,7 +46,7 @@ template <std::size_t... I>
 template <class Rest>
 void stream(Rest& rest, std::size_t count) {
   for (; count >= iteration; count -= iteration) {
-    prefetch_source<_MM_HINT_T0, 512, 768>::run(rest);
+    prefetch_source<hint::t0, 512, 768>::run(rest);
     const std::size_t at = rest.next(iteration);
     stream_registers(rest.to + at, rest.from + at, std::make_index_sequence<registers>());
     rest.take(iteration);
@@ -79,9 +79,9 @@ template <way Way>
   copy_past_boundary<xmm>(rest);
   if (is_large(rest, aligned_count)) {
     if (const std::size_t streamed = part_to_stream(rest.count)) stream(rest, streamed);
-    copy_through_caches<prefetch_both<_MM_HINT_NTA, 448, 640>>(rest);
+    copy_through_caches<prefetch_both<hint::nta, 448, 640>>(rest);
   } else if (aligned_count >= bytes_of(__libvrt_data_cache_size_half)) {
-    copy_through_caches<prefetch_source<_MM_HINT_T0, 448, 640>>(rest);
+    copy_through_caches<prefetch_source<hint::t0, 448, 640>>(rest);
   } else {
     copy_through_caches<no_prefetch>(rest);
   }

@@ -13,12 +13,12 @@ constexpr std::size_t prefetched = 1536;
 
 template <std::size_t... Line>
 [[gnu::always_inline]] inline void prefetch_lines(const char* from, std::index_sequence<Line...>) {
-  (_mm_prefetch(from + Line * 64, _MM_HINT_T1), ...);
+  (prefetch<hint::t1>(from + Line * 64), ...);
 }
 
 __m512i load_and_prefetch(const char* from) {
   const __m512i block = zmm::load(from);
-  _mm_prefetch(from + prefetched, _MM_HINT_T1);
+  prefetch<hint::t1>(from + prefetched);
   return block;
 }
 
