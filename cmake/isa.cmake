@@ -65,6 +65,6 @@ zorvac_sources(ZORVAC_MEMORY_SOURCES avx512f
   mem/zorva_vpx_avx512f_memcpy.cpp
   mem/zorva_vpx_avx512f_memset.cpp)
 set_property(SOURCE ${ZORVAC_MEMORY_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
-  $<$<COMPILE_LANGUAGE:CXX>:-fno-builtin\;-fno-tree-vectorize\;-fno-tree-slp-vectorize>
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-builtin\;-falign-functions=64\;-fno-tree-vectorize\;-fno-tree-slp-vectorize>
   $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-tree-loop-distribute-patterns>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_MEMORY_SOURCES})

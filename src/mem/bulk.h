@@ -115,13 +115,30 @@ template <class V, class Rest>
 }
 
 // Copies the remainder of fewer than `Count` registers after a bulk of more, for blocks that do not
-// overlap: the last `Count` registers as a whole, some of which the loop has stored. Every remainder
-// takes this code, so there is nothing to choose by a jump.
+// overlap: the last `Count` registers as a whole, some of which the loop has stored. Every
+// remainder takes this code, so there is nothing to choose by a jump.
 template <class V, std::size_t Count, class Rest>
 [[gnu::always_inline]] inline void copy_last(const Rest& rest) {
   constexpr std::size_t bytes = Count * V::width;
   copy_registers<V::load, V::store>(rest.to + rest.count - bytes, rest.from + rest.count - bytes,
                                     std::make_index_sequence<Count>());
+}
+
+// Fills adjacent registers.
+template <class V, std::size_t... I>
+[[gnu::always_inline]] inline void fill_registers(char* to, typename V::reg block,
+                                                  std::index_sequence<I...>) {
+  (V::store(to + I * V::width, block), ...);
+}
+
+// Fills the remainder of fewer than 2 * `Count` registers after at least `Count`: `Count` of them
+// from its start, but not beyond the end, and `Count` up to the end. One piece of code again.
+template <class V, std::size_t Count>
+[[gnu::always_inline]] inline void fill_last(char* to, std::size_t count, std::uint64_t pattern) {
+  const auto block = V::replicate(pattern);
+  char* const last = to + count - Count * V::width;
+  fill_registers<V>(to < last ? to : last, block, std::make_index_sequence<Count>());
+  fill_registers<V>(last, block, std::make_index_sequence<Count>());
 }
 
 // Stores `Count` registers an iteration while that many remain.

@@ -86,40 +86,56 @@ template <class V, class Action, std::size_t... K>
                       last + K * V::width...});
 }
 
-// The largest counts of the two widest classes, and what they do, for a member whose widest register
-// is V. SSE2 has no more than 16 registers to hold a block in.
+// Eight registers, of which any number may coincide: counts from one register to eight. From the
+// start they lie at 0, a, b and a + b, where b is two registers above four of them and a is one
+// above two; from the end they mirror that.
+template <class V, class Action>
+[[gnu::always_inline]] inline void eighths(const Action& act, std::size_t count) {
+  const std::size_t half = (count - 1) / 2, last = count - V::width;
+  const std::size_t b = half & 2 * V::width, a = (half | b / 2) & V::width;
+  act.template at<V>({0, a, b, a + b, last - a - b, last - b, last - a, last});
+}
+
+// The largest counts of the three widest classes, and what they do, for a member whose widest
+// register is V. SSE2 has no more than 16 registers to hold a block in.
 template <class V>
-constexpr std::size_t wide = V::width == 64 ? 256 : 128;
+constexpr std::size_t middle = V::width == 16 ? 128 : 64;
 template <class V>
-constexpr std::size_t widest = V::width == 16 ? 192 : 8 * V::width;
+constexpr std::size_t wide = V::width == 16 ? 192 : 256;
+template <class V>
+constexpr std::size_t widest = V::width == 64 ? 512 : wide<V>;
 
 template <class V, class Action>
-[[gnu::always_inline]] inline void do_wide(const Action& act, std::size_t count) {
-  if constexpr (V::width == 64)
-    quarters<V>(act, count, std::make_index_sequence<1>());
+[[gnu::always_inline]] inline void do_middle(const Action& act, std::size_t count) {
+  if constexpr (V::width == 16)
+    eighths<xmm>(act, count);
   else
-    halves<V>(act, count, std::make_index_sequence<64 / V::width>());
+    quarters<xmm>(act, count, std::make_index_sequence<1>());
 }
 template <class V, class Action>
-[[gnu::always_inline]] inline void do_widest(const Action& act, std::size_t count) {
-  halves<V>(act, count, std::make_index_sequence<V::width == 16 ? 6 : 4>());
+[[gnu::always_inline]] inline void do_wide(const Action& act, std::size_t count) {
+  if constexpr (V::width == 16)
+    halves<V>(act, count, std::make_index_sequence<6>());
+  else
+    quarters<V>(act, count, std::make_index_sequence<64 / V::width>());
 }
 
 // Does it to a block of 0 to `Limit` bytes.
 template <class V, std::size_t Limit, class Action>
 [[gnu::always_inline]] inline void small_block(const Action& act, std::size_t count) {
   static_assert(Limit <= widest<V>);
-  asm goto(
-      ZORVAC_JUMP_BY_COUNT(ZORVAC_ENTRIES("1", nothing) ZORVAC_ENTRIES("%c[to_3]", up_to_3)
-                               ZORVAC_ENTRIES("%c[to_16]", up_to_16) ZORVAC_ENTRIES(
-                                   "%c[to_64]", up_to_64) ZORVAC_ENTRIES("%c[to_wide]", up_to_wide)
-                                   ZORVAC_ENTRIES("%c[to_widest]", up_to_widest))
-      :
-      : [count] "r"(count), [to_3] "i"(entries(Limit, 0, 3)), [to_16] "i"(entries(Limit, 3, 16)),
-        [to_64] "i"(entries(Limit, 16, 64)), [to_wide] "i"(entries(Limit, 64, wide<V>)),
-        [to_widest] "i"(entries(Limit, wide<V>, widest<V>))
-      : "r10", "r11", "cc"
-      : nothing, up_to_3, up_to_16, up_to_64, up_to_wide, up_to_widest);
+  asm goto(ZORVAC_JUMP_BY_COUNT(ZORVAC_ENTRIES("1", nothing) ZORVAC_ENTRIES("%c[to_3]", up_to_3)
+                                    ZORVAC_ENTRIES("%c[to_16]", up_to_16)
+                                        ZORVAC_ENTRIES("%c[to_middle]", up_to_middle)
+                                            ZORVAC_ENTRIES("%c[to_wide]", up_to_wide)
+                                                ZORVAC_ENTRIES("%c[to_widest]", up_to_widest))
+           :
+           : [count] "r"(count), [to_3] "i"(entries(Limit, 0, 3)),
+             [to_16] "i"(entries(Limit, 3, 16)), [to_middle] "i"(entries(Limit, 16, middle<V>)),
+             [to_wide] "i"(entries(Limit, middle<V>, wide<V>)),
+             [to_widest] "i"(entries(Limit, wide<V>, widest<V>))
+           : "r10", "r11", "cc"
+           : nothing, up_to_3, up_to_16, up_to_middle, up_to_wide, up_to_widest);
   __builtin_unreachable();
 up_to_3:
   act.template at<u8>({0, count / 2, count - 1});
@@ -127,14 +143,14 @@ up_to_3:
 up_to_16:
   quarters<u32>(act, count, std::make_index_sequence<1>());
   return;
-up_to_64:
-  if constexpr (Limit > 16) quarters<xmm>(act, count, std::make_index_sequence<1>());
+up_to_middle:
+  if constexpr (Limit > 16) do_middle<V>(act, count);
   return;
 up_to_wide:
-  if constexpr (Limit > 64) do_wide<V>(act, count);
+  if constexpr (Limit > middle<V>) do_wide<V>(act, count);
   return;
 up_to_widest:
-  if constexpr (Limit > wide<V>) do_widest<V>(act, count);
+  if constexpr (Limit > wide<V>) halves<V>(act, count, std::make_index_sequence<4>());
   return;
 nothing:
   return;

@@ -20,7 +20,7 @@ constexpr std::size_t registers = 8, iteration = registers * ymm::width;
     return destination;
   }
   fill_loop<registers, ymm, ymm::store_aligned>(to, count, pattern);
-  small_block<ymm, iteration - 1>(filling{to, pattern}, count);
+  if (count != 0) fill_last<ymm, registers / 2>(to, count, pattern);
   return destination;
 }
 
@@ -30,6 +30,6 @@ extern "C" void* __zorva_avx_rep_memset(void* destination, int value, std::size_
   auto* const to = static_cast<char*>(destination);
   const std::uint64_t pattern = pattern_of(value);
   if (count > small) return fill_large(to, pattern, count);
-  small_block<ymm, small>(filling{to, pattern}, count);
+  small_block<xmm, small>(filling{to, pattern}, count);
   return to;
 }
