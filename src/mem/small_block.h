@@ -96,34 +96,57 @@ template <class V, class Action>
   act.template at<V>({0, a, b, a + b, last - a - b, last - b, last - a, last});
 }
 
-// The largest counts of the three widest classes, and what they do, for a member whose widest
-// register is V. SSE2 has no more than 16 registers to hold a block in.
-template <class V>
-constexpr std::size_t middle = V::width == 16 ? 128 : 64;
-template <class V>
-constexpr std::size_t wide = V::width == 16 ? 192 : 256;
-template <class V>
-constexpr std::size_t widest = V::width == 64 ? 512 : wide<V>;
-
-template <class V, class Action>
-[[gnu::always_inline]] inline void do_middle(const Action& act, std::size_t count) {
-  if constexpr (V::width == 16)
+// What a member does with counts above 16: the largest count of each of up to three classes, and
+// the shape of the class. Fewer classes are easier to predict, more take fewer registers; the
+// choices are those that bench/mem favoured, where counts cannot be predicted above all.
+struct by_xmm {
+  static constexpr std::size_t middle = 128, wide = 192, widest = wide;
+  template <class Action>
+  [[gnu::always_inline]] static void do_middle(const Action& act, std::size_t count) {
     eighths<xmm>(act, count);
-  else
-    quarters<xmm>(act, count, std::make_index_sequence<1>());
-}
-template <class V, class Action>
-[[gnu::always_inline]] inline void do_wide(const Action& act, std::size_t count) {
-  if constexpr (V::width == 16)
-    halves<V>(act, count, std::make_index_sequence<6>());
-  else
-    quarters<V>(act, count, std::make_index_sequence<64 / V::width>());
-}
+  }
+  template <class Action>
+  [[gnu::always_inline]] static void do_wide(const Action& act, std::size_t count) {
+    halves<xmm>(act, count, std::make_index_sequence<6>());  // 12 of the 16 registers
+  }
+};
 
-// Does it to a block of 0 to `Limit` bytes.
-template <class V, std::size_t Limit, class Action>
+#ifdef __AVX2__
+struct by_ymm {
+  static constexpr std::size_t middle = 64, wide = 256, widest = wide;
+  template <class Action>
+  [[gnu::always_inline]] static void do_middle(const Action& act, std::size_t count) {
+    quarters<xmm>(act, count, std::make_index_sequence<1>());
+  }
+  template <class Action>
+  [[gnu::always_inline]] static void do_wide(const Action& act, std::size_t count) {
+    quarters<ymm>(act, count, std::make_index_sequence<2>());
+  }
+};
+#endif
+
+#ifdef __AVX512F__
+struct by_zmm {
+  static constexpr std::size_t middle = 64, wide = 256, widest = 512;
+  template <class Action>
+  [[gnu::always_inline]] static void do_middle(const Action& act, std::size_t count) {
+    quarters<xmm>(act, count, std::make_index_sequence<1>());
+  }
+  template <class Action>
+  [[gnu::always_inline]] static void do_wide(const Action& act, std::size_t count) {
+    quarters<zmm>(act, count, std::make_index_sequence<1>());
+  }
+  template <class Action>
+  [[gnu::always_inline]] static void do_widest(const Action& act, std::size_t count) {
+    halves<zmm>(act, count, std::make_index_sequence<4>());
+  }
+};
+#endif
+
+// Copies or fills a block of 0 to `Limit` bytes.
+template <class Plan, std::size_t Limit, class Action>
 [[gnu::always_inline]] inline void small_block(const Action& act, std::size_t count) {
-  static_assert(Limit <= widest<V>);
+  static_assert(Limit <= Plan::widest);
   asm goto(ZORVAC_JUMP_BY_COUNT(ZORVAC_ENTRIES("1", nothing) ZORVAC_ENTRIES("%c[to_3]", up_to_3)
                                     ZORVAC_ENTRIES("%c[to_16]", up_to_16)
                                         ZORVAC_ENTRIES("%c[to_middle]", up_to_middle)
@@ -131,9 +154,9 @@ template <class V, std::size_t Limit, class Action>
                                                 ZORVAC_ENTRIES("%c[to_widest]", up_to_widest))
            :
            : [count] "r"(count), [to_3] "i"(entries(Limit, 0, 3)),
-             [to_16] "i"(entries(Limit, 3, 16)), [to_middle] "i"(entries(Limit, 16, middle<V>)),
-             [to_wide] "i"(entries(Limit, middle<V>, wide<V>)),
-             [to_widest] "i"(entries(Limit, wide<V>, widest<V>))
+             [to_16] "i"(entries(Limit, 3, 16)), [to_middle] "i"(entries(Limit, 16, Plan::middle)),
+             [to_wide] "i"(entries(Limit, Plan::middle, Plan::wide)),
+             [to_widest] "i"(entries(Limit, Plan::wide, Plan::widest))
            : "r10", "r11", "cc"
            : nothing, up_to_3, up_to_16, up_to_middle, up_to_wide, up_to_widest);
   __builtin_unreachable();
@@ -144,13 +167,13 @@ up_to_16:
   quarters<u32>(act, count, std::make_index_sequence<1>());
   return;
 up_to_middle:
-  if constexpr (Limit > 16) do_middle<V>(act, count);
+  if constexpr (Limit > 16) Plan::do_middle(act, count);
   return;
 up_to_wide:
-  if constexpr (Limit > middle<V>) do_wide<V>(act, count);
+  if constexpr (Limit > Plan::middle) Plan::do_wide(act, count);
   return;
 up_to_widest:
-  if constexpr (Limit > wide<V>) halves<V>(act, count, std::make_index_sequence<4>());
+  if constexpr (Limit > Plan::wide) Plan::do_widest(act, count);
   return;
 nothing:
   return;

@@ -30,6 +30,6 @@ extern "C" void* __zorva_avx_rep_memset(void* destination, int value, std::size_
   auto* const to = static_cast<char*>(destination);
   const std::uint64_t pattern = pattern_of(value);
   if (count > small) return fill_large(to, pattern, count);
-  small_block<xmm, small>(filling{to, pattern}, count);
+  small_block<by_xmm, small>(filling{to, pattern}, count);
   return to;
 }

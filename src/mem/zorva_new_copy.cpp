@@ -17,7 +17,7 @@ template <class Rest>
   const std::size_t distance = rest.to_boundary(8) % 8;
   if (distance == 0) return;
   const std::size_t at = rest.next(distance);
-  small_block<xmm, 7>(copying<Rest::direction>{rest.to + at, rest.from + at}, distance);
+  small_block<by_xmm, 7>(copying<Rest::direction>{rest.to + at, rest.from + at}, distance);
   rest.take(distance);
 }
 
@@ -65,7 +65,7 @@ template <way Way>
     copy_by_registers(rest);
   else
     copy_by_words(rest);
-  small_block<xmm, small>(rest.action(), rest.count);
+  small_block<by_xmm, small>(rest.action(), rest.count);
   return destination;
 }
 
@@ -75,7 +75,7 @@ template <way Way>
   remainder<Way> rest{to, from, count};
   copy_to_word_boundary(rest);
   if (rest.count > small) return copy_large<Way>(to, rest.to, rest.from, rest.count);
-  small_block<xmm, small>(rest.action(), rest.count);
+  small_block<by_xmm, small>(rest.action(), rest.count);
   return to;
 }
 
@@ -83,7 +83,7 @@ template <way Way>
   if (count == 1)
     *to = *from;
   else
-    small_block<xmm, tiny>(copying<way::forwards>{to, from}, count);
+    small_block<by_xmm, tiny>(copying<way::forwards>{to, from}, count);
   return to;
 }
 

@@ -34,7 +34,7 @@ void fill_by_words(char*& to, std::size_t& count, std::uint64_t pattern) {
     fill_by_registers(to, count, pattern);
   else
     fill_by_words(to, count, pattern);
-  small_block<xmm, registers * xmm::width - 1>(filling{to, pattern}, count);
+  small_block<by_xmm, registers * xmm::width - 1>(filling{to, pattern}, count);
   return destination;
 }
 
@@ -50,7 +50,7 @@ void* __zorva_new_memset(void* destination, int value, std::size_t count) {
   }
   const std::uint64_t pattern = pattern_of(value);
   if (count > small) return fill_large(to, pattern, count);
-  small_block<xmm, small>(filling{to, pattern}, count);
+  small_block<by_xmm, small>(filling{to, pattern}, count);
   return to;
 }
 [[gnu::alias("__zorva_new_memset")]] void* __zorva_memset(void*, int, std::size_t);

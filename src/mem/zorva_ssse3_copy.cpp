@@ -31,12 +31,12 @@ template <way Way>
   } else {
     copy_through_caches<no_prefetch>(rest);
   }
-  small_block<xmm, iteration - 1>(rest.action(), rest.count);
+  small_block<by_xmm, iteration - 1>(rest.action(), rest.count);
   return to;
 }
 
 [[gnu::always_inline]] inline void* copy_small(char* to, const char* from, std::size_t count) {
-  small_block<xmm, small>(copying<way::forwards>{to, from}, count);
+  small_block<by_xmm, small>(copying<way::forwards>{to, from}, count);
   return to;
 }
 

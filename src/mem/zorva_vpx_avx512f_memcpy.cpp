@@ -30,7 +30,7 @@ __m512i load_and_prefetch(const char* from) {
     copy_loop<registers, load_and_prefetch, zmm::stream, no_prefetch>(rest, iteration);
     _mm_sfence();
   }
-  small_block<zmm, iteration - 1>(rest.action(), rest.count);
+  small_block<by_zmm, iteration - 1>(rest.action(), rest.count);
   return to;
 }
 
@@ -41,6 +41,6 @@ extern "C" void* __zorva_vpx_avx512f_memcpy(void* destination, const void* sourc
   auto* const to = static_cast<char*>(destination);
   const auto* const from = static_cast<const char*>(source);
   if (count > small) return copy_large(to, from, count);
-  small_block<zmm, small>(copying<way::forwards>{to, from}, count);
+  small_block<by_zmm, small>(copying<way::forwards>{to, from}, count);
   return to;
 }

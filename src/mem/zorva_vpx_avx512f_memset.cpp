@@ -17,7 +17,7 @@ constexpr std::size_t registers = 8, iteration = registers * zmm::width;
     fill_loop<registers, zmm, zmm::stream>(to, count, pattern);
     _mm_sfence();
   }
-  small_block<zmm, iteration - 1>(filling{to, pattern}, count);
+  small_block<by_zmm, iteration - 1>(filling{to, pattern}, count);
   return destination;
 }
 
@@ -27,6 +27,6 @@ extern "C" void* __zorva_vpx_avx512f_memset(void* destination, int value, std::s
   auto* const to = static_cast<char*>(destination);
   const std::uint64_t pattern = pattern_of(value);
   if (count > small) return fill_large(to, pattern, count);
-  small_block<zmm, small>(filling{to, pattern}, count);
+  small_block<by_zmm, small>(filling{to, pattern}, count);
   return to;
 }
