@@ -4,9 +4,10 @@
 usage: report.py [--only REGEX] [--rows json|table] RESULTS.json...
 
 A benchmark is named <family>/<row...>/<contender>. A contender whose name begins with "zorvac" is
-ours; every other one in the same row is its peer. Repetitions, in one file or several, are taken
-together; the CPU time per iteration of a row is their median. A ratio is peer / ours: above 1, ours
-is faster. The geometric mean of a column stands under it, with its worst row.
+ours; every other one in the same row is its peer. The time of a row is the median of the CPU time
+per iteration over all repetitions, in one file or several; where a file has aggregates only, its own
+median. A ratio is peer / ours: above 1, ours is faster. The geometric mean of a column stands under
+it, with its worst row. Give results that are not to be compared in calls of their own.
 """
 import argparse
 import json
@@ -25,9 +26,9 @@ def read(files):
     for file in files:
         with open(file, encoding="utf-8") as stream:
             results = json.load(stream)
-        for run in results["benchmarks"]:
-            if run.get("run_type") == "aggregate" or run.get("error_occurred"):
-                continue
+        runs = [run for run in results["benchmarks"] if not run.get("error_occurred")]
+        repetitions = [run for run in runs if run.get("run_type") != "aggregate"]
+        for run in repetitions or [r for r in runs if r["aggregate_name"] == "median"]:
             # Options such as min_time follow the name that the benchmark was given.
             name = re.sub(r"(/(min_time|min_warmup_time|iterations|repeats|threads):[^/]+)+$", "",
                           run.get("run_name", run["name"]))

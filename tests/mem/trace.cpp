@@ -97,8 +97,6 @@ kind two_byte_kind(unsigned prefix, unsigned char opcode, unsigned char modrm) {
       return memory && prefix == 0xf3 ? kind::unaligned_store : kind::other;
     case 0xf0:
       return prefix == 0xf2 ? kind::unaligned_load : kind::other;
-    case 0x73:
-      return reg == 3 ? kind::shift_and_merge : kind::other;
     default:
       return kind::other;
   }
@@ -110,10 +108,10 @@ constexpr unsigned prefix_of_vex[] = {0, 0x66, 0xf3, 0xf2};
 
 std::ostream& operator<<(std::ostream& out, kind what) {
   static constexpr const char* names[] = {
-      "other",           "rep movs bytes", "rep movs words", "rep stos bytes", "rep stos words",
-      "streaming store", "streaming word", "sfence",         "lfence",         "prefetchnta",
-      "prefetcht0",      "prefetcht1",     "indirect jump",  "rdtsc",          "unaligned load",
-      "unaligned store", "shift and merge"};
+      "other",          "rep movs bytes",  "rep movs words", "rep stos bytes",
+      "rep stos words", "streaming store", "streaming word", "sfence",
+      "lfence",         "prefetchnta",     "prefetcht0",     "prefetcht1",
+      "indirect jump",  "rdtsc",           "unaligned load", "unaligned store"};
   return out << names[static_cast<int>(what)];
 }
 
@@ -150,7 +148,6 @@ kind kind_of(const unsigned char* code) {
   }
   if (*code == 0xff && (code[1] >> 3 & 7) == 4) return kind::indirect_jump;
   if (*code != 0x0f) return kind::other;
-  if (code[1] == 0x3a) return code[2] == 0x0f ? kind::shift_and_merge : kind::other;
   return two_byte_kind(prefix, code[1], code[2]);
 }
 

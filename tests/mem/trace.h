@@ -27,7 +27,6 @@ enum class kind {
   time_stamp,
   unaligned_load,   // of a whole vector register
   unaligned_store,  // likewise
-  shift_and_merge,  // PSRLDQ or PALIGNR
 };
 
 std::ostream& operator<<(std::ostream& out, kind what);
