@@ -16,6 +16,8 @@ inline std::size_t misalignment(const char* p, std::size_t boundary) {
   return reinterpret_cast<std::uintptr_t>(p) % boundary;
 }
 
+enum class way { forwards, backwards };
+
 // What is left to copy. Forwards it is taken from its start, backwards from its end; an edge is the
 // place where that happens, and every loop below is written once for both directions.
 //
@@ -47,7 +49,7 @@ struct remainder {
     return Way == way::forwards ? boundary - misalignment(to, boundary)
                                 : misalignment(to + count - 1, boundary) + 1;
   }
-  [[nodiscard]] copying<Way> action() const { return {to, from}; }
+  [[nodiscard]] copying action() const { return {to, from}; }
 };
 
 // What a loop prefetches in every iteration: lines at these distances ahead of the source's edge.

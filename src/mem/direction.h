@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "mem/small_block.h"
+#include "mem/bulk.h"
 
 namespace zorvac::mem {
 namespace {
@@ -16,12 +16,10 @@ inline bool begins_inside(const char* to, const char* from, std::size_t count) {
          count - 1;
 }
 
-// The low bytes of the addresses as `Byte`, std::int8_t or std::uint8_t: forwards when the source's
-// is greater.
-template <class Byte>
-way by_low_bytes(const char* to, const char* from) {
+// Forwards when the source's low byte, as a signed number, is greater than the destination's.
+inline way by_low_bytes(const char* to, const char* from) {
   const auto low = [](const char* p) {
-    return static_cast<Byte>(reinterpret_cast<std::uintptr_t>(p));
+    return static_cast<std::int8_t>(reinterpret_cast<std::uintptr_t>(p));
   };
   return low(from) > low(to) ? way::forwards : way::backwards;
 }
@@ -30,7 +28,7 @@ way by_low_bytes(const char* to, const char* from) {
 inline way of_move(const char* to, const char* from, std::size_t count) {
   if (begins_inside(to, from, count)) return way::backwards;
   if (begins_inside(from, to, count)) return way::forwards;
-  return by_low_bytes<std::int8_t>(to, from);
+  return by_low_bytes(to, from);
 }
 
 }  // namespace

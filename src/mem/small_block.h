@@ -23,11 +23,8 @@
 namespace zorvac::mem {
 namespace {
 
-enum class way { forwards, backwards };
-
 // What is done at a set of offsets of a block, in registers of type V: copying, which loads all of
-// them before it stores them in the order of its direction, and filling.
-template <way Way>
+// them before it stores any, and filling.
 struct copying {
   char* to;
   const char* from;
@@ -42,10 +39,7 @@ struct copying {
   [[gnu::always_inline]] void store_all(const std::size_t (&offset)[Count],
                                         std::index_sequence<I...>) const {
     const typename V::reg block[] = {V::load(from + offset[I])...};
-    if constexpr (Way == way::forwards)
-      (V::store(to + offset[I], block[I]), ...);
-    else
-      (V::store(to + offset[Count - 1 - I], block[Count - 1 - I]), ...);
+    (V::store(to + offset[I], block[I]), ...);
   }
 };
 

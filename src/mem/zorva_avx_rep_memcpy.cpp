@@ -37,6 +37,6 @@ extern "C" void* __zorva_avx_rep_memcpy(void* destination, const void* source, s
   auto* const to = static_cast<char*>(destination);
   const auto* const from = static_cast<const char*>(source);
   if (count > small) return copy_large(to, from, count);
-  small_block<by_ymm, small>(copying<way::forwards>{to, from}, count);
+  small_block<by_ymm, small>(copying{to, from}, count);
   return to;
 }

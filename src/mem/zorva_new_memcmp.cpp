@@ -88,8 +88,7 @@ to_64:
 extern "C" int __zorva_new_memcmp(const void* first, const void* second, std::size_t count) {
   const auto* a = static_cast<const char*>(first);
   const auto* b = static_cast<const char*>(second);
-  if (count == 1) return (u8::load(a) > u8::load(b)) - (u8::load(a) < u8::load(b));
-  if (static_cast<std::ptrdiff_t>(count) < 1) return 0;
+  if (static_cast<std::ptrdiff_t>(count) < 1) return 0;  // the count is signed here
   while (count > small) {
     const int result =
         compare_words(a, b, {0, 8, 16, 24, 32, 40, 48, 56}, std::make_index_sequence<8>());

@@ -34,7 +34,7 @@ void fill_by_words(char*& to, std::size_t& count, std::uint64_t pattern) {
     fill_by_registers(to, count, pattern);
   else
     fill_by_words(to, count, pattern);
-  small_block<by_xmm, registers * xmm::width - 1>(filling{to, pattern}, count);
+  if (count != 0) fill_last<xmm, registers / 2>(to, count, pattern);
   return destination;
 }
 
@@ -44,10 +44,6 @@ extern "C" {
 
 void* __zorva_new_memset(void* destination, int value, std::size_t count) {
   auto* const to = static_cast<char*>(destination);
-  if (count == 1) {
-    *to = static_cast<char>(value);
-    return to;
-  }
   const std::uint64_t pattern = pattern_of(value);
   if (count > small) return fill_large(to, pattern, count);
   small_block<by_xmm, small>(filling{to, pattern}, count);

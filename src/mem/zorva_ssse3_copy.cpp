@@ -36,7 +36,7 @@ template <way Way>
 }
 
 [[gnu::always_inline]] inline void* copy_small(char* to, const char* from, std::size_t count) {
-  small_block<by_xmm, small>(copying<way::forwards>{to, from}, count);
+  small_block<by_xmm, small>(copying{to, from}, count);
   return to;
 }
 
@@ -53,7 +53,7 @@ void* __zorva_ssse3_memcpy(void* destination, const void* source, std::size_t co
   auto* const to = static_cast<char*>(destination);
   const auto* const from = static_cast<const char*>(source);
   if (count <= small) return copy_small(to, from, count);
-  return copy(by_low_bytes<std::int8_t>(to, from), to, from, count);
+  return copy(by_low_bytes(to, from), to, from, count);
 }
 
 void* __zorva_ssse3_memmove(void* destination, const void* source, std::size_t count) {

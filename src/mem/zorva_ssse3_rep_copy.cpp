@@ -89,11 +89,11 @@ template <way Way>
   return to;
 }
 
+// One table serves both directions: its code addresses the block from both ends and has loaded all
+// of it before the first store, so a table that works backwards would have the same entries, and a
+// choice between the two by the addresses could only be mispredicted.
 [[gnu::always_inline]] inline void* copy_small(char* to, const char* from, std::size_t count) {
-  if (by_low_bytes<std::uint8_t>(to, from) == way::forwards)
-    small_block<by_xmm, small>(copying<way::forwards>{to, from}, count);
-  else
-    small_block<by_xmm, small>(copying<way::backwards>{to, from}, count);
+  small_block<by_xmm, small>(copying{to, from}, count);
   return to;
 }
 
@@ -110,7 +110,7 @@ void* __zorva_ssse3_rep_memcpy(void* destination, const void* source, std::size_
   auto* const to = static_cast<char*>(destination);
   const auto* const from = static_cast<const char*>(source);
   if (count <= small) return copy_small(to, from, count);
-  return copy(by_low_bytes<std::int8_t>(to, from), to, from, count);
+  return copy(by_low_bytes(to, from), to, from, count);
 }
 
 void* __zorva_ssse3_rep_memmove(void* destination, const void* source, std::size_t count) {

@@ -41,6 +41,6 @@ extern "C" void* __zorva_vpx_avx512f_memcpy(void* destination, const void* sourc
   auto* const to = static_cast<char*>(destination);
   const auto* const from = static_cast<const char*>(source);
   if (count > small) return copy_large(to, from, count);
-  small_block<by_zmm, small>(copying<way::forwards>{to, from}, count);
+  small_block<by_zmm, small>(copying{to, from}, count);
   return to;
 }
