@@ -11,6 +11,9 @@ set(ZORVAC_FLAGS_baseline "")
 # registers of a register-preserving routine before it jumps to the callee, which then never sees
 # its arguments.
 set(ZORVAC_FLAGS_general -mgeneral-regs-only -fno-sanitize=all -fno-optimize-sibling-calls)
+set(ZORVAC_FLAGS_ssse3 -mssse3)
+set(ZORVAC_FLAGS_avx2 -mavx2)
+set(ZORVAC_FLAGS_avx512f -mavx512f)
 
 # zorvac_sources(<list> <instruction set> <source>...)
 function(zorvac_sources list isa)
@@ -38,3 +41,33 @@ zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   startup/proc_init.S
   startup/proc_init_utils.cpp
   startup/vrt_msg_support.cpp)
+
+# Block copies, moves, fills and comparisons. A loop of theirs must not become a call of the very
+# routine that it belongs to, and which registers a block travels in is decided by the source.
+zorvac_sources(ZORVAC_MEMORY_SOURCES baseline
+  mem/fastmemcpy.S
+  mem/fastmemmove.S
+  mem/fastmemset.S
+  mem/ivecmemcpy.cpp
+  mem/ivecmemset.cpp
+  mem/ivecmemzero.cpp
+  mem/vecmemcpy.cpp
+  mem/vecmemset.cpp
+  mem/vecmemzero.cpp
+  mem/x86_memcmp.cpp
+  mem/zorva_new_copy.cpp
+  mem/zorva_new_memcmp.cpp
+  mem/zorva_new_memset.cpp)
+zorvac_sources(ZORVAC_MEMORY_SOURCES ssse3
+  mem/zorva_ssse3_copy.cpp
+  mem/zorva_ssse3_rep_copy.cpp)
+zorvac_sources(ZORVAC_MEMORY_SOURCES avx2
+  mem/zorva_avx_rep_memcpy.cpp
+  mem/zorva_avx_rep_memset.cpp)
+zorvac_sources(ZORVAC_MEMORY_SOURCES avx512f
+  mem/zorva_vpx_avx512f_memcpy.cpp
+  mem/zorva_vpx_avx512f_memset.cpp)
+set_property(SOURCE ${ZORVAC_MEMORY_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-builtin\;-falign-functions=64\;-fno-tree-vectorize\;-fno-tree-slp-vectorize>
+  $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-tree-loop-distribute-patterns>)
+list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_MEMORY_SOURCES})

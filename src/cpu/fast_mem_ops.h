@@ -7,6 +7,7 @@
 
 #include "core/processor.h"
 #include "core/vendor.h"
+#include "cpu/cache_values.h"
 
 namespace zorvac::cpu {
 
@@ -224,14 +225,8 @@ constexpr cache_thresholds derive_thresholds(const Processor& p, cache_table& ta
 
 }  // namespace zorvac::cpu
 
-// The load-time values, zero until the library is loaded; the block workers read them as they are.
-// Nothing in the library reads the last two.
+// Load-time values that nothing in the library reads, and the table.
 extern "C" {
-extern std::int32_t __libvrt_largest_cache_size;
-extern std::int32_t __libvrt_largest_cache_size_half;
-extern std::int32_t __libvrt_data_cache_size;
-extern std::int32_t __libvrt_data_cache_size_half;
-extern std::int32_t __libvrt_mem_ops_method;
 extern std::int32_t __libvrt_largest_cachelinesize;
 extern std::int32_t __libvrt_tmp;  // a copy of the method
 extern zorvac::cpu::cache_table __libvrt_cache_tbl;

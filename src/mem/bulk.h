@@ -1,0 +1,175 @@
+#ifndef ZORVAC_MEM_BULK_H
+#define ZORVAC_MEM_BULK_H
+// Large blocks: what is left of one, the step to an aligned destination, and the loops.
+#include "cpu/cache_values.h"
+#include "mem/small_block.h"
+
+namespace zorvac::mem {
+namespace {
+
+// A cache value as counts are compared with it: the 32 bits as they are, without a sign.
+inline std::size_t bytes_of(std::int32_t cache_value) {
+  return static_cast<std::uint32_t>(cache_value);
+}
+
+inline std::size_t misalignment(const char* p, std::size_t boundary) {
+  return reinterpret_cast<std::uintptr_t>(p) % boundary;
+}
+
+enum class way { forwards, backwards };
+
+// What is left to copy. Forwards it is taken from its start, backwards from its end; an edge is the
+// place where that happens, and every loop below is written once for both directions.
+//
+// Either direction is exact for blocks that do not overlap. If they do, forwards is for a
+// destination below its source and backwards for one above: what an iteration stores then lies on
+// source bytes that have been loaded, in that iteration or before.
+template <way Way>
+struct remainder {
+  static constexpr way direction = Way;
+  char* to;
+  const char* from;
+  std::size_t count;
+
+  // The offset of the next `bytes` bytes.
+  [[nodiscard]] std::size_t next(std::size_t bytes) const {
+    return Way == way::forwards ? 0 : count - bytes;
+  }
+  void take(std::size_t bytes) {
+    if constexpr (Way == way::forwards) to += bytes, from += bytes;
+    count -= bytes;
+  }
+  [[nodiscard]] const char* source_edge() const { return from + next(0); }
+  // How far the source lies ahead of an edge, in bytes; the other way round when backwards.
+  [[nodiscard]] static const char* ahead(const char* edge, std::size_t distance) {
+    return Way == way::forwards ? edge + distance : edge - distance;
+  }
+  // The distance from the destination's edge to the next boundary, 1 to `boundary` bytes.
+  [[nodiscard]] std::size_t to_boundary(std::size_t boundary) const {
+    return Way == way::forwards ? boundary - misalignment(to, boundary)
+                                : misalignment(to + count - 1, boundary) + 1;
+  }
+  [[nodiscard]] copying action() const { return {to, from}; }
+};
+
+// What a loop prefetches in every iteration: lines at these distances ahead of the source's edge.
+struct no_prefetch {
+  template <class Rest>
+  [[gnu::always_inline]] static void run(const Rest&) {}
+};
+template <hint Hint, std::size_t... Distance>
+struct prefetch_source {
+  template <class Rest>
+  [[gnu::always_inline]] static void run(const Rest& rest) {
+    (prefetch<Hint>(rest.ahead(rest.source_edge(), Distance)), ...);
+  }
+};
+
+// Copies adjacent registers: all loads, then all stores.
+template <auto Load, auto Store, std::size_t... I>
+[[gnu::always_inline]] inline void copy_registers(char* to, const char* from,
+                                                  std::index_sequence<I...>) {
+  using reg = decltype(Load(from));
+  const reg block[] = {Load(from + I * sizeof(reg))...};
+  (Store(to + I * sizeof(reg), block[I]), ...);
+}
+
+// Copies the next `Count` registers.
+template <std::size_t Count, auto Load, auto Store, class Rest>
+[[gnu::always_inline]] inline void copy_next(Rest& rest) {
+  constexpr std::size_t bytes = Count * sizeof(decltype(Load(nullptr)));
+  const std::size_t at = rest.next(bytes);
+  copy_registers<Load, Store>(rest.to + at, rest.from + at, std::make_index_sequence<Count>());
+  rest.take(bytes);
+}
+
+// Copies `Count` registers an iteration while at least `least` bytes remain.
+template <std::size_t Count, auto Load, auto Store, class Prefetch, class Rest>
+[[gnu::always_inline]] inline void copy_loop(Rest& rest, std::size_t least) {
+  while (rest.count >= least) {
+    Prefetch::run(rest);
+    copy_next<Count, Load, Store>(rest);
+  }
+}
+
+// Copies the `distance` bytes to the destination's next boundary, for blocks that do not overlap:
+// as a whole register, whose other bytes the loop then stores again. One piece of code serves every
+// distance, so there is nothing to choose by a jump.
+template <class V, class Rest>
+[[gnu::always_inline]] inline void copy_to_boundary(Rest& rest, std::size_t distance) {
+  const std::size_t at = rest.next(V::width);
+  V::store(rest.to + at, V::load(rest.from + at));
+  rest.take(distance);
+}
+
+// The same for blocks that may overlap, together with the first aligned register: both are loaded
+// before the aligned one and then the unaligned one are stored.
+template <class V, class Rest>
+[[gnu::always_inline]] inline void copy_past_boundary(Rest& rest) {
+  const std::size_t at = rest.next(V::width);
+  char* const to = rest.to + at;
+  const auto saved = V::load(rest.from + at);
+  rest.take(rest.to_boundary(V::width));
+  const std::size_t aligned = rest.next(V::width);
+  V::store_aligned(rest.to + aligned, V::load(rest.from + aligned));
+  V::store(to, saved);
+  rest.take(V::width);
+}
+
+// Copies the remainder of fewer than `Count` registers after a bulk of more, for blocks that do not
+// overlap: the last `Count` registers as a whole, some of which the loop has stored. Every
+// remainder takes this code, so there is nothing to choose by a jump.
+template <class V, std::size_t Count, class Rest>
+[[gnu::always_inline]] inline void copy_last(const Rest& rest) {
+  constexpr std::size_t bytes = Count * V::width;
+  copy_registers<V::load, V::store>(rest.to + rest.count - bytes, rest.from + rest.count - bytes,
+                                    std::make_index_sequence<Count>());
+}
+
+// Fills adjacent registers.
+template <class V, std::size_t... I>
+[[gnu::always_inline]] inline void fill_registers(char* to, typename V::reg block,
+                                                  std::index_sequence<I...>) {
+  (V::store(to + I * V::width, block), ...);
+}
+
+// Fills the remainder of fewer than 2 * `Count` registers after at least `Count`: `Count` of them
+// from its start, but not beyond the end, and `Count` up to the end. One piece of code again.
+template <class V, std::size_t Count>
+[[gnu::always_inline]] inline void fill_last(char* to, std::size_t count, std::uint64_t pattern) {
+  const auto block = V::replicate(pattern);
+  char* const last = to + count - Count * V::width;
+  fill_registers<V>(to < last ? to : last, block, std::make_index_sequence<Count>());
+  fill_registers<V>(last, block, std::make_index_sequence<Count>());
+}
+
+// Stores `Count` registers an iteration while that many remain.
+template <std::size_t Count, class V, auto Store>
+[[gnu::always_inline]] inline void fill_loop(char*& to, std::size_t& count, std::uint64_t pattern) {
+  constexpr std::size_t bytes = Count * V::width;
+  const auto block = V::replicate(pattern);
+  for (; count >= bytes; to += bytes, count -= bytes)
+    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
+      (Store(to + I * V::width, block), ...);
+    }
+  (std::make_index_sequence<Count>());
+}
+
+// Fills up to the destination's next boundary, by a whole register in the same way.
+template <class V>
+[[gnu::always_inline]] inline void fill_to_boundary(char*& to, std::size_t& count,
+                                                    std::uint64_t pattern) {
+  V::store(to, V::replicate(pattern));
+  const std::size_t distance = (V::width - misalignment(to, V::width)) % V::width;
+  to += distance;
+  count -= distance;
+}
+
+// The byte that a fill was given, in every byte of a word.
+inline std::uint64_t pattern_of(int value) {
+  return static_cast<std::uint8_t>(value) * 0x0101010101010101u;
+}
+
+}  // namespace
+}  // namespace zorvac::mem
+#endif

@@ -1,0 +1,178 @@
+#ifndef ZORVAC_MEM_SMALL_BLOCK_H
+#define ZORVAC_MEM_SMALL_BLOCK_H
+// Small blocks: one indirect jump, through a table indexed by the exact count, to straight-line
+// code.
+//
+// Many counts share their code, because it addresses the block from both ends. Two vectors at each
+// end serve every count up to four vectors; and with the inner pair moved in by a distance that is
+// computed, not branched on, the same code serves every count from one vector to four:
+//
+//        0    w                      n-w   n            w = 16, n = 50
+//        |AAAA|                       |DDDD|
+//             |BBBB|             |CCCC|                 33 to 64: inner pair moved in by w
+//        |BBBB|                       |CCCC|            17 to 32: not moved, it repeats the outer
+//
+// So there are few targets, and the jump is predicted well when counts are not: of random counts up
+// to 64, three in four take the same way. All that is copied is loaded before the first store;
+// source and destination may therefore overlap in any way.
+#include <utility>
+
+#include "mem/count_table.h"
+#include "mem/vectors.h"
+
+namespace zorvac::mem {
+namespace {
+
+// What is done at a set of offsets of a block, in registers of type V: copying, which loads all of
+// them before it stores any, and filling.
+struct copying {
+  char* to;
+  const char* from;
+
+  template <class V, std::size_t Count>
+  [[gnu::always_inline]] void at(const std::size_t (&offset)[Count]) const {
+    store_all<V>(offset, std::make_index_sequence<Count>());
+  }
+
+ private:
+  template <class V, std::size_t Count, std::size_t... I>
+  [[gnu::always_inline]] void store_all(const std::size_t (&offset)[Count],
+                                        std::index_sequence<I...>) const {
+    const typename V::reg block[] = {V::load(from + offset[I])...};
+    (V::store(to + offset[I], block[I]), ...);
+  }
+};
+
+struct filling {
+  char* to;
+  std::uint64_t pattern;  // the byte, eight times
+
+  template <class V, std::size_t Count>
+  [[gnu::always_inline]] void at(const std::size_t (&offset)[Count]) const {
+    store_all<V>(offset, std::make_index_sequence<Count>());
+  }
+
+ private:
+  template <class V, std::size_t Count, std::size_t... I>
+  [[gnu::always_inline]] void store_all(const std::size_t (&offset)[Count],
+                                        std::index_sequence<I...>) const {
+    const typename V::reg block = V::replicate(pattern);
+    (V::store(to + offset[I], block), ...);
+  }
+};
+
+// K registers at each end of the block: counts from K to 2K registers.
+template <class V, class Action, std::size_t... K>
+[[gnu::always_inline]] inline void halves(const Action& act, std::size_t count,
+                                          std::index_sequence<K...>) {
+  const std::size_t last = count - sizeof...(K) * V::width;
+  act.template at<V>({K * V::width..., last + K * V::width...});
+}
+
+// K registers at each end and K beside them: counts from K to 4K registers. The inner ones are
+// moved in by K registers' width where the count exceeds twice that, a power of two.
+template <class V, class Action, std::size_t... K>
+[[gnu::always_inline]] inline void quarters(const Action& act, std::size_t count,
+                                            std::index_sequence<K...>) {
+  constexpr std::size_t span = sizeof...(K) * V::width;
+  const std::size_t inner = (count - 1) / 2 & span, last = count - span;
+  act.template at<V>({K * V::width..., inner + K * V::width..., last - inner + K * V::width...,
+                      last + K * V::width...});
+}
+
+// Eight registers, of which any number may coincide: counts from one register to eight. From the
+// start they lie at 0, a, b and a + b, where b is two registers above four of them and a is one
+// above two; from the end they mirror that.
+template <class V, class Action>
+[[gnu::always_inline]] inline void eighths(const Action& act, std::size_t count) {
+  const std::size_t half = (count - 1) / 2, last = count - V::width;
+  const std::size_t b = half & 2 * V::width, a = (half | b / 2) & V::width;
+  act.template at<V>({0, a, b, a + b, last - a - b, last - b, last - a, last});
+}
+
+// What a member does with counts above 16: the largest count of each of up to three classes, and
+// the shape of the class. Fewer classes are easier to predict, more take fewer registers; the
+// choices are those that bench/mem favoured, where counts cannot be predicted above all.
+struct by_xmm {
+  static constexpr std::size_t middle = 128, wide = 192, widest = wide;
+  template <class Action>
+  [[gnu::always_inline]] static void do_middle(const Action& act, std::size_t count) {
+    eighths<xmm>(act, count);
+  }
+  template <class Action>
+  [[gnu::always_inline]] static void do_wide(const Action& act, std::size_t count) {
+    halves<xmm>(act, count, std::make_index_sequence<6>());  // 12 of the 16 registers
+  }
+};
+
+#ifdef __AVX2__
+struct by_ymm {
+  static constexpr std::size_t middle = 64, wide = 256, widest = wide;
+  template <class Action>
+  [[gnu::always_inline]] static void do_middle(const Action& act, std::size_t count) {
+    quarters<xmm>(act, count, std::make_index_sequence<1>());
+  }
+  template <class Action>
+  [[gnu::always_inline]] static void do_wide(const Action& act, std::size_t count) {
+    quarters<ymm>(act, count, std::make_index_sequence<2>());
+  }
+};
+#endif
+
+#ifdef __AVX512F__
+struct by_zmm {
+  static constexpr std::size_t middle = 64, wide = 256, widest = 512;
+  template <class Action>
+  [[gnu::always_inline]] static void do_middle(const Action& act, std::size_t count) {
+    quarters<xmm>(act, count, std::make_index_sequence<1>());
+  }
+  template <class Action>
+  [[gnu::always_inline]] static void do_wide(const Action& act, std::size_t count) {
+    quarters<zmm>(act, count, std::make_index_sequence<1>());
+  }
+  template <class Action>
+  [[gnu::always_inline]] static void do_widest(const Action& act, std::size_t count) {
+    halves<zmm>(act, count, std::make_index_sequence<4>());
+  }
+};
+#endif
+
+// Copies or fills a block of 0 to `Limit` bytes.
+template <class Plan, std::size_t Limit, class Action>
+[[gnu::always_inline]] inline void small_block(const Action& act, std::size_t count) {
+  static_assert(Limit <= Plan::widest);
+  asm goto(ZORVAC_JUMP_BY_COUNT(ZORVAC_ENTRIES("1", nothing) ZORVAC_ENTRIES("%c[to_3]", up_to_3)
+                                    ZORVAC_ENTRIES("%c[to_16]", up_to_16)
+                                        ZORVAC_ENTRIES("%c[to_middle]", up_to_middle)
+                                            ZORVAC_ENTRIES("%c[to_wide]", up_to_wide)
+                                                ZORVAC_ENTRIES("%c[to_widest]", up_to_widest))
+           :
+           : [count] "r"(count), [to_3] "i"(entries(Limit, 0, 3)),
+             [to_16] "i"(entries(Limit, 3, 16)), [to_middle] "i"(entries(Limit, 16, Plan::middle)),
+             [to_wide] "i"(entries(Limit, Plan::middle, Plan::wide)),
+             [to_widest] "i"(entries(Limit, Plan::wide, Plan::widest))
+           : "r10", "r11", "cc"
+           : nothing, up_to_3, up_to_16, up_to_middle, up_to_wide, up_to_widest);
+  __builtin_unreachable();
+up_to_3:
+  act.template at<u8>({0, count / 2, count - 1});
+  return;
+up_to_16:
+  quarters<u32>(act, count, std::make_index_sequence<1>());
+  return;
+up_to_middle:
+  if constexpr (Limit > 16) Plan::do_middle(act, count);
+  return;
+up_to_wide:
+  if constexpr (Limit > Plan::middle) Plan::do_wide(act, count);
+  return;
+up_to_widest:
+  if constexpr (Limit > Plan::wide) Plan::do_widest(act, count);
+  return;
+nothing:
+  return;
+}
+
+}  // namespace
+}  // namespace zorvac::mem
+#endif

@@ -1,0 +1,42 @@
+// The copy for AVX2: a loop within the first-level cache, the string instruction beyond it, and
+// past the caches what they cannot hold.
+#include "mem/bulk.h"
+#include "mem/string_instructions.h"
+#include "zorvac/mem.h"
+
+using namespace zorvac::mem;
+
+namespace {
+
+constexpr std::size_t small = 256;
+constexpr std::size_t registers = 8, iteration = registers * ymm::width;
+// A streamed iteration leaves at least this much, so that its prefetches stay within the block.
+constexpr std::size_t prefetched = 768;
+using look_ahead = prefetch_source<hint::t0, 512, 576, 640, 704>;
+
+[[gnu::noinline]] void* copy_large(char* to, const char* from, std::size_t count) {
+  remainder<way::forwards> rest{to, from, count};
+  copy_to_boundary<ymm>(rest, rest.to_boundary(ymm::width));
+  const std::size_t half = bytes_of(__libvrt_data_cache_size_half);
+  if (rest.count >= half - half / 4) {
+    if (rest.count < bytes_of(__libvrt_largest_cache_size_half)) {
+      rep_move_bytes(rest.to, rest.from, rest.count);
+      return to;
+    }
+    copy_loop<registers, ymm::load, ymm::stream, look_ahead>(rest, iteration + prefetched);
+    _mm_sfence();
+  }
+  copy_loop<registers, ymm::load, ymm::store_aligned, no_prefetch>(rest, iteration);
+  copy_last<ymm, registers>(rest);
+  return to;
+}
+
+}  // namespace
+
+extern "C" void* __zorva_avx_rep_memcpy(void* destination, const void* source, std::size_t count) {
+  auto* const to = static_cast<char*>(destination);
+  const auto* const from = static_cast<const char*>(source);
+  if (count > small) return copy_large(to, from, count);
+  small_block<by_ymm, small>(copying{to, from}, count);
+  return to;
+}

@@ -1,0 +1,99 @@
+// The copy and the move for SSE2 and, where the load-time method says so, for general registers
+// alone.
+#include "mem/direction.h"
+#include "mem/merge.h"
+#include "zorvac/mem.h"
+
+using namespace zorvac::mem;
+
+namespace {
+
+constexpr std::size_t small = 176;
+using look_ahead = prefetch_source<hint::nta, 384>;
+
+// Past the caches. The whole registers that the loop leaves still find the destination aligned.
+template <class Rest>
+void stream_registers(Rest& rest) {
+  copy_loop<4, xmm::load, xmm::stream, look_ahead>(rest, 64);
+  _mm_sfence();
+  switch (rest.count / xmm::width) {
+    case 3:
+      return copy_next<3, xmm::load, xmm::store_aligned>(rest);
+    case 2:
+      return copy_next<2, xmm::load, xmm::store_aligned>(rest);
+    case 1:
+      return copy_next<1, xmm::load, xmm::store_aligned>(rest);
+    default:
+      return;
+  }
+}
+
+template <class Rest>
+void copy_by_registers(Rest& rest) {
+  if (rest.count > bytes_of(__libvrt_largest_cache_size_half)) return stream_registers(rest);
+  const std::size_t skip = misalignment(rest.source_edge(), xmm::width);
+  if (skip == 0) return copy_loop<8, xmm::load_aligned, xmm::store_aligned, no_prefetch>(rest, 168);
+  copy_next<1, xmm::load, xmm::store_aligned>(rest);
+  merge<2, no_prefetch>(rest, skip);
+}
+
+template <class Rest>
+void copy_by_words(Rest& rest) {
+  if (rest.count <= bytes_of(__libvrt_largest_cache_size_half))
+    return copy_loop<8, u64::load, u64::store, no_prefetch>(rest, 64);
+  copy_loop<8, u64::load, u64::stream, look_ahead>(rest, 64);
+  _mm_sfence();
+}
+
+// Copies a block from the destination's next boundary on: the bulk, and what it leaves through the
+// table. The bytes up to the boundary are stored last, as part of a register that was loaded first.
+// So one piece of code serves every distance, none included, and is exact for blocks that overlap.
+template <class V, auto Bulk, class Rest>
+[[gnu::always_inline]] inline void copy_from_boundary(Rest& rest) {
+  const std::size_t first = rest.next(V::width);
+  char* const to = rest.to + first;
+  const auto saved = V::load(rest.from + first);
+  rest.take(rest.to_boundary(V::width) % V::width);
+  Bulk(rest);
+  small_block<by_xmm, small>(rest.action(), rest.count);
+  V::store(to, saved);
+}
+
+// Whether a block is large is measured from the destination's word boundary on.
+template <way Way>
+[[gnu::noinline]] void* copy_large(char* to, const char* from, std::size_t count) {
+  remainder<Way> rest{to, from, count};
+  if (count - rest.to_boundary(8) % 8 <= small)
+    small_block<by_xmm, small + 7>(rest.action(), count);
+  else if (__libvrt_mem_ops_method == 2)
+    copy_from_boundary<xmm, copy_by_registers<remainder<Way>>>(rest);
+  else
+    copy_from_boundary<u64, copy_by_words<remainder<Way>>>(rest);
+  return to;
+}
+
+[[gnu::always_inline]] inline void* copy_small(char* to, const char* from, std::size_t count) {
+  small_block<by_xmm, small>(copying{to, from}, count);
+  return to;
+}
+
+}  // namespace
+
+extern "C" {
+
+void* __zorva_new_memcpy(void* destination, const void* source, std::size_t count) {
+  auto* const to = static_cast<char*>(destination);
+  const auto* const from = static_cast<const char*>(source);
+  if (count <= small) return copy_small(to, from, count);
+  return copy_large<way::forwards>(to, from, count);
+}
+[[gnu::alias("__zorva_new_memcpy")]] void* __zorva_memcpy(void*, const void*, std::size_t);
+
+void* __zorva_new_memmove(void* destination, const void* source, std::size_t count) {
+  auto* const to = static_cast<char*>(destination);
+  const auto* const from = static_cast<const char*>(source);
+  if (count <= small) return copy_small(to, from, count);
+  if (begins_inside(to, from, count)) return copy_large<way::backwards>(to, from, count);
+  return copy_large<way::forwards>(to, from, count);
+}
+}

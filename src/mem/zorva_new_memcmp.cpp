@@ -1,0 +1,99 @@
+// The comparison: words in memory order, and for small counts an indirect jump by the count to as
+// many of them, straight on, as it takes.
+#include <utility>
+
+#include "mem/count_table.h"
+#include "mem/vectors.h"
+#include "zorvac/mem.h"
+
+using namespace zorvac::mem;
+
+namespace {
+
+constexpr std::size_t small = 64;
+
+// -1 or +1, for words that differ, as their first bytes in memory that do.
+int order(std::uint64_t x, std::uint64_t y) {
+  return __builtin_bswap64(x) < __builtin_bswap64(y) ? -1 : 1;
+}
+
+// Compares the words at these offsets, in this order.
+template <std::size_t Count, std::size_t... I>
+[[gnu::always_inline]] inline int compare_words(const char* a, const char* b,
+                                                const std::size_t (&offset)[Count],
+                                                std::index_sequence<I...>) {
+  std::uint64_t x = 0, y = 0;
+  const bool differ = ((x = u64::load(a + offset[I]), y = u64::load(b + offset[I]), x != y) || ...);
+  return differ ? order(x, y) : 0;
+}
+
+// The first word, then the last ones up to the end. They may overlap it: what it had is equal.
+template <std::size_t... Last>
+[[gnu::always_inline]] inline int compare_to_end(const char* a, const char* b, std::size_t count,
+                                                 std::index_sequence<Last...>) {
+  constexpr std::size_t last = sizeof...(Last);
+  return compare_words(a, b, {0, (count - (last - Last) * 8)...},
+                       std::make_index_sequence<last + 1>());
+}
+
+// Fewer than 8 bytes, gathered into a word each, the first one lowest.
+int compare_gathered(std::uint64_t x, std::uint64_t y) { return x == y ? 0 : order(x, y); }
+std::uint64_t three_bytes(const char* p, std::size_t count) {
+  const std::uint64_t first = u8::load(p), middle = u8::load(p + count / 2),
+                      last = u8::load(p + count - 1);
+  return first | middle << 8 | last << 16;
+}
+std::uint64_t two_halves(const char* p, std::size_t count) {
+  const std::uint64_t first = u32::load(p), last = u32::load(p + count - 4);
+  return first | last << 32;
+}
+
+int compare_small(const char* a, const char* b, std::size_t count) {
+  asm goto(ZORVAC_JUMP_BY_COUNT(ZORVAC_ENTRIES("1", nothing) ZORVAC_ENTRIES(
+      "3", to_3) ZORVAC_ENTRIES("4", to_7) ZORVAC_ENTRIES("1", to_8) ZORVAC_ENTRIES("8", to_16)
+                                    ZORVAC_ENTRIES("8", to_24) ZORVAC_ENTRIES("8", to_32)
+                                        ZORVAC_ENTRIES("8", to_40) ZORVAC_ENTRIES("8", to_48)
+                                            ZORVAC_ENTRIES("8", to_56) ZORVAC_ENTRIES("8", to_64))
+           :
+           : [count] "r"(count)
+           : "r10", "r11", "cc"
+           : nothing, to_3, to_7, to_8, to_16, to_24, to_32, to_40, to_48, to_56, to_64);
+  __builtin_unreachable();
+nothing:
+  return 0;
+to_3:
+  return compare_gathered(three_bytes(a, count), three_bytes(b, count));
+to_7:
+  return compare_gathered(two_halves(a, count), two_halves(b, count));
+to_8:
+  return compare_to_end(a, b, count, std::make_index_sequence<0>());
+to_16:
+  return compare_to_end(a, b, count, std::make_index_sequence<1>());
+to_24:
+  return compare_to_end(a, b, count, std::make_index_sequence<2>());
+to_32:
+  return compare_to_end(a, b, count, std::make_index_sequence<3>());
+to_40:
+  return compare_to_end(a, b, count, std::make_index_sequence<4>());
+to_48:
+  return compare_to_end(a, b, count, std::make_index_sequence<5>());
+to_56:
+  return compare_to_end(a, b, count, std::make_index_sequence<6>());
+to_64:
+  return compare_to_end(a, b, count, std::make_index_sequence<7>());
+}
+
+}  // namespace
+
+extern "C" int __zorva_new_memcmp(const void* first, const void* second, std::size_t count) {
+  const auto* a = static_cast<const char*>(first);
+  const auto* b = static_cast<const char*>(second);
+  if (static_cast<std::ptrdiff_t>(count) < 1) return 0;  // the count is signed here
+  while (count > small) {
+    const int result =
+        compare_words(a, b, {0, 8, 16, 24, 32, 40, 48, 56}, std::make_index_sequence<8>());
+    if (result != 0) return result;
+    a += 64, b += 64, count -= 64;
+  }
+  return compare_small(a, b, count);
+}

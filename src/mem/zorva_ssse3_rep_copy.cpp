@@ -1,0 +1,122 @@
+// The copy and the move for SSE4.2 processors. A block that the caches cannot hold is split: its
+// first part is stored past them, and the part copied last, which is likely to be used next, is
+// copied through them.
+//
+//     forwards    |--------- streamed ---------|---- through the caches ----|
+//     backwards   |---- through the caches ----|--------- streamed ---------|
+#include "mem/direction.h"
+#include "mem/merge.h"
+#include "zorvac/mem.h"
+
+using namespace zorvac::mem;
+
+namespace {
+
+constexpr std::size_t small = 143;
+constexpr std::size_t registers = 8;  // an iteration copies 128 bytes
+constexpr std::size_t iteration = registers * xmm::width;
+constexpr std::size_t least_streamed = 4096;  // not worth the fence up to here
+
+// Prefetches ahead of the source and of the destination.
+template <hint Hint, std::size_t... Distance>
+struct prefetch_both {
+  template <class Rest>
+  [[gnu::always_inline]] static void run(const Rest& rest) {
+    prefetch_source<Hint, Distance...>::run(rest);
+    (prefetch<Hint>(rest.ahead(rest.to + rest.next(0), Distance)), ...);
+  }
+};
+
+template <class Prefetch, class Rest>
+void copy_through_caches(Rest& rest) {
+  const std::size_t skip = misalignment(rest.source_edge(), xmm::width);
+  if (skip != 0) return merge<registers, Prefetch>(rest, skip);
+  copy_loop<registers, xmm::load_aligned, xmm::store_aligned, Prefetch>(rest, iteration);
+}
+
+// The load fence keeps the loads of an iteration together, ahead of its stores.
+template <std::size_t... I>
+[[gnu::always_inline]] inline void stream_registers(char* to, const char* from,
+                                                    std::index_sequence<I...>) {
+  const __m128i block[] = {xmm::load(from + I * xmm::width)...};
+  _mm_lfence();
+  (xmm::stream(to + I * xmm::width, block[I]), ...);
+}
+
+template <class Rest>
+void stream(Rest& rest, std::size_t count) {
+  for (; count >= iteration; count -= iteration) {
+    prefetch_source<hint::t0, 512, 768>::run(rest);
+    const std::size_t at = rest.next(iteration);
+    stream_registers(rest.to + at, rest.from + at, std::make_index_sequence<registers>());
+    rest.take(iteration);
+  }
+  _mm_sfence();
+}
+
+// How many bytes of a large block to store past the caches.
+std::size_t part_to_stream(std::size_t count) {
+  const std::size_t half = bytes_of(__libvrt_largest_cache_size_half);
+  const std::size_t cached = count < half ? count : half, rest = count - cached;
+  if (rest <= least_streamed) return 0;
+  return rest > 8 * cached ? count : rest;
+}
+
+// Whether a block is so large that the split is considered.
+template <class Rest>
+bool is_large(const Rest& rest, std::size_t aligned_count) {
+  if (Rest::direction == way::backwards)
+    return aligned_count > 2 * bytes_of(__libvrt_data_cache_size);
+  if (misalignment(rest.source_edge(), xmm::width) != 0)
+    return aligned_count >= bytes_of(__libvrt_data_cache_size);
+  return aligned_count + aligned_count / 256 >= bytes_of(__libvrt_data_cache_size_half);
+}
+
+template <way Way>
+[[gnu::noinline]] void* copy_large(char* to, const char* from, std::size_t count) {
+  remainder<Way> rest{to, from, count};
+  const std::size_t aligned_count = count - rest.to_boundary(xmm::width);
+  copy_past_boundary<xmm>(rest);
+  if (is_large(rest, aligned_count)) {
+    if (const std::size_t streamed = part_to_stream(rest.count)) stream(rest, streamed);
+    copy_through_caches<prefetch_both<hint::nta, 448, 640>>(rest);
+  } else if (aligned_count >= bytes_of(__libvrt_data_cache_size_half)) {
+    copy_through_caches<prefetch_source<hint::t0, 448, 640>>(rest);
+  } else {
+    copy_through_caches<no_prefetch>(rest);
+  }
+  small_block<by_xmm, iteration - 1>(rest.action(), rest.count);
+  return to;
+}
+
+// One table serves both directions: its code addresses the block from both ends and has loaded all
+// of it before the first store, so a table that works backwards would have the same entries, and a
+// choice between the two by the addresses could only be mispredicted.
+[[gnu::always_inline]] inline void* copy_small(char* to, const char* from, std::size_t count) {
+  small_block<by_xmm, small>(copying{to, from}, count);
+  return to;
+}
+
+void* copy(way direction, char* to, const char* from, std::size_t count) {
+  return direction == way::forwards ? copy_large<way::forwards>(to, from, count)
+                                    : copy_large<way::backwards>(to, from, count);
+}
+
+}  // namespace
+
+extern "C" {
+
+void* __zorva_ssse3_rep_memcpy(void* destination, const void* source, std::size_t count) {
+  auto* const to = static_cast<char*>(destination);
+  const auto* const from = static_cast<const char*>(source);
+  if (count <= small) return copy_small(to, from, count);
+  return copy(by_low_bytes(to, from), to, from, count);
+}
+
+void* __zorva_ssse3_rep_memmove(void* destination, const void* source, std::size_t count) {
+  auto* const to = static_cast<char*>(destination);
+  const auto* const from = static_cast<const char*>(source);
+  if (count <= small) return copy_small(to, from, count);
+  return copy(of_move(to, from, count), to, from, count);
+}
+}
