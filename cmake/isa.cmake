@@ -35,3 +35,5 @@ zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   startup/proc_init.S
   startup/proc_init_utils.cpp
   startup/vrt_msg_support.cpp)
+zorvac_sources(ZORVAC_COMMON_SOURCES baseline
+  quad/fp.cpp)
