@@ -36,7 +36,15 @@ zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   startup/proc_init_utils.cpp
   startup/vrt_msg_support.cpp)
 zorvac_sources(ZORVAC_COMMON_SOURCES baseline
-  quad/fp.cpp)
+  quad/fp.cpp
+  quad/fp2int128.cpp
+  quad/int128tofp.cpp
+  quad/negq.cpp
+  quad/x86_addsubq.cpp
+  quad/x86_divq.cpp
+  quad/x86_divq.S
+  quad/x86_mulq.cpp
+  quad/x86_mulq.S)
 
 # The alternate and complex entry points of quad arithmetic: one tiny source each, so that a program
 # linked with the static library gets what it calls and may define the rest itself.
