@@ -332,7 +332,7 @@ struct number {
     const bool negative = at != last && *at == '-';
     if (at != last && (*at == '-' || *at == '+')) ++at;
     if (at == last || !is_digit(*at)) return without;
-    constexpr std::int64_t limit = 1'000'000'000'000'000'000;
+    constexpr std::int64_t limit = 100'000'000'000'000'000;
     std::int64_t value = 0;
     for (; at != last && is_digit(*at); ++at)
       if (value < limit) value = value * 10 + (*at - '0');
@@ -400,9 +400,9 @@ struct digit_string {
                                       : fraction | static_cast<zorvac_uint128_t>(1) << 112};
     big_integer denominator{1};
 
-    // 10^point is above the number, by a factor of 1 to 40: 315653 / 2^20 is the logarithm of 2,
-    // and close enough.
-    point = ((numerator.bit_length() + power) * 315653 >> 20) + 1;
+    // 10^point is above the number, and 1233 / 4096 so near the logarithm of 2 that the factor is
+    // less than 1000: that costs up to two leading zeros.
+    point = ((numerator.bit_length() + power) * 1233 >> 12) + 2;
     scale(power, numerator, denominator);
     scale(-point, numerator, denominator);
     const int fives = point < 0 ? -point : point;

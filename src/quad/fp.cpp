@@ -19,7 +19,6 @@ namespace {
 constexpr std::uint32_t exceptions[] = {ZORVAC_FP_INVALID,        ZORVAC_FP_DENORMAL,
                                         ZORVAC_FP_DIVIDE_BY_ZERO, ZORVAC_FP_OVERFLOW,
                                         ZORVAC_FP_UNDERFLOW,      ZORVAC_FP_INEXACT};
-constexpr std::uint32_t all_exceptions = 0x3f;
 
 // The lowest six bits of `hardware` as an abstract word, and back.
 constexpr std::uint32_t abstract_exceptions(std::uint32_t hardware) {
@@ -46,7 +45,8 @@ constexpr int abstract_rounding = 8, abstract_precision = 16, abstract_flush = 2
 struct control_layout {
   int masks, rounding;
 };
-constexpr control_layout mxcsr_layout{7, 13}, x87_layout{0, 10};
+constexpr control_layout mxcsr_layout{mxcsr::mask_shift, mxcsr::rounding_shift};
+constexpr control_layout x87_layout{0, 10};
 
 std::uint32_t with_masks_and_rounding(std::uint32_t reg, control_layout at, std::uint32_t value,
                                       std::uint32_t mask) {
@@ -112,7 +112,7 @@ environment change(std::uint32_t value, std::uint32_t mask) {
 
 void clear_flags() {
   x87::clear_exceptions();
-  mxcsr::write(mxcsr::read() & ~all_exceptions);
+  mxcsr::write(mxcsr::read() & ~mxcsr::all_flags);
 }
 
 }  // namespace
