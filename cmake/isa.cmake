@@ -39,7 +39,12 @@ zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   quad/fp.cpp
   quad/fp2int128.cpp
   quad/int128tofp.cpp
+  quad/fp2q.cpp
+  quad/ints2q.cpp
   quad/negq.cpp
+  quad/q2fp.cpp
+  quad/q2ints.cpp
+  quad/qcomp.cpp
   quad/x86_addsubq.cpp
   quad/x86_divq.cpp
   quad/x86_divq.S

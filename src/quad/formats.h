@@ -83,7 +83,12 @@ struct x87_image {  // as it lies in memory; six bytes of padding follow
 [[gnu::always_inline]] inline x87::word word_of(long double value) {
   x87_image image;
   std::memcpy(&image, &value, 10);
-  return uint128{image.sign_and_exponent} << x87::fraction_bits | (image.significand << 1 >> 1);
+  // Where the exponent is 0, a leading one that is stored nevertheless (a pseudo-denormal number)
+  // makes it 1.
+  const uint64_t without_leading_one = image.significand << 1 >> 1;
+  const uint64_t exponent = image.sign_and_exponent & x87::special_exponent;
+  return (uint128{image.sign_and_exponent} << x87::fraction_bits) +
+         (exponent != 0 ? without_leading_one : image.significand);
 }
 
 template <class F>
@@ -104,6 +109,15 @@ template <>
   long double value = 0;
   std::memcpy(&value, &image, 10);
   return value;
+}
+
+template <class F>
+constexpr bool is_nan(typename F::word w) {
+  return F::magnitude(w) > F::infinity;
+}
+template <class F>
+constexpr bool is_signalling(typename F::word w) {
+  return is_nan<F>(w) && (w & F::quiet_bit) == 0;
 }
 
 [[gnu::always_inline]] constexpr int leading_zeros(uint64_t x) { return __builtin_clzll(x); }
@@ -134,6 +148,13 @@ constexpr unpacked<F> unpack(typename F::word w) {
   constexpr int unused_bits = 8 * static_cast<int>(sizeof w) - F::precision;
   const int shift = leading_zeros(F::fraction(w)) - unused_bits;
   return {F::negative(w), 1 - shift, F::fraction(w) << shift};
+}
+
+// Puts exponent and significand together. The leading one, where it stands, adds 1 to the exponent
+// field.
+template <class F>
+[[gnu::always_inline]] constexpr typename F::word pack(int exponent, typename F::word significand) {
+  return (static_cast<typename F::word>(exponent - 1) << F::fraction_bits) + significand;
 }
 
 }  // namespace

@@ -11,15 +11,6 @@ namespace {
 constexpr uint128 QNaNIndefiniteq =
     binary128::sign_bit | binary128::infinity | binary128::quiet_bit;
 
-template <class F>
-constexpr bool is_nan(typename F::word w) {
-  return F::magnitude(w) > F::infinity;
-}
-template <class F>
-constexpr bool is_signalling(typename F::word w) {
-  return is_nan<F>(w) && (w & F::quiet_bit) == 0;
-}
-
 // Of two operands, at least one of which is a NaN: the only NaN, or the only quiet one, or the one
 // of the larger magnitude, or, where they differ in sign at most, b if a is positive, else a.
 constexpr bool prefers_first_nan(uint128 a, uint128 b) {

@@ -123,12 +123,6 @@ typename F::word pack_tiny(bool negative, int exponent, typename F::word signifi
   return F::signed_word(negative, packed);
 }
 
-// The leading one, where it stands, adds 1 to the exponent field.
-template <class F>
-[[gnu::always_inline]] constexpr typename F::word pack(int exponent, typename F::word significand) {
-  return (static_cast<typename F::word>(exponent - 1) << F::fraction_bits) + significand;
-}
-
 // A result that may overflow, or that is tiny.
 template <class F, exact_underflow Exact>
 [[gnu::cold, gnu::noinline]] typename F::word round_and_pack_edge(bool negative, int exponent,
