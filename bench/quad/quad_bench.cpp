@@ -18,18 +18,18 @@
 using quad = __float128;
 
 // The names of the compilers' routines, which take and return quads by value.
-#define COMPILER_ROUTINES(prefix)         \
-  quad prefix##__addtf3(quad, quad);      \
-  quad prefix##__subtf3(quad, quad);      \
-  quad prefix##__multf3(quad, quad);      \
-  quad prefix##__divtf3(quad, quad);      \
-  long prefix##__eqtf2(quad, quad);       \
-  long prefix##__lttf2(quad, quad);       \
-  double prefix##__trunctfdf2(quad);      \
-  quad prefix##__extenddftf2(double);     \
-  int prefix##__fixtfsi(quad);            \
-  quad prefix##__floatsitf(int);          \
-  std::int64_t prefix##__fixtfdi(quad);   \
+#define COMPILER_ROUTINES(prefix)       \
+  quad prefix##__addtf3(quad, quad);    \
+  quad prefix##__subtf3(quad, quad);    \
+  quad prefix##__multf3(quad, quad);    \
+  quad prefix##__divtf3(quad, quad);    \
+  long prefix##__eqtf2(quad, quad);     \
+  long prefix##__lttf2(quad, quad);     \
+  double prefix##__trunctfdf2(quad);    \
+  quad prefix##__extenddftf2(double);   \
+  int prefix##__fixtfsi(quad);          \
+  quad prefix##__floatsitf(int);        \
+  std::int64_t prefix##__fixtfdi(quad); \
   quad prefix##__floatditf(std::int64_t);
 extern "C" {
 COMPILER_ROUTINES()
@@ -102,22 +102,26 @@ BENCHMARK(throughput<quad, quad, empty_call>)->Name("empty/throughput/call");
 
 // One row per contender. `ours` and `theirs` compute *r from *a and *b; NAME is the compiler's
 // routine, with its prefix.
-#define PEER(peer, prefix, operation, Result, Operand, theirs)                                    \
-  void operation##_##peer(Result* r, const Operand* a, [[maybe_unused]] const Operand* b) {       \
-    *r = static_cast<Result>(prefix##theirs);                                                     \
-  }                                                                                               \
-  BENCHMARK(throughput<Result, Operand, operation##_##peer>)->Name(#operation "/throughput/" #peer); \
+#define PEER(peer, prefix, operation, Result, Operand, theirs)                              \
+  void operation##_##peer(Result* r, const Operand* a, [[maybe_unused]] const Operand* b) { \
+    *r = static_cast<Result>(prefix##theirs);                                               \
+  }                                                                                         \
+  BENCHMARK(throughput<Result, Operand, operation##_##peer>)                                \
+      ->Name(#operation "/throughput/" #peer);                                              \
   BENCHMARK(latency<Result, Operand, operation##_##peer>)->Name(#operation "/latency/" #peer);
 #ifdef ZORVAC_BENCH_CLANG_RT
 #define CLANG_PEER(...) PEER(clang_rt, clang_rt, __VA_ARGS__)
 #else
 #define CLANG_PEER(...)
 #endif
-#define OPERATION(operation, Result, Operand, ours, theirs)                                       \
-  void operation##_zorvac(Result* r, const Operand* a, [[maybe_unused]] const Operand* b) { ours; } \
-  BENCHMARK(throughput<Result, Operand, operation##_zorvac>)->Name(#operation "/throughput/zorvac"); \
-  BENCHMARK(latency<Result, Operand, operation##_zorvac>)->Name(#operation "/latency/zorvac");    \
-  PEER(libgcc, , operation, Result, Operand, theirs)                                              \
+#define OPERATION(operation, Result, Operand, ours, theirs)                                    \
+  void operation##_zorvac(Result* r, const Operand* a, [[maybe_unused]] const Operand* b) {    \
+    ours;                                                                                      \
+  }                                                                                            \
+  BENCHMARK(throughput<Result, Operand, operation##_zorvac>)                                   \
+      ->Name(#operation "/throughput/zorvac");                                                 \
+  BENCHMARK(latency<Result, Operand, operation##_zorvac>)->Name(#operation "/latency/zorvac"); \
+  PEER(libgcc, , operation, Result, Operand, theirs)                                           \
   CLANG_PEER(operation, Result, Operand, theirs)
 
 OPERATION(add, quad, quad, __addq(r, a, b), __addtf3(*a, *b))

@@ -4,8 +4,8 @@
 #include <csetjmp>
 #include <csignal>
 
-#include "oracle.h"
 #include "operands.h"
+#include "oracle.h"
 #include "support/guard_pages.h"
 #include "sweep.h"
 #include "zorvac/cpu.h"
@@ -31,10 +31,10 @@ struct routine {
 void PrintTo(const routine& r, std::ostream* out) { *out << r.name; }
 
 constexpr routine routines[] = {
-    {"addq", operation::add, __addq},         {"subq", operation::subtract, __subq},
-    {"mulq", operation::multiply, __mulq},    {"divq", operation::divide, __divq},
-    {"mulq_L", operation::multiply, mulq_l},  {"mulq_A", operation::multiply, mulq_a},
-    {"divq_L", operation::divide, divq_l},    {"divq_A", operation::divide, divq_a},
+    {"addq", operation::add, __addq},        {"subq", operation::subtract, __subq},
+    {"mulq", operation::multiply, __mulq},   {"divq", operation::divide, __divq},
+    {"mulq_L", operation::multiply, mulq_l}, {"mulq_A", operation::multiply, mulq_a},
+    {"divq_L", operation::divide, divq_l},   {"divq_A", operation::divide, divq_a},
 };
 
 answer run(const routine& r, const under_rounding& scope, bits a, bits b) {
@@ -77,10 +77,14 @@ TEST_P(Arithmetic, AgreesWithTheCompiler) {
   const auto compiled = [&](bits a, bits b) {
     const auto x = std::bit_cast<__float128>(a), y = std::bit_cast<__float128>(b);
     switch (r.computes) {
-      case operation::add: return x + y;
-      case operation::subtract: return x - y;
-      case operation::multiply: return x * y;
-      default: return x / y;
+      case operation::add:
+        return x + y;
+      case operation::subtract:
+        return x - y;
+      case operation::multiply:
+        return x * y;
+      default:
+        return x / y;
     }
   };
   const auto without_payload = [](answer g) -> answer {
@@ -96,8 +100,8 @@ TEST_P(Arithmetic, AgreesWithTheCompiler) {
       asm volatile("fnclex");
       const __float128 theirs = compiled(a, b);
       const unsigned flags = scope.raised() | (read_x87().status & all_flags);
-      s.expect(without_payload(ours),
-               without_payload({std::bit_cast<uint128>(theirs), flags}), mode, a, b);
+      s.expect(without_payload(ours), without_payload({std::bit_cast<uint128>(theirs), flags}),
+               mode, a, b);
     });
   }
 }
@@ -108,7 +112,8 @@ struct known {
   unsigned flags;
   bits results[4];  // to nearest, down, up, toward zero
 };
-#define IN_EVERY_MODE(q) {q, q, q, q}
+#define IN_EVERY_MODE(q) \
+  { q, q, q, q }
 
 // What IEEE 754 says in words, or leaves open and the library promises.
 const known known_results[] = {
@@ -120,21 +125,35 @@ const known known_results[] = {
     {operation::add, largest, largest, overflow | inexact, {infinity, largest, infinity, largest}},
     {operation::add, quad(false, 0, fraction_ones, all_ones), smallest, denormal,
      IN_EVERY_MODE(smallest_normal)},
-    {operation::add, one, power_of_two(-113), inexact,
+    {operation::add,
+     one,
+     power_of_two(-113),
+     inexact,
      {one, one, quad(false, 0x3fff, 0, 1), one}},  // a tie, the even neighbour below
-    {operation::add, quad(false, 0x3fff, 0, 1), power_of_two(-113), inexact,
+    {operation::add,
+     quad(false, 0x3fff, 0, 1),
+     power_of_two(-113),
+     inexact,
      {quad(false, 0x3fff, 0, 2), quad(false, 0x3fff, 0, 1), quad(false, 0x3fff, 0, 2),
       quad(false, 0x3fff, 0, 1)}},
     {operation::add, one, smallest, denormal | inexact, {one, one, quad(false, 0x3fff, 0, 1), one}},
     {operation::multiply, zero, infinity, invalid, IN_EVERY_MODE(indefinite)},
-    {operation::multiply, smallest, smallest, denormal | underflow | inexact,
+    {operation::multiply,
+     smallest,
+     smallest,
+     denormal | underflow | inexact,
      {zero, zero, smallest, zero}},
     {operation::multiply, zero, smallest, denormal, IN_EVERY_MODE(zero)},
     {operation::multiply, infinity, smallest, 0, IN_EVERY_MODE(infinity)},
-    {operation::multiply, largest, power_of_two(1), overflow | inexact,
+    {operation::multiply,
+     largest,
+     power_of_two(1),
+     overflow | inexact,
      {infinity, largest, infinity, largest}},
     // (1 - 2^-113) * smallest normal is tiny, though a tie makes it the smallest normal itself.
-    {operation::multiply, quad(false, 0x3ffe, fraction_ones, all_ones), smallest_normal,
+    {operation::multiply,
+     quad(false, 0x3ffe, fraction_ones, all_ones),
+     smallest_normal,
      underflow | inexact,
      {smallest_normal, quad(false, 0, fraction_ones, all_ones), smallest_normal,
       quad(false, 0, fraction_ones, all_ones)}},
@@ -147,7 +166,8 @@ const known known_results[] = {
      IN_EVERY_MODE(quad(false, 0, 0x8000'0000'0000))},
     // NaNs: the quiet one; of two alike the larger; of equal ones the second, unless the first is
     // negative.
-    {operation::add, signalling_nan, one, invalid, IN_EVERY_MODE(quad(false, 0x7fff, quiet_bit | 1, 7))},
+    {operation::add, signalling_nan, one, invalid,
+     IN_EVERY_MODE(quad(false, 0x7fff, quiet_bit | 1, 7))},
     {operation::subtract, one, negated(signalling_nan), invalid,
      IN_EVERY_MODE(quad(true, 0x7fff, quiet_bit | 1, 7))},
     {operation::multiply, signalling_nan, quiet_nan, invalid, IN_EVERY_MODE(quiet_nan)},
@@ -175,8 +195,8 @@ TEST_P(Arithmetic, GivesKnownResults) {
 // on the flags nor on the flush modes, which are for the processor's own formats.
 TEST_P(Arithmetic, OnlyEverAddsFlags) {
   const routine& r = GetParam();
-  static constexpr bits operands[] = {zero, one, smallest, largest, infinity, signalling_nan,
-                                      quad(true, 0x3fff, 1, 1)};
+  static constexpr bits operands[] = {
+      zero, one, smallest, largest, infinity, signalling_nan, quad(true, 0x3fff, 1, 1)};
   constexpr std::uint32_t flush_modes = 1 << 15 | 1 << 6;
   for (const rounding mode : roundings)
     for (const bits a : operands)
@@ -206,7 +226,8 @@ TEST_P(Arithmetic, TakesAnyPlaceOfItsOperands) {
     unsigned char* const places[] = {block.begin(), block.begin() + 24, block.begin() + 56,
                                      block.end() - 16};
     for (int p = 0; p < 4; ++p) {
-      unsigned char *const x = places[p], *const y = places[(p + 1) % 4], *const z = places[(p + 2) % 4];
+      unsigned char *const x = places[p], *const y = places[(p + 1) % 4],
+                           *const z = places[(p + 2) % 4];
       for (unsigned char* const destination : {x, y, z}) {
         std::memcpy(x, &a, 16);
         std::memcpy(y, &b, 16);
@@ -231,7 +252,7 @@ extern "C" void note_trap(int, siginfo_t* info, void*) {
 class catching_traps {
  public:
   catching_traps() {
-    struct sigaction action{};
+    struct sigaction action {};
     action.sa_sigaction = note_trap;
     action.sa_flags = SA_SIGINFO;
     sigaction(SIGFPE, &action, &saved_);
@@ -239,7 +260,7 @@ class catching_traps {
   ~catching_traps() { sigaction(SIGFPE, &saved_, nullptr); }
 
  private:
-  struct sigaction saved_{};
+  struct sigaction saved_ {};
 };
 
 // The flag whose exception trapped with only that one unmasked: the trap code, or 0.
@@ -265,21 +286,32 @@ bool is_exact_subnormal_of_general_path(operation o, bits a, bits b, const answe
     while (leading >> 127 == 0) leading <<= 1;
     return leading << 1;
   };
-  return o == operation::multiply ||
-         (o == operation::divide && significand(a) != significand(b));
+  return o == operation::multiply || (o == operation::divide && significand(a) != significand(b));
 }
 
 TEST_P(Arithmetic, TrapsWhereAFlagIsUnmasked) {
   struct {
     unsigned flag;
     int code;
-  } static constexpr exceptions[] = {{invalid, FPE_FLTINV},   {denormal, FPE_FLTUND},
+  } static constexpr exceptions[] = {{invalid, FPE_FLTINV},        {denormal, FPE_FLTUND},
                                      {divide_by_zero, FPE_FLTDIV}, {overflow, FPE_FLTOVF},
-                                     {underflow, FPE_FLTUND}, {inexact, FPE_FLTRES}};
-  static constexpr bits operands[] = {
-      zero, negated(zero), one, negated(one), smallest, smallest_normal, largest, infinity,
-      signalling_nan, quiet_nan, power_of_two(1), power_of_two(-1), quad(false, 0x4000, quiet_bit),
-      quad(false, 1, quiet_bit), quad(false, 0, 0x1234), quad(false, 0x3f90, 1)};
+                                     {underflow, FPE_FLTUND},      {inexact, FPE_FLTRES}};
+  static constexpr bits operands[] = {zero,
+                                      negated(zero),
+                                      one,
+                                      negated(one),
+                                      smallest,
+                                      smallest_normal,
+                                      largest,
+                                      infinity,
+                                      signalling_nan,
+                                      quiet_nan,
+                                      power_of_two(1),
+                                      power_of_two(-1),
+                                      quad(false, 0x4000, quiet_bit),
+                                      quad(false, 1, quiet_bit),
+                                      quad(false, 0, 0x1234),
+                                      quad(false, 0x3f90, 1)};
   const routine& r = GetParam();
   const catching_traps scope;
   unsigned trapped = 0;
@@ -298,10 +330,18 @@ TEST_P(Arithmetic, TrapsWhereAFlagIsUnmasked) {
       }
   static constexpr unsigned sums = invalid | denormal | overflow | inexact;
   switch (r.computes) {
-    case operation::add: EXPECT_EQ(trapped, sums); break;
-    case operation::subtract: EXPECT_EQ(trapped, sums); break;
-    case operation::multiply: EXPECT_EQ(trapped, sums | underflow); break;
-    case operation::divide: EXPECT_EQ(trapped, all_flags); break;
+    case operation::add:
+      EXPECT_EQ(trapped, sums);
+      break;
+    case operation::subtract:
+      EXPECT_EQ(trapped, sums);
+      break;
+    case operation::multiply:
+      EXPECT_EQ(trapped, sums | underflow);
+      break;
+    case operation::divide:
+      EXPECT_EQ(trapped, all_flags);
+      break;
   }
 }
 
@@ -356,7 +396,7 @@ TEST(Negation, FlipsTheSignAndNothingElse) {
 // own test sees.
 TEST(Dispatch, WorksForEveryIndicator) {
   const std::uint64_t saved = __zorva_cpu_feature_indicator;
-  for (const std::uint64_t indicator : {0x00, 0x01, 0x7f, 0xff}) {
+  for (const unsigned indicator : {0x00U, 0x01U, 0x7fU, 0xffU}) {
     for (const routine& r : routines) {
       __zorva_cpu_feature_indicator = indicator;
       const under_rounding scope(to_nearest);

@@ -48,8 +48,8 @@ constexpr bits signalling_nan = quad(false, 0x7fff, 1, 7);
 
 inline std::string hex(uint128 word) {
   char text[48];
-  std::snprintf(text, sizeof text, "%016llx:%016llx",
-                static_cast<unsigned long long>(word >> 64), static_cast<unsigned long long>(word));
+  std::snprintf(text, sizeof text, "%016llx:%016llx", static_cast<unsigned long long>(word >> 64),
+                static_cast<unsigned long long>(word));
   return text;
 }
 inline std::ostream& operator<<(std::ostream& out, bits q) { return out << hex(word_of(q)); }
@@ -69,7 +69,8 @@ inline std::string flag_names(unsigned flags) {
   return text.empty() ? "no flag" : text;
 }
 
-// Runs under a rounding mode (and, if wanted, with other MXCSR bits); gives the caller's MXCSR back.
+// Runs under a rounding mode (and, if wanted, with other MXCSR bits); gives the caller's MXCSR
+// back.
 class under_rounding {
  public:
   explicit under_rounding(unsigned mode, std::uint32_t other_bits = all_masked)

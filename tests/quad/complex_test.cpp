@@ -4,8 +4,8 @@
 
 #include <array>
 
-#include "oracle.h"
 #include "operands.h"
+#include "oracle.h"
 #include "sweep.h"
 #include "zorvac/quad.h"
 
@@ -34,10 +34,23 @@ constexpr complex_quad untouched{{0x5555'5555'5555'5555, 0x5555'5555'5555'5555},
 
 const std::vector<bits>& few_operands() {
   static const std::vector<bits> operands = [] {
-    std::vector<bits> all = {zero, negated(zero), one, negated(one), smallest, smallest_normal,
-                             largest, infinity, negated(infinity), signalling_nan, quiet_nan,
-                             power_of_two(9000), power_of_two(-9000), quad(false, 0x4000, 0x4000'0000'0000),
-                             quad(false, 0x3fff, 1, 1), power_of_two(31), power_of_two(63, true)};
+    std::vector<bits> all = {zero,
+                             negated(zero),
+                             one,
+                             negated(one),
+                             smallest,
+                             smallest_normal,
+                             largest,
+                             infinity,
+                             negated(infinity),
+                             signalling_nan,
+                             quiet_nan,
+                             power_of_two(9000),
+                             power_of_two(-9000),
+                             quad(false, 0x4000, 0x4000'0000'0000),
+                             quad(false, 0x3fff, 1, 1),
+                             power_of_two(31),
+                             power_of_two(63, true)};
     random_operands random(11);
     for (int i = 0; i < 100; ++i) all.push_back(random());
     return all;
@@ -56,7 +69,8 @@ void expect_same_result() {
         if constexpr (std::is_invocable_v<decltype(Original), void*, const void*, const void*>) {
           EXPECT_EQ(stored(scope, [&](void* q) { Alternate(q, &a, &b); }),
                     stored(scope, [&](void* q) { Original(q, &a, &b); }));
-        } else if constexpr (std::is_invocable_r_v<int, decltype(Original), const void*, const void*>) {
+        } else if constexpr (std::is_invocable_r_v<int, decltype(Original), const void*,
+                                                   const void*>) {
           EXPECT_EQ(returned(scope, [&] { return Alternate(&a, &b); }),
                     returned(scope, [&] { return Original(&a, &b); }));
         } else if constexpr (std::is_invocable_v<decltype(Original), const void*, int>) {
@@ -113,9 +127,11 @@ TEST(AlternateEntries, GiveWhatTheirTargetsGive) {
 
 TEST(AlternateEntries, ExtendTheSignOfNarrowIntegers) {
   const under_rounding scope(to_nearest);
-  for (const std::int64_t wide : {0x0L, 0x7fL, 0x80L, 0x1234'5678'9abc'7fffL, -0x123'8000L, 0xffL, 0xffffL, 0x1'0000L}) {
+  for (const std::int64_t wide :
+       {0x0L, 0x7fL, 0x80L, 0x1234'5678'9abc'7fffL, -0x123'8000L, 0xffL, 0xffffL, 0x1'0000L}) {
     const auto expected = [&](std::int64_t narrow) {
-      return oracle::from_integer(oracle::binary128, static_cast<uint128>(narrow), true, to_nearest);
+      return oracle::from_integer(oracle::binary128, static_cast<uint128>(narrow), true,
+                                  to_nearest);
     };
     const auto byte = static_cast<std::int8_t>(wide);
     const auto half = static_cast<std::int16_t>(wide);
@@ -246,9 +262,11 @@ TEST(ComplexArithmetic, NegatesBothParts) {
 // Numeric equality in the __ forms, bitwise in the a_ forms: a difference that is meant.
 TEST(ComplexComparison, IsNumericOrBitwise) {
   const under_rounding scope(up);
-  const auto numerically_equal = [](bits a, bits b) { return oracle::compare(a, b) == oracle::order::equal; };
+  const auto numerically_equal = [](bits a, bits b) {
+    return oracle::compare(a, b) == oracle::order::equal;
+  };
   std::vector<bits> operands(few_operands().begin(), few_operands().begin() + 14);
-  operands.push_back(bits_of(word_of(one) + 1));                           // each 32-bit word
+  operands.push_back(bits_of(word_of(one) + 1));  // each 32-bit word
   operands.push_back(bits_of(word_of(one) + (uint128{1} << 33)));
   operands.push_back(bits_of(word_of(one) + (uint128{1} << 65)));
   operands.push_back(bits_of(word_of(one) + (uint128{1} << 97)));
@@ -271,9 +289,12 @@ TEST(ComplexComparison, IsNumericOrBitwise) {
 TEST(ComplexConversion, ToComplexQuad) {
   const under_rounding scope(up);
   for (const bits a : few_operands()) {
-    const auto widened = [](oracle::format f, auto v) { return bits_of(oracle::widen(f, image(v)).value); };
+    const auto widened = [](oracle::format f, auto v) {
+      return bits_of(oracle::widen(f, image(v)).value);
+    };
     const auto counted = [](std::int64_t n) {
-      return bits_of(oracle::from_integer(oracle::binary128, static_cast<uint128>(n), true, up).value);
+      return bits_of(
+          oracle::from_integer(oracle::binary128, static_cast<uint128>(n), true, up).value);
     };
     const auto given = [](auto store) {
       complex_quad z = untouched;
@@ -289,8 +310,10 @@ TEST(ComplexConversion, ToComplexQuad) {
               (complex_quad{widened(binary32, f[0]), widened(binary32, f[1])}));
     EXPECT_EQ(given([&](void* z) { a_cdtocq(z, d.data()); }),
               (complex_quad{widened(binary64, d[0]), widened(binary64, d[1])}));
-    EXPECT_EQ(given([&](void* z) { a_ftocq(z, f[1]); }), (complex_quad{widened(binary32, f[1]), zero}));
-    EXPECT_EQ(given([&](void* z) { a_dtocq(z, d[1]); }), (complex_quad{widened(binary64, d[1]), zero}));
+    EXPECT_EQ(given([&](void* z) { a_ftocq(z, f[1]); }),
+              (complex_quad{widened(binary32, f[1]), zero}));
+    EXPECT_EQ(given([&](void* z) { a_dtocq(z, d[1]); }),
+              (complex_quad{widened(binary64, d[1]), zero}));
     EXPECT_EQ(given([&](void* z) { a_itocq(z, i); }), (complex_quad{counted(i), zero}));
     EXPECT_EQ(given([&](void* z) { a_jtocq(z, j); }), (complex_quad{counted(j), zero}));
     // Its low four bytes cleared, bytes 16 to 19 left alone.
@@ -320,16 +343,16 @@ TEST(ComplexConversion, FromComplexQuad) {
       scope.restart();
       a_cqtoc(floats.data(), &z);
       EXPECT_EQ(scope.raised(), single(re).flags | single(z.im).flags);
-      EXPECT_EQ(floats, (std::array<std::uint32_t, 4>{static_cast<std::uint32_t>(single(re).value),
-                                                      static_cast<std::uint32_t>(single(z.im).value),
-                                                      0x5555, 0x5555}));
+      EXPECT_EQ(floats, (std::array<std::uint32_t, 4>{
+                            static_cast<std::uint32_t>(single(re).value),
+                            static_cast<std::uint32_t>(single(z.im).value), 0x5555, 0x5555}));
       std::array<std::uint64_t, 3> doubles{0, 0, 0x5555};
       scope.restart();
       a_cqtocd(doubles.data(), &z);
       EXPECT_EQ(scope.raised(), twice(re).flags | twice(z.im).flags);
-      EXPECT_EQ(doubles, (std::array<std::uint64_t, 3>{static_cast<std::uint64_t>(twice(re).value),
-                                                       static_cast<std::uint64_t>(twice(z.im).value),
-                                                       0x5555}));
+      EXPECT_EQ(doubles, (std::array<std::uint64_t, 3>{
+                             static_cast<std::uint64_t>(twice(re).value),
+                             static_cast<std::uint64_t>(twice(z.im).value), 0x5555}));
     }
   }
 }

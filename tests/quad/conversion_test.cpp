@@ -1,8 +1,8 @@
 // Comparisons, and conversions between quads and every other type up to 64 bits and the x87's.
 #include <gtest/gtest.h>
 
-#include "oracle.h"
 #include "operands.h"
+#include "oracle.h"
 #include "sweep.h"
 #include "zorvac/quad.h"
 
@@ -18,10 +18,14 @@ TEST(Comparison, AgreesWithMpfr) {
     int less, equal, greater, unordered;
     bool quiet;
   } static const comparisons[] = {
-      {"eqq", __eqq, 0, 1, 0, 0, true},           {"neq", __neq, 1, 0, 1, 1, true},
-      {"ltq", __ltq, 1, 0, 0, 0, false},          {"leq", __leq, 1, 1, 0, 0, false},
-      {"gtq", __gtq, 0, 0, 1, 0, false},          {"geq", __geq, 0, 1, 1, 0, false},
-      {"__compareq", __compareq, -1, 0, 1, 0, false}, {"compareq", compareq, -1, 0, 1, 0, false},
+      {"eqq", __eqq, 0, 1, 0, 0, true},
+      {"neq", __neq, 1, 0, 1, 1, true},
+      {"ltq", __ltq, 1, 0, 0, 0, false},
+      {"leq", __leq, 1, 1, 0, 0, false},
+      {"gtq", __gtq, 0, 0, 1, 0, false},
+      {"geq", __geq, 0, 1, 1, 0, false},
+      {"__compareq", __compareq, -1, 0, 1, 0, false},
+      {"compareq", compareq, -1, 0, 1, 0, false},
   };
   sweep s(8'000'000);
   const under_rounding scope(up);
@@ -61,9 +65,11 @@ TEST(FromInteger, IsExact) {
     const auto expected = [](uint128 value, bool is_signed) {
       return oracle::from_integer(oracle::binary128, value, is_signed, up);
     };
-    s.expect(stored(scope, [&](void* q) { __itoq(q, i); }), expected(static_cast<uint128>(i), true), i);
+    s.expect(stored(scope, [&](void* q) { __itoq(q, i); }), expected(static_cast<uint128>(i), true),
+             i);
     s.expect(stored(scope, [&](void* q) { __utoq(q, u); }), expected(u, false), u);
-    s.expect(stored(scope, [&](void* q) { __jtoq(q, j); }), expected(static_cast<uint128>(j), true), j);
+    s.expect(stored(scope, [&](void* q) { __jtoq(q, j); }), expected(static_cast<uint128>(j), true),
+             j);
     s.expect(stored(scope, [&](void* q) { __ktoq(q, k); }), expected(k, false), k);
   };
   check(0);
@@ -80,7 +86,7 @@ void for_each_number_near_integers(Check check) {
   for_each_boundary_integer([&](uint128 n) {
     if (n > uint128{1} << 71) return;
     for (unsigned eighths = 0; eighths < 8; ++eighths)
-      for (const unsigned beyond : {0, 1}) {
+      for (const unsigned beyond : {0U, 1U}) {
         const uint128 fixed = n << 40 | uint128{eighths} << 37 | beyond;
         bits q = bits_of(oracle::from_integer(oracle::binary128, fixed, false, to_nearest).value);
         if (fixed != 0) q.high -= std::uint64_t{40} << 48;  // divided by 2^40
@@ -167,7 +173,8 @@ TEST(FromExtended, GoesThroughTheX87) {
     answer expected = oracle::widen(oracle::x87, w);
     const bits q = bits_of(expected.value);
     const bool is_nan = word_of(q) << 1 > word_of(infinity) << 1;
-    if (is_nan && (q.high & quiet_bit) == 0) expected = {expected.value | uint128{quiet_bit} << 64, invalid};
+    if (is_nan && (q.high & quiet_bit) == 0)
+      expected = {expected.value | uint128{quiet_bit} << 64, invalid};
     if ((q.high & 0x7fff'0000'0000'0000) == 0 && word_of(q) << 1 != 0) expected.flags = denormal;
     s.expect(convert(w), expected, "ltoq", hex(w));
   });

@@ -35,7 +35,8 @@ void load(const registers& r) {
 }
 registers current() {
   const x87_words x87 = read_x87();
-  return {__builtin_ia32_stmxcsr(), x87.control, static_cast<std::uint16_t>(x87.status & all_flags)};
+  return {__builtin_ia32_stmxcsr(), x87.control,
+          static_cast<std::uint16_t>(x87.status & all_flags)};
 }
 constexpr registers initial{0x1f80, 0x037f, 0};
 
@@ -158,14 +159,17 @@ TEST(ControlWord, SetsAnyFieldsTogether) {
 TEST(ControlWord, HasItsKnownValues) {
   EXPECT_EQ(observe(initial, [] { return _controlfp(0, 0); }), (effect{0x0008001f, initial}));
   // 0x1000000 is both flush modes, 0x3000000 only one.
-  const auto flush = [](std::uint32_t v) { return observe(initial, [=] { return _controlfp(v, 0x3000000); }); };
+  const auto flush = [](std::uint32_t v) {
+    return observe(initial, [=] { return _controlfp(v, 0x3000000); });
+  };
   EXPECT_EQ(flush(0x1000000).after.mxcsr, 0x9fc0U);
   EXPECT_EQ(flush(0x2000000).after.mxcsr, 0x1fc0U);
   EXPECT_EQ(flush(0x3000000).after.mxcsr, 0x9f80U);
   EXPECT_EQ(flush(0x3000000).result, 0x0308001fU);
   // The denormal mask is for _control87 alone.
   EXPECT_EQ(observe(initial, [] { return _controlfp(0, 0x80000); }).after, initial);
-  EXPECT_EQ(observe(initial, [] { return _control87(0, 0x80000); }).after, (registers{0x1e80, 0x037d, 0}));
+  EXPECT_EQ(observe(initial, [] { return _control87(0, 0x80000); }).after,
+            (registers{0x1e80, 0x037d, 0}));
 }
 
 TEST(StatusWord, ReportsAndClears) {

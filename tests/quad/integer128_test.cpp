@@ -24,20 +24,24 @@ void check_to_integer(oracle::format from, Unsigned to_unsigned, Signed to_signe
 }
 
 TEST(Integer128, FromSingle) {
-  check_to_integer(oracle::binary32, [](uint128 w) { return __fton(value_of<float>(w)); },
-                   [](uint128 w) { return __ftom(value_of<float>(w)); });
+  check_to_integer(
+      oracle::binary32, [](uint128 w) { return __fton(value_of<float>(w)); },
+      [](uint128 w) { return __ftom(value_of<float>(w)); });
 }
 TEST(Integer128, FromDouble) {
-  check_to_integer(oracle::binary64, [](uint128 w) { return __dton(value_of<double>(w)); },
-                   [](uint128 w) { return __dtom(value_of<double>(w)); });
+  check_to_integer(
+      oracle::binary64, [](uint128 w) { return __dton(value_of<double>(w)); },
+      [](uint128 w) { return __dtom(value_of<double>(w)); });
 }
 TEST(Integer128, FromExtended) {
-  check_to_integer(oracle::x87, [](uint128 w) { return __lton(value_of<long double>(w)); },
-                   [](uint128 w) { return __ltom(value_of<long double>(w)); });
+  check_to_integer(
+      oracle::x87, [](uint128 w) { return __lton(value_of<long double>(w)); },
+      [](uint128 w) { return __ltom(value_of<long double>(w)); });
 }
 TEST(Integer128, FromQuad) {
-  check_to_integer(oracle::binary128, [](uint128 w) { return __qton(&w); },
-                   [](uint128 w) { return __qtom(&w); });
+  check_to_integer(
+      oracle::binary128, [](uint128 w) { return __qton(&w); },
+      [](uint128 w) { return __qtom(&w); });
 }
 
 // -2^127 would fit, but the range test looks at the exponent alone.
@@ -45,7 +49,8 @@ TEST(Integer128, RejectsTheMostNegative) {
   const under_rounding scope(to_nearest);
   const bits q = power_of_two(127, true);
   EXPECT_EQ(returned(scope, [&] { return __qtom(&q); }), (answer{uint128{1} << 127, invalid}));
-  EXPECT_EQ(returned(scope, [&] { return __ftom(-0x1p127F); }), (answer{uint128{1} << 127, invalid}));
+  EXPECT_EQ(returned(scope, [&] { return __ftom(-0x1p127F); }),
+            (answer{uint128{1} << 127, invalid}));
 }
 
 // Integers where a target's rounding changes: all lengths, with ties and their neighbours behind
@@ -60,7 +65,8 @@ void for_each_integer(Check check) {
     for (int lost = 1; lost <= 128 - precision; ++lost)
       for (int i = 0; i < 20; ++i) {
         const uint128 leading = uint128{1} << (precision - 1);
-        const uint128 kept = i < 4 ? 2 * leading - 1 - static_cast<uint128>(i) : leading | (any() & (leading - 1));
+        const uint128 kept =
+            i < 4 ? 2 * leading - 1 - static_cast<uint128>(i) : leading | (any() & (leading - 1));
         for (const int beside : {-1, 0, 1})
           for (const uint128 tail : {uint128{0}, uint128{1} << (lost - 1)}) {
             const uint128 n = (kept << lost) + tail + static_cast<uint128>(beside);
@@ -80,14 +86,22 @@ TEST(Integer128, ToFloating) {
       const auto expected = [&](oracle::format to, bool is_signed) {
         return oracle::from_integer(to, n, is_signed, mode);
       };
-      s.expect(returned(scope, [&] { return __ntof(n); }), expected(oracle::binary32, false), "ntof", mode, hex(n));
-      s.expect(returned(scope, [&] { return __mtof(m); }), expected(oracle::binary32, true), "mtof", mode, hex(n));
-      s.expect(returned(scope, [&] { return __ntod(n); }), expected(oracle::binary64, false), "ntod", mode, hex(n));
-      s.expect(returned(scope, [&] { return __mtod(m); }), expected(oracle::binary64, true), "mtod", mode, hex(n));
-      s.expect(returned(scope, [&] { return __ntol(n); }), expected(oracle::x87, false), "ntol", mode, hex(n));
-      s.expect(returned(scope, [&] { return __mtol(m); }), expected(oracle::x87, true), "mtol", mode, hex(n));
-      s.expect(stored(scope, [&](void* q) { __ntoq(q, n); }), expected(oracle::binary128, false), "ntoq", mode, hex(n));
-      s.expect(stored(scope, [&](void* q) { __mtoq(q, m); }), expected(oracle::binary128, true), "mtoq", mode, hex(n));
+      s.expect(returned(scope, [&] { return __ntof(n); }), expected(oracle::binary32, false),
+               "ntof", mode, hex(n));
+      s.expect(returned(scope, [&] { return __mtof(m); }), expected(oracle::binary32, true), "mtof",
+               mode, hex(n));
+      s.expect(returned(scope, [&] { return __ntod(n); }), expected(oracle::binary64, false),
+               "ntod", mode, hex(n));
+      s.expect(returned(scope, [&] { return __mtod(m); }), expected(oracle::binary64, true), "mtod",
+               mode, hex(n));
+      s.expect(returned(scope, [&] { return __ntol(n); }), expected(oracle::x87, false), "ntol",
+               mode, hex(n));
+      s.expect(returned(scope, [&] { return __mtol(m); }), expected(oracle::x87, true), "mtol",
+               mode, hex(n));
+      s.expect(stored(scope, [&](void* q) { __ntoq(q, n); }), expected(oracle::binary128, false),
+               "ntoq", mode, hex(n));
+      s.expect(stored(scope, [&](void* q) { __mtoq(q, m); }), expected(oracle::binary128, true),
+               "mtoq", mode, hex(n));
     });
   }
   EXPECT_EQ(read_x87().status & all_flags, 0);

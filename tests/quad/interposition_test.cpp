@@ -60,7 +60,7 @@ static void pass_on(const char* name, void* result, const void* a, const void* b
 void __mulq(void* result, const void* a, const void* b) { pass_on("__mulq", result, a, b); }
 void __divq(void* result, const void* a, const void* b) { pass_on("__divq", result, a, b); }
 
-#define INTERPOSE_BODY(name, symbol)                        \
+#define INTERPOSE_BODY(name, symbol)                          \
   void name(void*, const void*, const void*) __asm__(symbol); \
   void name(void*, const void*, const void*) { calls += symbol " "; }
 INTERPOSE_BODY(mulq_l, "__mulq.L")
@@ -70,8 +70,9 @@ INTERPOSE_BODY(divq_a, "__divq.A")
 
 // Detection promises to change no argument register, so it may only do this much.
 static int detections;
-__attribute__((no_caller_saved_registers, target("general-regs-only"))) void
-__zorva_cpu_features_init(void) {
+__attribute__((no_caller_saved_registers, target("general-regs-only"))) void detection() __asm__(
+    "__zorva_cpu_features_init");
+void detection() {
   ++detections;
   __zorva_cpu_feature_indicator = 0xff;
 }
@@ -175,8 +176,8 @@ TEST(Dispatch, ChoosesByTheLowByteOfTheIndicator) {
     char variant;
     int detections;
   } static const rows[] = {
-      {0xff, 'L', 0},         {0x1ff, 'L', 0},        {~uint64_t{0}, 'L', 0}, {0x7f, 'A', 0},
-      {1, 'A', 0},            {0xff'fd, 'A', 0},      {0, 'L', 1},            {0xff'fe, 'L', 1},
+      {0xff, 'L', 0},    {0x1ff, 'L', 0}, {~uint64_t{0}, 'L', 0}, {0x7f, 'A', 0}, {1, 'A', 0},
+      {0xff'fd, 'A', 0}, {0, 'L', 1},     {0xff'fe, 'L', 1},
   };
   for (const auto& row : rows) {
     for (const std::string name : {"__mulq", "__divq"}) {

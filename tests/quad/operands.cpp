@@ -37,8 +37,9 @@ constexpr uint128 sparse_fractions[] = {
 }  // namespace
 
 std::vector<bits> boundary_operands() {
-  static constexpr int exponents[] = {0,      1,      2,      0x3fff - 65, 0x3fff - 1, 0x3fff,
-                                      0x4000, 0x4000 + 62, 0x4000 + 112, 0x7ffd, 0x7ffe, 0x7fff};
+  static constexpr int exponents[] = {0,      1,      2,           0x3fff - 65,  0x3fff - 1,
+                                      0x3fff, 0x4000, 0x4000 + 62, 0x4000 + 112, 0x7ffd,
+                                      0x7ffe, 0x7fff};
   std::vector<bits> operands;
   for (const bool negative : {false, true})
     for (const int e : exponents)
@@ -49,10 +50,10 @@ std::vector<bits> boundary_operands() {
 std::vector<operand_pair> aligned_pairs() {
   std::vector<std::pair<int, int>> exponents;
   for (int d = -130; d <= 130; ++d) {
-    exponents.emplace_back(0x4000, 0x4000 + d);           // sum: every alignment
+    exponents.emplace_back(0x4000, 0x4000 + d);             // sum: every alignment
     exponents.emplace_back(d > 0 ? d : 0, d < 0 ? -d : 0);  // and among the subnormals
-    exponents.emplace_back(0x2000, 0x1fff + d);           // product with biased exponent d
-    exponents.emplace_back(0x1000, 0x4fff - d);           // quotient with biased exponent d
+    exponents.emplace_back(0x2000, 0x1fff + d);             // product with biased exponent d
+    exponents.emplace_back(0x1000, 0x4fff - d);             // quotient with biased exponent d
   }
   for (int d = -3; d <= 3; ++d) {
     exponents.emplace_back(0x6000, 0x5ffe + d);  // product at the edge of overflow
@@ -73,20 +74,28 @@ std::vector<operand_pair> aligned_pairs() {
 uint128 random_operands::fraction() {
   const uint128 any = uint128{random_()} << 64 | random_();
   switch (below(6)) {
-    case 0: return uint128{1} << below(112) ^ uint128{1} << below(112);  // two bits
-    case 1: return (fraction_mask >> below(113)) ^ (fraction_mask >> below(113));  // a run of ones
-    case 2: return any << below(112);                       // few leading bits: ties
-    case 3: return fraction_mask - (any & fraction_mask) / (uint128{1} << below(112));
-    default: return any & fraction_mask;
+    case 0:
+      return uint128{1} << below(112) ^ uint128 { 1 } << below(112);  // two bits
+    case 1:
+      return (fraction_mask >> below(113)) ^ (fraction_mask >> below(113));  // a run of ones
+    case 2:
+      return any << below(112);  // few leading bits: ties
+    case 3:
+      return fraction_mask - (any & fraction_mask) / (uint128{1} << below(112));
+    default:
+      return any & fraction_mask;
   }
 }
 
 unsigned random_operands::exponent() {
   static constexpr unsigned edges[] = {0, 1, 0x3fff, 0x7ffe};
   switch (below(4)) {
-    case 0: return static_cast<unsigned>(edges[below(4)] + below(4)) & 0x7fff;
-    case 1: return static_cast<unsigned>(0x3fff - 130 + below(260));
-    default: return static_cast<unsigned>(below(0x8000));
+    case 0:
+      return static_cast<unsigned>(edges[below(4)] + below(4)) & 0x7fff;
+    case 1:
+      return static_cast<unsigned>(0x3fff - 130 + below(260));
+    default:
+      return static_cast<unsigned>(below(0x8000));
   }
 }
 
@@ -101,10 +110,18 @@ operand_pair random_operands::pair() {
   const int near = static_cast<int>(below(261)) - 130;
   int eb = no_exponent;
   switch (below(8)) {
-    case 0: case 1: eb = ea + near; break;      // sums
-    case 2: eb = 0x3fff - ea + near; break;     // products around the smallest normal number
-    case 3: eb = ea + 0x3fff + near; break;     // quotients there
-    default: break;
+    case 0:
+    case 1:
+      eb = ea + near;
+      break;  // sums
+    case 2:
+      eb = 0x3fff - ea + near;
+      break;  // products around the smallest normal number
+    case 3:
+      eb = ea + 0x3fff + near;
+      break;  // quotients there
+    default:
+      break;
   }
   if (eb < 0 || eb >= no_exponent) return {a, b};
   return {a, bits_of((word_of(b) & ~(uint128{0x7fff} << 112)) | static_cast<uint128>(eb) << 112)};

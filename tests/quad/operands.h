@@ -46,8 +46,8 @@ void for_each_boundary_integer(Check check) {
       }
 }
 
-// Words of a format: exponents near the ends and where values are integers, every 13th besides; with
-// fractions that reach both their ends, and random ones.
+// Words of a format: exponents near the ends and where values are integers, every 13th besides;
+// with fractions that reach both their ends, and random ones.
 template <class Check>
 void for_each_word(oracle::format f, Check check) {
   const int fraction_bits = f.precision - 1;
@@ -59,8 +59,8 @@ void for_each_word(oracle::format f, Check check) {
     const bool edge = e < 100 || e > exponents - 100 || (e > bias - 5 && e < bias + 135);
     if (!edge && e % 13 != 0) continue;
     for (const bool negative : {false, true})
-      for (const uint128 fraction : {uint128{0}, uint128{1}, uint128{2}, ones, ones - 1, top, top | 1,
-                                     top - 1, top >> 1, ones >> 3, any(), any(), any()}) {
+      for (const uint128 fraction : {uint128{0}, uint128{1}, uint128{2}, ones, ones - 1, top,
+                                     top | 1, top - 1, top >> 1, ones >> 3, any(), any(), any()}) {
         const uint128 leading = f.leading_one_stored && e != 0 ? uint128{1} << fraction_bits : 0;
         const int exponent_at = fraction_bits + f.leading_one_stored;
         check(uint128{negative} << (exponent_at + f.exponent_bits) |

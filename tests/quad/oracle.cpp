@@ -47,8 +47,10 @@ class real {
  private:
   void store(uint128 top_aligned) {
     const bits w = bits_of(top_aligned);
-    if (precision_ <= 64) limbs_ = {w.high, 0};
-    else limbs_ = {w.low, w.high};
+    if (precision_ <= 64)
+      limbs_ = {w.high, 0};
+    else
+      limbs_ = {w.low, w.high};
   }
   int precision_;
   std::array<mp_limb_t, 2> limbs_{};
@@ -130,9 +132,12 @@ answer chosen_nan(bits a, bits b, const unpacked& x, const unpacked& y) {
   const auto magnitude = [](bits q) { return word_of(q) << 1; };
   bool take_a = x.is_nan();
   if (x.is_nan() && y.is_nan()) {
-    if (x.is_signalling() != y.is_signalling()) take_a = !x.is_signalling();
-    else if (magnitude(a) != magnitude(b)) take_a = magnitude(a) > magnitude(b);
-    else take_a = x.negative;
+    if (x.is_signalling() != y.is_signalling())
+      take_a = !x.is_signalling();
+    else if (magnitude(a) != magnitude(b))
+      take_a = magnitude(a) > magnitude(b);
+    else
+      take_a = x.negative;
   }
   bits nan = take_a ? a : b;
   nan.high |= quiet_bit;
@@ -168,10 +173,18 @@ answer arithmetic(operation o, bits a, bits b, rounding mode) {
   const mpfr_rnd_t m = mpfr_mode[mode];
   int ternary = 0;
   switch (o) {
-    case operation::add: ternary = mpfr_add(r.get(), x.value.get(), y.value.get(), m); break;
-    case operation::subtract: ternary = mpfr_sub(r.get(), x.value.get(), y.value.get(), m); break;
-    case operation::multiply: ternary = mpfr_mul(r.get(), x.value.get(), y.value.get(), m); break;
-    case operation::divide: ternary = mpfr_div(r.get(), x.value.get(), y.value.get(), m); break;
+    case operation::add:
+      ternary = mpfr_add(r.get(), x.value.get(), y.value.get(), m);
+      break;
+    case operation::subtract:
+      ternary = mpfr_sub(r.get(), x.value.get(), y.value.get(), m);
+      break;
+    case operation::multiply:
+      ternary = mpfr_mul(r.get(), x.value.get(), y.value.get(), m);
+      break;
+    case operation::divide:
+      ternary = mpfr_div(r.get(), x.value.get(), y.value.get(), m);
+      break;
   }
   if (mpfr_nan_p(r.get())) return {word_of(indefinite), invalid};
 
@@ -254,6 +267,19 @@ answer from_integer(format to, uint128 value, bool is_signed, rounding mode) {
   answer expected = settle(to, r, ternary, mpfr_mode[mode]);
   expected.flags = 0;
   return expected;
+}
+
+answer from_text(const std::string& text) {
+  real r(binary128.precision);
+  const int ternary = mpfr_strtofr(r.get(), text.c_str(), nullptr, 10, MPFR_RNDN);
+  return settle(binary128, r, ternary, MPFR_RNDN);
+}
+
+std::string to_text(bits value, int digits) {
+  const unpacked x(binary128, word_of(value));
+  std::array<char, 12'000> text;
+  mpfr_snprintf(text.data(), text.size(), "%.*Rg", digits, x.value.get());
+  return text.data();
 }
 
 }  // namespace zorvac::test::oracle

@@ -9,7 +9,7 @@ namespace zorvac::test::oracle {
 
 // A binary format, its value right-aligned in 128 bits: sign, exponent, significand.
 struct format {
-  int precision;            // significand bits, the leading one included
+  int precision;  // significand bits, the leading one included
   int exponent_bits;
   bool leading_one_stored;  // as the x87's format does
 };
@@ -36,6 +36,10 @@ answer to_128(format from, uint128 value, bool is_signed);
 
 // From integers; raises nothing.
 answer from_integer(format to, uint128 value, bool is_signed, rounding mode);
+
+// Decimal text of a number, to nearest; and printf's %g of a finite number.
+answer from_text(const std::string& text);
+std::string to_text(bits value, int digits);
 
 }  // namespace zorvac::test::oracle
 #endif
