@@ -21,11 +21,12 @@
  *  Flags:     raised in MXCSR by real double-precision operations, which accumulate with what is
  *             there; nothing else in MXCSR changes. An exception that the program has unmasked
  *             traps inside the call. The denormal-operand flag is the processor's; IEEE 754 does
- *             not know it. Abbreviated below: IE invalid, DE denormal operand, ZE division by
- *             zero, OE overflow, UE underflow (tininess is detected after rounding), PE inexact.
- *  NaN:       an operation gives its NaN operand, quieted, with its sign and payload; of two, the
- *             quiet one; of two of a kind, the one whose magnitude, taken as an integer, is larger;
- *             of two equal ones b where a is positive, else a. A signalling NaN raises IE. An
+ *             not know it. (The operation that raises it has a tiny result, so where underflow is
+ *             unmasked a subnormal operand traps as underflow.) Abbreviated below: IE invalid, DE
+ * denormal operand, ZE division by zero, OE overflow, UE underflow (tininess is detected after
+ * rounding), PE inexact. NaN:       an operation gives its NaN operand, quieted, with its sign and
+ * payload; of two, the quiet one; of two of a kind, the one whose magnitude, taken as an integer,
+ * is larger; of two equal ones b where a is positive, else a. A signalling NaN raises IE. An
  *             invalid operation without a NaN operand gives the negative quiet NaN
  *             0xFFFF8000000000000000000000000000.
  *  Errors:    none returned.
@@ -190,6 +191,8 @@ long double __qtol(const void* q);
  *
  *  Errors: a NaN, an infinity, a magnitude of 2^128 (n) or 2^127 (m; -2^127 included) and more, and
  *          for n any value of -1 and less give 2^127, which is the most negative signed integer.
+ *          An 80-bit number with an exponent but without its leading one, which processors take
+ *          as invalid, is converted as if the one were there.
  *  Flags:  IE with an error; PE inexact. Subnormal operands raise no DE.
  *  Source: IEEE 754-2019, 5.8. */
 zorvac_uint128_t __fton(float value);

@@ -6,7 +6,7 @@
  *    using namespace zorvac::literals;
  *    zorvac::quad x = 1;
  *    x = (x + 2.5_q) / 3;                     // rounds and raises flags by MXCSR, as __divq() does
- *    std::puts(to_string(x).c_str());         // 1.16666666666666666666666666666666674
+ *    std::puts(to_string(x).c_str());         // 1.1666666666666666666666666666666667
  *    if (auto y = zorvac::quad::parse(text)) ...
  *
  *  Everything is in this header, works with exceptions on or off, and needs linking with nothing
