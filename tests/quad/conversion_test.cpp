@@ -1,6 +1,8 @@
 // Comparisons, and conversions between quads and every other type up to 64 bits and the x87's.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "operands.h"
 #include "oracle.h"
 #include "sweep.h"
@@ -55,7 +57,7 @@ TEST(Comparison, AgreesWithMpfr) {
 // ---- From integers ----
 
 TEST(FromInteger, IsExact) {
-  sweep s(400'000);
+  sweep s(4'000'000);
   const under_rounding scope(up);
   const auto check = [&](uint128 n) {
     const auto i = static_cast<std::int32_t>(n);
@@ -75,7 +77,7 @@ TEST(FromInteger, IsExact) {
   check(0);
   for_each_boundary_integer(check);
   std::mt19937_64 random(7);
-  for (int i = 0; i < 100'000; ++i) check(random() >> random() % 64);
+  for (int i = 0; i < 1'000'000; ++i) check(random() >> random() % 64);
 }
 
 // ---- To integers ----
@@ -96,7 +98,7 @@ void for_each_number_near_integers(Check check) {
   });
   for (const bits q : boundary_operands()) check(q);
   random_operands random(8);
-  for (int i = 0; i < 30'000; ++i) {
+  for (int i = 0; i < 250'000; ++i) {
     const bits q = random();
     check(q);
     const std::uint64_t exponent = 0x3fff - 4 + static_cast<unsigned>(i % 72);
@@ -105,7 +107,7 @@ void for_each_number_near_integers(Check check) {
 }
 
 TEST(ToInteger, AgreesWithMpfr) {
-  sweep s(2'000'000);
+  sweep s(14'000'000);
   for (const rounding mxcsr_mode : {to_nearest, up}) {  // which must not matter
     const under_rounding scope(mxcsr_mode);
     for_each_number_near_integers([&](bits q) {
@@ -146,21 +148,28 @@ TEST(ToInteger, KeepsItsOddities) {
 // ---- Floating formats ----
 
 TEST(FromFloating, IsExactAndQuiet) {
-  sweep s(50'000);
+  sweep s(2'000'000);
   const under_rounding scope(up);
-  for_each_word(oracle::binary32, [&](uint128 w) {
+  const auto check_float = [&](uint128 w) {
     s.expect(stored(scope, [&](void* q) { __ftoq(q, value_of<float>(w)); }),
-             oracle::widen(oracle::binary32, w), "ftoq", hex(w));
-  });
-  for_each_word(oracle::binary64, [&](uint128 w) {
+             oracle::widen(oracle::binary32, w), "ftoq", bits_of(w));
+  };
+  const auto check_double = [&](uint128 w) {
     s.expect(stored(scope, [&](void* q) { __dtoq(q, value_of<double>(w)); }),
-             oracle::widen(oracle::binary64, w), "dtoq", hex(w));
-  });
+             oracle::widen(oracle::binary64, w), "dtoq", bits_of(w));
+  };
+  for_each_word(oracle::binary32, check_float);
+  for_each_word(oracle::binary64, check_double);
+  std::mt19937_64 random(18);
+  for (int i = 0; i < 1'000'000; ++i) {
+    check_float(static_cast<std::uint32_t>(random()));
+    check_double(random());
+  }
 }
 
 // The x87 unit sees the operand: it quiets a signalling NaN and raises its own flags.
 TEST(FromExtended, GoesThroughTheX87) {
-  sweep s(30'000);
+  sweep s(1'000'000);
   const under_rounding scope(up);
   const auto convert = [&](uint128 w) {
     asm volatile("fnclex");
@@ -169,15 +178,22 @@ TEST(FromExtended, GoesThroughTheX87) {
     a.flags = read_x87().status & all_flags;
     return a;
   };
-  for_each_word(oracle::x87, [&](uint128 w) {
+  const auto check = [&](uint128 w) {
     answer expected = oracle::widen(oracle::x87, w);
     const bits q = bits_of(expected.value);
     const bool is_nan = word_of(q) << 1 > word_of(infinity) << 1;
     if (is_nan && (q.high & quiet_bit) == 0)
       expected = {expected.value | uint128{quiet_bit} << 64, invalid};
     if ((q.high & 0x7fff'0000'0000'0000) == 0 && word_of(q) << 1 != 0) expected.flags = denormal;
-    s.expect(convert(w), expected, "ltoq", hex(w));
-  });
+    s.expect(convert(w), expected, "ltoq", bits_of(w));
+  };
+  for_each_word(oracle::x87, check);
+  std::mt19937_64 random(19);
+  for (int i = 0; i < 1'000'000; ++i) {
+    const auto top = static_cast<std::uint16_t>(random());
+    const std::uint64_t leading = std::uint64_t{(top & 0x7fff) != 0} << 63;
+    check(uint128{top} << 64 | leading | random() >> 1);
+  }
   // A zero exponent with the leading one stored: the smallest normal number. A large exponent
   // without it: no number at all.
   const uint128 leading = uint128{1} << 63;
@@ -204,12 +220,19 @@ void for_each_number_near(oracle::format to, Check check) {
           }
   for (const bits q : boundary_operands()) check(q);
   random_operands random(10);
-  for (int i = 0; i < 50'000; ++i) check(random());
+  const int span = 2 * bias + to.precision + 6;
+  for (int i = 0; i < 130'000; ++i) {
+    const bits q = random();
+    check(q);
+    // The same fraction with an exponent that the target has, or nearly has.
+    const int e = std::clamp(0x3fff - bias - to.precision - 2 + i % span, 0, 0x7ffe);
+    check(quad((i & 1) != 0, static_cast<unsigned>(e), q.high & fraction_ones, q.low));
+  }
 }
 
 template <class Narrow>
 void check_narrowing(oracle::format to, Narrow narrow) {
-  sweep s(400'000);
+  sweep s(1'000'000);
   for (const rounding mode : roundings) {
     const under_rounding scope(mode);
     for_each_number_near(to, [&](bits q) {

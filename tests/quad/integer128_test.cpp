@@ -1,6 +1,8 @@
 // Conversions between 128-bit integers and every floating format.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "operands.h"
 #include "oracle.h"
 #include "sweep.h"
@@ -11,15 +13,27 @@ namespace {
 
 template <class Unsigned, class Signed>
 void check_to_integer(oracle::format from, Unsigned to_unsigned, Signed to_signed) {
-  sweep s(12'000);
+  sweep s(2'000'000);
   for (const rounding mode : {to_nearest, down}) {  // which must not matter
     const under_rounding scope(mode);
-    for_each_word(from, [&](uint128 w) {
+    const auto check = [&](uint128 w) {
       s.expect(returned(scope, [&] { return to_unsigned(w); }), oracle::to_128(from, w, false),
-               "unsigned", hex(w));
+               "unsigned", bits_of(w));
       s.expect(returned(scope, [&] { return to_signed(w); }), oracle::to_128(from, w, true),
-               "signed", hex(w));
-    });
+               "signed", bits_of(w));
+    };
+    for_each_word(from, check);
+    // Random words whose exponents are those of numbers from 1/16 to 2^132, as far as there are.
+    std::mt19937_64 random(20);
+    const int exponent_at = from.precision - 1 + from.leading_one_stored;
+    const int bias = (1 << (from.exponent_bits - 1)) - 1;
+    const uint128 ones = (uint128{1} << exponent_at) - 1;
+    for (int i = 0; i < 500'000; ++i) {
+      const int exponent = std::min(bias - 4 + i % 137, 2 * bias + 1);
+      const auto top = static_cast<uint128>(exponent | (i & 1) << from.exponent_bits);
+      const uint128 leading = uint128{from.leading_one_stored} << (exponent_at - 1);
+      check(top << exponent_at | leading | ((uint128{random()} << 64 | random()) & ones));
+    }
   }
 }
 
@@ -74,11 +88,11 @@ void for_each_integer(Check check) {
             check(-n);
           }
       }
-  for (int i = 0; i < 30'000; ++i) check(any() >> random() % 128);
+  for (int i = 0; i < 250'000; ++i) check(any() >> random() % 128);
 }
 
 TEST(Integer128, ToFloating) {
-  sweep s(2'000'000);
+  sweep s(8'000'000);
   for (const rounding mode : roundings) {
     const under_rounding scope(mode);
     for_each_integer([&](uint128 n) {
@@ -87,21 +101,21 @@ TEST(Integer128, ToFloating) {
         return oracle::from_integer(to, n, is_signed, mode);
       };
       s.expect(returned(scope, [&] { return __ntof(n); }), expected(oracle::binary32, false),
-               "ntof", mode, hex(n));
+               "ntof", mode, bits_of(n));
       s.expect(returned(scope, [&] { return __mtof(m); }), expected(oracle::binary32, true), "mtof",
-               mode, hex(n));
+               mode, bits_of(n));
       s.expect(returned(scope, [&] { return __ntod(n); }), expected(oracle::binary64, false),
-               "ntod", mode, hex(n));
+               "ntod", mode, bits_of(n));
       s.expect(returned(scope, [&] { return __mtod(m); }), expected(oracle::binary64, true), "mtod",
-               mode, hex(n));
+               mode, bits_of(n));
       s.expect(returned(scope, [&] { return __ntol(n); }), expected(oracle::x87, false), "ntol",
-               mode, hex(n));
+               mode, bits_of(n));
       s.expect(returned(scope, [&] { return __mtol(m); }), expected(oracle::x87, true), "mtol",
-               mode, hex(n));
+               mode, bits_of(n));
       s.expect(stored(scope, [&](void* q) { __ntoq(q, n); }), expected(oracle::binary128, false),
-               "ntoq", mode, hex(n));
+               "ntoq", mode, bits_of(n));
       s.expect(stored(scope, [&](void* q) { __mtoq(q, m); }), expected(oracle::binary128, true),
-               "mtoq", mode, hex(n));
+               "mtoq", mode, bits_of(n));
     });
   }
   EXPECT_EQ(read_x87().status & all_flags, 0);
