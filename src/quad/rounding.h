@@ -24,13 +24,10 @@ constexpr uint64_t half = uint64_t{1} << 63;
 
 // Whether a magnitude with this guard word is to be incremented. A tie goes to the even neighbour:
 // up from an odd number and down from an even one.
-[[gnu::always_inline]] constexpr bool rounds_to_nearest_up(bool odd, uint64_t guard) {
-  return guard > half - odd;
-}
 constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard) {
   switch (mode) {
     case rounding::to_nearest:
-      return rounds_to_nearest_up(odd, guard);
+      return guard > half - odd;
     case rounding::down:
       return negative && guard != 0;
     case rounding::up:
@@ -42,27 +39,45 @@ constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard)
   }
   return false;
 }
-[[gnu::cold, gnu::noinline]] bool rounds_up_by_mxcsr(bool negative, bool odd, uint64_t guard) {
+[[maybe_unused, gnu::cold, gnu::noinline]] bool rounds_up_by_mxcsr(bool negative, bool odd,
+                                                                   uint64_t guard) {
   return rounds_up(rounding_control(), negative, odd, guard);
 }
 
-// Raises PE for a guard word other than 0, and tells whether to increment.
+// Raises PE, and tells whether the rounding mode is to nearest.
 //
-// Storing MXCSR stalls a processor for longer than the rest of an addition takes. But the
-// rounding mode shows in what the sum that raises PE comes out as, compared with a second one:
-// only when rounding to nearest is 1 + 3/4 ulp more than 1 + (next to nothing). So MXCSR itself
-// is stored for the other modes only.
+// Storing MXCSR stalls a processor for longer than the rest of an addition takes. But the mode
+// shows in what the sum that raises PE comes out as, beside a second one: only when rounding to
+// nearest is 1 + 3/4 ulp more than 1 + (next to nothing). So MXCSR itself is stored for ties and
+// for the other modes only.
 constexpr double d_most_of_ulp = 0.75 * 0x1p-52;
 const double* const volatile p_most_of_ulp = &d_most_of_ulp;
 
-[[gnu::always_inline]] inline bool raise_inexact_and_round_up(bool negative, bool odd,
-                                                              uint64_t guard) {
-  const double by_next_to_nothing = *p_one + *p_norm;
-  const double by_most_of_ulp = *p_one + *p_most_of_ulp;
+[[gnu::always_inline]] inline bool raise_inexact_to_nearest() {
+  const double one = *p_one;
+  const double by_next_to_nothing = one + *p_norm;
+  const double by_most_of_ulp = one + *p_most_of_ulp;
   perform(by_next_to_nothing);
-  if (by_most_of_ulp > by_next_to_nothing) [[likely]]
-    return rounds_to_nearest_up(odd, guard);
-  return rounds_up_by_mxcsr(negative, odd, guard);
+  return by_most_of_ulp > by_next_to_nothing;
+}
+
+// Rounds `packed`, a result put together already, raising PE where it is not exact. What lies
+// below the guard word may come in `beyond`, of which only matters whether it is 0.
+//
+// The usual case comes first: neither exact nor a tie. To nearest it is rounded by the guard
+// word's top bit alone, without a branch.
+template <class Word>
+[[gnu::always_inline]] inline Word rounded(bool negative, Word packed, uint64_t guard,
+                                           uint64_t beyond = 0) {
+  const bool odd = (packed & 1) != 0;
+  if ((guard << 1 | beyond) != 0) [[likely]] {
+    if (raise_inexact_to_nearest()) [[likely]]
+      return packed + (guard >> 63);
+    return packed + rounds_up_by_mxcsr(negative, odd, guard | 1);
+  }
+  if (guard == 0) return packed;
+  raise_inexact();
+  return packed + rounds_up_by_mxcsr(negative, odd, guard);
 }
 
 template <class Word>
@@ -115,7 +130,7 @@ typename F::word pack_tiny(bool negative, int exponent, typename F::word signifi
   auto packed = shifted.significand;
   if (shifted.guard != 0) {
     if (!becomes_normal) raise_underflow_inexact();
-    packed += raise_inexact_and_round_up(negative, (packed & 1) != 0, shifted.guard);
+    packed = rounded(negative, packed, shifted.guard);
   } else if (Exact == exact_underflow::raised_if_unmasked &&
              (status & mxcsr::underflow << mxcsr::mask_shift) == 0) {
     raise_underflow();
@@ -130,8 +145,7 @@ template <class F, exact_underflow Exact>
                                                                   uint64_t guard) {
   if (exponent < 1) return pack_tiny<F, Exact>(negative, exponent, significand, guard);
   if (exponent >= F::special_exponent) return overflow<F>(negative);
-  auto packed = pack<F>(exponent, significand);
-  if (guard != 0) packed += raise_inexact_and_round_up(negative, (packed & 1) != 0, guard);
+  const auto packed = rounded(negative, pack<F>(exponent, significand), guard);
   if (packed == F::infinity) return overflow<F>(negative);
   return F::signed_word(negative, packed);
 }
@@ -141,13 +155,11 @@ template <class F, exact_underflow Exact>
 template <class F, exact_underflow Exact = exact_underflow::ignored>
 [[gnu::always_inline]] inline typename F::word round_and_pack(bool negative, int exponent,
                                                               typename F::word significand,
-                                                              uint64_t guard) {
+                                                              uint64_t guard, uint64_t beyond = 0) {
   constexpr auto safe_exponents = static_cast<unsigned>(F::special_exponent - 2);  // from 1 up
   if (static_cast<unsigned>(exponent - 1) >= safe_exponents) [[unlikely]]
-    return round_and_pack_edge<F, Exact>(negative, exponent, significand, guard);
-  auto packed = pack<F>(exponent, significand);
-  if (guard != 0) packed += raise_inexact_and_round_up(negative, (packed & 1) != 0, guard);
-  return F::signed_word(negative, packed);
+    return round_and_pack_edge<F, Exact>(negative, exponent, significand, guard | (beyond != 0));
+  return F::signed_word(negative, rounded(negative, pack<F>(exponent, significand), guard, beyond));
 }
 
 // The same for a result that is neither tiny nor beyond infinity, raising nothing at all.

@@ -1,58 +1,50 @@
-// Division: two quotient digits of 64 bits each, long division in base 2^64 with the processor's
-// own 128-by-64 division (Knuth, The Art of Computer Programming, volume 2, 4.3.1, algorithm D).
+// Division: two quotient digits, each by the processor's own 128-by-64 division and made too small
+// or too large rather than exact, as there is room to spare: long division in a base so much
+// smaller than 2^64 that a first digit is never wrong by more than 1 (after Knuth, The Art of
+// Computer Programming, volume 2, 4.3.1, algorithm D).
 #include "core/export.h"
 #include "quad/nan.h"
 #include "quad/operands.h"
 #include "quad/rounding.h"
+#include "quad/words.h"
 
 namespace zorvac::softfp {
 namespace {
 
 using f = binary128;
 
-// The quotient of a dividend whose high word is below the divisor; the processor traps otherwise.
-[[gnu::always_inline]] inline uint64_t divide_words(uint128 dividend, uint64_t divisor) {
+struct quotient_and_remainder {
   uint64_t quotient, remainder;
-  asm("div %4"
-      : "=a"(quotient), "=d"(remainder)
-      : "a"(low(dividend)), "d"(high(dividend)), "r"(divisor)
-      : "cc");
-  return quotient;
-}
-
-// Three words: a remainder on its way from one digit to the next.
-struct partial_remainder {
-  uint64_t top;
-  uint128 rest;
 };
 
-// dividend * 2^64 - digit * divisor, modulo 2^192.
-[[gnu::always_inline]] inline partial_remainder multiply_back(uint128 dividend, uint64_t digit,
-                                                              uint128 divisor) {
-  const uint128 low_part = uint128{digit} * low(divisor);
-  const uint128 high_part = uint128{digit} * high(divisor) + high(low_part);
-  const uint128 taken = high_part << 64 | low(low_part);
-  const uint128 from = dividend << 64;
-  return {high(dividend) - high(high_part) - (from < taken), from - taken};
+// Of a dividend whose high word is below the divisor; the processor traps otherwise.
+[[gnu::always_inline]] inline quotient_and_remainder divide_words(uint128 dividend,
+                                                                  uint64_t divisor) {
+  quotient_and_remainder result;
+  asm("div %[divisor]"
+      : "=a"(result.quotient), "=d"(result.remainder)
+      : "a"(low(dividend)), "d"(high(dividend)), [divisor] "r"(divisor)
+      : "cc");
+  return result;
 }
 
-// The next digit of a dividend below the divisor, whose top bit is set: from the leading words,
-// which make it too large by 2 at most (theorem B of the section named above).
-[[gnu::always_inline]] inline uint64_t estimate_digit(uint128 dividend, uint128 divisor) {
-  if (high(dividend) >= high(divisor)) [[unlikely]]
-    return ~uint64_t{0};
-  return divide_words(dividend, high(divisor));
+[[gnu::always_inline]] constexpr uint128 shift_left(uint128 x, int n) {  // 1 to 63 places
+  return make_uint128(high(x) << n | low(x) >> (64 - n), low(x) << n);
 }
 
-// Makes an estimated digit exact: adds the divisor back while the remainder is negative.
-[[gnu::always_inline]] inline uint128 correct(partial_remainder r, uint64_t& digit,
-                                              uint128 divisor) {
-  while (static_cast<std::int64_t>(r.top) < 0) {
-    --digit;
-    r.rest += divisor;
-    r.top += r.rest < divisor;
+// floor(2^63 rest / divisor), given an estimate that is not below it by less than 5 steps down,
+// and with bit 0 set where something remains.
+[[gnu::cold, gnu::noinline]] uint64_t exact_digit(uint128 rest, uint64_t digit, uint128 divisor) {
+  for (;; --digit) {
+    const uint128 low_part = uint128{digit} * low(divisor);
+    const uint128 high_part = uint128{digit} * high(divisor) + high(low_part);
+    const uint64_t product[] = {high(high_part), low(high_part), low(low_part)};
+    const uint64_t dividend[] = {high(rest >> 1), low(rest >> 1), low(rest) << 63};
+    int i = 0;
+    while (i < 2 && product[i] == dividend[i]) ++i;
+    if (product[i] == dividend[i]) return digit;
+    if (product[i] < dividend[i]) return digit | 1;
   }
-  return r.rest;
 }
 
 // Of two equal significands: a power of two, exact down to the smallest subnormal number, and as
@@ -67,28 +59,41 @@ struct partial_remainder {
   return f::signed_word(negative, increment);
 }
 
+// With v, the divisor, V its high word and u, the dividend, placed as in the code,
+//
+//   u / v * 2^64 = first + rest / v     2^60 < first < 2^62
+//
+// where `first` comes from floor(u / V). That is not below floor(u * 2^64 / v), as V * 2^64 is not
+// above v, and above it by first * (v mod 2^64) / v < 2^62 * 2^64 / 2^126 = 1 at most, rounded up:
+// lowered by 1 it leaves a rest from 0 to below 2 v. The second digit, rest / v * 2^63, comes from
+// floor(rest / 2 / V) and is too large by less than 5 in the same way. That changes none of the
+// bits that are kept, nor the first one below them, and leaves some other bit set, provided that
+// the digit's low 10 bits, which lie below both, are 5 or more.
+//
+// Both operands' significands as integers: the quotient first * 2^63 + second has 125 or 124 bits.
 [[gnu::always_inline]] inline uint128 divide_finite(unpacked<f> a, unpacked<f> b) {
   const bool negative = a.negative != b.negative;
   if (a.significand == b.significand) [[unlikely]]
     return power_of_two(negative, a.exponent - b.exponent + f::bias);
 
-  // The divisor's top bit is set. The dividend is below it, and the quotient's first digit has its
-  // top bit set: the significand is the upper 113 bits of the 128 that the two digits have.
-  const bool larger = a.significand > b.significand;
-  const uint128 divisor = b.significand << 15;
-  const uint128 dividend = a.significand << (larger ? 14 : 15);
+  const uint128 u = shift_left(a.significand, 11), v = shift_left(b.significand, 14);
+  const auto [first_estimate, remainder] = divide_words(u, high(v));
+  const uint64_t first = first_estimate - 1;
+  const uint128 rest = v + make_uint128(remainder, 0) - uint128{first_estimate} * low(v);
 
-  uint64_t first = estimate_digit(dividend, divisor);
-  const uint128 rest = correct(multiply_back(dividend, first, divisor), first, divisor);
-  uint64_t second = estimate_digit(rest, divisor);
-  // The second digit may stay too large by up to 2 as long as that changes neither the bits that
-  // are kept nor the guard word's being other than 0, on which side of a half it stands included.
-  // Its low 14 bits lie below the first guard bit: from 5 up, they stay above 2.
-  if ((second & 0x3fff) < 5) [[unlikely]]
-    second |= correct(multiply_back(rest, second, divisor), second, divisor) != 0;
+  uint64_t second = ~uint64_t{0};
+  if (const uint128 half_rest = make_uint128(high(rest) >> 1, high(rest) << 63 | low(rest) >> 1);
+      high(half_rest) < high(v)) [[likely]]
+    second = divide_words(half_rest, high(v)).quotient;
+  if ((second & 0x3ff) < 5) [[unlikely]]
+    second = exact_digit(rest, second, v);
+
+  const uint128 quotient = make_uint128(first >> 1, first << 63) + second;
+  const auto from_one_up = static_cast<int>(high(quotient) >> 60);  // 1 or 0
+  const three_words result = shift_into_guard(quotient, 11 + from_one_up);
   return round_and_pack<f, exact_underflow::raised_if_unmasked>(
-      negative, a.exponent - b.exponent + f::bias - 1 + larger, make_uint128(first, second) >> 15,
-      second << 49);
+      negative, a.exponent - b.exponent + f::bias - 1 + from_one_up, result.significand(),
+      result.guard);
 }
 
 // Where an operand is zero, subnormal, infinite or a NaN.

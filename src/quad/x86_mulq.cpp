@@ -3,33 +3,37 @@
 #include "quad/nan.h"
 #include "quad/operands.h"
 #include "quad/rounding.h"
+#include "quad/words.h"
 
 namespace zorvac::softfp {
 namespace {
 
 using f = binary128;
 
-// The significands' product, 226 or 225 bits, cut into significand and guard word.
+// The significands' product. With one factor's leading one at the top of its two words, bit 127,
+// the product's is at bit 112 of its upper two words, where a significand has it, or one place
+// below.
 //
-// With one factor shifted left by 15 places and the other by 1, the upper 128 of 256 bits are the
-// significand of a product below 2, and one place too many of one from 2 up.
+//   127 .. 113   112 .. 0        guard word         beyond
+//   0            significand     ................   ................
 [[gnu::always_inline]] inline uint128 multiply_finite(unpacked<f> a, unpacked<f> b) {
-  const uint128 x = a.significand << 15, y = b.significand << 1;
-  const uint128 low_low = uint128{low(x)} * low(y);
-  const uint128 low_high = uint128{low(x)} * high(y);
-  const uint128 high_low = uint128{high(x)} * low(y);
-  const uint128 high_high = uint128{high(x)} * high(y);
-  // high(y) is below 2^50, so neither of the two sums can wrap.
-  const uint128 middle = low_high + high(low_low);
-  const uint128 sum = high_low + low(middle);
-  const uint128 product = high_high + high(middle) + high(sum);
-  const uint64_t rest = low(sum) | (low(low_low) != 0);
+  const uint64_t x_high = high(a.significand) << 15 | low(a.significand) >> 49;
+  const uint64_t x_low = low(a.significand) << 15;
+  const uint64_t y_high = high(b.significand), y_low = low(b.significand);
 
-  const int carry = static_cast<int>(product >> f::precision);  // 0 or 1
-  const uint64_t guard =
-      rest >> carry | (rest & 1) | (low(product) & static_cast<uint64_t>(carry)) << 63;
+  // y_high is below 2^49: no sum of a product by it and two words wraps, nor does the last one.
+  const uint128 low_low = uint128{x_low} * y_low;
+  const uint128 low_high = uint128{x_low} * y_high + high(low_low);
+  const uint128 high_low = uint128{x_high} * y_low;
+  const uint128 middle = high_low + low(low_high);
+  const uint128 top = uint128{x_high} * y_high + high(low_high) + high(middle);
+  const three_words product = {high(top), low(top), low(middle)};
+
+  const uint64_t from_two_up = product.high >> (f::fraction_bits - 64);  // 1 or 0
+  const three_words normalised = product + (product & (from_two_up - 1));
   return round_and_pack<f, exact_underflow::raised_if_unmasked>(
-      a.negative != b.negative, a.exponent + b.exponent - f::bias + carry, product >> carry, guard);
+      a.negative != b.negative, a.exponent + b.exponent - f::bias + static_cast<int>(from_two_up),
+      normalised.significand(), normalised.guard, low(low_low));
 }
 
 // Where an operand is zero, subnormal, infinite or a NaN.
