@@ -22,11 +22,12 @@
  *             there; nothing else in MXCSR changes. An exception that the program has unmasked
  *             traps inside the call. The denormal-operand flag is the processor's; IEEE 754 does
  *             not know it. (The operation that raises it has a tiny result, so where underflow is
- *             unmasked a subnormal operand traps as underflow.) Abbreviated below: IE invalid, DE
- * denormal operand, ZE division by zero, OE overflow, UE underflow (tininess is detected after
- * rounding), PE inexact. NaN:       an operation gives its NaN operand, quieted, with its sign and
- * payload; of two, the quiet one; of two of a kind, the one whose magnitude, taken as an integer,
- * is larger; of two equal ones b where a is positive, else a. A signalling NaN raises IE. An
+ *             unmasked a subnormal operand traps as underflow.) Abbreviated below: IE invalid,
+ *             DE denormal operand, ZE division by zero, OE overflow, UE underflow (tininess is
+ *             detected after rounding), PE inexact.
+ *  NaN:       an operation gives its NaN operand, quieted, with its sign and payload; of two, the
+ *             quiet one; of two of a kind, the one whose magnitude, taken as an integer, is larger;
+ *             of two equal ones b where a is positive, else a. A signalling NaN raises IE. An
  *             invalid operation without a NaN operand gives the negative quiet NaN
  *             0xFFFF8000000000000000000000000000.
  *  Errors:    none returned.
