@@ -7,7 +7,10 @@
 # EVEX instructions, and none of those may have a weak symbol.
 
 set(ZORVAC_FLAGS_baseline "")
-set(ZORVAC_FLAGS_general -mgeneral-regs-only)
+# No sanitizer: its calls would change registers. No sibling calls: clang restores the argument
+# registers of a register-preserving routine before it jumps to the callee, which then never sees
+# its arguments.
+set(ZORVAC_FLAGS_general -mgeneral-regs-only -fno-sanitize=all -fno-optimize-sibling-calls)
 
 # zorvac_sources(<list> <instruction set> <source>...)
 function(zorvac_sources list isa)

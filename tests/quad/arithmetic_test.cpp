@@ -263,12 +263,15 @@ class catching_traps {
   struct sigaction saved_ {};
 };
 
-// The flag whose exception trapped with only that one unmasked: the trap code, or 0.
-int code_of_trap(const routine& r, unsigned unmasked, rounding mode, bits a, bits b) {
+// The code of the trap that one unmasked exception leads to, or 0. Nothing with a destructor and no
+// variable of a caller may live in the frame that the handler jumps back to.
+__attribute__((noinline)) int code_of_trap(const routine& r, unsigned unmasked, rounding mode,
+                                           const bits& a, const bits& b) {
+  bits result;
   trap_code = 0;
   if (sigsetjmp(after_trap, 1) == 0) {
-    const under_rounding scope(mode, all_masked & ~(unmasked << 7));
-    run(r, scope, a, b);
+    __builtin_ia32_ldmxcsr((all_masked & ~(unmasked << 7)) | mode << 13);
+    r.call(&result, &a, &b);
   }
   __builtin_ia32_ldmxcsr(all_masked);
   return trap_code;
