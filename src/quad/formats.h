@@ -154,7 +154,11 @@ constexpr unpacked<F> unpack(typename F::word w) {
 // field.
 template <class F>
 [[gnu::always_inline]] constexpr typename F::word pack(int exponent, typename F::word significand) {
-  return (static_cast<typename F::word>(exponent - 1) << F::fraction_bits) + significand;
+  const auto field = static_cast<uint64_t>(exponent - 1);
+  if constexpr (F::fraction_bits > 64)  // spares the addition to the low word
+    return make_uint128(high(significand) + (field << (F::fraction_bits - 64)), low(significand));
+  else
+    return (typename F::word{field} << F::fraction_bits) + significand;
 }
 
 }  // namespace

@@ -39,17 +39,16 @@ constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard)
   }
   return false;
 }
-[[maybe_unused, gnu::cold, gnu::noinline]] bool rounds_up_by_mxcsr(bool negative, bool odd,
-                                                                   uint64_t guard) {
-  return rounds_up(rounding_control(), negative, odd, guard);
+[[maybe_unused, gnu::cold, gnu::noinline]] bool rounds_up_directed(bool negative) {
+  return rounds_up(rounding_control(), negative, false, 1);
 }
 
 // Raises PE, and tells whether the rounding mode is to nearest.
 //
 // Storing MXCSR stalls a processor for longer than the rest of an addition takes. But the mode
 // shows in what the sum that raises PE comes out as, beside a second one: only when rounding to
-// nearest is 1 + 3/4 ulp more than 1 + (next to nothing). So MXCSR itself is stored for ties and
-// for the other modes only.
+// nearest is 1 + 3/4 ulp more than 1 + (next to nothing). So MXCSR itself is stored for the
+// other modes only.
 constexpr double d_most_of_ulp = 0.75 * 0x1p-52;
 const double* const volatile p_most_of_ulp = &d_most_of_ulp;
 
@@ -64,20 +63,18 @@ const double* const volatile p_most_of_ulp = &d_most_of_ulp;
 // Rounds `packed`, a result put together already, raising PE where it is not exact. What lies
 // below the guard word may come in `beyond`, of which only matters whether it is 0.
 //
-// The usual case comes first: neither exact nor a tie. To nearest it is rounded by the guard
-// word's top bit alone, without a branch.
+// The usual case, neither exact nor a tie, is rounded to nearest by the guard word's top bit.
 template <class Word>
 [[gnu::always_inline]] inline Word rounded(bool negative, Word packed, uint64_t guard,
                                            uint64_t beyond = 0) {
-  const bool odd = (packed & 1) != 0;
-  if ((guard << 1 | beyond) != 0) [[likely]] {
-    if (raise_inexact_to_nearest()) [[likely]]
-      return packed + (guard >> 63);
-    return packed + rounds_up_by_mxcsr(negative, odd, guard | 1);
+  uint64_t increment = guard >> 63;
+  if ((guard << 1 | beyond) == 0) [[unlikely]] {
+    if (guard == 0) return packed;
+    increment = static_cast<uint64_t>(packed & 1);
   }
-  if (guard == 0) return packed;
-  raise_inexact();
-  return packed + rounds_up_by_mxcsr(negative, odd, guard);
+  if (raise_inexact_to_nearest()) [[likely]]
+    return packed + increment;
+  return packed + rounds_up_directed(negative);
 }
 
 template <class Word>

@@ -23,11 +23,11 @@ struct ordered_operands {
 // `negate_b` is the sign bit, or 0. It must not touch what b itself holds, for a NaN comes back
 // with the sign it has.
 [[gnu::always_inline]] inline ordered_operands order(uint128 a, uint128 b, uint64_t negate_b) {
-  const uint128 ma = f::magnitude(a), mb = f::magnitude(b);
-  const uint64_t sign_a = high(a), sign_b = high(b) ^ negate_b;
-  const bool swapped = ma < mb;
-  return {swapped ? mb : ma, swapped ? ma : mb, (swapped ? sign_b : sign_a) >> 63 != 0,
-          (sign_a ^ sign_b) >> 63 != 0};
+  b ^= make_uint128(negate_b, 0);
+  const uint128 difference = a ^ b;
+  const uint128 larger = f::magnitude(a) < f::magnitude(b) ? b : a;
+  return {f::magnitude(larger), f::magnitude(larger ^ difference), f::negative(larger),
+          f::negative(difference)};
 }
 
 // The sum or difference of two significands, aligned. The larger one's leading one is at its
