@@ -47,7 +47,10 @@ function(zorvac_shared_library target identification)
     OUTPUT_NAME zorvac VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
     LINKER_LANGUAGE C LINK_DEPENDS ${export_map})
   target_link_options(${target} PRIVATE -static-libgcc LINKER:--version-script=${export_map}
-    LINKER:-z,relro,-z,now,-z,noexecstack,-z,text $<$<NOT:$<BOOL:${ZORVAC_SANITIZE}>>:LINKER:-z,defs>)
+    LINKER:-z,relro,-z,now,-z,noexecstack,-z,text)
+  if(NOT ZORVAC_SANITIZE)  # a sanitizer's run-time library comes with the program
+    target_link_options(${target} PRIVATE LINKER:-z,defs)
+  endif()
   target_include_directories(${target} INTERFACE
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 endfunction()

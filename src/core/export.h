@@ -10,9 +10,6 @@
 
 // A routine that preserves every register of its caller, the scratch registers included. The
 // compiler keeps the promise for the integer registers; sources that use this are built for general
-// registers only, which keeps it for the vector and mask registers. A sanitizer's run-time calls
-// would break it, hence none here.
-#define ZORVAC_PRESERVES_REGISTERS                                                         \
-  __attribute__((no_caller_saved_registers, no_sanitize("address"), no_sanitize("thread"), \
-                 no_sanitize("undefined")))
+// registers only, which keeps it for the vector and mask registers.
+#define ZORVAC_PRESERVES_REGISTERS __attribute__((no_caller_saved_registers))
 #endif
