@@ -29,14 +29,13 @@ uint128 truncated(typename F::word w) {
     return indefinite;
   }
 
-  uint128 magnitude = F::fraction(w) | F::leading_one;
-  if (const int shift = exponent - F::bias - F::fraction_bits; shift >= 0) {
-    magnitude <<= shift;
-  } else {
-    if (magnitude << (128 + shift) != 0) raise_inexact();
-    magnitude >>= -shift;
-  }
-  return negative ? -magnitude : magnitude;
+  // One shift to the right serves all magnitudes: 0 to 127 places from the top.
+  const uint128 significand = uint128{F::fraction(w) | F::leading_one} << (127 - F::fraction_bits);
+  const int distance = F::bias + 127 - exponent;
+  const uint128 magnitude = significand >> distance;
+  if (magnitude << distance != significand) raise_inexact();
+  const uint128 sign_mask = -uint128{negative};
+  return (magnitude ^ sign_mask) - sign_mask;
 }
 
 template <class F>

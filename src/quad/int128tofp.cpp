@@ -1,5 +1,9 @@
 // 128-bit integers to floating-point numbers, rounded by MXCSR but silently: one conversion over
 // the target's format.
+//
+// Silence has a price. Any operation that shows the rounding mode also raises the inexact flag, so
+// an inexact conversion has to store MXCSR, which some processors take longer for than for all the
+// rest. An exact one does not.
 #include "quad/formats.h"
 #include "quad/rounding.h"
 #include "zorvac/quad.h"
