@@ -24,12 +24,34 @@ template <class Integer>
   return static_cast<Integer>(indefinite_word<Integer>);
 }
 
+// The significand of a normal number, its leading one at the top of two words.
+[[gnu::always_inline]] constexpr uint128 significand_at_top(uint128 w) {
+  return make_uint128(uint64_t{1} << 63 | high(w) << 15 | low(w) >> 49, low(w) << 15);
+}
+
 // Integer part and fraction of a magnitude below 2^64; the fraction's lowest bit is sticky.
 [[gnu::always_inline]] inline guarded<uint64_t> split(uint128 w) {
   const int exponent = q::exponent(w);
-  const uint128 leading_one = exponent != 0 ? q::leading_one : 0;
-  const uint128 significand = (q::fraction(w) | leading_one) << (127 - q::fraction_bits);
+  if (exponent == 0) return {0, q::fraction(w) != 0};
+  const uint128 significand = significand_at_top(w);
   return shift_right_sticky(high(significand), low(significand), q::bias + 63 - exponent);
+}
+
+// The integer part alone, of a normal number, raising PE for any fraction. A number below 1 is no
+// case of its own: whether an operand is one may be unpredictable.
+[[gnu::always_inline]] inline uint64_t truncate(uint128 w) {
+  const uint128 significand = significand_at_top(w);
+  const int distance = q::bias + 63 - q::exponent(w);
+  const uint64_t below_64 = -uint64_t{distance < 64};
+  const uint64_t magnitude = high(significand) >> (distance & 63) & below_64;
+  const uint64_t fraction = high(significand) ^ magnitude << (distance & 63);
+  if ((fraction | low(significand)) != 0) raise_inexact();
+  return magnitude;
+}
+
+// Whether a number is normal and below 2^bits.
+[[gnu::always_inline]] constexpr bool is_normal_below(uint128 w, int bits) {
+  return static_cast<unsigned>(q::exponent(w) - 1) < static_cast<unsigned>(q::bias + bits - 1);
 }
 
 // The rounding argument. Whatever it does not know goes to `Otherwise`.
@@ -48,21 +70,31 @@ constexpr rounding rounding_of(int argument) {
   return Otherwise;
 }
 
+template <class Integer>
+[[gnu::always_inline]] constexpr Integer signed_integer(bool negative, uint64_t magnitude) {
+  const uint64_t mask = -uint64_t{negative};
+  return static_cast<Integer>((magnitude ^ mask) - mask);
+}
+
+template <class Integer, rounding Otherwise>
+[[gnu::noinline]] Integer round_to_signed(uint128 w, int mode) {
+  const bool negative = q::negative(w);
+  const uint64_t limit = indefinite_word<Integer> - !negative;
+  if (q::exponent(w) >= q::bias + 64) return indefinite<Integer>();
+  const auto [magnitude, guard] = split(w);
+  const bool increment =
+      rounds_up(rounding_of<Otherwise>(mode), negative, (magnitude & 1) != 0, guard);
+  if (magnitude > limit - increment) return indefinite<Integer>();
+  if (guard != 0) raise_inexact();
+  return signed_integer<Integer>(negative, magnitude + increment);
+}
+
 template <class Integer, rounding Otherwise>
 [[gnu::always_inline]] inline Integer to_signed(const void* address, int mode) {
   const uint128 w = load(address);
-  const bool negative = q::negative(w);
-  const uint64_t limit = indefinite_word<Integer> - !negative;
-  if (q::exponent(w) >= q::bias + 64) [[unlikely]]
-    return indefinite<Integer>();
-  auto [magnitude, guard] = split(w);
-  const bool increment =
-      rounds_up(rounding_of<Otherwise>(mode), negative, (magnitude & 1) != 0, guard);
-  if (magnitude > limit - increment) [[unlikely]]
-    return indefinite<Integer>();
-  if (guard != 0) raise_inexact();
-  magnitude += increment;
-  return static_cast<Integer>(negative ? -magnitude : magnitude);
+  if (mode == ZORVAC_TO_INT_TOWARD_ZERO && is_normal_below(w, width<Integer> - 1)) [[likely]]
+    return signed_integer<Integer>(q::negative(w), truncate(w));
+  return round_to_signed<Integer, Otherwise>(w, mode);
 }
 
 // Truncates a number below 2^RangeBits.
@@ -72,9 +104,10 @@ template <class Integer, int RangeBits>
   const int exponent = q::exponent(w);
   if (exponent >= q::bias && (exponent >= q::bias + RangeBits || q::negative(w))) [[unlikely]]
     return indefinite<Integer>();
-  const auto [magnitude, guard] = split(w);
-  if (guard != 0) raise_inexact();
-  return static_cast<Integer>(magnitude);
+  if (exponent != 0) [[likely]]
+    return static_cast<Integer>(truncate(w));
+  if (q::fraction(w) != 0) raise_inexact();
+  return 0;
 }
 
 }  // namespace

@@ -16,30 +16,32 @@ using f = binary128;
   return (same && !is_nan<f>(a)) || both_zero;
 }
 
-// A quad as an integer of the same order: both zeros are 0.
-[[gnu::always_inline]] inline __int128 ordinal(uint128 w) {
-  const auto all_ones_if_negative = static_cast<__int128>(w) >> 127;
-  const auto magnitude = static_cast<__int128>(f::magnitude(w));
+// A quad, or its high word alone, as an integer of the same order: both zeros are 0.
+template <class Signed, class Unsigned>
+[[gnu::always_inline]] inline Signed ordinal(Unsigned w) {
+  const Signed all_ones_if_negative = static_cast<Signed>(w) >> (8 * sizeof w - 1);
+  const auto magnitude = static_cast<Signed>(w << 1 >> 1);
   return (magnitude ^ all_ones_if_negative) - all_ones_if_negative;
 }
 
-[[gnu::always_inline]] constexpr bool has_special_exponent(uint128 w) {
-  return high(w) << 1 >= high(f::infinity) << 1;
-}
 [[gnu::cold, gnu::noinline]] bool raises_invalid(uint128 a, uint128 b) {
   if (!is_nan<f>(a) && !is_nan<f>(b)) return false;
   raise_invalid();
   return true;
 }
 
-// `Relation` of two ordinals, or 0 when unordered.
+// `Relation` of two ordinals, or 0 when unordered. The high words decide unless they are equal.
 template <class Relation>
 [[gnu::always_inline]] inline int ordered(const void* a_address, const void* b_address,
                                           Relation relation) {
   const uint128 a = load(a_address), b = load(b_address);
-  if (has_special_exponent(a) || has_special_exponent(b)) [[unlikely]]
+  constexpr uint64_t special = high(f::infinity);
+  if (high(f::magnitude(a)) >= special || high(f::magnitude(b)) >= special) [[unlikely]]
     if (raises_invalid(a, b)) return 0;
-  return relation(ordinal(a), ordinal(b));
+  const auto x = ordinal<std::int64_t>(high(a)), y = ordinal<std::int64_t>(high(b));
+  if (x != y) [[likely]]
+    return relation(x, y);
+  return relation(ordinal<__int128>(a), ordinal<__int128>(b));
 }
 
 }  // namespace
@@ -48,17 +50,17 @@ int __eqq(const void* a, const void* b) { return equal(a, b); }
 int __neq(const void* a, const void* b) { return !equal(a, b); }
 
 int __ltq(const void* a, const void* b) {
-  return ordered(a, b, [](__int128 x, __int128 y) { return x < y; });
+  return ordered(a, b, [](auto x, auto y) { return x < y; });
 }
 int __leq(const void* a, const void* b) {
-  return ordered(a, b, [](__int128 x, __int128 y) { return x <= y; });
+  return ordered(a, b, [](auto x, auto y) { return x <= y; });
 }
 int __gtq(const void* a, const void* b) {
-  return ordered(a, b, [](__int128 x, __int128 y) { return x > y; });
+  return ordered(a, b, [](auto x, auto y) { return x > y; });
 }
 int __geq(const void* a, const void* b) {
-  return ordered(a, b, [](__int128 x, __int128 y) { return x >= y; });
+  return ordered(a, b, [](auto x, auto y) { return x >= y; });
 }
 int __compareq(const void* a, const void* b) {
-  return ordered(a, b, [](__int128 x, __int128 y) { return (x > y) - (x < y); });
+  return ordered(a, b, [](auto x, auto y) { return (x > y) - (x < y); });
 }
