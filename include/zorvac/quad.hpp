@@ -9,9 +9,8 @@
  *    std::puts(to_string(x).c_str());         // 1.1666666666666666666666666666666667
  *    if (auto y = zorvac::quad::parse(text)) ...
  *
- *  Everything is in this header, works with exceptions on or off, and needs linking with nothing
- * but libzorvac. A quad has the representation that the C routines take, so that `&x` may be passed
- * to them.
+ *  Everything is in this header, works with exceptions on or off, and needs linking with libzorvac
+ *  alone. A quad has the representation that the C routines take: `&x` may be passed to them.
  *
  *  Conversions to quad are implicit where they are exact, explicit for 128-bit integers, which
  *  round. All conversions from quad are explicit.
@@ -136,7 +135,8 @@ class quad {
 static_assert(sizeof(quad) == 16 && std::is_trivially_copyable_v<quad>);
 
 /** Reads a decimal number from the front of [first, last): a sign, digits with or without a point,
- *  an exponent; or "inf", "infinity" or "nan" in either case.
+ *  an exponent; or "inf", "infinity" or "nan" in either case. White space and hexadecimal are not
+ *  read, nor is the payload of a NaN.
  *
  *  returns  where the number ends, and no error; or, leaving `value` alone, `first` and
  *           errc::invalid_argument where there is no number, or the number's end and
@@ -150,14 +150,14 @@ constexpr std::from_chars_result from_chars(const char* first, const char* last,
  *
  *  returns  the end of the text, and no error; or `last` and errc::value_too_large where there is
  *           no room, and then what the range holds is unspecified */
-std::to_chars_result to_chars(char* first, char* last, const quad& value, int digits);
+inline std::to_chars_result to_chars(char* first, char* last, const quad& value, int digits);
 
 /** The same with the fewest digits, from 33 to 36, that read back as `value`. */
-std::to_chars_result to_chars(char* first, char* last, const quad& value);
+inline std::to_chars_result to_chars(char* first, char* last, const quad& value);
 
 /** The same as a string. */
-std::string to_string(const quad& value);
-std::string to_string(const quad& value, int digits);
+inline std::string to_string(const quad& value);
+inline std::string to_string(const quad& value, int digits);
 
 }  // namespace zorvac
 
