@@ -30,6 +30,12 @@ template <class Signed, class Unsigned>
   return true;
 }
 
+// -1, 0 or 1 as `a` is less than, equal to or greater than `b`.
+[[gnu::noinline]] int compare_whole(uint128 a, uint128 b) {
+  const auto x = ordinal<__int128>(a), y = ordinal<__int128>(b);
+  return (x > y) - (x < y);
+}
+
 // `Relation` of two ordinals, or 0 when unordered. The high words decide unless they are equal.
 template <class Relation>
 [[gnu::always_inline]] inline int ordered(const void* a_address, const void* b_address,
@@ -41,7 +47,7 @@ template <class Relation>
   const auto x = ordinal<std::int64_t>(high(a)), y = ordinal<std::int64_t>(high(b));
   if (x != y) [[likely]]
     return relation(x, y);
-  return relation(ordinal<__int128>(a), ordinal<__int128>(b));
+  return relation(compare_whole(a, b), 0);
 }
 
 }  // namespace
