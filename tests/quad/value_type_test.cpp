@@ -1,6 +1,10 @@
 // The C++ value type: its operators lead to the right routines, and its decimal conversions are
-// correctly rounded, by MPFR's measure.
+// correctly rounded, by the measure of MPFR and of the C library.
 #include <gtest/gtest.h>
+
+#include <array>
+#include <iomanip>
+#include <sstream>
 
 #include "operands.h"
 #include "oracle.h"
@@ -115,6 +119,79 @@ TEST(DecimalText, TakesWordsAndRejectsTheRest) {
   EXPECT_EQ(read.ptr - text.data(), 3);
   std::array<char, 4> room;
   EXPECT_EQ(to_chars(room.data(), room.data() + 4, 0.125_q).ec, std::errc::value_too_large);
+}
+
+// The C library's reader of binary128; not every compiler's headers declare it.
+extern "C" __float128 c_library_read(const char* text, char** end) __asm__("strtof128");
+
+bits read_by_c_library(const std::string& text, std::size_t& length) {
+  char* end;
+  const __float128 value = c_library_read(text.c_str(), &end);
+  length = static_cast<std::size_t>(end - text.c_str());
+  return bits_of(std::bit_cast<uint128>(value));
+}
+
+// Numbers as people and programs write them: signs, leading zeros, a point anywhere, exponents that
+// end at either edge of the range, garbage behind.
+std::string random_text(std::mt19937_64& random) {
+  const auto below = [&](unsigned n) { return static_cast<int>(random() % n); };
+  std::string text = std::array{"", "-", "+"}[random() % 3];
+  const int digits = 1 + below(below(20) == 0 ? 3000 : 45), point = below(60);
+  for (int i = 0; i < digits; ++i) {
+    if (i == point) text += '.';
+    text += static_cast<char>('0' + (below(4) == 0 ? 0 : below(10)));
+  }
+  const int exponents[] = {below(60) - 30, 4880 + below(60), -4900 - below(90),
+                           -below(9900) + 4950};
+  if (below(4) != 0)
+    text += std::array{"e", "E"}[random() % 2] + std::to_string(exponents[below(4)]);
+  return text + std::array{"", "", "x", "e", ".", "-", "e+"}[random() % 7];
+}
+
+TEST(DecimalText, IsReadAsTheCLibraryDoes) {
+  std::mt19937_64 random(18);
+  int in_range = 0, out_of_range = 0;
+  for (int i = 0; i < 20'000; ++i) {
+    const std::string text = random_text(random);
+    std::size_t length;
+    const bits expected = read_by_c_library(text, length);
+    const bits magnitude = bits_of(word_of(expected) << 1 >> 1);
+
+    number x = of(one);
+    const auto [end, error] = from_chars(text.data(), text.data() + text.size(), x);
+    ASSERT_EQ(end - text.data(), static_cast<std::ptrdiff_t>(length)) << text;
+    if (error == std::errc::result_out_of_range) {
+      ++out_of_range;
+      ASSERT_TRUE(magnitude == infinity || magnitude == zero) << text;
+      ASSERT_EQ(bits_in(x), one) << "an error leaves the value alone";
+    } else {
+      ++in_range;
+      ASSERT_EQ(error, std::errc()) << text;
+      ASSERT_EQ(bits_in(x), expected) << text;
+    }
+  }
+  EXPECT_GT(in_range, 10'000);
+  EXPECT_GT(out_of_range, 100);
+}
+
+TEST(ValueType, KnowsItsLimits) {
+  using limits = std::numeric_limits<number>;
+  const auto hexadecimal = [](const char* text) {
+    std::size_t length;
+    return read_by_c_library(text, length);
+  };
+  EXPECT_EQ(bits_in(limits::max()), hexadecimal("0x1.ffffffffffffffffffffffffffffp16383"));
+  EXPECT_EQ(bits_in(limits::lowest()), hexadecimal("-0x1.ffffffffffffffffffffffffffffp16383"));
+  EXPECT_EQ(bits_in(limits::min()), hexadecimal("0x1p-16382"));
+  EXPECT_EQ(bits_in(limits::denorm_min()), hexadecimal("0x1p-16494"));
+  EXPECT_EQ(bits_in(limits::epsilon()), hexadecimal("0x1p-112"));
+  EXPECT_EQ(bits_in(limits::infinity()), hexadecimal("inf"));
+}
+
+TEST(ValueType, GoesThroughAStream) {
+  std::ostringstream out;
+  out << 2.5_q << ' ' << number(1) / 3 << ' ' << std::setprecision(20) << number(1) / 3;
+  EXPECT_EQ(out.str(), "2.5 0.333333 0.33333333333333333333");
 }
 
 }  // namespace
