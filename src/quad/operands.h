@@ -6,14 +6,20 @@
 namespace zorvac::softfp {
 namespace {
 
-// Whether one of two quads is zero, subnormal, infinite or a NaN: its exponent is 0 or all ones,
-// and so 1 or 0 after an increment that wraps. One branch for both.
-[[gnu::always_inline]] constexpr bool either_is_special(binary128::word a, binary128::word b) {
-  constexpr int exponent_place = binary128::fraction_bits - 63;  // of the high word without sign
-  constexpr uint64_t one = uint64_t{1} << exponent_place;
-  const int a_is = (high(a) << 1) + one < 2 * one;
-  const int b_is = (high(b) << 1) + one < 2 * one;
-  return (a_is | b_is) != 0;
+// The exponent plus 1, modulo 2^15: of a zero or subnormal number 1, of an infinity or a NaN 0, of
+// all others more. Not every compiler sees that one addition and one shift do.
+[[gnu::always_inline]] constexpr int wrapped_exponent(binary128::word w) {
+  constexpr int exponent_place = binary128::fraction_bits - 63;  // in the high word without sign
+  return static_cast<int>(((high(w) << 1) + (uint64_t{1} << exponent_place)) >> exponent_place);
+}
+[[gnu::always_inline]] constexpr bool is_special(binary128::word w) {
+  return wrapped_exponent(w) <= 1;
+}
+// Of a number that is not special.
+[[gnu::always_inline]] constexpr unpacked<binary128> unpack_ordinary(binary128::word w) {
+  unpacked<binary128> number = unpack_normal<binary128>(w);
+  number.exponent = wrapped_exponent(w) - 1;
+  return number;
 }
 
 [[gnu::always_inline]] constexpr bool is_zero(binary128::word w) {

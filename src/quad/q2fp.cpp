@@ -39,9 +39,9 @@ template <class F>
 template <class F>
 [[gnu::always_inline]] inline auto narrow(const void* address) {
   const uint128 w = load(address);
-  if (either_is_special(w, w)) [[unlikely]]
+  if (is_special(w)) [[unlikely]]
     return value_of<F>(narrow_special<F>(w));
-  return value_of<F>(narrow_finite<F>(unpack_normal<q>(w)));
+  return value_of<F>(narrow_finite<F>(unpack_ordinary(w)));
 }
 
 }  // namespace

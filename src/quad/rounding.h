@@ -9,6 +9,7 @@
 #include "core/mxcsr.h"
 #include "quad/flags.h"
 #include "quad/formats.h"
+#include "quad/words.h"
 
 namespace zorvac::softfp {
 namespace {
@@ -73,7 +74,7 @@ template <class Word>
     increment = static_cast<uint64_t>(packed & 1);
   }
   if (raise_inexact_to_nearest()) [[likely]]
-    return packed + increment;
+    return add_word(packed, increment);
   return packed + rounds_up_directed(negative);
 }
 

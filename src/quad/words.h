@@ -1,12 +1,42 @@
 #ifndef ZORVAC_QUAD_WORDS_H
 #define ZORVAC_QUAD_WORDS_H
-// Exact integers of three words: a significand with its guard word below it. The arithmetic spends
-// its time here, so no operation has a branch, nor a double shift (SHLD, SHRD), which some
-// processors take apart into half a dozen steps.
+// Exact integers of two words and of three, a significand with its guard word below it. The
+// arithmetic spends its time here, so no operation has a branch, nor a double shift (SHLD, SHRD),
+// which some processors take apart into half a dozen steps.
 #include "quad/formats.h"
 
 namespace zorvac::softfp {
 namespace {
+
+// Modulo 2^128. Compilers extend the addend to two words first.
+[[gnu::always_inline]] inline uint128 add_word(uint128 sum, uint64_t addend) {
+  uint64_t sum_low = low(sum), sum_high = high(sum);
+  asm("add %[addend], %[low]\n\t"
+      "adc $0, %[high]"
+      : [low] "+&r"(sum_low), [high] "+r"(sum_high)
+      : [addend] "re"(addend)
+      : "cc");
+  return make_uint128(sum_high, sum_low);
+}
+
+[[gnu::always_inline]] constexpr uint64_t add_word(uint64_t sum, uint64_t addend) {
+  return sum + addend;
+}
+
+// `a`, or `b` where `x` < `y`, by conditional moves. Compilers would rather branch.
+[[gnu::always_inline]] inline uint128 select_if_less(uint128 x, uint128 y, uint128 a, uint128 b) {
+  uint64_t selected_low = low(a), selected_high = high(a), x_high = high(x);
+  asm("cmp %[y_low], %[x_low]\n\t"
+      "sbb %[y_high], %[x_high]\n\t"
+      "cmovb %[b_low], %[selected_low]\n\t"
+      "cmovb %[b_high], %[selected_high]"
+      : [selected_low] "+&r"(selected_low), [selected_high] "+&r"(selected_high),
+        [x_high] "+&r"(x_high)
+      : [x_low] "r"(low(x)), [y_low] "r"(low(y)), [y_high] "r"(high(y)), [b_low] "r"(low(b)),
+        [b_high] "r"(high(b))
+      : "cc");
+  return make_uint128(selected_high, selected_low);
+}
 
 struct three_words {
   uint64_t high, low, guard;
@@ -20,7 +50,7 @@ struct three_words {
       "adc %[low], %[sum_low]\n\t"
       "adc %[high], %[sum_high]"
       : [sum_guard] "+&r"(a.guard), [sum_low] "+&r"(a.low), [sum_high] "+r"(a.high)
-      : [guard] "r"(b.guard), [low] "r"(b.low), [high] "r"(b.high)
+      : [guard] "re"(b.guard), [low] "re"(b.low), [high] "re"(b.high)
       : "cc");
   return a;
 }

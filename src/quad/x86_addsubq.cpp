@@ -25,7 +25,7 @@ struct ordered_operands {
 [[gnu::always_inline]] inline ordered_operands order(uint128 a, uint128 b, uint64_t negate_b) {
   b ^= make_uint128(negate_b, 0);
   const uint128 difference = a ^ b;
-  const uint128 larger = f::magnitude(a) < f::magnitude(b) ? b : a;
+  const uint128 larger = select_if_less(f::magnitude(a), f::magnitude(b), a, b);
   return {f::magnitude(larger), f::magnitude(larger ^ difference), f::negative(larger),
           f::negative(difference)};
 }
@@ -50,7 +50,7 @@ struct ordered_operands {
 // word.
 [[gnu::always_inline]] inline uint128 pack_sum(bool negative, int exponent, three_words sum) {
   constexpr int carry_place = f::precision - 64;
-  const int shift = carry_place - (63 - leading_zeros(sum.high));
+  const int shift = carry_place - highest_bit(sum.high);
   const three_words normalised = sum << shift;
   const uint128 significand =
       make_uint128(normalised.high >> 1, normalised.high << 63 | normalised.low >> 1);

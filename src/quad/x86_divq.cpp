@@ -69,9 +69,6 @@ using f = binary128;
 // bit set, provided that the digit's low 8 bits, which lie below both, are more than 8.
 [[gnu::always_inline]] inline uint128 divide_finite(unpacked<f> a, unpacked<f> b) {
   const bool negative = a.negative != b.negative;
-  if (a.significand == b.significand) [[unlikely]]
-    return power_of_two(negative, a.exponent - b.exponent + f::bias);
-
   const uint128 v = shift_left(b.significand, 14);
   const uint64_t reciprocal = divide_words((uint128{1} << 126) - 1, high(v) + 1);
 
@@ -79,15 +76,20 @@ using f = binary128;
   const uint64_t upper = (low(a.significand) << 10) - first * high(v);  // modulo 2^64
   const uint128 rest = make_uint128(upper, 0) - uint128{first} * low(v);
   uint64_t second = multiply_high(high(rest), reciprocal) + 8;
-  if ((second & 0xff) <= 8) [[unlikely]]
+  if ((second & 0xff) <= 8) [[unlikely]] {
+    if (a.significand == b.significand)  // nothing but zeros below the leading one: always here
+      return power_of_two(negative, a.exponent - b.exponent + f::bias);
     second = exact_digit(rest, second, v);
+  }
 
-  const uint128 quotient = make_uint128(first >> 2, first << 62) + second;
+  const uint128 quotient = add_word(make_uint128(first >> 2, first << 62), second);
   const auto from_one_up = static_cast<int>(high(quotient) >> 58);  // 1 or 0
-  const three_words result = shift_into_guard(quotient, 9 + from_one_up);
+  const int surplus = 9 + from_one_up;
+  const uint128 significand = make_uint128(
+      high(quotient) >> surplus, high(quotient) << (64 - surplus) | low(quotient) >> surplus);
   return round_and_pack<f, exact_underflow::raised_if_unmasked>(
-      negative, a.exponent - b.exponent + f::bias - 1 + from_one_up, result.significand(),
-      result.guard);
+      negative, a.exponent - b.exponent + f::bias - 1 + from_one_up, significand,
+      low(quotient) << (64 - surplus));
 }
 
 // Where an operand is zero, subnormal, infinite or a NaN.
@@ -113,9 +115,9 @@ ZORVAC_EXPORT_AS("__divq.L", void divq_l(void* quotient, const void* a, const vo
 void divq_l(void* quotient, const void* a_address, const void* b_address) {
   using namespace zorvac::softfp;
   const uint128 a = load(a_address), b = load(b_address);
-  if (either_is_special(a, b)) [[unlikely]]
+  if (is_special(a) || is_special(b)) [[unlikely]]
     return store(quotient, divide_special(a, b));
-  store(quotient, divide_finite(unpack_normal<binary128>(a), unpack_normal<binary128>(b)));
+  store(quotient, divide_finite(unpack_ordinary(a), unpack_ordinary(b)));
 }
 ZORVAC_EXPORT_AS("__divq.A",
                  __attribute__((alias("__divq.L"))) void divq_a(void* quotient, const void* a,

@@ -21,13 +21,13 @@ using f = binary128;
   const uint64_t x_low = low(a.significand) << 15;
   const uint64_t y_high = high(b.significand), y_low = low(b.significand);
 
-  // y_high is below 2^49: no sum of a product by it and two words wraps, nor does the last one.
+  // The partial products added up; the whole is below 2^241, so nothing wraps at the top.
   const uint128 low_low = uint128{x_low} * y_low;
-  const uint128 low_high = uint128{x_low} * y_high + high(low_low);
+  const uint128 low_high = add_word(uint128{x_low} * y_high, high(low_low));
   const uint128 high_low = uint128{x_high} * y_low;
-  const uint128 middle = high_low + low(low_high);
-  const uint128 top = uint128{x_high} * y_high + high(low_high) + high(middle);
-  const three_words product = {high(top), low(top), low(middle)};
+  const uint128 high_high = add_word(uint128{x_high} * y_high, high(low_high));
+  const three_words product = three_words{high(high_high), low(high_high), low(high_low)} +
+                              three_words{0, high(high_low), low(low_high)};
 
   const uint64_t from_two_up = product.high >> (f::fraction_bits - 64);  // 1 or 0
   const three_words normalised = product + (product & (from_two_up - 1));
@@ -62,9 +62,9 @@ ZORVAC_EXPORT_AS("__mulq.L", void mulq_l(void* product, const void* a, const voi
 void mulq_l(void* product, const void* a_address, const void* b_address) {
   using namespace zorvac::softfp;
   const uint128 a = load(a_address), b = load(b_address);
-  if (either_is_special(a, b)) [[unlikely]]
+  if (is_special(a) || is_special(b)) [[unlikely]]
     return store(product, multiply_special(a, b));
-  store(product, multiply_finite(unpack_normal<binary128>(a), unpack_normal<binary128>(b)));
+  store(product, multiply_finite(unpack_ordinary(a), unpack_ordinary(b)));
 }
 ZORVAC_EXPORT_AS("__mulq.A",
                  __attribute__((alias("__mulq.L"))) void mulq_a(void* product, const void* a,
