@@ -104,27 +104,27 @@ bits random_operands::operator()() {
 }
 
 operand_pair random_operands::pair() {
-  const bits a = (*this)();
-  const bits b = (*this)();
+  const bits a = (*this)(), b = (*this)();
   const int ea = static_cast<int>(a.high >> 48 & 0x7fff);
   const int near = static_cast<int>(below(261)) - 130;
-  int eb = no_exponent;
+  const auto with_exponent = [&](int e) -> operand_pair {
+    if (e < 0 || e >= no_exponent) return {a, b};
+    return {a, bits_of((word_of(b) & ~(uint128{0x7fff} << 112)) | static_cast<uint128>(e) << 112)};
+  };
   switch (below(8)) {
     case 0:
+      return with_exponent(ea + near);  // sums
     case 1:
-      eb = ea + near;
-      break;  // sums
+      return with_exponent(0x3fff - ea + near);  // products around the smallest normal number
     case 2:
-      eb = 0x3fff - ea + near;
-      break;  // products around the smallest normal number
-    case 3:
-      eb = ea + 0x3fff + near;
-      break;  // quotients there
+      return with_exponent(ea + 0x3fff + near);  // quotients there
+    case 3: {                                    // quotients that are almost exact
+      const answer product = oracle::arithmetic(oracle::operation::multiply, a, b, to_nearest);
+      return {bits_of(product.value + below(5) - 2), b};
+    }
     default:
-      break;
+      return {a, b};
   }
-  if (eb < 0 || eb >= no_exponent) return {a, b};
-  return {a, bits_of((word_of(b) & ~(uint128{0x7fff} << 112)) | static_cast<uint128>(eb) << 112)};
 }
 
 }  // namespace zorvac::test

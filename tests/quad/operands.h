@@ -25,7 +25,7 @@ class random_operands {
  public:
   explicit random_operands(std::uint64_t seed) : random_(seed) {}
   bits operator()();
-  // Half of the pairs are unrelated, half meet near an edge of some operation.
+  // Half of the pairs are unrelated, half meet where some operation is delicate.
   operand_pair pair();
 
  private:
