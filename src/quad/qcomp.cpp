@@ -11,7 +11,8 @@ using f = binary128;
 
 [[gnu::always_inline]] inline bool equal(const void* a_address, const void* b_address) {
   const uint128 a = load(a_address), b = load(b_address);
-  const bool same = a == b, both_zero = (a | b) << 1 == 0;
+  const bool same = a == b;
+  const bool both_zero = ((high(a) | high(b)) << 1 | low(a) | low(b)) == 0;
   // A NaN that is not the other operand bit for bit is different already.
   return (same && !is_nan<f>(a)) || both_zero;
 }
@@ -24,30 +25,28 @@ template <class Signed, class Unsigned>
   return (magnitude ^ all_ones_if_negative) - all_ones_if_negative;
 }
 
-[[gnu::cold, gnu::noinline]] bool raises_invalid(uint128 a, uint128 b) {
-  if (!is_nan<f>(a) && !is_nan<f>(b)) return false;
-  raise_invalid();
-  return true;
+template <class Relation>
+[[gnu::noinline]] int ordered_at_length(const void* a_address, const void* b_address,
+                                        Relation relation) {
+  const uint128 a = load(a_address), b = load(b_address);
+  if (is_nan<f>(a) || is_nan<f>(b)) {
+    raise_invalid();
+    return 0;
+  }
+  return relation(ordinal<__int128>(a), ordinal<__int128>(b));
 }
 
-// -1, 0 or 1 as `a` is less than, equal to or greater than `b`.
-[[gnu::noinline]] int compare_whole(uint128 a, uint128 b) {
-  const auto x = ordinal<__int128>(a), y = ordinal<__int128>(b);
-  return (x > y) - (x < y);
-}
-
-// `Relation` of two ordinals, or 0 when unordered. The high words decide unless they are equal.
+// `relation` of two ordinals, or 0 when unordered. Mostly the high words tell: both below those of
+// infinities and NaNs, and different.
 template <class Relation>
 [[gnu::always_inline]] inline int ordered(const void* a_address, const void* b_address,
                                           Relation relation) {
-  const uint128 a = load(a_address), b = load(b_address);
-  constexpr uint64_t special = high(f::infinity);
-  if (high(f::magnitude(a)) >= special || high(f::magnitude(b)) >= special) [[unlikely]]
-    if (raises_invalid(a, b)) return 0;
-  const auto x = ordinal<std::int64_t>(high(a)), y = ordinal<std::int64_t>(high(b));
-  if (x != y) [[likely]]
+  const uint64_t a = high(load(a_address)), b = high(load(b_address));
+  constexpr uint64_t special = high(f::infinity) << 1;
+  const auto x = ordinal<std::int64_t>(a), y = ordinal<std::int64_t>(b);
+  if (a << 1 < special && b << 1 < special && x != y) [[likely]]
     return relation(x, y);
-  return relation(compare_whole(a, b), 0);
+  return ordered_at_length(a_address, b_address, relation);
 }
 
 }  // namespace
