@@ -342,11 +342,13 @@ TEST_P(Arithmetic, TrapsWhereAFlagIsUnmasked) {
 TEST(Division, ExactSubnormalQuotients) {
   const catching_traps scope;
   const routine divide = routines[3];
+  std::mt19937_64 random(21);
   for (int k = 1; k <= 112; ++k) {
     const under_rounding masked(to_nearest);
     const answer expected{uint128{1} << (112 - k), 0};
-    for (const std::uint64_t f : {std::uint64_t{0}, quiet_bit, std::uint64_t{0x1234'5678'9abc}}) {
-      const bits a = quad(false, 1, f), b = quad(false, static_cast<unsigned>(0x3fff + k), f);
+    for (int i = 0; i < 500; ++i) {
+      const std::uint64_t f = i == 0 ? 0 : random() & fraction_ones, g = i < 100 ? 0 : random();
+      const bits a = quad(false, 1, f, g), b = quad(false, static_cast<unsigned>(0x3fff + k), f, g);
       EXPECT_EQ(run(divide, masked, a, b), expected) << a << " / " << b;
       EXPECT_EQ(code_of_trap(divide, underflow, to_nearest, a, b), 0) << a << " / " << b;
     }
