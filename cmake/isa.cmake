@@ -71,3 +71,32 @@ set_property(SOURCE ${ZORVAC_MEMORY_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   $<$<COMPILE_LANGUAGE:CXX>:-fno-builtin\;-falign-functions=64\;-fno-tree-vectorize\;-fno-tree-slp-vectorize>
   $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-tree-loop-distribute-patterns>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_MEMORY_SOURCES})
+zorvac_sources(ZORVAC_COMMON_SOURCES baseline
+  quad/fp.cpp
+  quad/fp2int128.cpp
+  quad/int128tofp.cpp
+  quad/fp2q.cpp
+  quad/ints2q.cpp
+  quad/negq.cpp
+  quad/q2fp.cpp
+  quad/q2ints.cpp
+  quad/qcomp.cpp
+  quad/x86_addsubq.cpp
+  quad/x86_divq.cpp
+  quad/x86_divq.S
+  quad/x86_mulq.cpp
+  quad/x86_mulq.S)
+
+# The alternate and complex entry points of quad arithmetic: one tiny source each, so that a program
+# linked with the static library gets what it calls and may define the rest itself.
+zorvac_sources(ZORVAC_COMMON_SOURCES baseline
+  quad/w_addq.S quad/w_compareq.S quad/w_cqtod.S quad/w_cqtof.S quad/w_ctoq.S quad/w_divq.S
+  quad/w_dtoq.S quad/w_eqq.S quad/w_ftoq.S quad/w_geq.S quad/w_gtq.S quad/w_itoq.S quad/w_jtoq.S
+  quad/w_leq.S quad/w_ltoq.S quad/w_ltq.S quad/w_mulq.S quad/w_negq.S quad/w_neq.S quad/w_qtoc.S
+  quad/w_qtod.S quad/w_qtof.S quad/w_qtoi.S quad/w_qtoj.S quad/w_qtol.S quad/w_qtos.S
+  quad/w_stoq.S quad/w_subq.S
+  quad/w_caddq.cpp quad/w_cdivq.cpp quad/w_cdtocq.cpp quad/w_ceqq.cpp quad/w_chtocq.cpp
+  quad/w_cmulq.cpp quad/w_cnegq.cpp quad/w_cneq.cpp quad/w_cqtoc.cpp quad/w_cqtocd.cpp
+  quad/w_cqtoch.cpp quad/w_cqtoi.cpp quad/w_cqtoj.cpp quad/w_cqtoq.cpp quad/w_cqtos.cpp
+  quad/w_csubq.cpp quad/w_ctocq.cpp quad/w_dtocq.cpp quad/w_ftocq.cpp quad/w_itocq.cpp
+  quad/w_jtocq.cpp quad/w_qtocq.cpp quad/w_stocq.cpp)

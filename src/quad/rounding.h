@@ -1,0 +1,175 @@
+#ifndef ZORVAC_QUAD_ROUNDING_H
+#define ZORVAC_QUAD_ROUNDING_H
+// The one place that rounds, and that knows overflow and underflow (IEEE 754-2019, 4.3, 7.4, 7.5).
+//
+// A result arrives exactly: a significand of the format's precision and, for everything below it,
+// a 64-bit guard word, left-aligned. The lowest bit of the guard word is sticky: whatever is lost
+// further down is ORed into it, so that "exactly half" stays distinct from "just above half",
+// which is all that rounding needs.
+#include "core/mxcsr.h"
+#include "quad/flags.h"
+#include "quad/formats.h"
+#include "quad/words.h"
+
+namespace zorvac::softfp {
+namespace {
+
+// MXCSR's rounding-control field, and a direction that only some conversions to integer know.
+enum class rounding : std::uint32_t { to_nearest, down, up, toward_zero, away_from_zero };
+
+[[gnu::always_inline]] inline rounding rounding_control() {
+  return static_cast<rounding>((mxcsr::read() & mxcsr::rounding_field) >> mxcsr::rounding_shift);
+}
+
+constexpr uint64_t half = uint64_t{1} << 63;
+
+// Whether a magnitude with this guard word is to be incremented. A tie goes to the even neighbour:
+// up from an odd number and down from an even one.
+constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard) {
+  switch (mode) {
+    case rounding::to_nearest:
+      return guard > half - odd;
+    case rounding::down:
+      return negative && guard != 0;
+    case rounding::up:
+      return !negative && guard != 0;
+    case rounding::away_from_zero:
+      return guard != 0;
+    case rounding::toward_zero:
+      break;
+  }
+  return false;
+}
+[[maybe_unused, gnu::cold, gnu::noinline]] bool rounds_up_directed(bool negative) {
+  return rounds_up(rounding_control(), negative, false, 1);
+}
+
+// Raises PE, and tells whether the rounding mode is to nearest.
+//
+// Storing MXCSR stalls a processor for longer than the rest of an addition takes. But the mode
+// shows in what the sum that raises PE comes out as, beside a second one: only when rounding to
+// nearest is 1 + 3/4 ulp more than 1 + (next to nothing). So MXCSR itself is stored for the
+// other modes only.
+constexpr double d_most_of_ulp = 0.75 * 0x1p-52;
+const double* const volatile p_most_of_ulp = &d_most_of_ulp;
+
+[[gnu::always_inline]] inline bool raise_inexact_to_nearest() {
+  const double one = *p_one;
+  const double by_next_to_nothing = one + *p_norm;
+  const double by_most_of_ulp = one + *p_most_of_ulp;
+  perform(by_next_to_nothing);
+  return by_most_of_ulp > by_next_to_nothing;
+}
+
+// Rounds `packed`, a result put together already, raising PE where it is not exact. What lies
+// below the guard word may come in `beyond`, of which only matters whether it is 0.
+//
+// The usual case, neither exact nor a tie, is rounded to nearest by the guard word's top bit.
+template <class Word>
+[[gnu::always_inline]] inline Word rounded(bool negative, Word packed, uint64_t guard,
+                                           uint64_t beyond = 0) {
+  uint64_t increment = guard >> 63;
+  if ((guard << 1 | beyond) == 0) [[unlikely]] {
+    if (guard == 0) return packed;
+    increment = static_cast<uint64_t>(packed & 1);
+  }
+  if (raise_inexact_to_nearest()) [[likely]]
+    return add_word(packed, increment);
+  return packed + rounds_up_directed(negative);
+}
+
+template <class Word>
+struct guarded {
+  Word significand;
+  uint64_t guard;
+};
+
+// Shifts right by any distance from 1 up; what falls out at the right enters the guard word.
+//
+//   significand                    guard word
+//   ....................|..........--->|..................s    s is sticky
+template <class Word>
+constexpr guarded<Word> shift_right_sticky(Word significand, uint64_t guard, int distance) {
+  auto wide = static_cast<uint128>(significand);
+  if (distance >= 128) return {0, (wide | guard) != 0};
+  if (distance >= 64) {
+    guard = low(wide) | (guard != 0);
+    wide = high(wide);
+    distance -= 64;
+  }
+  if (distance == 0) return {static_cast<Word>(wide), guard};
+  const auto lost = uint64_t{guard << (64 - distance) != 0};
+  return {static_cast<Word>(wide >> distance),
+          low(wide) << (64 - distance) | guard >> distance | lost};
+}
+
+// Infinity where the rounding direction leads away from zero, else the largest number: what a
+// number just short of infinity, the largest one's successor, rounds to.
+template <class F>
+typename F::word overflow(bool negative) {
+  raise_overflow_inexact();
+  return F::signed_word(negative,
+                        F::largest + rounds_up(rounding_control(), negative, true, ~uint64_t{0}));
+}
+
+// What happens to a tiny result that is exact. IEEE 754-2019, 7.5, raises underflow for it where
+// the program has asked for a trap.
+enum class exact_underflow { ignored, raised_if_unmasked };
+
+// A result below the normal numbers. Tininess is judged after rounding: only a number that rounds
+// up to the smallest normal number when rounded to full precision is not tiny.
+template <class F, exact_underflow Exact>
+typename F::word pack_tiny(bool negative, int exponent, typename F::word significand,
+                           uint64_t guard) {
+  const std::uint32_t status = mxcsr::read();
+  const bool becomes_normal = exponent == 0 && significand == 2 * F::leading_one - 1 &&
+                              rounds_up(rounding_control(), negative, true, guard);
+  const auto shifted = shift_right_sticky(significand, guard, 1 - exponent);
+  auto packed = shifted.significand;
+  if (shifted.guard != 0) {
+    if (!becomes_normal) raise_underflow_inexact();
+    packed = rounded(negative, packed, shifted.guard);
+  } else if (Exact == exact_underflow::raised_if_unmasked &&
+             (status & mxcsr::underflow << mxcsr::mask_shift) == 0) {
+    raise_underflow();
+  }
+  return F::signed_word(negative, packed);
+}
+
+// A result that may overflow, or that is tiny.
+template <class F, exact_underflow Exact>
+[[gnu::cold, gnu::noinline]] typename F::word round_and_pack_edge(bool negative, int exponent,
+                                                                  typename F::word significand,
+                                                                  uint64_t guard) {
+  if (exponent < 1) return pack_tiny<F, Exact>(negative, exponent, significand, guard);
+  if (exponent >= F::special_exponent) return overflow<F>(negative);
+  const auto packed = rounded(negative, pack<F>(exponent, significand), guard);
+  if (packed == F::infinity) return overflow<F>(negative);
+  return F::signed_word(negative, packed);
+}
+
+// Rounds a result and puts it together, raising what is due. `exponent` is the biased exponent of
+// the leading one, in any range, and the significand has its leading one in place.
+template <class F, exact_underflow Exact = exact_underflow::ignored>
+[[gnu::always_inline]] inline typename F::word round_and_pack(bool negative, int exponent,
+                                                              typename F::word significand,
+                                                              uint64_t guard, uint64_t beyond = 0) {
+  constexpr auto safe_exponents = static_cast<unsigned>(F::special_exponent - 2);  // from 1 up
+  if (static_cast<unsigned>(exponent - 1) >= safe_exponents) [[unlikely]]
+    return round_and_pack_edge<F, Exact>(negative, exponent, significand, guard | (beyond != 0));
+  return F::signed_word(negative, rounded(negative, pack<F>(exponent, significand), guard, beyond));
+}
+
+// The same for a result that is neither tiny nor beyond infinity, raising nothing at all.
+template <class F>
+[[gnu::always_inline]] inline typename F::word round_and_pack_silently(bool negative, int exponent,
+                                                                       typename F::word significand,
+                                                                       uint64_t guard) {
+  auto packed = pack<F>(exponent, significand);
+  if (guard != 0) packed += rounds_up(rounding_control(), negative, (packed & 1) != 0, guard);
+  return F::signed_word(negative, packed);
+}
+
+}  // namespace
+}  // namespace zorvac::softfp
+#endif

@@ -1,0 +1,13 @@
+// The sum of two complex quads, under two names.
+#include "quad/w_complex.h"
+
+using namespace zorvac::complex_quad;
+
+void __caddq(void* sum, const void* ar, const void* ai, const void* br, const void* bi) {
+  __addq(real(sum), ar, br);
+  __addq(imaginary(sum), ai, bi);
+}
+
+void a_caddq(void* sum, const void* ar, const void* ai, const void* br, const void* bi) {
+  __caddq(sum, ar, ai, br, bi);
+}

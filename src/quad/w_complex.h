@@ -1,0 +1,53 @@
+#ifndef ZORVAC_QUAD_W_COMPLEX_H
+#define ZORVAC_QUAD_W_COMPLEX_H
+// What the complex entry points share: the layout of a complex quad and of its temporaries.
+//
+// Every entry is a few calls of exported quad routines, in the order that the public header
+// promises, and each call goes through the dynamic symbol, so that a program may replace the
+// routine. An entry never rounds or raises a flag by itself. Where the last call's arguments allow
+// it the call is in tail position, and becomes a jump.
+#include <cstdint>
+#include <cstring>
+
+#include "zorvac/quad.h"
+
+namespace zorvac::complex_quad {
+
+inline constexpr int part_bytes = 16;
+
+//   0            16               32
+//   | real part  | imaginary part |
+[[gnu::always_inline]] inline void* real(void* q) { return q; }
+[[gnu::always_inline]] inline const void* real(const void* q) { return q; }
+[[gnu::always_inline]] inline void* imaginary(void* q) {
+  return static_cast<char*>(q) + part_bytes;
+}
+[[gnu::always_inline]] inline const void* imaginary(const void* q) {
+  return static_cast<const char*>(q) + part_bytes;
+}
+
+// A quad between two operations.
+struct part {
+  std::uint64_t low, high;
+};
+
+[[gnu::always_inline]] inline void clear_imaginary(void* q) {
+  std::memset(imaginary(q), 0, part_bytes);
+}
+
+// The stores of two entries that leave bytes 16 to 19 of a complex quad as they were, and clear 0
+// to 3 and 20 to 31: a contract with compiled programs, which have always seen them so.
+[[gnu::always_inline]] inline void clear_partially(void* q) {
+  std::memset(q, 0, 4);
+  std::memset(static_cast<char*>(q) + 20, 0, 12);
+}
+
+[[gnu::always_inline]] inline bool same_bits(const void* a, const void* b) {
+  part x, y;
+  std::memcpy(&x, a, sizeof x);
+  std::memcpy(&y, b, sizeof y);
+  return ((x.low ^ y.low) | (x.high ^ y.high)) == 0;
+}
+
+}  // namespace zorvac::complex_quad
+#endif

@@ -1,0 +1,9 @@
+// A complex quad from a double.
+#include "quad/w_complex.h"
+
+using namespace zorvac::complex_quad;
+
+void a_dtocq(void* q, double value) {
+  clear_imaginary(q);
+  __dtoq(real(q), value);
+}

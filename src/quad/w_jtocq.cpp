@@ -1,0 +1,9 @@
+// A complex quad from a 64-bit integer.
+#include "quad/w_complex.h"
+
+using namespace zorvac::complex_quad;
+
+void a_jtocq(void* q, std::int64_t value) {
+  clear_imaginary(q);
+  __jtoq(real(q), value);
+}

@@ -1,0 +1,9 @@
+// A complex quad, partially, from a quad: the real part loses its lowest 32 bits.
+#include "quad/w_complex.h"
+
+using namespace zorvac::complex_quad;
+
+void a_qtocq(void* q, const void* value) {
+  std::memmove(real(q), value, part_bytes);
+  clear_partially(q);
+}

@@ -1,0 +1,9 @@
+// A complex quad, partially, from a 16-bit integer, which not every caller extends.
+#include "quad/w_complex.h"
+
+using namespace zorvac::complex_quad;
+
+void a_stocq(void* q, int value) {
+  __itoq(real(q), static_cast<std::int16_t>(value));
+  clear_partially(q);
+}

@@ -1,0 +1,124 @@
+// Division: one division of 128 by 64 bits by the processor, for a reciprocal of the divisor, and
+// multiplications by it for two quotient digits. They take less time than the second division that
+// digits of their own would cost.
+#include "core/export.h"
+#include "quad/nan.h"
+#include "quad/operands.h"
+#include "quad/rounding.h"
+#include "quad/words.h"
+
+namespace zorvac::softfp {
+namespace {
+
+using f = binary128;
+
+// The quotient of a dividend whose high word is below the divisor; the processor traps otherwise.
+[[gnu::always_inline]] inline uint64_t divide_words(uint128 dividend, uint64_t divisor) {
+  uint64_t quotient, remainder;
+  asm("div %[divisor]"
+      : "=a"(quotient), "=d"(remainder)
+      : "a"(low(dividend)), "d"(high(dividend)), [divisor] "r"(divisor)
+      : "cc");
+  return quotient;
+}
+
+[[gnu::always_inline]] constexpr uint64_t multiply_high(uint64_t a, uint64_t b) {
+  return high(uint128{a} * b);
+}
+[[gnu::always_inline]] constexpr uint128 shift_left(uint128 x, int n) {  // 1 to 63 places
+  return make_uint128(high(x) << n | low(x) >> (64 - n), low(x) << n);
+}
+
+// floor(2^62 rest / divisor), given an estimate that is too large by a few units at most, and with
+// bit 0 set where something remains.
+[[gnu::cold, gnu::noinline]] uint64_t exact_digit(uint128 rest, uint64_t digit, uint128 divisor) {
+  const uint128 low_part = uint128{digit} * low(divisor);
+  const uint128 high_part = uint128{digit} * high(divisor) + high(low_part);
+  const three_words product = {high(high_part), low(high_part), low(low_part)};
+  const three_words dividend = {high(rest >> 2), low(rest >> 2), low(rest) << 62};
+  three_words remainder = dividend + (product ^ ~uint64_t{0}) + three_words{0, 0, 1};
+  for (; static_cast<std::int64_t>(remainder.high) < 0; --digit)
+    remainder = remainder + three_words{0, high(divisor), low(divisor)};
+  return digit | ((remainder.significand() | remainder.guard) != 0);
+}
+
+// Of two equal significands: a power of two, exact down to the smallest subnormal number, and as
+// such it raises nothing, even where an exact tiny result of another origin would raise UE.
+[[gnu::cold, gnu::noinline]] uint128 power_of_two(bool negative, int exponent) {
+  if (exponent >= f::special_exponent) return overflow<f>(negative);
+  if (exponent >= 1) return f::signed_word(negative, pack<f>(exponent, f::leading_one));
+  if (exponent > -f::fraction_bits)
+    return f::signed_word(negative, f::leading_one >> (1 - exponent));
+  raise_underflow_inexact();
+  const bool increment = rounds_up(rounding_control(), negative, false, 1);
+  return f::signed_word(negative, increment);
+}
+
+// With a and b the significands as integers, v = 2^14 b and V its high word, at least 2^62:
+//
+//   2^122 a / b = 2^62 first + second + less than 1
+//
+// The reciprocal r = floor((2^126 - 1) / (V + 1)) is below 2^190 / v, by less than 2^126 / V^2 + 2,
+// which is at most 6. So if x is below 2^128, floor(x / 2^64) * r / 2^64 is below 2^62 x / v, by
+// less than 6 and 1 more for the bits of x that were cut off.
+//
+// For x = 2^15 a, an eighth of that, rounded down, is a first digit too small by less than 2: the
+// rest that it leaves, 2^74 a - first * v, is below 2 v < 2^128. For x = rest, this is the second
+// digit, too small by less than 8 after rounding down and so, with 8 added, too large by 8 at most.
+// That changes none of the bits that are kept nor the first one below them, and leaves some other
+// bit set, provided that the digit's low 8 bits, which lie below both, are more than 8.
+[[gnu::always_inline]] inline uint128 divide_finite(unpacked<f> a, unpacked<f> b) {
+  const bool negative = a.negative != b.negative;
+  const uint128 v = shift_left(b.significand, 14);
+  const uint64_t reciprocal = divide_words((uint128{1} << 126) - 1, high(v) + 1);
+
+  const uint64_t first = multiply_high(high(shift_left(a.significand, 15)), reciprocal) >> 3;
+  const uint64_t upper = (low(a.significand) << 10) - first * high(v);  // modulo 2^64
+  const uint128 rest = make_uint128(upper, 0) - uint128{first} * low(v);
+  uint64_t second = multiply_high(high(rest), reciprocal) + 8;
+  if ((second & 0xff) <= 8) [[unlikely]] {
+    if (a.significand == b.significand)  // nothing but zeros below the leading one: always here
+      return power_of_two(negative, a.exponent - b.exponent + f::bias);
+    second = exact_digit(rest, second, v);
+  }
+
+  const uint128 quotient = add_word(make_uint128(first >> 2, first << 62), second);
+  const auto from_one_up = static_cast<int>(high(quotient) >> 58);  // 1 or 0
+  const int surplus = 9 + from_one_up;
+  const uint128 significand = make_uint128(
+      high(quotient) >> surplus, high(quotient) << (64 - surplus) | low(quotient) >> surplus);
+  return round_and_pack<f, exact_underflow::raised_if_unmasked>(
+      negative, a.exponent - b.exponent + f::bias - 1 + from_one_up, significand,
+      low(quotient) << (64 - surplus));
+}
+
+// Where an operand is zero, subnormal, infinite or a NaN.
+[[gnu::cold, gnu::noinline]] uint128 divide_special(uint128 a, uint128 b) {
+  const bool negative = f::negative(a) != f::negative(b);
+  if (is_nan<f>(a) || is_nan<f>(b)) return propagate_nan(a, b);
+  if ((is_zero(a) && is_zero(b)) || (is_infinite(a) && is_infinite(b))) return invalid_operation();
+  if (is_infinite(a)) return f::signed_word(negative, f::infinity);
+  if (is_zero(a) || is_infinite(b)) return f::signed_word(negative, 0);
+  if (is_zero(b)) {
+    raise_divide_by_zero();
+    return f::signed_word(negative, f::infinity);
+  }
+  if (is_subnormal(a) || is_subnormal(b)) raise_denormal();
+  return divide_finite(unpack<f>(a), unpack<f>(b));
+}
+
+}  // namespace
+}  // namespace zorvac::softfp
+
+// One body serves both processor classes.
+ZORVAC_EXPORT_AS("__divq.L", void divq_l(void* quotient, const void* a, const void* b));
+void divq_l(void* quotient, const void* a_address, const void* b_address) {
+  using namespace zorvac::softfp;
+  const uint128 a = load(a_address), b = load(b_address);
+  if (is_special(a) || is_special(b)) [[unlikely]]
+    return store(quotient, divide_special(a, b));
+  store(quotient, divide_finite(unpack_ordinary(a), unpack_ordinary(b)));
+}
+ZORVAC_EXPORT_AS("__divq.A",
+                 __attribute__((alias("__divq.L"))) void divq_a(void* quotient, const void* a,
+                                                                const void* b));

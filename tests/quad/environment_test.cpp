@@ -1,0 +1,225 @@
+// The floating-point control and status words, on the real registers, against a model of both.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <random>
+
+#include "binary128.h"
+#include "zorvac/quad.h"
+
+namespace zorvac::test {
+namespace {
+
+struct registers {
+  std::uint32_t mxcsr;
+  std::uint16_t control, status;  // x87; of the status word the exception flags
+  bool operator==(const registers&) const = default;
+};
+std::ostream& operator<<(std::ostream& out, const registers& r) {
+  return out << std::hex << "MXCSR " << r.mxcsr << ", x87 control " << r.control << ", status "
+             << r.status;
+}
+
+// The x87 environment as FNSTENV and FLDENV have it.
+struct x87_environment {
+  std::array<std::uint16_t, 14> words;  // control at 0, status at 2, tags at 4
+};
+void load(const registers& r) {
+  x87_environment e{};
+  asm volatile("fnstenv %0" : "=m"(e));
+  e.words[0] = r.control;
+  e.words[2] = r.status;
+  asm volatile("fldenv %0" : : "m"(e));
+  __builtin_ia32_ldmxcsr(r.mxcsr);
+}
+registers current() {
+  const x87_words x87 = read_x87();
+  return {__builtin_ia32_stmxcsr(), x87.control,
+          static_cast<std::uint16_t>(x87.status & all_flags)};
+}
+constexpr registers initial{0x1f80, 0x037f, 0};
+
+// Calls a routine with the registers as given and returns its result and how it left them; nothing
+// is computed meanwhile, since exceptions may be unmasked.
+struct effect {
+  std::uint32_t result;
+  registers after;
+  bool operator==(const effect&) const = default;
+};
+std::ostream& operator<<(std::ostream& out, const effect& e) {
+  return out << std::hex << e.result << " leaving " << e.after;
+}
+template <class Call>
+effect observe(const registers& before, Call call) {
+  load(before);
+  const std::uint32_t result = call();
+  const registers after = current();
+  load(initial);
+  return {result, after};
+}
+
+// ---- The model: abstract words, bit by bit ----
+
+struct exception {
+  std::uint32_t abstract;
+  unsigned hardware;  // the flag's bit in both registers
+};
+constexpr exception exceptions[] = {{0x1, inexact},        {0x2, underflow}, {0x4, overflow},
+                                    {0x8, divide_by_zero}, {0x10, invalid},  {0x80000, denormal}};
+
+std::uint32_t abstract_flags(unsigned hardware) {
+  std::uint32_t word = 0;
+  for (const exception& e : exceptions)
+    if ((hardware & e.hardware) != 0) word |= e.abstract;
+  return word;
+}
+
+// Rounding 0 to 3 as the fields of both registers have it, flush modes as {FTZ, DAZ}, precision as
+// the x87 field's bits: by the values 0 to 3 of the abstract fields.
+constexpr std::uint32_t flush_bits[] = {0, 0x8040, 0x0040, 0x8000};
+constexpr int precision_bits[] = {0x300, 0x200, 0x000, -1};  // the last changes nothing
+
+effect modelled_control(registers r, std::uint32_t value, std::uint32_t mask, bool is_87) {
+  for (const exception& e : exceptions) {
+    if ((mask & e.abstract) == 0 || (e.hardware == denormal && !is_87)) continue;
+    r.mxcsr &= ~(e.hardware << 7);
+    r.control = static_cast<std::uint16_t>(r.control & ~e.hardware);
+    if ((value & e.abstract) == 0) continue;
+    r.mxcsr |= e.hardware << 7;
+    r.control = static_cast<std::uint16_t>(r.control | e.hardware);
+  }
+  if ((mask >> 8 & 3) == 3) {
+    r.mxcsr = (r.mxcsr & ~0x6000U) | (value >> 8 & 3) << 13;
+    r.control = static_cast<std::uint16_t>((r.control & ~0xc00U) | (value >> 8 & 3) << 10);
+  }
+  if ((mask >> 16 & 3) == 3 && precision_bits[value >> 16 & 3] >= 0)
+    r.control = static_cast<std::uint16_t>((r.control & ~0x300) | precision_bits[value >> 16 & 3]);
+  if ((mask >> 24 & 3) == 3) r.mxcsr = (r.mxcsr & ~0x8040U) | flush_bits[value >> 24 & 3];
+
+  std::uint32_t word = is_87 ? abstract_flags(r.control & all_flags) | (r.control >> 10 & 3U) << 8
+                             : abstract_flags(r.mxcsr >> 7 & all_flags) | (r.mxcsr >> 13 & 3) << 8;
+  for (std::uint32_t flush = 0; flush < 4; ++flush)
+    if ((r.mxcsr & 0x8040) == flush_bits[flush]) word |= flush << 24;
+  for (std::uint32_t precision = 0; precision < 3; ++precision)  // the reserved 0x100 gives 0
+    if ((r.control & 0x300) == precision_bits[precision]) word |= precision << 16;
+  return {word, r};
+}
+
+void expect_control(const registers& before, std::uint32_t value, std::uint32_t mask) {
+  ASSERT_EQ(observe(before, [&] { return _controlfp(value, mask); }),
+            modelled_control(before, value, mask, false))
+      << "_controlfp(" << std::hex << value << ", " << mask << ") from " << before;
+  ASSERT_EQ(observe(before, [&] { return _control87(value, mask); }),
+            modelled_control(before, value, mask, true))
+      << "_control87(" << std::hex << value << ", " << mask << ") from " << before;
+}
+
+constexpr std::uint32_t every_field = 0x030b031f;
+constexpr std::uint32_t fields[] = {0x1, 0x2, 0x4, 0x8, 0x10, 0x80000, 0x300, 0x30000, 0x3000000};
+
+// Any control bits, no x87 flag (it would trap when unmasked), any MXCSR flags (those do not).
+registers any_registers(std::mt19937_64& random) {
+  const auto r = random();
+  return {static_cast<std::uint32_t>(r & 0xffff),
+          static_cast<std::uint16_t>((r >> 16 & 0xf3f) | 0x40), 0};
+}
+
+// Deposits the low bits of `n` into the set bits of `mask`, from the lowest up.
+std::uint32_t spread(std::uint32_t n, std::uint32_t mask) {
+  std::uint32_t word = 0;
+  for (; mask != 0; mask &= mask - 1, n >>= 1)
+    if ((n & 1) != 0) word |= mask & -mask;
+  return word;
+}
+
+TEST(ControlWord, SetsEachFieldByEachMask) {
+  std::mt19937_64 random(14);
+  for (const std::uint32_t field : fields)
+    for (std::uint32_t m = 0; m < 4; ++m)
+      for (std::uint32_t v = 0; v < 4; ++v)
+        for (int i = 0; i < 100; ++i)
+          ASSERT_NO_FATAL_FAILURE(
+              expect_control(any_registers(random), spread(v, field), spread(m, field)));
+}
+
+// All 12-bit masks, each with many values, whole words with bits that mean nothing included.
+TEST(ControlWord, SetsAnyFieldsTogether) {
+  std::mt19937_64 random(15);
+  const int bits_of_fields = std::popcount(every_field);
+  for (std::uint32_t m = 0; m < 1U << bits_of_fields; ++m)
+    for (int i = 0; i < 30; ++i) {
+      const auto noise = static_cast<std::uint32_t>(random());
+      const std::uint32_t mask = spread(m, every_field) | (i % 2 != 0 ? noise & ~every_field : 0);
+      ASSERT_NO_FATAL_FAILURE(
+          expect_control(any_registers(random), static_cast<std::uint32_t>(random()), mask));
+    }
+}
+
+TEST(ControlWord, HasItsKnownValues) {
+  EXPECT_EQ(observe(initial, [] { return _controlfp(0, 0); }), (effect{0x0008001f, initial}));
+  // 0x1000000 is both flush modes, 0x3000000 only one.
+  const auto flush = [](std::uint32_t v) {
+    return observe(initial, [=] { return _controlfp(v, 0x3000000); });
+  };
+  EXPECT_EQ(flush(0x1000000).after.mxcsr, 0x9fc0U);
+  EXPECT_EQ(flush(0x2000000).after.mxcsr, 0x1fc0U);
+  EXPECT_EQ(flush(0x3000000).after.mxcsr, 0x9f80U);
+  EXPECT_EQ(flush(0x3000000).result, 0x0308001fU);
+  // The denormal mask is for _control87 alone.
+  EXPECT_EQ(observe(initial, [] { return _controlfp(0, 0x80000); }).after, initial);
+  EXPECT_EQ(observe(initial, [] { return _control87(0, 0x80000); }).after,
+            (registers{0x1e80, 0x037d, 0}));
+}
+
+TEST(StatusWord, ReportsAndClears) {
+  for (unsigned sse = 0; sse < 64; ++sse)
+    for (unsigned x87 = 0; x87 < 64; ++x87) {
+      const registers before{0x9f80 | sse, 0x0a7f, static_cast<std::uint16_t>(x87)};
+      const registers cleared{0x9f80, 0x0a7f, 0};
+      EXPECT_EQ(observe(before, _statusfp), (effect{abstract_flags(sse), before}));
+      EXPECT_EQ(observe(before, _status87), (effect{abstract_flags(x87), before}));
+      EXPECT_EQ(observe(before, _clearfp), (effect{abstract_flags(sse), cleared}));
+      EXPECT_EQ(observe(before, _clear87), (effect{abstract_flags(x87), cleared}));
+    }
+}
+
+TEST(X87State, IsSavedAndRestored) {
+  constexpr unsigned char filler = 0x77;
+  std::array<unsigned char, 128> area;
+  area.fill(filler);
+  const registers before{0x1f80, 0x0a7f, inexact};
+  load(before);
+  long double kept = 0x1.23456789abcdefp100L, back = 0;
+  asm volatile("fldt %0" : : "m"(kept));
+  save_fp_state(area.data());
+  const registers reinitialised = current();
+  restore_fp_state(area.data());
+  const registers restored = current();
+  asm volatile("fstpt %0" : "=m"(back));
+  load(initial);
+  EXPECT_EQ(reinitialised, initial);
+  EXPECT_EQ(restored, before);
+  EXPECT_EQ(hex(image(back)), hex(image(kept)));
+  EXPECT_EQ(area[0] | area[1] << 8, 0x0a7f);
+  EXPECT_TRUE(std::all_of(area.begin() + 108, area.end(), [](auto b) { return b == filler; }));
+}
+
+TEST(X87State, WordsAreStoredAndLoaded) {
+  const registers before{0x1f80, 0x0c7f, underflow | denormal};
+  std::array<std::uint16_t, 2> control{0x5555, 0x5555}, status = control;
+  load(before);
+  get_fp_controlword(control.data());
+  get_fp_statusword(status.data());
+  const std::uint16_t other = 0x027f;
+  set_fp_controlword(&other);
+  const registers after = current();
+  load(initial);
+  EXPECT_EQ(control, (std::array<std::uint16_t, 2>{0x0c7f, 0x5555}));
+  EXPECT_EQ(status[0] & all_flags, underflow | denormal);
+  EXPECT_EQ(status[1], 0x5555);
+  EXPECT_EQ(after, (registers{0x1f80, 0x027f, before.status}));
+}
+
+}  // namespace
+}  // namespace zorvac::test
