@@ -14,15 +14,15 @@ void sse2_variant(int) __asm__("__zorva_new_proc_init_B.K");
 
 namespace {
 
-template <void (*Routine)(int)>
+template <void (*Routine)(int), std::uint64_t Indicator>
 void call(benchmark::State& state) {
-  __zorva_cpu_feature_indicator = static_cast<std::uint64_t>(state.range(0));
+  __zorva_cpu_feature_indicator = Indicator;
   for (auto _ : state) Routine(0);  // flags 0: nothing is set
 }
-BENCHMARK(call<avx2_variant>)->Name("dispatch/first-row/direct")->Arg(0x9d97ff);
-BENCHMARK(call<__zorva_new_proc_init_E>)->Name("dispatch/first-row/zorvac")->Arg(0x9d97ff);
-BENCHMARK(call<sse2_variant>)->Name("dispatch/second-row/direct")->Arg(0x7f);
-BENCHMARK(call<__zorva_new_proc_init_B>)->Name("dispatch/second-row/zorvac")->Arg(0x7f);
+BENCHMARK(call<avx2_variant, 0x9d97ff>)->Name("dispatch/first-row/direct");
+BENCHMARK(call<__zorva_new_proc_init_E, 0x9d97ff>)->Name("dispatch/first-row/zorvac");
+BENCHMARK(call<sse2_variant, 0x7f>)->Name("dispatch/second-row/direct");
+BENCHMARK(call<__zorva_new_proc_init_B, 0x7f>)->Name("dispatch/second-row/zorvac");
 
 template <void (*Routine)()>
 void detect(benchmark::State& state) {
@@ -41,7 +41,7 @@ void load(benchmark::State& state, const char* file) {
     dlclose(handle);
   }
 }
-BENCHMARK_CAPTURE(load, empty, EMPTY_LIBRARY)->Name("load/empty-library");
-BENCHMARK_CAPTURE(load, zorvac, LIBRARY)->Name("load/zorvac");
+BENCHMARK_CAPTURE(load, empty, EMPTY_LIBRARY)->Name("load/constructor/empty-library");
+BENCHMARK_CAPTURE(load, zorvac, LIBRARY)->Name("load/constructor/zorvac");
 
 }  // namespace
