@@ -68,3 +68,12 @@ set_property(SOURCE ${ZORVAC_MEMORY_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   $<$<COMPILE_LANGUAGE:CXX>:-fno-builtin\;-falign-functions=64\;-fno-tree-vectorize\;-fno-tree-slp-vectorize>
   $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-tree-loop-distribute-patterns>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_MEMORY_SOURCES})
+
+# These read the aligned blocks that hold the ends of a source, which a sanitizer takes for overruns.
+if(ZORVAC_SANITIZE)
+  set_property(SOURCE
+    ${PROJECT_SOURCE_DIR}/src/mem/zorva_new_copy.cpp
+    ${PROJECT_SOURCE_DIR}/src/mem/zorva_ssse3_copy.cpp
+    ${PROJECT_SOURCE_DIR}/src/mem/zorva_ssse3_rep_copy.cpp
+    APPEND PROPERTY COMPILE_OPTIONS -fno-sanitize=address,thread)
+endif()
