@@ -16,6 +16,7 @@ static void* next(const char* name) {
   return found;
 }
 
+/* The second declaration is there for the semicolon. */
 #define VARIANT(identifier, symbol, source_type)                              \
   void* identifier(void* to, source_type from, size_t count) __asm__(symbol); \
   void* identifier(void* to, source_type from, size_t count) {                \
@@ -23,18 +24,27 @@ static void* next(const char* name) {
     *(void**)&function = next(symbol);                                        \
     taken = symbol;                                                           \
     return function(to, from, count);                                         \
-  }
+  }                                                                           \
+  void* identifier(void* to, source_type from, size_t count)
 #define COPY(letter) VARIANT(memcpy_##letter, "_zorva_fast_memcpy." #letter, const void*)
 #define MOVE(letter) VARIANT(memmove_##letter, "_zorva_fast_memmove." #letter, const void*)
 #define FILL(letter) VARIANT(memset_##letter, "_zorva_fast_memset." #letter, int)
-/* clang-format off */
-COPY(Z) COPY(V) COPY(P) COPY(M) COPY(J) COPY(A)
-MOVE(P) MOVE(M) MOVE(A)
-FILL(Z) FILL(V) FILL(J) FILL(A)
-    /* clang-format on */
+COPY(Z);
+COPY(V);
+COPY(P);
+COPY(M);
+COPY(J);
+COPY(A);
+MOVE(P);
+MOVE(M);
+MOVE(A);
+FILL(Z);
+FILL(V);
+FILL(J);
+FILL(A);
 
-    /* Prints one line and returns whether the bytes are as expected. */
-    static int report(const char* operation, const char* bytes, const char* expected) {
+/* Prints one line and returns whether the bytes are as expected. */
+static int report(const char* operation, const char* bytes, const char* expected) {
   const int right = _zorva_fast_memcmp(bytes, expected, strlen(expected) + 1) == 0;
   printf("%-5s by %-22s  \"%s\"%s\n", operation, taken, bytes, right ? "" : "  WRONG");
   return right;
