@@ -41,6 +41,8 @@ zorvac_sources(ZORVAC_COMMON_SOURCES baseline
 
 # Block copies, moves, fills and comparisons. A loop of theirs must not become a call of the very
 # routine that it belongs to, and which registers a block travels in is decided by the source.
+# Their entries begin on a cache line, or a handful of instructions would cost what the neighbours
+# make of their place.
 zorvac_sources(ZORVAC_MEMORY_SOURCES baseline
   mem/fastmemcpy.S
   mem/fastmemmove.S
