@@ -73,6 +73,14 @@ template <std::size_t Count, class Prefetch, class Rest>
   }
 }
 
+// Copies `Count` blocks an iteration while that many remain, as the source's alignment wants it.
+template <std::size_t Count, class Prefetch, class Rest>
+void copy_through_caches(Rest& rest) {
+  const std::size_t skip = misalignment(rest.source_edge(), xmm::width);
+  if (skip != 0) return merge<Count, Prefetch>(rest, skip);
+  copy_loop<Count, xmm::load_aligned, xmm::store_aligned, Prefetch>(rest, Count * xmm::width);
+}
+
 }  // namespace
 }  // namespace zorvac::mem
 #endif

@@ -18,7 +18,11 @@ struct general {
   using reg = Word;
   typedef Word unaligned __attribute__((may_alias, aligned(1)));
   static constexpr std::size_t width = sizeof(Word);
-  static reg load(const char* p) { return *reinterpret_cast<const unaligned*>(p); }
+  static reg load(const char* p) {
+    reg word = *reinterpret_cast<const unaligned*>(p);
+    asm("" : "+r"(word));  // in this register: a compiler would pair adjacent words in a vector
+    return word;
+  }
   static void store(char* p, reg v) { *reinterpret_cast<unaligned*>(p) = v; }
   static void stream(char* p, reg v) requires(width == 8) {
     _mm_stream_si64(reinterpret_cast<long long*>(p), static_cast<long long>(v));

@@ -11,13 +11,6 @@ constexpr std::size_t small = 79;
 constexpr std::size_t registers = 8;  // an iteration copies 128 bytes
 constexpr std::size_t iteration = registers * xmm::width;
 
-template <class Prefetch, class Rest>
-void copy_through_caches(Rest& rest) {
-  const std::size_t skip = misalignment(rest.source_edge(), xmm::width);
-  if (skip != 0) return merge<registers, Prefetch>(rest, skip);
-  copy_loop<registers, xmm::load_aligned, xmm::store_aligned, Prefetch>(rest, iteration);
-}
-
 template <way Way>
 [[gnu::noinline]] void* copy_large(char* to, const char* from, std::size_t count) {
   remainder<Way> rest{to, from, count};
@@ -27,9 +20,9 @@ template <way Way>
     copy_loop<registers, xmm::load, xmm::stream, no_prefetch>(rest, iteration);
     _mm_sfence();
   } else if (aligned_count >= bytes_of(__libvrt_data_cache_size_half)) {
-    copy_through_caches<prefetch_source<hint::t0, 448, 640>>(rest);
+    copy_through_caches<registers, prefetch_source<hint::t0, 448, 640>>(rest);
   } else {
-    copy_through_caches<no_prefetch>(rest);
+    copy_through_caches<registers, no_prefetch>(rest);
   }
   small_block<by_xmm, iteration - 1>(rest.action(), rest.count);
   return to;

@@ -27,13 +27,6 @@ struct prefetch_both {
   }
 };
 
-template <class Prefetch, class Rest>
-void copy_through_caches(Rest& rest) {
-  const std::size_t skip = misalignment(rest.source_edge(), xmm::width);
-  if (skip != 0) return merge<registers, Prefetch>(rest, skip);
-  copy_loop<registers, xmm::load_aligned, xmm::store_aligned, Prefetch>(rest, iteration);
-}
-
 // The load fence keeps the loads of an iteration together, ahead of its stores.
 template <std::size_t... I>
 [[gnu::always_inline]] inline void stream_registers(char* to, const char* from,
@@ -79,11 +72,11 @@ template <way Way>
   copy_past_boundary<xmm>(rest);
   if (is_large(rest, aligned_count)) {
     if (const std::size_t streamed = part_to_stream(rest.count)) stream(rest, streamed);
-    copy_through_caches<prefetch_both<hint::nta, 448, 640>>(rest);
+    copy_through_caches<registers, prefetch_both<hint::nta, 448, 640>>(rest);
   } else if (aligned_count >= bytes_of(__libvrt_data_cache_size_half)) {
-    copy_through_caches<prefetch_source<hint::t0, 448, 640>>(rest);
+    copy_through_caches<registers, prefetch_source<hint::t0, 448, 640>>(rest);
   } else {
-    copy_through_caches<no_prefetch>(rest);
+    copy_through_caches<registers, no_prefetch>(rest);
   }
   small_block<by_xmm, iteration - 1>(rest.action(), rest.count);
   return to;
