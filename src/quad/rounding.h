@@ -46,9 +46,9 @@ constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard)
 
 // Raises PE, and tells whether the rounding mode is to nearest.
 //
-// Storing MXCSR stalls a processor for longer than the rest of an addition takes. But the mode
-// shows in what the sum that raises PE comes out as, beside a second one: only when rounding to
-// nearest is 1 + 3/4 ulp more than 1 + (next to nothing). So MXCSR itself is stored for the
+// Storing MXCSR may stall a processor for as long as all the rest of an addition takes. But the
+// mode shows in what the sum that raises PE comes out as, beside a second one: only when rounding
+// to nearest is 1 + 3/4 ulp more than 1 + (next to nothing). So MXCSR itself is stored for the
 // other modes only.
 constexpr double d_most_of_ulp = 0.75 * 0x1p-52;
 const double* const volatile p_most_of_ulp = &d_most_of_ulp;
@@ -84,7 +84,7 @@ struct guarded {
   uint64_t guard;
 };
 
-// Shifts right by any distance from 1 up; what falls out at the right enters the guard word.
+// Shifts right by any distance from 0 up; what falls out at the right enters the guard word.
 //
 //   significand                    guard word
 //   ....................|..........--->|..................s    s is sticky

@@ -1,4 +1,4 @@
-// Multiplication.
+// Multiplication: four partial products, added up and rounded once.
 #include "core/export.h"
 #include "quad/nan.h"
 #include "quad/operands.h"
