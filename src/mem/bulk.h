@@ -127,10 +127,10 @@ template <class V, std::size_t Count, class Rest>
 }
 
 // Fills adjacent registers.
-template <class V, std::size_t... I>
+template <class V, auto Store, std::size_t... I>
 [[gnu::always_inline]] inline void fill_registers(char* to, typename V::reg block,
                                                   std::index_sequence<I...>) {
-  (V::store(to + I * V::width, block), ...);
+  (Store(to + I * V::width, block), ...);
 }
 
 // Fills the remainder of fewer than 2 * `Count` registers after at least `Count`: `Count` of them
@@ -139,8 +139,8 @@ template <class V, std::size_t Count>
 [[gnu::always_inline]] inline void fill_last(char* to, std::size_t count, std::uint64_t pattern) {
   const auto block = V::replicate(pattern);
   char* const last = to + count - Count * V::width;
-  fill_registers<V>(to < last ? to : last, block, std::make_index_sequence<Count>());
-  fill_registers<V>(last, block, std::make_index_sequence<Count>());
+  fill_registers<V, V::store>(to < last ? to : last, block, std::make_index_sequence<Count>());
+  fill_registers<V, V::store>(last, block, std::make_index_sequence<Count>());
 }
 
 // Stores `Count` registers an iteration while that many remain.
@@ -149,10 +149,7 @@ template <std::size_t Count, class V, auto Store>
   constexpr std::size_t bytes = Count * V::width;
   const auto block = V::replicate(pattern);
   for (; count >= bytes; to += bytes, count -= bytes)
-    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
-      (Store(to + I * V::width, block), ...);
-    }
-  (std::make_index_sequence<Count>());
+    fill_registers<V, Store>(to, block, std::make_index_sequence<Count>());
 }
 
 // Fills up to the destination's next boundary, by a whole register in the same way.

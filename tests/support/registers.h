@@ -10,7 +10,24 @@
 
 namespace zorvac::test {
 
-enum gpr : std::size_t { rax, rcx, rdx, rbx, rsp, rbp, rsi, rdi, r8, r9, r10, r11, r12, r13, r14, r15 };
+enum gpr : std::size_t {
+  rax,
+  rcx,
+  rdx,
+  rbx,
+  rsp,
+  rbp,
+  rsi,
+  rdi,
+  r8,
+  r9,
+  r10,
+  r11,
+  r12,
+  r13,
+  r14,
+  r15
+};
 
 // All that a routine could change. The assembler side knows the offsets.
 struct alignas(64) register_file {
