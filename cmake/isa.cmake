@@ -38,3 +38,15 @@ zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   startup/proc_init.S
   startup/proc_init_utils.cpp
   startup/vrt_msg_support.cpp)
+
+# The block workers. A copy loop is not to become a call of the routine that it belongs to.
+zorvac_sources(ZORVAC_MEMORY_SOURCES baseline
+  mem/fastmemcpy.S
+  mem/fastmemmove.S
+  mem/fastmemset.S
+  mem/workers.cpp
+  mem/x86_memcmp.cpp)
+set_property(SOURCE ${ZORVAC_MEMORY_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-builtin>
+  $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-tree-loop-distribute-patterns>)
+list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_MEMORY_SOURCES})

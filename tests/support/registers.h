@@ -3,13 +3,14 @@
 // Calls a routine with every register filled and tells what it left in each: for routines that
 // promise more than the platform's calling convention, or have one of their own.
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 namespace zorvac::test {
 
-enum gpr : int { rax, rcx, rdx, rbx, rsp, rbp, rsi, rdi, r8, r9, r10, r11, r12, r13, r14, r15 };
+enum gpr : std::size_t { rax, rcx, rdx, rbx, rsp, rbp, rsi, rdi, r8, r9, r10, r11, r12, r13, r14, r15 };
 
 // All that a routine could change. The assembler side knows the offsets.
 struct alignas(64) register_file {

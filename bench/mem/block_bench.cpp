@@ -1,0 +1,157 @@
+// The block routines beside the C library's, in one process: fixed sizes and sizes that nobody can
+// predict, aligned and not. Rows are <operation>/<sizes>/<contender>; names of ours begin with
+// "zorvac". All calls go through a pointer, so each contender pays for the same indirect call.
+//
+// The peer of the SSE2 and SSSE3 members is the C library held to its own variants of that level,
+// in two more runs of the same program, whose rows name the peer "libc-ssse3" and "libc-sse2":
+//
+//   export GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2,-AVX512F,-AVX512VL,-AVX_Fast_Unaligned_Load
+//   GLIBC_TUNABLES=$GLIBC_TUNABLES,-ERMS,-FSRM,-SSE4_1,-SSE4_2,-MOVBE block_bench
+//   GLIBC_TUNABLES=$GLIBC_TUNABLES,-ERMS,-FSRM,-SSE4_1,-SSE4_2,-MOVBE,-SSSE3 block_bench
+//
+// The context of the results tells where in the C library its routines lie, so that a disassembler
+// can show that the restriction took effect.
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
+#include <zorvac/cpu.h>
+#include <zorvac/mem.h>
+
+#include <cstdio>
+
+#include "mixes/blocks.h"
+
+namespace zorvac::bench {
+namespace {
+
+enum class needs { baseline, ssse3, avx2, avx512f };
+
+bool host_has(needs level) {
+  switch (level) {
+    case needs::ssse3:
+      return __builtin_cpu_supports("ssse3");
+    case needs::avx2:
+      return __builtin_cpu_supports("avx2");
+    case needs::avx512f:
+      return __builtin_cpu_supports("avx512f");
+    default:
+      return true;
+  }
+}
+
+template <class Function>
+struct contender {
+  std::string name;
+  Function* call;
+  needs level = needs::baseline;
+};
+using copy_function = void*(void*, const void*, std::size_t);
+using fill_function = void*(void*, int, std::size_t);
+using compare_function = int(const void*, const void*, std::size_t);
+
+const block_ground ground;
+
+void operate(copy_function* copy, const block_call& c) {
+  benchmark::DoNotOptimize(copy(ground.to + c.to, ground.from + c.from, c.bytes));
+}
+void operate(fill_function* fill, const block_call& c) {
+  benchmark::DoNotOptimize(fill(ground.to + c.to, 0x5a, c.bytes));
+}
+void operate(compare_function* compare, const block_call& c) {
+  benchmark::DoNotOptimize(compare(ground.to + c.to, ground.from + c.from, c.bytes));
+}
+
+template <class Function>
+void add_rows(const std::string& operation, const std::vector<block_mix>& mixes,
+              const std::vector<contender<Function>>& contenders) {
+  for (const block_mix& mix : mixes)
+    for (const contender<Function>& c : contenders) {
+      if (!host_has(c.level)) continue;
+      const auto run = [call = c.call, &mix](benchmark::State& state) {
+        // Comparisons run over equal blocks, whatever was copied before.
+        std::memset(ground.to, 1, std::min(block_ground::bytes, 4 * mix.bytes + 4 * page));
+        std::memset(ground.from, 1, std::min(block_ground::bytes, 4 * mix.bytes + 4 * page));
+        for (auto _ : state)
+          for (const block_call& b : mix.calls) operate(call, b);
+        const auto turns = static_cast<std::int64_t>(state.iterations());
+        state.SetBytesProcessed(turns * static_cast<std::int64_t>(mix.bytes));
+        state.SetItemsProcessed(turns * static_cast<std::int64_t>(mix.calls.size()));
+      };
+      benchmark::RegisterBenchmark((operation + "/" + mix.name + "/" + c.name).c_str(), run)
+          ->MinTime(0.02);
+    }
+}
+
+template <class Function>
+void tell_variant(const char* name, Function* function) {
+  Dl_info where{};
+  auto* const address = reinterpret_cast<void*>(function);
+  if (dladdr(address, &where) == 0) return;
+  char text[32];
+  std::snprintf(text, sizeof text, "+0x%tx",
+                static_cast<char*>(address) - static_cast<char*>(where.dli_fbase));
+  benchmark::AddCustomContext(name, text);
+}
+
+std::string peer_name() {
+  const char* const tunables = std::getenv("GLIBC_TUNABLES");
+  if (tunables == nullptr || std::strstr(tunables, "-AVX2") == nullptr) return "libc";
+  return std::strstr(tunables, "-SSSE3") == nullptr ? "libc-ssse3" : "libc-sse2";
+}
+
+void add_all() {
+  static const std::vector<block_mix> mixes = block_mixes();
+  const std::string peer = peer_name();
+  add_rows<copy_function>("copy", mixes,
+                          {{"zorvac_fast", _zorva_fast_memcpy},
+                           {"zorvac_avx_rep", __zorva_avx_rep_memcpy, needs::avx2},
+                           {"zorvac_avx512f", __zorva_vpx_avx512f_memcpy, needs::avx512f},
+                           {"zorvac_new", __zorva_new_memcpy},
+                           {"zorvac_ssse3", __zorva_ssse3_memcpy, needs::ssse3},
+                           {"zorvac_ssse3_rep", __zorva_ssse3_rep_memcpy, needs::ssse3},
+                           {"zorvac_vec", _VEC_memcpy},
+                           {peer, std::memcpy}});
+  add_rows<copy_function>("move", mixes,
+                          {{"zorvac_fast", _zorva_fast_memmove},
+                           {"zorvac_new", __zorva_new_memmove},
+                           {"zorvac_ssse3", __zorva_ssse3_memmove, needs::ssse3},
+                           {"zorvac_ssse3_rep", __zorva_ssse3_rep_memmove, needs::ssse3},
+                           {peer, std::memmove}});
+  add_rows<fill_function>("fill", mixes,
+                          {{"zorvac_fast", _zorva_fast_memset},
+                           {"zorvac_avx_rep", __zorva_avx_rep_memset, needs::avx2},
+                           {"zorvac_avx512f", __zorva_vpx_avx512f_memset, needs::avx512f},
+                           {"zorvac_new", __zorva_new_memset},
+                           {"zorvac_vec", _VEC_memset},
+                           {peer, std::memset}});
+  add_rows<compare_function>("compare", mixes,
+                             {{"zorvac_fast", _zorva_fast_memcmp},
+                              {"zorvac_new", __zorva_new_memcmp},
+                              {peer, std::memcmp}});
+
+  // What the two jumps in front of a worker cost: the same worker called directly is the peer.
+  static const std::vector<block_mix> small{fixed_blocks("fixed-16", 16, true),
+                                            mixed_blocks("mixed-1-64", 1, 64, false)};
+  if ((__zorva_cpu_feature_indicator & ZORVAC_FEATURE_AVX2) != 0) {
+    add_rows<copy_function>(
+        "dispatch-copy", small,
+        {{"zorvac_fast", _zorva_fast_memcpy}, {"worker", __zorva_avx_rep_memcpy}});
+    add_rows<fill_function>(
+        "dispatch-fill", small,
+        {{"zorvac_fast", _zorva_fast_memset}, {"worker", __zorva_avx_rep_memset}});
+  }
+  tell_variant<copy_function>("libc memcpy", std::memcpy);
+  tell_variant<copy_function>("libc memmove", std::memmove);
+  tell_variant<fill_function>("libc memset", std::memset);
+  tell_variant<compare_function>("libc memcmp", std::memcmp);
+}
+
+}  // namespace
+}  // namespace zorvac::bench
+
+int main(int argc, char** argv) {
+  __zorva_cpu_features_init();
+  zorvac::bench::add_all();
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+}

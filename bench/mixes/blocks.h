@@ -1,0 +1,95 @@
+#ifndef ZORVAC_BENCH_MIXES_BLOCKS_H
+#define ZORVAC_BENCH_MIXES_BLOCKS_H
+// Block operations as programs make them: lists of sizes and places that no branch predictor can
+// learn, and the ground that they work on.
+//
+// Source and destination of every operation are half a page apart, give or take their alignment: a
+// load that has the page offset of a store still in flight waits for it, which costs some copy
+// loops an order of magnitude and would drown what is to be measured.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace zorvac::bench {
+
+struct block_call {
+  std::uint32_t to, from, bytes;  // offsets into the two areas
+};
+
+struct block_mix {
+  std::string name;
+  std::vector<block_call> calls;
+  std::size_t bytes = 0;  // of all calls
+};
+
+inline constexpr std::uint32_t page = 4096;
+
+// The same call over and over.
+inline block_mix fixed_blocks(std::string name, std::uint32_t bytes, bool aligned) {
+  const std::uint32_t to = aligned ? 0 : 3, from = aligned ? 0 : 5;
+  // Enough calls to make the loop around them cheap.
+  const std::size_t calls = bytes >= page ? 1 : bytes >= 256 ? 16 : 256;
+  return {std::move(name), std::vector(calls, block_call{page / 2 + to, from, bytes}),
+          calls * bytes};
+}
+
+// Sizes drawn evenly from a range; the blocks stay in the first-level cache. The list is as long as
+// it is because a branch predictor of today learns one of 32768 calls by heart.
+inline block_mix mixed_blocks(std::string name, std::uint32_t least, std::uint32_t most,
+                              bool aligned) {
+  constexpr std::uint32_t area = 8192;
+  std::mt19937 random(1);
+  const auto below = [&](std::uint32_t limit) {
+    return static_cast<std::uint32_t>(random() % limit);
+  };
+  block_mix mix{std::move(name), {}, 0};
+  for (int i = 0; i < 131072; ++i) {
+    const std::uint32_t bytes = least + below(most - least + 1);
+    const std::uint32_t line = below((area - most - 64) / 64) * 64;
+    mix.calls.push_back(
+        {page / 2 + line + (aligned ? 0 : below(64)), line + (aligned ? 0 : below(64)), bytes});
+    mix.bytes += bytes;
+  }
+  return mix;
+}
+
+inline std::vector<block_mix> block_mixes() {
+  std::vector<block_mix> mixes;
+  for (const bool aligned : {true, false}) {
+    const std::string suffix = aligned ? "-aligned" : "-unaligned";
+    for (const auto& [least, most] : {std::pair{1u, 16u}, {1u, 64u}, {16u, 256u}, {64u, 1024u}})
+      mixes.push_back(
+          mixed_blocks("mixed-" + std::to_string(least) + "-" + std::to_string(most) + suffix,
+                       least, most, aligned));
+    for (const char* size : {"1",  "4",  "8",  "16",  "32",  "64",  "128",  "256", "512", "1K",
+                             "2K", "4K", "8K", "16K", "32K", "64K", "256K", "1M",  "4M",  "16M"}) {
+      char* unit = nullptr;
+      auto bytes = static_cast<std::uint32_t>(std::strtoul(size, &unit, 10));
+      bytes <<= *unit == 'K' ? 10 : *unit == 'M' ? 20 : 0;
+      mixes.push_back(fixed_blocks("fixed-" + std::string(size) + suffix, bytes, aligned));
+    }
+  }
+  return mixes;
+}
+
+// Two areas on page boundaries, written to once so that their pages exist.
+struct block_ground {
+  static constexpr std::size_t bytes = (std::size_t{16} << 20) + 4 * page;
+  unsigned char* to = area();
+  unsigned char* from = area();
+
+ private:
+  static unsigned char* area() {
+    void* const at = std::aligned_alloc(page, bytes);
+    if (at == nullptr) std::abort();
+    std::memset(at, 1, bytes);
+    return static_cast<unsigned char*>(at);
+  }
+};
+
+}  // namespace zorvac::bench
+#endif
