@@ -50,3 +50,14 @@ set_property(SOURCE ${ZORVAC_MEMORY_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   $<$<COMPILE_LANGUAGE:CXX>:-fno-builtin>
   $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-tree-loop-distribute-patterns>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_MEMORY_SOURCES})
+
+# Allocation. To the compiler malloc is a routine like any other: it must not conclude that the word
+# in front of a block is nobody's, nor make one call of an allocation and a fill.
+zorvac_sources(ZORVAC_ALLOCATION_SOURCES baseline
+  mem/fastcalloc.cpp
+  mem/imalloc.cpp
+  mem/xmm_malloc.cpp)
+zorvac_sources(ZORVAC_ALLOCATION_SOURCES general
+  mem/stacksecurity.cpp)
+set_property(SOURCE ${ZORVAC_ALLOCATION_SOURCES} APPEND PROPERTY COMPILE_OPTIONS -fno-builtin)
+list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_ALLOCATION_SOURCES})

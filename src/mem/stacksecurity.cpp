@@ -1,0 +1,29 @@
+// The guard of stack buffers. Compiled code puts the cookie between its buffers and its return
+// address on entry, and has the check compare it before it returns.
+//
+// The check stands between a result and its return, so it changes no register when it returns.
+#include <cstdint>
+
+#include "core/export.h"
+#include "startup/vrt_msg_support.h"
+#include "zorvac/mem.h"
+
+// Every way in which a string copy ends is in it: NUL, CR, LF and the end-of-file mark. As a string
+// it is empty, so that a copied string cannot reproduce it.
+std::uint64_t __zorva_security_cookie = 0x0a0dff00;
+
+namespace {
+[[noreturn, gnu::noinline, gnu::cold]] void report_overrun() {
+  __libvrt_print(zorvac::startup::to_standard_error, zorvac::startup::message::buffer_overrun, 0);
+  __builtin_abort();
+}
+}  // namespace
+
+ZORVAC_EXPORT_AS("__zorva_security_check_cookie",
+                 ZORVAC_PRESERVES_REGISTERS void security_check_cookie(std::uint64_t found));
+void security_check_cookie(std::uint64_t found) {
+  if (found != __zorva_security_cookie) report_overrun();
+}
+
+// The cookie is set when the library is built.
+extern "C" void __zorva_security_init_cookie() {}
