@@ -1,0 +1,1 @@
+/* jemalloc with nothing visible but its own interface (see CMakeLists.txt beside this file). */
