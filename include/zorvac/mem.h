@@ -197,4 +197,7 @@ void __zorva_security_init_cookie(void);
 #ifdef __cplusplus
 }
 #endif
+
+#include <zorvac/string.h>
+
 #endif
