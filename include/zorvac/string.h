@@ -28,7 +28,6 @@
  * and both levels share one source     the C standard, 7.24 (string.h) and 7.22.1.2 (atoi);
  * POSIX.1-2017 for strnlen, stpcpy, stpncpy and strdup
  */
-#include <emmintrin.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -147,6 +146,8 @@ void __zorva_sse4_strlen(void);
 void __zorva_sse4_strend(void);
 void __zorva_sse4_strchr(void);
 
+#ifdef __SSE2__ /* not where vector registers may not be used */
+
 /* Calls a scan tail with RAX, RDX and XMM1 and leaves its result in rax. The stack pointer steps
  * over the 128 bytes below it, which may hold locals of the function that this is inlined into, and
  * down to the alignment of a call; it is kept in a register that the tails preserve, as all are
@@ -171,33 +172,37 @@ void __zorva_sse4_strchr(void);
 /* The whole block is read: bytes that are none of a sanitizer's business. */
 #define ZORVAC_READS_BLOCKS __attribute__((no_sanitize("address"), no_sanitize("thread")))
 
+/* Sixteen bytes, in an XMM register. <emmintrin.h> would bring in a static _mm_malloc, which is not
+ * the one of <zorvac/mem.h>. */
+typedef char zorvac_block __attribute__((vector_size(16), may_alias));
+
 /* The bytes of the first block, from the start of the string on, that equal those of `sought`. */
 ZORVAC_READS_BLOCKS static inline unsigned zorvac_in_first_block(const char* string,
-                                                                 __m128i sought) {
+                                                                 zorvac_block sought) {
   const uintptr_t skip = (uintptr_t)string % 16;
-  const __m128i block = _mm_load_si128((const __m128i*)(const void*)(string - skip));
-  return (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(block, sought)) >> skip;
+  const zorvac_block block = *(const zorvac_block*)(const void*)(string - skip);
+  return (unsigned)__builtin_ia32_pmovmskb128((zorvac_block)(block == sought)) >> skip;
 }
 
 #define ZORVAC_SCAN_TAILS(level, one_character)                                                \
   static inline char* zorvac_##level##_strend(const char* string) {                            \
-    const unsigned ends = zorvac_in_first_block(string, _mm_setzero_si128());                  \
+    const unsigned ends = zorvac_in_first_block(string, (zorvac_block){0});                    \
     if (ends != 0) return (char*)string + __builtin_ctz(ends);                                 \
     uintptr_t rax = (uintptr_t)string & ~(uintptr_t)15, rdx = 0;                               \
-    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strend", rax, rdx, _mm_setzero_si128());         \
+    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strend", rax, rdx, (zorvac_block){0});           \
     return (char*)rax;                                                                         \
   }                                                                                            \
   static inline size_t zorvac_##level##_strlen(const char* string) {                           \
-    const unsigned ends = zorvac_in_first_block(string, _mm_setzero_si128());                  \
+    const unsigned ends = zorvac_in_first_block(string, (zorvac_block){0});                    \
     if (ends != 0) return (size_t)__builtin_ctz(ends);                                         \
     uintptr_t rax = (uintptr_t)string & ~(uintptr_t)15, rdx = (uintptr_t)string;               \
-    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strlen", rax, rdx, _mm_setzero_si128());         \
+    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strlen", rax, rdx, (zorvac_block){0});           \
     return rax;                                                                                \
   }                                                                                            \
   static inline char* zorvac_##level##_strchr(const char* string, int character) {             \
-    const __m128i repeated = _mm_set1_epi8((char)character);                                   \
+    const zorvac_block repeated = (zorvac_block){0} + (char)character;                         \
     const unsigned hits = zorvac_in_first_block(string, repeated);                             \
-    const unsigned ends = zorvac_in_first_block(string, _mm_setzero_si128());                  \
+    const unsigned ends = zorvac_in_first_block(string, (zorvac_block){0});                    \
     const unsigned stops = hits | ends;                                                        \
     if (stops != 0)                                                                            \
       return (hits & (0u - stops) & stops) != 0 ? (char*)string + __builtin_ctz(stops) : NULL; \
@@ -206,8 +211,9 @@ ZORVAC_READS_BLOCKS static inline unsigned zorvac_in_first_block(const char* str
     return (char*)rax;                                                                         \
   }
 ZORVAC_SCAN_TAILS(sse2, repeated)
-ZORVAC_SCAN_TAILS(sse4, _mm_cvtsi32_si128((unsigned char)character))
+ZORVAC_SCAN_TAILS(sse4, (zorvac_block){(char)character})
 #undef ZORVAC_SCAN_TAILS
+#endif
 
 #pragma GCC visibility pop
 #ifdef __cplusplus
