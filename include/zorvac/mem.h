@@ -164,13 +164,17 @@ void __fast_unlock(uint32_t* lock);
 /** Allocates size bytes at an address that is a multiple of alignment, a power of two (8 where it
  *  is less). The 8 bytes in front of the block hold the pointer that malloc gave.
  *
- *  returns  the block, to be freed by _mm_free() alone; null where malloc gives null or
+ *  Exported as _mm_malloc and _mm_free. They have other names here because the compilers' own
+ *  <mm_malloc.h>, which every header of vector intrinsics includes, defines static functions of
+ *  those names; blocks of the ones must not be freed by the others.
+ *
+ *  returns  the block, to be freed by zorvac_mm_free() alone; null where malloc gives null or
  *           size + alignment + 8 exceeds the address space
  *  threads  re-entrant */
-void* _mm_malloc(size_t size, size_t alignment);
+void *zorvac_mm_malloc(size_t size, size_t alignment) __asm__("_mm_malloc");
 
-/** Frees a block of _mm_malloc(); null is ignored. */
-void _mm_free(void* block);
+/** Frees a block of zorvac_mm_malloc(); null is ignored. */
+void zorvac_mm_free(void *block) __asm__("_mm_free");
 
 /** Allocates count x size bytes, all zero. A block that malloc has mapped from the operating system
  *  for this request is not written to: it is zero already. Whether it was tells the word in front

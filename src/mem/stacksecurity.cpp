@@ -1,16 +1,18 @@
 // The guard of stack buffers. Compiled code puts the cookie between its buffers and its return
 // address on entry, and has the check compare it before it returns.
 //
-// The check stands between a result and its return, so it changes no register when it returns.
+// The check stands between a result and its return, so it changes no register when it returns. The
+// public header declares both names; its inline functions need the registers that are off here.
 #include <cstdint>
 
 #include "core/export.h"
 #include "startup/vrt_msg_support.h"
-#include "zorvac/mem.h"
 
 // Every way in which a string copy ends is in it: NUL, CR, LF and the end-of-file mark. As a string
 // it is empty, so that a copied string cannot reproduce it.
-std::uint64_t __zorva_security_cookie = 0x0a0dff00;
+extern "C" {
+__attribute__((visibility("default"))) std::uint64_t __zorva_security_cookie = 0x0a0dff00;
+}
 
 namespace {
 [[noreturn, gnu::noinline, gnu::cold]] void report_overrun() {
@@ -26,4 +28,5 @@ void security_check_cookie(std::uint64_t found) {
 }
 
 // The cookie is set when the library is built.
-extern "C" void __zorva_security_init_cookie() {}
+ZORVAC_EXPORT_AS("__zorva_security_init_cookie", void security_init_cookie());
+void security_init_cookie() {}

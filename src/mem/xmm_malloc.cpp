@@ -10,7 +10,7 @@
 
 #include "zorvac/mem.h"
 
-extern "C" void* _mm_malloc(std::size_t size, std::size_t alignment) {
+void* zorvac_mm_malloc(std::size_t size, std::size_t alignment) {
   constexpr std::size_t word = sizeof(void*);
   const std::size_t total = size + alignment + word;
   if (total < size || total < alignment) return nullptr;  // the sum wrapped
@@ -29,7 +29,7 @@ extern "C" void* _mm_malloc(std::size_t size, std::size_t alignment) {
   return block;
 }
 
-extern "C" void _mm_free(void* block) {
+void zorvac_mm_free(void* block) {
   if (block == nullptr) return;
   void* raw;
   __builtin_memcpy(&raw, static_cast<char*>(block) - sizeof raw, sizeof raw);

@@ -8,6 +8,15 @@
 
 namespace zorvac::test {
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool malloc_is_the_c_librarys = false;
+#elif defined(__has_feature)
+constexpr bool malloc_is_the_c_librarys =
+    !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer);
+#else
+constexpr bool malloc_is_the_c_librarys = true;
+#endif
+
 struct calls {
   std::atomic<int> count;
   std::atomic<std::size_t> last;  // the size, or the block of free
@@ -19,6 +28,7 @@ struct allocator_view {
 
   std::atomic<bool> malloc_fails = false;
   std::atomic<void*> next_malloc = nullptr;  // what the next malloc gives, once
+  std::atomic<bool> maps_pools = false;      // malloc maps what is as large as a pool
 
   void forget() {
     for (calls* each : {&malloc, &calloc, &realloc, &free, &fill}) each->count = 0;

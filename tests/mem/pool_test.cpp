@@ -170,7 +170,7 @@ TEST(Unpooled, RequestsAndBlocksGoToTheSystem) {
       EXPECT_EQ(system_allocator.free.count, frees + 1);
       EXPECT_EQ(system_allocator.free.last, reinterpret_cast<std::size_t>(block));
     };
-    const auto& [malloc, calloc, realloc, free, fill, fails, next] = system_allocator;
+    const auto& [malloc, calloc, realloc, free, fill, fails, next, maps] = system_allocator;
     expect_system_block(__i_pool_malloc(64), malloc, 64);  // nothing is registered yet
     expect_system_block(__i_pool_calloc(4, 16), calloc, 64);
     expect_system_block(__i_pool_realloc(nullptr, 64), realloc, 64);

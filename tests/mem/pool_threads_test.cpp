@@ -36,7 +36,7 @@ TEST(FastLock, KeepsThreadsApart) {
   at_once([&](int) {
     for (int i = 0; i < 20'000; ++i) {
       __fast_lock(&lock);
-      EXPECT_EQ(lock, 1u);
+      EXPECT_EQ(std::atomic_ref(lock).load(), 1u);
       ++counter;
       __fast_unlock(&lock);
     }
