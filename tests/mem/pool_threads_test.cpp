@@ -93,6 +93,10 @@ constexpr word stamp(int thread, int number) {
   return mark | static_cast<word>(thread) << 32 | static_cast<word>(number);
 }
 bool is_stamp(word w) { return (w & 0xffff'0000'0000'0000) == mark; }
+void expect_every_block_counted(std::uint32_t pools) {
+  for (std::uint32_t i = 0; i < pools; ++i)
+    EXPECT_EQ(work_pool[i].freed, work_pool[i].handed_out) << i;
+}
 void give_up(word* block) {
   *block = 0;
   __i_pool_free(block);
@@ -137,8 +141,7 @@ TEST(PoolThreads, HaveEveryBlockToThemselves) {
       if (word* const block = left) give_up(block);
     // 400,000 blocks from fewer pools than would hold them: pools were drained and started over.
     EXPECT_LT(last_pool_num, 12u);
-    for (std::uint32_t i = 0; i < last_pool_num; ++i)
-      EXPECT_EQ(work_pool[i].freed, work_pool[i].handed_out) << i;
+    expect_every_block_counted(last_pool_num);
   });
 }
 
@@ -186,6 +189,7 @@ TEST(PoolThreads, StartPoolsOverUnderOneAnothersHands) {
         if (block != nullptr) give_up(block);
       pooled += from_pools;
     });
+    expect_every_block_counted(pools);
     EXPECT_GT(pooled, 1000);  // of 30 blocks: started over many times
   });
 }
