@@ -6,7 +6,6 @@
 // and freed by one addition to another. docs/pool.md has the states and the proof.
 #include "mem/imalloc.h"
 
-#include <algorithm>
 #include <cstdlib>
 
 #include "mem/block_header.h"
@@ -20,18 +19,13 @@ extern "C" {
 constinit pool work_pool[max_pools];
 constinit size_list Array_size;
 constinit size_list Array_size_calloc;
-constinit std::atomic<pool*> headerP;
+constinit zorvac::atomic<pool*> headerP;
 std::uint32_t last_pool_num;
 pool* Last_PoolP;
 std::uint32_t _i_pool_cr_sec;
 }
 
 namespace {
-
-using std::memory_order_acq_rel;
-using std::memory_order_acquire;
-using std::memory_order_relaxed;
-using std::memory_order_release;
 
 constexpr std::uint32_t usual_count = 30'000;
 constexpr std::uint32_t large_count = 300'000;  // for the sizes of small, very frequent objects
@@ -51,7 +45,7 @@ class global_lock {
 // Size 0, which ends the list, is never in it.
 bool is_registered(const size_list& sizes, std::uint32_t size) {
   for (const auto& entry : sizes) {
-    const std::uint32_t registered = entry.load(memory_order_relaxed);
+    const std::uint32_t registered = entry.load_relaxed();
     if (registered == 0) return false;
     if (registered == size) return true;
   }
@@ -65,18 +59,17 @@ void prepare(pool& p, std::uint32_t size, std::uint32_t count, std::uint32_t zer
   p.zeroed = zeroed;
   p.saved_base = nullptr;
   p.last = nullptr;
-  p.base.store(nullptr, memory_order_relaxed);
-  p.handed_out.store(0, memory_order_relaxed);
-  p.freed.store(0, memory_order_relaxed);
+  p.base.store_relaxed(nullptr);
+  p.handed_out.store_relaxed(0);
+  p.freed.store_relaxed(0);
 }
 
-// Puts a pool without memory at the head of the list. Under the global lock, with a descriptor
-// left.
+// Puts a pool without memory at the head of the list. Under the global lock; not all are taken.
 pool& add_pool(std::uint32_t size, std::uint32_t zeroed) {
   pool& p = work_pool[last_pool_num++];
   prepare(p, size, count_for(size), zeroed);
-  p.next = headerP.load(memory_order_relaxed);
-  headerP.store(&p, memory_order_release);
+  p.next = headerP.load_relaxed();
+  headerP.store_release(&p);
   return p;
 }
 
@@ -86,8 +79,7 @@ pool& add_pool(std::uint32_t size, std::uint32_t zeroed) {
 // stays without: the next request of its size comes here again.
 //
 // The counter of handed-out blocks is stored last: a thread that read `base` before the pool was
-// drained may take the second block as soon as it sees that counter, so everything else is in
-// place.
+// drained may take the second block as soon as it sees that counter, so all else is done.
 [[gnu::noinline, gnu::cold]] char* start(pool& p) {
   // A 32-bit signed product; a negative one is more than malloc will ever give.
   const auto bytes = static_cast<std::size_t>(static_cast<std::int32_t>(p.count * p.size));
@@ -100,17 +92,16 @@ pool& add_pool(std::uint32_t size, std::uint32_t zeroed) {
     p.last = memory + std::size_t{p.size} * (p.count - 1);
   }
   if (p.zeroed != 0 && !is_zero) _zorva_fast_memset(memory, 0, bytes);
-  p.freed.store(0, memory_order_relaxed);
-  p.base.store(memory, memory_order_release);
-  p.handed_out.store(1, memory_order_release);
+  p.freed.store_relaxed(0);
+  p.base.store_release(memory);
+  p.handed_out.store_release(1);
   return memory;
 }
 
 // The index of the next block, now the caller's, or the count of a pool that is full.
 std::uint32_t take_next(pool& p) {
-  std::uint32_t index = p.handed_out.load(memory_order_relaxed);
-  while (index < p.count && !p.handed_out.compare_exchange_weak(
-                                index, index + 1, memory_order_acquire, memory_order_relaxed)) {
+  std::uint32_t index = p.handed_out.load_relaxed();
+  while (index < p.count && !p.handed_out.try_replace_acquire(index, index + 1)) {
   }
   return index;
 }
@@ -120,7 +111,7 @@ std::uint32_t take_next(pool& p) {
 [[gnu::always_inline]] inline char* take_from(pool*& p, std::uint32_t size, std::uint32_t zeroed) {
   for (; p != nullptr; p = p->next) {
     if (p->size != size || p->zeroed != zeroed) continue;
-    char* const base = p->base.load(memory_order_acquire);
+    char* const base = p->base.load_acquire();
     if (base == nullptr) return nullptr;
     const std::uint32_t index = take_next(*p);
     if (index < p->count) return base + std::size_t{index} * size;
@@ -128,21 +119,20 @@ std::uint32_t take_next(pool& p) {
   return nullptr;
 }
 
-// A block from the first pool that has one or is drained, else from a new pool, else from the
-// system.
+// A block from the first pool that has one or is drained, from a new pool, or from the system.
 template <class System>
 [[gnu::noinline]] void* allocate_with_lock(std::uint32_t size, std::uint32_t zeroed,
                                            System from_system) {
   for (;;) {
-    pool* const head = headerP.load(memory_order_acquire);
+    pool* const head = headerP.load_acquire();
     for (pool* p = head;;) {
       if (char* const block = take_from(p, size, zeroed)) return block;
       if (p == nullptr) break;
       const global_lock held;
-      if (p->base.load(memory_order_relaxed) == nullptr) return start(*p);
+      if (p->base.load_relaxed() == nullptr) return start(*p);
     }
     const global_lock held;
-    if (headerP.load(memory_order_relaxed) != head) continue;  // a new pool: it may have room
+    if (headerP.load_relaxed() != head) continue;  // a new pool: it may have room
     if (last_pool_num < max_pools) return start(add_pool(size, zeroed));
     break;
   }
@@ -154,7 +144,7 @@ template <class System>
 [[gnu::always_inline]] inline void* allocate(const size_list& sizes, std::uint32_t size,
                                              std::uint32_t zeroed, System from_system) {
   if (!is_registered(sizes, size)) return from_system();
-  pool* p = headerP.load(memory_order_acquire);
+  pool* p = headerP.load_acquire();
   if (char* const block = take_from(p, size, zeroed)) return block;
   return allocate_with_lock(size, zeroed, from_system);
 }
@@ -162,8 +152,8 @@ template <class System>
 // The pool that `block` belongs to, or null.
 [[gnu::always_inline]] inline pool* pool_of(const void* block) {
   const auto address = reinterpret_cast<std::uintptr_t>(block);
-  for (pool* p = headerP.load(memory_order_acquire); p != nullptr; p = p->next) {
-    const auto base = reinterpret_cast<std::uintptr_t>(p->base.load(memory_order_acquire));
+  for (pool* p = headerP.load_acquire(); p != nullptr; p = p->next) {
+    const auto base = reinterpret_cast<std::uintptr_t>(p->base.load_acquire());
     if (base == 0) continue;
     if (address >= base && address <= reinterpret_cast<std::uintptr_t>(p->last)) return p;
   }
@@ -172,10 +162,10 @@ template <class System>
 
 [[gnu::noinline, gnu::cold]] void drain(pool& p) {
   const global_lock held;
-  char* const base = p.base.load(memory_order_relaxed);
+  char* const base = p.base.load_relaxed();
   if (base == nullptr) return;
   p.saved_base = base;
-  p.base.store(nullptr, memory_order_relaxed);
+  p.base.store_relaxed(nullptr);
 }
 
 }  // namespace
@@ -183,15 +173,13 @@ template <class System>
 extern "C" {
 
 void __fast_lock(std::uint32_t* lock) {
-  const std::atomic_ref<std::uint32_t> word(*lock);
-  while (word.exchange(1, memory_order_acquire) != 0)
-    while (word.load(memory_order_relaxed) != 0) {
+  while (__atomic_exchange_n(lock, 1, __ATOMIC_ACQUIRE) != 0)
+    while (__atomic_load_n(lock, __ATOMIC_RELAXED) != 0) {
     }
 }
 
-void __fast_unlock(std::uint32_t* lock) {
-  std::atomic_ref<std::uint32_t>(*lock).exchange(0, memory_order_release);
-}
+// An exchange, and so a full barrier; for less, clang would make it a plain store.
+void __fast_unlock(std::uint32_t* lock) { __atomic_exchange_n(lock, 0, __ATOMIC_SEQ_CST); }
 
 // Descriptors in the list keep what they have: their blocks are in the program's hands.
 void __i_pool_init(const std::uint32_t* sizes, int for_calloc) {
@@ -199,13 +187,13 @@ void __i_pool_init(const std::uint32_t* sizes, int for_calloc) {
   size_list& registered = for_calloc != 0 ? Array_size_calloc : Array_size;
   std::uint32_t n = 0;
   for (; n < max_sizes && sizes[n] != 0; ++n) {
-    registered[n].store(sizes[n], memory_order_relaxed);
+    registered[n].store_relaxed(sizes[n]);
     Last_PoolP = &work_pool[n];
     if (n >= last_pool_num) prepare(work_pool[n], sizes[n], usual_count, for_calloc != 0);
   }
-  if (n < max_sizes) registered[n].store(0, memory_order_relaxed);
-  for (std::uint32_t i = std::max(n, last_pool_num); i < max_pools; ++i)
-    work_pool[i].next = nullptr;
+  if (n < max_sizes) registered[n].store_relaxed(0);
+  for (; n < max_pools; ++n)
+    if (n >= last_pool_num) work_pool[n].next = nullptr;
 }
 
 void* __i_pool_malloc(std::uint32_t size) {
@@ -224,7 +212,7 @@ void* __i_pool_realloc(void* block, std::uint32_t size) {
   if (old == nullptr) return std::realloc(block, size);
   void* const moved = __i_pool_malloc(size);
   if (moved == nullptr) return nullptr;
-  _zorva_fast_memcpy(moved, block, std::min(size, old->size));
+  _zorva_fast_memcpy(moved, block, size < old->size ? size : old->size);
   __i_pool_free(block);
   return moved;
 }
@@ -233,7 +221,7 @@ void __i_pool_free(void* block) {
   pool* const p = pool_of(block);
   if (p == nullptr) {
     std::free(block);
-  } else if (p->freed.fetch_add(1, memory_order_acq_rel) + 1 == p->count) {
+  } else if (p->freed.add(1) == p->count) {
     drain(*p);
   }
 }

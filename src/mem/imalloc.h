@@ -2,10 +2,10 @@
 #define ZORVAC_MEM_IMALLOC_H
 // What the pool allocator keeps, for its own source and for tests. docs/pool.md explains the states
 // and proves the path without a lock.
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
+#include "core/atomic.h"
 #include "zorvac/mem.h"
 
 namespace zorvac::mem {
@@ -33,24 +33,24 @@ struct alignas(cache_line_bytes) pool {
   // Written under the global lock.
   char* saved_base = nullptr;  // the memory of a drained pool; null where there never was any
   char* last = nullptr;        // fixed from the moment when base is first stored
-  std::atomic<char*> base = nullptr;  // null while the pool is drained
+  atomic<char*> base;          // null while the pool is drained
 
-  alignas(cache_line_bytes) std::atomic<std::uint32_t> handed_out = 0;
-  alignas(cache_line_bytes) std::atomic<std::uint32_t> freed = 0;
+  alignas(cache_line_bytes) atomic<std::uint32_t> handed_out;
+  alignas(cache_line_bytes) atomic<std::uint32_t> freed;
 };
 
 // Registered sizes, ended by 0 or by the end of the array.
-using size_list = std::atomic<std::uint32_t>[max_sizes];
+using size_list = atomic<std::uint32_t>[max_sizes];
 
 }  // namespace zorvac::mem
 
 extern "C" {
 extern zorvac::mem::pool work_pool[zorvac::mem::max_pools];
-extern zorvac::mem::size_list Array_size;         // for __i_pool_malloc
-extern zorvac::mem::size_list Array_size_calloc;  // for __i_pool_calloc
-extern std::atomic<zorvac::mem::pool*> headerP;   // the list of pools, the youngest first
-extern std::uint32_t last_pool_num;               // descriptors of work_pool in the list
-extern zorvac::mem::pool* Last_PoolP;             // the last one that a registration prepared
-extern std::uint32_t _i_pool_cr_sec;              // the global lock
+extern zorvac::mem::size_list Array_size;           // for __i_pool_malloc
+extern zorvac::mem::size_list Array_size_calloc;    // for __i_pool_calloc
+extern zorvac::atomic<zorvac::mem::pool*> headerP;  // the list of pools, the youngest first
+extern std::uint32_t last_pool_num;                 // descriptors of work_pool in the list
+extern zorvac::mem::pool* Last_PoolP;               // the last one that a registration prepared
+extern std::uint32_t _i_pool_cr_sec;                // the global lock
 }
 #endif

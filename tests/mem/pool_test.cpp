@@ -98,11 +98,11 @@ TEST(PoolStates, AreFillingFullAndDrained) {
     const mem::pool& p = work_pool[0];
     std::vector<void*> blocks(30'000);
     const auto expect = [&p](const void* base, const void* saved, unsigned out, unsigned freed) {
-      EXPECT_EQ(p.base, base);
+      EXPECT_EQ(p.base.load_acquire(), base);
       EXPECT_EQ(p.saved_base, saved);
-      EXPECT_EQ(p.handed_out, out);
-      EXPECT_EQ(p.freed, freed);
-      EXPECT_EQ(headerP, &p);
+      EXPECT_EQ(p.handed_out.load_acquire(), out);
+      EXPECT_EQ(p.freed.load_acquire(), freed);
+      EXPECT_EQ(headerP.load_acquire(), &p);
       EXPECT_EQ(last_pool_num, 1u);
       EXPECT_EQ(_i_pool_cr_sec, 0u);
     };
@@ -235,7 +235,7 @@ TEST(Registration, ReplacesTheListAndLeavesPoolsAlone) {
     EXPECT_EQ(system_allocator.free.count, 1);
     __i_pool_free(small);
     EXPECT_EQ(system_allocator.free.count, 1);
-    EXPECT_EQ(work_pool[0].freed, 1u);
+    EXPECT_EQ(work_pool[0].freed.load_acquire(), 1u);
     register_sizes({64}, 0);
     EXPECT_EQ(__i_pool_malloc(64), small + 64);
   });
@@ -261,7 +261,7 @@ TEST(PoolRealloc, MovesTheSmallerSizeBetweenPoolsAndTheSystem) {
     EXPECT_EQ(block, memory.data() + 128);
     EXPECT_TRUE(filled(block, 0, 64, 7));
     EXPECT_TRUE(filled(block, 64, 128, 0xee));  // not the neighbour
-    EXPECT_EQ(work_pool[1].freed, 1u);
+    EXPECT_EQ(work_pool[1].freed.load_acquire(), 1u);
 
     std::memset(block, 8, 128);
     std::memset(larger, 6, 128);
@@ -274,16 +274,16 @@ TEST(PoolRealloc, MovesTheSmallerSizeBetweenPoolsAndTheSystem) {
     __i_pool_free(block);
 
     block = __i_pool_calloc(1, 64);
-    const std::uint32_t handed_out = work_pool[1].handed_out;
+    const std::uint32_t handed_out = work_pool[1].handed_out.load_acquire();
     block = __i_pool_realloc(block, 64);  // from a zeroed pool to one that is not
     EXPECT_TRUE(filled(block, 0, 64, 0));
-    EXPECT_EQ(work_pool[1].handed_out, handed_out + 1);
-    EXPECT_EQ(work_pool[2].freed, 1u);
+    EXPECT_EQ(work_pool[1].handed_out.load_acquire(), handed_out + 1);
+    EXPECT_EQ(work_pool[2].freed.load_acquire(), 1u);
 
     system_allocator.malloc_fails = true;  // the old block stays the caller's
-    const std::uint32_t freed = work_pool[1].freed;
+    const std::uint32_t freed = work_pool[1].freed.load_acquire();
     EXPECT_EQ(__i_pool_realloc(block, 1000), nullptr);
-    EXPECT_EQ(work_pool[1].freed, freed);
+    EXPECT_EQ(work_pool[1].freed.load_acquire(), freed);
   });
 }
 
@@ -305,7 +305,7 @@ TEST_P(WithoutMemory, GivesNullAndTriesAgain) {
     EXPECT_EQ(_i_pool_cr_sec, 0u);
     __i_pool_free(nullptr);
     EXPECT_EQ(system_allocator.free.count, 1);
-    EXPECT_EQ(work_pool[0].freed, 0u);
+    EXPECT_EQ(work_pool[0].freed.load_acquire(), 0u);
 
     system_allocator.malloc_fails = false;
     char* const first = k.allocate();

@@ -56,7 +56,7 @@ TEST(PoolThreads, ShareOnePoolWithoutGapsOrDoubles) {
     });
     EXPECT_EQ(last_pool_num, 2u);
     for (const std::uint32_t pool : {0u, 1u}) {
-      char* const base = work_pool[pool].base;
+      char* const base = work_pool[pool].base.load_acquire();
       std::vector<int> owners(30'000, 0);
       for (const std::vector<char*>& blocks : taken) {
         char* previous = nullptr;
@@ -81,7 +81,7 @@ TEST(PoolThreads, OpenOnePoolASize) {
     for (std::uint32_t pools = 1; pools <= 50; ++pools) {
       at_once([pools](int) { EXPECT_NE(__i_pool_malloc(pools * 8), nullptr); });
       ASSERT_EQ(last_pool_num, pools);
-      ASSERT_EQ(work_pool[pools - 1].handed_out, static_cast<unsigned>(threads));
+      ASSERT_EQ(work_pool[pools - 1].handed_out.load_acquire(), static_cast<unsigned>(threads));
     }
   });
 }
@@ -95,7 +95,7 @@ constexpr word stamp(int thread, int number) {
 bool is_stamp(word w) { return (w & 0xffff'0000'0000'0000) == mark; }
 void expect_every_block_counted(std::uint32_t pools) {
   for (std::uint32_t i = 0; i < pools; ++i)
-    EXPECT_EQ(work_pool[i].freed, work_pool[i].handed_out) << i;
+    EXPECT_EQ(work_pool[i].freed.load_acquire(), work_pool[i].handed_out.load_acquire()) << i;
 }
 void give_up(word* block) {
   *block = 0;
@@ -159,7 +159,7 @@ TEST(PoolThreads, StartPoolsOverUnderOneAnothersHands) {
     }
     for (std::uint32_t i = 0; i < pools; ++i) {
       work_pool[i].count = blocks;
-      work_pool[i].last = work_pool[i].base + std::size_t{64} * (blocks - 1);
+      work_pool[i].last = work_pool[i].base.load_acquire() + std::size_t{64} * (blocks - 1);
     }
     last_pool_num = mem::max_pools;  // no more than these
     for (void* block : firsts) __i_pool_free(block);
@@ -181,7 +181,7 @@ TEST(PoolThreads, StartPoolsOverUnderOneAnothersHands) {
         block[0] = stamp(self, 1);
         block[7] = stamp(self, 7);
         for (std::uint32_t i = 0; i < pools; ++i) {
-          const auto* const base = reinterpret_cast<word*>(work_pool[i].base.load());
+          const auto* const base = reinterpret_cast<word*>(work_pool[i].base.load_acquire());
           from_pools += base != nullptr && block >= base && block < base + std::size_t{8} * blocks;
         }
       }
