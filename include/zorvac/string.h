@@ -160,8 +160,8 @@ void __zorva_sse4_strchr(void);
         "mov %%rsp, %[stack]\n\t"                                                                \
         "lea -128(%%rsp), %%rsp\n\t"                                                             \
         "and $-16, %%rsp\n\t"                                                                    \
-        "call " symbol                                                                           \
-        "@PLT\n\t"                                                                               \
+        "call *" symbol                                                                          \
+        "@GOTPCREL(%%rip)\n\t"                                                                   \
         "mov %[stack], %%rsp"                                                                    \
         : "+a"(rax), "+d"(rdx), [stack] "=&r"(zorvac_stack)                                      \
         : [sought] "x"(xmm1)                                                                     \
@@ -176,39 +176,41 @@ void __zorva_sse4_strchr(void);
  * the one of <zorvac/mem.h>. */
 typedef char zorvac_block __attribute__((vector_size(16), may_alias));
 
-/* The bytes of the first block, from the start of the string on, that equal those of `sought`. */
+/* The bytes of the first block, from the start of the string on, that equal those of `sought` or
+ * are zero. */
 ZORVAC_READS_BLOCKS static inline unsigned zorvac_in_first_block(const char* string,
                                                                  zorvac_block sought) {
   const uintptr_t skip = (uintptr_t)string % 16;
   const zorvac_block block = *(const zorvac_block*)(const void*)(string - skip);
-  return (unsigned)__builtin_ia32_pmovmskb128((zorvac_block)(block == sought)) >> skip;
+  const zorvac_block found = (zorvac_block)((block == sought) | (block == 0));
+  return (unsigned)__builtin_ia32_pmovmskb128(found) >> skip;
 }
 
-#define ZORVAC_SCAN_TAILS(level, one_character)                                                \
-  static inline char* zorvac_##level##_strend(const char* string) {                            \
-    const unsigned ends = zorvac_in_first_block(string, (zorvac_block){0});                    \
-    if (ends != 0) return (char*)string + __builtin_ctz(ends);                                 \
-    uintptr_t rax = (uintptr_t)string & ~(uintptr_t)15, rdx = 0;                               \
-    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strend", rax, rdx, (zorvac_block){0});           \
-    return (char*)rax;                                                                         \
-  }                                                                                            \
-  static inline size_t zorvac_##level##_strlen(const char* string) {                           \
-    const unsigned ends = zorvac_in_first_block(string, (zorvac_block){0});                    \
-    if (ends != 0) return (size_t)__builtin_ctz(ends);                                         \
-    uintptr_t rax = (uintptr_t)string & ~(uintptr_t)15, rdx = (uintptr_t)string;               \
-    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strlen", rax, rdx, (zorvac_block){0});           \
-    return rax;                                                                                \
-  }                                                                                            \
-  static inline char* zorvac_##level##_strchr(const char* string, int character) {             \
-    const zorvac_block repeated = (zorvac_block){0} + (char)character;                         \
-    const unsigned hits = zorvac_in_first_block(string, repeated);                             \
-    const unsigned ends = zorvac_in_first_block(string, (zorvac_block){0});                    \
-    const unsigned stops = hits | ends;                                                        \
-    if (stops != 0)                                                                            \
-      return (hits & (0u - stops) & stops) != 0 ? (char*)string + __builtin_ctz(stops) : NULL; \
-    uintptr_t rax = (uintptr_t)string & ~(uintptr_t)15, rdx = 0;                               \
-    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strchr", rax, rdx, one_character);               \
-    return (char*)rax;                                                                         \
+#define ZORVAC_SCAN_TAILS(level, one_character)                                      \
+  static inline char* zorvac_##level##_strend(const char* string) {                  \
+    const unsigned ends = zorvac_in_first_block(string, (zorvac_block){0});          \
+    uintptr_t rax = (uintptr_t)string & ~(uintptr_t)15, rdx = 0;                     \
+    if (ends != 0) return (char*)string + __builtin_ctz(ends);                       \
+    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strend", rax, rdx, (zorvac_block){0}); \
+    return (char*)rax;                                                               \
+  }                                                                                  \
+  static inline size_t zorvac_##level##_strlen(const char* string) {                 \
+    const unsigned ends = zorvac_in_first_block(string, (zorvac_block){0});          \
+    uintptr_t rax = (uintptr_t)string & ~(uintptr_t)15, rdx = (uintptr_t)string;     \
+    if (ends != 0) return (size_t)__builtin_ctz(ends);                               \
+    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strlen", rax, rdx, (zorvac_block){0}); \
+    return rax;                                                                      \
+  }                                                                                  \
+  static inline char* zorvac_##level##_strchr(const char* string, int character) {   \
+    const zorvac_block repeated = (zorvac_block){0} + (char)character;               \
+    const unsigned stops = zorvac_in_first_block(string, repeated);                  \
+    uintptr_t rax = (uintptr_t)string & ~(uintptr_t)15, rdx = 0;                     \
+    if (stops != 0) {                                                                \
+      const char* const stop = string + __builtin_ctz(stops);                        \
+      return *stop == (char)character ? (char*)stop : NULL;                          \
+    }                                                                                \
+    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strchr", rax, rdx, one_character);     \
+    return (char*)rax;                                                               \
   }
 ZORVAC_SCAN_TAILS(sse2, repeated)
 ZORVAC_SCAN_TAILS(sse4, (zorvac_block){(char)character})

@@ -41,8 +41,8 @@ ZORVAC_INLINE void store_anywhere(char* p, block b) {
 ZORVAC_INLINE unsigned lanes(block b) { return static_cast<unsigned>(_mm_movemask_epi8(b)); }
 ZORVAC_INLINE unsigned equal_lanes(block a, block b) { return lanes(_mm_cmpeq_epi8(a, b)); }
 ZORVAC_INLINE unsigned zero_lanes(block b) { return equal_lanes(b, _mm_setzero_si128()); }
-ZORVAC_INLINE unsigned lowest(unsigned set) {  // of a set that is not empty
-  return static_cast<unsigned>(__builtin_ctz(set));
+ZORVAC_INLINE unsigned lowest(std::uint64_t set) {  // of a set that is not empty
+  return static_cast<unsigned>(__builtin_ctzll(set));
 }
 ZORVAC_INLINE unsigned highest(unsigned set) {
   return 31 - static_cast<unsigned>(__builtin_clz(set));

@@ -91,7 +91,7 @@ ZORVAC_INLINE group<Groups> first_group(const char* string) {
 
 // Appends further digits to a value. Apart, so that numbers of one group do without its registers.
 template <class Groups>
-ZORVAC_STRING_CALL [[gnu::noinline]] typename Groups::value append_digits(
+[[gnu::noinline]] ZORVAC_STRING_CALL typename Groups::value append_digits(
     const char* string, typename Groups::value value) {
   for (;;) {
     const group<Groups> next = first_group<Groups>(string);

@@ -26,24 +26,26 @@ struct sse2 {
   }
 
   struct end_target {
-    ZORVAC_INLINE bool stops(block b) const { return has_end(b); }
-    ZORVAC_INLINE const char* result(const char* at, block b) const { return at + end_of(b); }
     // Holds a zero where the scan stops.
-    ZORVAC_INLINE block zero_at_stops(block b) const { return b; }
+    ZORVAC_INLINE static block zero_at_stops(block b) { return b; }
+    ZORVAC_INLINE static const char* result(const char* stop) { return stop; }
+    ZORVAC_INLINE static bool stops(block b) { return has_end(b); }
+    ZORVAC_INLINE static const char* result(const char* at, block b) { return at + end_of(b); }
   };
 
   struct character_target {
     block repeated;  // the character, 16 times
     ZORVAC_INLINE explicit character_target(block prepared) : repeated(prepared) {}
-    ZORVAC_INLINE bool stops(block b) const { return has_end(zero_at_stops(b)); }
-    // A zero below the first match ends the string before it.
-    ZORVAC_INLINE const char* result(const char* at, block b) const {
-      const unsigned hits = equal_lanes(b, repeated);
-      const unsigned stop = lowest(hits | zero_lanes(b));
-      return (hits >> stop & 1) != 0 ? at + stop : nullptr;
-    }
     ZORVAC_INLINE block zero_at_stops(block b) const {
       return _mm_min_epu8(b, _mm_xor_si128(b, repeated));
+    }
+    // The first stop is the character, or the end before it.
+    ZORVAC_INLINE const char* result(const char* stop) const {
+      return *stop == static_cast<char>(_mm_cvtsi128_si32(repeated)) ? stop : nullptr;
+    }
+    ZORVAC_INLINE bool stops(block b) const { return has_end(zero_at_stops(b)); }
+    ZORVAC_INLINE const char* result(const char* at, block b) const {
+      return result(at + end_of(zero_at_stops(b)));
     }
   };
 

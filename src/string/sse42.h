@@ -42,23 +42,21 @@ struct sse42 : ssse3 {
     return _mm_cmpistrc(a, b, first_difference) != 0 ? index_in<first_difference>(a, b) : end_of(b);
   }
 
-  struct end_target {
-    ZORVAC_INLINE bool stops(block b) const { return has_end(b); }
-    ZORVAC_INLINE const char* result(const char* at, block b) const { return at + end_of(b); }
-    ZORVAC_INLINE block zero_at_stops(block b) const { return b; }
+  struct end_target : sse2::end_target {
+    using sse2::end_target::result;
+    ZORVAC_INLINE static bool stops(block b) { return has_end(b); }
+    ZORVAC_INLINE static const char* result(const char* at, block b) { return at + end_of(b); }
   };
 
-  struct character_target {
+  struct character_target : sse2::character_target {
     block alone;  // a set of one character, which is not zero
-    block repeated;
     ZORVAC_INLINE explicit character_target(block prepared)
-        : alone(prepared), repeated(repeat(prepared)) {}
+        : sse2::character_target(repeat(prepared)), alone(prepared) {}
+    using sse2::character_target::result;
+    // "Above": neither a match nor the end.
     ZORVAC_INLINE bool stops(block b) const { return _mm_cmpistra(alone, b, any_of) == 0; }
     ZORVAC_INLINE const char* result(const char* at, block b) const {
       return _mm_cmpistrc(alone, b, any_of) != 0 ? at + index_in<any_of>(alone, b) : nullptr;
-    }
-    ZORVAC_INLINE block zero_at_stops(block b) const {
-      return _mm_min_epu8(b, _mm_xor_si128(b, repeated));
     }
   };
 

@@ -9,7 +9,7 @@
 #include "zorvac/string.h"
 
 #define ZORVAC_SCAN_TAIL(symbol, result, ...)                                                    \
-  ZORVAC_STRING_CALL [[gnu::used]] static result tail(__VA_ARGS__) __asm__("tail_of_" #symbol);  \
+  [[gnu::used]] static ZORVAC_STRING_CALL result tail(__VA_ARGS__) __asm__("tail_of_" #symbol);  \
   extern "C" [[gnu::naked]] void symbol() { __asm__("mov %rax, %rcx\n\tjmp tail_of_" #symbol); } \
   static result tail(__VA_ARGS__)
 
