@@ -45,9 +45,9 @@ struct tens {
   ZORVAC_INLINE static value join(block digits, unsigned count) {
     const block groups =
         eights(digits, __libvrt_byte_factor, __libvrt_word_factor, __libvrt_dword_factor);
-    const std::uint32_t lacking = __libvrt_factors[count - 1];
+    const std::uint32_t lacking = __libvrt_factors[count - 1];  // entry 15 - n: ten to the n - 8
     if (count <= 8) return first_dword(groups) / lacking;
-    return first_dword(groups) * (100 / lacking) + second_dword(groups) / lacking;
+    return first_dword(groups) * __libvrt_factors[15 - count] + second_dword(groups) / lacking;
   }
 };
 
@@ -61,7 +61,7 @@ struct sixteens {
     const std::uint32_t lacking = __libvrt_factors_64[count - 1];
     if (count <= 8) return first_dword(groups) / lacking;
     if (count < most)
-      return std::uint64_t{first_dword(groups)} * (100000000 / lacking) +
+      return std::uint64_t{first_dword(groups)} * __libvrt_factors_64[15 - count] +
              second_dword(groups) / lacking;
     const block halves =
         _mm_mul_epu32(_mm_cvtepu32_epi64(groups), vector_at(__libvrt_qword_factor_64));
@@ -77,16 +77,23 @@ template <class Groups>
 struct group {
   unsigned count;
   typename Groups::value value;
+  bool more;  // there may be digits after them
 };
 template <class Groups>
 ZORVAC_INLINE group<Groups> first_group(const char* string) {
   const block window = load_string(string);
   const unsigned run = index_in<outside_ranges>(vector_at(__libvrt_dig_range_vec), window);
-  if (run == 0) return {0, 0};
+  if (run == 0) return {0, 0, false};
   const unsigned count = run < Groups::most ? run : Groups::most;
   const block digits = _mm_and_si128(_mm_sub_epi8(window, vector_at(__libvrt_zero_vec)),
                                      vector_at(__libvrt_excess_vecs[block_bytes - count]));
-  return {count, Groups::join(digits, count)};
+  return {count, Groups::join(digits, count), run > count || run == block_bytes};
+}
+
+ZORVAC_INLINE std::uint64_t ten_to(unsigned exponent) {  // 0 to 16
+  std::uint64_t power = 1;
+  for (; exponent >= 8; exponent -= 8) power *= 100000000;
+  return power * __libvrt_factors_64[7 - exponent];
 }
 
 // Appends further digits to a value. Apart, so that numbers of one group do without its registers.
@@ -95,9 +102,8 @@ template <class Groups>
     const char* string, typename Groups::value value) {
   for (;;) {
     const group<Groups> next = first_group<Groups>(string);
-    for (unsigned i = 0; i < next.count; ++i) value *= 10;
-    value += next.value;
-    if (next.count < Groups::most) return value;
+    value = value * static_cast<typename Groups::value>(ten_to(next.count)) + next.value;
+    if (!next.more) return value;
     string += next.count;
   }
 }
@@ -106,7 +112,7 @@ template <class Groups>
 template <class Groups>
 ZORVAC_INLINE typename Groups::value digits_value(const char* string) {
   const group<Groups> first = first_group<Groups>(string);
-  if (first.count < Groups::most) return first.value;
+  if (!first.more) return first.value;
   return append_digits<Groups>(string + first.count, first.value);
 }
 

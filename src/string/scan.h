@@ -49,8 +49,9 @@ ZORVAC_INLINE const char* scan_after(const char* at, const Target& target) {
   if (const std::uint64_t stops = stops_in_group(four, target) >> (at - four))
     return target.result(at + lowest(stops));
   const char* group = four - offset_in_group(four);
-  do group += group_bytes;
-  while (!stops_anywhere(group, target));
+  while (!stops_anywhere(group += group_bytes, target) &&
+         !stops_anywhere(group += group_bytes, target)) {
+  }
   // Loads the group again: to keep it would take registers that have to be saved first.
   __asm__("" : "+r"(group));
   return target.result(group + lowest(stops_in_group(group, target)));
