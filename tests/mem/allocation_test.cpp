@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <vector>
 
 #include "mem/allocator.h"
@@ -20,9 +21,11 @@
 namespace zorvac::test {
 namespace {
 
+using sizes = std::initializer_list<std::size_t>;
+
 TEST(AlignedBlock, IsAlignedHoldsItsSizeAndFreesWhatMallocGave) {
-  for (const std::size_t alignment : {0, 1, 2, 4, 8, 16, 32, 64, 128, 4096, 65536})
-    for (const std::size_t size : {0, 1, 7, 8, 24, 63, 64, 1000, 100'000}) {
+  for (const std::size_t alignment : sizes{0, 1, 2, 4, 8, 16, 32, 64, 128, 4096, 65536})
+    for (const std::size_t size : sizes{0, 1, 7, 8, 24, 63, 64, 1000, 100'000}) {
       auto* const block = static_cast<unsigned char*>(zorvac_mm_malloc(size, alignment));
       ASSERT_NE(block, nullptr);
       const std::size_t expected = std::max<std::size_t>(alignment, 8);
@@ -43,7 +46,7 @@ TEST(AlignedBlock, IsAlignedHoldsItsSizeAndFreesWhatMallocGave) {
 // malloc may give any address that is a multiple of 16: the whole range that rounding has.
 TEST(AlignedBlock, LiesWithinTheMemoryWhereverThatIs) {
   const guarded_block memory(8192);
-  for (const std::size_t alignment : {8, 16, 24, 64, 100, 1024})
+  for (const std::size_t alignment : sizes{8, 16, 24, 64, 100, 1024})
     for (std::size_t at = 0; at < 2048; at += 16) {
       unsigned char* const raw = memory.begin() + at;
       system_allocator.next_malloc = raw;
@@ -135,7 +138,7 @@ TEST(FastCalloc, GivesNullWhenMallocDoes) {
 // The C library's own blocks: used before, and mapped.
 TEST(FastCalloc, ClearsUsedMemoryAndLeavesMappedMemoryUntouched) {
   if (!malloc_is_the_c_librarys) GTEST_SKIP() << "a sanitizer's allocator keeps other headers";
-  for (const std::size_t bytes : {1, 24, 100, 1000, 5000, 60'000}) {
+  for (const std::size_t bytes : sizes{1, 24, 100, 1000, 5000, 60'000}) {
     void* const used = malloc(bytes);
     std::memset(used, 0xff, bytes);
     free(used);

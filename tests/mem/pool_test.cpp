@@ -95,9 +95,9 @@ TEST_P(Pool, DoesNotReuseABlockWhileAnotherOneIsInUse) {
 TEST(PoolStates, AreFillingFullAndDrained) {
   in_own_process([] {
     register_sizes({64}, 0);
-    const mem::pool& p = work_pool[0];
     std::vector<void*> blocks(30'000);
-    const auto expect = [&p](const void* base, const void* saved, unsigned out, unsigned freed) {
+    const auto expect = [](const void* base, const void* saved, unsigned out, unsigned freed) {
+      const mem::pool& p = work_pool[0];
       EXPECT_EQ(p.base.load_acquire(), base);
       EXPECT_EQ(p.saved_base, saved);
       EXPECT_EQ(p.handed_out.load_acquire(), out);
@@ -108,8 +108,8 @@ TEST(PoolStates, AreFillingFullAndDrained) {
     };
     for (void*& block : blocks) block = __i_pool_malloc(64);
     expect(blocks[0], nullptr, 30'000, 0);
-    EXPECT_EQ(p.last, blocks.back());
-    EXPECT_EQ(p.zeroed, 0u);
+    EXPECT_EQ(work_pool[0].last, blocks.back());
+    EXPECT_EQ(work_pool[0].zeroed, 0u);
     for (std::size_t i = 1; i < blocks.size(); ++i) __i_pool_free(blocks[i]);
     expect(blocks[0], nullptr, 30'000, 29'999);
     __i_pool_free(blocks[0]);
