@@ -189,22 +189,25 @@ ZORVAC_READS_BLOCKS static inline unsigned zorvac_in_first_block(const char* str
 #define ZORVAC_SCAN_TAILS(level, one_character)                                      \
   static inline char* zorvac_##level##_strend(const char* string) {                  \
     const unsigned ends = zorvac_in_first_block(string, (zorvac_block){0});          \
-    uintptr_t rax = (uintptr_t)string & ~(uintptr_t)15, rdx = 0;                     \
+    const char* rax = string - (uintptr_t)string % 16;                               \
+    uintptr_t rdx = 0;                                                               \
     if (ends != 0) return (char*)string + __builtin_ctz(ends);                       \
     ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strend", rax, rdx, (zorvac_block){0}); \
     return (char*)rax;                                                               \
   }                                                                                  \
   static inline size_t zorvac_##level##_strlen(const char* string) {                 \
     const unsigned ends = zorvac_in_first_block(string, (zorvac_block){0});          \
-    uintptr_t rax = (uintptr_t)string & ~(uintptr_t)15, rdx = (uintptr_t)string;     \
+    const char* rax = string - (uintptr_t)string % 16;                               \
+    uintptr_t rdx = (uintptr_t)string;                                               \
     if (ends != 0) return (size_t)__builtin_ctz(ends);                               \
     ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strlen", rax, rdx, (zorvac_block){0}); \
-    return rax;                                                                      \
+    return (size_t)rax;                                                              \
   }                                                                                  \
   static inline char* zorvac_##level##_strchr(const char* string, int character) {   \
     const zorvac_block repeated = (zorvac_block){0} + (char)character;               \
     const unsigned stops = zorvac_in_first_block(string, repeated);                  \
-    uintptr_t rax = (uintptr_t)string & ~(uintptr_t)15, rdx = 0;                     \
+    const char* rax = string - (uintptr_t)string % 16;                               \
+    uintptr_t rdx = 0;                                                               \
     if (stops != 0) {                                                                \
       const char* const stop = string + __builtin_ctz(stops);                        \
       return *stop == (char)character ? (char*)stop : NULL;                          \

@@ -96,24 +96,22 @@ ZORVAC_INLINE std::uint64_t ten_to(unsigned exponent) {  // 0 to 16
   return power * __libvrt_factors_64[7 - exponent];
 }
 
-// Appends further digits to a value. Apart, so that numbers of one group do without its registers.
-template <class Groups>
-[[gnu::noinline]] ZORVAC_STRING_CALL typename Groups::value append_digits(
-    const char* string, typename Groups::value value) {
-  for (;;) {
-    const group<Groups> next = first_group<Groups>(string);
-    value = value * static_cast<typename Groups::value>(ten_to(next.count)) + next.value;
-    if (!next.more) return value;
-    string += next.count;
-  }
+ZORVAC_INLINE std::uint64_t signed_value(std::uint64_t value, bool negative) {
+  return negative ? 0 - value : value;
 }
 
-// The value of the digits at the start of a string, modulo the range of the result.
+// Appends further digits to a value and gives it its sign. Apart, and called last, so that numbers
+// of one group do without its registers.
 template <class Groups>
-ZORVAC_INLINE typename Groups::value digits_value(const char* string) {
-  const group<Groups> first = first_group<Groups>(string);
-  if (!first.more) return first.value;
-  return append_digits<Groups>(string + first.count, first.value);
+[[gnu::noinline]] ZORVAC_STRING_CALL std::uint64_t append_digits(const char* string,
+                                                                 typename Groups::value value,
+                                                                 bool negative) {
+  for (;;) {
+    const group<Groups> next = first_group<Groups>(string);
+    value = static_cast<typename Groups::value>(value * ten_to(next.count) + next.value);
+    if (!next.more) return signed_value(value, negative);
+    string += next.count;
+  }
 }
 
 ZORVAC_INLINE const char* skip_spaces(const char* string) {
@@ -123,17 +121,18 @@ ZORVAC_INLINE const char* skip_spaces(const char* string) {
   }
 }
 
-// White space, a sign, digits. The minus sign negates modulo the range as well.
+// White space, a sign, digits. The result is modulo the range of the result type, negated too.
 template <class Groups>
-ZORVAC_INLINE typename Groups::value convert(const char* string) {
+ZORVAC_INLINE std::uint64_t convert(const char* string) {
   bool negative = false;
   if (!is_digit(*string)) {
     string = skip_spaces(string);
     negative = *string == '-';
     if (negative || *string == '+') ++string;
   }
-  const typename Groups::value value = digits_value<Groups>(string);
-  return negative ? 0 - value : value;
+  const group<Groups> first = first_group<Groups>(string);
+  if (first.more) return append_digits<Groups>(string + first.count, first.value, negative);
+  return signed_value(first.value, negative);
 }
 
 }  // namespace
