@@ -1,1 +1,1 @@
-/* jemalloc with nothing visible but its own interface (see CMakeLists.txt beside this file). */
+/* A library of jemalloc that shows mallocx and dallocx alone: CMakeLists.txt tells how. */

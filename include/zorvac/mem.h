@@ -171,10 +171,10 @@ void __fast_unlock(uint32_t* lock);
  *  returns  the block, to be freed by zorvac_mm_free() alone; null where malloc gives null or
  *           size + alignment + 8 exceeds the address space
  *  threads  re-entrant */
-void *zorvac_mm_malloc(size_t size, size_t alignment) __asm__("_mm_malloc");
+void* zorvac_mm_malloc(size_t size, size_t alignment) __asm__("_mm_malloc");
 
 /** Frees a block of zorvac_mm_malloc(); null is ignored. */
-void zorvac_mm_free(void *block) __asm__("_mm_free");
+void zorvac_mm_free(void* block) __asm__("_mm_free");
 
 /** Allocates count x size bytes, all zero. A block that malloc has mapped from the operating system
  *  for this request is not written to: it is zero already. Whether it was tells the word in front
