@@ -87,7 +87,8 @@ ZORVAC_INLINE group<Groups> first_group(const char* string) {
   const unsigned count = run < Groups::most ? run : Groups::most;
   const block digits = _mm_and_si128(_mm_sub_epi8(window, vector_at(__libvrt_zero_vec)),
                                      vector_at(__libvrt_excess_vecs[block_bytes - count]));
-  return {count, Groups::join(digits, count), run > count || run == block_bytes};
+  constexpr unsigned too_many = Groups::most < block_bytes ? Groups::most + 1 : block_bytes;
+  return {count, Groups::join(digits, count), run >= too_many};
 }
 
 ZORVAC_INLINE std::uint64_t ten_to(unsigned exponent) {  // 0 to 16
