@@ -12,6 +12,7 @@ set(ZORVAC_FLAGS_baseline "")
 # its arguments.
 set(ZORVAC_FLAGS_general -mgeneral-regs-only -fno-sanitize=all -fno-optimize-sibling-calls)
 set(ZORVAC_FLAGS_ssse3 -mssse3)
+set(ZORVAC_FLAGS_sse4_2 -msse4.2)
 set(ZORVAC_FLAGS_avx2 -mavx2)
 set(ZORVAC_FLAGS_avx512f -mavx512f)
 
@@ -112,3 +113,68 @@ zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   quad/w_cqtoch.cpp quad/w_cqtoi.cpp quad/w_cqtoj.cpp quad/w_cqtoq.cpp quad/w_cqtos.cpp
   quad/w_csubq.cpp quad/w_ctocq.cpp quad/w_dtocq.cpp quad/w_ftocq.cpp quad/w_itocq.cpp
   quad/w_jtocq.cpp quad/w_qtocq.cpp quad/w_stocq.cpp)
+
+# Allocation. To the compiler malloc is a routine like any other: it must not conclude that the word
+# in front of a block is nobody's, nor make one call of an allocation and a fill.
+zorvac_sources(ZORVAC_ALLOCATION_SOURCES baseline
+  mem/fastcalloc.cpp
+  mem/imalloc.cpp
+  mem/xmm_malloc.cpp)
+zorvac_sources(ZORVAC_ALLOCATION_SOURCES general
+  mem/stacksecurity.cpp)
+set_property(SOURCE ${ZORVAC_ALLOCATION_SOURCES} APPEND PROPERTY COMPILE_OPTIONS -fno-builtin)
+list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_ALLOCATION_SOURCES})
+
+# The string routines, one source each. They are optimised in every build: a compiler that does not
+# optimise keeps the arguments of these in the 32 bytes above the return address, which belong to a
+# caller who need not know. They read whole blocks around strings, which sanitizers would object to.
+zorvac_sources(ZORVAC_STRING_SOURCES baseline
+  string/faststring_util.cpp
+  string/sse2_stpcpy.cpp
+  string/sse2_stpncpy.cpp
+  string/sse2_strcat.cpp
+  string/sse2_strchr.cpp
+  string/sse2_strcpy.cpp
+  string/sse2_strcspn.cpp
+  string/sse2_strdup.cpp
+  string/sse2_strend.cpp
+  string/sse2_strlen.cpp
+  string/sse2_strncat.cpp
+  string/sse2_strncmp.cpp
+  string/sse2_strncpy.cpp
+  string/sse2_strnlen.cpp
+  string/sse2_strpbrk.cpp
+  string/sse2_strrchr.cpp
+  string/sse2_strspn.cpp
+  string/sse2_strtok.cpp)
+zorvac_sources(ZORVAC_STRING_SOURCES ssse3
+  string/ssse3_stpcpy.cpp
+  string/ssse3_stpncpy.cpp
+  string/ssse3_strcpy.cpp
+  string/ssse3_strncpy.cpp
+  string/ssse3_strrchr.cpp)
+zorvac_sources(ZORVAC_STRING_SOURCES sse4_2
+  string/sse4_atoi.cpp
+  string/sse4_atol.cpp
+  string/sse4_atoll.cpp
+  string/sse4_stpcpy.cpp
+  string/sse4_stpncpy.cpp
+  string/sse4_strcat.cpp
+  string/sse4_strchr.cpp
+  string/sse4_strcpy.cpp
+  string/sse4_strcspn.cpp
+  string/sse4_strdup.cpp
+  string/sse4_strend.cpp
+  string/sse4_strlen.cpp
+  string/sse4_strncat.cpp
+  string/sse4_strncmp.cpp
+  string/sse4_strncpy.cpp
+  string/sse4_strnlen.cpp
+  string/sse4_strpbrk.cpp
+  string/sse4_strrchr.cpp
+  string/sse4_strspn.cpp
+  string/sse4_strtok.cpp)
+set_property(SOURCE ${ZORVAC_STRING_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
+  -O2 -fno-builtin -fno-sanitize=address,thread
+  $<$<CXX_COMPILER_ID:GNU>:-fno-tree-loop-distribute-patterns>)
+list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_STRING_SOURCES})

@@ -1,13 +1,14 @@
 #ifndef ZORVAC_MEM_H
 #define ZORVAC_MEM_H
-/** Memory: block copy, move, fill and compare.
+/** Memory: block copy, move, fill and compare; further down, pools, aligned blocks, zero-filled
+ *  blocks and the guard of stack buffers.
  *
  *  Compiled programs call the four entry points named _zorva_fast_*. Three of them choose, on every
  *  call, the best routine that the feature indicator (zorvac/cpu.h) allows and jump to it; the
  *  routines themselves, the workers, may also be called directly where the caller knows the
  *  processor. docs/memory.md tells how the workers go about it.
  *
- *  For every routine here:
+ *  For every block routine:
  *    counts     bytes, 0 included; a count of 0 neither reads nor writes
  *    alignment  none required
  *    errors     none
@@ -25,6 +26,7 @@
  *  of the program's own.
  */
 #include <stddef.h>
+#include <stdint.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -103,8 +105,105 @@ void* __zorva_VEC_memcpy(void* destination, const void* source, size_t count);
 void* __zorva_VEC_memset(void* destination, int value, size_t count);
 void* __zorva_VEC_memzero(void* destination, int ignored, size_t count);
 
+/** Pools: blocks of a few sizes that a program allocates very often.
+ *
+ *  A pool is one piece of memory from malloc, cut into blocks of one size: 300,000 blocks of 40, 48
+ *  or 96 bytes, 30,000 of any other size. Blocks are handed out in order of address. A freed block
+ *  is not used again until all blocks of its pool have been freed; then the next request of that
+ *  size starts the pool over from its first block. While a pool is full, another one serves its
+ *  size, up to 50 pools for all sizes together. Pool memory is never given back to the system.
+ *
+ *  A request that no pool can serve (its size is not registered; all of 50 pools are taken and
+ *  those of its size are full) goes to malloc, calloc, realloc or free of the C library, and so
+ *  does every block that lies in no pool. Blocks of one kind may therefore be freed as the other.
+ *
+ *  For every pool routine:
+ *    alignment  blocks of a pool follow each other without a gap, from an address that malloc gave:
+ *               a block is aligned to 16 bytes only where its size is a multiple of 16
+ *    threads    any thread may call any routine at any time, and free what another one allocated;
+ *               a request may wait, spinning, while another thread adds or restarts a pool
+ *    signals    not to be called from a signal handler
+ *    errors     null where the memory has run out, as from malloc; nothing is printed. A pool that
+ *               finds no memory asks again at the next request of its size
+ *    registers  System V AMD64
+ */
+
+/** Registers block sizes, in place of those that an earlier call with the same kind registered.
+ *
+ *  sizes       [in] block sizes in bytes, ended by 0; at most 50 are read, and with 50 there need
+ *                   be no 0 behind them
+ *  for_calloc  0: for __i_pool_malloc and __i_pool_realloc; otherwise for __i_pool_calloc
+ *
+ *  A pool takes count x size bytes in 32-bit signed arithmetic, so a size may be at most 71,582.
+ *  One for which the product turns negative always gets null; with one for which it wraps to a
+ *  positive value (143,166 is the smallest), most blocks would lie outside the memory: do not
+ *  register such sizes. Pools that exist already, and their blocks, stay as they are. */
+void __i_pool_init(const uint32_t* sizes, int for_calloc);
+
+/** Allocates size bytes, not initialised. */
+void* __i_pool_malloc(uint32_t size);
+
+/** Allocates count x size bytes, all zero. Pools are looked up by the product modulo 2^32, so the
+ *  caller sees to it that it does not exceed that; calloc gets both factors as they are. */
+void* __i_pool_calloc(int count, int size);
+
+/** Moves a block to one of size bytes, with the contents up to the smaller of both sizes; what a
+ *  larger block has beyond them is not initialised, for blocks of __i_pool_calloc too. A block of a
+ *  pool always moves, to where __i_pool_malloc puts it; another one, and null, goes to realloc.
+ *
+ *  returns  the new block; null, with the old block still valid, where there is no memory */
+void* __i_pool_realloc(void* block, uint32_t size);
+
+/** Frees a block of the three routines above, or of the C library, or null. */
+void __i_pool_free(void* block);
+
+/** A spin lock: takes it, spinning without a pause, by storing 1 in place of 0. Acquires. */
+void __fast_lock(uint32_t* lock);
+
+/** Releases a lock that the caller has: stores 0. */
+void __fast_unlock(uint32_t* lock);
+
+/** Allocates size bytes at an address that is a multiple of alignment, a power of two (8 where it
+ *  is less). The 8 bytes in front of the block hold the pointer that malloc gave.
+ *
+ *  Exported as _mm_malloc and _mm_free. They have other names here because the compilers' own
+ *  <mm_malloc.h>, which every header of vector intrinsics includes, defines static functions of
+ *  those names; blocks of the ones must not be freed by the others.
+ *
+ *  returns  the block, to be freed by zorvac_mm_free() alone; null where malloc gives null or
+ *           size + alignment + 8 exceeds the address space
+ *  threads  re-entrant */
+void* zorvac_mm_malloc(size_t size, size_t alignment) __asm__("_mm_malloc");
+
+/** Frees a block of zorvac_mm_malloc(); null is ignored. */
+void zorvac_mm_free(void* block) __asm__("_mm_free");
+
+/** Allocates count x size bytes, all zero. A block that malloc has mapped from the operating system
+ *  for this request is not written to: it is zero already. Whether it was tells the word in front
+ * of a block, which in the C library's allocator holds the block's size and, as bit 1, that mark.
+ *
+ *  returns  the block, to be freed by free(); null where malloc gives null, or where the process
+ *           has no malloc. The product wraps modulo 2^64: callers check it where it could
+ *  threads  re-entrant */
+void* _zorva_fast_calloc(size_t count, size_t size);
+
+/** The value that compiled code puts between its stack buffers and its return address. Not zero,
+ * the upper 32 bits zero; fixed when the library is built, and only read here. */
+extern uint64_t __zorva_security_cookie;
+
+/** Compares the value found on the stack with the cookie. Returns when they are equal, with every
+ *  register but the flags as it was. Otherwise prints "Error:  Buffer overrun occurred, forced
+ * exit" (message 26) on standard error and ends the process with abort(): no exit handler runs. */
+void __zorva_security_check_cookie(uint64_t found);
+
+/** Does nothing: the cookie needs no initialisation. */
+void __zorva_security_init_cookie(void);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif
+
+#include <zorvac/string.h>
+
 #endif

@@ -12,6 +12,7 @@ namespace message {
 inline constexpr int line_end = 0;
 inline constexpr int not_built_for_processor = 23;
 inline constexpr int allowed_processors = 24;
+inline constexpr int buffer_overrun = 26;
 inline constexpr int not_built_for_system = 49;
 inline constexpr int verify_features = 56;
 inline constexpr int list_separator = 57;

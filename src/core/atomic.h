@@ -1,0 +1,35 @@
+#ifndef ZORVAC_CORE_ATOMIC_H
+#define ZORVAC_CORE_ATOMIC_H
+// A value that threads share, with the orderings that the library uses. The C++ library's
+// std::atomic has default visibility, and so has its every small function: in a library whose
+// functions a program may replace, clang calls them instead of inlining them.
+
+namespace zorvac {
+
+template <class T>
+class atomic {
+ public:
+  constexpr atomic() = default;
+  atomic(const atomic&) = delete;
+  atomic& operator=(const atomic&) = delete;
+
+  [[nodiscard]] T load_relaxed() const { return __atomic_load_n(&value_, __ATOMIC_RELAXED); }
+  [[nodiscard]] T load_acquire() const { return __atomic_load_n(&value_, __ATOMIC_ACQUIRE); }
+  void store_relaxed(T value) { __atomic_store_n(&value_, value, __ATOMIC_RELAXED); }
+  void store_release(T value) { __atomic_store_n(&value_, value, __ATOMIC_RELEASE); }
+
+  // Stores `value` where `expected` is found, and acquires. Otherwise, or for no reason, leaves
+  // what there is in `expected`.
+  bool try_replace_acquire(T& expected, T value) {
+    return __atomic_compare_exchange_n(&value_, &expected, value, true, __ATOMIC_ACQUIRE,
+                                       __ATOMIC_RELAXED);
+  }
+  // Returns the sum; acquires and releases.
+  T add(T summand) { return __atomic_add_fetch(&value_, summand, __ATOMIC_ACQ_REL); }
+
+ private:
+  T value_{};
+};
+
+}  // namespace zorvac
+#endif

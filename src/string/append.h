@@ -1,0 +1,30 @@
+#ifndef ZORVAC_STRING_APPEND_H
+#define ZORVAC_STRING_APPEND_H
+// Copies to where there is to be room first: the end of another string, or new memory.
+#include <cstdlib>
+
+#include "string/copy.h"
+#include "string/scan.h"
+
+namespace zorvac::string {
+namespace {
+
+// The zero that ends the result is the copied one, or the one behind `count` characters.
+template <class Level>
+ZORVAC_INLINE void append(char* to, const char* from, std::size_t count) {
+  char* const end = to + (find_end<Level>(to) - to);
+  *copy<Level>(end, from, count) = 0;
+}
+
+// A null pointer when there is no memory.
+template <class Level>
+ZORVAC_INLINE char* duplicate(const char* string) {
+  const auto bytes = static_cast<std::size_t>(find_end<Level>(string) - string) + 1;
+  char* const twin = static_cast<char*>(std::malloc(bytes));
+  if (twin != nullptr) copy<Level>(twin, string, bytes);
+  return twin;
+}
+
+}  // namespace
+}  // namespace zorvac::string
+#endif

@@ -1,0 +1,126 @@
+#ifndef ZORVAC_STRING_COPY_H
+#define ZORVAC_STRING_COPY_H
+// The copy: moves a string, at most so many bytes of it, and tells where its end came to lie.
+//
+// The search for the end loads aligned blocks. Bytes that are known to be the string's are moved by
+// loads from anywhere, at the beginning and at the end, so that no byte is moved alone. In between,
+// a level either loads aligned and stores where that leads, or (PALIGNR) merges two aligned blocks
+// and stores aligned.
+#include "string/block.h"
+
+namespace zorvac::string {
+namespace {
+
+template <class Word>
+ZORVAC_INLINE void move_two(char* to, const char* from, std::size_t bytes) {
+  Word first, last;
+  __builtin_memcpy(&first, from, sizeof first);
+  __builtin_memcpy(&last, from + bytes - sizeof last, sizeof last);
+  __builtin_memcpy(to, &first, sizeof first);
+  __builtin_memcpy(to + bytes - sizeof last, &last, sizeof last);
+}
+// 1 to 32 bytes: the first and the last half, which may overlap.
+ZORVAC_INLINE void move_few(char* to, const char* from, std::size_t bytes) {
+  if (bytes >= block_bytes) {
+    const block first = load_anywhere(from), last = load_anywhere(from + bytes - block_bytes);
+    store_anywhere(to, first);
+    store_anywhere(to + bytes - block_bytes, last);
+  } else if (bytes >= 8) {
+    move_two<std::uint64_t>(to, from, bytes);
+  } else if (bytes >= 4) {
+    move_two<std::uint32_t>(to, from, bytes);
+  } else if (bytes >= 2) {
+    move_two<std::uint16_t>(to, from, bytes);
+  } else {
+    *to = *from;
+  }
+}
+
+// What a copy has to do with a block of which it may take `room` bytes, at least one.
+struct ending {
+  bool here;        // the copy ends in this block
+  bool terminated;  // with the terminating zero
+  std::size_t bytes;
+};
+template <class Level>
+ZORVAC_INLINE ending ending_in(block b, std::size_t room) {
+  if (Level::has_end(b)) {
+    const std::size_t through_zero = Level::end_of(b) + 1;
+    return through_zero <= room ? ending{true, true, through_zero} : ending{true, false, room};
+  }
+  return {room <= block_bytes, false, room};
+}
+
+// Copies on from `from`, which lies `Shift` bytes into a block without an end in the rest of it;
+// more than that rest may be copied. The 16 bytes before the end have been copied or will be
+// before the copy ends: the last move reaches back into them.
+//
+//   source       |....from......|  next block  |  ...
+//   destination  to: 16 bytes: from ... and Shift bytes of the next block
+template <class Level, int Shift>
+ZORVAC_INLINE char* copy_blocks(char* to, const char* from, std::size_t count) {
+  constexpr std::size_t rest = block_bytes - Shift;
+  block low = load(from - Shift);
+  for (;; to += block_bytes, from += block_bytes, count -= block_bytes) {
+    const block high = load(from + rest);
+    const ending end = ending_in<Level>(high, count - rest);
+    if (end.here) {
+      const std::size_t bytes = rest + end.bytes;
+      if (bytes > block_bytes) store_anywhere(to, load_anywhere(from));
+      store_anywhere(to + bytes - block_bytes, load_anywhere(from + bytes - block_bytes));
+      return to + bytes - (end.terminated ? 1 : 0);
+    }
+    store_anywhere(to, Level::template merge<Shift>(low, high));
+    low = high;
+  }
+}
+
+// Copies the string with its terminating zero, but at most `count` bytes. Returns the address of
+// the zero in the copy, or the end of the copy where there is none.
+template <class Level>
+ZORVAC_INLINE char* copy(char* to, const char* from, std::size_t count) {
+  if (count == 0) return to;
+  const std::size_t skip = offset_in_block(from), rest = block_bytes - skip;
+  const unsigned ends = zero_lanes(load(from - skip)) >> skip;
+  if (ends != 0 || count <= rest) {
+    const std::size_t through_zero = ends != 0 ? lowest(ends) + 1 : unlimited;
+    const std::size_t bytes = through_zero < count ? through_zero : count;
+    move_few(to, from, bytes);
+    return to + bytes - (through_zero <= count ? 1 : 0);
+  }
+  const ending end = ending_in<Level>(load(from + rest), count - rest);
+  if (end.here) {
+    move_few(to, from, rest + end.bytes);
+    return to + rest + end.bytes - (end.terminated ? 1 : 0);
+  }
+  // No end within rest + 16 bytes: 16 of them now, and on from a place among them.
+  store_anywhere(to, load_anywhere(from));
+  if constexpr (Level::realigns) {
+    const std::size_t step = block_bytes - offset_in_block(to);
+    return with_shift((skip + step) % block_bytes, [&]<int Shift>() ZORVAC_INLINE_LAMBDA {
+      return copy_blocks<Level, Shift>(to + step, from + step, count - step);
+    });
+  } else {
+    return copy_blocks<Level, 0>(to + rest, from + rest, count - rest);
+  }
+}
+
+// Fills up to `end`; the members that pad do so with zeros.
+ZORVAC_INLINE void fill_with_zeros(char* to, const char* end) {
+  const block zeros = _mm_setzero_si128();
+  for (; end - to >= static_cast<std::ptrdiff_t>(block_bytes); to += block_bytes)
+    store_anywhere(to, zeros);
+  for (; to != end; ++to) *to = 0;
+}
+
+// Copies exactly `count` bytes: the string, and zeros after it. Returns as copy() does.
+template <class Level>
+ZORVAC_INLINE char* copy_padded(char* to, const char* from, std::size_t count) {
+  char* const end = copy<Level>(to, from, count);
+  fill_with_zeros(end, to + count);
+  return end;
+}
+
+}  // namespace
+}  // namespace zorvac::string
+#endif

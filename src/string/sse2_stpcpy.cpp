@@ -1,0 +1,10 @@
+// Copies a string and tells where the copy ends, with SSE2.
+#include "string/copy.h"
+#include "string/sse2.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+char* __zorva_sse2_stpcpy(const char* source, char* destination) {
+  return copy<sse2>(destination, source, unlimited);
+}

@@ -1,0 +1,11 @@
+// Copies a string into a field of so many bytes, fills the rest with zeros and tells where the
+// copy ends, with SSE2.
+#include "string/copy.h"
+#include "string/sse2.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+char* __zorva_sse2_stpncpy(const char* source, char* destination, std::size_t count) {
+  return copy_padded<sse2>(destination, source, count);
+}

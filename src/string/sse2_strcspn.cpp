@@ -1,0 +1,10 @@
+// How far a string stays out of a set of characters, with SSE2.
+#include "string/span.h"
+#include "string/sse2.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+std::size_t __zorva_sse2_strcspn(const char* string, const char* set) {
+  return span<while_in::complement, sse2>(string, set);
+}

@@ -1,0 +1,10 @@
+// Compares the first characters of two strings, with SSE2.
+#include "string/compare.h"
+#include "string/sse2.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+int __zorva_sse2_strncmp(const char* a, const char* b, std::size_t count) {
+  return compare<sse2>(a, b, count);
+}

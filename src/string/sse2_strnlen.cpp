@@ -1,0 +1,10 @@
+// The length of a string, within a limit, with SSE2.
+#include "string/scan.h"
+#include "string/sse2.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+std::size_t __zorva_sse2_strnlen(const char* string, std::size_t limit) {
+  return bounded_length<sse2>(string, limit);
+}

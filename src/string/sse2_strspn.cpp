@@ -1,0 +1,10 @@
+// How far a string stays within a set of characters, with SSE2.
+#include "string/span.h"
+#include "string/sse2.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+std::size_t __zorva_sse2_strspn(const char* string, const char* set) {
+  return span<while_in::set, sse2>(string, set);
+}

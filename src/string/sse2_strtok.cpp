@@ -1,0 +1,8 @@
+// Cuts a string into tokens, one a call, with SSE2.
+#include "string/span.h"
+#include "string/sse2.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+char* __zorva_sse2_strtok(char* string, const char* set) { return next_token<sse2>(string, set); }

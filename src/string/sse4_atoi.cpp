@@ -1,0 +1,7 @@
+// A decimal number of 32 bits, with SSE4.2.
+#include "string/convert.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+int __zorva_sse4_atoi(const char* string) { return static_cast<int>(convert<tens>(string)); }

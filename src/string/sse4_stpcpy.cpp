@@ -1,0 +1,10 @@
+// Copies a string and tells where the copy ends, with SSE4.2.
+#include "string/copy.h"
+#include "string/sse42.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+char* __zorva_sse4_stpcpy(const char* source, char* destination) {
+  return copy<sse42>(destination, source, unlimited);
+}

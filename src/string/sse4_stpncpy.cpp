@@ -1,0 +1,11 @@
+// Copies a string into a field of so many bytes, fills the rest with zeros and tells where the
+// copy ends, with SSE4.2.
+#include "string/copy.h"
+#include "string/sse42.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+char* __zorva_sse4_stpncpy(const char* source, char* destination, std::size_t count) {
+  return copy_padded<sse42>(destination, source, count);
+}

@@ -1,0 +1,10 @@
+// How far a string stays out of a set of characters, with SSE4.2.
+#include "string/span.h"
+#include "string/sse42.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+std::size_t __zorva_sse4_strcspn(const char* string, const char* set) {
+  return span<while_in::complement, sse42>(string, set);
+}

@@ -1,0 +1,11 @@
+// Appends at most so many characters of a string to another, with SSE4.2.
+#include "string/append.h"
+#include "string/sse42.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+char* __zorva_sse4_strncat(const char* source, char* destination, std::size_t count) {
+  append<sse42>(destination, source, count);
+  return destination;
+}

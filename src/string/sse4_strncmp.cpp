@@ -1,0 +1,10 @@
+// Compares the first characters of two strings, with SSE4.2.
+#include "string/compare.h"
+#include "string/sse42.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+int __zorva_sse4_strncmp(const char* a, const char* b, std::size_t count) {
+  return compare<sse42>(a, b, count);
+}

@@ -1,0 +1,10 @@
+// The last place of a character in a string, with SSSE3.
+#include "string/scan.h"
+#include "string/ssse3.h"
+#include "zorvac/string.h"
+
+using namespace zorvac::string;
+
+char* __zorva_ssse3_strrchr(const char* string, int character) {
+  return const_cast<char*>(find_last<ssse3>(string, static_cast<char>(character)));
+}

@@ -1,0 +1,24 @@
+#ifndef ZORVAC_STRING_TAIL_H
+#define ZORVAC_STRING_TAIL_H
+// Entry to a scan tail, whose inputs are in RAX, RDX and XMM1: RAX moves to RCX, and the rest is a
+// function of the family's ordinary convention, whose second parameter is in RDX if it is a pointer
+// and in XMM1 if it is a double. (A whole vector that convention passes in memory.)
+//
+//   ZORVAC_SCAN_TAIL(__zorva_sse2_strend, char*, const char* block) { return ...; }
+#include "string/block.h"
+#include "zorvac/string.h"
+
+#define ZORVAC_SCAN_TAIL(symbol, result, ...)                                                    \
+  [[gnu::used]] static ZORVAC_STRING_CALL result tail(__VA_ARGS__) __asm__("tail_of_" #symbol);  \
+  extern "C" [[gnu::naked]] void symbol() { __asm__("mov %rax, %rcx\n\tjmp tail_of_" #symbol); } \
+  static result tail(__VA_ARGS__)
+
+namespace zorvac::string {
+namespace {
+
+// XMM1, of which the tails need but the lower half.
+ZORVAC_INLINE block vector_of(double xmm1) { return _mm_castpd_si128(_mm_set_sd(xmm1)); }
+
+}  // namespace
+}  // namespace zorvac::string
+#endif

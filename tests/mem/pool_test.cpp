@@ -1,0 +1,348 @@
+// Pools on one thread: order, new pools, draining and starting over, what goes to the system, and
+// what happens when the system has no memory.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "mem/allocator.h"
+#include "mem/imalloc.h"
+#include "mem/pools.h"
+#include "support/guard_pages.h"
+#include "support/name_of_row.h"
+
+namespace zorvac::test {
+namespace {
+
+struct kind {
+  const char* name;
+  std::uint32_t size, blocks;
+  int for_calloc;
+
+  [[nodiscard]] char* allocate() const {
+    return static_cast<char*>(for_calloc != 0 ? __i_pool_calloc(1, static_cast<int>(size))
+                                              : __i_pool_malloc(size));
+  }
+};
+constexpr kind kinds[] = {
+    {"Malloc64", 64, 30'000, 0},  {"Calloc64", 64, 30'000, 1},  {"Malloc40", 40, 300'000, 0},
+    {"Malloc48", 48, 300'000, 0}, {"Calloc48", 48, 300'000, 1}, {"Malloc96", 96, 300'000, 0},
+    {"Malloc1", 1, 30'000, 0},    {"Calloc24", 24, 30'000, 1},  {"Malloc1000", 1000, 30'000, 0},
+};
+class Pool : public testing::TestWithParam<kind> {};
+INSTANTIATE_TEST_SUITE_P(Kinds, Pool, testing::ValuesIn(kinds), name_of_row);
+
+TEST_P(Pool, GivesBlocksInOrderThenOpensTheNext) {
+  in_own_process([] {
+    const kind& k = GetParam();
+    register_sizes({k.size}, k.for_calloc);
+    for (int pool = 1; pool <= 2; ++pool) {
+      char* const first = k.allocate();
+      EXPECT_EQ(system_allocator.malloc.count, pool);
+      EXPECT_EQ(system_allocator.malloc.last, std::size_t{k.size} * k.blocks);
+      for (std::size_t i = 1; i < k.blocks; ++i) ASSERT_EQ(k.allocate(), first + i * k.size) << i;
+    }
+    EXPECT_EQ(system_allocator.malloc.count, 2);
+    EXPECT_EQ(system_allocator.calloc.count, 0);
+  });
+}
+
+TEST_P(Pool, StartsOverWhenEveryBlockWasFreed) {
+  in_own_process([] {
+    const kind& k = GetParam();
+    register_sizes({k.size}, k.for_calloc);
+    std::vector<char*> blocks(k.blocks);
+    std::mt19937 random(1);
+    for (int turn = 0; turn < 3; ++turn) {
+      for (char*& block : blocks) block = k.allocate();
+      for (std::size_t i = 0; i < blocks.size(); ++i) {
+        ASSERT_EQ(blocks[i], blocks[0] + i * k.size);
+        if (k.for_calloc != 0) {
+          ASSERT_EQ(std::count(blocks[i], blocks[i] + k.size, 0), k.size) << turn << ' ' << i;
+        }
+        std::memset(blocks[i], 0xff, k.size);
+      }
+      std::shuffle(blocks.begin(), blocks.end(), random);
+      for (char* block : blocks) __i_pool_free(block);
+      std::sort(blocks.begin(), blocks.end());
+    }
+    EXPECT_EQ(k.allocate(), blocks[0]);
+    EXPECT_EQ(system_allocator.malloc.count, 1);
+    EXPECT_EQ(system_allocator.free.count, 0);
+  });
+}
+
+TEST_P(Pool, DoesNotReuseABlockWhileAnotherOneIsInUse) {
+  in_own_process([] {
+    const kind& k = GetParam();
+    register_sizes({k.size}, k.for_calloc);
+    std::vector<char*> blocks(k.blocks);
+    for (char*& block : blocks) block = k.allocate();
+    for (std::size_t i = 0; i < blocks.size(); ++i)
+      if (i != 5) __i_pool_free(blocks[i]);
+    char* const other = k.allocate();
+    EXPECT_EQ(system_allocator.malloc.count, 2);  // a second pool, though one block is in use
+    __i_pool_free(blocks[5]);                     // drains the first
+    EXPECT_EQ(k.allocate(), other + k.size);      // the younger pool comes first
+    for (std::size_t i = 2; i < k.blocks; ++i) (void)k.allocate();
+    EXPECT_EQ(k.allocate(), blocks[0]);
+    EXPECT_EQ(system_allocator.malloc.count, 2);
+  });
+}
+
+TEST(PoolStates, AreFillingFullAndDrained) {
+  in_own_process([] {
+    register_sizes({64}, 0);
+    std::vector<void*> blocks(30'000);
+    const auto expect = [](const void* base, const void* saved, unsigned out, unsigned freed) {
+      const mem::pool& p = work_pool[0];
+      EXPECT_EQ(p.base.load_acquire(), base);
+      EXPECT_EQ(p.saved_base, saved);
+      EXPECT_EQ(p.handed_out.load_acquire(), out);
+      EXPECT_EQ(p.freed.load_acquire(), freed);
+      EXPECT_EQ(headerP.load_acquire(), &p);
+      EXPECT_EQ(last_pool_num, 1u);
+      EXPECT_EQ(_i_pool_cr_sec, 0u);
+    };
+    for (void*& block : blocks) block = __i_pool_malloc(64);
+    expect(blocks[0], nullptr, 30'000, 0);
+    EXPECT_EQ(work_pool[0].last, blocks.back());
+    EXPECT_EQ(work_pool[0].zeroed, 0u);
+    for (std::size_t i = 1; i < blocks.size(); ++i) __i_pool_free(blocks[i]);
+    expect(blocks[0], nullptr, 30'000, 29'999);
+    __i_pool_free(blocks[0]);
+    expect(nullptr, blocks[0], 30'000, 30'000);
+    EXPECT_EQ(__i_pool_malloc(64), blocks[0]);
+    expect(blocks[0], blocks[0], 1, 0);
+  });
+}
+
+// Zero blocks from memory of every kind that malloc may give: a block mapped for the purpose,
+// marked so in the word in front of it and not to be touched; memory used before; and memory at the
+// start of a page, with nothing in front.
+TEST(CallocPool, FillsNewMemoryUnlessItWasJustMapped) {
+  constexpr std::size_t pool_bytes = 30'000 * 64;
+  struct {
+    std::size_t offset;
+    std::uint64_t header;
+    int fills;
+  } const memories[] = {{16, (pool_bytes + 4096) | 2, 0}, {16, pool_bytes | 1, 1}, {0, 0, 1}};
+  for (const auto& memory : memories)
+    in_own_process([&memory] {
+      const guarded_block block(pool_bytes + 16);
+      std::memset(block.begin(), memory.fills != 0 ? 0xff : 0, block.size());
+      unsigned char* const given = block.begin() + memory.offset;
+      if (memory.offset >= 8) std::memcpy(given - 8, &memory.header, 8);
+      register_sizes({64}, 1);
+      system_allocator.next_malloc = given;
+      EXPECT_EQ(__i_pool_calloc(4, 16), given);
+      EXPECT_EQ(system_allocator.fill.count, memory.fills);
+      EXPECT_EQ(std::count(given, given + pool_bytes, 0), static_cast<int>(pool_bytes));
+      if (given + pool_bytes < block.end() && memory.fills != 0) {
+        EXPECT_EQ(given[pool_bytes], 0xff);
+      }
+    });
+}
+
+TEST(CallocPool, FillsTheWholePoolOnceWhenItStartsOver) {
+  in_own_process([] {
+    register_sizes({24}, 1);
+    std::vector<void*> blocks(30'000);
+    for (void*& block : blocks) block = __i_pool_calloc(2, 12);
+    const int fills = system_allocator.fill.count;
+    for (void* block : blocks) __i_pool_free(block);
+    EXPECT_EQ(system_allocator.fill.count, fills);
+    for (void*& block : blocks) block = __i_pool_calloc(3, 8);
+    EXPECT_EQ(system_allocator.fill.count, fills + 1);
+    EXPECT_EQ(system_allocator.fill.last, 30'000u * 24);
+  });
+}
+
+TEST(Unpooled, RequestsAndBlocksGoToTheSystem) {
+  in_own_process([] {
+    const auto expect_system_block = [](void* block, const calls& from, std::size_t bytes) {
+      ASSERT_NE(block, nullptr);
+      EXPECT_EQ(from.last, bytes);
+      const int frees = system_allocator.free.count;
+      __i_pool_free(block);
+      EXPECT_EQ(system_allocator.free.count, frees + 1);
+      EXPECT_EQ(system_allocator.free.last, reinterpret_cast<std::size_t>(block));
+    };
+    const auto& [malloc, calloc, realloc, free, fill, fails, next, maps] = system_allocator;
+    expect_system_block(__i_pool_malloc(64), malloc, 64);  // nothing is registered yet
+    expect_system_block(__i_pool_calloc(4, 16), calloc, 64);
+    expect_system_block(__i_pool_realloc(nullptr, 64), realloc, 64);
+    register_sizes({64}, 0);
+    register_sizes({128}, 1);
+    expect_system_block(__i_pool_malloc(65), malloc, 65);
+    expect_system_block(__i_pool_malloc(128), malloc, 128);
+    expect_system_block(__i_pool_malloc(0), malloc, 0);
+    expect_system_block(__i_pool_calloc(4, 16), calloc, 64);
+    expect_system_block(__i_pool_calloc(0, 16), calloc, 0);
+    expect_system_block(__i_pool_realloc(nullptr, 64), realloc, 64);
+    EXPECT_EQ(last_pool_num, 0u);
+    EXPECT_NE(__i_pool_malloc(64), nullptr);
+    EXPECT_NE(__i_pool_calloc(8, 16), nullptr);
+    EXPECT_EQ(last_pool_num, 2u);
+    expect_system_block(__i_pool_malloc(65), malloc, 65);  // now with pools to search
+    const int frees = free.count;
+    __i_pool_free(nullptr);
+    EXPECT_EQ(free.count, frees + 1);
+  });
+}
+
+TEST(Registration, TakesFiftySizesAndFiftyPoolsExist) {
+  in_own_process([] {
+    std::vector<std::uint32_t> sizes(60);  // no 0 at the end
+    for (std::size_t i = 0; i < sizes.size(); ++i) sizes[i] = static_cast<std::uint32_t>(100 + i);
+    __i_pool_init(sizes.data(), 0);
+    EXPECT_EQ(Last_PoolP, &work_pool[49]);
+    std::vector<void*> pooled;
+    for (int i = 0; i < 50; ++i) pooled.push_back(__i_pool_malloc(sizes[static_cast<size_t>(i)]));
+    EXPECT_EQ(system_allocator.malloc.count, 50);
+    EXPECT_EQ(system_allocator.malloc.last, 30'000u * 149);
+    void* const not_registered = __i_pool_malloc(150);
+    EXPECT_EQ(system_allocator.malloc.last, 150u);
+    __i_pool_free(not_registered);
+
+    for (int i = 1; i < 30'000; ++i) pooled.push_back(__i_pool_malloc(100));
+    EXPECT_EQ(system_allocator.malloc.count, 51);
+    void* const no_room = __i_pool_malloc(100);
+    EXPECT_EQ(system_allocator.malloc.last, 100u);
+    EXPECT_EQ(last_pool_num, 50u);
+    __i_pool_free(no_room);
+    EXPECT_EQ(system_allocator.free.count, 2);
+
+    void* const first = pooled[0];
+    for (void* block : pooled) __i_pool_free(block);
+    EXPECT_EQ(system_allocator.free.count, 2);
+    EXPECT_EQ(__i_pool_malloc(100), first);  // a pool that was drained has room again
+  });
+}
+
+TEST(Registration, ReplacesTheListAndLeavesPoolsAlone) {
+  in_own_process([] {
+    register_sizes({64, 128}, 0);
+    char* const small = static_cast<char*>(__i_pool_malloc(64));
+    std::memset(small, 1, 64);
+    register_sizes({256}, 0);
+    register_sizes({64}, 1);
+    void* const unpooled = __i_pool_malloc(64);
+    EXPECT_EQ(system_allocator.malloc.last, 64u);
+    __i_pool_free(unpooled);
+    EXPECT_EQ(system_allocator.free.count, 1);
+    __i_pool_free(small);
+    EXPECT_EQ(system_allocator.free.count, 1);
+    EXPECT_EQ(work_pool[0].freed.load_acquire(), 1u);
+    register_sizes({64}, 0);
+    EXPECT_EQ(__i_pool_malloc(64), small + 64);
+  });
+}
+
+TEST(PoolRealloc, MovesTheSmallerSizeBetweenPoolsAndTheSystem) {
+  in_own_process([] {
+    register_sizes({64, 128}, 0);
+    register_sizes({64}, 1);
+    const auto filled = [](void* block, std::size_t from, std::size_t to, int value) {
+      const auto* bytes = static_cast<unsigned char*>(block);
+      return std::all_of(bytes + from, bytes + to, [value](int byte) { return byte == value; });
+    };
+    std::vector<unsigned char> memory(30'000 * 128, 0xee);
+    system_allocator.next_malloc = memory.data();
+    void* const larger = __i_pool_malloc(128);
+    EXPECT_EQ(larger, memory.data());
+
+    void* block = __i_pool_malloc(64);
+    std::memset(block, 7, 64);
+    std::memset(__i_pool_malloc(64), 9, 64);  // its neighbour
+    block = __i_pool_realloc(block, 128);
+    EXPECT_EQ(block, memory.data() + 128);
+    EXPECT_TRUE(filled(block, 0, 64, 7));
+    EXPECT_TRUE(filled(block, 64, 128, 0xee));  // not the neighbour
+    EXPECT_EQ(work_pool[1].freed.load_acquire(), 1u);
+
+    std::memset(block, 8, 128);
+    std::memset(larger, 6, 128);
+    block = __i_pool_realloc(block, 10);  // to the system
+    EXPECT_EQ(system_allocator.malloc.last, 10u);
+    EXPECT_TRUE(filled(block, 0, 10, 8));
+    block = __i_pool_realloc(block, 64);  // stays there
+    EXPECT_EQ(system_allocator.realloc.last, 64u);
+    EXPECT_EQ(system_allocator.realloc.count, 1);
+    __i_pool_free(block);
+
+    block = __i_pool_calloc(1, 64);
+    const std::uint32_t handed_out = work_pool[1].handed_out.load_acquire();
+    block = __i_pool_realloc(block, 64);  // from a zeroed pool to one that is not
+    EXPECT_TRUE(filled(block, 0, 64, 0));
+    EXPECT_EQ(work_pool[1].handed_out.load_acquire(), handed_out + 1);
+    EXPECT_EQ(work_pool[2].freed.load_acquire(), 1u);
+
+    system_allocator.malloc_fails = true;  // the old block stays the caller's
+    const std::uint32_t freed = work_pool[1].freed.load_acquire();
+    EXPECT_EQ(__i_pool_realloc(block, 1000), nullptr);
+    EXPECT_EQ(work_pool[1].freed.load_acquire(), freed);
+  });
+}
+
+class WithoutMemory : public testing::TestWithParam<kind> {};
+INSTANTIATE_TEST_SUITE_P(Kinds, WithoutMemory, testing::Values(kinds[0], kinds[1]), name_of_row);
+
+TEST_P(WithoutMemory, GivesNullAndTriesAgain) {
+  in_own_process([] {
+    const kind& k = GetParam();
+    register_sizes({k.size, 128}, k.for_calloc);
+    system_allocator.malloc_fails = true;
+    for (int attempt = 1; attempt <= 100; ++attempt) {  // more than there are descriptors
+      EXPECT_EQ(k.allocate(), nullptr);
+      EXPECT_EQ(system_allocator.malloc.count, attempt);
+      EXPECT_EQ(system_allocator.malloc.last, std::size_t{k.size} * k.blocks);
+    }
+    EXPECT_EQ(system_allocator.fill.count, 0);
+    EXPECT_EQ(last_pool_num, 1u);
+    EXPECT_EQ(_i_pool_cr_sec, 0u);
+    __i_pool_free(nullptr);
+    EXPECT_EQ(system_allocator.free.count, 1);
+    EXPECT_EQ(work_pool[0].freed.load_acquire(), 0u);
+
+    system_allocator.malloc_fails = false;
+    char* const first = k.allocate();
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(k.allocate(), first + k.size);
+    EXPECT_EQ(last_pool_num, 1u);
+  });
+}
+
+// The bytes of a pool are a 32-bit signed product, taken to malloc as it is, and the zero fill
+// stays within what malloc was asked for.
+TEST_P(WithoutMemory, ProductIsThirtyTwoBitsWide) {
+  in_own_process([] {
+    kind k = GetParam();
+    register_sizes({71'582, 71'583, 143'166}, k.for_calloc);
+    system_allocator.malloc_fails = true;
+    k.size = 71'582;
+    EXPECT_EQ(k.allocate(), nullptr);
+    EXPECT_EQ(system_allocator.malloc.last, 2'147'460'000u);
+    k.size = 71'583;
+    EXPECT_EQ(k.allocate(), nullptr);
+    EXPECT_EQ(system_allocator.malloc.last, static_cast<std::size_t>(-2'147'477'296));
+
+    system_allocator.malloc_fails = false;
+    k.size = 143'166;
+    std::vector<char*> blocks(30'000);
+    for (char*& block : blocks) block = k.allocate();  // nearly all outside the memory: not touched
+    EXPECT_EQ(system_allocator.malloc.last, 12'704u);
+    for (char* block : blocks) __i_pool_free(block);
+    const int fills = system_allocator.fill.count;
+    EXPECT_EQ(k.allocate(), blocks[0]);
+    EXPECT_EQ(system_allocator.fill.count, fills + k.for_calloc);
+    if (k.for_calloc != 0) {
+      EXPECT_EQ(system_allocator.fill.last, 12'704u);
+    }
+  });
+}
+
+}  // namespace
+}  // namespace zorvac::test
