@@ -180,7 +180,7 @@ void zorvac_mm_free(void* block) __asm__("_mm_free");
 
 /** Allocates count x size bytes, all zero. A block that malloc has mapped from the operating system
  *  for this request is not written to: it is zero already. Whether it was tells the word in front
- * of a block, which in the C library's allocator holds the block's size and, as bit 1, that mark.
+ *  of a block, which in the C library's allocator holds the block's size and, as bit 1, that mark.
  *
  *  returns  the block, to be freed by free(); null where malloc gives null, or where the process
  *           has no malloc. The product wraps modulo 2^64: callers check it where it could
@@ -188,12 +188,13 @@ void zorvac_mm_free(void* block) __asm__("_mm_free");
 void* _zorva_fast_calloc(size_t count, size_t size);
 
 /** The value that compiled code puts between its stack buffers and its return address. Not zero,
- * the upper 32 bits zero; fixed when the library is built, and only read here. */
+ *  the upper 32 bits zero; fixed when the library is built, and only read here. */
 extern uint64_t __zorva_security_cookie;
 
 /** Compares the value found on the stack with the cookie. Returns when they are equal, with every
- *  register but the flags as it was. Otherwise prints "Error:  Buffer overrun occurred, forced
- * exit" (message 26) on standard error and ends the process with abort(): no exit handler runs. */
+ *  register but the flags as it was. Otherwise prints message 26
+ *  ("Error:  Buffer overrun occurred, forced exit") on standard error and ends the process with
+ *  abort(): no exit handler runs. */
 void __zorva_security_check_cookie(uint64_t found);
 
 /** Does nothing: the cookie needs no initialisation. */

@@ -305,8 +305,8 @@ void a_jtocq(void* q, int64_t value);      /**< imaginary part +0 */
 void a_chtocq(void* q, int value);         /**< the low 8 bits, signed; imaginary part +0 */
 
 /** To a complex quad, by stores that callers know to be partial: bytes 0 to 3 (the lowest 32
- * fraction bits of the real part) and 20 to 31 become zero, bytes 16 to 19 stay as they were. An
- * integer has no fraction bits there; a quad loses them. Flags: none. */
+ *  fraction bits of the real part) and 20 to 31 become zero, bytes 16 to 19 stay as they were. An
+ *  integer has no fraction bits there; a quad loses them. Flags: none. */
 void a_stocq(void* q, int value); /**< the low 16 bits, signed */
 void a_qtocq(void* q, const void* real);
 
@@ -331,7 +331,7 @@ uint32_t _statusfp(void);
 uint32_t _status87(void);
 
 /** The same, and then clears the exception flags of both registers; an unmasked x87 exception that
- * is pending is dropped. (_status87() waits: there it traps, as at most x87 instructions.) */
+ *  is pending is dropped. (_status87() waits: there it traps, as at most x87 instructions.) */
 uint32_t _clearfp(void);
 uint32_t _clear87(void);
 

@@ -12,8 +12,8 @@
  *    sse4   those of sse2, and atoi atol atoll
  *
  *  The exported routines take their arguments in registers of their own (below, and member by
- * member in docs/strings.md). For C and C++ programs, each has an inline function here with the
- * arguments of the C library's function of the same name: zorvac_sse2_strlen(string) for
+ *  member in docs/strings.md). For C and C++ programs, each has an inline function here with the
+ *  arguments of the C library's function of the same name: zorvac_sse2_strlen(string) for
  *  __zorva_sse2_strlen. strend(string) gives the address of the terminating zero.
  *
  *  For every routine here:
@@ -22,11 +22,13 @@
  *               that has nothing to continue, which returns a null pointer
  *    errors     none; strdup returns a null pointer when malloc does
  *    memory     strings are read in whole 16-byte blocks aligned to 16 (64 by the scan tails),
- * which reach beyond a string's ends but never into a page that holds none of it; nothing is
- *               written beyond the destination. strdup allocates with malloc, the others nothing
+ *               which reach beyond a string's ends but never into a page that holds none of it;
+ *               nothing is written beyond the destination. strdup allocates with malloc, the
+ *               others nothing
  *    threads    re-entrant, but for strtok: as the C library's, its state belongs to the process,
- * and both levels share one source     the C standard, 7.24 (string.h) and 7.22.1.2 (atoi);
- * POSIX.1-2017 for strnlen, stpcpy, stpncpy and strdup
+ *               and both levels share one
+ *    source     the C standard (C11), 7.24 (string.h) and 7.22.1.2 (atoi); POSIX.1-2017 for
+ *               strnlen, stpcpy, stpncpy and strdup
  */
 #include <stddef.h>
 #include <stdint.h>
@@ -129,14 +131,15 @@ static inline long zorvac_sse4_atol(const char* string) { return __zorva_sse4_at
 static inline long long zorvac_sse4_atoll(const char* string) { return __zorva_sse4_atoll(string); }
 
 /** Scan tails: the rest of a scan whose first, partial block the caller has examined without
- * success. Declared for their addresses; C cannot call them. The inline functions below do what
- * compiled code does: examine the first block, call.
+ *  success. Declared for their addresses; C cannot call them. The inline functions below do what
+ *  compiled code does: examine the first block, call.
  *
  *    RAX   [in]  the 16-byte-aligned block already examined; the scan starts with the next
  *    RDX   [in]  strlen: the start of the string
  *    XMM1  [in]  strchr: the character in all 16 bytes (sse2), or in the first byte and zeros in
- * the others (sse4) RAX   [out] strlen: the length; strend: the address of the terminating zero;
- * strchr: the address of the first match, or 0
+ *                the others (sse4)
+ *    RAX   [out] strlen: the length; strend: the address of the terminating zero; strchr: the
+ *                address of the first match, or 0
  *
  *  They change at most RAX, RCX, RDX, R8 to R11, XMM0 to XMM5 and the flags. */
 void __zorva_sse2_strlen(void);
@@ -186,37 +189,45 @@ ZORVAC_READS_BLOCKS static inline unsigned zorvac_in_first_block(const char* str
   return (unsigned)__builtin_ia32_pmovmskb128(found) >> skip;
 }
 
-#define ZORVAC_SCAN_TAILS(level, one_character)                                      \
-  static inline char* zorvac_##level##_strend(const char* string) {                  \
-    const unsigned ends = zorvac_in_first_block(string, (zorvac_block){0});          \
-    const char* rax = string - (uintptr_t)string % 16;                               \
-    uintptr_t rdx = 0;                                                               \
-    if (ends != 0) return (char*)string + __builtin_ctz(ends);                       \
-    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strend", rax, rdx, (zorvac_block){0}); \
-    return (char*)rax;                                                               \
-  }                                                                                  \
-  static inline size_t zorvac_##level##_strlen(const char* string) {                 \
-    const unsigned ends = zorvac_in_first_block(string, (zorvac_block){0});          \
-    const char* rax = string - (uintptr_t)string % 16;                               \
-    uintptr_t rdx = (uintptr_t)string;                                               \
-    if (ends != 0) return (size_t)__builtin_ctz(ends);                               \
-    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strlen", rax, rdx, (zorvac_block){0}); \
-    return (size_t)rax;                                                              \
-  }                                                                                  \
-  static inline char* zorvac_##level##_strchr(const char* string, int character) {   \
-    const zorvac_block repeated = (zorvac_block){0} + (char)character;               \
-    const unsigned stops = zorvac_in_first_block(string, repeated);                  \
-    const char* rax = string - (uintptr_t)string % 16;                               \
-    uintptr_t rdx = 0;                                                               \
-    if (stops != 0) {                                                                \
-      const char* const stop = string + __builtin_ctz(stops);                        \
-      return *stop == (char)character ? (char*)stop : NULL;                          \
-    }                                                                                \
-    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strchr", rax, rdx, one_character);     \
-    return (char*)rax;                                                               \
+static inline zorvac_block zorvac_repeated(int character) {
+  const zorvac_block none = {0};
+  return none + (char)character;
+}
+static inline zorvac_block zorvac_alone(int character) {
+  const zorvac_block first = {(char)character};
+  return first;
+}
+
+#define ZORVAC_SCAN_TAILS(level, prepared)                                             \
+  static inline char* zorvac_##level##_strend(const char* string) {                    \
+    const unsigned ends = zorvac_in_first_block(string, zorvac_alone(0));              \
+    const char* rax = string - (uintptr_t)string % 16;                                 \
+    uintptr_t rdx = 0;                                                                 \
+    if (ends != 0) return (char*)string + __builtin_ctz(ends);                         \
+    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strend", rax, rdx, zorvac_alone(0));     \
+    return (char*)rax;                                                                 \
+  }                                                                                    \
+  static inline size_t zorvac_##level##_strlen(const char* string) {                   \
+    const unsigned ends = zorvac_in_first_block(string, zorvac_alone(0));              \
+    const char* rax = string - (uintptr_t)string % 16;                                 \
+    uintptr_t rdx = (uintptr_t)string;                                                 \
+    if (ends != 0) return (size_t)__builtin_ctz(ends);                                 \
+    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strlen", rax, rdx, zorvac_alone(0));     \
+    return (size_t)rax;                                                                \
+  }                                                                                    \
+  static inline char* zorvac_##level##_strchr(const char* string, int character) {     \
+    const unsigned stops = zorvac_in_first_block(string, zorvac_repeated(character));  \
+    const char* rax = string - (uintptr_t)string % 16;                                 \
+    uintptr_t rdx = 0;                                                                 \
+    if (stops != 0) {                                                                  \
+      const char* const stop = string + __builtin_ctz(stops);                          \
+      return *stop == (char)character ? (char*)stop : NULL;                            \
+    }                                                                                  \
+    ZORVAC_CALL_SCAN_TAIL("__zorva_" #level "_strchr", rax, rdx, prepared(character)); \
+    return (char*)rax;                                                                 \
   }
-ZORVAC_SCAN_TAILS(sse2, repeated)
-ZORVAC_SCAN_TAILS(sse4, (zorvac_block){(char)character})
+ZORVAC_SCAN_TAILS(sse2, zorvac_repeated)
+ZORVAC_SCAN_TAILS(sse4, zorvac_alone)
 #undef ZORVAC_SCAN_TAILS
 #endif
 
