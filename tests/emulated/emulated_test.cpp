@@ -48,11 +48,13 @@ constexpr emulated processors[] = {
 
 class Emulated : public testing::TestWithParam<emulated> {
  protected:
-  void SetUp() override {
+  static outcome run(const char* program) {
     const char* built_for = accepted_vendor.accepts_any() ? own_vendor : ZORVAC_CPU_VENDOR;
     const char* vendor = GetParam().vendor == nullptr ? built_for : GetParam().vendor;
-    const outcome o =
-        run_program({EMULATE, std::string(GetParam().processor) + ",vendor=" + vendor, PROBE});
+    return run_program({EMULATE, std::string(GetParam().processor) + ",vendor=" + vendor, program});
+  }
+  void SetUp() override {
+    const outcome o = run(PROBE);
     ASSERT_EQ(o.exit_status, 0) << o;
     std::istringstream lines(o.standard_output);
     for (std::string line; std::getline(lines, line);) {
@@ -142,6 +144,25 @@ TEST_P(Emulated, ProgramsStartOrAreRefused) {
   const bool base = (word & 0x3f) == 0x3f;
   EXPECT_EQ(facts_.at("new"), base ? "9f80" : "1f80");
   EXPECT_EQ(facts_.at("old"), base ? "9fc0" : "1f80");
+}
+
+// The example copies, moves and fills, checks the bytes and names the variants that ran.
+TEST_P(Emulated, BlockRoutinesTakeTheVariantOfTheirLevel) {
+  const std::uint64_t word = own() ? model::feature_word(seen_) : 1;
+  const outcome o = run(MEMORY_EXAMPLE);
+  EXPECT_EQ(o.exit_status, 0) << o;
+  const auto expect = [&](const std::string& routine,
+                          const std::vector<std::pair<std::uint64_t, char>>& rows) {
+    char letter = 'A';
+    for (const auto& [mask, variant] : rows)
+      if (letter == 'A' && (word & mask) == mask) letter = variant;
+    EXPECT_NE(o.standard_output.find("by " + routine + "." + letter + " "), std::string::npos)
+        << routine << "." << letter << " expected\n"
+        << o;
+  };
+  expect("_zorva_fast_memcpy", {{0x9d97ff, 'V'}, {0x17ff, 'P'}, {0x1ff, 'M'}, {0x7f, 'J'}});
+  expect("_zorva_fast_memmove", {{0x17ff, 'P'}, {0x1ff, 'M'}});
+  expect("_zorva_fast_memset", {{0x9d97ff, 'V'}, {0x7f, 'J'}});
 }
 
 INSTANTIATE_TEST_SUITE_P(Processors, Emulated, testing::ValuesIn(processors), name_of_row);
