@@ -6,15 +6,12 @@
 namespace zorvac::softfp {
 namespace {
 
-// The exponent plus 1, modulo 2^15: of a zero or subnormal number 1, of an infinity or a NaN 0, of
-// all others more. Not every compiler sees that one addition and one shift do.
-[[gnu::always_inline]] constexpr int wrapped_exponent(binary128::word w) {
-  constexpr int exponent_place = binary128::fraction_bits - 63;  // in the high word without sign
-  return static_cast<int>(((high(w) << 1) + (uint64_t{1} << exponent_place)) >> exponent_place);
-}
+// Zeros, subnormal numbers, infinities and NaNs.
 [[gnu::always_inline]] constexpr bool is_special(binary128::word w) {
-  return wrapped_exponent(w) <= 1;
+  const int exponent = binary128::exponent(w);
+  return exponent == 0 || exponent == binary128::special_exponent;
 }
+
 // Whether the exponent is so far from its ends that neither a product nor a quotient of two such
 // numbers comes near them: from 2^-8191 below 2^8191. One addition and one comparison do.
 [[gnu::always_inline]] constexpr bool is_moderate(binary128::word w) {

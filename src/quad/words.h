@@ -32,9 +32,10 @@ struct two_words {
   return sum;
 }
 
-// By 1 to 63.
+// Shifts to the right by 0 to 63. The bits that go from a word into the next one move 63 - n places
+// to the left, the complement of n, after the first; so they do below.
 [[gnu::always_inline]] constexpr two_words operator>>(two_words x, int n) {
-  return {x.high >> n, x.high << (64 - n) | x.low >> n};
+  return {x.high >> n, x.high << 1 << (~n & 63) | x.low >> n};
 }
 
 // Exchanges `a` and `b` where `x` < `y`, by conditional moves. Compilers would rather branch.
@@ -112,8 +113,7 @@ template <int Place>
   return top;
 }
 
-// Shifts to the left by 0 to 63. The bits that go from a word into the next one move 63 - n places
-// to the right, the complement of n, after the first.
+// By 0 to 63.
 [[gnu::always_inline]] inline three_words operator<<(three_words x, unsigned n) {
   uint64_t from_low = x.low >> 1, from_guard = x.guard >> 1;
   asm("shl %%cl, %[high]\n\t"

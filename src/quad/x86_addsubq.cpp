@@ -128,7 +128,6 @@ constexpr int place = f::fraction_bits - 64;  // of the leading one, in the high
     return add_at_leisure(result, a_address, b_address, negate_b);
 
   const uint64_t fraction = high(f::fraction(larger));
-  const uint64_t head = high(larger) - fraction;
   const uint64_t all_ones_if_signs_differ =
       static_cast<uint64_t>(static_cast<std::int64_t>(high(larger) ^ high(smaller)) >> 63);
   const two_words addend = {high(f::fraction(smaller)) | high(f::leading_one), low(smaller)};
@@ -136,11 +135,11 @@ constexpr int place = f::fraction_bits - 64;  // of the leading one, in the high
       make_uint128(fraction | high(f::leading_one), low(larger)),
       shift_into_guard(addend, static_cast<unsigned>(distance)), all_ones_if_signs_differ);
   if (static_cast<std::int64_t>(sum.high) <= 0) [[unlikely]]
-    return store_cancelled(result, head, sum.high, sum.low, sum.guard);
+    return store_cancelled(result, high(larger) - fraction, sum.high, sum.low, sum.guard);
   const auto shift = static_cast<unsigned>(place + 1 - highest_bit(sum.high));
   const three_words doubled = sum << shift;
-  store(result,
-        rounded_half(head - (uint64_t{shift} << place), doubled.significand(), doubled.guard));
+  store(result, rounded_half(high(larger) - (fraction + (uint64_t{shift} << place)),
+                             doubled.significand(), doubled.guard));
 }
 
 }  // namespace
