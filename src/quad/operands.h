@@ -6,20 +6,44 @@
 namespace zorvac::softfp {
 namespace {
 
-// The exponent plus 1, modulo 2^15: of a zero or subnormal number 1, of an infinity or a NaN 0, of
-// all others more. Not every compiler sees that one addition and one shift do.
-[[gnu::always_inline]] constexpr int wrapped_exponent(binary128::word w) {
-  constexpr int exponent_place = binary128::fraction_bits - 63;  // in the high word without sign
-  return static_cast<int>(((high(w) << 1) + (uint64_t{1} << exponent_place)) >> exponent_place);
-}
+// Zeros, subnormal numbers, infinities and NaNs.
 [[gnu::always_inline]] constexpr bool is_special(binary128::word w) {
-  return wrapped_exponent(w) <= 1;
+  const int exponent = binary128::exponent(w);
+  return exponent == 0 || exponent == binary128::special_exponent;
 }
-// Of a number that is not special.
-[[gnu::always_inline]] constexpr unpacked<binary128> unpack_ordinary(binary128::word w) {
-  unpacked<binary128> number = unpack_normal<binary128>(w);
-  number.exponent = wrapped_exponent(w) - 1;
-  return number;
+
+// Whether the exponent is so far from its ends that neither a product nor a quotient of two such
+// numbers comes near them: from 2^-8191 below 2^8191. One addition and one comparison do.
+[[gnu::always_inline]] constexpr bool is_moderate(binary128::word w) {
+  constexpr int exponent_place = binary128::fraction_bits - 63;
+  constexpr uint64_t first = binary128::bias - 8191, past = binary128::bias + 8191;
+  return (high(w) << 1) - (first << exponent_place) < (past - first) << exponent_place;
+}
+
+// Whether a result with this exponent is neither tiny nor beyond the largest number, be the
+// exponent larger by 1 after rounding.
+template <class F>
+[[gnu::always_inline]] constexpr bool is_safe_exponent(int exponent) {
+  return static_cast<unsigned>(exponent - 1) < unsigned{F::special_exponent - 2};
+}
+
+// Whether two operands need no more care than the common path of multiplication and division
+// takes. Those that are not moderate both may still be neither special nor have a result, with the
+// exponent that `exponent_of` tells or 1 more, that is.
+template <class ExponentOf>
+[[gnu::always_inline]] constexpr bool is_common_case(binary128::word a, binary128::word b,
+                                                     ExponentOf exponent_of) {
+  using f = binary128;
+  if (is_moderate(a) && is_moderate(b)) [[likely]]
+    return true;
+  const int exponent = exponent_of(f::exponent(a), f::exponent(b));
+  return !is_special(a) && !is_special(b) && is_safe_exponent<f>(exponent) &&
+         is_safe_exponent<f>(exponent + 1);
+}
+
+// The sign and the exponent as they stand at the top of a number.
+[[gnu::always_inline]] constexpr uint64_t head_of(binary128::word w) {
+  return high(w) >> (binary128::fraction_bits - 64);
 }
 
 [[gnu::always_inline]] constexpr bool is_zero(binary128::word w) {

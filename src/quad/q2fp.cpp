@@ -21,9 +21,9 @@ template <class F>
                            high(rest) | (low(rest) != 0));
 }
 
-// A NaN keeps its sign and the top of its payload.
+// Any number, at leisure. A NaN keeps its sign and the top of its payload.
 template <class F>
-[[gnu::cold, gnu::noinline]] typename F::word narrow_special(uint128 w) {
+[[gnu::cold, gnu::noinline]] typename F::word narrow_any(uint128 w) {
   const bool negative = q::negative(w);
   if (is_signalling<q>(w)) raise_invalid();
   if (is_nan<q>(w)) {
@@ -32,16 +32,26 @@ template <class F>
   }
   if (is_infinite(w)) return F::signed_word(negative, F::infinity);
   if (is_zero(w)) return F::signed_word(negative, 0);
-  raise_denormal();
+  if (is_subnormal(w)) raise_denormal();
   return narrow_finite<F>(unpack<q>(w));
 }
 
+// A number well inside the target's range, which a special one's exponent never is. Where the guard
+// word comes from the low word alone, one shift puts exponent and fraction in place: it drops the
+// sign and of the exponent, once its bias is changed, zeros.
 template <class F>
 [[gnu::always_inline]] inline auto narrow(const void* address) {
   const uint128 w = load(address);
-  if (is_special(w)) [[unlikely]]
-    return value_of<F>(narrow_special<F>(w));
-  return value_of<F>(narrow_finite<F>(unpack_ordinary(w)));
+  if (!is_safe_exponent<F>(q::exponent(w) - q::bias + F::bias)) [[unlikely]]
+    return value_of<F>(narrow_any<F>(w));
+  if constexpr (lost_bits<F> < 64 && sizeof(typename F::word) == sizeof(uint64_t)) {
+    constexpr int up = 64 - lost_bits<F>;
+    constexpr uint64_t bias_change = static_cast<uint64_t>(F::bias - q::bias) << F::fraction_bits;
+    const uint64_t magnitude = (high(w) << up) + (low(w) >> lost_bits<F>)+bias_change;
+    return value_of<F>(rounded<F>(F::signed_word(q::negative(w), magnitude), low(w) << up));
+  } else {
+    return value_of<F>(narrow_finite<F>(unpack_normal<q>(w)));
+  }
 }
 
 }  // namespace

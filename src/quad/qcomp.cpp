@@ -17,12 +17,11 @@ using f = binary128;
   return (same && !is_nan<f>(a)) || both_zero;
 }
 
-// A quad, or its high word alone, as an integer of the same order: both zeros are 0.
-template <class Signed, class Unsigned>
-[[gnu::always_inline]] inline Signed ordinal(Unsigned w) {
-  const Signed all_ones_if_negative = static_cast<Signed>(w) >> (8 * sizeof w - 1);
-  const auto magnitude = static_cast<Signed>(w << 1 >> 1);
-  return (magnitude ^ all_ones_if_negative) - all_ones_if_negative;
+// -1, 0 or 1 as a quad is less than, equal to or greater than another.
+[[gnu::always_inline]] inline int sign_of_difference(uint128 a, uint128 b) {
+  if (a == b || ((a | b) << 1) == 0) return 0;
+  const bool less = (static_cast<__int128>(a) < static_cast<__int128>(b)) != f::negative(a & b);
+  return less ? -1 : 1;
 }
 
 template <class Relation>
@@ -33,20 +32,22 @@ template <class Relation>
     raise_invalid();
     return 0;
   }
-  return relation(ordinal<__int128>(a), ordinal<__int128>(b));
+  return relation(sign_of_difference(a, b));
 }
 
-// `relation` of two ordinals, or 0 when unordered. Mostly the high words tell: both below those of
-// infinities and NaNs, and different.
+// `relation` of the sign of the difference, or 0 when unordered. Mostly the high words tell: both
+// below those of infinities and NaNs, different, and not both those of zeros. As integers they have
+// the order of the numbers, or the reverse where both are negative.
 template <class Relation>
 [[gnu::always_inline]] inline int ordered(const void* a_address, const void* b_address,
                                           Relation relation) {
   const uint64_t a = high(load(a_address)), b = high(load(b_address));
   constexpr uint64_t special = high(f::infinity) << 1;
-  const auto x = ordinal<std::int64_t>(a), y = ordinal<std::int64_t>(b);
-  if (a << 1 < special && b << 1 < special && x != y) [[likely]]
-    return relation(x, y);
-  return ordered_at_length(a_address, b_address, relation);
+  if (a << 1 >= special || b << 1 >= special || a == b || (a << 1 | b << 1) == 0) [[unlikely]]
+    return ordered_at_length(a_address, b_address, relation);
+  const int less = (static_cast<std::int64_t>(a) < static_cast<std::int64_t>(b)) ^
+                   static_cast<int>((a & b) >> 63);
+  return relation(1 - 2 * less);
 }
 
 }  // namespace
@@ -55,17 +56,17 @@ int __eqq(const void* a, const void* b) { return equal(a, b); }
 int __neq(const void* a, const void* b) { return !equal(a, b); }
 
 int __ltq(const void* a, const void* b) {
-  return ordered(a, b, [](auto x, auto y) { return x < y; });
+  return ordered(a, b, [](int sign) -> int { return sign < 0; });
 }
 int __leq(const void* a, const void* b) {
-  return ordered(a, b, [](auto x, auto y) { return x <= y; });
+  return ordered(a, b, [](int sign) -> int { return sign <= 0; });
 }
 int __gtq(const void* a, const void* b) {
-  return ordered(a, b, [](auto x, auto y) { return x > y; });
+  return ordered(a, b, [](int sign) -> int { return sign > 0; });
 }
 int __geq(const void* a, const void* b) {
-  return ordered(a, b, [](auto x, auto y) { return x >= y; });
+  return ordered(a, b, [](int sign) -> int { return sign >= 0; });
 }
 int __compareq(const void* a, const void* b) {
-  return ordered(a, b, [](auto x, auto y) { return (x > y) - (x < y); });
+  return ordered(a, b, [](int sign) { return sign; });
 }

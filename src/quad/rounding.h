@@ -40,8 +40,9 @@ constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard)
   }
   return false;
 }
-[[maybe_unused, gnu::cold, gnu::noinline]] bool rounds_up_directed(bool negative) {
-  return rounds_up(rounding_control(), negative, false, 1);
+// The same for an inexact result where the mode is known not to be to nearest.
+[[gnu::always_inline]] inline uint64_t rounds_up_directed(bool negative) {
+  return rounding_control() == (negative ? rounding::down : rounding::up);
 }
 
 // Raises PE, and tells whether the rounding mode is to nearest.
@@ -50,13 +51,11 @@ constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard)
 // mode shows in what the sum that raises PE comes out as, beside a second one: only when rounding
 // to nearest is 1 + 3/4 ulp more than 1 + (next to nothing). So MXCSR itself is stored for the
 // other modes only.
-constexpr double d_most_of_ulp = 0.75 * 0x1p-52;
-const double* const volatile p_most_of_ulp = &d_most_of_ulp;
-
 [[gnu::always_inline]] inline bool raise_inexact_to_nearest() {
+  constexpr double most_of_ulp = 0.75 * 0x1p-52;
   const double one = *p_one;
   const double by_next_to_nothing = one + *p_norm;
-  const double by_most_of_ulp = one + *p_most_of_ulp;
+  const double by_most_of_ulp = one + most_of_ulp;
   perform(by_next_to_nothing);
   return by_most_of_ulp > by_next_to_nothing;
 }
@@ -64,18 +63,33 @@ const double* const volatile p_most_of_ulp = &d_most_of_ulp;
 // Rounds `packed`, a result put together already, raising PE where it is not exact. What lies
 // below the guard word may come in `beyond`, of which only matters whether it is 0.
 //
-// The usual case, neither exact nor a tie, is rounded to nearest by the guard word's top bit.
-template <class Word>
-[[gnu::always_inline]] inline Word rounded(bool negative, Word packed, uint64_t guard,
-                                           uint64_t beyond = 0) {
-  uint64_t increment = guard >> 63;
+// The usual case, neither exact nor a tie, is rounded to nearest by the guard word's top bit; for
+// all others that bit is set to what they need.
+template <class F>
+[[gnu::always_inline]] inline typename F::word rounded(typename F::word packed, uint64_t guard,
+                                                       uint64_t beyond = 0) {
   if ((guard << 1 | beyond) == 0) [[unlikely]] {
     if (guard == 0) return packed;
-    increment = static_cast<uint64_t>(packed & 1);
+    guard = static_cast<uint64_t>(packed) << 63;
   }
-  if (raise_inexact_to_nearest()) [[likely]]
-    return add_word(packed, increment);
-  return packed + rounds_up_directed(negative);
+  if (!raise_inexact_to_nearest()) [[unlikely]]
+    guard = rounds_up_directed(F::negative(packed)) << 63;
+  return add_top_bit(packed, guard);
+}
+
+// The same for a quad whose significand comes doubled, its leading one still in it, so that bit 0
+// takes the place of the guard word's top bit and `rest` that of the bits below. `head` is the sign
+// and the exponent, less 1, in their places. Halving and rounding are one step then.
+[[maybe_unused, gnu::always_inline]] inline uint128 rounded_half(uint64_t head, uint128 doubled,
+                                                                 uint64_t rest) {
+  uint64_t last = low(doubled);
+  if (rest == 0) [[unlikely]] {
+    if ((last & 1) == 0) return add_half(head, doubled);
+    last &= last >> 1 | ~uint64_t{1};
+  }
+  if (!raise_inexact_to_nearest()) [[unlikely]]
+    last = (last & ~uint64_t{1}) | rounds_up_directed(head >> 63 != 0);
+  return add_half(head, make_uint128(high(doubled), last));
 }
 
 template <class Word>
@@ -128,7 +142,7 @@ typename F::word pack_tiny(bool negative, int exponent, typename F::word signifi
   auto packed = shifted.significand;
   if (shifted.guard != 0) {
     if (!becomes_normal) raise_underflow_inexact();
-    packed = rounded(negative, packed, shifted.guard);
+    return rounded<F>(F::signed_word(negative, packed), shifted.guard);
   } else if (Exact == exact_underflow::raised_if_unmasked &&
              (status & mxcsr::underflow << mxcsr::mask_shift) == 0) {
     raise_underflow();
@@ -143,9 +157,8 @@ template <class F, exact_underflow Exact>
                                                                   uint64_t guard) {
   if (exponent < 1) return pack_tiny<F, Exact>(negative, exponent, significand, guard);
   if (exponent >= F::special_exponent) return overflow<F>(negative);
-  const auto packed = rounded(negative, pack<F>(exponent, significand), guard);
-  if (packed == F::infinity) return overflow<F>(negative);
-  return F::signed_word(negative, packed);
+  const auto packed = rounded<F>(F::signed_word(negative, pack<F>(exponent, significand)), guard);
+  return F::magnitude(packed) == F::infinity ? overflow<F>(negative) : packed;
 }
 
 // Rounds a result and puts it together, raising what is due. `exponent` is the biased exponent of
@@ -157,7 +170,7 @@ template <class F, exact_underflow Exact = exact_underflow::ignored>
   constexpr auto safe_exponents = static_cast<unsigned>(F::special_exponent - 2);  // from 1 up
   if (static_cast<unsigned>(exponent - 1) >= safe_exponents) [[unlikely]]
     return round_and_pack_edge<F, Exact>(negative, exponent, significand, guard | (beyond != 0));
-  return F::signed_word(negative, rounded(negative, pack<F>(exponent, significand), guard, beyond));
+  return rounded<F>(F::signed_word(negative, pack<F>(exponent, significand)), guard, beyond);
 }
 
 // The same for a result that is neither tiny nor beyond infinity, raising nothing at all.

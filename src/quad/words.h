@@ -3,39 +3,58 @@
 // Exact integers of two words and of three, a significand with its guard word below it. The
 // arithmetic spends its time here, so no operation has a branch, nor a double shift (SHLD, SHRD),
 // which some processors take apart into half a dozen steps.
+//
+// Written in assembler is what compilers have no good words for: carries that run through three
+// words, exchanges without a branch, shifts of several words by one count.
 #include "quad/formats.h"
 
 namespace zorvac::softfp {
 namespace {
 
-// Modulo 2^128. Compilers extend the addend to two words first.
-[[gnu::always_inline]] inline uint128 add_word(uint128 sum, uint64_t addend) {
-  uint64_t sum_low = low(sum), sum_high = high(sum);
+struct two_words {
+  uint64_t high, low;
+};
+
+// Compilers want a product of two words side by side, and empty other registers for it.
+[[gnu::always_inline]] inline two_words multiply_words(uint64_t a, uint64_t b) {
+  two_words product;
+  asm("mul %[b]" : "=a"(product.low), "=d"(product.high) : "%a"(a), [b] "r"(b) : "cc");
+  return product;
+}
+
+// Modulo 2^128.
+[[gnu::always_inline]] inline two_words operator+(two_words sum, uint64_t addend) {
   asm("add %[addend], %[low]\n\t"
       "adc $0, %[high]"
-      : [low] "+&r"(sum_low), [high] "+r"(sum_high)
+      : [low] "+&r"(sum.low), [high] "+r"(sum.high)
       : [addend] "re"(addend)
       : "cc");
-  return make_uint128(sum_high, sum_low);
+  return sum;
 }
 
-[[gnu::always_inline]] constexpr uint64_t add_word(uint64_t sum, uint64_t addend) {
-  return sum + addend;
+// Shifts to the right by 0 to 63. The bits that go from a word into the next one move 63 - n places
+// to the left, the complement of n, after the first; so they do below.
+[[gnu::always_inline]] constexpr two_words operator>>(two_words x, int n) {
+  return {x.high >> n, x.high << 1 << (~n & 63) | x.low >> n};
 }
 
-// `a`, or `b` where `x` < `y`, by conditional moves. Compilers would rather branch.
-[[gnu::always_inline]] inline uint128 select_if_less(uint128 x, uint128 y, uint128 a, uint128 b) {
-  uint64_t selected_low = low(a), selected_high = high(a), x_high = high(x);
-  asm("cmp %[y_low], %[x_low]\n\t"
-      "sbb %[y_high], %[x_high]\n\t"
-      "cmovb %[b_low], %[selected_low]\n\t"
-      "cmovb %[b_high], %[selected_high]"
-      : [selected_low] "+&r"(selected_low), [selected_high] "+&r"(selected_high),
-        [x_high] "+&r"(x_high)
-      : [x_low] "r"(low(x)), [y_low] "r"(low(y)), [y_high] "r"(high(y)), [b_low] "r"(low(b)),
-        [b_high] "r"(high(b))
+// Exchanges `a` and `b` where `x` < `y`, by conditional moves. Compilers would rather branch.
+[[gnu::always_inline]] inline void exchange_if_less(uint64_t x, uint64_t y, uint128& a,
+                                                    uint128& b) {
+  uint64_t a_low = low(a), a_high = high(a), b_low = low(b), b_high = high(b);
+  asm("cmp %[y], %[x]\n\t"
+      "mov %[a_low], %[x]\n\t"
+      "mov %[a_high], %[y]\n\t"
+      "cmovb %[b_low], %[a_low]\n\t"
+      "cmovb %[b_high], %[a_high]\n\t"
+      "cmovb %[x], %[b_low]\n\t"
+      "cmovb %[y], %[b_high]"
+      : [a_low] "+&r"(a_low), [a_high] "+&r"(a_high), [b_low] "+&r"(b_low), [b_high] "+&r"(b_high),
+        [x] "+&r"(x), [y] "+&r"(y)
+      :
       : "cc");
-  return make_uint128(selected_high, selected_low);
+  a = make_uint128(a_high, a_low);
+  b = make_uint128(b_high, b_low);
 }
 
 struct three_words {
@@ -44,7 +63,7 @@ struct three_words {
   [[gnu::always_inline]] uint128 significand() const { return make_uint128(high, low); }
 };
 
-// Modulo 2^192. Compilers lose the carry between more than two words.
+// Modulo 2^192.
 [[gnu::always_inline]] inline three_words operator+(three_words a, three_words b) {
   asm("add %[guard], %[sum_guard]\n\t"
       "adc %[low], %[sum_low]\n\t"
@@ -54,29 +73,106 @@ struct three_words {
       : "cc");
   return a;
 }
-[[gnu::always_inline]] inline three_words operator&(three_words x, uint64_t mask) {
-  return {x.high & mask, x.low & mask, x.guard & mask};
-}
 [[gnu::always_inline]] inline three_words operator^(three_words x, uint64_t mask) {
   return {x.high ^ mask, x.low ^ mask, x.guard ^ mask};
 }
 
-// The bits of `x` that a shift by `n` to the left, 0 to 63, carries into the next word, and those
-// that one to the right carries into the word before it. In two steps, as n may be 0.
-[[gnu::always_inline]] constexpr uint64_t out_at_left(uint64_t x, int n) {
-  return x >> 1 >> (~n & 63);
-}
-[[gnu::always_inline]] constexpr uint64_t out_at_right(uint64_t x, int n) {
-  return x << 1 << (~n & 63);
+// `a`, with an empty guard word, plus `b` where `negate` is 0, minus `b` where it is all ones.
+[[gnu::always_inline]] inline three_words add_or_subtract(uint128 a, three_words b,
+                                                          uint64_t negate) {
+  uint64_t sum_high = high(a), sum_low = low(a);
+  b = b ^ negate;
+  asm("add %[negate], %[negate]\n\t"
+      "adc $0, %[guard]\n\t"
+      "adc %[low], %[sum_low]\n\t"
+      "adc %[high], %[sum_high]"
+      : [guard] "+&r"(b.guard), [sum_low] "+&r"(sum_low), [sum_high] "+&r"(sum_high),
+        [negate] "+&r"(negate)
+      : [low] "re"(b.low), [high] "re"(b.high)
+      : "cc");
+  return {sum_high, sum_low, b.guard};
 }
 
-[[gnu::always_inline]] constexpr three_words operator<<(three_words x, int n) {
-  return {x.high << n | out_at_left(x.low, n), x.low << n | out_at_left(x.guard, n), x.guard << n};
+// Doubles `x` where its high word has nothing at `Place` or above, and returns what it has there.
+// The double is computed while the condition is, then moved.
+template <int Place>
+[[gnu::always_inline]] inline uint64_t double_if_below(three_words& x) {
+  uint64_t top = x.high;
+  three_words twice = x;
+  asm("add %[guard], %[guard]\n\t"
+      "adc %[low], %[low]\n\t"
+      "adc %[high], %[high]\n\t"
+      "shr %[place], %[top]\n\t"
+      "cmovz %[guard], %[x_guard]\n\t"
+      "cmovz %[low], %[x_low]\n\t"
+      "cmovz %[high], %[x_high]"
+      : [guard] "+&r"(twice.guard), [low] "+&r"(twice.low), [high] "+&r"(twice.high),
+        [x_guard] "+&r"(x.guard), [x_low] "+&r"(x.low), [x_high] "+&r"(x.high), [top] "+&r"(top)
+      : [place] "i"(Place)
+      : "cc");
+  return top;
 }
 
-// Two words shifted right into a third.
-[[gnu::always_inline]] constexpr three_words shift_into_guard(uint128 x, int n) {
-  return {high(x) >> n, out_at_right(high(x), n) | low(x) >> n, out_at_right(low(x), n)};
+// By 0 to 63.
+[[gnu::always_inline]] inline three_words operator<<(three_words x, unsigned n) {
+  uint64_t from_low = x.low >> 1, from_guard = x.guard >> 1;
+  asm("shl %%cl, %[high]\n\t"
+      "shl %%cl, %[low]\n\t"
+      "shl %%cl, %[guard]\n\t"
+      "not %[n]\n\t"
+      "shr %%cl, %[from_low]\n\t"
+      "shr %%cl, %[from_guard]\n\t"
+      "or %[from_low], %[high]\n\t"
+      "or %[from_guard], %[low]"
+      : [high] "+&r"(x.high), [low] "+&r"(x.low), [guard] "+&r"(x.guard), [n] "+&c"(n),
+        [from_low] "+&r"(from_low), [from_guard] "+&r"(from_guard)
+      :
+      : "cc");
+  return x;
+}
+
+// Two words shifted to the right by 0 to 63, into a third.
+[[gnu::always_inline]] inline three_words shift_into_guard(two_words x, unsigned n) {
+  uint64_t from_high = x.high << 1, guard = x.low << 1;
+  asm("shr %%cl, %[high]\n\t"
+      "shr %%cl, %[low]\n\t"
+      "not %[n]\n\t"
+      "shl %%cl, %[from_high]\n\t"
+      "shl %%cl, %[guard]\n\t"
+      "or %[from_high], %[low]"
+      : [high] "+&r"(x.high), [low] "+&r"(x.low), [guard] "+&r"(guard), [n] "+&c"(n),
+        [from_high] "+&r"(from_high)
+      :
+      : "cc");
+  return {x.high, x.low, guard};
+}
+
+// `x` and 1 where the guard word's top bit is set.
+[[gnu::always_inline]] inline uint128 add_top_bit(uint128 x, uint64_t guard) {
+  uint64_t x_high = high(x), x_low = low(x);
+  asm("add %[guard], %[guard]\n\t"
+      "adc $0, %[low]\n\t"
+      "adc $0, %[high]"
+      : [guard] "+&r"(guard), [low] "+&r"(x_low), [high] "+r"(x_high)
+      :
+      : "cc");
+  return make_uint128(x_high, x_low);
+}
+[[gnu::always_inline]] inline uint64_t add_top_bit(uint64_t x, uint64_t guard) {
+  return x + (guard >> 63);
+}
+
+// Half of `x`, a half rounded up, and `head` on top of the high word.
+[[gnu::always_inline]] inline uint128 add_half(uint64_t head, uint128 x) {
+  uint64_t x_high = high(x), x_low = low(x);
+  asm("shr %[high]\n\t"
+      "rcr %[low]\n\t"
+      "adc $0, %[low]\n\t"
+      "adc %[high], %[head]"
+      : [head] "+&r"(head), [high] "+&r"(x_high), [low] "+&r"(x_low)
+      :
+      : "cc");
+  return make_uint128(head, x_low);
 }
 
 }  // namespace

@@ -22,44 +22,16 @@ struct ordered_operands {
 
 // `negate_b` is the sign bit, or 0. It must not touch what b itself holds, for a NaN comes back
 // with the sign it has.
-[[gnu::always_inline]] inline ordered_operands order(uint128 a, uint128 b, uint64_t negate_b) {
+ordered_operands order(uint128 a, uint128 b, uint64_t negate_b) {
   b ^= make_uint128(negate_b, 0);
-  const uint128 difference = a ^ b;
-  const uint128 larger = select_if_less(f::magnitude(a), f::magnitude(b), a, b);
-  return {f::magnitude(larger), f::magnitude(larger ^ difference), f::negative(larger),
-          f::negative(difference)};
+  const bool subtract = f::negative(a) != f::negative(b);
+  if (f::magnitude(a) < f::magnitude(b))
+    return {f::magnitude(b), f::magnitude(a), f::negative(b), subtract};
+  return {f::magnitude(a), f::magnitude(b), f::negative(a), subtract};
 }
 
-// The sum or difference of two significands, aligned. The larger one's leading one is at its
-// place, bit 112 of the upper two words. The sum's may be one place further up or, after a
-// subtraction, anywhere below.
-//
-//             127 .. 113   112 .. 0          guard word
-//   larger    0            significand       0
-//   smaller   0            significand >> distance, ................
-//
-// Fewer than 64 places: none of the smaller significand's bits gets lost.
-[[gnu::always_inline]] inline three_words add_aligned(uint128 larger, uint128 smaller, int distance,
-                                                      bool subtract) {
-  const three_words addend = shift_into_guard(smaller, distance);
-  return three_words{high(larger), low(larger), subtract} + (addend ^ -uint64_t{subtract});
-}
-
-// The common path: a result well inside the normal numbers. Its leading one is shifted to the
-// place of a carry, so that the lowest bit of the upper two words becomes the first of the guard
-// word.
-[[gnu::always_inline]] inline uint128 pack_sum(bool negative, int exponent, three_words sum) {
-  constexpr int carry_place = f::precision - 64;
-  const int shift = carry_place - highest_bit(sum.high);
-  const three_words normalised = sum << shift;
-  const uint128 significand =
-      make_uint128(normalised.high >> 1, normalised.high << 63 | normalised.low >> 1);
-  return f::signed_word(negative, rounded(negative, pack<f>(exponent + 1 - shift, significand),
-                                          normalised.low << 63, normalised.guard));
-}
-
-// The same for any finite operands, at leisure.
-[[gnu::cold, gnu::noinline]] uint128 add_finite(const ordered_operands& o) {
+// Finite operands of whatever kind.
+uint128 add_finite(const ordered_operands& o) {
   // Subnormal numbers have the exponent of the smallest normal ones, and no leading one.
   const int larger_exponent = f::exponent(o.larger) + (f::exponent(o.larger) == 0);
   const int smaller_exponent = f::exponent(o.smaller) + (f::exponent(o.smaller) == 0);
@@ -73,8 +45,7 @@ struct ordered_operands {
       shift_right_sticky(significand(o.smaller), 0, larger_exponent - smaller_exponent);
   const three_words addend = {high(aligned.significand), low(aligned.significand), aligned.guard};
   const uint128 larger = significand(o.larger);
-  const three_words sum =
-      three_words{high(larger), low(larger), o.subtract} + (addend ^ -uint64_t{o.subtract});
+  const three_words sum = add_or_subtract(larger, addend, -uint64_t{o.subtract});
 
   if (sum.significand() >> f::precision != 0)  // a carry
     return round_and_pack<f>(o.negative, larger_exponent + 1, sum.significand() >> 1,
@@ -86,7 +57,7 @@ struct ordered_operands {
       sum.significand() != 0 ? leading_zeros(sum.significand()) : 128 + leading_zeros(sum.guard);
   const int wanted = zeros - (128 - f::precision);
   const int shift = wanted < larger_exponent ? wanted : larger_exponent - 1;
-  three_words normalised = sum << (shift & 63);
+  three_words normalised = sum << static_cast<unsigned>(shift & 63);
   if (shift >= 64) normalised = {normalised.low, normalised.guard, 0};
   if (normalised.significand() < f::leading_one)
     return f::signed_word(o.negative, normalised.significand());
@@ -94,9 +65,8 @@ struct ordered_operands {
                            normalised.guard);
 }
 
-// Where an exponent is special, or the result may be zero, subnormal or too large, or the operands
-// are far apart.
-[[gnu::cold, gnu::noinline]] uint128 add_general(uint128 a, uint128 b, uint64_t negate_b) {
+// Any operands, at leisure.
+uint128 add_any(uint128 a, uint128 b, uint64_t negate_b) {
   const ordered_operands o = order(a, b, negate_b);
   if (is_nan<f>(a) || is_nan<f>(b)) return propagate_nan(a, b);
   if (is_infinite(o.smaller) && o.subtract) return invalid_operation();
@@ -109,23 +79,67 @@ struct ordered_operands {
   return add_finite(o);
 }
 
+[[gnu::cold, gnu::noinline]] void add_at_leisure(void* result, const void* a, const void* b,
+                                                 uint64_t negate_b) {
+  store(result, add_any(load(a), load(b), negate_b));
+}
+
+constexpr int place = f::fraction_bits - 64;  // of the leading one, in the high word
+
+// The common path ordered the operands by their high words alone and had no more than 65 bits left
+// of a difference, in the low word and at the top of the guard word, and these exact. Where it is
+// below 0, the high word being all ones, the order was wrong. `head` is the larger one's sign and
+// exponent, in their places.
+[[gnu::cold, gnu::noinline]] void store_cancelled(void* result, uint64_t head, uint64_t sum_high,
+                                                  uint64_t sum_low, uint64_t sum_guard) {
+  uint128 rest = make_uint128(sum_low, sum_guard);
+  if (sum_high != 0) {
+    rest = -rest;
+    head ^= high(f::sign_bit);
+  } else if (rest == 0) {
+    return store(result, f::signed_word(rounding_control() == rounding::down, 0));
+  }
+  const int zeros = leading_zeros(rest);  // besides the place + 1 above that the high word had
+  const uint128 significand = rest << zeros >> (128 - f::precision);
+  head -= static_cast<uint64_t>(place + 2 + zeros) << place;  // the leading one adds 1
+  store(result, make_uint128(head + high(significand), low(significand)));
+}
+
+// The common path adds or subtracts the significands like this, larger + (smaller >> distance):
+//
+//             127 .. 113   112 .. 0          guard word
+//   larger    0            significand       0
+//   smaller   0            significand >> distance, ................
+//
+// A distance below 64 loses none of the smaller one's bits, and leaves the last one of the guard
+// word free. The sum's leading one is at bit 112, one place further up or, after a subtraction,
+// anywhere below; it is shifted to the place of a carry.
 [[gnu::always_inline]] inline void add(void* result, const void* a_address, const void* b_address,
                                        uint64_t negate_b) {
-  const uint128 a = load(a_address), b = load(b_address);
-  const ordered_operands o = order(a, b, negate_b);
-  const int exponent = static_cast<int>(o.larger >> f::fraction_bits);
-  const int distance = exponent - static_cast<int>(o.smaller >> f::fraction_bits);
-  // Exponents from 64 up leave room for all the places that can cancel here, and those below
+  uint128 larger = load(a_address), smaller = load(b_address) ^ make_uint128(negate_b, 0);
+  exchange_if_less(high(larger) << 1, high(smaller) << 1, larger, smaller);
+
+  // Exponents from 128 up leave room for all the places that can cancel here, and those below
   // `last` room for a carry and for rounding. Both operands are normal numbers then.
-  constexpr int first = 64, last = f::special_exponent - 3;
-  if (static_cast<unsigned>(exponent - first) > last - first || distance >= 64) [[unlikely]]
-    return store(result, add_general(a, b, negate_b));
-  const three_words sum =
-      add_aligned(f::fraction(o.larger) | f::leading_one, f::fraction(o.smaller) | f::leading_one,
-                  distance, o.subtract);
-  if (sum.high == 0) [[unlikely]]
-    return store(result, add_general(a, b, negate_b));
-  store(result, pack_sum(o.negative, exponent, sum));
+  constexpr uint64_t first = 128, last = f::special_exponent - 3;
+  const uint64_t exponent = high(larger) << 1 >> (place + 1);
+  const uint64_t distance = exponent - (high(smaller) << 1 >> (place + 1));
+  if (exponent - first > last - first || distance >= 64) [[unlikely]]
+    return add_at_leisure(result, a_address, b_address, negate_b);
+
+  const uint64_t fraction = high(f::fraction(larger));
+  const uint64_t all_ones_if_signs_differ =
+      static_cast<uint64_t>(static_cast<std::int64_t>(high(larger) ^ high(smaller)) >> 63);
+  const two_words addend = {high(f::fraction(smaller)) | high(f::leading_one), low(smaller)};
+  const three_words sum = add_or_subtract(
+      make_uint128(fraction | high(f::leading_one), low(larger)),
+      shift_into_guard(addend, static_cast<unsigned>(distance)), all_ones_if_signs_differ);
+  if (static_cast<std::int64_t>(sum.high) <= 0) [[unlikely]]
+    return store_cancelled(result, high(larger) - fraction, sum.high, sum.low, sum.guard);
+  const auto shift = static_cast<unsigned>(place + 1 - highest_bit(sum.high));
+  const three_words doubled = sum << shift;
+  store(result, rounded_half(high(larger) - (fraction + (uint64_t{shift} << place)),
+                             doubled.significand(), doubled.guard));
 }
 
 }  // namespace

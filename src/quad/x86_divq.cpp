@@ -22,13 +22,6 @@ using f = binary128;
   return quotient;
 }
 
-[[gnu::always_inline]] constexpr uint64_t multiply_high(uint64_t a, uint64_t b) {
-  return high(uint128{a} * b);
-}
-[[gnu::always_inline]] constexpr uint128 shift_left(uint128 x, int n) {  // 1 to 63 places
-  return make_uint128(high(x) << n | low(x) >> (64 - n), low(x) << n);
-}
-
 // floor(2^62 rest / divisor), given an estimate that is too large by a few units at most, and with
 // bit 0 set where something remains.
 [[gnu::cold, gnu::noinline]] uint64_t exact_digit(uint128 rest, uint64_t digit, uint128 divisor) {
@@ -67,33 +60,44 @@ using f = binary128;
 // digit, too small by less than 8 after rounding down and so, with 8 added, too large by 8 at most.
 // That changes none of the bits that are kept nor the first one below them, and leaves some other
 // bit set, provided that the digit's low 8 bits, which lie below both, are more than 8.
-[[gnu::always_inline]] inline uint128 divide_finite(unpacked<f> a, unpacked<f> b) {
-  const bool negative = a.negative != b.negative;
-  const uint128 v = shift_left(b.significand, 14);
-  const uint64_t reciprocal = divide_words((uint128{1} << 126) - 1, high(v) + 1);
+struct digits {
+  uint64_t first, second;
+  uint128 rest;  // what the first one leaves
 
-  const uint64_t first = multiply_high(high(shift_left(a.significand, 15)), reciprocal) >> 3;
-  const uint64_t upper = (low(a.significand) << 10) - first * high(v);  // modulo 2^64
-  const uint128 rest = make_uint128(upper, 0) - uint128{first} * low(v);
-  uint64_t second = multiply_high(high(rest), reciprocal) + 8;
-  if ((second & 0xff) <= 8) [[unlikely]] {
-    if (a.significand == b.significand)  // nothing but zeros below the leading one: always here
-      return power_of_two(negative, a.exponent - b.exponent + f::bias);
-    second = exact_digit(rest, second, v);
+  [[gnu::always_inline]] bool may_be_wrong() const { return (second & 0xff) <= 8; }
+  // Its leading one is at bit 58 of the high word or, of a quotient below 1, one place below.
+  [[gnu::always_inline]] two_words quotient() const {
+    return two_words{first >> 2, first << 62} + second;
   }
+};
 
-  const uint128 quotient = add_word(make_uint128(first >> 2, first << 62), second);
+// Of 2^15 a, its high word given, and v.
+[[gnu::always_inline]] inline digits estimate_digits(uint64_t a_top, uint64_t a_low, two_words v) {
+  const uint64_t reciprocal = divide_words((uint128{1} << 126) - 1, v.high + 1);
+  const uint64_t first = multiply_words(a_top, reciprocal).high >> 3;
+  const uint64_t upper = (a_low << 10) - first * v.high;  // modulo 2^64
+  const two_words product = multiply_words(first, v.low);
+  const uint128 rest = make_uint128(upper, 0) - make_uint128(product.high, product.low);
+  return {first, multiply_words(high(rest), reciprocal).high + 8, rest};
+}
+
+uint128 divide_finite(unpacked<f> a, unpacked<f> b) {
+  const bool negative = a.negative != b.negative;
+  if (a.significand == b.significand)
+    return power_of_two(negative, a.exponent - b.exponent + f::bias);
+  const uint128 v = b.significand << 14;
+  digits d = estimate_digits(high(a.significand << 15), low(a.significand), {high(v), low(v)});
+  if (d.may_be_wrong()) d.second = exact_digit(d.rest, d.second, v);
+  const uint128 quotient = make_uint128(d.quotient().high, d.quotient().low);
   const auto from_one_up = static_cast<int>(high(quotient) >> 58);  // 1 or 0
   const int surplus = 9 + from_one_up;
-  const uint128 significand = make_uint128(
-      high(quotient) >> surplus, high(quotient) << (64 - surplus) | low(quotient) >> surplus);
   return round_and_pack<f, exact_underflow::raised_if_unmasked>(
-      negative, a.exponent - b.exponent + f::bias - 1 + from_one_up, significand,
+      negative, a.exponent - b.exponent + f::bias - 1 + from_one_up, quotient >> surplus,
       low(quotient) << (64 - surplus));
 }
 
-// Where an operand is zero, subnormal, infinite or a NaN.
-[[gnu::cold, gnu::noinline]] uint128 divide_special(uint128 a, uint128 b) {
+// For any operands, at leisure.
+uint128 divide_any(uint128 a, uint128 b) {
   const bool negative = f::negative(a) != f::negative(b);
   if (is_nan<f>(a) || is_nan<f>(b)) return propagate_nan(a, b);
   if ((is_zero(a) && is_zero(b)) || (is_infinite(a) && is_infinite(b))) return invalid_operation();
@@ -106,18 +110,39 @@ using f = binary128;
   if (is_subnormal(a) || is_subnormal(b)) raise_denormal();
   return divide_finite(unpack<f>(a), unpack<f>(b));
 }
+[[gnu::cold, gnu::noinline]] void divide_at_leisure(void* result, const void* a, const void* b) {
+  store(result, divide_any(load(a), load(b)));
+}
+
+// A quotient whose estimated digits serve is neither exact nor half way between two numbers. Sign
+// and exponent are computed in one: the difference of the signs is the quotient's, and what is
+// borrowed beyond them is shifted out.
+[[gnu::always_inline]] inline void divide(void* result, const void* a_address,
+                                          const void* b_address) {
+  const uint128 a = load(a_address), b = load(b_address);
+  if (!is_common_case(a, b, [](int x, int y) { return x - y + f::bias - 1; })) [[unlikely]]
+    return divide_at_leisure(result, a_address, b_address);
+  const uint64_t a_top = uint64_t{1} << 63 | high(a) << 15 | low(a) >> 49;
+  const two_words v = {uint64_t{1} << 62 | high(b) << 16 >> 2 | low(b) >> 50, low(b) << 14};
+  const digits d = estimate_digits(a_top, low(a), v);
+  if (d.may_be_wrong()) [[unlikely]]
+    return divide_at_leisure(result, a_address, b_address);
+
+  const two_words quotient = d.quotient();
+  const uint64_t from_one_up = quotient.high >> 58;
+  const two_words doubled = quotient >> (8 + static_cast<int>(from_one_up));
+  const uint64_t head = head_of(a) - head_of(b) + from_one_up + (f::bias - 2);
+  store(result,
+        rounded_half(head << (f::fraction_bits - 64), make_uint128(doubled.high, doubled.low), 1));
+}
 
 }  // namespace
 }  // namespace zorvac::softfp
 
 // One body serves both processor classes.
 ZORVAC_EXPORT_AS("__divq.L", void divq_l(void* quotient, const void* a, const void* b));
-void divq_l(void* quotient, const void* a_address, const void* b_address) {
-  using namespace zorvac::softfp;
-  const uint128 a = load(a_address), b = load(b_address);
-  if (is_special(a) || is_special(b)) [[unlikely]]
-    return store(quotient, divide_special(a, b));
-  store(quotient, divide_finite(unpack_ordinary(a), unpack_ordinary(b)));
+void divq_l(void* quotient, const void* a, const void* b) {
+  zorvac::softfp::divide(quotient, a, b);
 }
 ZORVAC_EXPORT_AS("__divq.A",
                  __attribute__((alias("__divq.L"))) void divq_a(void* quotient, const void* a,
