@@ -26,10 +26,10 @@ template <class F>
 [[gnu::cold, gnu::noinline]] typename F::word narrow_any(uint128 w) {
   const bool negative = q::negative(w);
   if (is_signalling<q>(w)) raise_invalid();
-  if (is_nan<q>(w))
-    return F::signed_word(
-        negative,
-        F::infinity | F::quiet_bit | static_cast<typename F::word>(q::fraction(w) >> lost_bits<F>));
+  if (is_nan<q>(w)) {
+    const auto payload = static_cast<typename F::word>(q::fraction(w) >> lost_bits<F>);
+    return F::signed_word(negative, F::infinity | F::quiet_bit | payload);
+  }
   if (is_infinite(w)) return F::signed_word(negative, F::infinity);
   if (is_zero(w)) return F::signed_word(negative, 0);
   if (is_subnormal(w)) raise_denormal();
