@@ -139,15 +139,15 @@ typename F::word pack_tiny(bool negative, int exponent, typename F::word signifi
   const bool becomes_normal = exponent == 0 && significand == 2 * F::leading_one - 1 &&
                               rounds_up(rounding_control(), negative, true, guard);
   const auto shifted = shift_right_sticky(significand, guard, 1 - exponent);
-  auto packed = shifted.significand;
+  const auto packed = F::signed_word(negative, shifted.significand);
   if (shifted.guard != 0) {
     if (!becomes_normal) raise_underflow_inexact();
-    return rounded<F>(F::signed_word(negative, packed), shifted.guard);
-  } else if (Exact == exact_underflow::raised_if_unmasked &&
-             (status & mxcsr::underflow << mxcsr::mask_shift) == 0) {
-    raise_underflow();
+    return rounded<F>(packed, shifted.guard);
   }
-  return F::signed_word(negative, packed);
+  if (Exact == exact_underflow::raised_if_unmasked &&
+      (status & mxcsr::underflow << mxcsr::mask_shift) == 0)
+    raise_underflow();
+  return packed;
 }
 
 // A result that may overflow, or that is tiny.
