@@ -157,7 +157,7 @@ template <class F>
 [[gnu::always_inline]] constexpr typename F::word pack(int exponent, typename F::word significand) {
   const auto field = static_cast<uint64_t>(exponent - 1);
   if constexpr (F::fraction_bits > 64)  // spares the addition to the low word
-    return make_uint128(high(significand) + (field << (F::fraction_bits - 64)), low(significand));
+    return make_uint128(high(significand) + field * high(F::leading_one), low(significand));
   else
     return (typename F::word{field} << F::fraction_bits) + significand;
 }
