@@ -1,13 +1,12 @@
 #!/usr/bin/env python3
-"""Turns Google Benchmark results (JSON) into tables of ratios, ours against the peers.
+"""Reads Google Benchmark results (JSON) and compares ours with the peers; as a program, prints that.
 
-usage: report.py [--only REGEX] [--rows json|table] RESULTS.json...
+usage: report.py [--only REGEX] RESULTS.json...
 
 A benchmark is named <family>/<row...>/<contender>. A contender whose name begins with "zorvac" is
-ours; every other one in the same row is its peer. The time of a row is the median of the CPU time
-per iteration over all repetitions, in one file or several; where a file has aggregates only, its own
-median. A ratio is peer / ours: above 1, ours is faster. The geometric mean of a column stands under
-it, with its worst row. Give results that are not to be compared in calls of their own.
+ours; every other one in the same row of the same file is its peer. The time of a row is the median
+of the CPU time per iteration over all repetitions; where a file has aggregates only, its own median.
+A ratio is peer / ours: above 1, ours is faster.
 """
 import argparse
 import json
@@ -16,29 +15,57 @@ import re
 import statistics
 import sys
 from collections import defaultdict
+from dataclasses import dataclass
 
 TO_NANOSECONDS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 
-def read(files):
-    """Returns {(family, row): {contender: median nanoseconds}}, in the order of the files."""
+@dataclass(frozen=True)
+class Measured:
+    """One contender in one row: medians. Rates are None where the program does not count."""
+    ns: float  # of one item where the program counts items, of one iteration otherwise
+    gigabytes: float | None  # a second
+    gigaflops: float | None  # a second
+
+
+@dataclass(frozen=True)
+class Ratio:
+    row: str
+    ours: str
+    peer: str
+    value: float
+
+
+def rates(run):
+    """Returns (nanoseconds of an item, GB/s, GFLOP/s) of one repetition."""
+    ns = run["cpu_time"] * TO_NANOSECONDS[run["time_unit"]]
+    if run.get("items_per_second"):
+        ns = 1e9 / run["items_per_second"]
+    bytes_rate = run.get("bytes_per_second")
+    # A counter of operations says its unit in its name: FLOP/s, GFLOP/s, flops.
+    flops = next((value / (1 if name[0] == "G" else 1e9) for name, value in run.items()
+                  if re.fullmatch(r"G?flop(s|/s|_per_second)?", name, re.IGNORECASE)), None)
+    return ns, bytes_rate / 1e9 if bytes_rate else None, flops
+
+
+def read(file):
+    """Returns {row: {contender: Measured}} of one file, in its order; rows carry their family."""
+    with open(file, encoding="utf-8") as stream:
+        runs = [r for r in json.load(stream)["benchmarks"] if not r.get("error_occurred")]
+    single = [r for r in runs if r.get("run_type") != "aggregate"]
     samples = defaultdict(lambda: defaultdict(list))
-    for file in files:
-        with open(file, encoding="utf-8") as stream:
-            results = json.load(stream)
-        runs = [run for run in results["benchmarks"] if not run.get("error_occurred")]
-        repetitions = [run for run in runs if run.get("run_type") != "aggregate"]
-        for run in repetitions or [r for r in runs if r["aggregate_name"] == "median"]:
-            # Options such as min_time follow the name that the benchmark was given.
-            name = re.sub(r"(/(min_time|min_warmup_time|iterations|repeats|threads):[^/]+)+$", "",
-                          run.get("run_name", run["name"]))
-            family, *row, contender = name.split("/")
-            nanoseconds = run["cpu_time"] * TO_NANOSECONDS[run["time_unit"]]
-            samples[family, "/".join(row)][contender].append(nanoseconds)
-    return {
-        row: {contender: statistics.median(times) for contender, times in contenders.items()}
-        for row, contenders in samples.items()
-    }
+    for run in single or [r for r in runs if r["aggregate_name"] == "median"]:
+        # Options such as min_time follow the name that the benchmark was given.
+        name = re.sub(r"(/((min_time|min_warmup_time|iterations|repeats|threads):[^/]+"
+                      r"|real_time|process_time|manual_time))+$", "", run.get("run_name", run["name"]))
+        row, _, contender = name.rpartition("/")
+        samples[row][contender].append(rates(run))
+
+    def median(values):
+        return None if None in values else statistics.median(values)
+    return {row: {contender: Measured(*map(median, zip(*repetitions)))
+                  for contender, repetitions in contenders.items()}
+            for row, contenders in samples.items()}
 
 
 def size_order(text):
@@ -48,58 +75,46 @@ def size_order(text):
     return [int(p.rstrip("KMG")) * units.get(p[-1], 1) if p[:1].isdigit() else p for p in parts]
 
 
-def ratios(medians):
-    """Returns rows {family, row, ours, peer, ours_ns, peer_ns, ratio}."""
-    for (family, row), contenders in medians.items():
-        for ours, ours_ns in contenders.items():
-            if not ours.startswith("zorvac"):
-                continue
-            for peer, peer_ns in contenders.items():
-                if not peer.startswith("zorvac"):
-                    yield {"family": family, "row": row, "ours": ours, "peer": peer,
-                           "ours_ns": ours_ns, "peer_ns": peer_ns, "ratio": peer_ns / ours_ns}
+def is_ours(contender):
+    return contender.startswith("zorvac")
 
 
-def print_table(title, cells):
-    """Prints {row: {contender: result}}, then the geometric mean and the worst row of each column."""
-    contenders = sorted({ours for row in cells.values() for ours in row})
-    widest = max([len(row) for row in cells] + [len("geometric mean")])
-    columns = [max(len(c), 8) for c in contenders]
-    print(f"\n{title}: ratio peer / ours, above 1 ours is faster")
-    print(" " * widest, *(c.rjust(w) for c, w in zip(contenders, columns)), "   peer ns")
-    for row in sorted(cells, key=size_order):
-        texts = [f"{cells[row][c]['ratio']:.2f}" if c in cells[row] else "-" for c in contenders]
-        peer_ns = next(iter(cells[row].values()))["peer_ns"]
-        print(row.ljust(widest), *(t.rjust(w) for t, w in zip(texts, columns)), f"{peer_ns:10.1f}")
-    means, worst = [], []
-    for contender in contenders:
-        column = [row[contender]["ratio"] for row in cells.values() if contender in row]
-        means.append(math.exp(statistics.fmean(math.log(r) for r in column)))
-        worst.append(min(column))
-    for name, values in (("geometric mean", means), ("worst row", worst)):
-        print(name.ljust(widest), *(f"{v:.2f}".rjust(w) for v, w in zip(values, columns)))
+def ratios(rows):
+    """Returns the Ratio of each of ours beside each peer, over rows as read() gives them."""
+    return [Ratio(row, ours, peer, of_peer.ns / of_ours.ns)
+            for row, contenders in rows.items()
+            for ours, of_ours in contenders.items() if is_ours(ours)
+            for peer, of_peer in contenders.items() if not is_ours(peer)]
+
+
+def geometric_mean(ratio_list):
+    return math.exp(statistics.fmean(math.log(r.value) for r in ratio_list))
+
+
+def columns(ratio_list):
+    """Returns {(family, ours, peer): ratios of that column}."""
+    grouped = defaultdict(list)
+    for r in ratio_list:
+        grouped[r.row.split("/")[0], r.ours, r.peer].append(r)
+    return dict(sorted(grouped.items()))
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("results", nargs="+")
-    parser.add_argument("--only", default="", help="rows whose name matches this regular expression")
-    parser.add_argument("--rows", choices=("json", "table"), default="table")
+    parser.add_argument("--only", default="", help="rows that match this regular expression")
     arguments = parser.parse_args()
-
-    rows = [r for r in ratios(read(arguments.results))
-            if re.search(arguments.only, f"{r['family']}/{r['row']}/{r['ours']}")]
-    if not rows:
+    found = [r for file in arguments.results for r in ratios(read(file))
+             if re.search(arguments.only, f"{r.row}/{r.ours}")]
+    if not found:
         sys.exit("no row of ours has a peer")
-    if arguments.rows == "json":
-        json.dump(rows, sys.stdout, indent=1)
-        return
-    tables = defaultdict(lambda: defaultdict(dict))
-    for r in rows:
-        tables[f"{r['family']} against {r['peer']}"][r["row"]][r["ours"]] = r
-    for title, cells in tables.items():
-        print_table(title, cells)
+    for (family, ours, peer), column in columns(found).items():
+        print(f"\n{family}: {ours} against {peer}, above 1 ours is faster")
+        width = max(len(r.row) for r in column)
+        for r in sorted(column, key=lambda r: size_order(r.row)):
+            print(f"  {r.row.ljust(width)} {r.value:7.2f}")
+        print(f"  {'geometric mean'.ljust(width)} {geometric_mean(column):7.2f}")
 
 
 if __name__ == "__main__":

@@ -6,11 +6,26 @@
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 
+#ifdef ZORVAC_COVERAGE
+extern "C" void __gcov_dump();
+#endif
+
 namespace zorvac::test {
+namespace {
+
+// The counts of a coverage build are written by exit; a child that ends otherwise writes them here.
+void keep_coverage() {
+#ifdef ZORVAC_COVERAGE
+  __gcov_dump();
+#endif
+}
+
+}  // namespace
 
 std::ostream& operator<<(std::ostream& out, const outcome& o) {
   return out << "exit status " << o.exit_status << ", signal " << o.signal
@@ -28,8 +43,12 @@ outcome run_in_child(const std::function<void()>& body) {
     dup2(out[1], STDOUT_FILENO);
     dup2(err[1], STDERR_FILENO);
     for (const int fd : {out[0], out[1], err[0], err[1]}) close(fd);
+#ifdef ZORVAC_COVERAGE
+    std::signal(SIGABRT, [](int) { keep_coverage(); });
+#endif
     body();
     std::fflush(nullptr);
+    keep_coverage();
     _exit(0);
   }
   close(out[1]);

@@ -1,0 +1,87 @@
+"""The one table of what scripts/bench runs and what docs/performance.md shows of it.
+
+A program that has no row in RUNS runs once as it is, and rows that no family claims come under the
+last one, so a new benchmark is on the page before anybody has thought of it.
+"""
+from dataclasses import dataclass
+
+
+@dataclass(frozen=True)
+class Run:
+    """One run of a program: the rows to measure and the environment to do it in."""
+    program: str
+    rows: str = "."
+    result: str = ""  # of the file with the results; the program's name where empty
+    environment: tuple = ()
+
+
+@dataclass(frozen=True)
+class Chart:
+    """A picture of the rows that match. The group `size` of `rows` is the x axis; where there is a
+    group `series`, each of its texts gives lines of its own. A chart of bars has a group of bars for
+    each text of the group `row`. `hide` are contenders to leave out; the rows that match `limits`
+    become lines across: the most that a contender can reach."""
+    file: str
+    title: str
+    rows: str
+    value: str = "ns"  # ns, GB/s or GFLOP/s
+    bars: bool = False
+    x: str = "bytes"
+    hide: str = "^$"
+    limits: str = "^$"
+
+
+@dataclass(frozen=True)
+class Family:
+    name: str  # and that of its note, bench/notes/<name>.md
+    title: str
+    rows: str
+    charts: tuple = ()
+
+
+# The C library held to its variants of one level.
+WITHOUT_AVX = ("GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2,-AVX512F,-AVX512VL,-AVX_Fast_Unaligned_Load,"
+               "-ERMS,-FSRM,-SSE4_1,-SSE4_2,-MOVBE")
+
+RUNS = (
+    Run("block_bench", "/(zorvac_(fast|avx_rep|avx512f|vec)|worker|libc)(/|$)"),
+    Run("block_bench", "/(zorvac_ssse3|zorvac_ssse3_rep|libc-ssse3)(/|$)", "block_bench-ssse3",
+        (WITHOUT_AVX,)),
+    Run("block_bench", "/(zorvac_new|libc-sse2)(/|$)", "block_bench-sse2",
+        (WITHOUT_AVX + ",-SSSE3",)),
+    Run("string_bench", "(atoi|atoll)/"),
+    Run("string_bench", "(strlen|strchr)/", "string_bench-sse2",
+        (WITHOUT_AVX + ",-SSSE3,-BMI2",)),
+)
+
+
+def by_size(operation, hide="^$"):
+    return Chart(operation, f"{operation}: gigabytes a second by size, unaligned",
+                 rf"{operation}/fixed-(?P<size>\d+[KM]?)-unaligned", "GB/s", hide=hide)
+
+
+FAMILIES = (
+    Family("memory", "Memory by size", r"(copy|move|fill|compare|dispatch-.*)/",
+           (by_size("copy"), by_size("move"), by_size("fill"), by_size("compare"))),
+    Family("strings", "Strings", r"(strlen|strchr|atoi|atoll)/",
+           (Chart("strlen", "strlen: time by length", r"strlen/(?P<size>\d+)$"),
+            Chart("numbers", "Decimal numbers: time by digits", r"(?P<series>ato\w+)/(?P<size>\d+)$",
+                  x="digits"))),
+    Family("pool", "Pools", r"(pair|crowd|handover)/",
+           (Chart("pool", "One allocation and one free of 64 bytes", r"(?P<row>\w+)/one-thread$",
+                  bars=True),)),
+    Family("quad", "Quad arithmetic",
+           r"(add|subtract|multiply|divide|equal|less|to_\w+|from_\w+)/(throughput|latency)$",
+           (Chart("quad", "Quad operations: time of a call, operands not predictable",
+                  r"(?P<row>\w+)/throughput$", bars=True),
+            Chart("quad-latency", "Quad operations: time of a call that waits for the one before",
+                  r"(?P<row>\w+)/latency$", bars=True))),
+    Family("matrices", "Matrices", r"(matmul\w*|limit|thin|matvec)/",
+           (Chart("matrices", "Products of square matrices of doubles, one thread",
+                  r"matmul/(?P<size>\d+)$", "GFLOP/s", x="n", limits=r"limit/"),)),
+    Family("reductions", "Reductions", r"reduc\w*/"),
+    Family("traceback", "Traceback", r"(traceback|trace|symbols)/",
+           (Chart("traceback", "A traceback by the number of frames", r"traceback/(?P<size>\d+)", x="frames"),)),
+    Family("dispatch", "Dispatch and load", r"(dispatch|detect|load)/"),
+    Family("others", "Others", r"(?!empty/)"),
+)
