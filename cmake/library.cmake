@@ -12,6 +12,9 @@ target_compile_options(zorvac_code INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fvisibility=hidden -fsemantic-interposition -fno-plt>
   $<$<COMPILE_LANGUAGE:CXX>:-ffp-contract=off>)
 target_link_libraries(zorvac_code INTERFACE zorvac_warnings)
+if(ZORVAC_COVERAGE)
+  target_compile_options(zorvac_code INTERFACE $<$<COMPILE_LANGUAGE:CXX>:--coverage>)
+endif()
 
 add_library(zorvac_common OBJECT ${ZORVAC_COMMON_SOURCES})
 target_link_libraries(zorvac_common PRIVATE zorvac_code)

@@ -1,58 +1,94 @@
 #!/usr/bin/env bash
-# Installs into an empty folder and builds a program against it in each way that the README names;
-# unpacks the Debian packages and looks for what they must hold.
+# Installs into an empty folder, and the Debian packages into an empty system; builds programs against
+# both in each way that the README names.
 #
 #   install_test.sh SOURCE_DIR BUILD_DIR C_COMPILER CXX_COMPILER
 set -euo pipefail
 source_dir=$1 build_dir=$2 cc=$3 cxx=$4
+example=$source_dir/examples/processor.c
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
-prefix=$folder/prefix
+fail() { echo "$*"; exit 1; }
 
-cmake --install "$build_dir" --prefix "$prefix" >/dev/null
-lib=$(dirname "$(find "$prefix" -name libzorvac.so.5 | head -n 1)")
-[ "$(readlink "$lib/libzorvac.so")" = libzorvac.so.5 ]
-
-expect_run() {
-  LD_LIBRARY_PATH=$lib "$1" | grep -q '^vendor ' || { echo "$1 does not run"; exit 1; }
-}
-
-# pkg-config, shared and static
-export PKG_CONFIG_PATH=$lib/pkgconfig
-sed -i "s|^prefix=.*|prefix=$prefix|" "$lib/pkgconfig/zorvac.pc"
-read -ra flags <<<"$(pkg-config --cflags --libs zorvac)"
-"$cc" -o "$folder/by-pkg-config" "$source_dir/examples/processor.c" "${flags[@]}"
-expect_run "$folder/by-pkg-config"
-"$cc" -o "$folder/static" -I"$prefix/include" "$source_dir/examples/processor.c" "$lib/libzorvac.a"
-expect_run "$folder/static"
-if ldd "$folder/static" | grep -q zorvac; then echo "not linked statically"; exit 1; fi
-
-# find_package
-mkdir "$folder/project"
-cat >"$folder/project/CMakeLists.txt" <<CMAKE
+# Builds and runs a program against the library under a prefix: pkg-config, plainly static, CMake.
+builds_against() {
+  local prefix=$1 lib programs=$2
+  mkdir -p "$programs"
+  lib=$(dirname "$(find "$prefix" -name libzorvac.so.5 | head -n 1)")
+  [ "$(readlink "$lib/libzorvac.so")" = libzorvac.so.5 ] || fail "no link for the linker"
+  read -ra flags <<<"$(PKG_CONFIG_LIBDIR=$lib/pkgconfig pkg-config --cflags --libs zorvac)"
+  "$cc" -o "$programs/by-pkg-config" "$example" "${flags[@]}"
+  "$cc" -o "$programs/static" -I"$prefix/include" "$example" "$lib/libzorvac.a"
+  if ldd "$programs/static" | grep -q zorvac; then fail "not linked statically"; fi
+  cat >"$programs/CMakeLists.txt" <<CMAKE
 cmake_minimum_required(VERSION 3.25)
 project(client C)
 find_package(zorvac 5 REQUIRED)
-add_executable(client $source_dir/examples/processor.c)
-target_link_libraries(client PRIVATE zorvac::zorvac)
+add_executable(by-cmake $example)
+target_link_libraries(by-cmake PRIVATE zorvac::zorvac)
 CMAKE
-cmake -S "$folder/project" -B "$folder/project/build" -DCMAKE_PREFIX_PATH="$prefix" \
-  -DCMAKE_C_COMPILER="$cc" >/dev/null
-cmake --build "$folder/project/build" >/dev/null
-expect_run "$folder/project/build/client"
+  cmake -S "$programs" -B "$programs" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" >/dev/null
+  cmake --build "$programs" >/dev/null
+  for program in by-pkg-config static by-cmake; do
+    LD_LIBRARY_PATH=$lib "$programs/$program" | grep -q '^vendor ' || fail "$program does not run"
+  done
+}
+
+cmake --install "$build_dir" --prefix "$folder/prefix" >/dev/null
+builds_against "$folder/prefix" "$folder/programs"
 
 # Every public header stands alone, in C and in C++ of any standard we promise.
-for header in "$prefix"/include/zorvac/*.h; do
+for header in "$folder"/prefix/include/zorvac/*.h; do
   echo "#include <zorvac/$(basename "$header")>" >"$folder/header.c"
-  "$cc" -std=c99 -Wall -Wextra -Wpedantic -Werror -I"$prefix/include" -fsyntax-only "$folder/header.c"
-  "$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror -I"$prefix/include" -fsyntax-only -x c++ \
+  "$cc" -std=c99 -Wall -Wextra -Wpedantic -Werror -I"$folder/prefix/include" -fsyntax-only \
     "$folder/header.c"
+  "$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror -I"$folder/prefix/include" -fsyntax-only \
+    -x c++ "$folder/header.c"
 done
 
-# The packages
+# The packages, each by itself: what a reader of the package list sees, and where files go.
 (cd "$build_dir" && cpack -B "$folder/packages" >/dev/null)
-for package in "$folder"/packages/*.deb; do dpkg-deb -x "$package" "$folder/root"; done
-for file in lib/*/libzorvac.so.5.0.0 lib/libzorvac.so.5.0.0 include/zorvac/cpu.h; do
-  compgen -G "$folder/root/usr/$file" >>"$folder/found" || true
+packages=("$folder"/packages/*.deb)
+for package in "${packages[@]}"; do
+  name=$(dpkg-deb -f "$package" Package)
+  for field in Version Section Maintainer Architecture Depends; do
+    [ -n "$(dpkg-deb -f "$package" $field)" ] || fail "$name has no $field"
+  done
+  mapfile -t description < <(dpkg-deb -f "$package" Description)
+  [ "${#description[@]}" -gt 3 ] || fail "$name: no long description"
+  for line in "${description[@]}"; do
+    [[ $line == ?????????????????????????????????????????????????????????????????????????????????* ]] &&
+      fail "$name: a line of the description is longer than 80: $line"
+  done
+  dpkg-deb -c "$package" >"$folder/contents"
+  for file in copyright changelog.gz; do
+    grep -q " ./usr/share/doc/$name/$file\$" "$folder/contents" || fail "$name has no $file"
+  done
+  if awk '$6 !~ "^./(usr/.*)?$"' "$folder/contents" | grep .; then fail "$name: not under /usr"; fi
+  if grep -v '^l' "$folder/contents" | grep -E '^.....w|^........w|/tmp/'; then fail "$name: modes"; fi
 done
-[ "$(wc -l <"$folder/found")" -eq 2 ] || { echo "packages lack files"; find "$folder/root"; exit 1; }
+runtime=("$folder"/packages/libzorvac5_*.deb)
+dpkg-deb -I "${runtime[0]}" triggers | grep -qx 'activate-noawait ldconfig'
+dpkg-deb -I "${runtime[0]}" shlibs | grep -qx 'libzorvac 5 libzorvac5 (>= 5.0.0)'
+
+# Together, into a system that has the C library's packages and nothing else; so dependencies count.
+root=$folder/root
+mkdir -p "$root"/var/lib/dpkg/{info,updates}
+for package in libc6 libc6-dev; do dpkg-query -s "$package"; echo; done >"$root/var/lib/dpkg/status"
+as_root=()
+[ "$(id -u)" -eq 0 ] || as_root=(fakeroot)
+"${as_root[@]}" dpkg --root="$root" --log=/dev/null --force-not-root --force-script-chrootless \
+  --install "${packages[@]}" >"$folder/log" 2>&1 || { cat "$folder/log"; fail "dpkg refuses"; }
+[ -f "$root/usr/share/man/man7/zorvac.7.gz" ] || [ -f "$root/usr/share/man/man7/zorvac.7" ] ||
+  fail "no manual page"
+builds_against "$root/usr" "$folder/packaged-programs"
+
+# Another package's program: the symbols file tells its dependency, name by name.
+mkdir -p "$folder/client/debian"
+printf 'Source: client\n\nPackage: client\nArchitecture: any\n' >"$folder/client/debian/control"
+cp "$folder/packaged-programs/by-cmake" "$folder/client/"
+dpkg-deb -R "${runtime[0]}" "$folder/runtime"
+(cd "$folder/client" && dpkg-shlibdeps -O -S"$folder/runtime" \
+  -l"$folder/runtime/usr/lib" by-cmake) >"$folder/depends" 2>"$folder/log" ||
+  { cat "$folder/log"; fail "dpkg-shlibdeps refuses"; }
+grep -q 'libzorvac5 (>= 5.0.0)' "$folder/depends" || fail "wrong: $(cat "$folder/depends")"
