@@ -14,7 +14,12 @@ mask() {
     -e 's/ *[0-9]+(\.[0-9]+)? *(GFLOP\/s|[GM]B\/s|ns|us|ms|s|seconds|times)\b/ # \2/g' "$1"
 }
 # The fenced block behind the mark.
-block() { awk -v mark="$begin" '$0 == mark { found = 1 } found && /^```/ { if (inside) exit; inside = 1; next } inside' "$readme"; }
+block() {
+  awk -v mark="$begin" '
+    $0 == mark { found = 1 }
+    found && /^```/ { if (inside) exit; inside = 1; next }
+    inside' "$readme"
+}
 
 "$source_dir/scripts/demo" --build "$build_dir" >"$folder/now"
 if [ "${3:-}" = --update ]; then

@@ -44,7 +44,10 @@ outcome run_in_child(const std::function<void()>& body) {
     dup2(err[1], STDERR_FILENO);
     for (const int fd : {out[0], out[1], err[0], err[1]}) close(fd);
 #ifdef ZORVAC_COVERAGE
-    std::signal(SIGABRT, [](int) { keep_coverage(); });
+    struct sigaction once {};  // then the signal does what it does by default
+    once.sa_handler = [](int) { keep_coverage(); };
+    once.sa_flags = SA_RESETHAND;
+    for (const int deadly : {SIGABRT, SIGSEGV}) sigaction(deadly, &once, nullptr);
 #endif
     body();
     std::fflush(nullptr);

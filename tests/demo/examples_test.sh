@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Runs each example: its exit status and a telling line. An example without a row here is a failure.
+#
+#   examples_test.sh EXAMPLES_DIR
+set -euo pipefail
+cd "$1"
+# Example and arguments | exit status | a line of its output; both are regular expressions. The start-up
+# checks refuse or not, by the vendor that the library was built for and the machine.
+rows='processor    | 0    | ^vendor  +[[:print:]]{12}$
+startup_sse3 | [01] | ^built for SSE3: started$|SSE3.* instruction support\.$
+startup_avx2 | [01] | ^built for AVX2: started$|AVX2.* instructions\.$
+memory       | 0    | ^move  by _zorva_fast_memmove\.[PMA] .*"the brown fox"$
+quad         | 0    | ^  true value   3\.141592653589793238462643383279503$
+parse_column | 0    | ^5 numbers, sum 123456790183 
+pool         | 0    | ^the pool has started over: the next two are 64 bytes apart$'
+
+failures=0 tried=()
+while IFS='|' read -r command expected_status line; do
+  read -ra words <<<"$command"
+  tried+=("${words[0]}")
+  status=0
+  output=$("./${words[0]}" "${words[@]:1}" 2>&1) || status=$?
+  if [[ ! $status =~ ^${expected_status// /}$ ]] || ! grep -qE -- "${line# }" <<<"$output"; then
+    printf '%s: exit status %s\n%s\n' "$command" "$status" "$output"
+    failures=1
+  fi
+done <<<"$rows"
+for program in *; do
+  if [ -x "$program" ] && [ -f "$program" ] && [[ " ${tried[*]} " != *" $program "* ]]; then
+    echo "$program has no row in examples_test.sh"
+    failures=1
+  fi
+done
+exit $failures
