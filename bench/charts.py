@@ -21,6 +21,11 @@ def colours(series):
             {s: (PEERS[i % len(PEERS)], 1.5) for i, s in enumerate(peers)})
 
 
+def decades(lowest, highest):
+    """Returns the powers of ten from the one below the lowest to the one above the highest."""
+    return [10.0 ** e for e in range(math.floor(math.log10(lowest)), math.ceil(math.log10(highest)) + 1)]
+
+
 def steps(highest):
     """Returns round values from 0 to just above the highest: at most six steps."""
     raw = highest / 5
@@ -42,11 +47,14 @@ def size_name(size):
 
 
 def frame(title, y_label, x_label, ticks):
-    """Returns the parts that all charts have, and the function from values to heights."""
+    """Returns the parts that all charts have, and the function from values to heights, which is
+    logarithmic where the ticks do not begin at 0."""
     bottom, right = HEIGHT - BOTTOM, WIDTH - RIGHT
 
     def height(value):
-        return bottom - (bottom - TOP) * value / ticks[-1]
+        part = (math.log(value / ticks[0]) / math.log(ticks[-1] / ticks[0]) if ticks[0] > 0
+                else value / ticks[-1])
+        return bottom - (bottom - TOP) * part
     parts = [text(LEFT, 18, title, "start", 'font-size="14" font-weight="bold"'),
              text((LEFT + right) / 2, HEIGHT - 8, x_label),
              text(0, 0, y_label, extra=f'transform="translate(14 {(TOP + bottom) / 2}) rotate(-90)"')]
@@ -73,11 +81,13 @@ def svg(parts):
             f"{body}\n</svg>\n")
 
 
-def lines(title, x_label, y_label, series, limits):
-    """Draws {contender: {size: value}}, sizes on a logarithmic axis, and {limit: value} across."""
+def lines(title, x_label, y_label, series, limits, ratio_scale):
+    """Draws {contender: {size: value}}, sizes on a logarithmic axis, and {limit: value} across. On a
+    ratio scale equal ratios of values are equal distances."""
     sizes = sorted({size for points in series.values() for size in points})
-    highest = max([v for points in series.values() for v in points.values()] + list(limits.values()))
-    parts, height = frame(title, y_label, f"{x_label} (logarithmic)", steps(highest))
+    values = [v for points in series.values() for v in points.values()] + list(limits.values())
+    ticks = decades(min(values), max(values)) if ratio_scale else steps(max(values))
+    parts, height = frame(title, y_label, f"{x_label} (logarithmic)", ticks)
     first, last = math.log2(sizes[0]), math.log2(sizes[-1])
     right, bottom = WIDTH - RIGHT, HEIGHT - BOTTOM
 

@@ -20,7 +20,8 @@ class Chart:
     """A picture of the rows that match. The group `size` of `rows` is the x axis; where there is a
     group `series`, each of its texts gives lines of its own. A chart of bars has a group of bars for
     each text of the group `row`. `hide` are contenders to leave out; the rows that match `limits`
-    become lines across: the most that a contender can reach."""
+    become lines across: the most that a contender can reach. On a ratio scale the y axis is
+    logarithmic, too."""
     file: str
     title: str
     rows: str
@@ -29,6 +30,7 @@ class Chart:
     x: str = "bytes"
     hide: str = "^$"
     limits: str = "^$"
+    ratio_scale: bool = False
 
 
 @dataclass(frozen=True)
@@ -55,18 +57,19 @@ RUNS = (
 )
 
 
-def by_size(operation, hide="^$"):
+def by_size(operation):
     return Chart(operation, f"{operation}: gigabytes a second by size, unaligned",
-                 rf"{operation}/fixed-(?P<size>\d+[KM]?)-unaligned", "GB/s", hide=hide)
+                 rf"{operation}/fixed-(?P<size>\d+[KM]?)-unaligned", "GB/s",
+                 hide="_(avx512f|vec|ssse3)$|libc-ssse3", ratio_scale=True)
 
 
 FAMILIES = (
     Family("memory", "Memory by size", r"(copy|move|fill|compare|dispatch-.*)/",
            (by_size("copy"), by_size("move"), by_size("fill"), by_size("compare"))),
     Family("strings", "Strings", r"(strlen|strchr|atoi|atoll)/",
-           (Chart("strlen", "strlen: time by length", r"strlen/(?P<size>\d+)$"),
+           (Chart("strlen", "strlen: time by length", r"strlen/(?P<size>\d+)$", ratio_scale=True),
             Chart("numbers", "Decimal numbers: time by digits", r"(?P<series>ato\w+)/(?P<size>\d+)$",
-                  x="digits"))),
+                  x="digits", ratio_scale=True))),
     Family("pool", "Pools", r"(pair|crowd|handover)/",
            (Chart("pool", "One allocation and one free of 64 bytes", r"(?P<row>\w+)/one-thread$",
                   bars=True),)),

@@ -76,9 +76,10 @@ def draw(chart, files):
                     series.setdefault(name, {})[size_order(found["size"])[1]] = value
     if not series:
         return None
+    series = dict(sorted(series.items()))
     if chart.bars:
         return charts.bars(chart.title, chart.value, series)
-    return charts.lines(chart.title, chart.x, chart.value, series, limits)
+    return charts.lines(chart.title, chart.x, chart.value, series, limits, chart.ratio_scale)
 
 
 def losses(column_table):

@@ -52,6 +52,8 @@ def read(file):
     """Returns {row: {contender: Measured}} of one file, in its order; rows carry their family."""
     with open(file, encoding="utf-8") as stream:
         runs = [r for r in json.load(stream)["benchmarks"] if not r.get("error_occurred")]
+    # As the program registered them: interleaving reports them in any order.
+    runs.sort(key=lambda r: (r.get("family_index", 0), r.get("per_family_instance_index", 0)))
     single = [r for r in runs if r.get("run_type") != "aggregate"]
     samples = defaultdict(lambda: defaultdict(list))
     for run in single or [r for r in runs if r["aggregate_name"] == "median"]:
