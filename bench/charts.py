@@ -64,13 +64,11 @@ def frame(title, y_label, x_label, ticks):
     return parts, height
 
 
-def legend(parts, styles, limits=()):
-    entries = [(s, c, w, "") for s, (c, w) in styles.items()]
-    entries += [(s, INK, 1.5, ' stroke-dasharray="5 4"') for s in limits]
-    for i, (name, colour, width, dashes) in enumerate(entries):
+def legend(parts, styles):
+    for i, (name, (colour, width)) in enumerate(styles.items()):
         y = TOP + 8 + 18 * i
         x = WIDTH - RIGHT + 14
-        parts.append(f'<path d="M{x} {y}h20" stroke="{colour}" stroke-width="{width}"{dashes}/>')
+        parts.append(f'<path d="M{x} {y}h20" stroke="{colour}" stroke-width="{width}"/>')
         parts.append(text(x + 26, y + 4, name, "start"))
 
 
@@ -100,7 +98,8 @@ def lines(title, x_label, y_label, series, limits, ratio_scale):
         if x - labelled >= 26:  # labels closer than this run into each other
             parts.append(text(x, bottom + 16, size_name(size)))
             labelled = x
-    for value in limits.values():
+    for name, value in limits.items():
+        parts.append(text(LEFT + 4, height(value) - 4, name, "start"))
         parts.append(f'<path d="M{LEFT} {height(value):.1f}H{right}" stroke="{INK}" '
                      'stroke-width="1.5" stroke-dasharray="5 4"/>')
     styles = colours(series)
@@ -111,7 +110,7 @@ def lines(title, x_label, y_label, series, limits, ratio_scale):
         if len(points) == 1:
             (s, v), = points.items()
             parts.append(f'<circle cx="{across(s):.1f}" cy="{height(v):.1f}" r="3" fill="{colour}"/>')
-    legend(parts, styles, limits)
+    legend(parts, styles)
     return svg(parts)
 
 

@@ -67,7 +67,7 @@ def draw(chart, files):
                 value = value_of(measured, chart.value)
                 if value is None or re.search(chart.hide, contender):
                     continue
-                if re.match(chart.limits, row):
+                if re.match(chart.limits, f"{row}/{contender}"):
                     limits[f"{row}/{contender}"] = value
                 elif found and chart.bars:
                     series.setdefault(contender, {})[found["row"]] = value

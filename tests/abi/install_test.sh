@@ -71,10 +71,12 @@ runtime=("$folder"/packages/libzorvac5_*.deb)
 dpkg-deb -I "${runtime[0]}" triggers | grep -qx 'activate-noawait ldconfig'
 dpkg-deb -I "${runtime[0]}" shlibs | grep -qx 'libzorvac 5 libzorvac5 (>= 5.0.0)'
 
-# Together, into a system that has the C library's packages and nothing else; so dependencies count.
+# Together, into a system that has nothing but what they depend on, in the versions of this one.
 root=$folder/root
 mkdir -p "$root"/var/lib/dpkg/{info,updates}
-for package in libc6 libc6-dev; do dpkg-query -s "$package"; echo; done >"$root/var/lib/dpkg/status"
+for package in "${packages[@]}"; do dpkg-deb -f "$package" Depends; done | tr ',|' '\n\n' |
+  sed 's/(.*//; s/ //g; /zorvac/d' | sort -u |
+  while read -r package; do dpkg-query -s "$package"; echo; done >"$root/var/lib/dpkg/status"
 as_root=()
 [ "$(id -u)" -eq 0 ] || as_root=(fakeroot)
 "${as_root[@]}" dpkg --root="$root" --log=/dev/null --force-not-root --force-script-chrootless \
