@@ -74,7 +74,7 @@ dpkg-deb -I "${runtime[0]}" shlibs | grep -qx 'libzorvac 5 libzorvac5 (>= 5.0.0)
 # Together, into a system that has nothing but what they depend on, in the versions of this one.
 root=$folder/root
 mkdir -p "$root"/var/lib/dpkg/{info,updates}
-for package in "${packages[@]}"; do dpkg-deb -f "$package" Depends; done | tr ',|' '\n\n' |
+for package in "${packages[@]}"; do dpkg-deb -f "$package" Depends; done | tr ',|' '\n' |
   sed 's/(.*//; s/ //g; /zorvac/d' | sort -u |
   while read -r package; do dpkg-query -s "$package"; echo; done >"$root/var/lib/dpkg/status"
 as_root=()
