@@ -46,7 +46,7 @@ outcome run_in_child(const std::function<void()>& body) {
 #ifdef ZORVAC_COVERAGE
     struct sigaction once {};  // then the signal does what it does by default
     once.sa_handler = [](int) { keep_coverage(); };
-    once.sa_flags = SA_RESETHAND;
+    once.sa_flags = static_cast<int>(SA_RESETHAND);
     for (const int deadly : {SIGABRT, SIGSEGV}) sigaction(deadly, &once, nullptr);
 #endif
     body();
