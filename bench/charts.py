@@ -23,7 +23,8 @@ def colours(series):
 
 def decades(lowest, highest):
     """Returns the powers of ten from the one below the lowest to the one above the highest."""
-    return [10.0 ** e for e in range(math.floor(math.log10(lowest)), math.ceil(math.log10(highest)) + 1)]
+    exponents = range(math.floor(math.log10(lowest)), math.ceil(math.log10(highest)) + 1)
+    return [10.0 ** e for e in exponents]
 
 
 def steps(highest):
@@ -57,7 +58,8 @@ def frame(title, y_label, x_label, ticks):
         return bottom - (bottom - TOP) * part
     parts = [text(LEFT, 18, title, "start", 'font-size="14" font-weight="bold"'),
              text((LEFT + right) / 2, HEIGHT - 8, x_label),
-             text(0, 0, y_label, extra=f'transform="translate(14 {(TOP + bottom) / 2}) rotate(-90)"')]
+             text(0, 0, y_label,
+                  extra=f'transform="translate(14 {(TOP + bottom) / 2}) rotate(-90)"')]
     for tick in ticks:
         parts.append(f'<path d="M{LEFT} {height(tick):.1f}H{right}" stroke="{GRID}"/>')
         parts.append(text(LEFT - 6, height(tick) + 4, f"{tick:g}", "end"))
@@ -74,14 +76,15 @@ def legend(parts, styles):
 
 def svg(parts):
     body = "\n".join(parts)
-    return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}" width="{WIDTH}" '
-            f'height="{HEIGHT}" font-family="sans-serif" font-size="11" fill="{INK}">\n'
+    return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}" '
+            f'width="{WIDTH}" height="{HEIGHT}" font-family="sans-serif" font-size="11" '
+            f'fill="{INK}">\n'
             f"{body}\n</svg>\n")
 
 
 def lines(title, x_label, y_label, series, limits, ratio_scale):
-    """Draws {contender: {size: value}}, sizes on a logarithmic axis, and {limit: value} across. On a
-    ratio scale equal ratios of values are equal distances."""
+    """Draws {contender: {size: value}}, sizes on a logarithmic axis, and {limit: value} across. On
+    a ratio scale equal ratios of values are equal distances."""
     sizes = sorted({size for points in series.values() for size in points})
     values = [v for points in series.values() for v in points.values()] + list(limits.values())
     ticks = decades(min(values), max(values)) if ratio_scale else steps(max(values))
@@ -109,7 +112,8 @@ def lines(title, x_label, y_label, series, limits, ratio_scale):
         parts.append(f'<path d="M{path}" fill="none" stroke="{colour}" stroke-width="{width}"/>')
         if len(points) == 1:
             (s, v), = points.items()
-            parts.append(f'<circle cx="{across(s):.1f}" cy="{height(v):.1f}" r="3" fill="{colour}"/>')
+            parts.append(f'<circle cx="{across(s):.1f}" cy="{height(v):.1f}" r="3" '
+                         f'fill="{colour}"/>')
     legend(parts, styles)
     return svg(parts)
 
@@ -123,9 +127,10 @@ def bars(title, y_label, series):
     group = (WIDTH - RIGHT - LEFT) / len(rows)
     bar = group * 0.8 / len(series)
     styles = colours(series)
+    two_lines = len(rows) > 6  # of names, or they run into each other
     for r, row in enumerate(rows):
         left = LEFT + group * (r + 0.1)
-        parts.append(text(left + group * 0.4, bottom + 14 + 13 * (r % 2 if len(rows) > 6 else 0), row))
+        parts.append(text(left + group * 0.4, bottom + 14 + 13 * (r % 2 if two_lines else 0), row))
         for s, (name, points) in enumerate(series.items()):
             if row in points:
                 y = height(points[row])

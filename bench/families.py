@@ -18,8 +18,8 @@ class Run:
 @dataclass(frozen=True)
 class Chart:
     """A picture of the rows that match. The group `size` of `rows` is the x axis; where there is a
-    group `series`, each of its texts gives lines of its own. A chart of bars has a group of bars for
-    each text of the group `row`. `hide` are contenders to leave out; the rows that match `limits`
+    group `series`, each of its texts gives lines of its own. A chart of bars has a group of bars
+    for each text of the group `row`. `hide` are contenders to leave out; rows that match `limits`
     become lines across: the most that a contender can reach. On a ratio scale the y axis is
     logarithmic, too."""
     file: str
@@ -68,8 +68,8 @@ FAMILIES = (
            (by_size("copy"), by_size("move"), by_size("fill"), by_size("compare"))),
     Family("strings", "Strings", r"(strlen|strchr|atoi|atoll)/",
            (Chart("strlen", "strlen: time by length", r"strlen/(?P<size>\d+)$", ratio_scale=True),
-            Chart("numbers", "Decimal numbers: time by digits", r"(?P<series>ato\w+)/(?P<size>\d+)$",
-                  x="digits", ratio_scale=True))),
+            Chart("numbers", "Decimal numbers: time by digits",
+                  r"(?P<series>ato\w+)/(?P<size>\d+)$", x="digits", ratio_scale=True))),
     Family("pool", "Pools", r"(pair|crowd|handover)/",
            (Chart("pool", "One allocation and one free of 64 bytes", r"(?P<row>\w+)/one-thread$",
                   bars=True),)),

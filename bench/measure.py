@@ -30,9 +30,8 @@ def machine(build):
     def setting(name):
         found = re.search(rf"^{name}:[A-Z]+=(.*)$", cache, re.MULTILINE)
         return found.group(1) if found else ""
-    processor = dict(line.split(":", 1) for line in
-                     re.sub(r"\s*:\s*", ":", pathlib.Path("/proc/cpuinfo").read_text()).split("\n\n")[0]
-                     .splitlines() if ":" in line)
+    processor = dict(re.findall(r"^([^\t:]+)\t*: ?(.*)$",
+                                pathlib.Path("/proc/cpuinfo").read_text(), re.MULTILINE))
     caches = {f"L{i}": output("getconf", name) for i, name in
               ((1, "LEVEL1_DCACHE_SIZE"), (2, "LEVEL2_CACHE_SIZE"), (3, "LEVEL3_CACHE_SIZE"))}
     build_type = setting("CMAKE_BUILD_TYPE")
@@ -43,8 +42,8 @@ def machine(build):
                      f"{processor.get('cpu family')}, model {processor.get('model')})",
         "Machine": f"{os.cpu_count()} processors{virtual}; caches " + ", ".join(
             f"{level} {int(size) >> 10} KiB" for level, size in caches.items() if size.isdigit()),
-        "System": f"{platform.freedesktop_os_release()['PRETTY_NAME']}, Linux {platform.release()}, "
-                  f"{output('getconf', 'GNU_LIBC_VERSION')}",
+        "System": f"{platform.freedesktop_os_release()['PRETTY_NAME']}, "
+                  f"Linux {platform.release()}, {output('getconf', 'GNU_LIBC_VERSION')}",
         "Compiler": output(setting("CMAKE_CXX_COMPILER"), "--version").splitlines()[0],
         "Flags": f"{build_type}: {setting(f'CMAKE_CXX_FLAGS_{build_type.upper()}')}, "
                  "instruction sets by cmake/isa.cmake",

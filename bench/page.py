@@ -19,9 +19,9 @@ INTRODUCTION = """# Performance
 
 Written by `scripts/bench`; do not edit: the tables come from its measurements, the reasons from
 `bench/notes`. Each row was measured beside its peers in one process, interleaved; times are medians
-of processor time, in nanoseconds a call unless a row says otherwise. A ratio is peer / ours: above 1,
-ours is faster. On a machine that others share single rows move by a tenth from run to run, those of a
-mebibyte and more by more.
+of processor time in nanoseconds, of a call where the program counts calls, else of an iteration. A
+ratio is peer / ours: above 1, ours is faster. On a machine that others share single rows move by a
+tenth from run to run, those of a mebibyte and more by more.
 """
 
 
@@ -89,7 +89,8 @@ def losses(column_table):
         below = sorted((r for r in column if r.value < 0.995), key=lambda r: r.value)
         if below:
             rows = ", ".join(f"{r.row.removeprefix(family + '/')} {r.value:.2f}" for r in below)
-            lines.append(f"- {family}, `{ours}` beside {peer}, {len(below)} of {len(column)}: {rows}")
+            lines.append(f"- {family}, `{ours}` beside {peer}, "
+                         f"{len(below)} of {len(column)}: {rows}")
     return lines
 
 
@@ -119,7 +120,8 @@ def section(family, files, notes, charts_folder):
     for rows in files:
         for name in dict.fromkeys(row.split("/")[0] for row in rows):
             if tables := detail({r: c for r, c in rows.items() if r.split("/")[0] == name}):
-                text.append(f"<details><summary>All rows of {name}</summary>\n\n{tables}\n</details>\n")
+                text.append(f"<details><summary>All rows of {name}</summary>\n\n"
+                            f"{tables}\n</details>\n")
     return "\n".join(text)
 
 

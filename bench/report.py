@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""Reads Google Benchmark results (JSON) and compares ours with the peers; as a program, prints that.
+"""Reads Google Benchmark results (JSON) and compares ours with the peers; run, prints the ratios.
 
 usage: report.py [--only REGEX] RESULTS.json...
 
 A benchmark is named <family>/<row...>/<contender>. A contender whose name begins with "zorvac" is
 ours; every other one in the same row of the same file is its peer. The time of a row is the median
-of the CPU time per iteration over all repetitions; where a file has aggregates only, its own median.
+of the CPU time of a call, or of an iteration where calls are not counted, over all repetitions;
+where a file has aggregates only, its own median.
 A ratio is peer / ours: above 1, ours is faster.
 """
 import argparse
@@ -59,7 +60,8 @@ def read(file):
     for run in single or [r for r in runs if r["aggregate_name"] == "median"]:
         # Options such as min_time follow the name that the benchmark was given.
         name = re.sub(r"(/((min_time|min_warmup_time|iterations|repeats|threads):[^/]+"
-                      r"|real_time|process_time|manual_time))+$", "", run.get("run_name", run["name"]))
+                      r"|real_time|process_time|manual_time))+$", "",
+                      run.get("run_name", run["name"]))
         row, _, contender = name.rpartition("/")
         samples[row][contender].append(rates(run))
 
