@@ -12,7 +12,7 @@ fail() { echo "$*"; exit 1; }
 
 # Builds and runs a program against the library under a prefix: pkg-config, plainly static, CMake.
 builds_against() {
-  local prefix=$1 lib programs=$2
+  local prefix=$1 lib programs=$2 trace=''
   mkdir -p "$programs"
   lib=$(dirname "$(find "$prefix" -name libzorvac.so.5 | head -n 1)")
   [ "$(readlink "$lib/libzorvac.so")" = libzorvac.so.5 ] || fail "no link for the linker"
@@ -20,15 +20,20 @@ builds_against() {
   "$cc" -o "$programs/by-pkg-config" "$example" "${flags[@]}"
   "$cc" -o "$programs/static" -I"$prefix/include" "$example" "$lib/libzorvac.a"
   if ldd "$programs/static" | grep -q zorvac; then fail "not linked statically"; fi
+  # Where the tool is installed, too, the program gets a .trace section.
+  [ ! -x "$prefix/bin/zorvac-mktrace" ] || trace='zorvac_add_trace(by-cmake)'
   cat >"$programs/CMakeLists.txt" <<CMAKE
 cmake_minimum_required(VERSION 3.25)
 project(client C)
 find_package(zorvac 5 REQUIRED)
 add_executable(by-cmake $example)
 target_link_libraries(by-cmake PRIVATE zorvac::zorvac)
+$trace
 CMAKE
   cmake -S "$programs" -B "$programs" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" >/dev/null
   cmake --build "$programs" >/dev/null
+  [ -z "$trace" ] || "$prefix/bin/zorvac-mktrace" --dump "$programs/by-cmake" |
+    grep -q '/processor\.c:[1-9]' || fail "no lines in .trace"
   for program in by-pkg-config static by-cmake; do
     LD_LIBRARY_PATH=$lib "$programs/$program" | grep -q '^vendor ' || fail "$program does not run"
   done
