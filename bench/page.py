@@ -82,16 +82,20 @@ def draw(chart, files):
     return charts.lines(chart.title, chart.x, chart.value, series, limits, chart.ratio_scale)
 
 
-def losses(column_table):
-    """Returns the list of rows below 1, one line for each of ours and peer, worst first."""
-    lines = []
+def overview(column_table):
+    """Returns a row for each of ours and peer: the mean, how many rows are below 1, the extremes."""
+    cells = []
     for (family, ours, peer), column in column_table.items():
-        below = sorted((r for r in column if r.value < 0.995), key=lambda r: r.value)
-        if below:
-            rows = ", ".join(f"{r.row.removeprefix(family + '/')} {r.value:.2f}" for r in below)
-            lines.append(f"- {family}, `{ours}` beside {peer}, "
-                         f"{len(below)} of {len(column)}: {rows}")
-    return lines
+        ordered = sorted(column, key=lambda r: r.value)
+        worst, best = (f"{r.value:.2f} {r.row.removeprefix(family + '/')}"
+                       for r in (ordered[0], ordered[-1]))
+        cells.append([f"{family} `{ours}`", peer, f"{geometric_mean(column):.2f}",
+                      f"{sum(map(behind, column))} of {len(column)}", worst, best])
+    return cells
+
+
+def behind(row):
+    return row.value < 0.995
 
 
 def section(family, files, notes, charts_folder):
@@ -106,17 +110,10 @@ def section(family, files, notes, charts_folder):
             text.append(f"![{chart.title}](charts/{chart.file}.svg)\n")
     column_table = columns([r for rows in files for r in ratios(rows)])
     if column_table:
-        text.append(table(["", "beside", "geometric mean", "worst row", "best row"],
-                          [[f"{name} `{ours}`", peer, f"{geometric_mean(column):.2f}",
-                            f"{min(r.value for r in column):.2f}",
-                            f"{max(r.value for r in column):.2f}"]
-                           for (name, ours, peer), column in column_table.items()]))
-    below = losses(column_table)
-    if below:
-        if not note.exists():
-            sys.exit(f"{note} is missing: it says why rows of this family are below 1:\n" +
-                     "\n".join(below))
-        text.append("Rows below 1:\n\n" + "\n".join(below) + "\n")
+        text.append(table(["", "beside", "geometric mean", "rows below 1", "worst row", "best row"],
+                          overview(column_table)))
+    if any(behind(r) for column in column_table.values() for r in column) and not note.exists():
+        sys.exit(f"{note} is missing: it says why rows of this family are below 1")
     for rows in files:
         for name in dict.fromkeys(row.split("/")[0] for row in rows):
             if tables := detail({r: c for r, c in rows.items() if r.split("/")[0] == name}):

@@ -64,8 +64,7 @@ class Page(unittest.TestCase):
                      "| copy/fixed-512-unaligned | 2.0 | 5.0 | 2.50 |",
                      "| copy/fixed-1K-unaligned | 4.0 | 3.0 | 0.75 |",  # the median, and a loss
                      "| copy/fixed-1K-unaligned | 8.0 | 16.0 | 2.00 |",
-                     "| copy `zorvac_fast` | libc | 1.37 | 0.75 | 2.50 |",
-                     "- copy, `zorvac_fast` beside libc, 1 of 2: fixed-1K-unaligned 0.75",
+                     "| copy `zorvac_fast` | libc | 1.37 | 1 of 2 | 0.75 fixed-1K-unaligned | 2.50 ",
                      "| brand_new/row | 1.0 | 2.0 | 2.00 |",  # times of an item
                      "![Products of square matrices"):
             self.assertIn(line, page)
