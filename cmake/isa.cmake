@@ -178,3 +178,10 @@ set_property(SOURCE ${ZORVAC_STRING_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   -O2 -fno-builtin -fno-sanitize=address,thread
   $<$<CXX_COMPILER_ID:GNU>:-fno-tree-loop-distribute-patterns>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_STRING_SOURCES})
+
+# Checks that compiled code makes at run time.
+zorvac_sources(ZORVAC_COMMON_SOURCES general
+  diag/rt_check.cpp)
+zorvac_sources(ZORVAC_COMMON_SOURCES baseline
+  diag/cpcheck.cpp
+  diag/rt_check.S)
