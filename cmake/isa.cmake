@@ -185,3 +185,19 @@ zorvac_sources(ZORVAC_COMMON_SOURCES general
 zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   diag/cpcheck.cpp
   diag/rt_check.S)
+
+# The traceback. Frames that it hides are counted, so each of its routines on the way to the unwinder
+# is exactly one frame, and has a description that the unwinder finds.
+zorvac_sources(ZORVAC_TRACEBACK_SOURCES baseline
+  diag/byte_source.cpp
+  diag/elf_image.cpp
+  diag/images.cpp
+  diag/pc_info.cpp
+  diag/process_files.cpp
+  diag/stack_text.cpp
+  diag/stack_walk.cpp
+  diag/trace_scan.cpp
+  diag/traceback.cpp)
+set_property(SOURCE ${ZORVAC_TRACEBACK_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
+  -fno-optimize-sibling-calls -fasynchronous-unwind-tables)
+list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_TRACEBACK_SOURCES})
