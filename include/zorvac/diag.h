@@ -202,7 +202,7 @@ void __zorva_rtc_uninit_use_src(const char* name, const char* where) __attribute
 /** A value of _IPO_Check_CP(), passed in two registers. */
 typedef struct zorvac_cp_value {
   uint64_t first;
-  uint64_t second; /**< read for 128-bit integers only */
+  uint64_t second; /**< read for types 3 and 4 only */
 } zorvac_cp_value;
 
 /** Checks a constant that was propagated across routines: returns when the value that is there is the

@@ -1,18 +1,19 @@
 #include "diag/elf_image.h"
 
 #include <cstring>
+#include <span>
 
 #include "diag/trace_format.h"
 
 namespace zorvac::diag {
 namespace {
 
-bool read_section_header(byte_source& file, const Elf64_Ehdr& header, std::uint32_t index,
-                         Elf64_Shdr& section) {
+// Reads headers from one on; false where they are not all there.
+bool read_section_headers(byte_source& file, const Elf64_Ehdr& header, std::uint32_t first,
+                          std::span<Elf64_Shdr> sections) {
   std::uint64_t offset = 0;
-  if (__builtin_add_overflow(header.e_shoff, std::uint64_t{index} * header.e_shentsize, &offset))
-    return false;
-  return file.read(offset, &section, sizeof section);
+  if (__builtin_add_overflow(header.e_shoff, first * sizeof sections[0], &offset)) return false;
+  return file.read(offset, sections.data(), sections.size_bytes());
 }
 
 // Where the bytes of a section are; an empty range where it has none in the file.
@@ -39,15 +40,21 @@ bool read_elf_header(byte_source& file, Elf64_Ehdr& header) {
 }
 
 // Images have fewer than 65,280 sections, so the numbers stand in the header itself. The table may
-// lie anywhere; where it is not, reading fails.
+// lie anywhere; where it is not, reading fails. It is read by the handful, as looking at a name takes
+// the reader to another place in the file.
 file_range find_trace_section(byte_source& file, const Elf64_Ehdr& header) {
-  Elf64_Shdr section;
-  if (header.e_shoff == 0 || header.e_shentsize < sizeof section) return {};
-  if (!read_section_header(file, header, header.e_shstrndx, section)) return {};
-  const file_range names = bytes_of(section);
-  for (std::uint32_t i = 0; i < header.e_shnum; ++i) {
-    if (!read_section_header(file, header, i, section)) return {};
-    if (is_trace(file, names, section.sh_name)) return bytes_of(section);
+  constexpr std::uint32_t handful = 32;
+  static constinit Elf64_Shdr buffer[handful] = {};  // a signal stack has no room for it
+  if (header.e_shoff == 0 || header.e_shentsize != sizeof(Elf64_Shdr)) return {};
+  std::span<Elf64_Shdr> sections(buffer, 1);
+  if (!read_section_headers(file, header, header.e_shstrndx, sections)) return {};
+  const file_range names = bytes_of(buffer[0]);
+  for (std::uint32_t first = 0; first < header.e_shnum; first += handful) {
+    const std::uint32_t left = header.e_shnum - first;
+    sections = {buffer, left < handful ? left : handful};
+    if (!read_section_headers(file, header, first, sections)) return {};
+    for (const Elf64_Shdr& section : sections)
+      if (is_trace(file, names, section.sh_name)) return bytes_of(section);
   }
   return {};
 }

@@ -17,6 +17,8 @@ namespace zorvac::diag {
 inline constexpr std::uint32_t frames_of_trace_stack = 2;
 inline constexpr std::uint32_t frames_of_string_stack = 3;
 
+// Named in C, as they are seen in tracebacks.
+extern "C" {
 std::uint32_t tbk_trace_stack_impl(const void* signal_context, void* user,
                                    tbk_frame_callback callback, std::uint32_t skip,
                                    std::uint32_t frames_to_hide);
@@ -24,6 +26,7 @@ std::uint32_t tbk_trace_stack_impl(const void* signal_context, void* user,
 std::size_t tbk_string_stack_signal_impl(const void* signal_context, char* buffer,
                                          std::size_t bytes, std::uint32_t table,
                                          std::uint32_t skip);
+}
 
 // How many frames the unwinder has reported so far, in all walks.
 extern std::uint32_t frame_count;
