@@ -118,7 +118,7 @@ class replacement {
  private:
   // So that the new name, too, outlives a power failure. Not every file system can, or has to.
   void sync_folder() const {
-    const std::string folder = std::filesystem::path{target_}.parent_path();
+    const std::filesystem::path folder = std::filesystem::path{target_}.parent_path() / ".";
     const int file = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (file < 0) return;
     fsync(file);
@@ -130,11 +130,13 @@ class replacement {
   bool done_ = false;
 };
 
-// Where a file goes: the target of a link, else the path itself, in its folder's real place.
+// The file that a path leads to, which need not be there yet.
 std::string resolve(const std::string& path) {
-  std::error_code error;
-  const std::filesystem::path real = std::filesystem::weakly_canonical(path, error);
-  if (error) throw failure{error.message()};
+  std::filesystem::path real = path;
+  for (int links = 0; std::filesystem::is_symlink(real); ++links) {
+    if (links == 40) throw failure{"too many symbolic links: " + path};
+    real = real.parent_path() / std::filesystem::read_symlink(real);
+  }
   struct stat status {};
   if (stat(real.c_str(), &status) == 0) {
     if (!S_ISREG(status.st_mode)) throw failure{"not a regular file: " + real.string()};

@@ -14,6 +14,7 @@
 #include <limits>
 #include <memory>
 #include <unordered_map>
+#include <utility>
 
 #include "failure.h"
 
@@ -95,7 +96,7 @@ class dwarf_reader {
  public:
   dwarf_reader(tables& t, const code_sections& code, const std::vector<symbol>& symbols)
       : tables_{t}, code_{code} {
-    for (const symbol& s : symbols) symbol_at_.emplace(s.start, s.name);
+    for (const symbol& s : symbols) symbol_of_.emplace(std::pair{s.start, s.size}, s.name);
   }
 
   // False where there is no debug information.
@@ -127,17 +128,25 @@ class dwarf_reader {
     }
   }
 
+  // Compilers append to the mangled name of a routine what they have made of it: `.constprop.0`.
+  static std::string without_suffix(const std::string& symbol) {
+    return symbol.starts_with("_Z") ? symbol.substr(0, symbol.find('.')) : symbol;
+  }
+
   // The name that a linker sees, which is unique, and which tools turn into that of the source. A
-  // C++ routine that has none in the debug information has one in the symbol table.
+  // C++ routine that has none in the debug information may have one in the symbol table.
   std::string name_of(Dwarf_Die& entry) {
     Dwarf_Attribute attribute;
     for (const unsigned kind : {DW_AT_linkage_name, DW_AT_MIPS_linkage_name})
       if (const char* name = dwarf_formstring(dwarf_attr_integrate(&entry, kind, &attribute)))
         return name;
-    Dwarf_Addr start = 0;
-    if (mangles_ && dwarf_entrypc(&entry, &start) == 0)
-      if (const auto symbol = symbol_at_.find(start); symbol != symbol_at_.end())
-        return symbol->second;
+    std::string found;
+    if (mangles_)
+      for_each_range(entry, [&](address_range range) {
+        const auto known = symbol_of_.find({range.start, range.end - range.start});
+        if (known != symbol_of_.end() && found.empty()) found = without_suffix(known->second);
+      });
+    if (!found.empty()) return found;
     const char* name = dwarf_diename(&entry);
     return name == nullptr ? "" : name;
   }
@@ -163,6 +172,9 @@ class dwarf_reader {
   void add_lines(Dwarf_Die& unit) {
     Dwarf_Lines* lines = nullptr;
     std::size_t count = 0;
+    Dwarf_Attribute attribute;
+    const char* folder = dwarf_formstring(dwarf_attr(&unit, DW_AT_comp_dir, &attribute));
+    folder_ = folder == nullptr ? "" : folder;
     if (dwarf_getsrclines(&unit, &lines, &count) != 0) return;
     std::vector<address_range> own;
     for_each_range(unit, [&](address_range range) { own.push_back(range); });
@@ -190,17 +202,19 @@ class dwarf_reader {
   std::size_t file_of(Dwarf_Line* line) {
     const char* path = dwarf_linesrc(line, nullptr, nullptr);
     if (path == nullptr) return no_file;
-    if (path == last_path_) return last_file_;  // one file has one text in libdw
-    const auto [known, is_new] = file_indices_.try_emplace(path, tables_.files.size());
-    if (is_new) tables_.files.emplace_back(path);
+    if (path == last_path_) return last_file_;  // a file of a unit has one text in libdw
+    std::string full = *path == '/' || folder_.empty() ? path : folder_ + "/" + path;
+    const auto [known, is_new] = file_indices_.try_emplace(full, tables_.files.size());
+    if (is_new) tables_.files.push_back(std::move(full));
     last_path_ = path;
     return last_file_ = known->second;
   }
 
   tables& tables_;
   const code_sections& code_;
-  std::unordered_map<std::uint64_t, std::string> symbol_at_;
+  std::map<std::pair<std::uint64_t, std::uint64_t>, std::string> symbol_of_;  // start and size
   std::unordered_map<std::string, std::size_t> file_indices_;
+  std::string folder_;  // that the compiler of the unit ran in
   const char* last_path_ = nullptr;
   std::size_t last_file_ = no_file;
   bool mangles_ = false;
