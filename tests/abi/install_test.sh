@@ -27,7 +27,9 @@ expect_run "$folder/by-pkg-config"
 expect_run "$folder/static"
 if ldd "$folder/static" | grep -q zorvac; then echo "not linked statically"; exit 1; fi
 
-# find_package
+# find_package, and a .trace section where the tool is built
+trace='' tool=$prefix/bin/zorvac-mktrace
+if [ -x "$tool" ]; then trace='zorvac_add_trace(client)'; fi
 mkdir "$folder/project"
 cat >"$folder/project/CMakeLists.txt" <<CMAKE
 cmake_minimum_required(VERSION 3.25)
@@ -35,11 +37,16 @@ project(client C)
 find_package(zorvac 5 REQUIRED)
 add_executable(client $source_dir/examples/processor.c)
 target_link_libraries(client PRIVATE zorvac::zorvac)
+$trace
 CMAKE
 cmake -S "$folder/project" -B "$folder/project/build" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_C_COMPILER="$cc" >/dev/null
 cmake --build "$folder/project/build" >/dev/null
 expect_run "$folder/project/build/client"
+if [ "$trace" ]; then
+  "$tool" --dump "$folder/project/build/client" | grep -q '/processor\.c:[1-9]' ||
+    { echo "no lines in .trace"; exit 1; }
+fi
 
 # Every public header stands alone, in C and in C++ of any standard we promise.
 for header in "$prefix"/include/zorvac/*.h; do
@@ -52,7 +59,8 @@ done
 # The packages
 (cd "$build_dir" && cpack -B "$folder/packages" >/dev/null)
 for package in "$folder"/packages/*.deb; do dpkg-deb -x "$package" "$folder/root"; done
-for file in lib/*/libzorvac.so.5.0.0 lib/libzorvac.so.5.0.0 include/zorvac/cpu.h; do
+for file in lib/*/libzorvac.so.5.0.0 lib/libzorvac.so.5.0.0 include/zorvac/cpu.h \
+  bin/zorvac-mktrace; do
   compgen -G "$folder/root/usr/$file" >>"$folder/found" || true
 done
-[ "$(wc -l <"$folder/found")" -eq 2 ] || { echo "packages lack files"; find "$folder/root"; exit 1; }
+[ "$(wc -l <"$folder/found")" -eq "$([ "$trace" ] && echo 3 || echo 2)" ] || { echo "packages lack files"; find "$folder/root"; exit 1; }
