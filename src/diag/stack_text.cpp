@@ -47,6 +47,13 @@ class piece {
     for (; width > 0; --width) put(' ');
     return *this;
   }
+  // As %W.Ws: the same with the blanks in front.
+  piece& put_right(const char* text, std::size_t width) {
+    std::size_t length = 0;
+    while (length < width && text[length] != '\0') ++length;
+    for (std::size_t blanks = width - length; blanks > 0; --blanks) put(' ');
+    return put_column(text, length);
+  }
   // As %16.16lx, or %16.16lX.
   piece& put_address(std::uint64_t address, const char* digits) {
     for (int shift = 60; shift >= 0; shift -= 4) put(digits[address >> shift & 15]);
@@ -117,7 +124,7 @@ bool write_row(output& out, const char* image, std::uint64_t pc, const tbk_pc_in
       .put("  ")
       .put_column(info.routine, 17)
       .put("  ")
-      .put_column(line, 10)
+      .put_right(line, 10)
       .put("  ")
       .put(file_name_of(info.file))
       .put('\n')
