@@ -20,8 +20,8 @@
  *               meanwhile; no lock guards that. While a walk runs, all signal actions of the process
  *               are those of tbk_signal_handler(), so a signal that another thread takes meanwhile
  *               makes that thread jump into the walk
- *    signals    may be called from a signal handler, also on an alternate stack: the walk itself
- *               needs less than 4 KB of stack, the unwinder and the loader a few more
+ *    signals    may be called from a signal handler, also on an alternate stack: a walk takes less
+ *               than 3 KB of stack, and up to 3 more in programs that bind addresses lazily
  *    memory     nothing is allocated for up to 24 frames; each further 24 take one block of malloc
  *               (608 bytes), freed before the routine returns. Where malloc gives null the frames
  *               recorded so far are reported. What is read from files goes through static buffers
