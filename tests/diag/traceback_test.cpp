@@ -89,14 +89,15 @@ std::int32_t record(const tbk_frame* frame, void* user, std::int32_t hidden) {
   return ++w.calls < w.stop_after ? TBK_CONTINUE : w.answer;
 }
 
-// The frames below its caller, as the C library sees them. A frame of its own keeps what is
-// inlined where out of the account.
+// The frames below its caller, as the C library sees them (and a sanitizer, which puts frames of its
+// own in front).
 [[gnu::noinline]] addresses callers() {
   static std::array<void*, 8192> pcs;
   const int count = backtrace(pcs.data(), static_cast<int>(pcs.size()));
+  auto* const end = pcs.begin() + count;
   addresses result;
-  for (int i = 2; i < count; ++i)
-    result.push_back(reinterpret_cast<std::uint64_t>(pcs[static_cast<std::size_t>(i)]));
+  for (auto* at = std::find(pcs.begin(), end, __builtin_return_address(0)) + 1; at < end; ++at)
+    result.push_back(reinterpret_cast<std::uint64_t>(*at));
   return result;
 }
 
