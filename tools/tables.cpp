@@ -51,6 +51,11 @@ struct symbol {
   std::string name;
 };
 
+// Compilers append to the mangled name of a routine what they have made of it: `.constprop.0`.
+std::string without_suffix(const std::string& symbol) {
+  return symbol.starts_with("_Z") ? symbol.substr(0, symbol.find('.')) : symbol;
+}
+
 // The symbols that name code: all functions, and the global labels of assembler code that does not
 // say what they are.
 std::vector<symbol> read_symbols(Elf* elf) {
@@ -71,7 +76,7 @@ std::vector<symbol> read_symbols(Elf* elf) {
     const bool label = type == STT_NOTYPE && GELF_ST_BIND(entry.st_info) != STB_LOCAL;
     const char* name = elf_strptr(elf, header.sh_link, entry.st_name);
     if ((function || label) && entry.st_shndx != SHN_UNDEF && name != nullptr && *name != '\0')
-      symbols.push_back({entry.st_value, entry.st_size, name});
+      symbols.push_back({entry.st_value, entry.st_size, without_suffix(name)});
   }
   return symbols;
 }
@@ -96,7 +101,9 @@ class dwarf_reader {
  public:
   dwarf_reader(tables& t, const code_sections& code, const std::vector<symbol>& symbols)
       : tables_{t}, code_{code} {
-    for (const symbol& s : symbols) symbol_of_.emplace(std::pair{s.start, s.size}, s.name);
+    for (const symbol& s : symbols)
+      if (s.name.find('.') == std::string::npos)
+        symbol_of_.emplace(std::pair{s.start, s.size}, s.name);
   }
 
   // False where there is no debug information.
@@ -108,9 +115,6 @@ class dwarf_reader {
       found = true;
       // Of a unit whose routines are in a file of its own, the lines are here nevertheless.
       Dwarf_Die& routines = split.cu == nullptr ? top : split;
-      const int language = dwarf_srclang(&routines);
-      mangles_ = language == DW_LANG_C_plus_plus || language == DW_LANG_C_plus_plus_03 ||
-                 language == DW_LANG_C_plus_plus_11 || language == DW_LANG_C_plus_plus_14;
       add_routines(routines);
       add_lines(top);
     }
@@ -128,26 +132,19 @@ class dwarf_reader {
     }
   }
 
-  // Compilers append to the mangled name of a routine what they have made of it: `.constprop.0`.
-  static std::string without_suffix(const std::string& symbol) {
-    return symbol.starts_with("_Z") ? symbol.substr(0, symbol.find('.')) : symbol;
-  }
-
-  // The name that a linker sees, which is unique, and which tools turn into that of the source. A
-  // C++ routine that has none in the debug information may have one in the symbol table.
+  // The name that a linker sees, which is unique, and which tools turn into that of the source. The
+  // debug information may lack it, or name what the variants of a C++ constructor have in common; so
+  // the symbol table goes before, but for the clones that a compiler makes of a C routine.
   std::string name_of(Dwarf_Die& entry) {
+    const char* name = nullptr;
+    for_each_range(entry, [&](address_range range) {
+      const auto known = symbol_of_.find({range.start, range.end - range.start});
+      if (known != symbol_of_.end() && name == nullptr) name = known->second.c_str();
+    });
     Dwarf_Attribute attribute;
     for (const unsigned kind : {DW_AT_linkage_name, DW_AT_MIPS_linkage_name})
-      if (const char* name = dwarf_formstring(dwarf_attr_integrate(&entry, kind, &attribute)))
-        return name;
-    std::string found;
-    if (mangles_)
-      for_each_range(entry, [&](address_range range) {
-        const auto known = symbol_of_.find({range.start, range.end - range.start});
-        if (known != symbol_of_.end() && found.empty()) found = without_suffix(known->second);
-      });
-    if (!found.empty()) return found;
-    const char* name = dwarf_diename(&entry);
+      if (name == nullptr) name = dwarf_formstring(dwarf_attr_integrate(&entry, kind, &attribute));
+    if (name == nullptr) name = dwarf_diename(&entry);
     return name == nullptr ? "" : name;
   }
 
@@ -212,12 +209,11 @@ class dwarf_reader {
 
   tables& tables_;
   const code_sections& code_;
-  std::map<std::pair<std::uint64_t, std::uint64_t>, std::string> symbol_of_;  // start and size
+  std::map<std::pair<std::uint64_t, std::uint64_t>, std::string> symbol_of_;  // by start and size
   std::unordered_map<std::string, std::size_t> file_indices_;
   std::string folder_;  // that the compiler of the unit ran in
   const char* last_path_ = nullptr;
   std::size_t last_file_ = no_file;
-  bool mangles_ = false;
 };
 
 // Puts the rows in order and leaves one for each address. Where several rows of a line table have
