@@ -4,8 +4,8 @@
 // of its own, without allocation and without the C library's streams, as the process may be about
 // to die inside malloc with the heap's lock held.
 //
-// How often the block may be filled is limited: a file made to keep a reader busy looks, after a
-// second or so, like one that ends here.
+// How often the block may be filled is limited: to its reader, a file made to keep it busy ends after
+// 256 MB or a second or two.
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -28,7 +28,7 @@ class byte_source {
   [[nodiscard]] bool read(std::uint64_t offset, void* to, std::size_t count);
 
  private:
-  static constexpr std::uint32_t most_fills = 1u << 20;
+  static constexpr std::uint32_t most_fills = 1u << 16;
 
   bool fill(std::uint64_t offset);
 

@@ -92,6 +92,7 @@ image& find_image(const char* name, std::uint64_t pc) {
   found.file.close();
   found.begin = found.end = found.bias = 0;
   found.trace = {};
+  found.found = {};
   put_text(name, found.name, sizeof found.name);
   open_image(found, name, pc);
   return found;

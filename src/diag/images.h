@@ -6,6 +6,7 @@
 
 #include "diag/byte_source.h"
 #include "diag/elf_image.h"
+#include "diag/trace_scan.h"
 
 namespace zorvac::diag {
 
@@ -14,6 +15,7 @@ struct image {
   std::uint64_t begin = 0, end = 0;  // the addresses for which it was found by this name
   std::uint64_t bias = 0;            // address in the process - address in the file
   file_range trace;                  // empty: no such section, or no file
+  found_routines found;              // in that section
   byte_source file;
 };
 

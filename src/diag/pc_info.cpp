@@ -64,7 +64,7 @@ void tbk_get_pc_info_pie(const char* image_name, uint64_t pc, uint64_t* load_bia
   const image_lease lease;
   image& holder = find_image(image_name, pc);
   if (load_bias != nullptr && holder.bias != 0) *load_bias = holder.bias;
-  scan_trace(holder.file, holder.trace, pc - holder.bias, *info);
+  scan_trace(holder.file, holder.trace, pc - holder.bias, holder.found, *info);
   errno = error;
 }
 

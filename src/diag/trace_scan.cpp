@@ -131,9 +131,12 @@ trace::line_row find_row(byte_source& file, file_range body, std::uint64_t offse
 
 }  // namespace
 
-void scan_trace(byte_source& file, file_range section, std::uint64_t address, tbk_pc_info& info) {
-  record r(file, section);
+void scan_trace(byte_source& file, file_range section, std::uint64_t address, found_routines& found,
+                tbk_pc_info& info) {
+  const std::uint64_t known = found.place_of(address);
+  record r(file, {known != 0 ? known : section.begin, section.end});
   if (!find_routine(r, address)) return;
+  if (known == 0) found.add(address, r.place());
   const std::uint64_t offset = address - r.field<std::uint64_t>(trace::routine_start_offset);
   read_text(file, r.body(trace::routine_head_bytes), info.routine);
   r.advance();
