@@ -67,7 +67,7 @@ typedef int32_t (*tbk_frame_callback)(const tbk_frame* frame, void* user, int32_
  *  signal_context  [in] null, or the interrupted code's registers: the third argument of an
  *                  SA_SIGINFO handler, a ucontext_t
  *  user            passed on to the callback
- *  callback        called once the whole stack has been walked; it may jump out of nothing
+ *  callback        called for each frame once the whole stack has been walked; must return
  *  skip            decides with signal_context how many frames are reported as hidden:
  *
  *                    signal_context with a non-zero instruction pointer   0
