@@ -448,6 +448,7 @@ TEST(Handler, OnAnAlternateStackSeesTheInterruptedCode) {
             in_handler.below = callers();
             const borrowed before;
             fault_place = faulting ? in_walk : nowhere, calls_before_fault = 10;
+            faulting = false;  // a signal left pending would come again
             in_handler.seen.status = tbk_trace_stack(context, &in_handler.seen, record, 1);
             fault_place = nowhere;
             in_handler.restored = before == borrowed();
