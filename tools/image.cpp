@@ -62,10 +62,11 @@ void check_contents(Elf* elf, std::size_t size) {
   for (int i = 0; gelf_getphdr(elf, i, &segment) != nullptr; ++i)
     if (!fits(segment.p_offset, segment.p_filesz, size)) throw failure{"truncated"};
   GElf_Shdr header;
-  for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf, section)) != nullptr;)
+  for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf, section)) != nullptr;) {
     if (gelf_getshdr(section, &header) == nullptr ||
         (header.sh_type != SHT_NOBITS && !fits(header.sh_offset, header.sh_size, size)))
       throw failure{"truncated"};
+  }
 }
 
 // The section of the section names; throws failure.

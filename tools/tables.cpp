@@ -155,10 +155,9 @@ class dwarf_reader {
     do {
       if (dwarf_tag(&entry) == DW_TAG_subprogram) {
         const std::string name = name_of(entry);
-        if (!name.empty())
-          for_each_range(entry, [&](address_range range) {
-            tables_.routines.add(range.start, range.end, name);
-          });
+        for_each_range(entry, [&](address_range range) {
+          if (!name.empty()) tables_.routines.add(range.start, range.end, name);
+        });
       }
       add_routines(entry);
     } while (dwarf_siblingof(&entry, &entry) == 0);

@@ -187,7 +187,8 @@ TEST_P(MktraceOf, SaysWhatOthersSayAndLeavesTheProgramAlone) {
   for (const auto& [start, r] : all) {
     const auto [first, last] = symbols.equal_range(start);
     EXPECT_TRUE(std::any_of(
-        first, last, [&](const auto& s) { return (s.second + '.').starts_with(r.name + '.'); }))
+        first, last,
+        [name = r.name + '.'](const auto& s) { return (s.second + '.').starts_with(name); }))
         << std::hex << start << ' ' << r.name;
     places.insert({start, start + r.length / 2, start + r.length - 1});
     for (const auto& [address, where] : r.lines) {
