@@ -7,6 +7,7 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <gtest/gtest.h>
+#include <link.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include <array>
 #include <csetjmp>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -484,6 +486,25 @@ TEST(ModuleName, IsCutToTheBuffer) {
       char* const buffer = reinterpret_cast<char*>(block.end() - size);
       tbk_getModuleName(pc, buffer, size);
       if (size > 0 && buffer != name.substr(0, size - 1)) ADD_FAILURE() << buffer;
+    }
+}
+
+TEST(PcInfo, GivesTheLoadBiasOfItsImage) {
+  const void* const places[] = {reinterpret_cast<const void*>(&__wrap_malloc),
+                                reinterpret_cast<const void*>(&std::qsort)};
+  for (const void* place : places)
+    for (const auto look_up : {tbk_get_pc_info, tbk_get_pc_info_pie}) {
+      Dl_info object{};
+      void* map = nullptr;
+      ASSERT_NE(dladdr1(place, &object, &map, RTLD_DL_LINKMAP), 0);
+      const auto pc = reinterpret_cast<std::uint64_t>(place);
+      tbk_pc_info info{};
+      std::uint64_t bias = 0;
+      look_up(image_of(pc).c_str(), pc, &bias, &info);
+      EXPECT_EQ(bias, static_cast<const link_map*>(map)->l_addr);
+      EXPECT_STREQ(info.routine, "Unknown");
+      EXPECT_STREQ(info.file, "Unknown");
+      EXPECT_EQ(info.line, 0u);
     }
 }
 
