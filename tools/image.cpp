@@ -271,25 +271,23 @@ class edited_file {
 
 image::image(const std::string& path) {
   elf_version(EV_CURRENT);
-  file_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   struct stat status {};
-  if (file_ < 0 || fstat(file_, &status) != 0) throw system_failure("cannot read");
+  if (stat(path.c_str(), &status) != 0) throw system_failure("cannot read");
   if (!S_ISREG(status.st_mode)) throw failure{"not a regular file"};
-  elf_ = elf_begin(file_, ELF_C_READ_MMAP_PRIVATE, nullptr);
+  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) throw system_failure("cannot read");
+  elf_.reset(elf_begin(file, ELF_C_READ_MMAP_PRIVATE, nullptr));
   std::size_t size = 0;
-  const char* bytes = elf_ == nullptr ? nullptr : elf_rawfile(elf_, &size);
+  const char* bytes = elf_rawfile(elf_.get(), &size);  // brings all of it into memory
+  if (elf_ != nullptr) elf_cntl(elf_.get(), ELF_C_FDDONE);
+  close(file);
   if (bytes == nullptr) throw failure{"not an ELF file"};
   check_header(reinterpret_cast<const unsigned char*>(bytes), size);
-  check_contents(elf_, size);
-}
-
-image::~image() {
-  elf_end(elf_);
-  if (file_ >= 0) close(file_);
+  check_contents(elf_.get(), size);
 }
 
 std::optional<std::vector<unsigned char>> image::trace_section() const {
-  Elf_Scn* section = find_trace(elf_);
+  Elf_Scn* section = find_trace(elf_.get());
   if (section == nullptr) return std::nullopt;
   const Elf_Data* data = elf_rawdata(section, nullptr);
   if (data == nullptr) throw elf_failure("cannot read the .trace section");

@@ -3,6 +3,7 @@
 // An executable or shared object, and its `.trace` section.
 #include <libelf.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,16 +15,12 @@ namespace zorvac::mktrace {
 class image {
  public:
   explicit image(const std::string& path);
-  ~image();
-  image(const image&) = delete;
-  image& operator=(const image&) = delete;
 
-  [[nodiscard]] Elf* elf() const { return elf_; }
+  [[nodiscard]] Elf* elf() const { return elf_.get(); }
   [[nodiscard]] std::optional<std::vector<unsigned char>> trace_section() const;
 
  private:
-  int file_ = -1;
-  Elf* elf_ = nullptr;
+  std::unique_ptr<Elf, int (*)(Elf*)> elf_{nullptr, elf_end};
 };
 
 // Writes `input` with the given `.trace` section, in place of one that it may have, to `output`,

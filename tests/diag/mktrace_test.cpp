@@ -153,8 +153,8 @@ class Mktrace : public testing::Test {
 class MktraceOf : public Mktrace, public testing::WithParamInterface<const char*> {};
 
 TEST_P(MktraceOf, SaysWhatOthersSayAndLeavesTheProgramAlone) {
-  const bool big = std::string{GetParam()} == "this test";
-  big ? fs::copy("/proc/self/exe", image) : build(GetParam());
+  const bool big = std::string{GetParam()} == "the tool itself";
+  big ? fs::copy(MKTRACE, image) : build(GetParam());
   const std::string before = bytes_of(image);
   const bool runs = !big && before.find("/ld-linux") != std::string::npos;
   const std::string said = runs ? shell(image) : "";
@@ -177,7 +177,7 @@ TEST_P(MktraceOf, SaysWhatOthersSayAndLeavesTheProgramAlone) {
     if (!std::regex_match(line, m, text)) continue;
     const std::uint64_t start = std::stoull(m[1], nullptr, 16);
     symbols.emplace(start, m[3]);
-    if (!m[2].matched) continue;
+    if (!m[2].matched || start < all.begin()->first) continue;  // or weak data of a thread
     ++sized;
     ASSERT_TRUE(all.contains(start)) << line;
     EXPECT_EQ(all.at(start).length, std::stoull(m[2], nullptr, 16)) << line;
@@ -191,6 +191,7 @@ TEST_P(MktraceOf, SaysWhatOthersSayAndLeavesTheProgramAlone) {
         [name = r.name + '.'](const auto& s) { return (s.second + '.').starts_with(name); }))
         << std::hex << start << ' ' << r.name;
     places.insert({start, start + r.length / 2, start + r.length - 1});
+    if (big) continue;
     for (const auto& [address, where] : r.lines) {
       places.insert(address);
       if (address > start) places.insert(address - 1);
@@ -225,7 +226,8 @@ INSTANTIATE_TEST_SUITE_P(
                     "gcc -O2 -gdwarf-4 -ffunction-sections -Wl,--gc-sections",
                     "gcc -O2 -gdwarf-5 -fPIC -shared", "clang -O0 -gdwarf-4 -fPIC -shared",
                     "clang -O0 -gdwarf-5 -ffunction-sections -Wl,--gc-sections",
-                    "clang -O2 -gdwarf-4 -pie", "clang -O2 -gdwarf-5 -gz -no-pie", "this test"));
+                    "clang -O2 -gdwarf-4 -pie", "clang -O2 -gdwarf-5 -gz -no-pie",
+                    "the tool itself"));
 
 TEST_F(Mktrace, WritesElsewhereThroughLinksWithTheSameMode) {
   build("gcc -g");
@@ -300,7 +302,7 @@ TEST_F(Mktrace, SurvivesDamage) {
   ASSERT_EQ(mktrace(image).exit_status, 0);
   const std::string whole = bytes_of(image);
   std::mt19937 random{1};
-  for (int round = 0; round < 120; ++round) {
+  for (int round = 0; round < 60; ++round) {
     std::string bytes = whole;
     if (round % 4 == 0) bytes.resize(random() % bytes.size());
     const bool ends = round % 8 < 4;  // the ELF header, or the section and the section headers
