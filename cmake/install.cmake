@@ -9,11 +9,13 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/zorvac TYPE INCLUDE COMPONENT de
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zorvac)
 install(EXPORT zorvac-targets NAMESPACE zorvac:: DESTINATION ${package_dir} COMPONENT dev)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/zorvac-config.cmake.in
-  ${PROJECT_BINARY_DIR}/zorvac-config.cmake INSTALL_DESTINATION ${package_dir})
+  ${PROJECT_BINARY_DIR}/zorvac-config.cmake INSTALL_DESTINATION ${package_dir}
+  PATH_VARS CMAKE_INSTALL_BINDIR)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/zorvac-config-version.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/zorvac-config.cmake
               ${PROJECT_BINARY_DIR}/zorvac-config-version.cmake
+              ${PROJECT_SOURCE_DIR}/cmake/zorvac-trace.cmake
         DESTINATION ${package_dir} COMPONENT dev)
 
 # The prefix is told relative to the file, which so stays right wherever a package puts it.
@@ -55,6 +57,11 @@ zorvac_package(runtime ${runtime_package} libs "This package has the shared libr
 zorvac_package(dev libzorvac-dev libdevel
                "This package has the headers, the static library and the manual page.")
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION}), libc6-dev")
+if(ZORVAC_TOOLS)
+  zorvac_package(tools zorvac-tools devel
+                 "This package has zorvac-mktrace, which lets tracebacks name lines.")
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+endif()
 
 # What packages of programs that use the library are told to depend on: the shlibs file by library,
 # the symbols file by exported name.

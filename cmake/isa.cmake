@@ -178,3 +178,26 @@ set_property(SOURCE ${ZORVAC_STRING_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   -O2 -fno-builtin -fno-sanitize=address,thread
   $<$<CXX_COMPILER_ID:GNU>:-fno-tree-loop-distribute-patterns>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_STRING_SOURCES})
+
+# Checks that compiled code makes at run time.
+zorvac_sources(ZORVAC_COMMON_SOURCES general
+  diag/rt_check.cpp)
+zorvac_sources(ZORVAC_COMMON_SOURCES baseline
+  diag/cpcheck.cpp
+  diag/rt_check.S)
+
+# The traceback. Frames that it hides are counted, so each of its routines on the way to the unwinder
+# is exactly one frame, and has a description that the unwinder finds.
+zorvac_sources(ZORVAC_TRACEBACK_SOURCES baseline
+  diag/byte_source.cpp
+  diag/elf_image.cpp
+  diag/images.cpp
+  diag/pc_info.cpp
+  diag/process_files.cpp
+  diag/stack_text.cpp
+  diag/stack_walk.cpp
+  diag/trace_scan.cpp
+  diag/traceback.cpp)
+set_property(SOURCE ${ZORVAC_TRACEBACK_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
+  -fno-optimize-sibling-calls -fasynchronous-unwind-tables)
+list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_TRACEBACK_SOURCES})

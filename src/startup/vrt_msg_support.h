@@ -10,14 +10,25 @@ namespace zorvac::startup {
 // The messages that the library itself uses, by their number in the table and in the catalogue.
 namespace message {
 inline constexpr int line_end = 0;
+inline constexpr int constant_propagation_error = 1;
+inline constexpr int formal_argument = 2;  // the kinds of substitution follow one another
+inline constexpr int i32_values = 5;       // and so do the types of values
+inline constexpr int bad_second_argument = 11;
 inline constexpr int not_built_for_processor = 23;
 inline constexpr int allowed_processors = 24;
+inline constexpr int uninitialized_use = 25;
 inline constexpr int buffer_overrun = 26;
+inline constexpr int no_error = 40;
+inline constexpr int no_unwinder = 41;
 inline constexpr int not_built_for_system = 49;
+inline constexpr int boundary_failure_of = 53;
+inline constexpr int boundary_failure = 54;
+inline constexpr int conversion_failure = 55;
 inline constexpr int verify_features = 56;
 inline constexpr int list_separator = 57;
 inline constexpr int verify_compatible_library = 58;
 inline constexpr int inconsistent_library = 59;
+inline constexpr int uninitialized_use_at = 60;
 }  // namespace message
 
 struct table_entry {

@@ -1,0 +1,94 @@
+// The readers of the traceback, on files that a fuzzer makes up: one byte that chooses the reader, an
+// address of eight, then the file. It is read from memory and, through the reader's small block, from
+// a real file; both have to say the same, in texts that end.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+#include <string>
+
+#include "diag/byte_source.h"
+#include "diag/elf_image.h"
+#include "diag/process_files.h"
+#include "diag/texts.h"
+#include "diag/trace_scan.h"
+
+using namespace zorvac::diag;
+
+namespace {
+
+struct answer {
+  std::string routine, file;
+  std::uint64_t number = 0, other = 0;
+  bool operator==(const answer&) const = default;
+};
+
+template <std::size_t Bytes>
+std::string text_of(const char (&text)[Bytes]) {
+  if (std::memchr(text, '\0', Bytes) == nullptr) std::abort();
+  return text;
+}
+
+answer scan(byte_source& file, file_range section, std::uint64_t address) {
+  static tbk_pc_info info;
+  put_unknown(info.routine);
+  put_unknown(info.file);
+  info.line = 0;
+  scan_trace(file, section, address, info);
+  return {text_of(info.routine), text_of(info.file), info.line, 0};
+}
+
+answer read_section(byte_source& file, std::size_t size, std::uint64_t address) {
+  return scan(file, {0, size}, address);
+}
+
+answer read_image(byte_source& file, std::size_t, std::uint64_t address) {
+  Elf64_Ehdr header;
+  if (!read_elf_header(file, header)) return {};
+  const file_range section = find_trace_section(file, header);
+  if (section.end < section.begin) std::abort();
+  return scan(file, section, address);
+}
+
+answer read_maps(byte_source& file, std::size_t, std::uint64_t address) {
+  static mapping found;
+  if (!find_mapping(file, "libfuzz.so", address, found)) return {};
+  return {text_of(found.path), "", found.load_address, found.end - found.begin};
+}
+
+answer read_vector(byte_source& file, std::size_t, std::uint64_t address) {
+  answer a;
+  a.other = find_auxiliary_value(file, address, a.number) ? 1 : 0;
+  return a;
+}
+
+constexpr std::array readers{read_section, read_image, read_maps, read_vector};
+
+// A file without a name that holds the bytes, and its path.
+const char* file_with(std::span<const unsigned char> bytes) {
+  static const int file = memfd_create("fuzz", 0);
+  static const std::string path = "/proc/self/fd/" + std::to_string(file);
+  if (ftruncate(file, 0) != 0 ||
+      pwrite(file, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
+    std::abort();
+  return path.c_str();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
+  if (size < 9) return 0;
+  const auto read = readers[data[0] % readers.size()];
+  std::uint64_t address = 0;
+  std::memcpy(&address, data + 1, sizeof address);
+  const std::span<const unsigned char> bytes(data + 9, size - 9);
+  static byte_source memory, file;
+  memory.open_memory(bytes);
+  if (!file.open_file(file_with(bytes))) std::abort();
+  if (read(memory, bytes.size(), address) != read(file, bytes.size(), address)) std::abort();
+  file.close();
+  return 0;
+}

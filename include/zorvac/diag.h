@@ -1,0 +1,224 @@
+#ifndef ZORVAC_DIAG_H
+#define ZORVAC_DIAG_H
+/** Diagnostics: the stack traceback; further down, the checks that compiled code makes at run time.
+ *
+ *  A program's handler for fatal signals prints where it failed with one call:
+ *
+ *    static char text[65536];
+ *    static void on_fatal(int number, siginfo_t* info, void* context) {
+ *      size_t length = tbk_string_stack_signal(context, text, sizeof text, 1, 1);
+ *      write(STDERR_FILENO, text, length);
+ *      _exit(128 + number);
+ *    }
+ *
+ *  The walk needs the compiler's unwinder in the process, which a C program does not link of itself:
+ *  docs/abi.md tells how it gets there. Routine, file and line come from the `.trace` section of
+ *  each image; docs/traceback.md says what is looked up where, and what "Unknown" means.
+ *
+ *  For every tbk_ routine:
+ *    threads    one traceback at a time in a process, and no other tbk_ routine in another thread
+ *               meanwhile; no lock guards that. While a walk runs, all signal actions of the process
+ *               are those of tbk_signal_handler(), so a signal that another thread takes meanwhile
+ *               makes that thread jump into the walk
+ *    signals    may be called from a signal handler, also on an alternate stack: a walk takes less
+ *               than 3 KB of stack, and up to 3 more in programs that bind addresses lazily
+ *    memory     nothing is allocated for up to 24 frames; each further 24 take one block of malloc
+ *               (608 bytes), freed before the routine returns. Where malloc gives null the frames
+ *               recorded so far are reported. What is read from files goes through static buffers
+ *    locks      dladdr and the unwinder may wait for the dynamic loader's lock
+ *    errno      unchanged
+ *    registers  System V AMD64
+ */
+#include <setjmp.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/** One frame of the stack. */
+typedef struct tbk_frame {
+  uint64_t pc;             /**< instruction pointer, as the unwinder reports it: in every frame but
+                                the innermost one and interrupted ones, where the call returns to */
+  uint64_t return_address; /**< pc of the calling frame; 0 in the last record */
+  uint64_t frame_pointer;  /**< always 0 */
+} tbk_frame;
+
+/** Status of a walk. */
+enum {
+  TBK_SUCCESS = 0,
+  TBK_FAULT = 1,      /**< a signal arrived during the walk or its report, which ended there */
+  TBK_BUFFER_FULL = 7 /**< the callback returned TBK_STOP_FULL */
+};
+
+/** What a callback returns. */
+enum { TBK_CONTINUE = 0, TBK_STOP = -1, TBK_STOP_FULL = -2 };
+
+/** Called for every frame, innermost first.
+ *
+ *  frame   [in] valid during the call only
+ *  hidden  1 for frames of the traceback itself, which should not be shown; else 0 */
+typedef int32_t (*tbk_frame_callback)(const tbk_frame* frame, void* user, int32_t hidden);
+
+/** Walks the calling thread's stack and reports its frames.
+ *
+ *  signal_context  [in] null, or the interrupted code's registers: the third argument of an
+ *                  SA_SIGINFO handler, a ucontext_t
+ *  user            passed on to the callback
+ *  callback        called for each frame once the whole stack has been walked; must return
+ *  skip            decides with signal_context how many frames are reported as hidden:
+ *
+ *                    signal_context with a non-zero instruction pointer   0
+ *                    otherwise, skip 0                                    5
+ *                    otherwise, skip not 0                                2, those of this routine
+ *
+ *                  With a context, then, the frames of the traceback, of the handler and of the
+ *                  signal's delivery come first and are shown like all others.
+ *  returns         TBK_SUCCESS, TBK_FAULT or TBK_BUFFER_FULL. Without an unwinder in the process,
+ *                  TBK_SUCCESS and no frames; tbk_geterrorstring() tells.
+ *
+ *  While it runs, all signals (0 to 64) lead to tbk_signal_handler(), and the signals that
+ *  instructions raise are not blocked; actions and mask are restored on every way out. */
+uint32_t tbk_trace_stack(const void* signal_context, void* user, tbk_frame_callback callback,
+                         uint32_t skip);
+
+/** Writes the traceback of the calling thread as text.
+ *
+ *  signal_context  [in] as above
+ *  buffer          [out] the text, terminated by a zero byte; or null
+ *  bytes           size of the buffer; the zero byte counts
+ *  table           0: a block of lines for each frame; otherwise: one line for each
+ *  skip            as above, with 3 hidden frames where it is not 0
+ *  returns         the number of characters written, without the zero byte, at most `bytes`. With
+ *                  a null buffer: the size that a buffer must have to take the whole text
+ *
+ *  The last 57 bytes are kept for a closing message. Where the text does not end before them (with a
+ *  zero byte of its own) it is cut there, and "\nStack trace buffer overflow; further frames not
+ *  shown.\n" follows. After a fault what has been written so far stands, and "\nStack trace
+ *  terminated abnormally.\n" follows. In a buffer of fewer than 57 bytes that message is cut too. */
+size_t tbk_string_stack_signal(const void* signal_context, char* buffer, size_t bytes,
+                               uint32_t table, uint32_t skip);
+
+/** The diagnostic of the last walk: message 40 ("No error"), or message 41 ("You must link with
+ *  libunwind to use traceback functionality"); empty before the first one. At most 100 characters,
+ *  in a static buffer that is valid until the next call. The catalogue is looked into here rather
+ *  than during the walk, as opening it allocates memory. */
+const char* tbk_geterrorstring(void);
+
+/** The fields of a frame record; the third is 0 by design. */
+uint64_t tbk_getPC(const tbk_frame* frame);
+uint64_t tbk_getRetAddr(const tbk_frame* frame);
+uint64_t tbk_getFramePtr(const tbk_frame* frame);
+
+/** Writes the file name, without its folders, of the image that holds an address: the executable or
+ *  a shared object. "Unknown" where there is none.
+ *
+ *  buffer  [out] the name, cut to bytes - 1 characters, and a zero byte; untouched if bytes is 0 */
+void tbk_getModuleName(uint64_t pc, char* buffer, size_t bytes);
+
+/** What is known about an address. */
+typedef struct tbk_pc_info {
+  char routine[1024]; /**< name, cut to 1023 characters, or "Unknown" */
+  char file[4096];    /**< path of the source file, cut to 4095 characters, or "Unknown" */
+  uint32_t line;      /**< or 0 */
+} tbk_pc_info;
+
+/** Looks up routine, source file and line of an address.
+ *
+ *  image      [in] name of its image: as tbk_getModuleName() gives it, or a path
+ *  pc         the address, as the process has it
+ *  load_bias  [out] the distance between the image's addresses in the process and those in its file,
+ *             stored where it is known and not 0 (set it to 0 before the call); may be null
+ *  info       [out] every field is written */
+void tbk_get_pc_info_pie(const char* image, uint64_t pc, uint64_t* load_bias, tbk_pc_info* info);
+
+/** The same, by calling tbk_get_pc_info_pie(). */
+void tbk_get_pc_info(const char* image, uint64_t pc, uint64_t* load_bias, tbk_pc_info* info);
+
+/** The action of every signal during a walk: jumps to tbk__jmp_env with the value -1. */
+void tbk_signal_handler(int number, void* info, void* context) __attribute__((__noreturn__));
+
+/** Where tbk_signal_handler() jumps to: a sigjmp_buf, set by each walk. (jmp_buf is the same type,
+ *  and declared in every mode of C.) */
+extern jmp_buf tbk__jmp_env;
+
+/** Run-time checks. Compiled code calls them; every one that fails prints its message between two
+ *  empty lines on standard error and ends the process with abort(): no exit handler runs. Names and
+ *  places are cut to what a message holds, 400 bytes (200 each where there are two).
+ *
+ *    threads    re-entrant, but reports share a buffer
+ *    memory     nothing is allocated unless a check fails
+ *
+ *  A variable of a frame, with its name (null or empty: it has none) and its place: the offset of
+ *  its first byte from the frame base, and its size, both in bytes. The compiler puts the 32-bit
+ *  guard value 0xCCCCCCCC into the 4 bytes in front of it and into the 4 bytes behind it. */
+typedef struct zorvac_short_variable {
+  int32_t offset;
+  int32_t size;
+  const char* name;
+} zorvac_short_variable;
+
+typedef struct zorvac_long_variable {
+  int64_t offset;
+  int64_t size;
+  const char* name;
+} zorvac_long_variable;
+
+/** The variables of a frame; a list whose count is not positive is not looked at. */
+typedef struct zorvac_stack_variables {
+  int32_t short_count;
+  const zorvac_short_variable* short_entries;
+  int32_t long_count;
+  const zorvac_long_variable* long_entries;
+} zorvac_stack_variables;
+
+/** Compares the guard words of a frame, in the order of the lists, the one in front of a variable
+ *  before the one behind it. The first that is damaged is reported with message 53 ("Boundary
+ *  Run-Time Check Failure for variable '%s'"), or 54 where the variable has no name.
+ *
+ *  registers  called in an epilogue, with the result in its registers: when it returns it has changed
+ *             RDX and the flags, and nothing else, no vector register either. Compilers that do not
+ *             know this treat it as any other call */
+void __zorva_rtc_CheckStackVars(const void* unused1, const void* unused2,
+                                const zorvac_stack_variables* variables, const void* frame_base);
+
+/** Narrow an integer of so many bytes to so many. The result is its low part; where the value is
+ *  neither the sign extension nor the zero extension of that, message 55 ("Conversion Run-Time Check
+ *  Failure") is reported. */
+int8_t _RTC_Check_2_to_1(int16_t value);
+int8_t _RTC_Check_4_to_1(int32_t value);
+int8_t _RTC_Check_8_to_1(int64_t value);
+int16_t _RTC_Check_4_to_2(int32_t value);
+int16_t _RTC_Check_8_to_2(int64_t value);
+int32_t _RTC_Check_8_to_4(int64_t value);
+
+/** Report that a variable is used without having been set: message 25 with its name; message 60 with
+ *  its name and the place of the use. */
+void __zorva_rtc_uninit_use(const char* name) __attribute__((__noreturn__));
+void __zorva_rtc_uninit_use_src(const char* name, const char* where) __attribute__((__noreturn__));
+
+/** A value of _IPO_Check_CP(), passed in two registers. */
+typedef struct zorvac_cp_value {
+  uint64_t first;
+  uint64_t second; /**< read for types 3 and 4 only */
+} zorvac_cp_value;
+
+/** Checks a constant that was propagated across routines: returns when the value that is there is the
+ *  value that was put in its place. Otherwise prints the kind of substitution and both values on
+ *  standard output, flushes it, and calls abort().
+ *
+ *  kind  0 formal argument, 1 return value, 2 global variable; another one selects the message with
+ *        number kind + 2, or an empty text
+ *  type  0 and 1: the first words as integers, printed in hexadecimal and in decimal
+ *        2: their low halves as binary32; 5: the first words as binary64. A NaN equals nothing
+ *        3 and 4: both words, printed in hexadecimal and in decimal
+ *        above 5: message 11 ("Bad second argument") and abort() */
+void _IPO_Check_CP(int32_t kind, uint32_t type, zorvac_cp_value expected, zorvac_cp_value actual);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,67 @@
+#include "diag/byte_source.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace zorvac::diag {
+
+bool byte_source::open_file(const char* path) {
+  close();
+  do {
+    file_ = ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);  // no waiting for a pipe
+  } while (file_ < 0 && errno == EINTR);
+  is_file_ = file_ >= 0;
+  fills_left_ = most_fills;
+  return is_file_;
+}
+
+void byte_source::open_memory(std::span<const unsigned char> bytes) {
+  close();
+  block_ = bytes;
+}
+
+void byte_source::close() {
+  block_offset_ = 0;
+  block_ = {};
+  if (std::exchange(is_file_, false)) ::close(file_);
+}
+
+bool byte_source::fill(std::uint64_t offset) {
+  if (!is_file_) return false;  // memory is a block that stays
+  block_ = {};
+  if (offset > INT64_MAX || fills_left_ == 0) return false;
+  --fills_left_;
+  ssize_t count = 0;
+  do {
+    count = ::pread(file_, bytes_, sizeof bytes_, static_cast<off_t>(offset));
+  } while (count < 0 && errno == EINTR);
+  if (count <= 0) return false;
+  block_offset_ = offset;
+  block_ = {bytes_, static_cast<std::size_t>(count)};
+  return true;
+}
+
+std::span<const unsigned char> byte_source::at(std::uint64_t offset) {
+  if (offset - block_offset_ >= block_.size() && !fill(offset)) return {};
+  return block_.subspan(offset - block_offset_);
+}
+
+bool byte_source::read(std::uint64_t offset, void* to, std::size_t count) {
+  auto* out = static_cast<unsigned char*>(to);
+  while (count > 0) {
+    const std::span<const unsigned char> bytes = at(offset);
+    if (bytes.empty()) return false;
+    const std::size_t part = bytes.size() < count ? bytes.size() : count;
+    std::memcpy(out, bytes.data(), part);
+    out += part;
+    count -= part;
+    offset += part;  // at() ends below 2^63, so this cannot wrap
+  }
+  return true;
+}
+
+}  // namespace zorvac::diag

@@ -1,0 +1,62 @@
+#include "diag/elf_image.h"
+
+#include <cstring>
+#include <span>
+
+#include "diag/trace_format.h"
+
+namespace zorvac::diag {
+namespace {
+
+// Reads headers from one on; false where they are not all there.
+bool read_section_headers(byte_source& file, const Elf64_Ehdr& header, std::uint32_t first,
+                          std::span<Elf64_Shdr> sections) {
+  std::uint64_t offset = 0;
+  if (__builtin_add_overflow(header.e_shoff, first * sizeof sections[0], &offset)) return false;
+  return file.read(offset, sections.data(), sections.size_bytes());
+}
+
+// Where the bytes of a section are; an empty range where it has none in the file.
+file_range bytes_of(const Elf64_Shdr& section) {
+  file_range range{section.sh_offset, 0};
+  const bool wraps = __builtin_add_overflow(section.sh_offset, section.sh_size, &range.end);
+  if (wraps || section.sh_type == SHT_NOBITS || (section.sh_flags & SHF_COMPRESSED) != 0) return {};
+  return range;
+}
+
+bool is_trace(byte_source& file, const file_range& names, std::uint32_t name) {
+  char text[sizeof trace::section_name];
+  if (names.end - names.begin < name || names.end - names.begin - name < sizeof text) return false;
+  return file.read(names.begin + name, text, sizeof text) &&
+         std::memcmp(text, trace::section_name, sizeof text) == 0;
+}
+
+}  // namespace
+
+bool read_elf_header(byte_source& file, Elf64_Ehdr& header) {
+  return file.read(0, &header, sizeof header) &&
+         std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 &&
+         header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_machine == EM_X86_64;
+}
+
+// Images have fewer than 65,280 sections, so the numbers stand in the header itself. The table may
+// lie anywhere; where it is not, reading fails. It is read by the handful, as looking at a name takes
+// the reader to another place in the file.
+file_range find_trace_section(byte_source& file, const Elf64_Ehdr& header) {
+  constexpr std::uint32_t handful = 32;
+  static constinit Elf64_Shdr buffer[handful] = {};  // a signal stack has no room for it
+  if (header.e_shoff == 0 || header.e_shentsize != sizeof(Elf64_Shdr)) return {};
+  std::span<Elf64_Shdr> sections(buffer, 1);
+  if (!read_section_headers(file, header, header.e_shstrndx, sections)) return {};
+  const file_range names = bytes_of(buffer[0]);
+  for (std::uint32_t first = 0; first < header.e_shnum; first += handful) {
+    const std::uint32_t left = header.e_shnum - first;
+    sections = {buffer, left < handful ? left : handful};
+    if (!read_section_headers(file, header, first, sections)) return {};
+    for (const Elf64_Shdr& section : sections)
+      if (is_trace(file, names, section.sh_name)) return bytes_of(section);
+  }
+  return {};
+}
+
+}  // namespace zorvac::diag

@@ -1,0 +1,93 @@
+// Checks that compiled code makes while it runs: the guard words around the variables of a frame,
+// the value of a narrowing conversion, the use of a variable that was never set.
+//
+// The check of a frame may change no vector register, so all of this is compiled for general
+// registers only; its entry, in rt_check.S, saves those.
+#include <zorvac/diag.h>
+
+#include <cstdint>
+#include <type_traits>
+
+#include "diag/substitution.h"
+#include "startup/vrt_msg_support.h"
+
+namespace zorvac::diag {
+namespace {
+
+namespace message = startup::message;
+using startup::to_standard_error;
+
+constexpr std::uint32_t guard_word = 0xcccccccc;
+
+// A report stands between two empty lines and ends the process. Its arguments are the message, then
+// what is substituted.
+template <class... Texts>
+[[noreturn, gnu::noinline, gnu::cold]] void report(int number, Texts... texts) {
+  // What the fixed part of a message, in any language, leaves of the message buffer.
+  constexpr std::size_t room = 400 / (sizeof...(texts) + (sizeof...(texts) == 0));
+  __libvrt_print(to_standard_error, message::line_end, 0);
+  __libvrt_print(to_standard_error, number, sizeof...(texts), substitution<room>(texts).c_str()...);
+  __libvrt_print(to_standard_error, message::line_end, 0);
+  __builtin_abort();
+}
+
+// Guard words are as aligned as the variables beside them: not at all.
+bool is_guarded(std::uintptr_t word) {
+  struct [[gnu::packed, gnu::may_alias]] unaligned {
+    std::uint32_t value;
+  };
+  return reinterpret_cast<const unaligned*>(word)->value == guard_word;  // NOLINT(*-int-to-ptr)
+}
+
+// Address arithmetic is modulo 2^64, so no description of a variable overflows it.
+template <class Variable>
+void check(const Variable* entries, std::int32_t count, std::uintptr_t frame_base) {
+  for (std::int32_t i = 0; i < count; ++i) {
+    const Variable& entry = entries[i];
+    const std::uintptr_t begin = frame_base + static_cast<std::uintptr_t>(entry.offset);
+    const std::uintptr_t end = begin + static_cast<std::uintptr_t>(entry.size);
+    if (is_guarded(begin - sizeof guard_word) && is_guarded(end)) continue;
+    if (entry.name == nullptr || *entry.name == '\0') report(message::boundary_failure);
+    report(message::boundary_failure_of, entry.name);
+  }
+}
+
+// A value may become narrower when its low part, read as signed or as unsigned, is the value.
+template <class Narrow, class Wide>
+Narrow narrowed(Wide value) {
+  const auto low = static_cast<Narrow>(value);
+  if (value != low && value != static_cast<std::make_unsigned_t<Narrow>>(low))
+    report(message::conversion_failure);
+  return low;
+}
+
+}  // namespace
+
+}  // namespace zorvac::diag
+
+using zorvac::diag::check;
+using zorvac::diag::narrowed;
+using zorvac::diag::report;
+namespace message = zorvac::diag::message;
+
+extern "C" {
+
+// What the entry in rt_check.S calls.
+__attribute__((visibility("hidden"))) void zorvac_check_stack_variables(
+    const zorvac_stack_variables* variables, std::uintptr_t frame_base) {
+  check(variables->short_entries, variables->short_count, frame_base);
+  check(variables->long_entries, variables->long_count, frame_base);
+}
+
+std::int8_t _RTC_Check_2_to_1(std::int16_t value) { return narrowed<std::int8_t>(value); }
+std::int8_t _RTC_Check_4_to_1(std::int32_t value) { return narrowed<std::int8_t>(value); }
+std::int8_t _RTC_Check_8_to_1(std::int64_t value) { return narrowed<std::int8_t>(value); }
+std::int16_t _RTC_Check_4_to_2(std::int32_t value) { return narrowed<std::int16_t>(value); }
+std::int16_t _RTC_Check_8_to_2(std::int64_t value) { return narrowed<std::int16_t>(value); }
+std::int32_t _RTC_Check_8_to_4(std::int64_t value) { return narrowed<std::int32_t>(value); }
+
+void __zorva_rtc_uninit_use(const char* name) { report(message::uninitialized_use, name); }
+void __zorva_rtc_uninit_use_src(const char* name, const char* where) {
+  report(message::uninitialized_use_at, name, where);
+}
+}

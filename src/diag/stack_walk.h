@@ -1,0 +1,38 @@
+#ifndef ZORVAC_DIAG_STACK_WALK_H
+#define ZORVAC_DIAG_STACK_WALK_H
+// The walker and the formatter behind the entry points. Each of the routines here and each entry
+// point is exactly one frame of the stack, as the numbers of frames to hide count on it: they stand in
+// sources of their own, so that none can be inlined into another, and are compiled without sibling
+// calls (cmake/isa.cmake).
+//
+//   tbk_trace_stack --------------------------------------------> tbk_trace_stack_impl --> unwinder
+//   tbk_string_stack_signal --> tbk_string_stack_signal_impl ---> tbk_trace_stack_impl --> unwinder
+#include <zorvac/diag.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace zorvac::diag {
+
+inline constexpr std::uint32_t frames_of_trace_stack = 2;
+inline constexpr std::uint32_t frames_of_string_stack = 3;
+
+// Named in C, as they are seen in tracebacks.
+extern "C" {
+std::uint32_t tbk_trace_stack_impl(const void* signal_context, void* user,
+                                   tbk_frame_callback callback, std::uint32_t skip,
+                                   std::uint32_t frames_to_hide);
+
+std::size_t tbk_string_stack_signal_impl(const void* signal_context, char* buffer,
+                                         std::size_t bytes, std::uint32_t table,
+                                         std::uint32_t skip);
+}
+
+// How many frames the unwinder has reported so far, in all walks.
+extern std::uint32_t frame_count;
+
+// The number of the message about the last walk; 0 before the first.
+extern int walk_diagnostic;
+
+}  // namespace zorvac::diag
+#endif

@@ -1,0 +1,33 @@
+#ifndef ZORVAC_DIAG_SUBSTITUTION_H
+#define ZORVAC_DIAG_SUBSTITUTION_H
+// A text as it may be substituted into a message, whatever characters it has and however long it is.
+//
+// The print routine takes the finished message once more as a format, and ends the process when the
+// message does not fit its buffer. Variables of some languages have per-cent signs in their names
+// ("point%next"), and the names of others run to thousands of characters; a report must survive both.
+// So per-cent signs are doubled here, and what is beyond `Bytes` is left out.
+#include <cstddef>
+
+namespace zorvac::diag {
+
+template <std::size_t Bytes>
+class substitution {
+ public:
+  // At most `limit` characters of `text`.
+  explicit substitution(const char* text, std::size_t limit = Bytes) {
+    if (text == nullptr) text = "(null)";
+    std::size_t used = 0;
+    for (std::size_t i = 0; i < limit && text[i] != '\0'; ++i) {
+      const std::size_t copies = text[i] == '%' ? 2 : 1;
+      if (used + copies > Bytes) break;
+      for (std::size_t copy = 0; copy < copies; ++copy) text_[used++] = text[i];
+    }
+  }
+  [[nodiscard]] const char* c_str() const { return text_; }
+
+ private:
+  char text_[Bytes + 1] = {};
+};
+
+}  // namespace zorvac::diag
+#endif

@@ -1,0 +1,157 @@
+// One pass over the records, from the first to the routine that holds the address, past the spans
+// that cannot hold it; then on to that routine's line table. Whatever the section holds, every step
+// moves forward, and nothing outside of the section is looked at.
+#include "diag/trace_scan.h"
+
+#include "diag/texts.h"
+#include "diag/trace_format.h"
+
+namespace zorvac::diag {
+namespace {
+
+// A place in a section: bytes from here on, and whether they are there.
+class record {
+ public:
+  record(byte_source& file, file_range section) : file_{file}, section_{section} { load(); }
+
+  // False behind the last record, and where the next one's place cannot be known.
+  explicit operator bool() const { return bytes_ != 0; }
+  [[nodiscard]] unsigned tag() const { return head_[0]; }
+  [[nodiscard]] std::uint64_t place() const { return section_.begin; }
+  [[nodiscard]] bool is(trace::tag wanted, unsigned char version) const {
+    return head_[0] == wanted && head_[trace::version_offset] == version;
+  }
+  template <class Integer>
+  [[nodiscard]] Integer field(std::size_t offset) const {
+    return trace::load<Integer>(head_ + offset);
+  }
+  // The bytes behind the head, as far as they lie in the section.
+  [[nodiscard]] file_range body(std::size_t head) const {
+    return {section_.begin + head, section_.begin + min(bytes_, left())};
+  }
+  template <std::size_t Bytes>
+  [[nodiscard]] bool read_body(unsigned char (&to)[Bytes]) {
+    const file_range range = body(trace::body_offset);
+    return range.end - range.begin >= Bytes && file_.read(range.begin, to, Bytes);
+  }
+  // To the record behind this one and `more` bytes.
+  void advance(std::uint64_t more = 0) {
+    section_.begin += min(bytes_ + more, left());  // both below 2^33
+    load();
+  }
+
+ private:
+  static std::uint64_t min(std::uint64_t a, std::uint64_t b) { return a < b ? a : b; }
+  [[nodiscard]] std::uint64_t left() const { return section_.end - section_.begin; }
+
+  void load() {
+    skip_padding();
+    const std::size_t available = min(left(), sizeof head_);
+    bytes_ =
+        file_.read(section_.begin, head_, available) ? trace::record_bytes(head_, available) : 0;
+  }
+  void skip_padding() {
+    while (left() != 0) {
+      const auto bytes = file_.at(section_.begin);
+      const std::size_t most = min(left(), bytes.size());
+      std::size_t count = 0;
+      while (count < most && bytes[count] == trace::padding_tag) ++count;
+      section_.begin += count;
+      if (count == 0 || count < most) return;
+    }
+  }
+  byte_source& file_;
+  file_range section_;  // from this record on
+  unsigned char head_[trace::head_bytes] = {};
+  std::uint64_t bytes_ = 0;
+};
+
+// The body of a line table, byte by byte.
+class body_source {
+ public:
+  body_source(byte_source& file, file_range body) : file_{file}, body_{body} {}
+  bool next(unsigned char& byte) {
+    return body_.begin != body_.end && file_.read(body_.begin++, &byte, 1);
+  }
+
+ private:
+  byte_source& file_;
+  file_range body_;
+};
+
+// As much of the text as there is room for; "Unknown" where it cannot be read or is empty.
+template <std::size_t Bytes>
+void read_text(byte_source& file, file_range range, char (&text)[Bytes]) {
+  const std::uint64_t length = range.end - range.begin;
+  const std::size_t count = length < Bytes ? length : Bytes - 1;
+  text[count] = '\0';
+  if (!file.read(range.begin, text, count) || text[0] == '\0') put_unknown(text);
+}
+
+// How many bytes behind a record are not about the address: those of a span that does not hold it.
+// The subtraction wraps, which makes one comparison of the two that a range takes.
+std::uint64_t irrelevant_bytes(record& r, std::uint64_t address) {
+  unsigned char span[trace::span_body_bytes];
+  if (!r.is(trace::span_tag, trace::span_version) || !r.read_body(span)) return 0;
+  const auto start = trace::load<std::uint64_t>(span + trace::span_start_offset);
+  const auto length = trace::load<std::uint64_t>(span + trace::span_length_offset);
+  if (address - start < length) return 0;
+  return trace::load<std::uint32_t>(span + trace::span_bytes_offset);
+}
+
+// To the routine whose range holds the address; false where there is none.
+bool find_routine(record& r, std::uint64_t address) {
+  while (r) {
+    if (r.tag() == trace::routine_tag) {
+      const auto start = r.field<std::uint64_t>(trace::routine_start_offset);
+      const auto length = r.field<std::uint32_t>(trace::routine_length_offset);
+      if (address - start < length) return true;
+    }
+    r.advance(irrelevant_bytes(r, address));
+  }
+  return false;
+}
+
+// To the line table of the routine that the record in front is about.
+bool find_lines(record& r) {
+  for (; r && r.tag() != trace::routine_tag; r.advance())
+    if (r.is(trace::lines_tag, trace::lines_version)) return true;
+  return false;
+}
+
+// The last row at or in front of an offset into the routine; without a line and a file where the
+// first one is behind it.
+trace::line_row find_row(byte_source& file, file_range body, std::uint64_t offset) {
+  body_source bytes(file, body);
+  trace::line_rows rows(bytes);
+  trace::line_row found{.file = UINT64_MAX}, row;
+  while (rows.next(row) && row.offset <= offset) found = row;
+  return found;
+}
+
+}  // namespace
+
+void scan_trace(byte_source& file, file_range section, std::uint64_t address, found_routines& found,
+                tbk_pc_info& info) {
+  const std::uint64_t known = found.place_of(address);
+  record r(file, {known != 0 ? known : section.begin, section.end});
+  if (!find_routine(r, address)) return;
+  if (known == 0) found.add(address, r.place());
+  const std::uint64_t offset = address - r.field<std::uint64_t>(trace::routine_start_offset);
+  read_text(file, r.body(trace::routine_head_bytes), info.routine);
+  r.advance();
+  if (!find_lines(r)) return;
+
+  const file_range body = r.body(trace::body_offset);
+  const trace::line_row row = find_row(file, body, offset);
+  info.line = row.line;
+  body_source distances(file, body);
+  std::uint64_t distance = 0;
+  if (!trace::file_distance(distances, row.file, distance)) return;
+  if (distance > r.place() - section.begin) return;
+  const record name(file, {r.place() - distance, section.end});
+  if (name && name.is(trace::file_tag, trace::file_version))
+    read_text(file, name.body(trace::body_offset), info.file);
+}
+
+}  // namespace zorvac::diag

@@ -1,0 +1,101 @@
+// Makes the `.trace` section of a program from its debug information.
+#include <getopt.h>
+
+#include <array>
+#include <iostream>
+#include <string>
+#include <utility>
+
+#include "encode.h"
+#include "failure.h"
+#include "image.h"
+#include "tables.h"
+
+using namespace zorvac::mktrace;
+
+namespace {
+
+constexpr char help[] =
+    R"(Usage: zorvac-mktrace [-o FILE] IMAGE
+       zorvac-mktrace --dump IMAGE
+
+Reads the debug information of an executable or shared object and writes its .trace section, from
+which a traceback has the routine, source file and line of each frame.
+
+  -o FILE    write to FILE and leave IMAGE as it is
+  --dump     print the .trace section of IMAGE as text
+  --help     print this text
+  --version  print the version
+)";
+
+struct arguments {
+  std::string image, output;
+  bool dump = false;
+};
+
+constexpr int success = 0, failed = 1, misused = 2;
+
+void make(const arguments& a) {
+  std::vector<unsigned char> section;
+  {
+    const image input{a.image};
+    section = encode(read_tables(input.elf()));
+  }
+  write_with_trace(a.image, std::move(section), a.output.empty() ? a.image : a.output);
+}
+
+void print(const arguments& a) {
+  const auto section = image{a.image}.trace_section();
+  if (!section) throw failure{"no .trace section"};
+  dump(*section, std::cout);
+}
+
+int run(const arguments& a) {
+  try {
+    a.dump ? print(a) : make(a);
+    std::cout.flush();
+    if (!std::cout) throw failure{"cannot write standard output"};
+    return success;
+  } catch (const std::exception& e) {
+    std::cout.flush();
+    std::cerr << "zorvac-mktrace: " << a.image << ": " << e.what() << '\n';
+    return failed;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  enum { dump_option = 1, help_option, version_option };
+  const std::array<option, 5> options{{{"dump", no_argument, nullptr, dump_option},
+                                       {"help", no_argument, nullptr, help_option},
+                                       {"output", required_argument, nullptr, 'o'},
+                                       {"version", no_argument, nullptr, version_option},
+                                       {}}};
+  arguments a;
+  for (int option = 0; (option = getopt_long(argc, argv, "o:", options.data(), nullptr)) != -1;) {
+    switch (option) {
+      case 'o':
+        a.output = optarg;
+        break;
+      case dump_option:
+        a.dump = true;
+        break;
+      case help_option:
+        std::cout << help;
+        return success;
+      case version_option:
+        std::cout << "zorvac-mktrace " ZORVAC_VERSION "\n";
+        return success;
+      default:  // getopt has said what is wrong
+        std::cerr << help;
+        return misused;
+    }
+  }
+  if (optind + 1 != argc || (a.dump && !a.output.empty())) {
+    std::cerr << help;
+    return misused;
+  }
+  a.image = argv[optind];
+  return run(a);
+}
