@@ -6,16 +6,9 @@
 #include <atomic>
 #include <cstddef>
 
-namespace zorvac::test {
+#include "support/sanitized.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool malloc_is_the_c_librarys = false;
-#elif defined(__has_feature)
-constexpr bool malloc_is_the_c_librarys =
-    !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer);
-#else
-constexpr bool malloc_is_the_c_librarys = true;
-#endif
+namespace zorvac::test {
 
 struct calls {
   std::atomic<int> count;

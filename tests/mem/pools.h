@@ -20,7 +20,7 @@ namespace zorvac::test {
 inline void in_own_process(const std::function<void()>& body) {
   const outcome o = run_in_child([&body] {
     system_allocator.forget();
-    system_allocator.maps_pools = !malloc_is_the_c_librarys;
+    system_allocator.maps_pools = sanitized;
     body();
     std::printf(testing::Test::HasFailure() ? "failed" : "passed");
   });

@@ -11,24 +11,12 @@ int canary_deaths = 0;
 [[gnu::naked]] void call_above_canary() {
   __asm__(
       "sub $40, %rsp\n\t"
-      "movq $0x5ca1ab1e, (%rsp)\n\t"
-      "movq $0x5ca1ab1e, 8(%rsp)\n\t"
-      "movq $0x5ca1ab1e, 16(%rsp)\n\t"
-      "movq $0x5ca1ab1e, 24(%rsp)\n\t"
+      ".irp at, 0, 8, 16, 24\n\t movq $0x5ca1ab1e, \\at(%rsp)\n\t .endr\n\t"
       "call *routine_under_test(%rip)\n\t"
-      "cmpq $0x5ca1ab1e, (%rsp)\n\t"
-      "jne 1f\n\t"
-      "cmpq $0x5ca1ab1e, 8(%rsp)\n\t"
-      "jne 1f\n\t"
-      "cmpq $0x5ca1ab1e, 16(%rsp)\n\t"
-      "jne 1f\n\t"
-      "cmpq $0x5ca1ab1e, 24(%rsp)\n\t"
-      "je 2f\n"
-      "1:\n\t"
-      "incl canary_deaths(%rip)\n"
-      "2:\n\t"
-      "add $40, %rsp\n\t"
-      "ret");
+      ".irp at, 0, 8, 16, 24\n\t cmpq $0x5ca1ab1e, \\at(%rsp)\n\t jne 1f\n\t .endr\n\t"
+      "jmp 2f\n"
+      "1:\n\t incl canary_deaths(%rip)\n"
+      "2:\n\t add $40, %rsp\n\t ret");
 }
 }
 
