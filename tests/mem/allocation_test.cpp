@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "mem/allocator.h"
-#include "mem/pools.h"
 #include "support/guard_pages.h"
 #include "support/name_of_row.h"
 #include "support/registers.h"

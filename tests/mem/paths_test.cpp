@@ -98,6 +98,7 @@ const edge edges[] = {
     {new_copies, {2048, 0, 1}, 0, 0, 1025, 0, stream_words | nta},
     {new_copies, {2048, 0, 3}, 0, 0, 1025, 0, stream_words | nta},
     {new_copies, {0, 0, 0}, 0, 0, 177, 0, stream_words | nta},
+    {new_copies, {-2, 512}, 0, 0, 4000, 0, 0},  // cache values have no sign
 
     // From half the first level on it prefetches, above half the largest it streams; the first
     // three forwards, from sources that are misaligned and not, then backwards.
@@ -138,6 +139,7 @@ const edge edges[] = {
     {new_fill, {0, 0}, 0, 0, 65, 0, store_fence},
     {new_fill, {2048, 0, 1}, 0, 0, 2049, 0, stream_words},
     {new_fill, {0, 0, 0}, 0, 0, 3000, 0, 0},
+    {new_fill, {-2, 512}, 0, 0, 4000, 0, 0},
 
     // Fifteen sixteenths of the first level: the string instruction. Never streams.
     {avx_fill, {1024, 2048}, 1, 0, 1951, 0, rep_fill_bytes},
@@ -211,8 +213,7 @@ TEST_F(PathTest, MisalignedSourcesAreMergedFromAlignedBlocks) {
 }
 
 // Distances of the first prefetches from the place in the source that is read next, which
-// alignment has moved on by less than a line; or, where there are more than the row says, by steps
-// of a line.
+// alignment has moved on by less than a line.
 TEST_F(PathTest, PrefetchDistances) {
   std::vector<std::uintptr_t> lines;
   for (std::uintptr_t at = 0; at <= 1600; at += 64)

@@ -9,7 +9,6 @@
 
 #include "mem/allocator.h"
 #include "mem/imalloc.h"
-#include "mem/pools.h"
 #include "support/name_of_row.h"
 
 namespace zorvac::test {

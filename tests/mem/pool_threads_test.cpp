@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "mem/allocator.h"
 #include "mem/imalloc.h"
-#include "mem/pools.h"
 
 namespace zorvac::test {
 namespace {

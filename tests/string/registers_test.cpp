@@ -101,7 +101,7 @@ TEST(StringRegisters, ThoseToBePreservedAre) {
 // One string in which each stated interface has something to find:
 //
 //   block    0                16               32
-//            |................|...x...y\0.x....|
+//            |x\0.............|...x...y\0.x....|    what block 0 has has been looked at
 struct stated {
   const char* name;
   level instructions;
@@ -111,7 +111,7 @@ struct stated {
   std::uint64_t result;   // tails: offset from the string, or 0
 };
 #define AT(l, op) "__zorva_" #l "_" #op, level::l, reinterpret_cast<void*>(&__zorva_##l##_##op)
-constexpr char scene[] = "--------------------x---y\0-x---z";
+constexpr char scene[] = "x\0------------------x---y\0-x---z";
 constexpr std::size_t begin_of_scene = 5;  // in its first block
 const stated stated_entries[] = {
     {AT(sse2, strlen), 0, nullptr, nullptr, 25 - begin_of_scene},
