@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <random>
 #include <thread>
 #include <vector>
@@ -46,15 +47,32 @@ TEST(FastLock, KeepsThreadsApart) {
   EXPECT_EQ(lock, 0u);
 }
 
-TEST(PoolThreads, OpenOnePoolASize) {
+// Threads find no room, or a drained pool, and wait for the lock, which thread 0 has for a while:
+// the first to get it opens or starts a pool, and the others take their blocks from that.
+TEST(PoolThreads, OneOpensOrStartsAPoolForAll) {
   in_own_process([] {
-    std::vector<std::uint32_t> sizes;
-    for (std::uint32_t size = 1; size <= 50; ++size) sizes.push_back(size * 8);
-    register_sizes(sizes, 0);
-    for (std::uint32_t pools = 1; pools <= 50; ++pools) {
-      at_once([pools](int) { EXPECT_NE(__i_pool_malloc(pools * 8), nullptr); });
-      ASSERT_EQ(last_pool_num, pools);
-      ASSERT_EQ(work_pool[pools - 1].handed_out.load_acquire(), static_cast<unsigned>(threads));
+    constexpr std::uint32_t waiting = threads - 1;
+    register_sizes({8, 16, 24, 32, 56, 64, 72, 80}, 0);
+    for (const std::uint32_t size : {8, 16, 24, 32, 56, 64, 72, 80}) {
+      mem::pool& p = work_pool[last_pool_num];
+      for (int turn = 0; turn < 3; ++turn) {
+        std::array<void*, threads> blocks{};
+        __fast_lock(&_i_pool_cr_sec);
+        at_once([&](int self) {
+          if (self != 0) {
+            blocks[static_cast<std::size_t>(self)] = __i_pool_malloc(size);
+          } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            __fast_unlock(&_i_pool_cr_sec);
+          }
+        });
+        ASSERT_EQ(headerP.load_acquire(), &p);
+        ASSERT_EQ(&work_pool[last_pool_num - 1], &p);
+        ASSERT_EQ(p.handed_out.load_acquire(), waiting);
+        p.count = waiting;  // full
+        for (std::uint32_t i = 1; i <= waiting; ++i) __i_pool_free(blocks[i]);
+        ASSERT_EQ(p.base.load_acquire(), nullptr);
+      }
     }
   });
 }
