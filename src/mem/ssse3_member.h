@@ -45,22 +45,14 @@ void* copy_in(way direction, char* to, const char* from, std::size_t count) {
                                     : copy_large<Member, way::backwards>(to, from, count);
 }
 
-template <class Member>
+// `Direction` is of_copy or of_move.
+template <class Member, auto Direction>
 [[gnu::always_inline]] inline void* copy_block(void* destination, const void* source,
                                                std::size_t count) {
   auto* const to = static_cast<char*>(destination);
   const auto* const from = static_cast<const char*>(source);
   if (count <= Member::small) return copy_small<Member>(to, from, count);
-  return copy_in<Member>(by_low_bytes(to, from), to, from, count);
-}
-
-template <class Member>
-[[gnu::always_inline]] inline void* move_block(void* destination, const void* source,
-                                               std::size_t count) {
-  auto* const to = static_cast<char*>(destination);
-  const auto* const from = static_cast<const char*>(source);
-  if (count <= Member::small) return copy_small<Member>(to, from, count);
-  return copy_in<Member>(of_move(to, from, count), to, from, count);
+  return copy_in<Member>(Direction(to, from, count), to, from, count);
 }
 
 }  // namespace
