@@ -23,8 +23,9 @@ namespace {
 // rejected: its block lies within the memory all the same.
 TEST(AlignedBlock, IsAlignedWithinItsMemoryAndFreesThat) {
   const guarded_block memory(1 << 18);
-  for (const std::size_t alignment : {0, 1, 2, 4, 8, 16, 24, 32, 64, 100, 128, 1024, 4096, 65536})
-    for (const std::size_t size : {0, 1, 7, 8, 24, 63, 64, 1000, 100'000})
+  for (const std::size_t alignment :
+       {0u, 1u, 2u, 4u, 8u, 16u, 24u, 32u, 64u, 100u, 128u, 1024u, 4096u, 65536u})
+    for (const std::size_t size : {0u, 1u, 7u, 8u, 24u, 63u, 64u, 1000u, 100'000u})
       for (std::size_t at = 0; at < 2048; at += 16 * (1 + size)) {
         // One block is malloc's own, for free and the address sanitizer to see.
         unsigned char* raw = at != 0 ? memory.begin() + at : nullptr;
@@ -101,7 +102,7 @@ TEST(ZeroedBlock, IsNotFilledWhereMallocHasJustMappedIt) {
         EXPECT_EQ(system_allocator.malloc.last, bytes);
         EXPECT_EQ(system_allocator.fill.count, m.filled);
         EXPECT_EQ(std::count(given, given + bytes, m.filled ? 0 : 0xcc), bytes) << m.header;
-        EXPECT_EQ(std::count(given + bytes, memory.end(), 0xcc), memory.end() - given - bytes);
+        EXPECT_EQ(std::count(given + bytes, memory.end(), 0xcc), memory.end() - (given + bytes));
       });
 }
 
@@ -124,7 +125,7 @@ TEST(FastCalloc, GivesNullWhenMallocDoes) {
 // The C library's own blocks: used before, and mapped.
 TEST(FastCalloc, ClearsUsedMemoryAndLeavesMappedMemoryUntouched) {
   if (sanitized) GTEST_SKIP() << "a sanitizer's allocator keeps other headers";
-  for (const std::size_t bytes : {1, 24, 100, 1000, 5000, 60'000}) {
+  for (const std::size_t bytes : {1u, 24u, 100u, 1000u, 5000u, 60'000u}) {
     void* const used = malloc(bytes);
     std::memset(used, 0xff, bytes);
     free(used);

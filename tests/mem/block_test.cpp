@@ -35,7 +35,8 @@ std::vector<std::size_t> counts_around_limits(const cache_values& v) {
            l, l / 2, l / 2 + 4096, l / 2 * 9,
            // the probing members
            16384, 16384 + 128})
-    for (const std::size_t delta : {0, 1, 7, 8, 15, 16, 17, 31, 32, 33, 63, 64, 65, 127, 128})
+    for (const std::size_t delta :
+         {0u, 1u, 7u, 8u, 15u, 16u, 17u, 31u, 32u, 33u, 63u, 64u, 65u, 127u, 128u})
       for (const std::size_t count : {limit - delta, limit + delta})
         if (count < (std::size_t{1} << 20)) counts.push_back(count);  // drops those below zero
   return counts;
@@ -133,7 +134,7 @@ TEST_P(BlockMember, CountsAroundEveryLimit) {
     std::size_t turn = 0;
     for (const std::size_t count : counts) {
       const std::size_t page = count > 65536 ? 0 : ++turn % 8 * 4096;
-      for (const std::size_t t : {0, 1, 8, 15, 16, 33, 63, 130})
+      for (const std::size_t t : {0u, 1u, 8u, 15u, 16u, 33u, 63u, 130u})
         for (std::size_t f = (count + t) % step; f < sources(count > 65536 ? 3 : 17); f += step)
           ASSERT_EXACT(to_->begin() + page + t + 64, from_->begin() + f * 37 % 256, count);
       for (unsigned char* const to : {to_->begin(), to_->end() - count})
@@ -146,13 +147,13 @@ TEST_P(BlockMember, CountsAroundEveryLimit) {
 // With caches of 1 MiB all is streamed; with larger ones the string instructions and the split
 // between cache and memory come in.
 TEST_P(BlockMember, TensOfMegabytes) {
-  constexpr int mebibyte = 1 << 20;
+  constexpr std::size_t mebibyte = 1 << 20;
   lay_out(33 * mebibyte);
   constexpr cache_values settings[] = {
-      ordinary, {32 * mebibyte, mebibyte}, {128 * mebibyte, 32 << 10}, {mebibyte, 64 * mebibyte}};
+      ordinary, {32 << 20, 1 << 20}, {128 << 20, 32 << 10}, {1 << 20, 64 << 20}};
   under_each(settings, [&](const cache_values&) {
     for (const std::size_t count : {mebibyte + 3, 32 * mebibyte + 77})
-      for (const std::size_t f : {0, 5, 129})
+      for (const std::size_t f : {0u, 5u, 129u})
         ASSERT_EXACT(to_->begin() + 67, from_->begin() + f, count);
   });
 }
@@ -199,7 +200,7 @@ TEST_P(MoveMember, EveryOverlap) {
     for (std::size_t count = 1; count <= 400; ++count)
       for (std::size_t distance = 0; distance <= count && !HasFatalFailure(); ++distance)
         for (int place = 0; place < 3; ++place) try_some(distance, count, 16);
-    for (const std::size_t count : {511, 768, 1025, 1800, 3333, 6000})
+    for (const std::size_t count : {511u, 768u, 1025u, 1800u, 3333u, 6000u})
       for (std::size_t distance = 1; distance < count && !HasFatalFailure(); ++distance)
         for (int place = 0; place < 2; ++place) try_some(distance, count, 37);
     for (const std::size_t count : counts_around_limits(caches))

@@ -4,8 +4,10 @@
 // values that lead it down each of its paths.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <ostream>
 #include <variant>
 #include <vector>

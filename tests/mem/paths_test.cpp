@@ -206,7 +206,7 @@ TEST_F(PathTest, MisalignedSourcesAreMergedFromAlignedBlocks) {
   const under_caches scope(ordinary);
   for (const auto& routines : {new_copies, ssse3_copies, rep_copies})
     for (const routine r : routines)
-      for (const std::size_t to : {16, 32})
+      for (const std::size_t to : {16u, 32u})
         for (std::size_t misalignment = 0; misalignment < 16 && runs_here(r); ++misalignment)
           for (const step& s : in_loops(run(r, to, 16 + misalignment, 1200)))
             ASSERT_TRUE(s.bytes < 16 || s.operand % 16 == 0) << to << ' ' << misalignment;
@@ -314,7 +314,7 @@ TEST_F(FaultTest, LowAddressBytesChooseTheDirection) {
   const under_caches scope(ordinary);
   for (const auto& routines : {ssse3_copies, rep_copies})
     for (const routine r : routines)
-      for (const std::size_t n : {routines == rep_copies ? 144 : 80, 400, 1500})
+      for (const std::size_t n : {routines == rep_copies ? 144u : 80u, 400u, 1500u})
         for (const auto& row : rows) {
           if (!runs_here(r)) continue;
           record([&] { call(r, row.to, row.from, n); });

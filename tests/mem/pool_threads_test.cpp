@@ -53,7 +53,7 @@ TEST(PoolThreads, OneOpensOrStartsAPoolForAll) {
   in_own_process([] {
     constexpr std::uint32_t waiting = threads - 1;
     register_sizes({8, 16, 24, 32, 56, 64, 72, 80}, 0);
-    for (const std::uint32_t size : {8, 16, 24, 32, 56, 64, 72, 80}) {
+    for (const std::uint32_t size : {8u, 16u, 24u, 32u, 56u, 64u, 72u, 80u}) {
       mem::pool& p = work_pool[last_pool_num];
       for (int turn = 0; turn < 3; ++turn) {
         std::array<void*, threads> blocks{};

@@ -18,8 +18,8 @@ TEST_P(RegistersOf, CalleeSavedAndControlRegistersSurvive) {
   fill_with_pattern(from.begin(), from.size());
   for (const cache_values& caches : cache_settings) {
     const under_caches scope(caches);
-    for (const std::size_t count : {0, 1, 5, 33, 100, 200, 600, 1100, 5300, 9400, 20000})
-      for (const std::size_t low : {0, 64}) {  // some members choose a direction by these bits
+    for (const std::size_t count : {0u, 1u, 5u, 33u, 100u, 200u, 600u, 1100u, 5300u, 9400u, 20000u})
+      for (const std::size_t low : {0u, 64u}) {  // some members choose a direction by these bits
         SCOPED_TRACE(testing::Message() << caches << ", count " << count);
         register_file in = filled_registers(static_cast<unsigned>(count));
         in.general[rdi] = reinterpret_cast<std::uintptr_t>(to.begin() + low + 1);
