@@ -2,47 +2,26 @@
 // predict, aligned and not. Rows are <operation>/<sizes>/<contender>; names of ours begin with
 // "zorvac". All calls go through a pointer, so each contender pays for the same indirect call.
 //
-// The peer of the SSE2 and SSSE3 members is the C library held to its own variants of that level,
-// in two more runs of the same program, whose rows name the peer "libc-ssse3" and "libc-sse2":
-//
-//   export GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2,-AVX512F,-AVX512VL,-AVX_Fast_Unaligned_Load
-//   GLIBC_TUNABLES=$GLIBC_TUNABLES,-ERMS,-FSRM,-SSE4_1,-SSE4_2,-MOVBE block_bench
-//   GLIBC_TUNABLES=$GLIBC_TUNABLES,-ERMS,-FSRM,-SSE4_1,-SSE4_2,-MOVBE,-SSSE3 block_bench
-//
-// The context of the results tells where in the C library its routines lie, so that a disassembler
-// can show that the restriction took effect.
+// The peer of the SSE2 and SSSE3 members is the C library held to its own variants of that level.
 #include <benchmark/benchmark.h>
-#include <dlfcn.h>
 #include <zorvac/cpu.h>
 #include <zorvac/mem.h>
 
-#include <cstdio>
-
 #include "mixes/blocks.h"
+#include "support/libc_peer.h"
 
 namespace zorvac::bench {
 namespace {
 
-enum class needs { baseline, ssse3, avx2, avx512f };
-
-bool host_has(needs level) {
-  switch (level) {
-    case needs::ssse3:
-      return __builtin_cpu_supports("ssse3");
-    case needs::avx2:
-      return __builtin_cpu_supports("avx2");
-    case needs::avx512f:
-      return __builtin_cpu_supports("avx512f");
-    default:
-      return true;
-  }
-}
+// What a contender needs of the processor.
+const bool ssse3 = __builtin_cpu_supports("ssse3") != 0, avx2 = __builtin_cpu_supports("avx2") != 0,
+           avx512f = __builtin_cpu_supports("avx512f") != 0;
 
 template <class Function>
 struct contender {
   std::string name;
   Function* call;
-  needs level = needs::baseline;
+  bool runs = true;  // on this processor
 };
 using copy_function = void*(void*, const void*, std::size_t);
 using fill_function = void*(void*, int, std::size_t);
@@ -65,7 +44,7 @@ void add_rows(const std::string& operation, const std::vector<block_mix>& mixes,
               const std::vector<contender<Function>>& contenders) {
   for (const block_mix& mix : mixes)
     for (const contender<Function>& c : contenders) {
-      if (!host_has(c.level)) continue;
+      if (!c.runs) continue;
       const auto run = [call = c.call, &mix](benchmark::State& state) {
         // Comparisons run over equal blocks, whatever was copied before.
         std::memset(ground.to, 1, std::min(block_ground::bytes, 4 * mix.bytes + 4 * page));
@@ -81,45 +60,28 @@ void add_rows(const std::string& operation, const std::vector<block_mix>& mixes,
     }
 }
 
-template <class Function>
-void tell_variant(const char* name, Function* function) {
-  Dl_info where{};
-  auto* const address = reinterpret_cast<void*>(function);
-  if (dladdr(address, &where) == 0) return;
-  char text[32];
-  std::snprintf(text, sizeof text, "+0x%tx",
-                static_cast<char*>(address) - static_cast<char*>(where.dli_fbase));
-  benchmark::AddCustomContext(name, text);
-}
-
-std::string peer_name() {
-  const char* const tunables = std::getenv("GLIBC_TUNABLES");
-  if (tunables == nullptr || std::strstr(tunables, "-AVX2") == nullptr) return "libc";
-  return std::strstr(tunables, "-SSSE3") == nullptr ? "libc-ssse3" : "libc-sse2";
-}
-
 void add_all() {
   static const std::vector<block_mix> mixes = block_mixes();
-  const std::string peer = peer_name();
+  const std::string peer = libc_name();
   add_rows<copy_function>("copy", mixes,
                           {{"zorvac_fast", _zorva_fast_memcpy},
-                           {"zorvac_avx_rep", __zorva_avx_rep_memcpy, needs::avx2},
-                           {"zorvac_avx512f", __zorva_vpx_avx512f_memcpy, needs::avx512f},
+                           {"zorvac_avx_rep", __zorva_avx_rep_memcpy, avx2},
+                           {"zorvac_avx512f", __zorva_vpx_avx512f_memcpy, avx512f},
                            {"zorvac_new", __zorva_new_memcpy},
-                           {"zorvac_ssse3", __zorva_ssse3_memcpy, needs::ssse3},
-                           {"zorvac_ssse3_rep", __zorva_ssse3_rep_memcpy, needs::ssse3},
+                           {"zorvac_ssse3", __zorva_ssse3_memcpy, ssse3},
+                           {"zorvac_ssse3_rep", __zorva_ssse3_rep_memcpy, ssse3},
                            {"zorvac_vec", _VEC_memcpy},
                            {peer, std::memcpy}});
   add_rows<copy_function>("move", mixes,
                           {{"zorvac_fast", _zorva_fast_memmove},
                            {"zorvac_new", __zorva_new_memmove},
-                           {"zorvac_ssse3", __zorva_ssse3_memmove, needs::ssse3},
-                           {"zorvac_ssse3_rep", __zorva_ssse3_rep_memmove, needs::ssse3},
+                           {"zorvac_ssse3", __zorva_ssse3_memmove, ssse3},
+                           {"zorvac_ssse3_rep", __zorva_ssse3_rep_memmove, ssse3},
                            {peer, std::memmove}});
   add_rows<fill_function>("fill", mixes,
                           {{"zorvac_fast", _zorva_fast_memset},
-                           {"zorvac_avx_rep", __zorva_avx_rep_memset, needs::avx2},
-                           {"zorvac_avx512f", __zorva_vpx_avx512f_memset, needs::avx512f},
+                           {"zorvac_avx_rep", __zorva_avx_rep_memset, avx2},
+                           {"zorvac_avx512f", __zorva_vpx_avx512f_memset, avx512f},
                            {"zorvac_new", __zorva_new_memset},
                            {"zorvac_vec", _VEC_memset},
                            {peer, std::memset}});

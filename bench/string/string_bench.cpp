@@ -2,25 +2,19 @@
 // <operation>/<lengths>/<contender>; names of ours begin with "zorvac". A scan of ours is what a
 // compiler emits: the first block inline, then the tail.
 //
-// The peer of the scans is the C library held to its SSE2 variants, in one more run of the program,
-// whose rows name the peer "libc-sse2":
-//
-//   export GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2,-AVX512F,-AVX512VL,-AVX_Fast_Unaligned_Load
-//   GLIBC_TUNABLES=$GLIBC_TUNABLES,-ERMS,-FSRM,-SSE4_1,-SSE4_2,-MOVBE,-SSSE3,-BMI2 string_bench
-//
-// The context of the results tells where in the C library its routines lie, so that a disassembler
-// can show that the restriction took effect.
+// The peer of the scans is the C library held to its SSE2 variants.
 #include <benchmark/benchmark.h>
-#include <dlfcn.h>
 #include <zorvac/string.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "support/libc_peer.h"
+
+namespace zorvac::bench {
 namespace {
 
 // Strings one behind the other, and where each begins.
@@ -77,17 +71,6 @@ void add_row(const std::string& operation, const texts& list, const std::string&
       ->MinTime(0.02);
 }
 
-template <class Function>
-void tell_variant(const char* name, Function* function) {
-  Dl_info where{};
-  auto* const address = reinterpret_cast<void*>(function);
-  if (dladdr(address, &where) == 0) return;
-  char text[32];
-  std::snprintf(text, sizeof text, "+0x%tx",
-                static_cast<char*>(address) - static_cast<char*>(where.dli_fbase));
-  benchmark::AddCustomContext(name, text);
-}
-
 void add_all() {
   static std::vector<texts> scans, numbers;
   for (const std::size_t length : {16u, 32u, 64u, 100u, 256u, 1024u, 4096u, 65536u})
@@ -98,9 +81,7 @@ void add_all() {
   numbers.push_back(numbers_of(4, 10));
   numbers.push_back(numbers_of(4, 16));
 
-  const char* const tunables = std::getenv("GLIBC_TUNABLES");
-  const std::string peer =
-      tunables != nullptr && std::strstr(tunables, "-SSSE3") != nullptr ? "libc-sse2" : "libc";
+  const std::string peer = libc_name();
   const bool has_sse4 = __builtin_cpu_supports("sse4.2") != 0;
   // The C library's through pointers, or the compiler would do some of the work.
   static std::size_t (*volatile const length)(const char*) = std::strlen;
@@ -129,9 +110,10 @@ void add_all() {
 }
 
 }  // namespace
+}  // namespace zorvac::bench
 
 int main(int argc, char** argv) {
-  add_all();
+  zorvac::bench::add_all();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

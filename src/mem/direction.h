@@ -24,6 +24,8 @@ inline way by_low_bytes(const char* to, const char* from) {
   return low(from) > low(to) ? way::forwards : way::backwards;
 }
 
+inline way of_copy(const char* to, const char* from, std::size_t) { return by_low_bytes(to, from); }
+
 // The same for blocks that may overlap.
 inline way of_move(const char* to, const char* from, std::size_t count) {
   if (begins_inside(to, from, count)) return way::backwards;

@@ -106,12 +106,15 @@ struct by_xmm {
 };
 
 #ifdef __AVX2__
-struct by_ymm {
-  static constexpr std::size_t middle = 64, wide = 256, widest = wide;
+struct by_quarters {
+  static constexpr std::size_t middle = 64, wide = 256;
   template <class Action>
   [[gnu::always_inline]] static void do_middle(const Action& act, std::size_t count) {
     quarters<xmm>(act, count, std::make_index_sequence<1>());
   }
+};
+struct by_ymm : by_quarters {
+  static constexpr std::size_t widest = wide;
   template <class Action>
   [[gnu::always_inline]] static void do_wide(const Action& act, std::size_t count) {
     quarters<ymm>(act, count, std::make_index_sequence<2>());
@@ -120,12 +123,8 @@ struct by_ymm {
 #endif
 
 #ifdef __AVX512F__
-struct by_zmm {
-  static constexpr std::size_t middle = 64, wide = 256, widest = 512;
-  template <class Action>
-  [[gnu::always_inline]] static void do_middle(const Action& act, std::size_t count) {
-    quarters<xmm>(act, count, std::make_index_sequence<1>());
-  }
+struct by_zmm : by_quarters {
+  static constexpr std::size_t widest = 512;
   template <class Action>
   [[gnu::always_inline]] static void do_wide(const Action& act, std::size_t count) {
     quarters<zmm>(act, count, std::make_index_sequence<1>());

@@ -4,17 +4,13 @@
 //
 //     forwards    |--------- streamed ---------|---- through the caches ----|
 //     backwards   |---- through the caches ----|--------- streamed ---------|
-#include "mem/direction.h"
-#include "mem/merge.h"
+#include "mem/ssse3_member.h"
 #include "zorvac/mem.h"
 
 using namespace zorvac::mem;
 
 namespace {
 
-constexpr std::size_t small = 143;
-constexpr std::size_t registers = 8;  // an iteration copies 128 bytes
-constexpr std::size_t iteration = registers * xmm::width;
 constexpr std::size_t least_streamed = 4096;  // not worth the fence up to here
 
 // Prefetches ahead of the source and of the destination.
@@ -55,61 +51,33 @@ std::size_t part_to_stream(std::size_t count) {
   return rest > 8 * cached ? count : rest;
 }
 
-// Whether a block is so large that the split is considered.
-template <class Rest>
-bool is_large(const Rest& rest, std::size_t aligned_count) {
-  if (Rest::direction == way::backwards)
-    return aligned_count > 2 * bytes_of(__libvrt_data_cache_size);
-  if (misalignment(rest.source_edge(), xmm::width) != 0)
-    return aligned_count >= bytes_of(__libvrt_data_cache_size);
-  return aligned_count + aligned_count / 256 >= bytes_of(__libvrt_data_cache_size_half);
-}
+struct member {
+  static constexpr std::size_t small = 143;
 
-template <way Way>
-[[gnu::noinline]] void* copy_large(char* to, const char* from, std::size_t count) {
-  remainder<Way> rest{to, from, count};
-  const std::size_t aligned_count = count - rest.to_boundary(xmm::width);
-  copy_past_boundary<xmm>(rest);
-  if (is_large(rest, aligned_count)) {
+  // Whether a block is so large that the split is considered.
+  template <class Rest>
+  static bool is_large(const Rest& rest, std::size_t aligned_count) {
+    if (Rest::direction == way::backwards)
+      return aligned_count > 2 * bytes_of(__libvrt_data_cache_size);
+    if (misalignment(rest.source_edge(), xmm::width) != 0)
+      return aligned_count >= bytes_of(__libvrt_data_cache_size);
+    return aligned_count + aligned_count / 256 >= bytes_of(__libvrt_data_cache_size_half);
+  }
+  template <class Rest>
+  static void copy_large_bulk(Rest& rest) {
     if (const std::size_t streamed = part_to_stream(rest.count)) stream(rest, streamed);
     copy_through_caches<registers, prefetch_both<hint::nta, 448, 640>>(rest);
-  } else if (aligned_count >= bytes_of(__libvrt_data_cache_size_half)) {
-    copy_through_caches<registers, prefetch_source<hint::t0, 448, 640>>(rest);
-  } else {
-    copy_through_caches<registers, no_prefetch>(rest);
   }
-  small_block<by_xmm, iteration - 1>(rest.action(), rest.count);
-  return to;
-}
-
-// One table serves both directions: its code addresses the block from both ends and has loaded all
-// of it before the first store, so a table that works backwards would have the same entries, and a
-// choice between the two by the addresses could only be mispredicted.
-[[gnu::always_inline]] inline void* copy_small(char* to, const char* from, std::size_t count) {
-  small_block<by_xmm, small>(copying{to, from}, count);
-  return to;
-}
-
-void* copy(way direction, char* to, const char* from, std::size_t count) {
-  return direction == way::forwards ? copy_large<way::forwards>(to, from, count)
-                                    : copy_large<way::backwards>(to, from, count);
-}
+};
 
 }  // namespace
 
 extern "C" {
 
 void* __zorva_ssse3_rep_memcpy(void* destination, const void* source, std::size_t count) {
-  auto* const to = static_cast<char*>(destination);
-  const auto* const from = static_cast<const char*>(source);
-  if (count <= small) return copy_small(to, from, count);
-  return copy(by_low_bytes(to, from), to, from, count);
+  return copy_block<member, of_copy>(destination, source, count);
 }
-
 void* __zorva_ssse3_rep_memmove(void* destination, const void* source, std::size_t count) {
-  auto* const to = static_cast<char*>(destination);
-  const auto* const from = static_cast<const char*>(source);
-  if (count <= small) return copy_small(to, from, count);
-  return copy(of_move(to, from, count), to, from, count);
+  return copy_block<member, of_move>(destination, source, count);
 }
 }

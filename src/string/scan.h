@@ -89,7 +89,8 @@ ZORVAC_INLINE const char* find_last(const char* string, char character) {
   for (block b = first_block(string);; b = load(at)) {
     const unsigned ends = zero_lanes(b);
     if (ends != 0) in_string &= ends ^ (ends - 1);  // up to the first end
-    if (const unsigned hits = wanted.in(b)&in_string) last = at + highest(hits);
+    const unsigned hits = in_string & wanted.in(b);
+    if (hits != 0) last = at + highest(hits);
     if (ends != 0) return last;
     at += block_bytes;
     in_string = 0xffff;

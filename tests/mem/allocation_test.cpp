@@ -9,11 +9,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 #include <vector>
 
 #include "mem/allocator.h"
-#include "mem/pools.h"
 #include "support/guard_pages.h"
 #include "support/name_of_row.h"
 #include "support/registers.h"
@@ -21,43 +19,37 @@
 namespace zorvac::test {
 namespace {
 
-using sizes = std::initializer_list<std::size_t>;
-
-TEST(AlignedBlock, IsAlignedHoldsItsSizeAndFreesWhatMallocGave) {
-  for (const std::size_t alignment : sizes{0, 1, 2, 4, 8, 16, 32, 64, 128, 4096, 65536})
-    for (const std::size_t size : sizes{0, 1, 7, 8, 24, 63, 64, 1000, 100'000}) {
-      auto* const block = static_cast<unsigned char*>(zorvac_mm_malloc(size, alignment));
-      ASSERT_NE(block, nullptr);
-      const std::size_t expected = std::max<std::size_t>(alignment, 8);
-      EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % expected, 0u) << size;
-      EXPECT_EQ(system_allocator.malloc.last, size + alignment + 8);
-      void* raw = nullptr;
-      std::memcpy(&raw, block - 8, 8);
-      EXPECT_LE(static_cast<unsigned char*>(raw), block - 8);
-      EXPECT_LE(block + size, static_cast<unsigned char*>(raw) + size + alignment + 8);
-      std::memset(block, 0x5a, size);  // the address sanitizer watches
-      const int frees = system_allocator.free.count;
-      zorvac_mm_free(block);
-      EXPECT_EQ(system_allocator.free.count, frees + 1);
-      EXPECT_EQ(system_allocator.free.last, reinterpret_cast<std::size_t>(raw));
-    }
-}
-
-// malloc may give any address that is a multiple of 16: the whole range that rounding has.
-TEST(AlignedBlock, LiesWithinTheMemoryWhereverThatIs) {
-  const guarded_block memory(8192);
-  for (const std::size_t alignment : sizes{8, 16, 24, 64, 100, 1024})
-    for (std::size_t at = 0; at < 2048; at += 16) {
-      unsigned char* const raw = memory.begin() + at;
-      system_allocator.next_malloc = raw;
-      auto* const block = static_cast<unsigned char*>(zorvac_mm_malloc(100, alignment));
-      ASSERT_GE(block, raw + 8);
-      ASSERT_LE(block + 100, raw + 100 + alignment + 8);
-      if ((alignment & (alignment - 1)) == 0) {
-        ASSERT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignment, 0u);
+// Wherever malloc's memory lies, at any multiple of 16. An alignment that is no power of two is not
+// rejected: its block lies within the memory all the same.
+TEST(AlignedBlock, IsAlignedWithinItsMemoryAndFreesThat) {
+  const guarded_block memory(1 << 18);
+  for (const std::size_t alignment :
+       {0u, 1u, 2u, 4u, 8u, 16u, 24u, 32u, 64u, 100u, 128u, 1024u, 4096u, 65536u})
+    for (const std::size_t size : {0u, 1u, 7u, 8u, 24u, 63u, 64u, 1000u, 100'000u})
+      for (std::size_t at = 0; at < 2048; at += 16 * (1 + size)) {
+        // One block is malloc's own, for free and the address sanitizer to see.
+        unsigned char* raw = at != 0 ? memory.begin() + at : nullptr;
+        system_allocator.next_malloc = raw;
+        auto* const block = static_cast<unsigned char*>(zorvac_mm_malloc(size, alignment));
+        ASSERT_EQ(system_allocator.malloc.last, size + alignment + 8);
+        std::memcpy(&raw, block - 8, 8);
+        ASSERT_TRUE(at == 0 || raw == memory.begin() + at);
+        ASSERT_GE(block, raw + 8);
+        ASSERT_LE(block + size, raw + size + alignment + 8);
+        if ((alignment & (alignment - 1)) == 0) {
+          ASSERT_EQ(reinterpret_cast<std::uintptr_t>(block) % std::max<std::size_t>(alignment, 8),
+                    0u);
+        }
+        if (at != 0) continue;
+        std::memset(block, 0x5a, size);
+        const int frees = system_allocator.free.count;
+        zorvac_mm_free(block);
+        EXPECT_EQ(system_allocator.free.count, frees + 1);
+        EXPECT_EQ(system_allocator.free.last, reinterpret_cast<std::size_t>(raw));
       }
-      ASSERT_EQ(std::memcmp(block - 8, &raw, 8), 0);
-    }
+  const int frees = system_allocator.free.count;
+  zorvac_mm_free(nullptr);
+  EXPECT_EQ(system_allocator.free.count, frees);
 }
 
 struct refusal {
@@ -85,38 +77,33 @@ TEST_P(Refused, GivesNull) {
   EXPECT_EQ(system_allocator.malloc.count - asked, GetParam().asks_malloc ? 1 : 0);
 }
 
-TEST(AlignedBlock, NullIsFreedWithoutACall) {
-  const int frees = system_allocator.free.count;
-  zorvac_mm_free(nullptr);
-  EXPECT_EQ(system_allocator.free.count, frees);
-}
-
-// Memory of the test's own, with the size word that the C library would put in front.
-TEST(FastCalloc, GoesByTheMappedMark) {
-  struct {
+// Memory of the test's own, with the size word that the C library would put in front, unless the
+// page before begins there. Only a block that was mapped for the purpose is not filled.
+TEST(ZeroedBlock, IsNotFilledWhereMallocHasJustMappedIt) {
+  constexpr std::size_t pool_bytes = 30'000 * 64;
+  constexpr struct {
+    std::size_t offset;
     std::uint64_t header;
     bool filled;
-  } const headers[] = {
-      {0x1000 | 2, false}, {0x71, true}, {0x75, true}, {0xffff'ffff'ffff'fffd, true}, {2, false}};
-  const guarded_block memory(4096);
-  for (const auto& h : headers) {
-    std::memset(memory.begin(), 0xcc, memory.size());
-    unsigned char* const given = memory.begin() + 16;
-    std::memcpy(given - 8, &h.header, 8);
-    system_allocator.next_malloc = given;
-    ASSERT_EQ(_zorva_fast_calloc(3, 33), given);
-    EXPECT_EQ(system_allocator.malloc.last, 99u);
-    EXPECT_EQ(std::count(given, given + 99, h.filled ? 0 : 0xcc), 99) << h.header;
-    EXPECT_EQ(std::count(given + 99, memory.end(), 0xcc), memory.end() - given - 99);
-  }
-}
-
-TEST(FastCalloc, DoesNotLookAtThePageBefore) {
-  const guarded_block memory(4096);
-  std::memset(memory.begin(), 0xcc, memory.size());
-  system_allocator.next_malloc = memory.begin();
-  ASSERT_EQ(_zorva_fast_calloc(1, 4096), memory.begin());
-  EXPECT_EQ(std::count(memory.begin(), memory.end(), 0), 4096);
+  } memories[] = {
+      {16, 0x1000 | 2, false},           {16, 2, false}, {16, 0x71, true}, {16, 0x75, true},
+      {16, 0xffff'ffff'ffff'fffd, true}, {0, 0, true}};
+  for (const auto& m : memories)
+    for (const bool pool : {false, true})
+      in_own_process([&] {
+        const guarded_block memory(pool_bytes + 16);
+        std::memset(memory.begin(), 0xcc, memory.size());
+        unsigned char* const given = memory.begin() + m.offset;
+        if (m.offset != 0) std::memcpy(given - 8, &m.header, 8);
+        register_sizes({64}, 1);
+        system_allocator.next_malloc = given;
+        EXPECT_EQ(pool ? __i_pool_calloc(4, 16) : _zorva_fast_calloc(3, 33), given);
+        const std::size_t bytes = pool ? pool_bytes : 99;
+        EXPECT_EQ(system_allocator.malloc.last, bytes);
+        EXPECT_EQ(system_allocator.fill.count, m.filled);
+        EXPECT_EQ(std::count(given, given + bytes, m.filled ? 0 : 0xcc), bytes) << m.header;
+        EXPECT_EQ(std::count(given + bytes, memory.end(), 0xcc), memory.end() - (given + bytes));
+      });
 }
 
 TEST(FastCalloc, ProductWraps) {
@@ -137,8 +124,8 @@ TEST(FastCalloc, GivesNullWhenMallocDoes) {
 
 // The C library's own blocks: used before, and mapped.
 TEST(FastCalloc, ClearsUsedMemoryAndLeavesMappedMemoryUntouched) {
-  if (!malloc_is_the_c_librarys) GTEST_SKIP() << "a sanitizer's allocator keeps other headers";
-  for (const std::size_t bytes : sizes{1, 24, 100, 1000, 5000, 60'000}) {
+  if (sanitized) GTEST_SKIP() << "a sanitizer's allocator keeps other headers";
+  for (const std::size_t bytes : {1u, 24u, 100u, 1000u, 5000u, 60'000u}) {
     void* const used = malloc(bytes);
     std::memset(used, 0xff, bytes);
     free(used);
@@ -160,22 +147,17 @@ TEST(FastCalloc, ClearsUsedMemoryAndLeavesMappedMemoryUntouched) {
   free(block);
 }
 
-TEST(Cookie, IsNotZeroAndHasNoUpperHalf) {
-  EXPECT_NE(__zorva_security_cookie, 0u);
-  EXPECT_EQ(__zorva_security_cookie >> 32, 0u);
-  const std::uint64_t before = __zorva_security_cookie;
+TEST(Cookie, HasNoUpperHalfAndItsCheckChangesNoRegister) {
+  const std::uint64_t cookie = __zorva_security_cookie;
+  EXPECT_NE(cookie, 0u);
+  EXPECT_EQ(cookie >> 32, 0u);
   __zorva_security_init_cookie();
-  EXPECT_EQ(__zorva_security_cookie, before);
-}
-
-TEST(Cookie, CheckChangesNoRegister) {
-  for (unsigned seed = 1; seed <= 4; ++seed) {
-    register_file before = filled_registers(seed);
-    before.general[rdi] = __zorva_security_cookie;
-    const register_file after =
-        call_with_registers(reinterpret_cast<void (*)()>(&__zorva_security_check_cookie), before);
-    EXPECT_EQ(changed_registers(before, after), std::vector<std::string>{});
-  }
+  EXPECT_EQ(__zorva_security_cookie, cookie);
+  register_file before = filled_registers(1);
+  before.general[rdi] = __zorva_security_cookie;
+  const register_file after =
+      call_with_registers(reinterpret_cast<void (*)()>(&__zorva_security_check_cookie), before);
+  EXPECT_EQ(changed_registers(before, after), std::vector<std::string>{});
 }
 
 TEST(Cookie, AnyOtherValueEndsTheProcess) {

@@ -1,8 +1,14 @@
 // Which way a block goes: size classes, streaming and its fence, string instructions, prefetches,
-// directions. The bytes come out the same on every path, so the routines are single-stepped.
+// directions, the probe of the caches. The bytes come out the same on every path, so the routines
+// are single-stepped, or run into pages that nobody may touch.
+#include <ucontext.h>
+
 #include <algorithm>
-#include <set>
-#include <variant>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <map>
+#include <thread>
 
 #include "mem/members.h"
 #include "mem/trace.h"
@@ -11,500 +17,292 @@
 namespace zorvac::test {
 namespace {
 
-#ifdef __OPTIMIZE__
-constexpr bool optimized = true;
-#else
-constexpr bool optimized = false;
-#endif
-
-using routine = std::variant<copy_function*, fill_function*, compare_function*>;
-const void* entry_of(routine r) {
-  return std::visit([](auto* f) { return reinterpret_cast<const void*>(f); }, r);
-}
-
-// Blocks within two areas that begin at a multiple of a page.
+// Two areas that begin at a multiple of a page.
 class PathTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (sanitized || !optimized) GTEST_SKIP() << "not the code that is shipped";
+#ifndef __OPTIMIZE__
+    GTEST_SKIP() << "not the code that is shipped";
+#endif
+    if (sanitized) GTEST_SKIP() << "not the code that is shipped";
     fill_with_pattern(from_.begin(), from_.size());
   }
 
-  // Runs the routine on `count` bytes at these offsets, watching two bytes of the destination.
+  void call(routine r, std::size_t to, std::size_t from, std::size_t count) {
+    unsigned char *const d = to_.begin() + to, *const s = from_.begin() + from;
+    if (const auto* copy = std::get_if<copy_function*>(&r)) (*copy)(d, s, count);
+    if (const auto* fill = std::get_if<fill_function*>(&r)) (*fill)(d, 0x5a, count);
+    if (const auto* compare = std::get_if<compare_function*>(&r)) (*compare)(s, s, count);
+  }
+  // The steps of a call on these offsets.
   trace run(routine r, std::size_t to, std::size_t from, std::size_t count) {
-    unsigned char* const d = to_.begin() + to;
-    const unsigned char* const s = from_.begin() + from;
-    const trace t = trace_of(
-        entry_of(r),
-        [&] {
-          if (const auto* copy = std::get_if<copy_function*>(&r)) (*copy)(d, s, count);
-          if (const auto* fill = std::get_if<fill_function*>(&r)) (*fill)(d, 0x5a, count);
-          if (const auto* compare = std::get_if<compare_function*>(&r)) (*compare)(s, s, count);
-        },
-        d + count / 4, d + count / 4 * 3);
-    EXPECT_GT(t.steps.size(), 0u);
-    std::memset(d, 0, count);
+    trace t = trace_of(entry_of(r), [&] { call(r, to, from, count); });
+    EXPECT_GT(t.size(), 0u);
     return t;
   }
-  [[nodiscard]] const unsigned char* source(std::size_t at) const { return from_.begin() + at; }
-
- private:
   guarded_block from_{65536}, to_{65536};
 };
 
-// What these tests tell apart; every other instruction is left out of the comparison.
-std::set<kind> notable(const trace& t, const std::set<kind>& ignored) {
-  std::set<kind> kinds;
-  for (const instruction& step : t.steps)
-    if (step.what != kind::other && step.what < kind::indirect_jump && !ignored.contains(step.what))
-      kinds.insert(step.what);
-  if (t.has(kind::time_stamp)) kinds.insert(kind::time_stamp);
-  return kinds;
+unsigned kinds_in(const trace& t) {
+  unsigned all = 0;
+  for (const step& s : t) all |= s.what;
+  return all;
+}
+std::ptrdiff_t count(const trace& t, unsigned what) {
+  return std::count_if(t.begin(), t.end(), [=](const step& s) { return (s.what & what) != 0; });
+}
+// The steps whose instructions ran more than once, and so stand in a loop.
+trace in_loops(const trace& t) {
+  std::map<std::uintptr_t, int> times;
+  for (const step& s : t) ++times[s.address];
+  trace loops;
+  std::copy_if(t.begin(), t.end(), std::back_inserter(loops),
+               [&](const step& s) { return times[s.address] > 1; });
+  return loops;
+}
+bool runs_here(routine r) {
+  return std::find_if(std::begin(members), std::end(members),
+                      [r](const member& m) { return m.call == r; })
+      ->runs;
 }
 
-struct path {
-  const char* name;
-  routine call;
-  needs level;
+// Where a way ends and the next one begins: with one byte less than `count` the routine executes
+// the instructions of `below`, with as many those of `above`, and no others that the tests know.
+// Thresholds compare with what is left after alignment, which takes 16 bytes off a copy to offset
+// 16 of an SSSE3 member and 31 off one to offset 1 of an AVX2 member.
+struct edge {
+  std::vector<routine> routines;
   cache_values caches;
   std::size_t to, from, count;
-  std::set<kind> expected;
-  std::set<kind> ignored = {};
+  unsigned below, above;
+};
+const std::vector<routine> new_copies{__zorva_new_memcpy, __zorva_new_memmove},
+    ssse3_copies{__zorva_ssse3_memcpy, __zorva_ssse3_memmove},
+    rep_copies{__zorva_ssse3_rep_memcpy, __zorva_ssse3_rep_memmove},
+    avx_copy{__zorva_avx_rep_memcpy}, avx512_copy{__zorva_vpx_avx512f_memcpy},
+    new_fill{__zorva_new_memset}, avx_fill{__zorva_avx_rep_memset},
+    avx512_fill{__zorva_vpx_avx512f_memset}, vec_copies{_VEC_memcpy, __zorva_VEC_memcpy},
+    vec_fills{_VEC_memset, __zorva_VEC_memset, _VEC_memzero, __zorva_VEC_memzero};
+
+constexpr unsigned streams = streaming_store | store_fence,
+                   stream_words = streaming_word | store_fence, nta = prefetch_nta,
+                   t0 = prefetch_t0, t1 = prefetch_t1, split = streams | load_fence | t0,
+                   moves = rep_move_words | rep_move_bytes, fills = rep_fill_words | rep_fill_bytes;
+
+const edge edges[] = {
+    // Above half the largest cache it streams, after alignment. Method 2 alone has vectors.
+    {new_copies, {2048, 512}, 0, 0, 1025, 0, streams | nta},
+    {new_copies, {2048, 512}, 0, 3, 1025, 0, streams | nta},
+    {new_copies, {2048, 512}, 8, 0, 1033, 0, streams | nta},
+    {new_copies, {0, 0}, 0, 0, 177, 0, streams | nta},
+    {new_copies, {2048, 0, 1}, 0, 0, 1025, 0, stream_words | nta},
+    {new_copies, {2048, 0, 3}, 0, 0, 1025, 0, stream_words | nta},
+    {new_copies, {0, 0, 0}, 0, 0, 177, 0, stream_words | nta},
+    {new_copies, {-2, 512}, 0, 0, 4000, 0, 0},  // cache values have no sign
+
+    // From half the first level on it prefetches, above half the largest it streams; the first
+    // three forwards, from sources that are misaligned and not, then backwards.
+    {ssse3_copies, {65536, 4096}, 16, 35, 2064, 0, t0},
+    {ssse3_copies, {65536, 4096}, 16, 32, 2064, 0, t0},
+    {ssse3_copies, {4096, 1024}, 16, 35, 2065, t0, streams},
+    {ssse3_copies, {65536, 4096}, 35, 16, 2062, 0, t0},
+
+    // Large from the first level on, or when aligned from about half of it; backwards above twice.
+    // Then the part beyond half the largest cache is streamed, unless it is small or nearly all.
+    {rep_copies, {2048, 1024}, 16, 35, 528, 0, t0},
+    {rep_copies, {2048, 1024}, 16, 35, 1040, t0, nta},
+    {rep_copies, {2048, 1024}, 16, 32, 527, 0, nta},
+    {rep_copies, {2048, 2048}, 35, 16, 4110, t0, nta},
+    {rep_copies, {2048, 512}, 16, 35, 5153, nta, split | nta},
+    {rep_copies, {2048, 512}, 35, 16, 5150, nta, split | nta},
+    {rep_copies, {2048, 512}, 16, 35, 9249, split | nta, split},
+
+    // Three quarters of half the first level: the string instruction; half the largest: streaming,
+    // while an iteration leaves 768 bytes. An aligned destination moves on by 32 bytes too.
+    {avx_copy, {8192, 2048}, 1, 2, 799, 0, rep_move_bytes},
+    {avx_copy, {8192, 2048}, 0, 2, 800, 0, rep_move_bytes},
+    {avx_copy, {8192, 2048}, 1, 2, 4127, rep_move_bytes, streams | t0},
+    {avx_copy, {1024, 8192}, 1, 2, 3103, 0, streams | t0},
+    {avx_copy, {0, 0}, 1, 2, 257, 0, store_fence},
+    {avx_copy, {0, 0}, 1, 2, 1055, store_fence, streams | t0},
+
+    // Every bulk is streamed, whatever the caches.
+    {avx512_copy, {0, 0}, 1, 2, 575, 0, streams | t1},
+    {avx512_copy, {1 << 30, 1 << 30}, 1, 2, 575, 0, streams | t1},
+    {avx512_fill, {0, 0}, 1, 0, 575, 0, streams},
+    {avx512_fill, {1 << 30, 1 << 30}, 1, 0, 575, 0, streams},
+
+    // Fills compare with the whole largest cache; an unknown one stops streaming on the word path
+    // alone, which methods below 2 take.
+    {new_fill, {2048, 512}, 0, 0, 2049, 0, streams},
+    {new_fill, {2048, 512, 3}, 0, 0, 2049, 0, streams},
+    {new_fill, {0, 0}, 0, 0, 65, 0, store_fence},
+    {new_fill, {2048, 0, 1}, 0, 0, 2049, 0, stream_words},
+    {new_fill, {0, 0, 0}, 0, 0, 3000, 0, 0},
+    {new_fill, {-2, 512}, 0, 0, 4000, 0, 0},
+
+    // Fifteen sixteenths of the first level: the string instruction. Never streams.
+    {avx_fill, {1024, 2048}, 1, 0, 1951, 0, rep_fill_bytes},
+    {avx_fill, {0, 0}, 1, 0, 129, 0, rep_fill_bytes},
+    {avx_fill, {1024, 1 << 20}, 1, 0, 5000, 0, 0},
+
+    // String instructions alone up to 16384 bytes, then a probe: of what the 13 bytes before the
+    // boundary leave, where the destination is misaligned.
+    {vec_copies, ordinary, 0, 0, 16385, moves, time_stamp},
+    {vec_copies, ordinary, 3, 3, 16398, moves, time_stamp},
+    {vec_copies, ordinary, 3, 9, 16398, moves, time_stamp},
+    {vec_fills, ordinary, 0, 0, 16385, fills, time_stamp},
+    {vec_fills, ordinary, 3, 0, 16398, fills, time_stamp},
 };
 
-using enum kind;
-const std::set<kind> streamed{streaming_store, store_fence, prefetch_nta};
-const std::set<kind> streamed_words{streaming_word, store_fence, prefetch_nta};
-const std::set<kind> split{streaming_store, store_fence, load_fence, prefetch_t0, prefetch_nta};
-const std::set<kind> all_streamed{streaming_store, store_fence, load_fence, prefetch_t0};
+TEST_F(PathTest, BeginsAtItsEdge) {
+  for (const edge& e : edges)
+    for (const routine r : e.routines) {
+      if (!runs_here(r)) continue;
+      const under_caches scope(e.caches);
+      for (const std::size_t n : {e.count - 1, e.count}) {
+        SCOPED_TRACE(testing::Message()
+                     << "row " << &e - edges << ", " << e.caches << ", " << n << " bytes");
+        const trace t = run(r, e.to, e.from, n);
+        unsigned taken = kinds_in(t) & ~static_cast<unsigned>(indirect_jump);
+        if ((taken & time_stamp) != 0) {  // what the probe finds is another test's
+          EXPECT_EQ((taken & streaming_store) != 0, (taken & store_fence) != 0);
+          taken &= ~streams;
+        }
+        EXPECT_EQ(names_of(taken), names_of(n < e.count ? e.below : e.above));
 
-// Largest cache and first-level cache in bytes, and the method.
-constexpr cache_values caches(std::int32_t largest, std::int32_t data, std::int32_t method = 2) {
-  return {"", largest, data, method};
+        // What was streamed is fenced before the return, and the stores of loops are aligned.
+        const auto last = [&t](unsigned what) {
+          return std::find_if(t.rbegin(), t.rend(), [=](auto& s) { return (s.what & what) != 0; });
+        };
+        EXPECT_LE(last(store_fence), last(streaming_store | streaming_word));
+        for (const step& s : in_loops(t)) {
+          const bool in_destination =
+              s.operand - reinterpret_cast<std::uintptr_t>(to_.begin()) < 65536;
+          EXPECT_TRUE(!in_destination || s.bytes < 16 || s.operand % s.bytes == 0);
+        }
+      }
+    }
 }
-
-const path paths[] = {
-    // Above half the largest cache it streams. Alignment comes first, the comparison after.
-    {"NewCopyAtHalf", __zorva_new_memcpy, needs::baseline, caches(2048, 512), 0, 0, 1024, {}},
-    {"NewCopyAboveHalf", __zorva_new_memcpy, needs::baseline, caches(2048, 512), 0, 0, 1025,
-     streamed},
-    {"NewCopyAlignsFirst", __zorva_new_memcpy, needs::baseline, caches(2048, 512), 8, 0, 1032, {}},
-    {"NewCopyMisaligned", __zorva_new_memcpy, needs::baseline, caches(2048, 512), 0, 3, 1024, {}},
-    {"NewCopyUnknownCaches", __zorva_new_memcpy, needs::baseline, caches(0, 0), 0, 0, 300,
-     streamed},
-    {"NewCopyTable", __zorva_new_memcpy, needs::baseline, caches(0, 0), 0, 0, 176, {}},
-    {"NewCopyWordsAtHalf", __zorva_new_memcpy, needs::baseline, caches(2048, 0, 1), 0, 0, 1024, {}},
-    {"NewCopyWordsAboveHalf", __zorva_new_memcpy, needs::baseline, caches(2048, 0, 1), 0, 0, 1025,
-     streamed_words},
-    {"NewCopyWordsUnknown", __zorva_new_memcpy, needs::baseline, caches(0, 0, 0), 0, 0, 300,
-     streamed_words},
-    {"NewMoveAtHalf", __zorva_new_memmove, needs::baseline, caches(2048, 512), 0, 0, 1024, {}},
-    {"NewMoveAboveHalf", __zorva_new_memmove, needs::baseline, caches(2048, 512), 0, 0, 1025,
-     streamed},
-    {"NewMoveWords", __zorva_new_memmove, needs::baseline, caches(2048, 0, 0), 0, 0, 1025,
-     streamed_words},
-
-    // Above half the largest cache it streams; from half the first level on it prefetches.
-    {"Ssse3Below", __zorva_ssse3_memcpy, needs::ssse3, caches(65536, 4096), 16, 35, 1800, {}},
-    {"Ssse3Prefetches",
-     __zorva_ssse3_memcpy,
-     needs::ssse3,
-     caches(65536, 4096),
-     16,
-     35,
-     2300,
-     {prefetch_t0}},
-    {"Ssse3PrefetchesAligned",
-     __zorva_ssse3_memcpy,
-     needs::ssse3,
-     caches(65536, 4096),
-     16,
-     32,
-     2300,
-     {prefetch_t0}},
-    {"Ssse3PrefetchesBackwards",
-     __zorva_ssse3_memcpy,
-     needs::ssse3,
-     caches(65536, 4096),
-     35,
-     16,
-     2300,
-     {prefetch_t0}},
-    {"Ssse3AtHalf", __zorva_ssse3_memcpy, needs::ssse3, caches(4096, 8192), 16, 35, 2048, {}},
-    {"Ssse3AboveHalf",
-     __zorva_ssse3_memcpy,
-     needs::ssse3,
-     caches(4096, 8192),
-     16,
-     35,
-     2090,
-     {streaming_store, store_fence}},
-    {"Ssse3MoveAboveHalf",
-     __zorva_ssse3_memmove,
-     needs::ssse3,
-     caches(4096, 8192),
-     35,
-     16,
-     2090,
-     {streaming_store, store_fence}},
-
-    // The part beyond half the largest cache is streamed, unless it is small or nearly all.
-    {"RepBelow",
-     __zorva_ssse3_rep_memcpy,
-     needs::ssse3,
-     caches(2048, 512),
-     16,
-     35,
-     480,
-     {},
-     {prefetch_t0}},
-    {"RepAlignedBelow",
-     __zorva_ssse3_rep_memcpy,
-     needs::ssse3,
-     caches(2048, 1024),
-     16,
-     32,
-     480,
-     {},
-     {prefetch_t0}},
-    {"RepAlignedCached",
-     __zorva_ssse3_rep_memcpy,
-     needs::ssse3,
-     caches(2048, 1024),
-     16,
-     32,
-     560,
-     {prefetch_nta}},
-    {"RepCached",
-     __zorva_ssse3_rep_memcpy,
-     needs::ssse3,
-     caches(2048, 512),
-     16,
-     35,
-     600,
-     {prefetch_nta}},
-    {"RepSmallRest",
-     __zorva_ssse3_rep_memcpy,
-     needs::ssse3,
-     caches(2048, 512),
-     16,
-     35,
-     5000,
-     {prefetch_nta}},
-    {"RepSplit", __zorva_ssse3_rep_memcpy, needs::ssse3, caches(2048, 512), 16, 35, 5300, split},
-    {"RepAllStreamed", __zorva_ssse3_rep_memcpy, needs::ssse3, caches(2048, 512), 16, 35, 9400,
-     all_streamed},
-    {"RepMoveSplit", __zorva_ssse3_rep_memmove, needs::ssse3, caches(2048, 512), 16, 35, 5300,
-     split},
-    {"RepForwardsFromOnce", __zorva_ssse3_rep_memcpy, needs::ssse3, caches(2048, 4096), 16, 35,
-     6000, split},
-    {"RepBackwardsFromTwice",
-     __zorva_ssse3_rep_memcpy,
-     needs::ssse3,
-     caches(2048, 4096),
-     35,
-     16,
-     6000,
-     {},
-     {prefetch_t0, prefetch_nta}},
-    {"RepBackwardsSplit", __zorva_ssse3_rep_memcpy, needs::ssse3, caches(2048, 2048), 35, 16, 6000,
-     split},
-
-    // Three quarters of half the first level: the string instruction; half the largest: streaming.
-    {"AvxLoop", __zorva_avx_rep_memcpy, needs::avx2, caches(8192, 2048), 1, 2, 760, {}},
-    {"AvxString",
-     __zorva_avx_rep_memcpy,
-     needs::avx2,
-     caches(8192, 2048),
-     1,
-     2,
-     830,
-     {rep_move_bytes}},
-    {"AvxStringAtMost",
-     __zorva_avx_rep_memcpy,
-     needs::avx2,
-     caches(8192, 2048),
-     1,
-     2,
-     4095,
-     {rep_move_bytes}},
-    {"AvxStreams",
-     __zorva_avx_rep_memcpy,
-     needs::avx2,
-     caches(8192, 2048),
-     1,
-     2,
-     4160,
-     {streaming_store, store_fence, prefetch_t0}},
-    {"AvxLoopComesFirst", __zorva_avx_rep_memcpy, needs::avx2, caches(1024, 8192), 1, 2, 2000, {}},
-    {"AvxUnknownCaches",
-     __zorva_avx_rep_memcpy,
-     needs::avx2,
-     caches(0, 0),
-     1,
-     2,
-     2000,
-     {streaming_store, store_fence, prefetch_t0}},
-    {"AvxTable", __zorva_avx_rep_memcpy, needs::avx2, caches(0, 0), 1, 2, 256, {}},
-
-    // Streams every bulk, whatever the caches.
-    {"Avx512Below", __zorva_vpx_avx512f_memcpy, needs::avx512f, ordinary, 1, 2, 511, {}},
-    {"Avx512Streams",
-     __zorva_vpx_avx512f_memcpy,
-     needs::avx512f,
-     ordinary,
-     1,
-     2,
-     600,
-     {streaming_store, store_fence, prefetch_t1}},
-    {"Avx512FillBelow", __zorva_vpx_avx512f_memset, needs::avx512f, ordinary, 1, 0, 511, {}},
-    {"Avx512FillStreams",
-     __zorva_vpx_avx512f_memset,
-     needs::avx512f,
-     ordinary,
-     1,
-     0,
-     600,
-     {streaming_store, store_fence}},
-
-    // Fills compare with the whole size; an unknown size stops streaming on the word path alone.
-    {"NewFillAtSize", __zorva_new_memset, needs::baseline, caches(2048, 512), 0, 0, 2048, {}},
-    {"NewFillAboveSize",
-     __zorva_new_memset,
-     needs::baseline,
-     caches(2048, 512),
-     0,
-     0,
-     2049,
-     {streaming_store, store_fence}},
-    {"NewFillUnknown",
-     __zorva_new_memset,
-     needs::baseline,
-     caches(0, 0),
-     0,
-     0,
-     300,
-     {streaming_store, store_fence}},
-    {"NewFillWordsAtSize", __zorva_new_memset, needs::baseline, caches(2048, 0, 1), 0, 0, 2048, {}},
-    {"NewFillWordsAboveSize",
-     __zorva_new_memset,
-     needs::baseline,
-     caches(2048, 0, 1),
-     0,
-     0,
-     2049,
-     {streaming_word, store_fence}},
-    {"NewFillWordsUnknown", __zorva_new_memset, needs::baseline, caches(0, 0, 0), 0, 0, 3000, {}},
-
-    // Never streams.
-    {"AvxFillLoop", __zorva_avx_rep_memset, needs::avx2, caches(1024, 2048), 1, 0, 1919, {}},
-    {"AvxFillString",
-     __zorva_avx_rep_memset,
-     needs::avx2,
-     caches(1024, 2048),
-     1,
-     0,
-     1960,
-     {rep_fill_bytes}},
-    {"AvxFillUnknown",
-     __zorva_avx_rep_memset,
-     needs::avx2,
-     caches(0, 0),
-     1,
-     0,
-     200,
-     {rep_fill_bytes}},
-    {"AvxFillTable", __zorva_avx_rep_memset, needs::avx2, caches(0, 0), 1, 0, 128, {}},
-
-    // String instructions alone up to 16384 bytes, a probe of the cache beyond.
-    {"VecString",
-     _VEC_memcpy,
-     needs::baseline,
-     ordinary,
-     3,
-     9,
-     16383,
-     {rep_move_words, rep_move_bytes}},
-    {"VecStringAtMost",
-     _VEC_memcpy,
-     needs::baseline,
-     ordinary,
-     3,
-     9,
-     16384,
-     {rep_move_words},
-     {rep_move_bytes}},
-    {"VecProbes",
-     __zorva_VEC_memcpy,
-     needs::baseline,
-     ordinary,
-     0,
-     0,
-     16385,
-     {time_stamp},
-     {streaming_store, store_fence}},
-    {"VecFillString",
-     _VEC_memset,
-     needs::baseline,
-     ordinary,
-     3,
-     0,
-     16383,
-     {rep_fill_words, rep_fill_bytes}},
-    {"VecFillProbes",
-     _VEC_memset,
-     needs::baseline,
-     ordinary,
-     0,
-     0,
-     16385,
-     {time_stamp},
-     {streaming_store, store_fence}},
-    {"VecZeroString",
-     _VEC_memzero,
-     needs::baseline,
-     ordinary,
-     3,
-     0,
-     16383,
-     {rep_fill_words, rep_fill_bytes}},
-};
-std::ostream& operator<<(std::ostream& out, const path& p) { return out << p.name; }
-
-class Path : public PathTest, public testing::WithParamInterface<path> {};
-
-TEST_P(Path, IsTaken) {
-  const path& p = GetParam();
-  if (!host_has(p.level)) GTEST_SKIP() << "this processor cannot run it";
-  const under_caches scope(p.caches);
-  const trace t = run(p.call, p.to, p.from, p.count);
-  EXPECT_EQ(notable(t, p.ignored), p.expected);
-
-  // What was streamed is fenced before the return.
-  int last_store = -1, last_fence = -1;
-  for (int i = 0; i < static_cast<int>(t.steps.size()); ++i) {
-    const kind what = t.steps[static_cast<std::size_t>(i)].what;
-    if (what == streaming_store || what == streaming_word) last_store = i;
-    if (what == store_fence) last_fence = i;
-  }
-  EXPECT_GE(last_fence, last_store);
-  EXPECT_FALSE(t.loops_over(unaligned_store)) << "bulk stores are aligned";
-}
-INSTANTIATE_TEST_SUITE_P(Block, Path, testing::ValuesIn(paths), name_of_row);
 
 // Up to its limit a member takes one indirect jump to code that never comes back.
 TEST_F(PathTest, SmallCountsDoNotLoop) {
-  const struct {
-    routine call;
-    needs level;
-    std::size_t limit;
-  } members[] = {
-      {__zorva_new_memcpy, needs::baseline, 176},
-      {__zorva_new_memmove, needs::baseline, 176},
-      {__zorva_ssse3_memcpy, needs::ssse3, 79},
-      {__zorva_ssse3_memmove, needs::ssse3, 79},
-      {__zorva_ssse3_rep_memcpy, needs::ssse3, 143},
-      {__zorva_ssse3_rep_memmove, needs::ssse3, 143},
-      {__zorva_avx_rep_memcpy, needs::avx2, 256},
-      {__zorva_vpx_avx512f_memcpy, needs::avx512f, 127},
-      {__zorva_new_memset, needs::baseline, 64},
-      {__zorva_avx_rep_memset, needs::avx2, 128},
-      {__zorva_vpx_avx512f_memset, needs::avx512f, 127},
-      {__zorva_new_memcmp, needs::baseline, 64},
-  };
   const under_caches scope(ordinary);
-  for (std::size_t i = 0; i < std::size(members); ++i) {
-    const auto& m = members[i];
-    if (!host_has(m.level)) continue;
-    for (std::size_t count = 0; count <= m.limit; ++count) {
-      const trace t = run(m.call, 64, 64 + count % 64, count);
-      ASSERT_FALSE(t.loops()) << "member " << i << ", count " << count;
-      if (count > 1) {
-        ASSERT_EQ(t.count(indirect_jump), 1) << "member " << i << ", count " << count;
-      }
+  for (const member& m : members) {
+    if (!m.runs || m.small == 0) continue;
+    for (std::size_t n = 0; n <= m.small; ++n) {
+      const trace t = run(m.call, 64, 64 + n % 64, n);
+      ASSERT_TRUE(in_loops(t).empty()) << m << ", count " << n;
+      ASSERT_TRUE(n <= 1 || count(t, indirect_jump) == 1) << m << ", count " << n;
     }
     // Beyond the limit there is a loop, so that the check above is known to see one.
-    EXPECT_TRUE(run(m.call, 64, 64, 4000).loops()) << "member " << i;
+    EXPECT_FALSE(in_loops(run(m.call, 64, 64, 4000)).empty()) << m;
   }
 }
 
 // The SSE2 and SSSE3 members read a source that is not aligned like the destination in aligned
-// blocks, and merge.
+// blocks, and merge; in both directions, where there are two.
 TEST_F(PathTest, MisalignedSourcesAreMergedFromAlignedBlocks) {
   const under_caches scope(ordinary);
-  for (copy_function* const copy :
-       {__zorva_new_memcpy, __zorva_new_memmove, __zorva_ssse3_memcpy, __zorva_ssse3_memmove,
-        __zorva_ssse3_rep_memcpy, __zorva_ssse3_rep_memmove})
-    for (std::size_t to = 0; to < 17; to += 16)  // both directions of the members that have two
-      for (std::size_t misalignment = 0; misalignment < 16; ++misalignment) {
-        const trace t = run(copy, 16 + to, 16 + misalignment, 1200);
-        EXPECT_FALSE(t.loops_over(unaligned_load)) << to << ' ' << misalignment;
-        EXPECT_FALSE(t.loops_over(unaligned_store)) << to << ' ' << misalignment;
-      }
+  for (const auto& routines : {new_copies, ssse3_copies, rep_copies})
+    for (const routine r : routines)
+      for (const std::size_t to : {16u, 32u})
+        for (std::size_t misalignment = 0; misalignment < 16 && runs_here(r); ++misalignment)
+          for (const step& s : in_loops(run(r, to, 16 + misalignment, 1200)))
+            ASSERT_TRUE(s.bytes < 16 || s.operand % 16 == 0) << to << ' ' << misalignment;
 }
 
 // Distances of the first prefetches from the place in the source that is read next, which
-// alignment has moved on by less than a line.
+// alignment has moved on by less than a line, and how many there are in all: so many in each
+// iteration, and 24 in front of the AVX-512 loop.
 TEST_F(PathTest, PrefetchDistances) {
+  std::vector<std::uintptr_t> lines;
+  for (std::uintptr_t at = 0; at < 24; ++at) lines.push_back(at * 64);
   const struct {
-    const char* name;
-    copy_function* copy;
-    needs level;
-    cache_values values;
+    routine copy;
+    cache_values caches;
     std::size_t count;
-    kind what;
-    std::vector<std::uintptr_t> distances;
+    unsigned what;
+    std::vector<std::uintptr_t> source, destination;
+    std::ptrdiff_t all;
   } rows[] = {
-      {"new", __zorva_new_memcpy, needs::baseline, caches(2048, 512), 4000, prefetch_nta, {384}},
-      {"ssse3",
-       __zorva_ssse3_memcpy,
-       needs::ssse3,
-       caches(65536, 512),
-       4000,
-       prefetch_t0,
-       {448, 640}},
-      {"rep",
-       __zorva_ssse3_rep_memcpy,
-       needs::ssse3,
-       caches(2048, 512),
-       9400,
-       prefetch_t0,
-       {512, 768}},
-      {"avx",
-       __zorva_avx_rep_memcpy,
-       needs::avx2,
-       caches(2048, 512),
-       4000,
-       prefetch_t0,
-       {512, 576, 640, 704}},
-      {"avx512",
-       __zorva_vpx_avx512f_memcpy,
-       needs::avx512f,
-       ordinary,
-       4000,
-       prefetch_t1,
-       {0,   64,  128, 192,  256,  320,  384,  448,  512,  576,  640,  704,  768,
-        832, 896, 960, 1024, 1088, 1152, 1216, 1280, 1344, 1408, 1472, 1536, 1600}},
+      {__zorva_new_memcpy, {2048, 512}, 4000, nta, {384}, {}, 62},
+      {__zorva_new_memcpy, {2048, 0, 1}, 4000, nta, {384}, {}, 62},
+      {__zorva_ssse3_memcpy, {65536, 512}, 4000, t0, {448, 640}, {}, 31 * 2},
+      {__zorva_ssse3_rep_memcpy, {65536, 2048}, 1100, t0, {448, 640}, {}, 8 * 2},
+      {__zorva_ssse3_rep_memcpy, {2048, 512}, 9400, t0, {512, 768}, {}, 73 * 2},
+      {__zorva_ssse3_rep_memcpy, {65536, 512}, 4000, nta, {448, 640}, {448, 640}, 31 * 4},
+      {__zorva_avx_rep_memcpy, {2048, 512}, 4000, t0, {512, 576, 640, 704}, {}, 12 * 4},
+      {__zorva_vpx_avx512f_memcpy, ordinary, 4000, t1, lines, {}, 24 + 7 * 8},
   };
   for (const auto& row : rows) {
-    if (!host_has(row.level)) continue;
-    const under_caches scope(row.values);
+    if (!runs_here(row.copy)) continue;
+    SCOPED_TRACE(testing::Message() << "row " << &row - rows);
+    const under_caches scope(row.caches);
     const trace t = run(row.copy, 16, 35, row.count);
-    std::vector<std::uintptr_t> first;
-    for (const instruction& step : t.steps)
-      if (step.what == row.what && first.size() < row.distances.size())
-        first.push_back(step.operand - reinterpret_cast<std::uintptr_t>(source(35)));
-    ASSERT_EQ(first.size(), row.distances.size()) << row.name;
-    std::sort(first.begin(), first.end());
-    const std::uintptr_t moved = first[0] - row.distances[0];
-    EXPECT_LE(moved, 64u) << row.name;
-    for (std::uintptr_t& distance : first) distance -= moved;
-    EXPECT_EQ(first, row.distances) << row.name;
+    const auto expect_first = [&](const std::vector<std::uintptr_t>& distances,
+                                  const unsigned char* from) {
+      std::vector<std::uintptr_t> found;
+      for (const step& s : t) {
+        const std::uintptr_t distance = s.operand - reinterpret_cast<std::uintptr_t>(from);
+        if ((s.what & row.what) != 0 && distance < 65536 && found.size() < distances.size())
+          found.push_back(distance);
+      }
+      ASSERT_EQ(found.size(), distances.size());
+      std::sort(found.begin(), found.end());
+      for (std::size_t i = 0; i < found.size(); ++i) {
+        EXPECT_LT(found[i] - distances[i], 64u);
+        EXPECT_EQ(found[i] - found[0], distances[i] - distances[0]);
+      }
+    };
+    expect_first(row.source, from_.begin() + 35);
+    expect_first(row.destination, to_.begin() + 16);
+    EXPECT_EQ(count(t, row.what), row.all);
   }
 }
 
-// The SSSE3 members, copies included, compare the low bytes of the two addresses as signed numbers.
-TEST_F(PathTest, LowAddressBytesChooseTheDirection) {
+// Accesses to pages that nobody may touch: where, and by which instruction. Each page opens at its
+// first access, which takes long.
+struct {
+  guarded_block* area;
+  std::size_t count;
+  struct {
+    std::size_t offset;
+    unsigned what;
+  } first[4];
+} faults;
+void on_fault(int, siginfo_t* info, void* context) {
+  const greg_t* const registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
+  auto* const at = static_cast<unsigned char*>(info->si_addr);
+  const auto offset = static_cast<std::size_t>(at - faults.area->begin());
+  if (faults.count < 4)
+    faults.first[faults.count++] = {
+        offset, decode(static_cast<std::uintptr_t>(registers[REG_RIP]), registers).what};
+  if (mprotect(faults.area->begin() + offset / 4096 * 4096, 4096, PROT_READ | PROT_WRITE) != 0)
+    std::abort();
+  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+class FaultTest : public PathTest {
+ protected:
+  // Runs a body with all pages of the destination closed but one.
+  void record(const std::function<void()>& body, std::size_t open_page = SIZE_MAX) {
+    faults.area = &to_, faults.count = 0;
+    for (std::size_t page = 0; page < to_.size() / 4096; ++page)
+      if (page != open_page) mprotect(to_.begin() + page * 4096, 4096, PROT_NONE);
+    struct sigaction action {
+    }, old{};
+    action.sa_sigaction = on_fault;
+    action.sa_flags = SA_SIGINFO;
+    sigaction(SIGSEGV, &action, &old);
+    body();
+    sigaction(SIGSEGV, &old, nullptr);
+  }
+};
+
+// The SSSE3 members, copies included, compare the low bytes of the two addresses as signed numbers,
+// from the first count on that their table does not serve.
+TEST_F(FaultTest, LowAddressBytesChooseTheDirection) {
   constexpr struct {
     std::size_t to, from;
     bool forwards;
@@ -514,17 +312,48 @@ TEST_F(PathTest, LowAddressBytesChooseTheDirection) {
       {0x100, 0x70, true}, {0x70, 0x100, false},  // only the low bytes count
   };
   const under_caches scope(ordinary);
-  for (copy_function* const copy : {__zorva_ssse3_memcpy, __zorva_ssse3_memmove,
-                                    __zorva_ssse3_rep_memcpy, __zorva_ssse3_rep_memmove})
-    for (const std::size_t count : {400u, 1500u})
-      for (const auto& row : rows) {
-        const trace t = run(copy, row.to, row.from, count);
-        ASSERT_GE(t.first_written, 0);
-        ASSERT_GE(t.second_written, 0);
-        EXPECT_EQ(t.first_written < t.second_written, row.forwards)
-            << "count " << count << ", low bytes of destination and source " << std::hex << row.to
-            << ' ' << row.from;
-      }
+  for (const auto& routines : {ssse3_copies, rep_copies})
+    for (const routine r : routines)
+      for (const std::size_t n : {routines == rep_copies ? 144u : 80u, 400u, 1500u})
+        for (const auto& row : rows) {
+          if (!runs_here(r)) continue;
+          record([&] { call(r, row.to, row.from, n); });
+          ASSERT_GT(faults.count, 0u);
+          EXPECT_EQ(faults.first[0].offset < row.to + n / 2, row.forwards)
+              << n << " bytes, low bytes of destination and source " << std::hex << row.to << ' '
+              << row.from;
+        }
+}
+
+// A byte at one quarter of the bulk is read, and if that takes long one at three quarters; if both
+// do, the block is streamed, from its first 128 bytes on. What does not fault may take long too,
+// when somebody else runs.
+TEST_F(FaultTest, ProbesTellWhetherTheDestinationIsCached) {
+  constexpr std::size_t quarter = 12 * 1024;
+  const auto stores_first = [](std::size_t fault, unsigned what) {
+    return faults.count > fault && faults.first[fault].offset < 128 &&
+           faults.first[fault].what == what;
+  };
+  const auto probes_first = [](std::size_t fault, std::size_t offset) {
+    return faults.count > fault && faults.first[fault].offset == offset;
+  };
+  for (const auto& routines : {vec_copies, vec_fills})
+    for (const routine r : routines) {
+      const auto run_once = [&] { call(r, 0, 0, 4 * quarter + 100); };
+      record(run_once);
+      EXPECT_TRUE(probes_first(0, quarter) && probes_first(1, 3 * quarter) &&
+                  stores_first(2, streaming_store));
+      const auto is_seen = [&](std::size_t open_page, auto check) {
+        for (int attempt = 0; attempt < 50; ++attempt) {
+          record(run_once, open_page);
+          if (check()) return true;
+        }
+        return false;
+      };
+      EXPECT_TRUE(is_seen(quarter / 4096, [&] { return stores_first(0, 0); }));
+      EXPECT_TRUE(is_seen(3 * quarter / 4096,
+                          [&] { return probes_first(0, quarter) && stores_first(1, 0); }));
+    }
 }
 
 }  // namespace

@@ -9,8 +9,6 @@
 
 #include "mem/allocator.h"
 #include "mem/imalloc.h"
-#include "mem/pools.h"
-#include "support/guard_pages.h"
 #include "support/name_of_row.h"
 
 namespace zorvac::test {
@@ -34,129 +32,64 @@ constexpr kind kinds[] = {
 class Pool : public testing::TestWithParam<kind> {};
 INSTANTIATE_TEST_SUITE_P(Kinds, Pool, testing::ValuesIn(kinds), name_of_row);
 
-TEST_P(Pool, GivesBlocksInOrderThenOpensTheNext) {
+// Two pools of one kind through all states. Blocks come in order and are not reused one by one; a
+// pool starts over, from its first block and all zero where it is to be, once every block is free.
+TEST_P(Pool, LivesThroughItsStates) {
   in_own_process([] {
     const kind& k = GetParam();
     register_sizes({k.size}, k.for_calloc);
-    for (int pool = 1; pool <= 2; ++pool) {
-      char* const first = k.allocate();
-      EXPECT_EQ(system_allocator.malloc.count, pool);
-      EXPECT_EQ(system_allocator.malloc.last, std::size_t{k.size} * k.blocks);
-      for (std::size_t i = 1; i < k.blocks; ++i) ASSERT_EQ(k.allocate(), first + i * k.size) << i;
-    }
-    EXPECT_EQ(system_allocator.malloc.count, 2);
-    EXPECT_EQ(system_allocator.calloc.count, 0);
-  });
-}
-
-TEST_P(Pool, StartsOverWhenEveryBlockWasFreed) {
-  in_own_process([] {
-    const kind& k = GetParam();
-    register_sizes({k.size}, k.for_calloc);
-    std::vector<char*> blocks(k.blocks);
-    std::mt19937 random(1);
-    for (int turn = 0; turn < 3; ++turn) {
-      for (char*& block : blocks) block = k.allocate();
+    const std::size_t bytes = std::size_t{k.size} * k.blocks;
+    const auto fill_up = [&k](std::vector<char*>& blocks) {  // but for those taken already
+      while (blocks.size() < k.blocks) blocks.push_back(k.allocate());
       for (std::size_t i = 0; i < blocks.size(); ++i) {
         ASSERT_EQ(blocks[i], blocks[0] + i * k.size);
-        if (k.for_calloc != 0) {
-          ASSERT_EQ(std::count(blocks[i], blocks[i] + k.size, 0), k.size) << turn << ' ' << i;
+        if (k.for_calloc != 0 && i != 0) {
+          ASSERT_EQ(std::count(blocks[i], blocks[i] + k.size, 0), k.size) << i;
         }
         std::memset(blocks[i], 0xff, k.size);
       }
-      std::shuffle(blocks.begin(), blocks.end(), random);
-      for (char* block : blocks) __i_pool_free(block);
-      std::sort(blocks.begin(), blocks.end());
-    }
-    EXPECT_EQ(k.allocate(), blocks[0]);
-    EXPECT_EQ(system_allocator.malloc.count, 1);
-    EXPECT_EQ(system_allocator.free.count, 0);
-  });
-}
-
-TEST_P(Pool, DoesNotReuseABlockWhileAnotherOneIsInUse) {
-  in_own_process([] {
-    const kind& k = GetParam();
-    register_sizes({k.size}, k.for_calloc);
-    std::vector<char*> blocks(k.blocks);
-    for (char*& block : blocks) block = k.allocate();
-    for (std::size_t i = 0; i < blocks.size(); ++i)
-      if (i != 5) __i_pool_free(blocks[i]);
-    char* const other = k.allocate();
-    EXPECT_EQ(system_allocator.malloc.count, 2);  // a second pool, though one block is in use
-    __i_pool_free(blocks[5]);                     // drains the first
-    EXPECT_EQ(k.allocate(), other + k.size);      // the younger pool comes first
-    for (std::size_t i = 2; i < k.blocks; ++i) (void)k.allocate();
-    EXPECT_EQ(k.allocate(), blocks[0]);
-    EXPECT_EQ(system_allocator.malloc.count, 2);
-  });
-}
-
-TEST(PoolStates, AreFillingFullAndDrained) {
-  in_own_process([] {
-    register_sizes({64}, 0);
-    std::vector<void*> blocks(30'000);
-    const auto expect = [](const void* base, const void* saved, unsigned out, unsigned freed) {
-      const mem::pool& p = work_pool[0];
+    };
+    const auto expect_state = [&k](const mem::pool& p, const void* base, const void* saved,
+                                   unsigned out, unsigned freed) {
       EXPECT_EQ(p.base.load_acquire(), base);
       EXPECT_EQ(p.saved_base, saved);
       EXPECT_EQ(p.handed_out.load_acquire(), out);
       EXPECT_EQ(p.freed.load_acquire(), freed);
-      EXPECT_EQ(headerP.load_acquire(), &p);
-      EXPECT_EQ(last_pool_num, 1u);
+      EXPECT_EQ(p.zeroed, static_cast<unsigned>(k.for_calloc));
       EXPECT_EQ(_i_pool_cr_sec, 0u);
     };
-    for (void*& block : blocks) block = __i_pool_malloc(64);
-    expect(blocks[0], nullptr, 30'000, 0);
+    std::vector<char*> blocks, others{nullptr};
+    fill_up(blocks);
+    EXPECT_EQ(system_allocator.malloc.count, 1);
+    EXPECT_EQ(system_allocator.malloc.last, bytes);
     EXPECT_EQ(work_pool[0].last, blocks.back());
-    EXPECT_EQ(work_pool[0].zeroed, 0u);
-    for (std::size_t i = 1; i < blocks.size(); ++i) __i_pool_free(blocks[i]);
-    expect(blocks[0], nullptr, 30'000, 29'999);
-    __i_pool_free(blocks[0]);
-    expect(nullptr, blocks[0], 30'000, 30'000);
-    EXPECT_EQ(__i_pool_malloc(64), blocks[0]);
-    expect(blocks[0], blocks[0], 1, 0);
-  });
-}
+    expect_state(work_pool[0], blocks[0], nullptr, k.blocks, 0);
+    char* const first = blocks[0];
+    char* const kept = blocks[5];
+    std::shuffle(blocks.begin(), blocks.end(), std::mt19937(1));
+    for (char* block : blocks)
+      if (block != kept) __i_pool_free(block);
+    expect_state(work_pool[0], first, nullptr, k.blocks, k.blocks - 1);
 
-// Zero blocks from memory of every kind that malloc may give: a block mapped for the purpose,
-// marked so in the word in front of it and not to be touched; memory used before; and memory at the
-// start of a page, with nothing in front.
-TEST(CallocPool, FillsNewMemoryUnlessItWasJustMapped) {
-  constexpr std::size_t pool_bytes = 30'000 * 64;
-  struct {
-    std::size_t offset;
-    std::uint64_t header;
-    int fills;
-  } const memories[] = {{16, (pool_bytes + 4096) | 2, 0}, {16, pool_bytes | 1, 1}, {0, 0, 1}};
-  for (const auto& memory : memories)
-    in_own_process([&memory] {
-      const guarded_block block(pool_bytes + 16);
-      std::memset(block.begin(), memory.fills != 0 ? 0xff : 0, block.size());
-      unsigned char* const given = block.begin() + memory.offset;
-      if (memory.offset >= 8) std::memcpy(given - 8, &memory.header, 8);
-      register_sizes({64}, 1);
-      system_allocator.next_malloc = given;
-      EXPECT_EQ(__i_pool_calloc(4, 16), given);
-      EXPECT_EQ(system_allocator.fill.count, memory.fills);
-      EXPECT_EQ(std::count(given, given + pool_bytes, 0), static_cast<int>(pool_bytes));
-      if (given + pool_bytes < block.end() && memory.fills != 0) {
-        EXPECT_EQ(given[pool_bytes], 0xff);
-      }
-    });
-}
-
-TEST(CallocPool, FillsTheWholePoolOnceWhenItStartsOver) {
-  in_own_process([] {
-    register_sizes({24}, 1);
-    std::vector<void*> blocks(30'000);
-    for (void*& block : blocks) block = __i_pool_calloc(2, 12);
+    others[0] = k.allocate();  // a second pool, though but one block is in use
+    EXPECT_EQ(system_allocator.malloc.count, 2);
+    EXPECT_EQ(headerP.load_acquire(), &work_pool[1]);
+    __i_pool_free(kept);
+    expect_state(work_pool[0], nullptr, first, k.blocks, k.blocks);
+    fill_up(others);  // the younger pool comes first
     const int fills = system_allocator.fill.count;
-    for (void* block : blocks) __i_pool_free(block);
-    EXPECT_EQ(system_allocator.fill.count, fills);
-    for (void*& block : blocks) block = __i_pool_calloc(3, 8);
-    EXPECT_EQ(system_allocator.fill.count, fills + 1);
-    EXPECT_EQ(system_allocator.fill.last, 30'000u * 24);
+    blocks.assign(1, k.allocate());
+    EXPECT_EQ(blocks[0], first);
+    expect_state(work_pool[0], first, first, 1, 0);
+    EXPECT_EQ(system_allocator.fill.count, fills + k.for_calloc);
+    if (k.for_calloc != 0) {
+      EXPECT_EQ(system_allocator.fill.last, bytes);
+      EXPECT_EQ(std::count(first, first + bytes, 0), static_cast<std::ptrdiff_t>(bytes));
+    }
+    fill_up(blocks);
+    EXPECT_EQ(system_allocator.malloc.count, 2);
+    EXPECT_EQ(system_allocator.calloc.count + system_allocator.free.count, 0);
+    EXPECT_EQ(last_pool_num, 2u);
   });
 }
 
@@ -241,49 +174,46 @@ TEST(Registration, ReplacesTheListAndLeavesPoolsAlone) {
   });
 }
 
-TEST(PoolRealloc, MovesTheSmallerSizeBetweenPoolsAndTheSystem) {
+// The smaller size moves: between pools, to the system, and from a zeroed pool to one that is not.
+TEST(PoolRealloc, MovesTheSmallerSize) {
   in_own_process([] {
     register_sizes({64, 128}, 0);
     register_sizes({64}, 1);
-    const auto filled = [](void* block, std::size_t from, std::size_t to, int value) {
-      const auto* bytes = static_cast<unsigned char*>(block);
-      return std::all_of(bytes + from, bytes + to, [value](int byte) { return byte == value; });
+    const auto starts_with = [](const void* block, std::size_t count, int value) {
+      const auto* bytes = static_cast<const unsigned char*>(block);
+      return std::count(bytes, bytes + count, value) == static_cast<std::ptrdiff_t>(count);
     };
+    const auto freed = [](int pool) { return work_pool[pool].freed.load_acquire(); };
     std::vector<unsigned char> memory(30'000 * 128, 0xee);
     system_allocator.next_malloc = memory.data();
-    void* const larger = __i_pool_malloc(128);
-    EXPECT_EQ(larger, memory.data());
+    EXPECT_EQ(__i_pool_malloc(128), memory.data());
 
-    void* block = __i_pool_malloc(64);
-    std::memset(block, 7, 64);
+    void* block = std::memset(__i_pool_malloc(64), 7, 64);
     std::memset(__i_pool_malloc(64), 9, 64);  // its neighbour
     block = __i_pool_realloc(block, 128);
     EXPECT_EQ(block, memory.data() + 128);
-    EXPECT_TRUE(filled(block, 0, 64, 7));
-    EXPECT_TRUE(filled(block, 64, 128, 0xee));  // not the neighbour
-    EXPECT_EQ(work_pool[1].freed.load_acquire(), 1u);
+    EXPECT_TRUE(starts_with(block, 64, 7));
+    EXPECT_TRUE(starts_with(memory.data() + 192, 64, 0xee));  // not the neighbour
+    EXPECT_EQ(freed(1), 1u);
 
     std::memset(block, 8, 128);
-    std::memset(larger, 6, 128);
-    block = __i_pool_realloc(block, 10);  // to the system
+    block = __i_pool_realloc(block, 10);
     EXPECT_EQ(system_allocator.malloc.last, 10u);
-    EXPECT_TRUE(filled(block, 0, 10, 8));
-    block = __i_pool_realloc(block, 64);  // stays there
+    EXPECT_TRUE(starts_with(block, 10, 8));
+    block = __i_pool_realloc(block, 64);  // stays with the system
     EXPECT_EQ(system_allocator.realloc.last, 64u);
     EXPECT_EQ(system_allocator.realloc.count, 1);
     __i_pool_free(block);
 
-    block = __i_pool_calloc(1, 64);
     const std::uint32_t handed_out = work_pool[1].handed_out.load_acquire();
-    block = __i_pool_realloc(block, 64);  // from a zeroed pool to one that is not
-    EXPECT_TRUE(filled(block, 0, 64, 0));
+    block = __i_pool_realloc(__i_pool_calloc(1, 64), 64);
+    EXPECT_TRUE(starts_with(block, 64, 0));
     EXPECT_EQ(work_pool[1].handed_out.load_acquire(), handed_out + 1);
-    EXPECT_EQ(work_pool[2].freed.load_acquire(), 1u);
+    EXPECT_EQ(freed(2), 1u);
 
     system_allocator.malloc_fails = true;  // the old block stays the caller's
-    const std::uint32_t freed = work_pool[1].freed.load_acquire();
     EXPECT_EQ(__i_pool_realloc(block, 1000), nullptr);
-    EXPECT_EQ(work_pool[1].freed.load_acquire(), freed);
+    EXPECT_EQ(freed(1), 1u);
   });
 }
 

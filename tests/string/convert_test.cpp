@@ -1,5 +1,5 @@
-// Decimal conversions against strtoll where that can hold the value, and against long division by
-// hand everywhere: modulo 2^32 and 2^64.
+// Decimal conversions against strtoll where that can hold the value, and everywhere against
+// arithmetic modulo 2^64, digit by digit.
 #include <cstdint>
 #include <cstdlib>
 
@@ -10,10 +10,9 @@ namespace {
 
 // The number's digits modulo 2^64, with its sign.
 std::uint64_t modulo(const std::string& digits, bool negative) {
-  unsigned __int128 value = 0;
-  for (const char c : digits)
-    value = (value * 10 + static_cast<unsigned>(c - '0')) & ~std::uint64_t{0};
-  return static_cast<std::uint64_t>(negative ? -value : value);
+  std::uint64_t value = 0;
+  for (const char c : digits) value = value * 10 + static_cast<unsigned>(c - '0');
+  return negative ? 0 - value : value;
 }
 
 class Convert : public testing::Test {
@@ -94,14 +93,6 @@ TEST_F(Convert, LimitsAndBeyond) {
         "340282366920938463463374607431768211457"})
     for (const char* const sign : signs)
       for (std::size_t gap = 0; gap < 16; ++gap) check("", sign, digits, "", gap);
-}
-
-TEST_F(Convert, RandomNumbers) {
-  for (int turn = 0; turn < 100000; ++turn) {
-    check(std::string(random_() % 3, ' '), signs[random_() % 3], random_digits(random_() % 24),
-          random_() % 2 != 0 ? "," : "", random_() % 64);
-    if (HasFatalFailure()) return;
-  }
 }
 
 }  // namespace

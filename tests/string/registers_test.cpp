@@ -11,24 +11,12 @@ int canary_deaths = 0;
 [[gnu::naked]] void call_above_canary() {
   __asm__(
       "sub $40, %rsp\n\t"
-      "movq $0x5ca1ab1e, (%rsp)\n\t"
-      "movq $0x5ca1ab1e, 8(%rsp)\n\t"
-      "movq $0x5ca1ab1e, 16(%rsp)\n\t"
-      "movq $0x5ca1ab1e, 24(%rsp)\n\t"
+      ".irp at, 0, 8, 16, 24\n\t movq $0x5ca1ab1e, \\at(%rsp)\n\t .endr\n\t"
       "call *routine_under_test(%rip)\n\t"
-      "cmpq $0x5ca1ab1e, (%rsp)\n\t"
-      "jne 1f\n\t"
-      "cmpq $0x5ca1ab1e, 8(%rsp)\n\t"
-      "jne 1f\n\t"
-      "cmpq $0x5ca1ab1e, 16(%rsp)\n\t"
-      "jne 1f\n\t"
-      "cmpq $0x5ca1ab1e, 24(%rsp)\n\t"
-      "je 2f\n"
-      "1:\n\t"
-      "incl canary_deaths(%rip)\n"
-      "2:\n\t"
-      "add $40, %rsp\n\t"
-      "ret");
+      ".irp at, 0, 8, 16, 24\n\t cmpq $0x5ca1ab1e, \\at(%rsp)\n\t jne 1f\n\t .endr\n\t"
+      "jmp 2f\n"
+      "1:\n\t incl canary_deaths(%rip)\n"
+      "2:\n\t add $40, %rsp\n\t ret");
 }
 }
 
@@ -113,7 +101,7 @@ TEST(StringRegisters, ThoseToBePreservedAre) {
 // One string in which each stated interface has something to find:
 //
 //   block    0                16               32
-//            |................|...x...y\0.x....|
+//            |x\0.............|...x...y\0.x....|    what block 0 has has been looked at
 struct stated {
   const char* name;
   level instructions;
@@ -123,7 +111,7 @@ struct stated {
   std::uint64_t result;   // tails: offset from the string, or 0
 };
 #define AT(l, op) "__zorva_" #l "_" #op, level::l, reinterpret_cast<void*>(&__zorva_##l##_##op)
-constexpr char scene[] = "--------------------x---y\0-x---z";
+constexpr char scene[] = "x\0------------------x---y\0-x---z";
 constexpr std::size_t begin_of_scene = 5;  // in its first block
 const stated stated_entries[] = {
     {AT(sse2, strlen), 0, nullptr, nullptr, 25 - begin_of_scene},

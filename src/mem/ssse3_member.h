@@ -1,0 +1,60 @@
+#ifndef ZORVAC_MEM_SSSE3_MEMBER_H
+#define ZORVAC_MEM_SSSE3_MEMBER_H
+// What the SSSE3 members share, copies and moves: all but the limit of their table and what they do
+// with blocks that the caches cannot hold. Those are a type, here called Member:
+//
+//   small               the largest count that its table serves
+//   is_large            whether a block, whose aligned part has so many bytes, is to be
+//   copy_large_bulk     copied by this
+#include "mem/direction.h"
+#include "mem/merge.h"
+
+namespace zorvac::mem {
+namespace {
+
+constexpr std::size_t registers = 8;  // an iteration copies 128 bytes
+constexpr std::size_t iteration = registers * xmm::width;
+
+template <class Member, way Way>
+[[gnu::noinline]] void* copy_large(char* to, const char* from, std::size_t count) {
+  remainder<Way> rest{to, from, count};
+  const std::size_t aligned_count = count - rest.to_boundary(xmm::width);
+  copy_past_boundary<xmm>(rest);
+  if (Member::is_large(rest, aligned_count))
+    Member::copy_large_bulk(rest);
+  else if (aligned_count >= bytes_of(__libvrt_data_cache_size_half))
+    copy_through_caches<registers, prefetch_source<hint::t0, 448, 640>>(rest);
+  else
+    copy_through_caches<registers, no_prefetch>(rest);
+  small_block<by_xmm, iteration - 1>(rest.action(), rest.count);
+  return to;
+}
+
+// One table serves both directions: its code addresses the block from both ends and has loaded all
+// of it before the first store, so a table that works backwards would have the same entries, and a
+// choice between the two by the addresses could only be mispredicted.
+template <class Member>
+[[gnu::always_inline]] inline void* copy_small(char* to, const char* from, std::size_t count) {
+  small_block<by_xmm, Member::small>(copying{to, from}, count);
+  return to;
+}
+
+template <class Member>
+void* copy_in(way direction, char* to, const char* from, std::size_t count) {
+  return direction == way::forwards ? copy_large<Member, way::forwards>(to, from, count)
+                                    : copy_large<Member, way::backwards>(to, from, count);
+}
+
+// `Direction` is of_copy or of_move.
+template <class Member, auto Direction>
+[[gnu::always_inline]] inline void* copy_block(void* destination, const void* source,
+                                               std::size_t count) {
+  auto* const to = static_cast<char*>(destination);
+  const auto* const from = static_cast<const char*>(source);
+  if (count <= Member::small) return copy_small<Member>(to, from, count);
+  return copy_in<Member>(Direction(to, from, count), to, from, count);
+}
+
+}  // namespace
+}  // namespace zorvac::mem
+#endif
