@@ -144,25 +144,6 @@ answer chosen_nan(bits a, bits b, const unpacked& x, const unpacked& y) {
   return {word_of(nan), x.is_signalling() || y.is_signalling() ? invalid : 0};
 }
 
-// The integer nearest to a finite value, in a direction.
-struct whole {
-  bool negative, fits;  // the magnitude, in 128 bits
-  uint128 magnitude;
-  unsigned flags;
-};
-whole to_whole(const unpacked& x, mpfr_rnd_t direction) {
-  real r(128);
-  mpfr_clear_flags();
-  mpfr_rint(r.get(), x.value.get(), direction);
-  const unsigned flags = mpfr_cmp(r.get(), x.value.get()) != 0 ? inexact : 0;
-  if (mpfr_zero_p(r.get())) return {x.negative, true, 0, flags};
-  const auto length = mpfr_get_exp(r.get());
-  if (length > 128) return {x.negative, false, 0, 0};
-  return {x.negative, true, r.significand() >> (128 - length), flags};
-}
-
-constexpr answer unrepresentable(int width) { return {uint128{1} << (width - 1), invalid}; }
-
 }  // namespace
 
 answer arithmetic(operation o, bits a, bits b, rounding mode) {
@@ -229,34 +210,25 @@ answer narrow(format to, bits value, rounding mode) {
   return expected;
 }
 
-answer to_signed(bits value, int width, int mode) {
-  const unpacked x(binary128, word_of(value));
-  if (!x.is_finite()) return unrepresentable(width);
-  static constexpr mpfr_rnd_t directions[] = {MPFR_RNDZ, MPFR_RNDN, MPFR_RNDD, MPFR_RNDU};
-  const mpfr_rnd_t otherwise = width == 32 ? MPFR_RNDA : MPFR_RNDZ;
-  const whole w = to_whole(x, mode >= 0 && mode <= 3 ? directions[mode] : otherwise);
-  const uint128 limit = (uint128{1} << (width - 1)) - !w.negative;
-  if (!w.fits || w.magnitude > limit) return unrepresentable(width);
-  return {(w.negative ? -w.magnitude : w.magnitude) & low_bits(width), w.flags};
-}
-
-answer to_unsigned(bits value, int width) {
-  const unpacked x(binary128, word_of(value));
-  if (!x.is_finite()) return unrepresentable(width);
-  const whole w = to_whole(x, MPFR_RNDZ);
-  const int accepted_bits = width == 32 ? 33 : width;  // one binade too many, which wraps
-  if (!w.fits || w.magnitude > low_bits(accepted_bits)) return unrepresentable(width);
-  if (w.negative && w.magnitude != 0) return unrepresentable(width);
-  return {w.magnitude & low_bits(width), w.flags};
-}
-
-answer to_128(format from, uint128 value, bool is_signed) {
+answer to_integer(format from, uint128 value, integer_type to, int mode) {
   const unpacked x(from, value);
-  if (!x.is_finite()) return unrepresentable(128);
-  const whole w = to_whole(x, MPFR_RNDZ);
-  if (!w.fits || w.magnitude > low_bits(is_signed ? 127 : 128)) return unrepresentable(128);
-  if (!is_signed && w.negative && w.magnitude != 0) return unrepresentable(128);
-  return {w.negative ? -w.magnitude : w.magnitude, w.flags};
+  const answer unrepresentable = {uint128{1} << (to.width - 1), invalid};
+  if (!x.is_finite()) return unrepresentable;
+  static constexpr mpfr_rnd_t directions[] = {MPFR_RNDZ, MPFR_RNDN, MPFR_RNDD, MPFR_RNDU};
+  const mpfr_rnd_t otherwise = to.width == 32 ? MPFR_RNDA : MPFR_RNDZ;
+
+  real r(128);
+  mpfr_rint(r.get(), x.value.get(), mode >= 0 && mode <= 3 ? directions[mode] : otherwise);
+  const unsigned flags = mpfr_cmp(r.get(), x.value.get()) != 0 ? inexact : 0;
+  if (mpfr_zero_p(r.get())) return {0, flags};
+  const auto length = mpfr_get_exp(r.get());
+  if (length > 128) return unrepresentable;
+  const uint128 magnitude = r.significand() >> (128 - length);
+  uint128 limit = low_bits(to.width);
+  if (to.is_signed) limit = (limit >> 1) + (to.width < 128 && x.negative);
+  if (!to.is_signed && to.width == 32) limit = low_bits(33);
+  if (magnitude > limit || (x.negative && !to.is_signed)) return unrepresentable;
+  return {(x.negative ? -magnitude : magnitude) & low_bits(to.width), flags};
 }
 
 answer from_integer(format to, uint128 value, bool is_signed, rounding mode) {
@@ -267,19 +239,6 @@ answer from_integer(format to, uint128 value, bool is_signed, rounding mode) {
   answer expected = settle(to, r, ternary, mpfr_mode[mode]);
   expected.flags = 0;
   return expected;
-}
-
-answer from_text(const std::string& text) {
-  real r(binary128.precision);
-  const int ternary = mpfr_strtofr(r.get(), text.c_str(), nullptr, 10, MPFR_RNDN);
-  return settle(binary128, r, ternary, MPFR_RNDN);
-}
-
-std::string to_text(bits value, int digits) {
-  const unpacked x(binary128, word_of(value));
-  std::array<char, 12'000> text;
-  mpfr_snprintf(text.data(), text.size(), "%.*Rg", digits, x.value.get());
-  return text.data();
 }
 
 }  // namespace zorvac::test::oracle
