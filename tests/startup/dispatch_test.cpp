@@ -20,66 +20,40 @@ int taken_flags;
 }
 
 #define DEFINE_VARIANT(number, name)   \
-  asm(".text\n"                        \
-      ".globl \"" name                 \
+  asm(".globl \"__zorva_" name         \
       "\"\n"                           \
-      ".type \"" name                  \
+      ".type \"__zorva_" name          \
       "\", @function\n"                \
-      "\"" name                        \
+      "\"__zorva_" name                \
       "\":\n"                          \
       "movl $" #number                 \
       ", taken_variant(%rip)\n"        \
       "movl %edi, taken_flags(%rip)\n" \
       "ret\n"                          \
-      ".size \"" name "\", . - \"" name "\"");
-#define VARIANTS(X)                  \
-  X(1, "__zorva_new_proc_init.H")    \
-  X(2, "__zorva_new_proc_init.A")    \
-  X(3, "__zorva_new_proc_init_B.L")  \
-  X(4, "__zorva_new_proc_init_B.K")  \
-  X(5, "__zorva_new_proc_init_B.J")  \
-  X(6, "__zorva_new_proc_init_B.A")  \
-  X(7, "__zorva_new_proc_init_N.L")  \
-  X(8, "__zorva_new_proc_init_N.K")  \
-  X(9, "__zorva_new_proc_init_N.J")  \
-  X(10, "__zorva_new_proc_init_N.A") \
-  X(11, "__zorva_new_proc_init_P.L") \
-  X(12, "__zorva_new_proc_init_P.A") \
-  X(13, "__zorva_new_proc_init_T.M") \
-  X(14, "__zorva_new_proc_init_T.A") \
-  X(15, "__zorva_new_proc_init_L.O") \
-  X(16, "__zorva_new_proc_init_L.A") \
-  X(17, "__zorva_new_proc_init_S.N") \
-  X(18, "__zorva_new_proc_init_S.A") \
-  X(19, "__zorva_new_proc_init_H.P") \
-  X(20, "__zorva_new_proc_init_H.A") \
-  X(21, "__zorva_new_proc_init_G.R") \
-  X(22, "__zorva_new_proc_init_G.A") \
-  X(23, "__zorva_new_proc_init_I.S") \
-  X(24, "__zorva_new_proc_init_I.A") \
-  X(25, "__zorva_new_proc_init_E.V") \
-  X(26, "__zorva_new_proc_init_E.A") \
-  X(27, "__zorva_proc_init.H")       \
-  X(28, "__zorva_proc_init.A")       \
-  X(29, "__zorva_proc_init_B.L")     \
-  X(30, "__zorva_proc_init_B.K")     \
-  X(31, "__zorva_proc_init_B.J")     \
-  X(32, "__zorva_proc_init_B.A")     \
-  X(33, "__zorva_proc_init_N.L")     \
-  X(34, "__zorva_proc_init_N.K")     \
-  X(35, "__zorva_proc_init_N.J")     \
-  X(36, "__zorva_proc_init_N.A")     \
-  X(37, "__zorva_proc_init_P.L")     \
-  X(38, "__zorva_proc_init_P.A")     \
-  X(39, "__zorva_proc_init_T.M")     \
-  X(40, "__zorva_proc_init_T.A")
+      ".size \"__zorva_" name "\", . - \"__zorva_" name "\"");
+// clang-format off
+#define VARIANTS(X) \
+  X(1, "new_proc_init.H") X(2, "new_proc_init.A") X(3, "new_proc_init_B.L") \
+  X(4, "new_proc_init_B.K") X(5, "new_proc_init_B.J") X(6, "new_proc_init_B.A") \
+  X(7, "new_proc_init_N.L") X(8, "new_proc_init_N.K") X(9, "new_proc_init_N.J") \
+  X(10, "new_proc_init_N.A") X(11, "new_proc_init_P.L") X(12, "new_proc_init_P.A") \
+  X(13, "new_proc_init_T.M") X(14, "new_proc_init_T.A") X(15, "new_proc_init_L.O") \
+  X(16, "new_proc_init_L.A") X(17, "new_proc_init_S.N") X(18, "new_proc_init_S.A") \
+  X(19, "new_proc_init_H.P") X(20, "new_proc_init_H.A") X(21, "new_proc_init_G.R") \
+  X(22, "new_proc_init_G.A") X(23, "new_proc_init_I.S") X(24, "new_proc_init_I.A") \
+  X(25, "new_proc_init_E.V") X(26, "new_proc_init_E.A") X(27, "proc_init.H") X(28, "proc_init.A") \
+  X(29, "proc_init_B.L") X(30, "proc_init_B.K") X(31, "proc_init_B.J") X(32, "proc_init_B.A") \
+  X(33, "proc_init_N.L") X(34, "proc_init_N.K") X(35, "proc_init_N.J") X(36, "proc_init_N.A") \
+  X(37, "proc_init_P.L") X(38, "proc_init_P.A") X(39, "proc_init_T.M") X(40, "proc_init_T.A")
+// clang-format on
+asm(".text");
 VARIANTS(DEFINE_VARIANT)
 
 namespace {
 
 using namespace zorvac::test;
 
-#define VARIANT_NAME(number, name) name,
+#define VARIANT_NAME(number, name) "__zorva_" name,
 constexpr const char* variant_names[] = {"none", VARIANTS(VARIANT_NAME)};
 
 struct level {
