@@ -64,49 +64,7 @@ TEST_P(Arithmetic, AgreesWithMpfrAndTheCompiler) {
   }
 }
 
-struct known {
-  operation computes;
-  bits a, b;
-  unsigned flags;
-  bits result;
-};
-constexpr operation add = operation::add, subtract = operation::subtract,
-                    multiply = operation::multiply, divide = operation::divide;
-constexpr bits quieted = quad(false, 0x7fff, quiet_bit | 1, 7);  // signalling_nan
-
-// What IEEE 754 leaves open and the library promises, in every rounding mode: the two other oracles
-// know nothing of it.
-const known promises[] = {
-    {add, quad(false, 0, fraction_ones, all_ones), smallest, denormal, smallest_normal},
-    {subtract, infinity, infinity, invalid, indefinite},
-    {multiply, zero, infinity, invalid, indefinite},
-    {multiply, zero, smallest, denormal, zero},
-    {multiply, infinity, smallest, 0, infinity},
-    {divide, smallest, zero, divide_by_zero, infinity},
-    {divide, zero, smallest, 0, zero},
-    {divide, smallest, infinity, 0, zero},
-    {divide, smallest_normal, power_of_two(1), 0, quad(false, 0, quiet_bit)},
-    // NaNs: the quiet one; of two alike the larger; of equal ones the second, unless the first is
-    // negative.
-    {add, signalling_nan, one, invalid, quieted},
-    {subtract, one, negated(signalling_nan), invalid, negated(quieted)},
-    {multiply, signalling_nan, quiet_nan, invalid, quiet_nan},
-    {divide, quiet_nan, signalling_nan, invalid, quiet_nan},
-    {add, quiet_nan, indefinite, 0, quiet_nan},
-    {add, indefinite, quiet_nan, 0, quiet_nan},
-    {subtract, quiet_nan, negated(quiet_nan), 0, negated(quiet_nan)},
-    {multiply, negated(quiet_nan), quiet_nan, 0, negated(quiet_nan)},
-    {divide, quiet_nan, infinity, 0, quiet_nan},
-};
-TEST_P(Arithmetic, KeepsItsPromises) {
-  for (const known& k : promises)
-    for (const rounding mode : roundings) {
-      if (k.computes != GetParam().computes) continue;
-      const under_rounding scope(mode);
-      EXPECT_EQ(run(GetParam().routines[0], scope, k.a, k.b), (answer{word_of(k.result), k.flags}))
-          << k.a << " and " << k.b << " in mode " << mode;
-    }
-}
+constexpr operation multiply = operation::multiply, divide = operation::divide;
 
 // Flags that are set stay set, the control bits stay as they are, and the value depends neither
 // on the flags nor on the flush modes, which are for the processor's own formats.

@@ -140,37 +140,33 @@ void for_each_quad(const visitor& visit) {
     visit(word_of(with_exponent(q, std::clamp(exponent, 0, 0x7ffe))));
   };
   for (const bits q : boundary_operands()) visit(word_of(q));
-  // Up to 2^70, with eighths and with something below them.
-  for (int k = 0; k <= 70; ++k)
-    for (int eighths = -16; eighths < 24; ++eighths)
-      for (const uint128 beyond : {0, 1}) {
-        const uint128 fixed = (uint128{1} << (k + 40)) + (static_cast<uint128>(eighths) << 37);
-        bits q = bits_of(
-            oracle::from_integer(oracle::binary128, fixed | beyond, false, to_nearest).value);
-        if (word_of(q) != 0) q.high -= std::uint64_t{40} << 48;  // divided by 2^40
-        visit(word_of(q));
-        visit(word_of(negated(q)));
-      }
-  random_operands random(8);
+
+  // At, beside and halfway between numbers that end at bit `cut`.
+  const auto around = [&](int e, int cut) {
+    for (const uint128 kept : {uint128{0}, uint128{1}, ~uint128{0}, ~uint128{1}})
+      for (const int beside : {-1, 0, 1})
+        for (const uint128 lost : {uint128{0}, uint128{1} << (cut - 1)})
+          number(e,
+                 assemble((cut & 1) != 0, 0, (kept << cut) + lost + static_cast<uint128>(beside)));
+  };
+  for (int e = -2; e <= 72; ++e)  // integers
+    for (int cut = std::max(1, 109 - e); cut <= std::min(111, 114 - e); ++cut)
+      around(0x3fff + e, cut);
   for (const oracle::format to : {oracle::binary32, oracle::binary64, oracle::x87}) {
-    const int bias = (1 << (to.exponent_bits - 1)) - 1, smallest_exponent = 0x3fff + 1 - bias;
-    std::vector<int> exponents = {0x3fff, 0x3fff + bias - 1, 0x3fff + bias, 0x3fff + bias + 1};
+    const int bias = (1 << (to.exponent_bits - 1)) - 1;
+    std::vector<int> exponents = {0, bias - 1, bias, bias + 1};
     for (int e = 0; e <= to.precision + 2; e += e < 3 || e > to.precision - 2 ? 1 : 7)
-      exponents.push_back(smallest_exponent - e);
+      exponents.push_back(1 - bias - e);
     for (const int e : exponents)
-      for (int cut = 1; cut < 112; ++cut)
-        for (const uint128 kept : {uint128{0}, uint128{1}, ~uint128{0}, ~uint128{1}})
-          for (const int beside : {-1, 0, 1})
-            for (const uint128 lost : {uint128{0}, uint128{1} << (cut - 1)})
-              number(e, assemble((cut & 1) != 0, 0,
-                                 (kept << cut) + lost + static_cast<uint128>(beside)));
-    // Exponents that the target has, or nearly has, and those of integers.
-    for (long i = random_cases(30'000); i > 0; --i) {
-      const bits q = random();
-      visit(word_of(q));
-      number(smallest_exponent - to.precision - 3 + static_cast<int>(i) % (2 * bias), q);
-      number(0x3fff - 4 + static_cast<int>(i % 135), q);
-    }
+      for (int cut = 1; cut < 112; ++cut) around(0x3fff + e, cut);
+  }
+
+  random_operands random(8);
+  for (long i = random_cases(30'000); i > 0; --i) {
+    const bits q = random();
+    visit(word_of(q));
+    for (const int span : {135, 290, 2200})  // exponents of integers, of binary32 and of binary64
+      number(0x3fff - (span > 135 ? span / 2 : 4) + static_cast<int>(i % span), q);
   }
 }
 
