@@ -19,18 +19,16 @@ int taken_variant;
 int taken_flags;
 }
 
-#define DEFINE_VARIANT(number, name)   \
-  asm(".globl \"__zorva_" name         \
-      "\"\n"                           \
-      ".type \"__zorva_" name          \
-      "\", @function\n"                \
-      "\"__zorva_" name                \
-      "\":\n"                          \
-      "movl $" #number                 \
-      ", taken_variant(%rip)\n"        \
-      "movl %edi, taken_flags(%rip)\n" \
-      "ret\n"                          \
-      ".size \"__zorva_" name "\", . - \"__zorva_" name "\"");
+asm(".macro variant number, name\n"
+    ".globl \\name\n"
+    ".type \\name, @function\n"
+    "\\name: movl $\\number, taken_variant(%rip)\n"
+    "movl %edi, taken_flags(%rip)\n"
+    "ret\n"
+    ".size \\name, . - \\name\n"
+    ".endm\n"
+    ".text\n");
+#define DEFINE_VARIANT(number, name) asm("variant " #number ", __zorva_" name);
 // clang-format off
 #define VARIANTS(X) \
   X(1, "new_proc_init.H") X(2, "new_proc_init.A") X(3, "new_proc_init_B.L") \
@@ -46,7 +44,6 @@ int taken_flags;
   X(33, "proc_init_N.L") X(34, "proc_init_N.K") X(35, "proc_init_N.J") X(36, "proc_init_N.A") \
   X(37, "proc_init_P.L") X(38, "proc_init_P.A") X(39, "proc_init_T.M") X(40, "proc_init_T.A")
 // clang-format on
-asm(".text");
 VARIANTS(DEFINE_VARIANT)
 
 namespace {
@@ -65,25 +62,32 @@ struct dispatcher {
   void (*routine)();
   std::vector<level> levels;
 };
-void (*untyped(void (*routine)(int)))() { return reinterpret_cast<void (*)()>(routine); }
+template <class Routine>
+auto untyped(Routine* routine) {
+  return reinterpret_cast<void (*)()>(routine);
+}
 
+#define DISPATCHER(name, ...)                                  \
+  {                                                            \
+    "__zorva_" #name, untyped(__zorva_##name), { __VA_ARGS__ } \
+  }
 const dispatcher dispatchers[] = {
-    {"__zorva_new_proc_init", untyped(__zorva_new_proc_init), {{0x3f, "H"}}},
-    {"__zorva_new_proc_init_B", untyped(__zorva_new_proc_init_B), {{0xff, "L"}, {0x7f, "K"}}},
-    {"__zorva_new_proc_init_N", untyped(__zorva_new_proc_init_N), {{0xff, "L"}, {0x7f, "K"}}},
-    {"__zorva_new_proc_init_P", untyped(__zorva_new_proc_init_P), {{0xff, "L"}}},
-    {"__zorva_new_proc_init_T", untyped(__zorva_new_proc_init_T), {{0x1ff, "M"}}},
-    {"__zorva_new_proc_init_L", untyped(__zorva_new_proc_init_L), {{0x1ff, "O"}}},
-    {"__zorva_new_proc_init_S", untyped(__zorva_new_proc_init_S), {{0x3ff, "N"}}},
-    {"__zorva_new_proc_init_H", untyped(__zorva_new_proc_init_H), {{0x17ff, "P"}}},
-    {"__zorva_new_proc_init_G", untyped(__zorva_new_proc_init_G), {{0x117ff, "R"}}},
-    {"__zorva_new_proc_init_I", untyped(__zorva_new_proc_init_I), {{0x197ff, "S"}}},
-    {"__zorva_new_proc_init_E", untyped(__zorva_new_proc_init_E), {{0x9d97ff, "V"}}},
-    {"__zorva_proc_init", __zorva_proc_init, {{0x3f, "H"}}},
-    {"__zorva_proc_init_B", __zorva_proc_init_B, {{0xff, "L"}, {0x7f, "K"}}},
-    {"__zorva_proc_init_N", __zorva_proc_init_N, {{0xff, "L"}, {0x7f, "K"}}},
-    {"__zorva_proc_init_P", __zorva_proc_init_P, {{0xff, "L"}}},
-    {"__zorva_proc_init_T", __zorva_proc_init_T, {{0x1ff, "M"}}},
+    DISPATCHER(new_proc_init, {0x3f, "H"}),
+    DISPATCHER(new_proc_init_B, {0xff, "L"}, {0x7f, "K"}),
+    DISPATCHER(new_proc_init_N, {0xff, "L"}, {0x7f, "K"}),
+    DISPATCHER(new_proc_init_P, {0xff, "L"}),
+    DISPATCHER(new_proc_init_T, {0x1ff, "M"}),
+    DISPATCHER(new_proc_init_L, {0x1ff, "O"}),
+    DISPATCHER(new_proc_init_S, {0x3ff, "N"}),
+    DISPATCHER(new_proc_init_H, {0x17ff, "P"}),
+    DISPATCHER(new_proc_init_G, {0x117ff, "R"}),
+    DISPATCHER(new_proc_init_I, {0x197ff, "S"}),
+    DISPATCHER(new_proc_init_E, {0x9d97ff, "V"}),
+    DISPATCHER(proc_init, {0x3f, "H"}),
+    DISPATCHER(proc_init_B, {0xff, "L"}, {0x7f, "K"}),
+    DISPATCHER(proc_init_N, {0xff, "L"}, {0x7f, "K"}),
+    DISPATCHER(proc_init_P, {0xff, "L"}),
+    DISPATCHER(proc_init_T, {0x1ff, "M"}),
 };
 
 class StartupDispatch : public testing::TestWithParam<dispatcher> {

@@ -1,5 +1,5 @@
-// What a start-up check ends in: the MXCSR modes of its flags word, or a refusal with its exact text,
-// stream and exit status, and exit handlers run.
+// What a start-up check ends in: the MXCSR modes of its flags word, or a refusal with its exact
+// text, stream and exit status, and with exit handlers run.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -48,18 +48,14 @@ constexpr decision decisions[] = {
     {"ProbeOverridesWhatIsKnown", daz, daz | b17, has_17, b17, true},
     {"OtherFlagsAreIgnored", 0, ~7, 0, 0, false},
 };
-class SupportedModes : public testing::TestWithParam<decision> {};
-TEST_P(SupportedModes, AreGrantedAndTheProcessorAskedOnlyWhenItMatters) {
-  const decision& d = GetParam();
-  int questions = 0;
-  const int granted = startup::supported_modes(d.known, d.flags, [&] {
-    ++questions;
-    return d.mask;
-  });
-  EXPECT_EQ(granted, d.granted);
-  EXPECT_EQ(questions, d.asked ? 1 : 0);
+TEST(SupportedModes, AreGrantedAndTheProcessorAskedOnlyWhenItMatters) {
+  for (const decision& d : decisions) {
+    int questions = 0;
+    const auto ask = [&] { return ++questions, d.mask; };
+    EXPECT_EQ(supported_modes(d.known, d.flags, ask), d.granted) << d.name;
+    EXPECT_EQ(questions, d.asked ? 1 : 0) << d.name;
+  }
 }
-INSTANTIATE_TEST_SUITE_P(Decisions, SupportedModes, testing::ValuesIn(decisions), name_of_row);
 
 // MXCSR as a routine leaves it, from the value at program start or another.
 template <class Routine>
