@@ -52,12 +52,14 @@ TEST_P(Conversions, AgreeWithMpfr) {
 }
 
 // An exponent of zero with the leading one stored, the smallest normal number; and a large exponent
-// without it, which is no number at all to the x87.
+// without it, which is no number at all to the x87, and 1 + 2^-63 to a conversion without it.
 TEST(OfExtended, UnusualEncodings) {
   const under_rounding scope(up);
-  const auto convert = of_extended[0].routines[0];
-  EXPECT_EQ(convert(scope, uint128{1} << 63), (answer{word_of(smallest_normal), denormal}));
-  EXPECT_EQ(convert(scope, uint128{0x3fff} << 64 | 1), (answer{word_of(indefinite), invalid}));
+  const auto to_quad = of_extended[0].routines[0], to_integer = of_extended[1].routines[0];
+  const uint128 one_without_leading_one = uint128{0x3fff} << 64 | 1;
+  EXPECT_EQ(to_quad(scope, uint128{1} << 63), (answer{word_of(smallest_normal), denormal}));
+  EXPECT_EQ(to_quad(scope, one_without_leading_one), (answer{word_of(indefinite), invalid}));
+  EXPECT_EQ(to_integer(scope, one_without_leading_one), (answer{1, inexact}));
 }
 
 }  // namespace

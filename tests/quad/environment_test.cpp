@@ -3,9 +3,11 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <random>
 
 #include "binary128.h"
+#include "support/child.h"
 #include "zorvac/quad.h"
 
 namespace zorvac::test {
@@ -154,6 +156,18 @@ TEST(StatusWord, ReportsAndClears) {
       EXPECT_EQ(observe(before, _clearfp), (effect{abstract_flags(sse), cleared}));
       EXPECT_EQ(observe(before, _clear87), (effect{abstract_flags(x87), cleared}));
     }
+}
+
+// One that is unmasked traps at the next instruction that waits: asking does, clearing does not.
+TEST(StatusWord, CanBeClearedWhileAnExceptionIsPending) {
+  const registers pending{0x1f80, 0x037e, invalid}, cleared{0x1f80, 0x037e, 0};
+  EXPECT_EQ(observe(pending, _clear87), (effect{0x10, cleared}));
+  EXPECT_EQ(observe(pending, _clearfp), (effect{0, cleared}));
+  const outcome asked = run_in_child([&] {
+    load(pending);
+    _status87();
+  });
+  EXPECT_EQ(asked.signal, SIGFPE);
 }
 
 TEST(X87State, IsSavedAndRestored) {
