@@ -191,7 +191,9 @@ void for_each_word(oracle::format f, const visitor& visit) {
   }
   for (long i = random_cases(250'000); i > 0; --i) {  // in turn any number, and 1/16 to 2^132
     const int integral = std::min(bias - 4 + static_cast<int>(i % 137), exponents - 1);
-    word((i & 2) != 0, (i & 1) != 0 ? integral : static_cast<int>(random() % exponents), any());
+    word((i & 2) != 0,
+         (i & 1) != 0 ? integral : static_cast<int>(random() % static_cast<unsigned>(exponents)),
+         any());
   }
 }
 
