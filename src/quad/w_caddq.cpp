@@ -4,8 +4,7 @@
 using namespace zorvac::complex_quad;
 
 void __caddq(void* sum, const void* ar, const void* ai, const void* br, const void* bi) {
-  __addq(real(sum), ar, br);
-  __addq(imaginary(sum), ai, bi);
+  part_by_part(__addq, sum, ar, ai, br, bi);
 }
 
 void a_caddq(void* sum, const void* ar, const void* ai, const void* br, const void* bi) {

@@ -42,6 +42,34 @@ struct part {
   std::memset(static_cast<char*>(q) + 20, 0, 12);
 }
 
+// A sum or a difference, by the operation on parts. The real part is written before the imaginary
+// operands are read.
+[[gnu::always_inline]] inline void part_by_part(void (*operation)(void*, const void*, const void*),
+                                                void* result, const void* ar, const void* ai,
+                                                const void* br, const void* bi) {
+  operation(real(result), ar, br);
+  operation(imaginary(result), ai, bi);
+}
+
+// Two floats or doubles to a complex quad; they are read before anything is written.
+template <class Part>
+[[gnu::always_inline]] inline void widen(void (*convert)(void*, Part), void* q, const void* value) {
+  Part parts[2];
+  std::memcpy(parts, value, sizeof parts);
+  convert(real(q), parts[0]);
+  convert(imaginary(q), parts[1]);
+}
+
+// And back. The first is stored before the second is converted.
+template <class Part>
+[[gnu::always_inline]] inline void narrow(Part (*convert)(const void*), void* value,
+                                          const void* q) {
+  const Part first = convert(real(q));
+  std::memcpy(value, &first, sizeof first);
+  const Part second = convert(imaginary(q));
+  std::memcpy(static_cast<char*>(value) + sizeof first, &second, sizeof second);
+}
+
 [[gnu::always_inline]] inline bool same_bits(const void* a, const void* b) {
   part x, y;
   std::memcpy(&x, a, sizeof x);

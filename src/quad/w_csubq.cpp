@@ -4,8 +4,7 @@
 using namespace zorvac::complex_quad;
 
 void __csubq(void* difference, const void* ar, const void* ai, const void* br, const void* bi) {
-  __subq(real(difference), ar, br);
-  __subq(imaginary(difference), ai, bi);
+  part_by_part(__subq, difference, ar, ai, br, bi);
 }
 
 void a_csubq(void* difference, const void* ar, const void* ai, const void* br, const void* bi) {

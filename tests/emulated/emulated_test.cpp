@@ -126,20 +126,15 @@ TEST_P(Emulated, ProgramsStartOrAreRefused) {
   const auto expected = [&](std::uint64_t mask, const char* mxcsr) {
     return (word & mask) == mask ? mxcsr : "refused";
   };
-  for (const auto& [name, mask] : std::map<std::string, std::uint64_t>{{"new_B", 0x7f},
-                                                                       {"new_N", 0x7f},
-                                                                       {"new_P", 0xff},
-                                                                       {"new_T", 0x1ff},
-                                                                       {"new_L", 0x1ff},
-                                                                       {"new_S", 0x3ff},
-                                                                       {"new_H", 0x17ff},
-                                                                       {"new_G", 0x117ff},
-                                                                       {"new_I", 0x197ff},
-                                                                       {"new_E", 0x9d97ff},
-                                                                       {"mask", 0x800040}})
+  static const std::map<std::string, std::uint64_t> new_masks = {
+      {"new_B", 0x7f},    {"new_N", 0x7f},     {"new_P", 0xff},   {"new_T", 0x1ff},
+      {"new_L", 0x1ff},   {"new_S", 0x3ff},    {"new_H", 0x17ff}, {"new_G", 0x117ff},
+      {"new_I", 0x197ff}, {"new_E", 0x9d97ff}, {"mask", 0x800040}};
+  static const std::map<std::string, std::uint64_t> old_masks = {
+      {"old_B", 0x7f}, {"old_N", 0x7f}, {"old_P", 0xff}, {"old_T", 0x1ff}};
+  for (const auto& [name, mask] : new_masks)
     EXPECT_EQ(facts_.at(name), expected(mask, "9f80")) << name;
-  for (const auto& [name, mask] : std::map<std::string, std::uint64_t>{
-           {"old_B", 0x7f}, {"old_N", 0x7f}, {"old_P", 0xff}, {"old_T", 0x1ff}})
+  for (const auto& [name, mask] : old_masks)
     EXPECT_EQ(facts_.at(name), expected(mask, "9fc0")) << name;
   const bool base = (word & 0x3f) == 0x3f;
   EXPECT_EQ(facts_.at("new"), base ? "9f80" : "1f80");

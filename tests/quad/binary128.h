@@ -1,7 +1,7 @@
 #ifndef ZORVAC_TESTS_QUAD_BINARY128_H
 #define ZORVAC_TESTS_QUAD_BINARY128_H
-// What the quad tests share: a quad as it lies in memory, and the floating-point environment that
-// a routine is called in and leaves behind.
+// What the quad tests share: a quad as it lies in memory, the floating-point environment that a
+// routine is called in, and all that it leaves behind.
 #include <bit>
 #include <cstdint>
 #include <cstdio>
@@ -111,14 +111,20 @@ class under_x87 {
   std::uint16_t saved_;
 };
 
-// What a routine under test gave, or an oracle expects: any result of at most 128 bits, and flags.
+// What lies where a routine is to store something.
+constexpr uint128 filler = uint128{0x5555'5555'5555'5555} << 64 | 0x5555'5555'5555'5555;
+
+// What a routine under test gave, or an oracle expects: its result, or the 32 bytes from the
+// address on that it was given for one, and flags.
 struct answer {
   uint128 value;
   unsigned flags;
+  uint128 beyond = filler;
   bool operator==(const answer&) const = default;
 };
 inline std::ostream& operator<<(std::ostream& out, const answer& a) {
-  return out << hex(a.value) << " with " << flag_names(a.flags);
+  out << hex(a.value) << " with " << flag_names(a.flags);
+  return a.beyond == filler ? out : out << ", then " << hex(a.beyond);
 }
 
 // The bytes of a value, right-aligned; of a long double the ten that count.
@@ -135,7 +141,7 @@ T value_of(uint128 word) {
   return value;
 }
 
-// Calls a routine that returns its result, and one that stores a quad at the address it is given.
+// Calls a routine that returns its result, and one that stores it at the address it is given.
 template <class Call>
 answer returned(const under_rounding& scope, Call call) {
   scope.restart();
@@ -145,10 +151,11 @@ answer returned(const under_rounding& scope, Call call) {
 }
 template <class Call>
 answer stored(const under_rounding& scope, Call call) {
-  bits result{0x5555, 0x5555};
+  uint128 result[2] = {filler, filler};
   scope.restart();
-  call(&result);
-  return {word_of(result), scope.raised()};
+  call(result);
+  const unsigned flags = scope.raised();
+  return {result[0], flags, result[1]};
 }
 
 }  // namespace zorvac::test

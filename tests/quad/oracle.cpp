@@ -58,35 +58,26 @@ class real {
 };
 
 // A number of a format, taken apart.
-class unpacked {
- public:
+struct unpacked {
   unpacked(format f, uint128 word)
-      : exponent_(static_cast<int>(word >> fraction_bits(f) & low_bits(f.exponent_bits))),
-        fraction_(word & low_bits(f.precision - 1)),
-        top_(uint128{1} << (f.precision - 1)),
-        max_exponent_((1 << f.exponent_bits) - 1),
-        negative((word >> (fraction_bits(f) + f.exponent_bits) & 1) != 0),
-        value(negative, is_finite() ? fraction_ | (exponent_ != 0 ? top_ : 0) : 0,
-              (exponent_ != 0 ? exponent_ : 1) - bias(f) - f.precision + 1, f.precision) {
-    if (is_infinite()) mpfr_set_inf(value.get(), negative ? -1 : 1);
+      : negative((word >> (fraction_bits(f) + f.exponent_bits) & 1) != 0),
+        exponent(static_cast<int>(word >> fraction_bits(f) & low_bits(f.exponent_bits))),
+        fraction(word & low_bits(f.precision - 1)),
+        finite(exponent != (1 << f.exponent_bits) - 1),
+        nan(!finite && fraction != 0),
+        signalling(nan && fraction >> (f.precision - 2) == 0),
+        zero(exponent == 0 && fraction == 0),
+        subnormal(exponent == 0 && fraction != 0),
+        value(negative, finite ? fraction | uint128{exponent != 0} << (f.precision - 1) : 0,
+              (exponent != 0 ? exponent : 1) - bias(f) - f.precision + 1, f.precision) {
+    if (!finite) mpfr_set_inf(value.get(), negative ? -1 : 1);
   }
-  [[nodiscard]] bool is_finite() const { return exponent_ != max_exponent_; }
-  [[nodiscard]] bool is_infinite() const { return !is_finite() && fraction_ == 0; }
-  [[nodiscard]] bool is_nan() const { return !is_finite() && fraction_ != 0; }
-  [[nodiscard]] bool is_signalling() const { return is_nan() && (fraction_ & top_ >> 1) == 0; }
-  [[nodiscard]] bool is_zero() const { return exponent_ == 0 && fraction_ == 0; }
-  [[nodiscard]] bool is_subnormal() const { return exponent_ == 0 && fraction_ != 0; }
-  [[nodiscard]] int exponent() const { return exponent_; }
-  [[nodiscard]] uint128 fraction() const { return fraction_; }
 
- private:
-  int exponent_;
-  uint128 fraction_, top_;
-  int max_exponent_;
-
- public:
   bool negative;
-  real value;
+  int exponent;
+  uint128 fraction;
+  bool finite, nan, signalling, zero, subnormal;
+  real value;  // of a NaN, infinity
 };
 
 uint128 pack(format f, bool negative, int exponent, uint128 significand) {
@@ -130,10 +121,10 @@ answer settle(format f, real& r, int ternary, mpfr_rnd_t mode) {
 
 answer chosen_nan(bits a, bits b, const unpacked& x, const unpacked& y) {
   const auto magnitude = [](bits q) { return word_of(q) << 1; };
-  bool take_a = x.is_nan();
-  if (x.is_nan() && y.is_nan()) {
-    if (x.is_signalling() != y.is_signalling())
-      take_a = !x.is_signalling();
+  bool take_a = x.nan;
+  if (x.nan && y.nan) {
+    if (x.signalling != y.signalling)
+      take_a = !x.signalling;
     else if (magnitude(a) != magnitude(b))
       take_a = magnitude(a) > magnitude(b);
     else
@@ -141,33 +132,14 @@ answer chosen_nan(bits a, bits b, const unpacked& x, const unpacked& y) {
   }
   bits nan = take_a ? a : b;
   nan.high |= quiet_bit;
-  return {word_of(nan), x.is_signalling() || y.is_signalling() ? invalid : 0};
+  return {word_of(nan), x.signalling || y.signalling ? invalid : 0};
 }
-
-// The integer nearest to a finite value, in a direction.
-struct whole {
-  bool negative, fits;  // the magnitude, in 128 bits
-  uint128 magnitude;
-  unsigned flags;
-};
-whole to_whole(const unpacked& x, mpfr_rnd_t direction) {
-  real r(128);
-  mpfr_clear_flags();
-  mpfr_rint(r.get(), x.value.get(), direction);
-  const unsigned flags = mpfr_cmp(r.get(), x.value.get()) != 0 ? inexact : 0;
-  if (mpfr_zero_p(r.get())) return {x.negative, true, 0, flags};
-  const auto length = mpfr_get_exp(r.get());
-  if (length > 128) return {x.negative, false, 0, 0};
-  return {x.negative, true, r.significand() >> (128 - length), flags};
-}
-
-constexpr answer unrepresentable(int width) { return {uint128{1} << (width - 1), invalid}; }
 
 }  // namespace
 
 answer arithmetic(operation o, bits a, bits b, rounding mode) {
   const unpacked x(binary128, word_of(a)), y(binary128, word_of(b));
-  if (x.is_nan() || y.is_nan()) return chosen_nan(a, b, x, y);
+  if (x.nan || y.nan) return chosen_nan(a, b, x, y);
 
   real r(binary128.precision);
   const mpfr_rnd_t m = mpfr_mode[mode];
@@ -189,25 +161,25 @@ answer arithmetic(operation o, bits a, bits b, rounding mode) {
   if (mpfr_nan_p(r.get())) return {word_of(indefinite), invalid};
 
   answer expected = settle(binary128, r, ternary, m);
-  const bool finite = x.is_finite() && y.is_finite();
-  if (o == operation::divide && y.is_zero() && finite) expected.flags |= divide_by_zero;
+  const bool finite = x.finite && y.finite;
+  if (o == operation::divide && y.zero && finite) expected.flags |= divide_by_zero;
   // A quotient that a zero or an infinity decides never looks at the other operand's size.
-  const bool decided = o == operation::divide && (x.is_zero() || y.is_zero());
-  if (finite && !decided && (x.is_subnormal() || y.is_subnormal())) expected.flags |= denormal;
+  const bool decided = o == operation::divide && (x.zero || y.zero);
+  if (finite && !decided && (x.subnormal || y.subnormal)) expected.flags |= denormal;
   return expected;
 }
 
 order compare(bits a, bits b) {
   const unpacked x(binary128, word_of(a)), y(binary128, word_of(b));
-  if (x.is_nan() || y.is_nan()) return order::unordered;
+  if (x.nan || y.nan) return order::unordered;
   const int sign = mpfr_cmp(x.value.get(), y.value.get());
   return sign < 0 ? order::less : sign > 0 ? order::greater : order::equal;
 }
 
 answer widen(format from, uint128 value) {
   const unpacked x(from, value);
-  if (x.is_nan()) {
-    return {pack(binary128, x.negative, 0x7fff, x.fraction() << (113 - from.precision)), 0};
+  if (x.nan) {
+    return {pack(binary128, x.negative, 0x7fff, x.fraction << (113 - from.precision)), 0};
   }
   real r(binary128.precision);
   mpfr_set(r.get(), x.value.get(), MPFR_RNDN);
@@ -217,46 +189,37 @@ answer widen(format from, uint128 value) {
 answer narrow(format to, bits value, rounding mode) {
   const unpacked x(binary128, word_of(value));
   const uint128 leading_one = uint128{1} << (to.precision - 1);
-  if (x.is_nan()) {
-    const uint128 payload = x.fraction() >> (113 - to.precision);
+  if (x.nan) {
+    const uint128 payload = x.fraction >> (113 - to.precision);
     return {pack(to, x.negative, 2 * bias(to) + 1, leading_one | leading_one >> 1 | payload),
-            x.is_signalling() ? invalid : 0};
+            x.signalling ? invalid : 0};
   }
   real r(to.precision);
   const int ternary = mpfr_set(r.get(), x.value.get(), mpfr_mode[mode]);
   answer expected = settle(to, r, ternary, mpfr_mode[mode]);
-  if (x.is_subnormal()) expected.flags |= denormal;
+  if (x.subnormal) expected.flags |= denormal;
   return expected;
 }
 
-answer to_signed(bits value, int width, int mode) {
-  const unpacked x(binary128, word_of(value));
-  if (!x.is_finite()) return unrepresentable(width);
-  static constexpr mpfr_rnd_t directions[] = {MPFR_RNDZ, MPFR_RNDN, MPFR_RNDD, MPFR_RNDU};
-  const mpfr_rnd_t otherwise = width == 32 ? MPFR_RNDA : MPFR_RNDZ;
-  const whole w = to_whole(x, mode >= 0 && mode <= 3 ? directions[mode] : otherwise);
-  const uint128 limit = (uint128{1} << (width - 1)) - !w.negative;
-  if (!w.fits || w.magnitude > limit) return unrepresentable(width);
-  return {(w.negative ? -w.magnitude : w.magnitude) & low_bits(width), w.flags};
-}
-
-answer to_unsigned(bits value, int width) {
-  const unpacked x(binary128, word_of(value));
-  if (!x.is_finite()) return unrepresentable(width);
-  const whole w = to_whole(x, MPFR_RNDZ);
-  const int accepted_bits = width == 32 ? 33 : width;  // one binade too many, which wraps
-  if (!w.fits || w.magnitude > low_bits(accepted_bits)) return unrepresentable(width);
-  if (w.negative && w.magnitude != 0) return unrepresentable(width);
-  return {w.magnitude & low_bits(width), w.flags};
-}
-
-answer to_128(format from, uint128 value, bool is_signed) {
+answer to_integer(format from, uint128 value, integer_type to, int mode) {
   const unpacked x(from, value);
-  if (!x.is_finite()) return unrepresentable(128);
-  const whole w = to_whole(x, MPFR_RNDZ);
-  if (!w.fits || w.magnitude > low_bits(is_signed ? 127 : 128)) return unrepresentable(128);
-  if (!is_signed && w.negative && w.magnitude != 0) return unrepresentable(128);
-  return {w.negative ? -w.magnitude : w.magnitude, w.flags};
+  const answer unrepresentable = {uint128{1} << (to.width - 1), invalid};
+  if (!x.finite) return unrepresentable;
+  static constexpr mpfr_rnd_t directions[] = {MPFR_RNDZ, MPFR_RNDN, MPFR_RNDD, MPFR_RNDU};
+  const mpfr_rnd_t otherwise = to.width == 32 ? MPFR_RNDA : MPFR_RNDZ;
+
+  real r(128);
+  mpfr_rint(r.get(), x.value.get(), mode >= 0 && mode <= 3 ? directions[mode] : otherwise);
+  const unsigned flags = mpfr_cmp(r.get(), x.value.get()) != 0 ? inexact : 0;
+  if (mpfr_zero_p(r.get())) return {0, flags};
+  const auto length = mpfr_get_exp(r.get());
+  if (length > 128) return unrepresentable;
+  const uint128 magnitude = r.significand() >> (128 - length);
+  uint128 limit = low_bits(to.width);
+  if (to.is_signed) limit = (limit >> 1) + (to.width < 128 && x.negative);
+  if (!to.is_signed && to.width == 32) limit = low_bits(33);
+  if (magnitude > limit || (x.negative && !to.is_signed)) return unrepresentable;
+  return {(x.negative ? -magnitude : magnitude) & low_bits(to.width), flags};
 }
 
 answer from_integer(format to, uint128 value, bool is_signed, rounding mode) {
@@ -267,19 +230,6 @@ answer from_integer(format to, uint128 value, bool is_signed, rounding mode) {
   answer expected = settle(to, r, ternary, mpfr_mode[mode]);
   expected.flags = 0;
   return expected;
-}
-
-answer from_text(const std::string& text) {
-  real r(binary128.precision);
-  const int ternary = mpfr_strtofr(r.get(), text.c_str(), nullptr, 10, MPFR_RNDN);
-  return settle(binary128, r, ternary, MPFR_RNDN);
-}
-
-std::string to_text(bits value, int digits) {
-  const unpacked x(binary128, word_of(value));
-  std::array<char, 12'000> text;
-  mpfr_snprintf(text.data(), text.size(), "%.*Rg", digits, x.value.get());
-  return text.data();
 }
 
 }  // namespace zorvac::test::oracle

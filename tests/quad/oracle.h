@@ -27,19 +27,18 @@ order compare(bits a, bits b);
 answer widen(format from, uint128 value);
 answer narrow(format to, bits value, rounding mode);
 
-// To integers of `width` bits. The modes of the signed conversions are those of the routines'
-// argument: 0 toward zero, 1 nearest even, 2 down, 3 up; anything else is away from zero for 32
-// bits and toward zero for 64.
-answer to_signed(bits value, int width, int mode);
-answer to_unsigned(bits value, int width);
-answer to_128(format from, uint128 value, bool is_signed);
+// To integers, by the modes of the routines' argument: 0 toward zero, 1 nearest even, 2 down, 3 up;
+// anything else is away from zero for 32 bits and toward zero for 64. Two ranges are not those of
+// their types: unsigned 32 bits take one binade more, which wraps, and signed 128 bits leave out
+// -2^127.
+struct integer_type {
+  int width;
+  bool is_signed;
+};
+answer to_integer(format from, uint128 value, integer_type to, int mode = 0);
 
 // From integers; raises nothing.
 answer from_integer(format to, uint128 value, bool is_signed, rounding mode);
-
-// Decimal text of a number, to nearest; and printf's %g of a finite number.
-answer from_text(const std::string& text);
-std::string to_text(bits value, int digits);
 
 }  // namespace zorvac::test::oracle
 #endif

@@ -19,67 +19,38 @@ int taken_variant;
 int taken_flags;
 }
 
-#define DEFINE_VARIANT(number, name)   \
-  asm(".text\n"                        \
-      ".globl \"" name                 \
-      "\"\n"                           \
-      ".type \"" name                  \
-      "\", @function\n"                \
-      "\"" name                        \
-      "\":\n"                          \
-      "movl $" #number                 \
-      ", taken_variant(%rip)\n"        \
-      "movl %edi, taken_flags(%rip)\n" \
-      "ret\n"                          \
-      ".size \"" name "\", . - \"" name "\"");
-#define VARIANTS(X)                  \
-  X(1, "__zorva_new_proc_init.H")    \
-  X(2, "__zorva_new_proc_init.A")    \
-  X(3, "__zorva_new_proc_init_B.L")  \
-  X(4, "__zorva_new_proc_init_B.K")  \
-  X(5, "__zorva_new_proc_init_B.J")  \
-  X(6, "__zorva_new_proc_init_B.A")  \
-  X(7, "__zorva_new_proc_init_N.L")  \
-  X(8, "__zorva_new_proc_init_N.K")  \
-  X(9, "__zorva_new_proc_init_N.J")  \
-  X(10, "__zorva_new_proc_init_N.A") \
-  X(11, "__zorva_new_proc_init_P.L") \
-  X(12, "__zorva_new_proc_init_P.A") \
-  X(13, "__zorva_new_proc_init_T.M") \
-  X(14, "__zorva_new_proc_init_T.A") \
-  X(15, "__zorva_new_proc_init_L.O") \
-  X(16, "__zorva_new_proc_init_L.A") \
-  X(17, "__zorva_new_proc_init_S.N") \
-  X(18, "__zorva_new_proc_init_S.A") \
-  X(19, "__zorva_new_proc_init_H.P") \
-  X(20, "__zorva_new_proc_init_H.A") \
-  X(21, "__zorva_new_proc_init_G.R") \
-  X(22, "__zorva_new_proc_init_G.A") \
-  X(23, "__zorva_new_proc_init_I.S") \
-  X(24, "__zorva_new_proc_init_I.A") \
-  X(25, "__zorva_new_proc_init_E.V") \
-  X(26, "__zorva_new_proc_init_E.A") \
-  X(27, "__zorva_proc_init.H")       \
-  X(28, "__zorva_proc_init.A")       \
-  X(29, "__zorva_proc_init_B.L")     \
-  X(30, "__zorva_proc_init_B.K")     \
-  X(31, "__zorva_proc_init_B.J")     \
-  X(32, "__zorva_proc_init_B.A")     \
-  X(33, "__zorva_proc_init_N.L")     \
-  X(34, "__zorva_proc_init_N.K")     \
-  X(35, "__zorva_proc_init_N.J")     \
-  X(36, "__zorva_proc_init_N.A")     \
-  X(37, "__zorva_proc_init_P.L")     \
-  X(38, "__zorva_proc_init_P.A")     \
-  X(39, "__zorva_proc_init_T.M")     \
-  X(40, "__zorva_proc_init_T.A")
+asm(".macro variant number, name\n"
+    ".globl \\name\n"
+    ".type \\name, @function\n"
+    "\\name: movl $\\number, taken_variant(%rip)\n"
+    "movl %edi, taken_flags(%rip)\n"
+    "ret\n"
+    ".size \\name, . - \\name\n"
+    ".endm\n"
+    ".text\n");
+#define DEFINE_VARIANT(number, name) asm("variant " #number ", __zorva_" name);
+// clang-format off
+#define VARIANTS(X) \
+  X(1, "new_proc_init.H") X(2, "new_proc_init.A") X(3, "new_proc_init_B.L") \
+  X(4, "new_proc_init_B.K") X(5, "new_proc_init_B.J") X(6, "new_proc_init_B.A") \
+  X(7, "new_proc_init_N.L") X(8, "new_proc_init_N.K") X(9, "new_proc_init_N.J") \
+  X(10, "new_proc_init_N.A") X(11, "new_proc_init_P.L") X(12, "new_proc_init_P.A") \
+  X(13, "new_proc_init_T.M") X(14, "new_proc_init_T.A") X(15, "new_proc_init_L.O") \
+  X(16, "new_proc_init_L.A") X(17, "new_proc_init_S.N") X(18, "new_proc_init_S.A") \
+  X(19, "new_proc_init_H.P") X(20, "new_proc_init_H.A") X(21, "new_proc_init_G.R") \
+  X(22, "new_proc_init_G.A") X(23, "new_proc_init_I.S") X(24, "new_proc_init_I.A") \
+  X(25, "new_proc_init_E.V") X(26, "new_proc_init_E.A") X(27, "proc_init.H") X(28, "proc_init.A") \
+  X(29, "proc_init_B.L") X(30, "proc_init_B.K") X(31, "proc_init_B.J") X(32, "proc_init_B.A") \
+  X(33, "proc_init_N.L") X(34, "proc_init_N.K") X(35, "proc_init_N.J") X(36, "proc_init_N.A") \
+  X(37, "proc_init_P.L") X(38, "proc_init_P.A") X(39, "proc_init_T.M") X(40, "proc_init_T.A")
+// clang-format on
 VARIANTS(DEFINE_VARIANT)
 
 namespace {
 
 using namespace zorvac::test;
 
-#define VARIANT_NAME(number, name) name,
+#define VARIANT_NAME(number, name) "__zorva_" name,
 constexpr const char* variant_names[] = {"none", VARIANTS(VARIANT_NAME)};
 
 struct level {
@@ -91,25 +62,32 @@ struct dispatcher {
   void (*routine)();
   std::vector<level> levels;
 };
-void (*untyped(void (*routine)(int)))() { return reinterpret_cast<void (*)()>(routine); }
+template <class Routine>
+auto untyped(Routine* routine) {
+  return reinterpret_cast<void (*)()>(routine);
+}
 
+#define DISPATCHER(name, ...)                                  \
+  {                                                            \
+    "__zorva_" #name, untyped(__zorva_##name), { __VA_ARGS__ } \
+  }
 const dispatcher dispatchers[] = {
-    {"__zorva_new_proc_init", untyped(__zorva_new_proc_init), {{0x3f, "H"}}},
-    {"__zorva_new_proc_init_B", untyped(__zorva_new_proc_init_B), {{0xff, "L"}, {0x7f, "K"}}},
-    {"__zorva_new_proc_init_N", untyped(__zorva_new_proc_init_N), {{0xff, "L"}, {0x7f, "K"}}},
-    {"__zorva_new_proc_init_P", untyped(__zorva_new_proc_init_P), {{0xff, "L"}}},
-    {"__zorva_new_proc_init_T", untyped(__zorva_new_proc_init_T), {{0x1ff, "M"}}},
-    {"__zorva_new_proc_init_L", untyped(__zorva_new_proc_init_L), {{0x1ff, "O"}}},
-    {"__zorva_new_proc_init_S", untyped(__zorva_new_proc_init_S), {{0x3ff, "N"}}},
-    {"__zorva_new_proc_init_H", untyped(__zorva_new_proc_init_H), {{0x17ff, "P"}}},
-    {"__zorva_new_proc_init_G", untyped(__zorva_new_proc_init_G), {{0x117ff, "R"}}},
-    {"__zorva_new_proc_init_I", untyped(__zorva_new_proc_init_I), {{0x197ff, "S"}}},
-    {"__zorva_new_proc_init_E", untyped(__zorva_new_proc_init_E), {{0x9d97ff, "V"}}},
-    {"__zorva_proc_init", __zorva_proc_init, {{0x3f, "H"}}},
-    {"__zorva_proc_init_B", __zorva_proc_init_B, {{0xff, "L"}, {0x7f, "K"}}},
-    {"__zorva_proc_init_N", __zorva_proc_init_N, {{0xff, "L"}, {0x7f, "K"}}},
-    {"__zorva_proc_init_P", __zorva_proc_init_P, {{0xff, "L"}}},
-    {"__zorva_proc_init_T", __zorva_proc_init_T, {{0x1ff, "M"}}},
+    DISPATCHER(new_proc_init, {0x3f, "H"}),
+    DISPATCHER(new_proc_init_B, {0xff, "L"}, {0x7f, "K"}),
+    DISPATCHER(new_proc_init_N, {0xff, "L"}, {0x7f, "K"}),
+    DISPATCHER(new_proc_init_P, {0xff, "L"}),
+    DISPATCHER(new_proc_init_T, {0x1ff, "M"}),
+    DISPATCHER(new_proc_init_L, {0x1ff, "O"}),
+    DISPATCHER(new_proc_init_S, {0x3ff, "N"}),
+    DISPATCHER(new_proc_init_H, {0x17ff, "P"}),
+    DISPATCHER(new_proc_init_G, {0x117ff, "R"}),
+    DISPATCHER(new_proc_init_I, {0x197ff, "S"}),
+    DISPATCHER(new_proc_init_E, {0x9d97ff, "V"}),
+    DISPATCHER(proc_init, {0x3f, "H"}),
+    DISPATCHER(proc_init_B, {0xff, "L"}, {0x7f, "K"}),
+    DISPATCHER(proc_init_N, {0xff, "L"}, {0x7f, "K"}),
+    DISPATCHER(proc_init_P, {0xff, "L"}),
+    DISPATCHER(proc_init_T, {0x1ff, "M"}),
 };
 
 class StartupDispatch : public testing::TestWithParam<dispatcher> {

@@ -8,7 +8,6 @@
 #include <array>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
 
 #ifdef ZORVAC_COVERAGE
@@ -82,13 +81,8 @@ outcome run_in_child(const std::function<void()>& body) {
   return result;
 }
 
-outcome run_program(const std::vector<std::string>& command,
-                    const std::vector<std::string>& settings) {
+outcome run_program(const std::vector<std::string>& command) {
   return run_in_child([&] {
-    for (const std::string& setting : settings) {
-      const std::size_t equals = setting.find('=');
-      setenv(setting.substr(0, equals).c_str(), setting.substr(equals + 1).c_str(), 1);
-    }
     std::vector<char*> arguments;
     for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);

@@ -22,9 +22,8 @@ std::ostream& operator<<(std::ostream& out, const outcome& o);
 // exit handlers; its streams are flushed.
 outcome run_in_child(const std::function<void()>& body);
 
-// Runs a program, found as the shell finds it, with NAME=value settings added to the environment.
-outcome run_program(const std::vector<std::string>& command,
-                    const std::vector<std::string>& settings = {});
+// Runs a program, found as the shell finds it.
+outcome run_program(const std::vector<std::string>& command);
 
 }  // namespace zorvac::test
 #endif

@@ -11,8 +11,10 @@
 
 namespace zorvac::test {
 
+using cpuid_answers = std::map<std::pair<std::uint32_t, std::uint32_t>, cpuid_answer>;
+
 struct fake_processor {
-  std::map<std::pair<std::uint32_t, std::uint32_t>, cpuid_answer> answers;  // by leaf, sub-leaf
+  cpuid_answers answers = {};  // by leaf, sub-leaf
   std::uint64_t xcr0 = 0;
   bool cpuid_exists = true;
   mutable int xgetbv_calls = 0;

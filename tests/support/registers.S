@@ -22,33 +22,19 @@
 .section .note.GNU-stack, "", @progbits
 .text
 
-// Applies `op` to XMM, YMM or ZMM 0..15 and their places in memory at RAX.
+// Applies `op` to registers `prefix`0, 1 and so on and their places in memory, `stride` bytes apart
+// from RAX + `at` on: loads them, or stores them.
+.macro each op, prefix, at, stride, store, numbers:vararg
+  .irp n, \numbers
+  .if \store
+  \op %\prefix\n, \at + \stride * \n(%rax)
+  .else
+  \op \at + \stride * \n(%rax), %\prefix\n
+  .endif
+  .endr
+.endm
 .macro each_of_16 op, prefix, store
-  .irp n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
-  .if \store
-  \op %\prefix\n, VECTOR + 64 * \n(%rax)
-  .else
-  \op VECTOR + 64 * \n(%rax), %\prefix\n
-  .endif
-  .endr
-.endm
-.macro each_of_upper_16 store
-  .irp n, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31
-  .if \store
-  vmovdqu64 %zmm\n, VECTOR + 64 * \n(%rax)
-  .else
-  vmovdqu64 VECTOR + 64 * \n(%rax), %zmm\n
-  .endif
-  .endr
-.endm
-.macro each_mask store
-  .irp n, 0, 1, 2, 3, 4, 5, 6, 7
-  .if \store
-  kmovq %k\n, MASK + 8 * \n(%rax)
-  .else
-  kmovq MASK + 8 * \n(%rax), %k\n
-  .endif
-  .endr
+  each \op, \prefix, VECTOR, 64, \store, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
 .endm
 
 // Moves all vector registers; R11 has their size, RAX the address of the file.
@@ -63,9 +49,25 @@
   jmp 4f
 3:
   each_of_16 vmovdqu64, zmm, \store
-  each_of_upper_16 \store
-  each_mask \store
+  each vmovdqu64, zmm, VECTOR, 64, \store, 16, 17, 18, 19, 20, 21, 22, 23
+  each vmovdqu64, zmm, VECTOR, 64, \store, 24, 25, 26, 27, 28, 29, 30, 31
+  each kmovq, k, MASK, 8, \store, 0, 1, 2, 3, 4, 5, 6, 7
 4:
+.endm
+
+// Moves all general registers but RAX, which has the address of the file, and RSP.
+.macro generals store
+  .set place, 1
+  .irp r, rcx, rdx, rbx, , rbp, rsi, rdi, r8, r9, r10, r11, r12, r13, r14, r15
+  .ifnb \r
+  .if \store
+  mov %\r, GENERAL + 8 * place(%rax)
+  .else
+  mov GENERAL + 8 * place(%rax), %\r
+  .endif
+  .endif
+  .set place, place + 1
+  .endr
 .endm
 
   .globl zorvac_test_call
@@ -90,40 +92,14 @@ zorvac_test_call:
   vectors 0
   ldmxcsr MXCSR(%rax)
   fldcw X87_CONTROL(%rax)
-  mov GENERAL + 8 * 1(%rax), %rcx
-  mov GENERAL + 8 * 2(%rax), %rdx
-  mov GENERAL + 8 * 3(%rax), %rbx
-  mov GENERAL + 8 * 5(%rax), %rbp
-  mov GENERAL + 8 * 6(%rax), %rsi
-  mov GENERAL + 8 * 7(%rax), %rdi
-  mov GENERAL + 8 * 8(%rax), %r8
-  mov GENERAL + 8 * 9(%rax), %r9
-  mov GENERAL + 8 * 10(%rax), %r10
-  mov GENERAL + 8 * 11(%rax), %r11
-  mov GENERAL + 8 * 12(%rax), %r12
-  mov GENERAL + 8 * 13(%rax), %r13
-  mov GENERAL + 8 * 14(%rax), %r14
-  mov GENERAL + 8 * 15(%rax), %r15
+  generals 0
   mov GENERAL(%rax), %rax
   call *ROUTINE(%rsp)
 
   mov %rax, SCRATCH(%rsp)
   mov OUT(%rsp), %rax
-  mov %rcx, GENERAL + 8 * 1(%rax)
-  mov %rdx, GENERAL + 8 * 2(%rax)
-  mov %rbx, GENERAL + 8 * 3(%rax)
+  generals 1
   mov %rsp, GENERAL + 8 * 4(%rax)
-  mov %rbp, GENERAL + 8 * 5(%rax)
-  mov %rsi, GENERAL + 8 * 6(%rax)
-  mov %rdi, GENERAL + 8 * 7(%rax)
-  mov %r8, GENERAL + 8 * 8(%rax)
-  mov %r9, GENERAL + 8 * 9(%rax)
-  mov %r10, GENERAL + 8 * 10(%rax)
-  mov %r11, GENERAL + 8 * 11(%rax)
-  mov %r12, GENERAL + 8 * 12(%rax)
-  mov %r13, GENERAL + 8 * 13(%rax)
-  mov %r14, GENERAL + 8 * 14(%rax)
-  mov %r15, GENERAL + 8 * 15(%rax)
   mov SCRATCH(%rsp), %rcx
   mov %rcx, GENERAL(%rax)
   pushfq

@@ -18,6 +18,10 @@ static_assert(offsetof(register_file, flags) == 128 + 32 * 64 + 72);
 extern "C" void zorvac_test_call(void (*routine)(), const register_file* in, register_file* out,
                                  int bytes);
 
+namespace {
+
+// The widest register state that this machine has: bytes of a vector register (16, 32 or 64; with
+// 64 there are 32 of them and mask registers).
 int vector_bytes() {
   static const int bytes = [] {
     const hardware_processor p;
@@ -31,7 +35,7 @@ int vector_bytes() {
   return bytes;
 }
 
-int vector_count() { return vector_bytes() == 64 ? 32 : 16; }
+}  // namespace
 
 register_file filled_registers(unsigned seed) {
   register_file file;
@@ -62,12 +66,10 @@ std::vector<std::string> changed_registers(const register_file& before,
     if (i == rsp || i == r10 || i == r11) continue;
     if (before.general[i] != after.general[i]) changed.emplace_back(names[i]);
   }
-  for (int i = 0; i < vector_count(); ++i) {
-    const auto n = static_cast<std::size_t>(i);
-    if (std::memcmp(before.vector[n].data(), after.vector[n].data(),
-                    static_cast<std::size_t>(vector_bytes())) != 0)
+  const auto bytes = static_cast<std::size_t>(vector_bytes());
+  for (std::size_t i = 0; i < (bytes == 64 ? 32 : 16); ++i)
+    if (std::memcmp(before.vector[i].data(), after.vector[i].data(), bytes) != 0)
       changed.push_back("vector " + std::to_string(i));
-  }
   if (vector_bytes() == 64)
     for (std::size_t i = 0; i < before.mask.size(); ++i)
       if (before.mask[i] != after.mask[i]) changed.push_back("mask " + std::to_string(i));

@@ -10,24 +10,10 @@
 
 namespace zorvac::test {
 
-enum gpr : std::size_t {
-  rax,
-  rcx,
-  rdx,
-  rbx,
-  rsp,
-  rbp,
-  rsi,
-  rdi,
-  r8,
-  r9,
-  r10,
-  r11,
-  r12,
-  r13,
-  r14,
-  r15
-};
+// clang-format off
+enum gpr : std::size_t { rax, rcx, rdx, rbx, rsp, rbp, rsi, rdi,
+                         r8, r9, r10, r11, r12, r13, r14, r15 };
+// clang-format on
 
 // All that a routine could change. The assembler side knows the offsets.
 struct alignas(64) register_file {
@@ -39,11 +25,6 @@ struct alignas(64) register_file {
   std::uint16_t unused = 0;
   std::uint64_t flags = 0;
 };
-
-// The widest register state that this machine has: bytes of a vector register (16, 32 or 64), and
-// how many there are (16, or 32 with mask registers).
-int vector_bytes();
-int vector_count();
 
 // A file with different bytes everywhere.
 register_file filled_registers(unsigned seed);
