@@ -178,3 +178,9 @@ set_property(SOURCE ${ZORVAC_STRING_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   -O2 -fno-builtin -fno-sanitize=address,thread
   $<$<CXX_COMPILER_ID:GNU>:-fno-tree-loop-distribute-patterns>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_STRING_SOURCES})
+
+# Reductions of arrays, whose loops the compiler vectorises wherever it optimises.
+zorvac_sources(ZORVAC_REDUCTION_SOURCES baseline array/omp_support.cpp)
+set_property(SOURCE ${ZORVAC_REDUCTION_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
+  $<$<CXX_COMPILER_ID:GNU>:-ftree-vectorize\;-fvect-cost-model=dynamic>)
+list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_REDUCTION_SOURCES})
