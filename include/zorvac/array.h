@@ -133,7 +133,7 @@ void __zorva_dgcopybn_psc(uint64_t k, uint64_t columns, const double* b, uint64_
 void __zorva_dgcopybt_psc(uint64_t k, uint64_t columns, const double* b, uint64_t ldb,
                           double* packed);
 
-/** Inner kernels of the blocked products, on packed operands aligned to 32 bytes; m, n and k are
+/** Inner kernels of the blocked products, on packed operands aligned to 16 bytes; m, n and k are
  *  multiples of 4. Each element of C gets a sum that starts from zero and takes the products in the
  *  order of k.
  *    __zorva_dinnerz_roll_xk64w  C := the sum; C is not read
