@@ -31,43 +31,44 @@ std::vector<shape> shapes() {
       {38, 39, 2001}, {36, 113, 2006}, {37, 38, 4003},  {300, 3, 300},   {3, 300, 300},
       {300, 300, 3},  {1000, 1, 1},    {1, 1000, 1},    {1, 1, 1000},    {257, 260, 33},
   };
-  const u64 small[] = {0, 1, 2, 3, 4, 5, 7, 8, 9, 17};
+  const u64 small[] = {0, 1, 2, 3, 4, 5, 8, 9, 17};
   for (const u64 m : small)
     for (const u64 k : small)
       for (const u64 n : small) all.push_back({m, k, n});
   return all;
 }
 
+// A and B, as themselves and as a routine wants them stored.
 template <class E>
 struct operands {
   explicit operands(const shape& s, unsigned seed = 1)
-      : a(s.m, s.k, 0), b(s.k, s.n, 0), gap((s.m + s.n) % 4) {
+      : a(s.m, s.k, 0), b(s.k, s.n, 0), sa(0, 0, 0), sb(0, 0, 0), gap((s.m + s.n) % 4) {
     a.fill_randomly(seed);
     b.fill_randomly(seed + 1);
   }
-  // Runs a routine that takes the extents in the order of entries, or else of kernels.
-  void run(product_fn* f, bool entry_order, const routines& r, matrix<E>& c) {
-    const matrix<E> sa = a.stored(r.a, gap), sb = b.stored(r.b, (gap + 1) % 4);
-    const u64 m = a.rows(), k = a.columns(), n = b.columns();
-    f(sa.data(), sb.data(), c.data(), m, entry_order ? k : n, entry_order ? n : k, sa.ld(), sb.ld(),
-      c.ld());
-    EXPECT_TRUE(c.surroundings_are_whole()) << r.a << '_' << r.b;
+  void store_for(const routines& r) {
+    sa = a.stored(r.a, gap);
+    sb = b.stored(r.b, (gap + 1) % 4);
   }
   matrix<E> result() const { return matrix<E>(a.rows(), b.columns(), (gap + 2) % 4); }
-  matrix<E> product(product_fn* entry, const routines& r, u64 indicator) {
+  matrix<E> product(product_fn* entry, u64 indicator) const {
     __zorva_cpu_feature_indicator = indicator;
     matrix<E> c = result();
-    run(entry, true, r, c);
+    entry(sa.data(), sb.data(), c.data(), a.rows(), a.columns(), b.columns(), sa.ld(), sb.ld(),
+          c.ld());
+    EXPECT_TRUE(c.surroundings_are_whole());
     return c;
   }
-  matrix<E> accumulated(const routines& r, const matrix<E>& onto, u64 indicator) {
+  matrix<E> accumulated(product_fn* kernel, const matrix<E>& onto, u64 indicator) const {
     __zorva_cpu_feature_indicator = indicator;
     matrix<E> c = onto.copy();
-    run(r.general, false, r, c);
+    kernel(sa.data(), sb.data(), c.data(), a.rows(), b.columns(), a.columns(), sa.ld(), sb.ld(),
+           c.ld());
+    EXPECT_TRUE(c.surroundings_are_whole());
     return c;
   }
 
-  matrix<E> a, b;
+  matrix<E> a, b, sa, sb;
   u64 gap;
 };
 
@@ -153,9 +154,9 @@ void add_in_order(matrix<E>& c, const operands<E>& x, u64 first, u64 last, u64 r
 // The blocked product: the last K mod 112 contraction indices first, then blocks of 112, each block
 // of a tile summed from zero; rows beyond a multiple of 4 by the general kernel, block by block;
 // columns beyond a multiple of 4 by the matrix-vector routine.
-matrix<double> blocked_model(operands<double>& x, const routines& r) {
+matrix<double> blocked_model(const operands<double>& x, const routines& r) {
   const u64 m = x.a.rows(), k = x.a.columns(), n = x.b.columns(), m4 = m / 4 * 4, n4 = n / 4 * 4;
-  const matrix<double> a = x.a.stored(r.a, 0), b = x.b.stored(r.b, 0);
+  const matrix<double>&a = x.sa, &b = x.sb;
   matrix<double> c = x.result(), tile = x.result();
   const auto a_at = [&](u64 i, u64 kk) { return &(r.a == 'n' ? a.at(i, kk) : a.at(kk, i)); };
   const auto b_at = [&](u64 kk, u64 j) { return &(r.b == 'n' ? b.at(kk, j) : b.at(j, kk)); };
@@ -195,12 +196,14 @@ TYPED_TEST(Product, IsRightAndSummedInOrder) {
     operands<E> x(s);
     reference<E> expected(x.a, x.b);
     for (const routines& r : routines_of<E>()) {
-      const matrix<E> c = x.product(r.entry, r, pair_form);
+      x.store_for(r);
+      const matrix<E> c = x.product(r.entry, pair_form);
       expected.compare(c, s, r);
       // The generic variant clears and accumulates; so does a blocked kernel for what is small.
-      const matrix<E> generic = x.product(r.entry, r, generic_form);
+      const matrix<E> generic = x.product(r.entry, generic_form);
       const matrix<E> cleared = zeros(generic);
-      ASSERT_TRUE(generic.same_bits(x.accumulated(r, cleared, pair_form))) << s << r.a << r.b;
+      ASSERT_TRUE(generic.same_bits(x.accumulated(r.general, cleared, pair_form)))
+          << s << r.a << r.b;
       const bool small = r.blocked == nullptr || s.m < 34 || s.k < 38 || s.n < 38;
       ASSERT_TRUE(!small || c.same_bits(generic)) << s << ' ' << r.a << r.b;
       if constexpr (std::is_same_v<E, double>) {
@@ -211,7 +214,8 @@ TYPED_TEST(Product, IsRightAndSummedInOrder) {
     initial.fill_randomly(7);
     expected.add_initial(initial);
     for (const routines& r : routines_of<E>()) {
-      const matrix<E> c = x.accumulated(r, initial, pair_form);
+      x.store_for(r);
+      const matrix<E> c = x.accumulated(r.general, initial, pair_form);
       expected.compare(c, s, r);
       if constexpr (std::is_floating_point_v<E>)
         if (r.a == 'n') {
@@ -234,15 +238,18 @@ TYPED_TEST(Product, KeepsNansAndInfinitiesToTheirRowsAndColumns) {
       operands<E> sound(s), x(s);
       x.a.at(row, s.k / 2) = E(static_cast<float>(infinity));
       x.b.at(s.k - 1, column) = E(std::nanf(""));
-      for (const routines& r : routines_of<E>())
+      for (const routines& r : routines_of<E>()) {
+        x.store_for(r);
+        sound.store_for(r);
         for (const u64 form : {generic_form, pair_form}) {
-          const matrix<E> c = x.product(r.entry, r, form), d = sound.product(r.entry, r, form);
+          const matrix<E> c = x.product(r.entry, form), d = sound.product(r.entry, form);
           for (u64 j = 0; j < s.n; ++j)
             for (u64 i = 0; i < s.m; ++i)
               ASSERT_TRUE(i == row || j == column ? !std::isfinite(std::abs(c.at(i, j)))
                                                   : c.at(i, j) == d.at(i, j))
                   << s << ' ' << r.a << r.b << ' ' << i << ',' << j;
         }
+      }
     }
 }
 
@@ -288,10 +295,12 @@ class Form : public testing::TestWithParam<form_row> {
       matrix<E> initial = x.result();
       initial.fill_randomly(5);
       for (const routines& r : routines_of<E>()) {
+        x.store_for(r);
         product_fn* const f = wide == generic_form ? r.generic : r.entry;
-        ASSERT_TRUE(x.product(f, r, wide).same_bits(x.product(f, r, pair_form)))
+        ASSERT_TRUE(x.product(f, wide).same_bits(x.product(f, pair_form)))
             << s << ' ' << r.a << r.b << " entry, bytes of an element: " << sizeof(E);
-        ASSERT_TRUE(x.accumulated(r, initial, wide).same_bits(x.accumulated(r, initial, pair_form)))
+        ASSERT_TRUE(x.accumulated(r.general, initial, wide)
+                        .same_bits(x.accumulated(r.general, initial, pair_form)))
             << s << ' ' << r.a << r.b << " general, bytes of an element: " << sizeof(E);
       }
     }
