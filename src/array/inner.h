@@ -85,10 +85,18 @@ ZORVAC_INLINE inline void inner_tiles(const inner_block& w, std::size_t& i) {
   }
 }
 
+// A value of B twice, by MOVDDUP, or two of them.
 ZORVAC_INLINE inline void fill_strip(double* strip, const double* b, std::size_t terms) {
-  for (std::size_t i = 0; i < terms * panel_extent; i += 4)
-    repeat<4>([&]<int J>()
-                  ZORVAC_INLINE { _mm_store_pd(strip + 2 * (i + J), _mm_loaddup_pd(b + i + J)); });
+#ifdef __AVX2__
+  for (const double* const end = b + terms * panel_extent; b != end; b += 4, strip += 8)
+    repeat<2>([&]<int J>() ZORVAC_INLINE {
+      const __m256d twice = _mm256_broadcast_pd(reinterpret_cast<const __m128d*>(b + 2 * J));
+      _mm256_storeu_pd(strip + 4 * J, _mm256_permute_pd(twice, 0xc));
+    });
+#else
+  for (const double* const end = b + terms * panel_extent; b != end; b += 4, strip += 8)
+    repeat<4>([&]<int J>() ZORVAC_INLINE { _mm_store_pd(strip + 2 * J, _mm_loaddup_pd(b + J)); });
+#endif
 }
 
 // `Tiles`::all(block): the tiles of one level.

@@ -6,12 +6,11 @@
 namespace {
 struct octet_tiles {
   static void all(const zorvac::array::inner_block& w) {
-    using octet = zorvac::array::real<zorvac::array::avx512, double>;
     using quad = zorvac::array::real<zorvac::array::avx2, double>;
     std::size_t i = 0;
-    zorvac::array::inner_tiles<octet, 3>(w, i);
-    zorvac::array::inner_tiles<octet, 2>(w, i);
-    zorvac::array::inner_tiles<octet, 1>(w, i);
+    zorvac::array::inner_tiles<quad, 4>(w, i);
+    zorvac::array::inner_tiles<quad, 3>(w, i);
+    zorvac::array::inner_tiles<quad, 2>(w, i);
     zorvac::array::inner_tiles<quad, 1>(w, i);
   }
 };

@@ -37,10 +37,18 @@ struct tile {
   template <class A, class B>
   ZORVAC_INLINE void add_products(A& a, B& b) {
     typename V::operand x[Rows];
-    repeat<Rows>([&]<int R>() ZORVAC_INLINE { x[R] = V::as_operand(a.template load<R>()); });
+    repeat<Rows>([&]<int R>() ZORVAC_INLINE {
+      auto rows = a.template load<R>();
+      if (R < 2) hold(rows);  // where there are more, the rest is read at each use
+      x[R] = V::as_operand(rows);
+    });
     repeat<Columns>([&]<int J>() ZORVAC_INLINE {
-      const typename V::factor y = b.template factor<J>();
-      repeat<Rows>([&]<int R>() ZORVAC_INLINE { c[J][R] = V::add_product(c[J][R], x[R], y); });
+      auto y = b.template factor<J>();
+      V::hold_factor(y);
+      repeat<Rows>([&]<int R>() ZORVAC_INLINE {
+        c[J][R] = V::add_product(c[J][R], x[R], y);
+        hold(c[J][R]);
+      });
     });
     a.step();
     b.step();
