@@ -163,10 +163,11 @@ const bool registered = [] {
   for (const char* threads : {"OPENBLAS_NUM_THREADS", "BLIS_NUM_THREADS", "OMP_NUM_THREADS"})
     setenv(threads, "1", 1);
   std::vector<problem> all, some;
-  for (const std::uint64_t n :
-       {4, 8, 12, 16, 24, 32, 48, 64, 96, 128, 192, 256, 384, 512, 768, 1024, 1536})
+  for (const std::uint64_t n : std::initializer_list<std::uint64_t>{
+           4, 8, 12, 16, 24, 32, 48, 64, 96, 128, 192, 256, 384, 512, 768, 1024, 1536})
     all.push_back({"", "", n, n, n});
-  for (const std::uint64_t n : {4, 16, 64, 128, 256, 512}) some.push_back({"", "", n, n, n});
+  for (const std::uint64_t n : std::initializer_list<std::uint64_t>{4, 16, 64, 128, 256, 512})
+    some.push_back({"", "", n, n, n});
   for (const problem& thin : {problem{"", "", 1000, 1000, 4},
                               {"", "", 4, 1000, 1000},
                               {"", "", 1000, 4, 1000},

@@ -17,7 +17,7 @@ template <class T>
 
 template <class T>
 void add_rows(const std::string& name, std::uint32_t type, std::uint32_t op, auto plain) {
-  for (const std::uint64_t count : {8, 64, 1024, 65536}) {
+  for (const std::uint64_t count : std::initializer_list<std::uint64_t>{8, 64, 1024, 65536}) {
     const std::string row = name + '/' + std::to_string(count) + '/';
     benchmark::RegisterBenchmark((row + "zorvac").c_str(), [=](benchmark::State& state) {
       std::vector<T> t(count, T{1}), p(count, T{1});
