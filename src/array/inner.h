@@ -16,7 +16,7 @@ namespace {
 inline constexpr std::size_t panel_extent = 4;  // rows of A, columns of B
 inline constexpr std::size_t full_block = 112;  // terms
 
-// Rows of packed A: register R of the tile. A pair is half a panel, 4 doubles are a panel, 8 are two.
+// Rows of packed A: register R of the tile. A pair is half a panel, 4 doubles are a panel.
 template <class V>
 struct packed_rows {
   const double* p;
@@ -26,15 +26,8 @@ struct packed_rows {
   ZORVAC_INLINE typename V::reg load() const {
     if constexpr (V::width == 2) {
       return _mm_load_pd(p + (R % 2) * 2 + (R / 2) * panel);
-#ifdef __AVX2__
-    } else if constexpr (V::width == 4) {
-      return V::memory::load(p + R * panel);
-#endif
-#ifdef __AVX512DQ__
     } else {
-      const __m512d low = _mm512_castpd256_pd512(_mm256_loadu_pd(p + 2 * R * panel));
-      return _mm512_maskz_insertf64x4(0xff, low, _mm256_loadu_pd(p + (2 * R + 1) * panel), 1);
-#endif
+      return V::memory::load(p + R * panel);
     }
   }
   ZORVAC_INLINE void step() { p += panel_extent; }
@@ -69,7 +62,10 @@ ZORVAC_INLINE inline void inner_tiles(const inner_block& w, std::size_t& i) {
   constexpr std::size_t rows = Rows * V::width;
   for (; w.rows - i >= rows; i += rows) {
     double* const c = w.c + i;
-    repeat<4>([&]<int J>() ZORVAC_INLINE { __builtin_prefetch(c + J * w.ldc, 0, 0); });
+    repeat<4>([&]<int J>() ZORVAC_INLINE {
+      for (std::size_t line = 0; line < rows; line += 8)
+        __builtin_prefetch(c + J * w.ldc + line, 0, 0);
+    });
     packed_rows<V> a{w.a + i * w.terms, w.terms * panel_extent};
     strip_columns<V> b{w.strip};
     tile<V, Rows, 4> sum{};

@@ -137,41 +137,22 @@ struct avx2 {
 };
 #endif
 
-// With full masks here and there: the plain intrinsics draw warnings from a compiler's own header.
-#ifdef __AVX512DQ__
-struct avx512 {
-  static constexpr std::size_t bytes = 64;
-  static constexpr int real_tile_registers = 3, complex_tile_registers = 3;
+#ifdef __AVX512VL__
+// The same width, which was measured to be the fastest, with masks and twice as many registers.
+struct avx512 : avx2 {
+  static constexpr int real_tile_registers = 4, complex_tile_registers = 3;
 
   template <std::size_t ElementBytes>
   struct part {
-    __mmask16 mask;
+    __mmask8 mask;
 
     explicit part(std::size_t elements)
-        : mask(static_cast<__mmask16>((1u << elements * ElementBytes / 4) - 1)) {}
-    static __m512i repeat(const void* p) {
-      if constexpr (ElementBytes == 4) return _mm512_set1_epi32(load_word<int>(p));
-      if constexpr (ElementBytes == 8) return _mm512_set1_epi64(load_word<long long>(p));
-      return _mm512_maskz_broadcast_i32x4(0xffff, _mm_loadu_si128(static_cast<const __m128i*>(p)));
+        : mask(static_cast<__mmask8>((1u << elements * ElementBytes / 4) - 1)) {}
+    [[nodiscard]] __m256i load(const void* p) const {
+      return _mm256_mask_loadu_epi32(avx2::part<ElementBytes>::repeat(p), mask, p);
     }
-    [[nodiscard]] __m512i load(const void* p) const {
-      return _mm512_mask_loadu_epi32(repeat(p), mask, p);
-    }
-    void store(void* p, __m512i v) const { _mm512_mask_storeu_epi32(p, mask, v); }
+    void store(void* p, __m256i v) const { _mm256_mask_storeu_epi32(p, mask, v); }
   };
-
-  static __m512d spread(double x) { return _mm512_set1_pd(x); }
-  static __m512 spread(float x) { return _mm512_set1_ps(x); }
-  static __m512d turned(__m512d a) {
-    return _mm512_maskz_permute_pd(0xff, _mm512_xor_pd(a, _mm512_set4_pd(-0.0, 0.0, -0.0, 0.0)),
-                                   0x55);
-  }
-  static __m512 turned(__m512 a) {
-    return _mm512_maskz_permute_ps(
-        0xffff, _mm512_xor_ps(a, _mm512_set4_ps(-0.0f, 0.0f, -0.0f, 0.0f)), 0xb1);
-  }
-  static __m512d plus_turned(__m512d x, __m512d y) { return x + y; }
-  static __m512 plus_turned(__m512 x, __m512 y) { return x + y; }
 };
 #endif
 

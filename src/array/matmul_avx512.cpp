@@ -1,12 +1,12 @@
-// The matrix kernels with 8 doubles to a register.
+// The matrix kernels with 4 doubles to a register, 32 registers and masks.
 #include "array/inner.h"
 #include "array/matmul_column.h"
 #include "array/matmul_general.h"
 
 namespace {
-struct octet_tiles {
+struct quad_tiles {
   static void all(const zorvac::array::inner_block& w) {
-    using quad = zorvac::array::real<zorvac::array::avx2, double>;
+    using quad = zorvac::array::real<zorvac::array::avx512, double>;
     std::size_t i = 0;
     zorvac::array::inner_tiles<quad, 4>(w, i);
     zorvac::array::inner_tiles<quad, 3>(w, i);
@@ -21,4 +21,4 @@ ZORVAC_GENERAL_KERNELS(r8, Z, real<avx512, double>)
 ZORVAC_GENERAL_KERNELS(c4, Z, complex<avx512, float>)
 ZORVAC_GENERAL_KERNELS(c8, Z, complex<avx512, double>)
 ZORVAC_COLUMN_KERNELS(Z, real<avx512, double>)
-ZORVAC_INNER_KERNELS(Z, octet_tiles)
+ZORVAC_INNER_KERNELS(Z, quad_tiles)

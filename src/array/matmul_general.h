@@ -97,6 +97,9 @@ ZORVAC_INLINE inline void add_tile(const panel<typename V::element>& w, std::siz
 template <class V, int Rows, bool Part>
 [[gnu::noinline]] void add_panel(const panel<typename V::element>& w) {
   std::size_t j = 0;
+  if constexpr (Rows == 1) {  // four sums do not keep the adders busy
+    for (; w.columns - j >= 8; j += 8) add_tile<V, Rows, Part, 8>(w, j);
+  }
   for (; w.columns - j >= 4; j += 4) add_tile<V, Rows, Part, 4>(w, j);
   switch (w.columns - j) {
     case 3:
