@@ -49,6 +49,7 @@ void store_word(void* p, Word word) {
 //   tile_registers       of rows in a tile of C, for real and for complex elements: as many as leave
 //                        the accumulators, four columns of them, and what feeds them in registers
 //   part<ElementBytes>   loads and stores the first few elements of a register
+//   has_masks            it does so in one instruction each
 //   spread               every lane the same
 //   turned, plus_turned  the pair (ar, ai) turned for the product with i, and the sum of a product
 //                        with a pair and a product with a turned pair. The sign of ai is flipped in
@@ -58,6 +59,7 @@ void store_word(void* p, Word word) {
 struct sse2 {
   static constexpr std::size_t bytes = 16;
   static constexpr int real_tile_registers = 2, complex_tile_registers = 2;
+  static constexpr bool has_masks = false;
 
   template <std::size_t ElementBytes>
   struct part {
@@ -108,6 +110,7 @@ struct sse3 : sse2 {
 struct avx2 {
   static constexpr std::size_t bytes = 32;
   static constexpr int real_tile_registers = 3, complex_tile_registers = 2;
+  static constexpr bool has_masks = true;
 
   template <std::size_t ElementBytes>
   struct part {
@@ -160,6 +163,7 @@ struct avx512 : avx2 {
 // how their product is added to a sum.
 template <class Level, class Scalar>
 struct real {
+  using level = Level;
   using element = Scalar;
   using memory = vector<Scalar, Level::bytes>;
   using reg = typename memory::reg;
@@ -186,6 +190,7 @@ struct complex_number {
 // The product (ar br - ai bi, ar bi + ai br) is the pair a br plus the pair (-ai, ar) bi.
 template <class Level, class Scalar>
 struct complex {
+  using level = Level;
   using element = complex_number<Scalar>;
   using memory = vector<Scalar, Level::bytes>;
   using reg = typename memory::reg;

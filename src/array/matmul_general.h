@@ -3,8 +3,8 @@
 // The general kernels, C := C + op(A) op(B): one template over the element type at a processor level
 // and the storage of A and B. docs/kernels.md states the order of every sum.
 //
-// C is cut into panels of a few registers of rows, the terms into blocks; a panel meets all columns
-// before the next block comes. A block of A that is not stored in columns, or that many columns are
+// Columns and terms are cut into blocks of B that stay in the cache while panels of A, a few
+// registers of rows each, go by. A panel of A that is not stored in columns, or that many columns are
 // going to meet, is first copied to where its rows lie side by side.
 #include "array/tile.h"
 
@@ -14,7 +14,9 @@ namespace {
 enum class stored { as_used, transposed };
 
 inline constexpr std::size_t block_terms = 128;
-inline constexpr std::size_t few_columns = 24;  // for these, copying A does not pay
+inline constexpr std::size_t few_columns = 24;        // for these, copying A does not pay
+inline constexpr std::size_t cached_bytes = 1 << 18;  // of B, a block of which all rows meet
+inline constexpr std::size_t aside_columns = 64;      // sums kept aside at a time
 
 [[gnu::always_inline]] inline std::size_t smaller(std::size_t a, std::size_t b) {
   return a < b ? a : b;
@@ -80,7 +82,7 @@ ZORVAC_INLINE inline void add_tile(const panel<typename V::element>& w, std::siz
       column.step();
     });
   }
-  column_rows<V, Rows, Part> a{w.a, w.a_step, last};
+  column_rows<V, Rows, Part && V::level::has_masks> a{w.a, w.a_step, last};
   columns_of_b<V> b{w.b + j * w.b_column, w.b_step, w.b_column};
   for (std::size_t k = w.terms; k != 0; --k) sum.add_products(a, b);
 
@@ -136,86 +138,94 @@ std::size_t rows_of_panel(std::size_t left) {
   return (left / 2 + V::width - 1) / V::width * V::width;
 }
 
-// A as the template's storage says, and room for a copy of a block of it.
+// Room for a copy of a block of A. A copy has whole registers of rows; those past the last repeat
+// the first.
 template <class V, stored A>
 struct block_of_a {
   using element = typename V::element;
   static constexpr std::size_t most_rows = V::tile_registers * V::width;
   alignas(64) element copy[most_rows * block_terms];
 
-  // Lets `w` have the rows from `a` on, for w.rows and w.terms.
-  void give(panel<element>& w, const element* a, std::size_t lda, bool few) {
+  // Lets `w` have A from `a` on, for w.rows and w.terms.
+  void give(panel<element>& w, const element* a, std::size_t lda) {
+    const std::size_t registers = (w.rows + V::width - 1) / V::width;
+    const bool loadable = V::level::has_masks || w.rows % V::width == 0;
     w.a = a;
     w.a_step = lda;
-    if (A == stored::as_used && few) return;
+    if (A == stored::as_used && w.columns <= few_columns && loadable) return;
     const std::size_t i_step = A == stored::as_used ? 1 : lda;
     const std::size_t k_step = A == stored::as_used ? lda : 1;
-    for (std::size_t k = 0; k < w.terms; ++k)
-      for (std::size_t i = 0; i < w.rows; ++i) copy[k * w.rows + i] = a[i * i_step + k * k_step];
     w.a = copy;
-    w.a_step = w.rows;
+    w.a_step = registers * V::width;
+    for (std::size_t k = 0; k < w.terms; ++k)
+      for (std::size_t i = 0; i < w.a_step; ++i)
+        copy[k * w.a_step + i] = a[(i < w.rows ? i * i_step : 0) + k * k_step];
   }
 };
 
-// Rows of A times all of B, block by block.
+// Adds m rows of A times the columns of `w`, block by block.
 template <class V, stored A, stored B>
-void add_blocks(panel<typename V::element> w, const typename V::element* a, std::size_t lda,
-                std::size_t k) {
+void add_blocks(const panel<typename V::element>& w, const typename V::element* a, std::size_t lda,
+                std::size_t m, std::size_t k) {
   block_of_a<V, A> block;
-  const auto* const b = w.b;
   for (std::size_t k0 = 0; k0 < k; k0 += block_terms) {
-    w.terms = smaller(k - k0, block_terms);
-    w.b = b + k0 * w.b_step;
-    block.give(w, a + k0 * (A == stored::as_used ? lda : 1), lda, w.columns <= few_columns);
-    add<V>(w);
+    panel<typename V::element> part = w;
+    part.terms = smaller(k - k0, block_terms);
+    part.b += k0 * w.b_step;
+    for (std::size_t i = 0; i < m; i += part.rows) {
+      part.rows = rows_of_panel<V>(m - i);
+      part.c = w.c + i;
+      block.give(part, A == stored::as_used ? a + i + k0 * lda : a + k0 + i * lda, lda);
+      add<V>(part);
+    }
   }
 }
 
-// The same, with a sum that starts from zero and runs over all blocks before it is added to C. A
-// few columns at a time, their sums are kept aside.
+// The same for the rows of one panel, with a sum that starts from zero and runs over all blocks
+// before it is added to C: the sums are kept aside.
 template <class V, stored A, stored B>
 void add_whole_sums(const panel<typename V::element>& w, const typename V::element* a,
-                    std::size_t lda, std::size_t k) {
+                    std::size_t lda, std::size_t rows, std::size_t k) {
   using element = typename V::element;
-  constexpr std::size_t aside = 32;
-  element sums[block_of_a<V, A>::most_rows * aside];
-  for (std::size_t j = 0; j < w.columns; j += aside) {
-    panel<element> part = w;
-    part.columns = smaller(w.columns - j, aside);
-    part.b = w.b + j * w.b_column;
-    part.c = sums;
-    part.ldc = w.rows;
-    part.from_zero = false;
-    for (std::size_t i = 0; i < part.columns * w.rows; ++i) sums[i] = element{};
-    add_blocks<V, A, B>(part, a, lda, k);
-    for (std::size_t column = 0; column < part.columns; ++column)
-      for (std::size_t i = 0; i < w.rows; ++i)
-        w.c[(j + column) * w.ldc + i] = w.c[(j + column) * w.ldc + i] + sums[column * w.rows + i];
-  }
+  element sums[block_of_a<V, A>::most_rows * aside_columns];
+  panel<element> aside = w;
+  aside.c = sums;
+  aside.ldc = rows;
+  aside.from_zero = false;
+  for (std::size_t i = 0; i < w.columns * rows; ++i) sums[i] = element{};
+  add_blocks<V, A, B>(aside, a, lda, rows, k);
+  for (std::size_t j = 0; j < w.columns; ++j)
+    for (std::size_t i = 0; i < rows; ++i)
+      w.c[j * w.ldc + i] = w.c[j * w.ldc + i] + sums[j * rows + i];
 }
 
 template <class V, stored A, stored B>
 void general(const void* first_a, const void* first_b, void* first_c, std::size_t m, std::size_t n,
              std::size_t k, std::size_t lda, std::size_t ldb, std::size_t ldc) {
   using element = typename V::element;
-  const auto* a = static_cast<const element*>(first_a);
+  const auto* const a = static_cast<const element*>(first_a);
+  const auto* const b = static_cast<const element*>(first_b);
+  auto* const c = static_cast<element*>(first_c);
+  const bool whole_sums = A == stored::transposed && B == stored::transposed && k > block_terms;
+  const std::size_t most =
+      whole_sums ? aside_columns : cached_bytes / sizeof(element) / block_terms;
   panel<element> w;
-  w.b = static_cast<const element*>(first_b);
   w.b_step = B == stored::as_used ? 1 : ldb;
   w.b_column = B == stored::as_used ? ldb : 1;
-  w.c = static_cast<element*>(first_c);
   w.ldc = ldc;
-  w.columns = n;
   w.from_zero = A == stored::transposed;
-  while (m != 0) {
-    w.rows = rows_of_panel<V>(m);
-    if (A == stored::transposed && B == stored::transposed && k > block_terms)
-      add_whole_sums<V, A, B>(w, a, lda, k);
-    else
-      add_blocks<V, A, B>(w, a, lda, k);
-    a += w.rows * (A == stored::as_used ? 1 : lda);
-    w.c += w.rows;
-    m -= w.rows;
+  for (std::size_t j = 0; j < n; j += most) {
+    w.columns = smaller(n - j, most);
+    w.b = b + j * w.b_column;
+    w.c = c + j * ldc;
+    if (!whole_sums) {
+      add_blocks<V, A, B>(w, a, lda, m, k);
+      continue;
+    }
+    for (std::size_t i = 0, rows = 0; i < m; i += rows, w.c += rows) {
+      rows = rows_of_panel<V>(m - i);
+      add_whole_sums<V, A, B>(w, a + i * lda, lda, rows, k);
+    }
   }
 }
 
