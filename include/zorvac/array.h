@@ -18,7 +18,8 @@
  *    memory     reads and writes elements of the operands only, never what lies between columns
  *    errors     none; nothing is checked
  *    rounding   every product and every sum is rounded by itself (MXCSR), in an order that does not
- *               depend on the processor: docs/kernels.md states it
+ *               depend on the processor: docs/kernels.md states it. Exception flags are those of
+ *               these operations
  *    registers  System V AMD64
  *    threads    re-entrant
  */
