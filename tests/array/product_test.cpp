@@ -253,20 +253,6 @@ TYPED_TEST(Product, KeepsNansAndInfinitiesToTheirRowsAndColumns) {
     }
 }
 
-// No operand is conjugated.
-TYPED_TEST(Product, OfImaginaryUnitsIsMinusOne) {
-  using E = TypeParam;
-  if constexpr (!std::is_floating_point_v<E>)
-    for (const u64 form : {generic_form, u64{0xff}})
-      for (const routines& r : routines_of<E>()) {
-        const E i(0, 1);
-        E c(7, 7);
-        __zorva_cpu_feature_indicator = form;
-        r.entry(&i, &i, &c, 1, 1, 1, 1, 1, 1);
-        EXPECT_EQ(c, E(-1, 0));
-      }
-}
-
 struct form_row {
   const char* name;
   u64 indicator;
