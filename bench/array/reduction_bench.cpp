@@ -9,6 +9,17 @@
 
 namespace {
 
+// A target and a partial array half a page apart, page offsets considered: a load that has the page
+// offset of a store still in flight waits for it.
+template <class T>
+struct arrays {
+  explicit arrays(std::uint64_t count)
+      : all((count * sizeof(T) / 4096 * 2 + 3) * 4096 / sizeof(T), T{1}),
+        p(all.data() + (count * sizeof(T) / 4096 * 4096 + 4096 + 2048) / sizeof(T)) {}
+  std::vector<T> all;
+  T *t = all.data(), *p;
+};
+
 // Out of line, as ours is; the arrays may overlap, as ours may.
 template <class T>
 [[gnu::noinline]] void fold(T* t, const T* p, std::uint64_t count, auto combined) {
@@ -20,16 +31,16 @@ void add_rows(const std::string& name, std::uint32_t type, std::uint32_t op, aut
   for (const std::uint64_t count : std::initializer_list<std::uint64_t>{8, 64, 1024, 65536}) {
     const std::string row = name + '/' + std::to_string(count) + '/';
     benchmark::RegisterBenchmark((row + "zorvac").c_str(), [=](benchmark::State& state) {
-      std::vector<T> t(count, T{1}), p(count, T{1});
+      const arrays<T> a(count);
       for (auto _ : state) {
-        __zorva_simd_reduction_final_array(t.data(), p.data(), count, 1, 0, op, type);
+        __zorva_simd_reduction_final_array(a.t, a.p, count, 1, 0, op, type);
         benchmark::ClobberMemory();
       }
     });
     benchmark::RegisterBenchmark((row + "loop").c_str(), [=](benchmark::State& state) {
-      std::vector<T> t(count, T{1}), p(count, T{1});
+      const arrays<T> a(count);
       for (auto _ : state) {
-        fold(t.data(), p.data(), count, plain);
+        fold(a.t, a.p, count, plain);
         benchmark::ClobberMemory();
       }
     });
