@@ -139,13 +139,13 @@ std::size_t rows_of_panel(std::size_t left) {
 }
 
 // Room for a copy of a block of A. A copy has whole registers of rows; those past the last repeat
-// the first.
+// one that is there.
 template <class V, stored A>
-struct block_of_a {
+class block_of_a {
   using element = typename V::element;
-  static constexpr std::size_t most_rows = V::tile_registers * V::width;
-  alignas(64) element copy[most_rows * block_terms];
 
+ public:
+  static constexpr std::size_t most_rows = V::tile_registers * V::width;
   // Lets `w` have A from `a` on, for w.rows and w.terms.
   void give(panel<element>& w, const element* a, std::size_t lda) {
     const std::size_t registers = (w.rows + V::width - 1) / V::width;
@@ -153,13 +153,40 @@ struct block_of_a {
     w.a = a;
     w.a_step = lda;
     if (A == stored::as_used && w.columns <= few_columns && loadable) return;
-    const std::size_t i_step = A == stored::as_used ? 1 : lda;
-    const std::size_t k_step = A == stored::as_used ? lda : 1;
     w.a = copy;
     w.a_step = registers * V::width;
-    for (std::size_t k = 0; k < w.terms; ++k)
-      for (std::size_t i = 0; i < w.a_step; ++i)
-        copy[k * w.a_step + i] = a[(i < w.rows ? i * i_step : 0) + k * k_step];
+    if (A == stored::as_used)
+      copy_columns(w, a, lda);
+    else
+      copy_rows(w, a, lda);
+  }
+
+ private:
+  alignas(64) element copy[most_rows * block_terms];
+
+  void copy_columns(const panel<element>& w, const element* a, std::size_t lda) {
+    const std::size_t whole = w.rows / V::width * V::width;
+    const typename V::part last(w.rows - whole);
+    element* to = copy;
+    for (std::size_t k = 0; k < w.terms; ++k, a += lda, to += w.a_step) {
+      for (std::size_t i = 0; i < whole; i += V::width)
+        V::memory::store(to + i, V::memory::load(a + i));
+      if (whole < w.rows)
+        V::memory::store(to + whole, reinterpret_cast<typename V::reg>(last.load(a + whole)));
+    }
+  }
+
+  // A few rows at a time: as many streams as are read side by side at full speed.
+  void copy_rows(const panel<element>& w, const element* a, std::size_t lda) {
+    constexpr int streams = V::width < 4 ? V::width : 4;
+    for (std::size_t i = 0; i < w.a_step; i += streams) {
+      const element* row[streams];
+      repeat<streams>([&]<int R>()
+                          ZORVAC_INLINE { row[R] = a + (i + R < w.rows ? i + R : 0) * lda; });
+      element* to = copy + i;
+      for (std::size_t k = 0; k < w.terms; ++k, to += w.a_step)
+        repeat<streams>([&]<int R>() ZORVAC_INLINE { to[R] = row[R][k]; });
+    }
   }
 };
 
