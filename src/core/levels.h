@@ -4,8 +4,8 @@
 // one definition for C++ and for assembler source.
 //
 // The sets are contracts with compiled programs, not descriptions of a processor: MOVBE is in none
-// of them, and the AVX-512 level asks for the exponential and prefetch extensions, which only one
-// processor line has.
+// of them, and one AVX-512 level asks for the exponential and prefetch extensions, which only one
+// processor line has. The other is for the matrix kernels alone.
 #include "zorvac/cpu.h"
 
 #ifdef __ASSEMBLER__
@@ -33,5 +33,8 @@ ZORVAC_FEATURES(ZORVAC_DEFINE_FEATURE)
                                  ZORVAC_FEATURE_ADX | ZORVAC_FEATURE_RDSEED |               \
                                  ZORVAC_FEATURE_AVX512ER | ZORVAC_FEATURE_AVX512PF |        \
                                  ZORVAC_FEATURE_AVX512CD)
+#define ZORVAC_AVX512_DQ_VL_LEVEL                                                           \
+                                (ZORVAC_AVX2_LEVEL | ZORVAC_FEATURE_AVX512F |               \
+                                 ZORVAC_FEATURE_AVX512DQ | ZORVAC_FEATURE_AVX512VL)
 // clang-format on
 #endif

@@ -48,10 +48,11 @@ constexpr emulated processors[] = {
 
 class Emulated : public testing::TestWithParam<emulated> {
  protected:
-  static outcome run(const char* program) {
+  static outcome run(const char* program, const char* argument = "") {
     const char* built_for = accepted_vendor.accepts_any() ? own_vendor : ZORVAC_CPU_VENDOR;
     const char* vendor = GetParam().vendor == nullptr ? built_for : GetParam().vendor;
-    return run_program({EMULATE, std::string(GetParam().processor) + ",vendor=" + vendor, program});
+    return run_program(
+        {EMULATE, std::string(GetParam().processor) + ",vendor=" + vendor, program, argument});
   }
   void SetUp() override {
     const outcome o = run(PROBE);
@@ -158,6 +159,15 @@ TEST_P(Emulated, BlockRoutinesTakeTheVariantOfTheirLevel) {
   expect("_zorva_fast_memcpy", {{0x9d97ff, 'V'}, {0x17ff, 'P'}, {0x1ff, 'M'}, {0x7f, 'J'}});
   expect("_zorva_fast_memmove", {{0x17ff, 'P'}, {0x1ff, 'M'}});
   expect("_zorva_fast_memset", {{0x9d97ff, 'V'}, {0x7f, 'J'}});
+}
+
+// The example checks its product and names the variant that ran.
+TEST_P(Emulated, MatrixProductsTakeTheVariantOfTheirLevel) {
+  const outcome o = run(MATRIX_EXAMPLE, "150");
+  EXPECT_EQ(o.exit_status, 0) << o;
+  const std::uint64_t word = own() ? model::feature_word(seen_) : 1;
+  const std::string variant = (word & 0x7f) == 0x7f ? "J" : "A";
+  EXPECT_NE(o.standard_output.find("by _MATMUL_r8_n_n." + variant + ":"), std::string::npos) << o;
 }
 
 INSTANTIATE_TEST_SUITE_P(Processors, Emulated, testing::ValuesIn(processors), name_of_row);

@@ -1,0 +1,138 @@
+#ifndef ZORVAC_ARRAY_INNER_H
+#define ZORVAC_ARRAY_INNER_H
+// The inner kernels of the blocked products, on packed operands.
+//
+// A comes in panels of 4 rows, B in panels of 4 columns, each with the 4 values of one k side by
+// side. A panel of B is first spread over a strip in which each value stands twice, so that a pair of
+// rows meets it with one aligned load. Then the panels of A go by; wide registers take several of
+// them together.
+#include <pmmintrin.h>
+
+#include "array/tile.h"
+
+namespace zorvac::array {
+namespace {
+
+inline constexpr std::size_t panel_extent = 4;  // rows of A, columns of B
+inline constexpr std::size_t full_block = 112;  // terms
+
+// Rows of packed A: register R of the tile. A pair is half a panel, 4 doubles are a panel.
+template <class V>
+struct packed_rows {
+  const double* p;
+  std::size_t panel;  // from one panel to the next
+
+  template <int R>
+  ZORVAC_INLINE typename V::reg load() const {
+    if constexpr (V::width == 2) {
+      return _mm_load_pd(p + (R % 2) * 2 + (R / 2) * panel);
+    } else {
+      return V::memory::load(p + R * panel);
+    }
+  }
+  ZORVAC_INLINE void step() { p += panel_extent; }
+};
+
+template <class V>
+struct strip_columns {
+  const double* p;
+
+  template <int J>
+  ZORVAC_INLINE typename V::factor factor() const {
+    if constexpr (V::width == 2)
+      return _mm_load_pd(p + J * 2);
+    else
+      return V::as_factor(p[J * 2]);
+  }
+  ZORVAC_INLINE void step() { p += panel_extent * 2; }
+};
+
+struct inner_block {
+  const double* a;
+  const double* strip;
+  double* c;
+  std::size_t ldc;
+  std::size_t rows, terms;
+  bool accumulate;  // add to C rather than overwrite it
+};
+
+// The tiles of `Rows` registers that there are rows for, from row i on.
+template <class V, int Rows>
+ZORVAC_INLINE inline void inner_tiles(const inner_block& w, std::size_t& i) {
+  constexpr std::size_t rows = Rows * V::width;
+  for (; w.rows - i >= rows; i += rows) {
+    double* const c = w.c + i;
+    repeat<4>([&]<int J>() ZORVAC_INLINE {
+      for (std::size_t line = 0; line < rows; line += 8)
+        __builtin_prefetch(c + J * w.ldc + line, 0, 0);
+    });
+    packed_rows<V> a{w.a + i * w.terms, w.terms * panel_extent};
+    strip_columns<V> b{w.strip};
+    tile<V, Rows, 4> sum{};
+    for (std::size_t k = w.terms; k != 0; k -= 4)
+      repeat<4>([&]<int>() ZORVAC_INLINE { sum.add_products(a, b); });
+    repeat<4>([&]<int J>() ZORVAC_INLINE {
+      repeat<Rows>([&]<int R>() ZORVAC_INLINE {
+        double* const to = c + J * w.ldc + R * V::width;
+        const auto x = sum.c[J][R];
+        V::memory::store(to, w.accumulate ? V::memory::load(to) + x : x);
+      });
+    });
+  }
+}
+
+// A value of B twice, by MOVDDUP, or two of them.
+ZORVAC_INLINE inline void fill_strip(double* strip, const double* b, std::size_t terms) {
+#ifdef __AVX2__
+  for (const double* const end = b + terms * panel_extent; b != end; b += 4, strip += 8)
+    repeat<2>([&]<int J>() ZORVAC_INLINE {
+      const __m256d twice = _mm256_broadcast_pd(reinterpret_cast<const __m128d*>(b + 2 * J));
+      _mm256_storeu_pd(strip + 4 * J, _mm256_permute_pd(twice, 0xc));
+    });
+#else
+  for (const double* const end = b + terms * panel_extent; b != end; b += 4, strip += 8)
+    repeat<4>([&]<int J>() ZORVAC_INLINE { _mm_store_pd(strip + 2 * J, _mm_loaddup_pd(b + J)); });
+#endif
+}
+
+// `Tiles`::all(block): the tiles of one level.
+template <class Tiles>
+ZORVAC_INLINE inline void inner(const std::uint64_t* m, const std::uint64_t* n, std::size_t terms,
+                                const double* a, const double* b, double* c,
+                                const std::uint64_t* ldc, double* strip, bool accumulate) {
+  inner_block w{a, strip, c, *ldc, *m, terms, accumulate};
+  for (std::size_t j = 0; j < *n; j += panel_extent) {
+    fill_strip(strip, b + j * terms, terms);
+    w.c = c + j * w.ldc;
+    Tiles::all(w);
+  }
+}
+
+}  // namespace
+}  // namespace zorvac::array
+
+// Defines the two inner kernels in one form.
+#define ZORVAC_INNER_KERNELS(form, tiles)                                                        \
+  extern "C" {                                                                                   \
+  void inner_roll_##form(const std::uint64_t*, const std::uint64_t*, const std::uint64_t*,       \
+                         const double*, const double*, const std::uint64_t*, double*,            \
+                         const std::uint64_t*, double*,                                          \
+                         const std::uint64_t*) __asm__("__zorva_dinnerz_roll_xk64w." #form);     \
+  void inner_##form(const std::uint64_t*, const std::uint64_t*, const std::uint64_t*,            \
+                    const double*, const double*, const std::uint64_t*, double*,                 \
+                    const std::uint64_t*, double*,                                               \
+                    const std::uint64_t*) __asm__("__zorva_dinner_xk64w." #form);                \
+  void inner_roll_##form(const std::uint64_t* m, const std::uint64_t* n, const std::uint64_t* k, \
+                         const double* a, const double* b, const std::uint64_t*, double* c,      \
+                         const std::uint64_t* ldc, double* strip, const std::uint64_t*) {        \
+    using namespace zorvac::array;                                                               \
+    inner<tiles>(m, n, *k, a, b, c, ldc, strip, false);                                          \
+  }                                                                                              \
+  void inner_##form(const std::uint64_t* m, const std::uint64_t* n, const std::uint64_t*,        \
+                    const double* a, const double* b, const std::uint64_t*, double* c,           \
+                    const std::uint64_t* ldc, double* strip, const std::uint64_t*) {             \
+    using namespace zorvac::array;                                                               \
+    inner<tiles>(m, n, full_block, a, b, c, ldc, strip, true);                                   \
+  }                                                                                              \
+  }
+#endif

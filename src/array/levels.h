@@ -1,0 +1,220 @@
+#ifndef ZORVAC_ARRAY_LEVELS_H
+#define ZORVAC_ARRAY_LEVELS_H
+// The registers that matrix products are computed in, level by level, with one interface.
+//
+// At the end of a column fewer elements may be left than fit a register. The lanes without an
+// element of their own then repeat the first one: they compute what its lane computes, so that no
+// exception flag is raised that the product of the matrices would not raise. They are never stored.
+//
+// Everything in here has internal linkage: a source compiled for AVX keeps what it instantiates.
+#include <immintrin.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+namespace zorvac::array {
+namespace {
+
+// A vector of `Bytes` bytes of `Scalar`, anywhere in memory.
+template <class Scalar, std::size_t Bytes>
+struct vector {
+  typedef Scalar reg __attribute__((vector_size(Bytes)));
+  typedef Scalar anywhere __attribute__((vector_size(Bytes), aligned(1), may_alias));
+  static reg load(const void* p) { return *static_cast<const anywhere*>(p); }
+  static void store(void* p, reg v) { *static_cast<anywhere*>(p) = v; }
+};
+
+// Has the value in a register, here and now. What compilers do otherwise costs these loops half of
+// their speed: finish one sum over several terms before they turn to the next, and run out of
+// registers; or load an operand again at each of its uses.
+template <class Reg>
+[[gnu::always_inline]] inline void hold(Reg& x) {
+  asm volatile("" : "+v"(x));
+}
+
+template <class Word>
+Word load_word(const void* p) {
+  typedef Word anywhere __attribute__((aligned(1), may_alias));
+  return *static_cast<const anywhere*>(p);
+}
+template <class Word>
+void store_word(void* p, Word word) {
+  typedef Word anywhere __attribute__((aligned(1), may_alias));
+  *static_cast<anywhere*>(p) = word;
+}
+
+// What a level is:
+//   bytes                in a register
+//   tile_registers       of rows in a tile of C, for real and for complex elements: as many as leave
+//                        the accumulators, four columns of them, and what feeds them in registers
+//   part<ElementBytes>   loads and stores the first few elements of a register
+//   has_masks            it does so in one instruction each
+//   spread               every lane the same
+//   turned, plus_turned  the pair (ar, ai) turned for the product with i, and the sum of a product
+//                        with a pair and a product with a turned pair. The sign of ai is flipped in
+//                        the one or, where an instruction does it on the way, in the other
+
+// Plain x86-64.
+struct sse2 {
+  static constexpr std::size_t bytes = 16;
+  static constexpr int real_tile_registers = 2, complex_tile_registers = 2;
+  static constexpr bool has_masks = false;
+
+  template <std::size_t ElementBytes>
+  struct part {
+    using word = std::conditional_t<ElementBytes == 4, std::uint32_t, std::uint64_t>;
+    using reg = typename vector<word, bytes>::reg;
+    static constexpr std::size_t words = bytes / sizeof(word);
+    std::size_t count;  // words; an element of 16 bytes is never a part
+
+    explicit part(std::size_t elements) : count(elements) {}
+    [[nodiscard]] reg load(const void* p) const {
+      const auto* const from = static_cast<const char*>(p);
+      reg v{};
+      for (std::size_t i = 0; i < words; ++i)
+        v[i] = load_word<word>(from + (i < count ? i : 0) * sizeof(word));
+      return v;
+    }
+    void store(void* p, reg v) const {
+      auto* const to = static_cast<char*>(p);
+      for (std::size_t i = 0; i < words; ++i)
+        if (i < count) store_word<word>(to + i * sizeof(word), v[i]);
+    }
+  };
+
+  static __m128d spread(double x) { return _mm_set1_pd(x); }
+  static __m128 spread(float x) { return _mm_set1_ps(x); }
+  static __m128d turned(__m128d a) {
+    const __m128d flipped = _mm_xor_pd(a, _mm_setr_pd(0.0, -0.0));
+    return _mm_shuffle_pd(flipped, flipped, 1);
+  }
+  static __m128 turned(__m128 a) {
+    const __m128 flipped = _mm_xor_ps(a, _mm_setr_ps(0.0f, -0.0f, 0.0f, -0.0f));
+    return _mm_shuffle_ps(flipped, flipped, 0xb1);
+  }
+  static __m128d plus_turned(__m128d x, __m128d y) { return x + y; }
+  static __m128 plus_turned(__m128 x, __m128 y) { return x + y; }
+};
+
+#ifdef __SSE3__
+struct sse3 : sse2 {
+  static __m128d turned(__m128d a) { return _mm_shuffle_pd(a, a, 1); }
+  static __m128 turned(__m128 a) { return _mm_shuffle_ps(a, a, 0xb1); }
+  static __m128d plus_turned(__m128d x, __m128d y) { return _mm_addsub_pd(x, y); }
+  static __m128 plus_turned(__m128 x, __m128 y) { return _mm_addsub_ps(x, y); }
+};
+#endif
+
+#ifdef __AVX2__
+struct avx2 {
+  static constexpr std::size_t bytes = 32;
+  static constexpr int real_tile_registers = 3, complex_tile_registers = 2;
+  static constexpr bool has_masks = true;
+
+  template <std::size_t ElementBytes>
+  struct part {
+    __m256i mask;
+
+    explicit part(std::size_t elements)
+        : mask(_mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(elements * ElementBytes / 4)),
+                                  _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7))) {}
+    static __m256i repeat(const void* p) {
+      if constexpr (ElementBytes == 4) return _mm256_set1_epi32(load_word<int>(p));
+      if constexpr (ElementBytes == 8) return _mm256_set1_epi64x(load_word<long long>(p));
+      return _mm256_broadcastsi128_si256(_mm_loadu_si128(static_cast<const __m128i*>(p)));
+    }
+    [[nodiscard]] __m256i load(const void* p) const {
+      const __m256i some = _mm256_maskload_epi32(static_cast<const int*>(p), mask);
+      return _mm256_blendv_epi8(repeat(p), some, mask);
+    }
+    void store(void* p, __m256i v) const { _mm256_maskstore_epi32(static_cast<int*>(p), mask, v); }
+  };
+
+  static __m256d spread(double x) { return _mm256_set1_pd(x); }
+  static __m256 spread(float x) { return _mm256_set1_ps(x); }
+  static __m256d turned(__m256d a) { return _mm256_permute_pd(a, 0x5); }
+  static __m256 turned(__m256 a) { return _mm256_permute_ps(a, 0xb1); }
+  static __m256d plus_turned(__m256d x, __m256d y) { return _mm256_addsub_pd(x, y); }
+  static __m256 plus_turned(__m256 x, __m256 y) { return _mm256_addsub_ps(x, y); }
+};
+#endif
+
+#ifdef __AVX512VL__
+// The same width, which was measured to be the fastest, with masks and twice as many registers.
+struct avx512 : avx2 {
+  static constexpr int real_tile_registers = 4, complex_tile_registers = 3;
+
+  template <std::size_t ElementBytes>
+  struct part {
+    __mmask8 mask;
+
+    explicit part(std::size_t elements)
+        : mask(static_cast<__mmask8>((1u << elements * ElementBytes / 4) - 1)) {}
+    [[nodiscard]] __m256i load(const void* p) const {
+      return _mm256_mask_loadu_epi32(avx2::part<ElementBytes>::repeat(p), mask, p);
+    }
+    void store(void* p, __m256i v) const { _mm256_mask_storeu_epi32(p, mask, v); }
+  };
+};
+#endif
+
+// The element types over a level: an operand of A, several rows in a register; a factor of B; and
+// how their product is added to a sum.
+template <class Level, class Scalar>
+struct real {
+  using level = Level;
+  using element = Scalar;
+  using memory = vector<Scalar, Level::bytes>;
+  using reg = typename memory::reg;
+  using part = typename Level::template part<sizeof(element)>;
+  using operand = reg;
+  using factor = reg;
+  static constexpr std::size_t width = Level::bytes / sizeof(element);
+  static constexpr int tile_registers = Level::real_tile_registers;
+
+  static operand as_operand(reg a) { return a; }
+  static factor as_factor(const element& b) { return Level::spread(b); }
+  static void hold_factor(factor& b) { hold(b); }
+  static reg add_product(reg sum, operand a, factor b) { return sum + a * b; }
+};
+
+template <class Scalar>
+struct complex_number {
+  Scalar re, im;
+  friend complex_number operator+(complex_number a, complex_number b) {
+    return {a.re + b.re, a.im + b.im};
+  }
+};
+
+// The product (ar br - ai bi, ar bi + ai br) is the pair a br plus the pair (-ai, ar) bi.
+template <class Level, class Scalar>
+struct complex {
+  using level = Level;
+  using element = complex_number<Scalar>;
+  using memory = vector<Scalar, Level::bytes>;
+  using reg = typename memory::reg;
+  using part = typename Level::template part<sizeof(element)>;
+  struct operand {
+    reg straight, turned;
+  };
+  struct factor {
+    reg re, im;
+  };
+  static constexpr std::size_t width = Level::bytes / sizeof(element);
+  static constexpr int tile_registers = Level::complex_tile_registers;
+
+  static operand as_operand(reg a) { return {a, Level::turned(a)}; }
+  static factor as_factor(const element& b) { return {Level::spread(b.re), Level::spread(b.im)}; }
+  static void hold_factor(factor& b) {
+    hold(b.re);
+    hold(b.im);
+  }
+  static reg add_product(reg sum, operand a, factor b) {
+    return sum + Level::plus_turned(a.straight * b.re, a.turned * b.im);
+  }
+};
+
+}  // namespace
+}  // namespace zorvac::array
+#endif

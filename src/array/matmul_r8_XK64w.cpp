@@ -1,0 +1,187 @@
+// The blocked kernels for binary64, C := op(A) op(B): one template over the copy routines, the
+// general kernel and the matrix-vector routine of each storage.
+//
+// Terms come in blocks, the short block first: its inner kernel overwrites C, so nothing else has to
+// clear it, and every later block has the length that the accumulating kernel is made for.
+//
+//           N4 columns, in panels      leftover
+//     M4    packed A x packed B,       columns,
+//     rows  by the inner kernels       one by one
+//     rest  by the general kernel
+#include <cstdlib>
+
+#include "array/clear.h"
+#include "zorvac/array.h"
+
+namespace {
+
+using std::size_t;
+using std::uint64_t;
+
+using kernel = void(const void*, const void*, void*, uint64_t, uint64_t, uint64_t, uint64_t,
+                    uint64_t, uint64_t);
+using copy = void(uint64_t, uint64_t, const double*, uint64_t, double*);
+
+// From these extents on the packing pays.
+constexpr uint64_t blocked_rows = 34, blocked_terms = 38, blocked_columns = 38;
+
+constexpr uint64_t row_block = 260, term_block = 112, column_panel = 2000;
+constexpr uint64_t four = 4;
+
+constexpr uint64_t down_to_four(uint64_t extent) { return extent / four * four; }
+constexpr uint64_t smaller(uint64_t a, uint64_t b) { return a < b ? a : b; }
+
+// The parts of the one allocation, for panels of B of `columns` columns. The strip's end, at most
+// 0x3d000 + 384 + 4 * 112 * 16 bytes past B's, is within it.
+class buffer {
+ public:
+  explicit buffer(uint64_t columns)
+      : memory_(std::malloc(columns * column_bytes + 0x3f300)),
+        start_(reinterpret_cast<std::uintptr_t>(memory_)),
+        columns_(columns) {}
+  ~buffer() { std::free(memory_); }
+  buffer(const buffer&) = delete;
+  buffer& operator=(const buffer&) = delete;
+
+  [[nodiscard]] bool exists() const { return memory_ != nullptr; }
+  [[nodiscard]] double* a() const { return at(0, 4096, 4096); }
+  [[nodiscard]] double* b() const { return at(0x3b000, 4096, 4096); }
+  [[nodiscard]] double* strip() const { return at(0x3d000 + columns_ * column_bytes, 128, 384); }
+
+ private:
+  static constexpr uint64_t column_bytes = term_block * sizeof(double);
+  // Rounds down, then adds.
+  [[nodiscard]] double* at(uint64_t offset, uint64_t boundary, uint64_t beyond) const {
+    const std::uintptr_t rounded = (start_ + offset) & ~(boundary - 1);
+    return reinterpret_cast<double*>(rounded + beyond);  // NOLINT(performance-no-int-to-ptr)
+  }
+
+  void* memory_;
+  std::uintptr_t start_;
+  uint64_t columns_;
+};
+
+// An operand: where element (row, column) of it lies in memory.
+template <bool Transposed>
+struct operand {
+  const double* first;
+  uint64_t ld;
+  [[nodiscard]] const double* at(uint64_t row, uint64_t column) const {
+    return Transposed ? first + column + row * ld : first + row + column * ld;
+  }
+};
+
+// What the storage of A and B decides. Everything is called by its exported name.
+struct n_n {
+  static constexpr bool a_transposed = false, b_transposed = false;
+  static constexpr kernel* general = _MATMUL_r8_n_n_pst_General;
+  static constexpr copy *copy_a = __zorva_dgcopyan_xk64w, *copy_b = __zorva_dgcopybn_psc;
+  static void column(const double* a, const double* b, double* c, uint64_t m, uint64_t k,
+                     uint64_t lda, uint64_t) {
+    MATMUL_v_nn_pst(a, b, c, m, k, lda);
+  }
+};
+struct t_n {
+  static constexpr bool a_transposed = true, b_transposed = false;
+  static constexpr kernel* general = _MATMUL_r8_t_n_pst_General;
+  static constexpr copy *copy_a = __zorva_dgcopyat_xk64w, *copy_b = __zorva_dgcopybn_psc;
+  static void column(const double* a, const double* b, double* c, uint64_t m, uint64_t k,
+                     uint64_t lda, uint64_t) {
+    MATMUL_v_tn_pst(a, b, c, k, m, lda);
+  }
+};
+struct n_t {
+  static constexpr bool a_transposed = false, b_transposed = true;
+  static constexpr kernel* general = _MATMUL_r8_n_t_pst_General;
+  static constexpr copy *copy_a = __zorva_dgcopyan_xk64w, *copy_b = __zorva_dgcopybt_psc;
+  static void column(const double* a, const double* b, double* c, uint64_t m, uint64_t k,
+                     uint64_t lda, uint64_t ldb) {
+    MATMUL_v_nt_pst(a, b, c, m, k, lda, ldb);
+  }
+};
+struct t_t {
+  static constexpr bool a_transposed = true, b_transposed = true;
+  static constexpr kernel* general = _MATMUL_r8_t_t_pst_General;
+  static constexpr copy *copy_a = __zorva_dgcopyat_xk64w, *copy_b = __zorva_dgcopybt_psc;
+  static void column(const double* a, const double* b, double* c, uint64_t m, uint64_t k,
+                     uint64_t lda, uint64_t ldb) {
+    MATMUL_v_tt_pst(a, b, c, k, m, lda, ldb);
+  }
+};
+
+template <class Storage>
+struct product {
+  operand<Storage::a_transposed> a;
+  operand<Storage::b_transposed> b;
+  double* c;
+  uint64_t m, n, k, ldc;
+
+  // Clears C and leaves everything to the general kernel.
+  void by_general_kernel() const {
+    if (m != 0 && n != 0) zorvac::array::clear<uint64_t>(c, m, n, ldc);
+    Storage::general(a.first, b.first, c, m, n, k, a.ld, b.ld, ldc);
+  }
+
+  // Columns [j, j + width) of C and terms [k0, k0 + terms), the first ones for these columns or
+  // further ones.
+  void add_block(const buffer& packed, uint64_t j, uint64_t width, uint64_t k0, uint64_t terms,
+                 bool first) const {
+    constexpr uint64_t two_zeros[2] = {};
+    const uint64_t padded = down_to_four(terms + 3), m4 = down_to_four(m);
+    Storage::copy_b(terms, width, b.at(k0, j), b.ld, packed.b());
+    for (uint64_t i = 0; i < m4; i += row_block) {
+      const uint64_t height = smaller(m4 - i, row_block);
+      Storage::copy_a(height, terms, a.at(i, k0), a.ld, packed.a());
+      const auto inner = first ? __zorva_dinnerz_roll_xk64w : __zorva_dinner_xk64w;
+      inner(&height, &width, &padded, packed.a(), packed.b(), &term_block, c + i + j * ldc, &ldc,
+            packed.strip(), two_zeros);
+    }
+    if (m4 == m) return;
+    double* const rest = c + m4 + j * ldc;
+    if (first) _MATMUL_r8_n_n_pst_init(rest, m - m4, width, ldc);
+    Storage::general(a.at(m4, k0), b.at(k0, j), rest, m - m4, width, terms, a.ld, b.ld, ldc);
+  }
+
+  void run() const {
+    if (m < blocked_rows || k < blocked_terms || n < blocked_columns) return by_general_kernel();
+    const uint64_t panel = smaller(n, column_panel), n4 = down_to_four(n);
+    const buffer packed(panel);
+    if (!packed.exists()) return by_general_kernel();
+
+    const uint64_t short_block = (k - 1) % term_block + 1, full_blocks = k - short_block;
+    for (uint64_t j = 0; j < n4; j += panel) {
+      const uint64_t width = smaller(n4 - j, panel);
+      add_block(packed, j, width, full_blocks, short_block, true);
+      for (uint64_t k0 = 0; k0 < full_blocks; k0 += term_block)
+        add_block(packed, j, width, k0, term_block, false);
+    }
+    for (uint64_t j = n4; j < n; ++j)
+      Storage::column(a.first, b.at(0, j), c + j * ldc, m, k, a.ld, b.ld);
+  }
+};
+
+template <class Storage>
+void blocked(const void* a, const void* b, void* c, uint64_t m, uint64_t n, uint64_t k,
+             uint64_t lda, uint64_t ldb, uint64_t ldc) {
+  const product<Storage> whole{{static_cast<const double*>(a), lda},
+                               {static_cast<const double*>(b), ldb},
+                               static_cast<double*>(c),
+                               m,
+                               n,
+                               k,
+                               ldc};
+  whole.run();
+}
+
+}  // namespace
+
+#define ZORVAC_BLOCKED_KERNEL(storage)                                                             \
+  extern "C" void _MATMUL_r8_##storage##_XK64w(const void* a, const void* b, void* c, uint64_t m,  \
+                                               uint64_t n, uint64_t k, uint64_t lda, uint64_t ldb, \
+                                               uint64_t ldc) {                                     \
+    blocked<storage>(a, b, c, m, n, k, lda, ldb, ldc);                                             \
+  }
+ZORVAC_BLOCKED_KERNEL(n_n)
+ZORVAC_BLOCKED_KERNEL(n_t)
+ZORVAC_BLOCKED_KERNEL(t_n)
+ZORVAC_BLOCKED_KERNEL(t_t)

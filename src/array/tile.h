@@ -1,0 +1,60 @@
+#ifndef ZORVAC_ARRAY_TILE_H
+#define ZORVAC_ARRAY_TILE_H
+// A tile of C held in registers while products are added to it: the one inner loop of all matrix
+// kernels.
+//
+//            B: a factor for each column        Every element gets its own sum, in the order of k,
+//               b0 b1 b2 b3                     each product and each sum rounded by itself. How
+//      A  a0    c  c  c  c                      many rows a register holds and how many registers
+//         a1    c  c  c  c    k -->             a tile has changes nothing in any sum, so all forms
+//         a2    c  c  c  c                      of a kernel give the same bits.
+//
+// Where the operands come from is a parameter: `A` gives register R of the rows, `B` the factor of
+// column J, and both step to the next k.
+#include <utility>
+
+#include "array/levels.h"
+
+namespace zorvac::array {
+namespace {
+
+template <int... I, class Body>
+[[gnu::always_inline]] inline void repeat_for(std::integer_sequence<int, I...>, const Body& body) {
+  (body.template operator()<I>(), ...);
+}
+// body<0>(), body<1>(), ..., body<Count - 1>(): a loop that leaves indexes constant, so that arrays
+// of registers stay in registers.
+template <int Count, class Body>
+[[gnu::always_inline]] inline void repeat(const Body& body) {
+  repeat_for(std::make_integer_sequence<int, Count>{}, body);
+}
+#define ZORVAC_INLINE __attribute__((always_inline))
+
+template <class V, int Rows, int Columns>
+struct tile {
+  typename V::reg c[Columns][Rows];
+
+  template <class A, class B>
+  ZORVAC_INLINE void add_products(A& a, B& b) {
+    typename V::operand x[Rows];
+    repeat<Rows>([&]<int R>() ZORVAC_INLINE {
+      auto rows = a.template load<R>();
+      if (R < 2) hold(rows);  // where there are more, the rest is read at each use
+      x[R] = V::as_operand(rows);
+    });
+    repeat<Columns>([&]<int J>() ZORVAC_INLINE {
+      auto y = b.template factor<J>();
+      V::hold_factor(y);
+      repeat<Rows>([&]<int R>() ZORVAC_INLINE {
+        c[J][R] = V::add_product(c[J][R], x[R], y);
+        hold(c[J][R]);
+      });
+    });
+    a.step();
+    b.step();
+  }
+};
+
+}  // namespace
+}  // namespace zorvac::array
+#endif
