@@ -25,9 +25,10 @@ using compare_function = int(const void*, const void*, std::size_t);
 using routine = std::variant<copy_function*, fill_function*, compare_function*>;
 
 // What a member needs of the processor.
-inline const bool baseline = true, ssse3 = __builtin_cpu_supports("ssse3") != 0,
-                  avx2 = __builtin_cpu_supports("avx2") != 0,
-                  avx512f = __builtin_cpu_supports("avx512f") != 0;
+inline bool baseline() { return true; }
+inline bool ssse3() { return __builtin_cpu_supports("ssse3") != 0; }
+inline bool avx2() { return __builtin_cpu_supports("avx2") != 0; }
+inline bool avx512f() { return __builtin_cpu_supports("avx512f") != 0; }
 
 enum class kind { copy, move, fill, zero, compare };  // a zero fill ignores its second argument
 
@@ -35,7 +36,7 @@ struct member {
   const char* name;
   routine call;
   kind what;
-  bool runs;          // on this processor
+  bool (*runs)();     // on this processor
   std::size_t small;  // the largest count of its table; 0: it has none
 };
 #define MEMBER(name, ...) \
@@ -78,7 +79,7 @@ inline void* entry_of(routine r) {
 class over_members : public testing::TestWithParam<member> {
  protected:
   void SetUp() override {
-    if (!GetParam().runs) GTEST_SKIP() << "this processor cannot run it";
+    if (!GetParam().runs()) GTEST_SKIP() << "this processor cannot run it";
   }
 };
 

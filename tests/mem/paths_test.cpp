@@ -63,7 +63,7 @@ trace in_loops(const trace& t) {
 bool runs_here(routine r) {
   return std::find_if(std::begin(members), std::end(members),
                       [r](const member& m) { return m.call == r; })
-      ->runs;
+      ->runs();
 }
 
 // Where a way ends and the next one begins: with one byte less than `count` the routine executes
@@ -189,7 +189,7 @@ TEST_F(PathTest, BeginsAtItsEdge) {
 TEST_F(PathTest, SmallCountsDoNotLoop) {
   const under_caches scope(ordinary);
   for (const member& m : members) {
-    if (!m.runs || m.small == 0) continue;
+    if (!m.runs() || m.small == 0) continue;
     for (std::size_t n = 0; n <= m.small; ++n) {
       const trace t = run(m.call, 64, 64 + n % 64, n);
       ASSERT_TRUE(in_loops(t).empty()) << m << ", count " << n;

@@ -19,7 +19,9 @@ constexpr struct {
     {ZYDIS_MNEMONIC_STOSB, rep_fill_bytes, "rep stosb"},
     {ZYDIS_MNEMONIC_STOSQ, rep_fill_words, "rep stosq"},
     {ZYDIS_MNEMONIC_MOVNTDQ, streaming_store, "movntdq"},
-    {ZYDIS_MNEMONIC_VMOVNTDQ, streaming_store, "vmovntdq"},
+    {ZYDIS_MNEMONIC_VMOVNTDQ, streaming_store, ""},  // the same by other names
+    {ZYDIS_MNEMONIC_MOVNTPS, streaming_store, ""},
+    {ZYDIS_MNEMONIC_VMOVNTPS, streaming_store, ""},
     {ZYDIS_MNEMONIC_MOVNTI, streaming_word, "movnti"},
     {ZYDIS_MNEMONIC_SFENCE, store_fence, "sfence"},
     {ZYDIS_MNEMONIC_LFENCE, load_fence, "lfence"},
@@ -54,8 +56,7 @@ void on_step(int, siginfo_t*, void* context) {
 std::string names_of(unsigned what) {
   std::string names;
   for (const auto& k : kinds)
-    if ((what & k.what) != 0 && k.mnemonic != ZYDIS_MNEMONIC_VMOVNTDQ)
-      names.append(k.name).append(" ");
+    if ((what & k.what) != 0 && *k.name != '\0') names.append(k.name).append(" ");
   return names;
 }
 
