@@ -40,6 +40,11 @@ class PathTest : public testing::Test {
     EXPECT_GT(t.size(), 0u);
     return t;
   }
+  // Where in the destination a step reads or writes; else beyond it.
+  [[nodiscard]] std::size_t offset_of(const step& s) const {
+    return s.operand - reinterpret_cast<std::uintptr_t>(to_.begin());
+  }
+  [[nodiscard]] bool in_destination(const step& s) const { return offset_of(s) < to_.size(); }
   guarded_block from_{65536}, to_{65536};
 };
 
@@ -176,11 +181,8 @@ TEST_F(PathTest, BeginsAtItsEdge) {
           return std::find_if(t.rbegin(), t.rend(), [=](auto& s) { return (s.what & what) != 0; });
         };
         EXPECT_LE(last(store_fence), last(streaming_store | streaming_word));
-        for (const step& s : in_loops(t)) {
-          const bool in_destination =
-              s.operand - reinterpret_cast<std::uintptr_t>(to_.begin()) < 65536;
-          EXPECT_TRUE(!in_destination || s.bytes < 16 || s.operand % s.bytes == 0);
-        }
+        for (const step& s : in_loops(t))
+          EXPECT_TRUE(!in_destination(s) || s.bytes < 16 || s.operand % s.bytes == 0);
       }
     }
 }
@@ -261,6 +263,33 @@ TEST_F(PathTest, PrefetchDistances) {
   }
 }
 
+// The SSSE3 members, copies included, compare the low bytes of the two addresses as signed numbers,
+// from the first count on that their table does not serve.
+TEST_F(PathTest, LowAddressBytesChooseTheDirection) {
+  constexpr struct {
+    std::size_t to, from;
+    bool forwards;
+  } rows[] = {
+      {0x00, 0x10, true},  {0x10, 0x00, false},  {0x00, 0x80, false}, {0x80, 0x00, true},
+      {0x80, 0xff, true},  {0xff, 0x80, false},  {0x7f, 0xff, false}, {0x35, 0x35, false},
+      {0x100, 0x70, true}, {0x70, 0x100, false},  // only the low bytes count
+  };
+  const under_caches scope(ordinary);
+  for (const auto& routines : {ssse3_copies, rep_copies})
+    for (const routine r : routines)
+      for (const std::size_t n : {routines == rep_copies ? 144u : 80u, 400u, 1500u})
+        for (const auto& row : rows) {
+          if (!runs_here(r)) continue;
+          const trace t = run(r, row.to, row.from, n);
+          const auto first =
+              std::find_if(t.begin(), t.end(), [this](const step& s) { return in_destination(s); });
+          ASSERT_NE(first, t.end());
+          EXPECT_EQ(offset_of(*first) < row.to + n / 2, row.forwards)
+              << n << " bytes, low bytes of destination and source " << std::hex << row.to << ' '
+              << row.from;
+        }
+}
+
 // Accesses to pages that nobody may touch: where, and by which instruction. Each page opens at its
 // first access, which takes long.
 struct {
@@ -283,10 +312,13 @@ void on_fault(int, siginfo_t* info, void* context) {
   std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
-class FaultTest : public PathTest {
- protected:
+// A byte at one quarter of the bulk is read, and if that takes long one at three quarters; if both
+// do, the block is streamed, from its first 128 bytes on. What does not fault may take long too,
+// when somebody else runs.
+TEST_F(PathTest, ProbesTellWhetherTheDestinationIsCached) {
+  constexpr std::size_t quarter = 12 * 1024;
   // Runs a body with all pages of the destination closed but one.
-  void record(const std::function<void()>& body, std::size_t open_page = SIZE_MAX) {
+  const auto record = [this](const std::function<void()>& body, std::size_t open_page = SIZE_MAX) {
     faults.area = &to_, faults.count = 0;
     for (std::size_t page = 0; page < to_.size() / 4096; ++page)
       if (page != open_page) mprotect(to_.begin() + page * 4096, 4096, PROT_NONE);
@@ -297,39 +329,7 @@ class FaultTest : public PathTest {
     sigaction(SIGSEGV, &action, &old);
     body();
     sigaction(SIGSEGV, &old, nullptr);
-  }
-};
-
-// The SSSE3 members, copies included, compare the low bytes of the two addresses as signed numbers,
-// from the first count on that their table does not serve.
-TEST_F(FaultTest, LowAddressBytesChooseTheDirection) {
-  constexpr struct {
-    std::size_t to, from;
-    bool forwards;
-  } rows[] = {
-      {0x00, 0x10, true},  {0x10, 0x00, false},  {0x00, 0x80, false}, {0x80, 0x00, true},
-      {0x80, 0xff, true},  {0xff, 0x80, false},  {0x7f, 0xff, false}, {0x35, 0x35, false},
-      {0x100, 0x70, true}, {0x70, 0x100, false},  // only the low bytes count
   };
-  const under_caches scope(ordinary);
-  for (const auto& routines : {ssse3_copies, rep_copies})
-    for (const routine r : routines)
-      for (const std::size_t n : {routines == rep_copies ? 144u : 80u, 400u, 1500u})
-        for (const auto& row : rows) {
-          if (!runs_here(r)) continue;
-          record([&] { call(r, row.to, row.from, n); });
-          ASSERT_GT(faults.count, 0u);
-          EXPECT_EQ(faults.first[0].offset < row.to + n / 2, row.forwards)
-              << n << " bytes, low bytes of destination and source " << std::hex << row.to << ' '
-              << row.from;
-        }
-}
-
-// A byte at one quarter of the bulk is read, and if that takes long one at three quarters; if both
-// do, the block is streamed, from its first 128 bytes on. What does not fault may take long too,
-// when somebody else runs.
-TEST_F(FaultTest, ProbesTellWhetherTheDestinationIsCached) {
-  constexpr std::size_t quarter = 12 * 1024;
   const auto stores_first = [](std::size_t fault, unsigned what) {
     return faults.count > fault && faults.first[fault].offset < 128 &&
            faults.first[fault].what == what;
