@@ -290,69 +290,61 @@ TEST_F(PathTest, LowAddressBytesChooseTheDirection) {
         }
 }
 
-// Accesses to pages that nobody may touch: where, and by which instruction. Each page opens at its
-// first access, which takes long.
+// Accesses to pages that nobody may touch, the first 128 bytes taken as one place, and by which
+// instruction. Each page opens at its first access, which takes long.
+struct fault {
+  std::size_t offset;
+  unsigned what;
+  bool operator==(const fault&) const = default;
+};
 struct {
   guarded_block* area;
-  std::size_t count;
-  struct {
-    std::size_t offset;
-    unsigned what;
-  } first[4];
+  std::vector<fault> seen;
 } faults;
 void on_fault(int, siginfo_t* info, void* context) {
   const greg_t* const registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
   auto* const at = static_cast<unsigned char*>(info->si_addr);
   const auto offset = static_cast<std::size_t>(at - faults.area->begin());
-  if (faults.count < 4)
-    faults.first[faults.count++] = {
-        offset, decode(static_cast<std::uintptr_t>(registers[REG_RIP]), registers).what};
+  const step now = decode(static_cast<std::uintptr_t>(registers[REG_RIP]), registers);
+  if (faults.seen.size() < faults.seen.capacity())  // allocates nothing
+    faults.seen.push_back({offset < 128 ? 0 : offset, now.what});
   if (mprotect(faults.area->begin() + offset / 4096 * 4096, 4096, PROT_READ | PROT_WRITE) != 0)
     std::abort();
   std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 // A byte at one quarter of the bulk is read, and if that takes long one at three quarters; if both
-// do, the block is streamed, from its first 128 bytes on. What does not fault may take long too,
-// when somebody else runs.
+// do, the block is streamed, from its start on. What does not fault may take long too, when
+// somebody else runs.
 TEST_F(PathTest, ProbesTellWhetherTheDestinationIsCached) {
   constexpr std::size_t quarter = 12 * 1024;
-  // Runs a body with all pages of the destination closed but one.
-  const auto record = [this](const std::function<void()>& body, std::size_t open_page = SIZE_MAX) {
-    faults.area = &to_, faults.count = 0;
-    for (std::size_t page = 0; page < to_.size() / 4096; ++page)
-      if (page != open_page) mprotect(to_.begin() + page * 4096, 4096, PROT_NONE);
-    struct sigaction action {
-    }, old{};
-    action.sa_sigaction = on_fault;
-    action.sa_flags = SA_SIGINFO;
-    sigaction(SIGSEGV, &action, &old);
-    body();
-    sigaction(SIGSEGV, &old, nullptr);
-  };
-  const auto stores_first = [](std::size_t fault, unsigned what) {
-    return faults.count > fault && faults.first[fault].offset < 128 &&
-           faults.first[fault].what == what;
-  };
-  const auto probes_first = [](std::size_t fault, std::size_t offset) {
-    return faults.count > fault && faults.first[fault].offset == offset;
+  // With all pages of the destination closed but one.
+  const auto is_seen = [&](int attempts, routine r, std::size_t open_offset,
+                           const std::vector<fault>& expected) {
+    for (; attempts > 0; --attempts) {
+      faults.area = &to_;
+      faults.seen.clear();
+      faults.seen.reserve(4);
+      for (std::size_t page = 0; page < to_.size(); page += 4096)
+        if (page != open_offset) mprotect(to_.begin() + page, 4096, PROT_NONE);
+      struct sigaction action {
+      }, old{};
+      action.sa_sigaction = on_fault;
+      action.sa_flags = SA_SIGINFO;
+      sigaction(SIGSEGV, &action, &old);
+      call(r, 0, 0, 4 * quarter + 100);
+      sigaction(SIGSEGV, &old, nullptr);
+      if (faults.seen.size() >= expected.size() &&
+          std::equal(expected.begin(), expected.end(), faults.seen.begin()))
+        return true;
+    }
+    return false;
   };
   for (const auto& routines : {vec_copies, vec_fills})
     for (const routine r : routines) {
-      const auto run_once = [&] { call(r, 0, 0, 4 * quarter + 100); };
-      record(run_once);
-      EXPECT_TRUE(probes_first(0, quarter) && probes_first(1, 3 * quarter) &&
-                  stores_first(2, streaming_store));
-      const auto is_seen = [&](std::size_t open_page, auto check) {
-        for (int attempt = 0; attempt < 50; ++attempt) {
-          record(run_once, open_page);
-          if (check()) return true;
-        }
-        return false;
-      };
-      EXPECT_TRUE(is_seen(quarter / 4096, [&] { return stores_first(0, 0); }));
-      EXPECT_TRUE(is_seen(3 * quarter / 4096,
-                          [&] { return probes_first(0, quarter) && stores_first(1, 0); }));
+      EXPECT_TRUE(is_seen(1, r, SIZE_MAX, {{quarter, 0}, {3 * quarter, 0}, {0, streaming_store}}));
+      EXPECT_TRUE(is_seen(50, r, quarter, {{0, 0}}));
+      EXPECT_TRUE(is_seen(50, r, 3 * quarter, {{quarter, 0}, {0, 0}}));
     }
 }
 
