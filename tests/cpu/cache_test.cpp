@@ -7,19 +7,7 @@
 #include "cpu/fast_mem_ops.h"
 #include "support/fake_processor.h"
 #include "support/hash.h"
-#include "support/name_of_row.h"
 #include "zorvac/cpu.h"
-
-namespace zorvac::cpu {
-static bool operator==(const cache_record& a, const cache_record& b) {
-  return a.size_kb == b.size_kb && a.line_bytes == b.line_bytes &&
-         a.lines_per_sector == b.lines_per_sector && a.ways == b.ways;
-}
-static std::ostream& operator<<(std::ostream& out, const cache_record& r) {
-  return out << r.size_kb << " KB, " << r.line_bytes << "-byte lines, " << r.lines_per_sector
-             << " per sector, " << r.ways << " ways";
-}
-}  // namespace zorvac::cpu
 
 namespace {
 
@@ -58,9 +46,12 @@ cpu::cache_table caches_of(const cpuid_answers& answers, const vendor_rule& rule
 }
 void expect_levels(cpu::cache_table table, cache_record level_1, cache_record level_2 = none,
                    cache_record level_3 = none) {
-  EXPECT_EQ(table.level(1), level_1);
-  EXPECT_EQ(table.level(2), level_2);
-  EXPECT_EQ(table.level(3), level_3);
+  const auto fields = [](const cache_record& r) {
+    return std::array{r.size_kb, r.line_bytes, r.lines_per_sector, r.ways};
+  };
+  EXPECT_EQ(fields(table.level(1)), fields(level_1));
+  EXPECT_EQ(fields(table.level(2)), fields(level_2));
+  EXPECT_EQ(fields(table.level(3)), fields(level_3));
 }
 
 struct found {
@@ -119,12 +110,12 @@ const found cases[] = {
      {{{0x80000000, 0}, words(0x80000020)}, {{0x8000001d, 0}, usual_data}}},
     // clang-format on
 };
-class Caches : public testing::TestWithParam<found> {};
-TEST_P(Caches, AreFound) {
-  const found& f = GetParam();
-  expect_levels(caches_of(f.answers), f.level_1, f.level_2, f.level_3);
+TEST(Caches, AreFound) {
+  for (const found& f : cases) {
+    SCOPED_TRACE(f.name);
+    expect_levels(caches_of(f.answers), f.level_1, f.level_2, f.level_3);
+  }
 }
-INSTANTIATE_TEST_SUITE_P(Processors, Caches, testing::ValuesIn(cases), name_of_row);
 
 TEST(Caches, AreUnknownWithoutCpuid) {
   const fake_processor p{.answers = {{{0, 0}, vendor_leaf(0xb, own_vendor)}, {{4, 0}, usual_data}},
@@ -243,27 +234,27 @@ const thresholds derived[] = {
     {"OtherVendor", foreign_vendor, 4, sse2 | mmx, {0, 0, 0}, 0x80000008, {}},
     // clang-format on
 };
-class Thresholds : public testing::TestWithParam<thresholds> {};
-TEST_P(Thresholds, AreDerived) {
-  const thresholds& t = GetParam();
-  const fake_processor p{.answers = {{{0, 0}, vendor_leaf(t.maximum_leaf, t.vendor)},
-                                     {{1, 0}, words(0, 0, 0, t.leaf1_edx)},
-                                     {{0x80000000, 0}, words(t.extended_max)},
-                                     {{0x80000006, 0}, words(0, 0, 512u << 16 | 0x140)}}};
-  const bool accepted = t.vendor == own_vendor;
-  cpu::cache_table table{.vendor_accepted = accepted,
-                         .maximum_leaf = accepted ? t.maximum_leaf : 0,
-                         .unused = 0,
-                         .computed = 1,
-                         .levels = {}};
-  for (std::uint32_t level = 1; level <= 3; ++level)
-    if (t.kb[level - 1] != 0) table.level(level) = {t.kb[level - 1], 64, level == 2 ? 2u : 1u, 8};
-  const cpu::cache_thresholds got = cpu::derive_thresholds(p, table);
-  EXPECT_EQ((std::array{got.largest_cache_size, got.largest_cache_size_half, got.data_cache_size,
-                        got.data_cache_size_half, got.largest_cachelinesize, got.mem_ops_method}),
-            t.expected);
+TEST(Thresholds, AreDerived) {
+  for (const thresholds& t : derived) {
+    const fake_processor p{.answers = {{{0, 0}, vendor_leaf(t.maximum_leaf, t.vendor)},
+                                       {{1, 0}, words(0, 0, 0, t.leaf1_edx)},
+                                       {{0x80000000, 0}, words(t.extended_max)},
+                                       {{0x80000006, 0}, words(0, 0, 512u << 16 | 0x140)}}};
+    const bool accepted = t.vendor == own_vendor;
+    cpu::cache_table table{.vendor_accepted = accepted,
+                           .maximum_leaf = accepted ? t.maximum_leaf : 0,
+                           .unused = 0,
+                           .computed = 1,
+                           .levels = {}};
+    for (std::uint32_t level = 1; level <= 3; ++level)
+      if (t.kb[level - 1] != 0) table.level(level) = {t.kb[level - 1], 64, level == 2 ? 2u : 1u, 8};
+    const cpu::cache_thresholds got = cpu::derive_thresholds(p, table);
+    EXPECT_EQ((std::array{got.largest_cache_size, got.largest_cache_size_half, got.data_cache_size,
+                          got.data_cache_size_half, got.largest_cachelinesize, got.mem_ops_method}),
+              t.expected)
+        << t.name;
+  }
 }
-INSTANTIATE_TEST_SUITE_P(Processors, Thresholds, testing::ValuesIn(derived), name_of_row);
 
 // On the processor at hand: what the initialiser left when this program was loaded.
 TEST(CacheSize, OtherLevelsAreZeroAndDetectNothing) {

@@ -46,22 +46,15 @@ TEST_P(CompareMember, FirstDifferenceDecides) {
     }
 }
 
-TEST_P(CompareMember, CountZeroReadsNothing) {
-  EXPECT_EQ(compare(left_.end(), right_.end() + 1, 0), 0);
-  EXPECT_EQ(compare(nullptr, right_.end(), 0), 0);
-}
-
 INSTANTIATE_TEST_SUITE_P(Block, CompareMember, testing::ValuesIn(members_of({kind::compare})),
                          name_of_row);
 
-// "Below 1" as a signed number.
-TEST(NewMemcmp, CountsFromTheUpperHalfAreNone) {
-  EXPECT_EQ(__zorva_new_memcmp("a", "b", ~std::size_t{0}), 0);
-  EXPECT_EQ(__zorva_new_memcmp("a", "b", std::size_t{1} << 63), 0);
-}
-
-TEST(FastMemcmp, IdenticalPointersAreNotRead) {
+// One takes a count from the upper half for "below 1", the other equal pointers for equal blocks.
+TEST(Compare, ReadsNothingWhereNothingCounts) {
   const guarded_block block(4096);
+  for (const std::size_t none : {std::size_t{0}, std::size_t{1} << 63, SIZE_MAX})
+    EXPECT_EQ(__zorva_new_memcmp(block.end(), block.end() + 1, none), 0);
+  EXPECT_EQ(_zorva_fast_memcmp(block.end(), block.end() + 1, 0), 0);
   EXPECT_EQ(_zorva_fast_memcmp(block.end(), block.end(), 100), 0);
 }
 

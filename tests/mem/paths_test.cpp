@@ -40,6 +40,11 @@ class PathTest : public testing::Test {
     EXPECT_GT(t.size(), 0u);
     return t;
   }
+  // Where in the destination a step reads or writes; else beyond it.
+  [[nodiscard]] std::size_t offset_of(const step& s) const {
+    return s.operand - reinterpret_cast<std::uintptr_t>(to_.begin());
+  }
+  [[nodiscard]] bool in_destination(const step& s) const { return offset_of(s) < to_.size(); }
   guarded_block from_{65536}, to_{65536};
 };
 
@@ -176,11 +181,8 @@ TEST_F(PathTest, BeginsAtItsEdge) {
           return std::find_if(t.rbegin(), t.rend(), [=](auto& s) { return (s.what & what) != 0; });
         };
         EXPECT_LE(last(store_fence), last(streaming_store | streaming_word));
-        for (const step& s : in_loops(t)) {
-          const bool in_destination =
-              s.operand - reinterpret_cast<std::uintptr_t>(to_.begin()) < 65536;
-          EXPECT_TRUE(!in_destination || s.bytes < 16 || s.operand % s.bytes == 0);
-        }
+        for (const step& s : in_loops(t))
+          EXPECT_TRUE(!in_destination(s) || s.bytes < 16 || s.operand % s.bytes == 0);
       }
     }
 }
@@ -261,48 +263,9 @@ TEST_F(PathTest, PrefetchDistances) {
   }
 }
 
-// Accesses to pages that nobody may touch: where, and by which instruction. Each page opens at its
-// first access, which takes long.
-struct {
-  guarded_block* area;
-  std::size_t count;
-  struct {
-    std::size_t offset;
-    unsigned what;
-  } first[4];
-} faults;
-void on_fault(int, siginfo_t* info, void* context) {
-  const greg_t* const registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
-  auto* const at = static_cast<unsigned char*>(info->si_addr);
-  const auto offset = static_cast<std::size_t>(at - faults.area->begin());
-  if (faults.count < 4)
-    faults.first[faults.count++] = {
-        offset, decode(static_cast<std::uintptr_t>(registers[REG_RIP]), registers).what};
-  if (mprotect(faults.area->begin() + offset / 4096 * 4096, 4096, PROT_READ | PROT_WRITE) != 0)
-    std::abort();
-  std::this_thread::sleep_for(std::chrono::milliseconds(1));
-}
-
-class FaultTest : public PathTest {
- protected:
-  // Runs a body with all pages of the destination closed but one.
-  void record(const std::function<void()>& body, std::size_t open_page = SIZE_MAX) {
-    faults.area = &to_, faults.count = 0;
-    for (std::size_t page = 0; page < to_.size() / 4096; ++page)
-      if (page != open_page) mprotect(to_.begin() + page * 4096, 4096, PROT_NONE);
-    struct sigaction action {
-    }, old{};
-    action.sa_sigaction = on_fault;
-    action.sa_flags = SA_SIGINFO;
-    sigaction(SIGSEGV, &action, &old);
-    body();
-    sigaction(SIGSEGV, &old, nullptr);
-  }
-};
-
 // The SSSE3 members, copies included, compare the low bytes of the two addresses as signed numbers,
 // from the first count on that their table does not serve.
-TEST_F(FaultTest, LowAddressBytesChooseTheDirection) {
+TEST_F(PathTest, LowAddressBytesChooseTheDirection) {
   constexpr struct {
     std::size_t to, from;
     bool forwards;
@@ -317,42 +280,71 @@ TEST_F(FaultTest, LowAddressBytesChooseTheDirection) {
       for (const std::size_t n : {routines == rep_copies ? 144u : 80u, 400u, 1500u})
         for (const auto& row : rows) {
           if (!runs_here(r)) continue;
-          record([&] { call(r, row.to, row.from, n); });
-          ASSERT_GT(faults.count, 0u);
-          EXPECT_EQ(faults.first[0].offset < row.to + n / 2, row.forwards)
+          const trace t = run(r, row.to, row.from, n);
+          const auto first =
+              std::find_if(t.begin(), t.end(), [this](const step& s) { return in_destination(s); });
+          ASSERT_NE(first, t.end());
+          EXPECT_EQ(offset_of(*first) < row.to + n / 2, row.forwards)
               << n << " bytes, low bytes of destination and source " << std::hex << row.to << ' '
               << row.from;
         }
 }
 
+// Accesses to pages that nobody may touch, the first 128 bytes taken as one place, and by which
+// instruction. Each page opens at its first access, which takes long.
+struct fault {
+  std::size_t offset;
+  unsigned what;
+  bool operator==(const fault&) const = default;
+};
+struct {
+  guarded_block* area;
+  std::vector<fault> seen;
+} faults;
+void on_fault(int, siginfo_t* info, void* context) {
+  const greg_t* const registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
+  auto* const at = static_cast<unsigned char*>(info->si_addr);
+  const auto offset = static_cast<std::size_t>(at - faults.area->begin());
+  const step now = decode(static_cast<std::uintptr_t>(registers[REG_RIP]), registers);
+  if (faults.seen.size() < faults.seen.capacity())  // allocates nothing
+    faults.seen.push_back({offset < 128 ? 0 : offset, now.what});
+  if (mprotect(faults.area->begin() + offset / 4096 * 4096, 4096, PROT_READ | PROT_WRITE) != 0)
+    std::abort();
+  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
 // A byte at one quarter of the bulk is read, and if that takes long one at three quarters; if both
-// do, the block is streamed, from its first 128 bytes on. What does not fault may take long too,
-// when somebody else runs.
-TEST_F(FaultTest, ProbesTellWhetherTheDestinationIsCached) {
+// do, the block is streamed, from its start on. What does not fault may take long too, when
+// somebody else runs.
+TEST_F(PathTest, ProbesTellWhetherTheDestinationIsCached) {
   constexpr std::size_t quarter = 12 * 1024;
-  const auto stores_first = [](std::size_t fault, unsigned what) {
-    return faults.count > fault && faults.first[fault].offset < 128 &&
-           faults.first[fault].what == what;
-  };
-  const auto probes_first = [](std::size_t fault, std::size_t offset) {
-    return faults.count > fault && faults.first[fault].offset == offset;
+  // With all pages of the destination closed but one.
+  const auto is_seen = [&](int attempts, routine r, std::size_t open_offset,
+                           const std::vector<fault>& expected) {
+    for (; attempts > 0; --attempts) {
+      faults.area = &to_;
+      faults.seen.clear();
+      faults.seen.reserve(4);
+      for (std::size_t page = 0; page < to_.size(); page += 4096)
+        if (page != open_offset) mprotect(to_.begin() + page, 4096, PROT_NONE);
+      struct sigaction action {
+      }, old{};
+      action.sa_sigaction = on_fault;
+      action.sa_flags = SA_SIGINFO;
+      sigaction(SIGSEGV, &action, &old);
+      call(r, 0, 0, 4 * quarter + 100);
+      sigaction(SIGSEGV, &old, nullptr);
+      if (faults.seen.size() >= expected.size() &&
+          std::equal(expected.begin(), expected.end(), faults.seen.begin()))
+        return true;
+    }
+    return false;
   };
   for (const auto& routines : {vec_copies, vec_fills})
     for (const routine r : routines) {
-      const auto run_once = [&] { call(r, 0, 0, 4 * quarter + 100); };
-      record(run_once);
-      EXPECT_TRUE(probes_first(0, quarter) && probes_first(1, 3 * quarter) &&
-                  stores_first(2, streaming_store));
-      const auto is_seen = [&](std::size_t open_page, auto check) {
-        for (int attempt = 0; attempt < 50; ++attempt) {
-          record(run_once, open_page);
-          if (check()) return true;
-        }
-        return false;
-      };
-      EXPECT_TRUE(is_seen(quarter / 4096, [&] { return stores_first(0, 0); }));
-      EXPECT_TRUE(is_seen(3 * quarter / 4096,
-                          [&] { return probes_first(0, quarter) && stores_first(1, 0); }));
+      EXPECT_TRUE(is_seen(1, r, SIZE_MAX, {{quarter, 0}, {3 * quarter, 0}, {0, streaming_store}}));
+      EXPECT_TRUE(is_seen(50, r, quarter, {{0, 0}}));
+      EXPECT_TRUE(is_seen(50, r, 3 * quarter, {{quarter, 0}, {0, 0}}));
     }
 }
 

@@ -5,17 +5,16 @@
 #include <algorithm>
 #include <cstring>
 #include <random>
+#include <span>
 #include <vector>
 
 #include "mem/allocator.h"
 #include "mem/imalloc.h"
-#include "support/name_of_row.h"
 
 namespace zorvac::test {
 namespace {
 
 struct kind {
-  const char* name;
   std::uint32_t size, blocks;
   int for_calloc;
 
@@ -24,19 +23,22 @@ struct kind {
                                               : __i_pool_malloc(size));
   }
 };
-constexpr kind kinds[] = {
-    {"Malloc64", 64, 30'000, 0},  {"Calloc64", 64, 30'000, 1},  {"Malloc40", 40, 300'000, 0},
-    {"Malloc48", 48, 300'000, 0}, {"Calloc48", 48, 300'000, 1}, {"Malloc96", 96, 300'000, 0},
-    {"Malloc1", 1, 30'000, 0},    {"Calloc24", 24, 30'000, 1},  {"Malloc1000", 1000, 30'000, 0},
-};
-class Pool : public testing::TestWithParam<kind> {};
-INSTANTIATE_TEST_SUITE_P(Kinds, Pool, testing::ValuesIn(kinds), name_of_row);
+constexpr kind kinds[] = {{64, 30'000, 0},  {64, 30'000, 1},  {40, 300'000, 0},
+                          {48, 300'000, 0}, {48, 300'000, 1}, {96, 300'000, 0},
+                          {1, 30'000, 0},   {24, 30'000, 1},  {1000, 30'000, 0}};
+
+// Runs a body for each of the first kinds.
+void for_kinds(std::size_t how_many, const std::function<void(const kind&)>& body) {
+  for (const kind& k : std::span(kinds).first(how_many)) {
+    SCOPED_TRACE(testing::Message() << k.size << " bytes, " << k.for_calloc);
+    in_own_process([&] { body(k); });
+  }
+}
 
 // Two pools of one kind through all states. Blocks come in order and are not reused one by one; a
 // pool starts over, from its first block and all zero where it is to be, once every block is free.
-TEST_P(Pool, LivesThroughItsStates) {
-  in_own_process([] {
-    const kind& k = GetParam();
+TEST(Pool, LivesThroughItsStates) {
+  for_kinds(std::size(kinds), [](const kind& k) {
     register_sizes({k.size}, k.for_calloc);
     const std::size_t bytes = std::size_t{k.size} * k.blocks;
     const auto fill_up = [&k](std::vector<char*>& blocks) {  // but for those taken already
@@ -217,12 +219,8 @@ TEST(PoolRealloc, MovesTheSmallerSize) {
   });
 }
 
-class WithoutMemory : public testing::TestWithParam<kind> {};
-INSTANTIATE_TEST_SUITE_P(Kinds, WithoutMemory, testing::Values(kinds[0], kinds[1]), name_of_row);
-
-TEST_P(WithoutMemory, GivesNullAndTriesAgain) {
-  in_own_process([] {
-    const kind& k = GetParam();
+TEST(Pool, WithoutMemoryGivesNullAndTriesAgain) {
+  for_kinds(2, [](const kind& k) {
     register_sizes({k.size, 128}, k.for_calloc);
     system_allocator.malloc_fails = true;
     for (int attempt = 1; attempt <= 100; ++attempt) {  // more than there are descriptors
@@ -247,9 +245,8 @@ TEST_P(WithoutMemory, GivesNullAndTriesAgain) {
 
 // The bytes of a pool are a 32-bit signed product, taken to malloc as it is, and the zero fill
 // stays within what malloc was asked for.
-TEST_P(WithoutMemory, ProductIsThirtyTwoBitsWide) {
-  in_own_process([] {
-    kind k = GetParam();
+TEST(Pool, BytesAreThirtyTwoBitsWide) {
+  for_kinds(2, [](kind k) {
     register_sizes({71'582, 71'583, 143'166}, k.for_calloc);
     system_allocator.malloc_fails = true;
     k.size = 71'582;

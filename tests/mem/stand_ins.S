@@ -1,14 +1,8 @@
-// Functions of this program that take the place of the library's: each notes its name, changes no
-// register and returns, so that what a caller sees of a call is the doing of the stubs alone.
-.section .note.GNU-stack, "", @progbits
-
-.section .rodata
-  .globl zorvac_test_names
-zorvac_test_names:
-  .asciz "none"
+// The variants, their workers, detection and the C library's routines.
+#include "support/stand_in.inc"
 
 .bss
-  .globl zorvac_test_taken, zorvac_test_block, zorvac_test_detected, zorvac_test_detections
+  .globl zorvac_test_block, zorvac_test_detected, zorvac_test_detections
   .globl zorvac_test_library_detection
   .p2align 3
 zorvac_test_block:              // a destination
@@ -19,34 +13,15 @@ zorvac_test_library_detection:  // which lies here
   .zero 8
 zorvac_test_detections:         // how often it ran
   .zero 4
-zorvac_test_taken:              // offset of the name of the stand-in that ran last
-  .zero 4
 
 .text
-.macro function name
-  .globl \name
-  .type \name, @function
-\name:
-.endm
-.macro note name
-  movl $(8f - zorvac_test_names), zorvac_test_taken(%rip)
-  .section .rodata
-8:
-  .asciz "\name"
-  .text
-.endm
-
-.irp name, _zorva_fast_memcpy.Z, _zorva_fast_memcpy.V, _zorva_fast_memcpy.P, \
+stand_ins _zorva_fast_memcpy.Z, _zorva_fast_memcpy.V, _zorva_fast_memcpy.P, \
     _zorva_fast_memcpy.M, _zorva_fast_memcpy.J, _zorva_fast_memcpy.A, \
     _zorva_fast_memmove.P, _zorva_fast_memmove.M, _zorva_fast_memmove.A, \
     _zorva_fast_memset.Z, _zorva_fast_memset.V, _zorva_fast_memset.J, _zorva_fast_memset.A, \
     __zorva_vpx_avx512f_memcpy, __zorva_avx_rep_memcpy, __zorva_ssse3_rep_memcpy, \
     __zorva_ssse3_memcpy, __zorva_new_memcpy, __zorva_ssse3_rep_memmove, __zorva_ssse3_memmove, \
     __zorva_vpx_avx512f_memset, __zorva_avx_rep_memset, __zorva_new_memset
-function \name
-  note \name
-  ret
-.endr
 
 function __zorva_cpu_features_init
   incl zorvac_test_detections(%rip)

@@ -83,6 +83,7 @@ step decode(std::uintptr_t address, const long long* registers) {
     values.values[ZYDIS_REGISTER_RAX + i] = static_cast<ZyanU64>(registers[order[i]]);
   for (std::size_t i = 0; i < instruction.operand_count_visible; ++i) {
     if (operands[i].type != ZYDIS_OPERAND_TYPE_MEMORY) continue;
+    if (operands[i].mem.type == ZYDIS_MEMOP_TYPE_AGEN) continue;  // LEA touches nothing
     ZydisCalcAbsoluteAddressEx(&instruction, &operands[i], address, &values, &s.operand);
     s.bytes = operands[i].size / 8u;
   }

@@ -27,16 +27,8 @@ answer by_compiler(operation o, const under_rounding& scope, bits a, bits b) {
   const auto x = std::bit_cast<__float128>(a), y = std::bit_cast<__float128>(b);
   asm volatile("fnclex");
   answer result = returned(scope, [&] {
-    switch (o) {
-      case operation::add:
-        return x + y;
-      case operation::subtract:
-        return x - y;
-      case operation::multiply:
-        return x * y;
-      default:
-        return x / y;
-    }
+    using enum operation;
+    return o == add ? x + y : o == subtract ? x - y : o == multiply ? x * y : x / y;
   });
   result.flags |= read_x87().status & all_flags;
   return result;

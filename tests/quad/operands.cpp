@@ -70,30 +70,21 @@ void for_each_aligned_pair(const std::function<void(bits, bits)>& visit) {
 
 uint128 random_operands::fraction() {
   const uint128 any = uint128{random_()} << 64 | random_();
-  switch (below(6)) {
-    case 0:
-      return uint128{1} << below(112) ^ uint128 { 1 } << below(112);  // two bits
-    case 1:
-      return (fraction_mask >> below(113)) ^ (fraction_mask >> below(113));  // a run of ones
-    case 2:
-      return any << below(112);  // few leading bits: ties
-    case 3:
-      return fraction_mask - (any & fraction_mask) / (uint128{1} << below(112));
-    default:
-      return any & fraction_mask;
-  }
+  const uint128 shapes[] = {
+      uint128{1} << below(112) ^ uint128{1} << below(112),            // two bits
+      (fraction_mask >> below(113)) ^ (fraction_mask >> below(113)),  // a run of ones
+      any << below(112),                                              // few leading bits: ties
+      fraction_mask - (any & fraction_mask) / (uint128{1} << below(112)),
+  };
+  const std::uint64_t shape = below(6);
+  return shape < 4 ? shapes[shape] : any & fraction_mask;
 }
 
 unsigned random_operands::exponent() {
   static constexpr unsigned edges[] = {0, 1, 0x3fff, 0x7ffe};
-  switch (below(4)) {
-    case 0:
-      return static_cast<unsigned>(edges[below(4)] + below(4)) & 0x7fff;
-    case 1:
-      return static_cast<unsigned>(0x3fff - 130 + below(260));
-    default:
-      return static_cast<unsigned>(below(0x8000));
-  }
+  const std::uint64_t exponents[] = {(edges[below(4)] + below(4)) & 0x7fff,
+                                     0x3fff - 130 + below(260), below(0x8000), below(0x8000)};
+  return static_cast<unsigned>(exponents[below(4)]);
 }
 
 bits random_operands::operator()() {

@@ -13,26 +13,15 @@
 namespace zorvac::test {
 
 // One of each kind, for what is tried in many ways.
-constexpr bits notable_operands[] = {zero,
-                                     negated(zero),
-                                     one,
-                                     negated(one),
-                                     smallest,
-                                     smallest_normal,
-                                     largest,
-                                     infinity,
-                                     negated(infinity),
-                                     signalling_nan,
-                                     quiet_nan,
-                                     power_of_two(1),
-                                     power_of_two(-1),
-                                     power_of_two(9000),
-                                     power_of_two(-9000),
-                                     quad(false, 0x4000, quiet_bit),
-                                     quad(false, 1, quiet_bit),
-                                     quad(false, 0, 0x1234),
-                                     quad(false, 0x3f90, 1),
-                                     quad(true, 0x3fff, 1, 1)};
+constexpr bits notable_operands[] = {
+    // clang-format off
+    zero, negated(zero), one, negated(one), smallest, smallest_normal, largest, infinity,
+    negated(infinity), signalling_nan, quiet_nan, power_of_two(1), power_of_two(-1),
+    power_of_two(9000), power_of_two(-9000), quad(false, 0x4000, quiet_bit),
+    quad(false, 1, quiet_bit), quad(false, 0, 0x1234), quad(false, 0x3f90, 1),
+    quad(true, 0x3fff, 1, 1)
+    // clang-format on
+};
 
 class random_operands {
  public:

@@ -143,21 +143,8 @@ answer arithmetic(operation o, bits a, bits b, rounding mode) {
 
   real r(binary128.precision);
   const mpfr_rnd_t m = mpfr_mode[mode];
-  int ternary = 0;
-  switch (o) {
-    case operation::add:
-      ternary = mpfr_add(r.get(), x.value.get(), y.value.get(), m);
-      break;
-    case operation::subtract:
-      ternary = mpfr_sub(r.get(), x.value.get(), y.value.get(), m);
-      break;
-    case operation::multiply:
-      ternary = mpfr_mul(r.get(), x.value.get(), y.value.get(), m);
-      break;
-    case operation::divide:
-      ternary = mpfr_div(r.get(), x.value.get(), y.value.get(), m);
-      break;
-  }
+  static constexpr decltype(&mpfr_add) operations[] = {mpfr_add, mpfr_sub, mpfr_mul, mpfr_div};
+  const int ternary = operations[static_cast<int>(o)](r.get(), x.value.get(), y.value.get(), m);
   if (mpfr_nan_p(r.get())) return {word_of(indefinite), invalid};
 
   answer expected = settle(binary128, r, ternary, m);

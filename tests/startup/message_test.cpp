@@ -47,19 +47,12 @@ TEST(MessageTable, IsTheCatalogues) {
   EXPECT_EQ(fnv_1a(text), 0x63cc'd20a'54e3'a0c5u);
 }
 
-TEST(Messages, LineEndNeedsNoCatalogue) {
-  const outcome o = run_in_child([] {
-    __libvrt_print(to_standard_error, 0, 0);
-    const char* text = __libvrt_get_msg(0, 0);
-    std::printf("[%s] %d", text, open_attempts);
-  });
-  EXPECT_EQ(o, (outcome{"[] 0", "\n", 0, 0}));
-}
-
-// Formatted only with arguments; the formatted text is the format of the print that follows, which
+// The end of a line needs no catalogue, nor has it a text. Formatted only with arguments; the formatted text is the format of the print that follows, which
 // takes per-cent signs for its own. Any stream but 1 is standard output.
 TEST(Messages, AreFormattedAndGoToTheStreamAsked) {
   const outcome o = run_in_child([] {
+    __libvrt_print(to_standard_error, 0, 0);
+    std::printf("[%s] %d\n", __libvrt_get_msg(0, 0), open_attempts);
     __libvrt_print(1, 53, 1, "counter");
     __libvrt_print(1, 53, 1, "100%%");
     __libvrt_print(1, 10, 2, 1.5, -2.25);
@@ -71,10 +64,12 @@ TEST(Messages, AreFormattedAndGoToTheStreamAsked) {
     std::printf("%s", __libvrt_get_msg(24, 0));
   });
   EXPECT_EQ(o.standard_output,
+            "[] 0\n"
             "No error\n"
             "Boundary Run-Time Check Failure\n"
             "The allowed processors are: none.|The allowed processors are: %s.");
   EXPECT_EQ(o.standard_error,
+            "\n"
             "Boundary Run-Time Check Failure for variable 'counter'\n"
             "Boundary Run-Time Check Failure for variable '100%'\n"
             "\tF64 1.500000 != -2.250000\n"

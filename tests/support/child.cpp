@@ -1,11 +1,10 @@
 // Child processes with both output streams caught.
 #include "support/child.h"
 
-#include <poll.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
@@ -24,6 +23,15 @@ void keep_coverage() {
 #endif
 }
 
+// All that was written to a file that nobody else has, which is closed.
+std::string text_in(int file) {
+  std::string text(static_cast<std::size_t>(lseek(file, 0, SEEK_END)), 0);
+  const bool whole = pread(file, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
+  close(file);
+  if (!whole) throw std::runtime_error("read failed");
+  return text;
+}
+
 }  // namespace
 
 std::ostream& operator<<(std::ostream& out, const outcome& o) {
@@ -33,15 +41,14 @@ std::ostream& operator<<(std::ostream& out, const outcome& o) {
 }
 
 outcome run_in_child(const std::function<void()>& body) {
-  std::array<int, 2> out{}, err{};
-  if (pipe(out.data()) != 0 || pipe(err.data()) != 0) throw std::runtime_error("pipe failed");
+  const int streams[] = {memfd_create("output", 0), memfd_create("error", 0)};
   std::fflush(nullptr);  // or the child would print what the parent has buffered
   const pid_t child = fork();
-  if (child < 0) throw std::runtime_error("fork failed");
+  if (child < 0 || streams[0] < 0 || streams[1] < 0) throw std::runtime_error("no child process");
   if (child == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    dup2(err[1], STDERR_FILENO);
-    for (const int fd : {out[0], out[1], err[0], err[1]}) close(fd);
+    dup2(streams[0], STDOUT_FILENO);
+    dup2(streams[1], STDERR_FILENO);
+    for (const int fd : streams) close(fd);
 #ifdef ZORVAC_COVERAGE
     struct sigaction once {};  // then the signal does what it does by default
     once.sa_handler = [](int) { keep_coverage(); };
@@ -53,29 +60,9 @@ outcome run_in_child(const std::function<void()>& body) {
     keep_coverage();
     _exit(0);
   }
-  close(out[1]);
-  close(err[1]);
-
-  outcome result;
-  std::array<pollfd, 2> streams{{{out[0], POLLIN, 0}, {err[0], POLLIN, 0}}};
-  std::array<std::string*, 2> texts{&result.standard_output, &result.standard_error};
-  for (int open = 2; open > 0;) {
-    poll(streams.data(), streams.size(), -1);
-    for (std::size_t i = 0; i < streams.size(); ++i) {
-      if (streams[i].fd < 0 || streams[i].revents == 0) continue;
-      std::array<char, 4096> chunk{};
-      const ssize_t bytes = read(streams[i].fd, chunk.data(), chunk.size());
-      if (bytes > 0) {
-        texts[i]->append(chunk.data(), static_cast<std::size_t>(bytes));
-      } else {
-        close(streams[i].fd);
-        streams[i].fd = -1;
-        --open;
-      }
-    }
-  }
   int status = 0;
   waitpid(child, &status, 0);
+  outcome result{text_in(streams[0]), text_in(streams[1])};
   if (WIFEXITED(status)) result.exit_status = WEXITSTATUS(status);
   if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
   return result;

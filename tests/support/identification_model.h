@@ -18,56 +18,28 @@ struct feature_bit {
   int indicator_bit;
   std::uint32_t leaf;
   reg from;
-  std::vector<int> cpuid_bits;
-  condition needs;
+  int cpuid_bit;
+  condition needs = always;
 };
 
-inline const std::vector<feature_bit>& feature_bits() {
-  static const std::vector<feature_bit> bits = {
-      {1, 1, edx, {0}, always},     {2, 1, edx, {15}, always},
-      {3, 1, edx, {23}, always},    {4, 1, edx, {24}, always},
-      {5, 1, edx, {25}, fxsr},      {6, 1, edx, {26}, fxsr},
-      {7, 1, ecx, {0}, fxsr},       {8, 1, ecx, {9}, fxsr},
-      {9, 1, ecx, {19}, fxsr},      {10, 1, ecx, {20}, fxsr},
-      {11, 1, ecx, {22}, fxsr},     {12, 1, ecx, {23}, fxsr},
-      {13, 1, ecx, {1}, fxsr},      {14, 1, ecx, {25}, fxsr},
-      {15, 1, ecx, {29}, ymm},      {16, 1, ecx, {28}, ymm},
-      {17, 1, ecx, {30}, always},   {18, 1, ecx, {12}, ymm},
-      {19, 7, ebx, {3, 8}, always}, {20, 0x80000001, ecx, {5}, always},
-      {21, 7, ebx, {4}, always},    {22, 7, ebx, {11}, always},
-      {23, 7, ebx, {5}, ymm},       {24, 7, ebx, {17}, zmm},
-      {27, 7, ebx, {16}, zmm},      {28, 7, ebx, {19}, always},
-      {29, 7, ebx, {18}, always},   {30, 7, ebx, {21}, zmm},
-      {32, 7, ebx, {27}, zmm},      {33, 7, ebx, {26}, zmm},
-      {34, 7, ebx, {28}, zmm},      {35, 7, ebx, {29}, fxsr},
-      {36, 7, ebx, {14}, mpx},      {37, 7, ebx, {30}, zmm},
-      {38, 7, ebx, {31}, zmm},      {39, 7, ecx, {1}, zmm},
-  };
-  return bits;
-}
+// Indicator bit 19 needs both of its rows.
+inline constexpr feature_bit feature_bits[] = {
+    // clang-format off
+    {1, 1, edx, 0}, {2, 1, edx, 15}, {3, 1, edx, 23}, {4, 1, edx, 24}, {5, 1, edx, 25, fxsr},
+    {6, 1, edx, 26, fxsr}, {7, 1, ecx, 0, fxsr}, {8, 1, ecx, 9, fxsr}, {9, 1, ecx, 19, fxsr},
+    {10, 1, ecx, 20, fxsr}, {11, 1, ecx, 22, fxsr}, {12, 1, ecx, 23, fxsr}, {13, 1, ecx, 1, fxsr},
+    {14, 1, ecx, 25, fxsr}, {15, 1, ecx, 29, ymm}, {16, 1, ecx, 28, ymm}, {17, 1, ecx, 30},
+    {18, 1, ecx, 12, ymm}, {19, 7, ebx, 3}, {19, 7, ebx, 8}, {20, 0x80000001, ecx, 5},
+    {21, 7, ebx, 4}, {22, 7, ebx, 11}, {23, 7, ebx, 5, ymm}, {24, 7, ebx, 17, zmm},
+    {27, 7, ebx, 16, zmm}, {28, 7, ebx, 19}, {29, 7, ebx, 18}, {30, 7, ebx, 21, zmm},
+    {32, 7, ebx, 27, zmm}, {33, 7, ebx, 26, zmm}, {34, 7, ebx, 28, zmm}, {35, 7, ebx, 29, fxsr},
+    {36, 7, ebx, 14, mpx}, {37, 7, ebx, 30, zmm}, {38, 7, ebx, 31, zmm}, {39, 7, ecx, 1, zmm},
+    // clang-format on
+};
 
-inline std::uint32_t register_of(const cpuid_answer& a, reg which) {
-  return which == ebx ? a.ebx : which == ecx ? a.ecx : a.edx;
-}
 inline bool reports(const fake_processor& p, std::uint32_t leaf, reg from, int bit) {
-  return (register_of(p.cpuid(leaf, 0), from) >> bit & 1) != 0;
-}
-
-inline bool holds(const fake_processor& p, condition c) {
-  const bool ymm_enabled = reports(p, 1, ecx, 27) && (p.xcr0 & 0x6) == 0x6;
-  switch (c) {
-    case always:
-      return true;
-    case fxsr:
-      return reports(p, 1, edx, 24);
-    case ymm:
-      return ymm_enabled;
-    case mpx:
-      return ymm_enabled && (p.xcr0 & 0x18) == 0x18;
-    case zmm:
-      return ymm_enabled && (p.xcr0 & 0xe0) == 0xe0;
-  }
-  return false;
+  const cpuid_answer a = p.cpuid(leaf, 0);
+  return ((from == ebx ? a.ebx : from == ecx ? a.ecx : a.edx) >> bit & 1) != 0;
 }
 
 inline std::uint32_t full_model(std::uint32_t signature) {
@@ -76,15 +48,16 @@ inline std::uint32_t full_model(std::uint32_t signature) {
 
 // The feature word of a processor that has leaf 1, whatever its maker.
 inline std::uint64_t feature_word(const fake_processor& p) {
-  std::uint64_t word = 1;
-  for (const feature_bit& f : feature_bits()) {
-    const bool all = std::all_of(f.cpuid_bits.begin(), f.cpuid_bits.end(),
-                                 [&](int bit) { return reports(p, f.leaf, f.from, bit); });
-    if (all && holds(p, f.needs)) word |= std::uint64_t{1} << f.indicator_bit;
-  }
+  const bool has_ymm = reports(p, 1, ecx, 27) && (p.xcr0 & 0x6) == 0x6;
+  const bool met[] = {true, reports(p, 1, edx, 24), has_ymm, has_ymm && (p.xcr0 & 0x18) == 0x18,
+                      has_ymm && (p.xcr0 & 0xe0) == 0xe0};  // by condition
   const std::uint32_t model = full_model(p.cpuid(1, 0).eax);
+  std::uint64_t word = 1, missing = 0;
   if (model == 0x1c || model == 0x26 || model == 0x27) word |= std::uint64_t{1} << 31;
-  return word;
+  for (const feature_bit& f : feature_bits)
+    (reports(p, f.leaf, f.from, f.cpuid_bit) && met[f.needs] ? word : missing) |=
+        std::uint64_t{1} << f.indicator_bit;
+  return word & ~missing;
 }
 
 // The class of a processor of the accepted vendor: the last line of the list that applies.
