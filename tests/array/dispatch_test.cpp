@@ -7,7 +7,6 @@
 #include <sstream>
 
 #include "array/matrix.h"
-#include "zorvac/array.h"
 #include "zorvac/cpu.h"
 
 namespace {
@@ -45,30 +44,9 @@ void pass_product(const char* symbol, bool runs, const void* a, const void* b, v
        ldb, ldc);
   if (runs) next<product_fn>(symbol)(a, b, c, x, y, z, lda, ldb, ldc);
 }
-void pass_clear(const char* symbol, void* c, u64 rows, u64 columns, u64 ldc) {
-  note(symbol, bytes_from(c, c_base), rows, columns, ldc);
-  if (kernels_run) next<clear_fn>(symbol)(c, rows, columns, ldc);
-}
-void pass_copy(const char* symbol, const char* base, const double*& destination, u64 x, u64 y,
-               const double* source, u64 ld, double* packed) {
-  note(symbol, x, y, bytes_from(source, base), ld);
-  destination = packed;
-  next<copy_fn>(symbol)(x, y, source, ld, packed);
-}
-void pass_inner(const char* symbol, const u64* m, const u64* n, const u64* kp, const double* a,
-                const double* b, const u64* block, double* c, const u64* ldc, double* duplicated,
-                const void* zero) {
-  note(symbol, *m, *n, *kp, bytes_from(c, c_base), *ldc);
-  EXPECT_EQ(a, packed_a);
-  EXPECT_EQ(b, packed_b);
-  EXPECT_EQ(*block, 112u);
-  EXPECT_EQ(std::memcmp(zero, "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 16), 0);
-  strip = duplicated;
-  next<inner_fn>(symbol)(m, n, kp, a, b, block, c, ldc, duplicated, zero);
-}
-
 extern "C" {
 #define PASS_PRODUCT(id, symbol, runs)                                                             \
+  product_fn id __asm__(symbol);                                                                   \
   void id(const void* a, const void* b, void* c, u64 x, u64 y, u64 z, u64 lda, u64 ldb, u64 ldc) { \
     pass_product(symbol, runs, a, b, c, x, y, z, lda, ldb, ldc);                                   \
   }
@@ -79,51 +57,53 @@ extern "C" {
 #define PASS_BLOCKED(type, a, b)                                                   \
   PASS_PRODUCT(fast_##type##_##a##_##b, "_MATMUL_" #type "_" #a "_" #b ".J", true) \
   PASS_PRODUCT(blocked_##type##_##a##_##b, "_MATMUL_" #type "_" #a "_" #b "_XK64w", kernels_run)
-ZORVAC_TEST_STORAGES(PASS_TYPE, r4)
-ZORVAC_TEST_STORAGES(PASS_TYPE, r8)
-ZORVAC_TEST_STORAGES(PASS_TYPE, c4)
-ZORVAC_TEST_STORAGES(PASS_TYPE, c8)
+#define PASS_CLEAR(type)                                                        \
+  void _MATMUL_##type##_n_n_pst_init(void* c, u64 rows, u64 columns, u64 ldc) { \
+    const char* const symbol = "_MATMUL_" #type "_n_n_pst_init";                \
+    note(symbol, bytes_from(c, c_base), rows, columns, ldc);                    \
+    if (kernels_run) next<clear_fn>(symbol)(c, rows, columns, ldc);             \
+  }
+#define PASS_ALL(type) ZORVAC_TEST_STORAGES(PASS_TYPE, type) PASS_CLEAR(type)
+PASS_ALL(r4)
+PASS_ALL(r8)
+PASS_ALL(c4)
+PASS_ALL(c8)
 ZORVAC_TEST_STORAGES(PASS_BLOCKED, r8)
 
-#define PASS_CLEAR(type)                                                 \
-  void clear_##type(void* c, u64 rows, u64 columns, u64 ldc) {           \
-    pass_clear("_MATMUL_" #type "_n_n_pst_init", c, rows, columns, ldc); \
+#define PASS_COPY(name, operand)                                          \
+  void name(u64 x, u64 y, const double* source, u64 ld, double* packed) { \
+    note(#name, x, y, bytes_from(source, operand##_base), ld);            \
+    packed_##operand = packed;                                            \
+    next<copy_fn>(#name)(x, y, source, ld, packed);                       \
   }
-PASS_CLEAR(r4)
-PASS_CLEAR(r8)
-PASS_CLEAR(c4)
-PASS_CLEAR(c8)
+PASS_COPY(__zorva_dgcopyan_xk64w, a)
+PASS_COPY(__zorva_dgcopyat_xk64w, a)
+PASS_COPY(__zorva_dgcopybn_psc, b)
+PASS_COPY(__zorva_dgcopybt_psc, b)
 
-#define PASS_COPY(id, symbol, operand)                                             \
-  void copy_##id(u64 x, u64 y, const double* source, u64 ld, double* packed) {     \
-    pass_copy(symbol, operand##_base, packed_##operand, x, y, source, ld, packed); \
+#define PASS_INNER(name)                                                                         \
+  void name(const u64* m, const u64* n, const u64* kp, const double* a, const double* b,         \
+            const u64* block, double* c, const u64* ldc, double* duplicated, const u64* zeros) { \
+    note(#name, *m, *n, *kp, bytes_from(c, c_base), *ldc);                                       \
+    EXPECT_TRUE(a == packed_a && b == packed_b && *block == 112 && zeros[0] == 0 &&              \
+                zeros[1] == 0);                                                                  \
+    strip = duplicated;                                                                          \
+    next<decltype(name)>(#name)(m, n, kp, a, b, block, c, ldc, duplicated, zeros);               \
   }
-PASS_COPY(an, "__zorva_dgcopyan_xk64w", a)
-PASS_COPY(at, "__zorva_dgcopyat_xk64w", a)
-PASS_COPY(bn, "__zorva_dgcopybn_psc", b)
-PASS_COPY(bt, "__zorva_dgcopybt_psc", b)
+PASS_INNER(__zorva_dinnerz_roll_xk64w)
+PASS_INNER(__zorva_dinner_xk64w)
 
-#define PASS_INNER(id, symbol)                                                                 \
-  void inner_##id(const u64* m, const u64* n, const u64* kp, const double* a, const double* b, \
-                  const u64* block, double* c, const u64* ldc, double* duplicated,             \
-                  const void* zero) {                                                          \
-    pass_inner(symbol, m, n, kp, a, b, block, c, ldc, duplicated, zero);                       \
+#define NOTE_VECTOR(storages, parameters, ...)                                                   \
+  void MATMUL_v_##storages##_pst(const double* a, const double* b, double* c, u64 x, u64 y,      \
+                                 u64 lda parameters) {                                           \
+    note("v_" #storages, bytes_from(a, a_base), bytes_from(b, b_base), bytes_from(c, c_base), x, \
+         y, lda __VA_ARGS__);                                                                    \
   }
-PASS_INNER(overwriting, "__zorva_dinnerz_roll_xk64w")
-PASS_INNER(adding, "__zorva_dinner_xk64w")
-
-void vector_nn(const double* a, const double* b, double* c, u64 m, u64 k, u64 lda) {
-  note("v_nn", bytes_from(a, a_base), bytes_from(b, b_base), bytes_from(c, c_base), m, k, lda);
-}
-void vector_tn(const double* a, const double* b, double* c, u64 k, u64 m, u64 lda) {
-  note("v_tn", bytes_from(a, a_base), bytes_from(b, b_base), bytes_from(c, c_base), k, m, lda);
-}
-void vector_nt(const double* a, const double* b, double* c, u64 m, u64 k, u64 lda, u64 ldb) {
-  note("v_nt", bytes_from(a, a_base), bytes_from(b, b_base), bytes_from(c, c_base), m, k, lda, ldb);
-}
-void vector_tt(const double* a, const double* b, double* c, u64 k, u64 m, u64 lda, u64 ldb) {
-  note("v_tt", bytes_from(a, a_base), bytes_from(b, b_base), bytes_from(c, c_base), k, m, lda, ldb);
-}
+#define AND ,
+NOTE_VECTOR(nn, )
+NOTE_VECTOR(tn, )
+NOTE_VECTOR(nt, AND u64 ldb, AND ldb)
+NOTE_VECTOR(tt, AND u64 ldb, AND ldb)
 
 // Detection promises to change no register.
 static u64 detected;
@@ -168,7 +148,7 @@ std::string line(const Words&... words) {
 // The calls that an entry makes, the extents in the order of entries, then of kernels.
 template <class E>
 void expect_calls(const std::string& type, u64 indicator, u64 detects, int expected_detections) {
-  for (const routines& r : routines_of<E>()) {
+  for (const routines& r : routines_of<E>) {
     const std::string stem = "_MATMUL_" + type + '_' + r.a + '_' + r.b;
     const char base[] = "abc";
     a_base = b_base = c_base = base;
@@ -232,10 +212,10 @@ TEST(BlockedKernel, TakesItsSteps) {
   kernels_run = true;
   __zorva_cpu_feature_indicator = 0x7f;
   const u64 m = 525, k = 115 + 112, n = 2007, kb0 = 3, kp0 = 4, panel = 2000;
-  for (const routines& r : routines_of<double>()) {
-    matrix<double> a(m, k, 0), b(k, n, 0), c(m, n, 3);
-    a.fill_randomly(1), b.fill_randomly(2);
-    const matrix<double> sa = a.stored(r.a, 1), sb = b.stored(r.b, 2);
+  operands<double> x({m, k, n});
+  for (const routines& r : routines_of<double>) {
+    x.store_for(r);
+    const matrix<double>&sa = x.sa, &sb = x.sb, c = x.result();
     a_base = reinterpret_cast<const char*>(sa.data());
     b_base = reinterpret_cast<const char*>(sb.data());
     c_base = reinterpret_cast<const char*>(c.data());
@@ -267,9 +247,9 @@ TEST(BlockedKernel, TakesItsSteps) {
                                 c_at(m - 1, j0), 1, w, kb, sa.ld(), sb.ld(), c.ld()));
       }
     for (u64 j = n / 4 * 4; j < n; ++j) {
-      const u64 x = r.a == 'n' ? m : k, y = r.a == 'n' ? k : m;
-      std::string step =
-          line(std::string("v_") + r.a + r.b, 0, b_at(0, j), c_at(0, j), x, y, sa.ld());
+      const bool m_first = r.a == 'n';
+      std::string step = line(std::string("v_") + r.a + r.b, 0, b_at(0, j), c_at(0, j),
+                              m_first ? m : k, m_first ? k : m, sa.ld());
       if (r.b == 't') step += line("", sb.ld());
       expected.push_back(step);
     }

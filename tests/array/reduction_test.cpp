@@ -2,6 +2,7 @@
 // every operator, and every pair of codes that ends the process.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <csignal>
 #include <cstring>
 #include <limits>
@@ -137,6 +138,8 @@ T combined(std::uint32_t op, T t, T p) {
                                a != b};
     return static_cast<T>(results[op]);
   } else {
+    if (std::is_same_v<T, quad> && op > 3)  // t where they are not ordered, and p of two zeros
+      return (op == 4 ? t <= p : t >= p) ? p : t;
     if (op == 4) return t > p ? t : p;  // p where they are not ordered, and of two zeros
     if (op == 5) return t < p ? t : p;
     return op == 1 ? t + p : op == 2 ? t * p : t - p;
@@ -157,11 +160,11 @@ T random_value(std::mt19937_64& random) {
 template <class T>
 std::vector<T> operands(std::size_t count, std::uint32_t op, std::mt19937_64& random) {
   std::vector<T> list{T{0}, T{1}, static_cast<T>(-1)};
-  if constexpr (std::is_same_v<T, float> || std::is_same_v<T, double>)
+  if constexpr (!std::is_integral_v<T>)
     if (op == 4 || op == 5) {
-      using limits = std::numeric_limits<T>;
-      list.insert(list.end(), {-T{0}, limits::quiet_NaN(), -limits::quiet_NaN(), limits::infinity(),
-                               -limits::infinity(), limits::denorm_min()});
+      const auto infinity = static_cast<T>(INFINITY), nan = static_cast<T>(NAN);
+      const auto least = static_cast<T>(sizeof(T) == 4 ? 0x1p-149 : 0x1p-1074);
+      list.insert(list.end(), {-T{0}, nan, -nan, infinity, -infinity, least});
     }
   std::vector<T> result;
   while (result.size() < count)

@@ -14,9 +14,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <limits>
 
 #include "support/child.h"
@@ -309,17 +306,6 @@ TEST(Constants, KindIsNotLostWithValuesTooLongToPrint) {
   const outcome o = fate_of([] { _IPO_Check_CP(0, 5, of(DBL_MAX), of(-DBL_MAX)); });
   EXPECT_EQ(o.standard_output, "Constant propagation error (FORMAL substitution):\n");
   EXPECT_EQ(o.signal, SIGABRT);
-}
-
-TEST(Constants, ReportsReachAFile) {
-  const std::string file = testing::TempDir() + "zorvac_check_test_" + std::to_string(getpid());
-  fate_of([&] {
-    if (std::freopen(file.c_str(), "w", stdout) != nullptr) _IPO_Check_CP(1, 1, of(5), of(-1));
-  });
-  std::ifstream stream(file);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stream), {}),
-            "Constant propagation error (RETURN substitution):\n\tSI32 5 != -1\n");
-  std::filesystem::remove(file);
 }
 
 }  // namespace

@@ -15,8 +15,7 @@
 #include <set>
 #include <sstream>
 
-#include "diag/byte_source.h"
-#include "diag/trace_scan.h"
+#include "diag/section.h"
 #include "support/child.h"
 
 namespace fs = std::filesystem;
@@ -24,7 +23,7 @@ using namespace zorvac::test;
 
 namespace {
 
-std::string bytes_of(const fs::path& file) {
+std::string contents_of(const fs::path& file) {
   std::ifstream in{file, std::ios::binary};
   return {std::istreambuf_iterator<char>{in}, {}};
 }
@@ -56,12 +55,12 @@ struct position {
   std::string file;
   std::uint64_t line = 0;
 };
-struct routine {
+struct described {
   std::uint64_t length = 0;
   std::string name;
   std::map<std::uint64_t, position> lines;
 };
-using routines = std::map<std::uint64_t, routine>;  // by start
+using routines = std::map<std::uint64_t, described>;  // by start
 
 // The routines and rows that --dump prints.
 routines read_dump(const std::string& text) {
@@ -78,15 +77,6 @@ routines read_dump(const std::string& text) {
       result[current].lines[std::stoull(m[4], nullptr, 16)] = {m[5], std::stoull(m[6])};
   }
   return result;
-}
-
-// What the library finds in a section.
-tbk_pc_info look_up(const std::string& section, std::uint64_t address) {
-  static zorvac::diag::byte_source source;
-  source.open_memory({reinterpret_cast<const unsigned char*>(section.data()), section.size()});
-  tbk_pc_info info{"Unknown", "Unknown", 0};
-  scan_trace(source, {0, section.size()}, address, info);
-  return info;
 }
 
 // The bytes that are loaded when a program runs, without the fields of the ELF header that say where
@@ -124,7 +114,7 @@ class Mktrace : public testing::Test {
   std::string section() {
     const fs::path file = folder / "section";
     shell("objcopy --dump-section .trace=" + file.string() + " " + image.string() + " /dev/null");
-    return bytes_of(file);
+    return contents_of(file);
   }
 
   // What a program of the addr2line family says of each address.
@@ -155,15 +145,15 @@ class MktraceOf : public Mktrace, public testing::WithParamInterface<const char*
 TEST_P(MktraceOf, SaysWhatOthersSayAndLeavesTheProgramAlone) {
   const bool big = std::string{GetParam()} == "the tool itself";
   big ? fs::copy(MKTRACE, image) : build(GetParam());
-  const std::string before = bytes_of(image);
+  const std::string before = contents_of(image);
   const bool runs = !big && before.find("/ld-linux") != std::string::npos;
   const std::string said = runs ? shell(image) : "";
   ASSERT_EQ(mktrace(image), (outcome{"", "", 0, 0}));
-  const std::string after = bytes_of(image);
+  const std::string after = contents_of(image);
   EXPECT_EQ(loaded(before), loaded(after));
   EXPECT_EQ(runs ? shell(image) : "", said);
   ASSERT_EQ(mktrace(image).exit_status, 0);
-  EXPECT_EQ(bytes_of(image), after) << "made again";
+  EXPECT_EQ(contents_of(image), after) << "made again";
 
   const routines all = read_dump(mktrace("--dump", image).standard_output);
   const std::string trace = section();
@@ -203,7 +193,7 @@ TEST_P(MktraceOf, SaysWhatOthersSayAndLeavesTheProgramAlone) {
   const auto gnu = ask("addr2line", places), llvm = ask(LLVM_ADDR2LINE, places);
   unsigned known = 0;
   for (const std::uint64_t place : places) {
-    const routine& r = std::prev(all.upper_bound(place))->second;
+    const described& r = std::prev(all.upper_bound(place))->second;
     const auto row = r.lines.upper_bound(place);
     const position dumped = row == r.lines.begin() ? position{} : std::prev(row)->second;
     const tbk_pc_info read = look_up(trace, place);
@@ -232,11 +222,11 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(Mktrace, WritesElsewhereThroughLinksWithTheSameMode) {
   build("gcc -g");
   fs::permissions(image, fs::perms{0750});
-  const std::string before = bytes_of(image);
+  const std::string before = contents_of(image);
   const fs::path link = folder / "link", target = folder / "target";
   fs::create_symlink("target", link);
   ASSERT_EQ(mktrace("-o", link, image), (outcome{"", "", 0, 0}));
-  EXPECT_EQ(bytes_of(image), before);
+  EXPECT_EQ(contents_of(image), before);
   EXPECT_TRUE(fs::is_symlink(link));
   EXPECT_EQ(fs::status(target).permissions(), fs::perms{0750});
   shell("strip " + target.string());
@@ -255,7 +245,7 @@ struct refusal {
 
 TEST_F(Mktrace, RefusesWithoutHarm) {
   build("gcc -g");
-  const std::string whole = bytes_of(image);
+  const std::string whole = contents_of(image);
   const refusal refusals[] = {
       {"not an ELF file", 1, 'e', 0, 0755, {}},
       {"not a 64-bit ELF file", EI_CLASS, ELFCLASS32, 0, 0755, {}},
@@ -285,7 +275,7 @@ TEST_F(Mktrace, RefusesWithoutHarm) {
     const outcome o = run_program(command);
     EXPECT_EQ(o.exit_status, std::string{r.says} == "Usage" ? 2 : 1) << o;
     EXPECT_NE(o.standard_error.find(r.says), std::string::npos) << o;
-    EXPECT_EQ(bytes_of(image), bytes);
+    EXPECT_EQ(contents_of(image), bytes);
     EXPECT_EQ(std::distance(fs::directory_iterator{folder}, {}), 2) << "image and bare.o";
   }
   build("gcc");
@@ -300,7 +290,7 @@ TEST_F(Mktrace, SurvivesDamage) {
   build("gcc -g -O2");
   const fs::path out = folder / "out";
   ASSERT_EQ(mktrace(image).exit_status, 0);
-  const std::string whole = bytes_of(image);
+  const std::string whole = contents_of(image);
   std::mt19937 random{1};
   for (int round = 0; round < 60; ++round) {
     std::string bytes = whole;

@@ -25,12 +25,14 @@
 #include <thread>
 #include <vector>
 
+#include "diag/stack_walk.h"
 #include "support/guard_pages.h"
 #include "zorvac/diag.h"
 
 namespace {
 bool counting = false;
 int allocated = 0, live = 0;
+int blocks_left = -1;  // until the memory is used up; never when it is negative
 
 enum place { nowhere, in_walk, in_callback, in_look_up };
 place fault_place = nowhere;
@@ -49,6 +51,7 @@ _Unwind_Ptr __real__Unwind_GetIP(_Unwind_Context* context);
 int __real_dladdr(const void* address, Dl_info* info);
 
 void* __wrap_malloc(std::size_t bytes) {
+  if (counting && blocks_left-- == 0) return nullptr;
   allocated += counting;
   live += counting;
   return __real_malloc(bytes);
@@ -126,11 +129,13 @@ TEST(Walk, ReportsEveryFrameInOrder) {
     walk w;
     w.frames.reserve(8192);
     allocated = live = 0;
+    const std::uint32_t counted = zorvac::diag::frame_count;
     counting = true;
     w.status = tbk_trace_stack(nullptr, &w, record, 1);
     counting = false;
     EXPECT_EQ(w.status, std::uint32_t{TBK_SUCCESS});
     EXPECT_EQ(w.hidden, 2u);
+    EXPECT_EQ(zorvac::diag::frame_count - counted, w.calls);
     ASSERT_EQ(w.frames.size(), 3 + expected.size());
     addresses found;
     for (std::size_t i = 0; i < w.frames.size(); ++i) {
@@ -146,6 +151,29 @@ TEST(Walk, ReportsEveryFrameInOrder) {
   };
   for (int depth = 0; depth < 80; ++depth) from_thread(check, depth);
   for (const int depth : {200, 5000}) from_thread(check, depth);
+}
+
+TEST(Walk, ShowsWhatThereIsMemoryFor) {
+  from_thread(
+      [] {
+        const addresses expected = callers();
+        for (const int blocks : {0, 1, 2}) {
+          walk w;
+          w.frames.reserve(100);
+          allocated = live = 0, blocks_left = blocks;
+          counting = true;
+          w.status = tbk_trace_stack(nullptr, &w, record, 1);
+          counting = false;
+          blocks_left = -1;
+          EXPECT_EQ(w.status, std::uint32_t{TBK_SUCCESS});
+          ASSERT_EQ(w.frames.size(), 24u * (static_cast<unsigned>(blocks) + 1));
+          for (std::size_t i = 3; i < w.frames.size(); ++i)
+            EXPECT_EQ(w.frames[i].pc, expected[i - 3]) << i;
+          EXPECT_EQ(allocated, blocks);
+          EXPECT_EQ(live, 0);
+        }
+      },
+      80);
 }
 
 TEST(Walk, EndsWhenTheCallbackSaysSo) {
