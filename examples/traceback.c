@@ -1,5 +1,5 @@
-// Crashes three calls deep in a shared object, and prints its traceback from the signal's handler in
-// both layouts. The handler calls nothing that allocates: the heap may be what is broken.
+// Crashes three calls deep in a shared object, and prints its traceback from the signal's handler
+// in both layouts. The handler calls nothing that allocates: the heap may be what is broken.
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>

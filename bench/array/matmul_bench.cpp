@@ -1,9 +1,9 @@
-// Matrix products beside OpenBLAS, BLIS, Eigen and the Fortran compiler's MATMUL, all on one thread.
+// Matrix products beside OpenBLAS, BLIS, Eigen and the Fortran compiler's MATMUL, on one thread.
 //
 // Rows are <type>_<storages>/<m>x<k>x<n>. Ours appears once for each level of the processor, chosen
-// by the feature indicator: zorvac-pair (SSE2), zorvac-avx2, zorvac-avx512; rows of r8 also with the
-// general kernels, zorvac-general-*. The counter is GFLOP/s, a complex product of numbers being 8.
-// limit/* are the machine's own limits for doubles.
+// by the feature indicator: zorvac-pair (SSE2), zorvac-avx2, zorvac-avx512; rows of r8 also with
+// the general kernels, zorvac-general-*. The counter is GFLOP/s: 8 for a complex product of
+// numbers. limit/* are the machine's own limits for doubles.
 //
 // What an OpenBLAS of an older processor does takes a process of its own:
 //   OPENBLAS_CORETYPE=Nehalem matmul_bench --benchmark_filter='openblas|zorvac-pair'

@@ -3,7 +3,7 @@
 
 #include <csetjmp>
 
-#include "diag/stack_walk.h"
+#include "diag/tbk_backtrace.h"
 #include "diag/texts.h"
 #include "startup/vrt_msg_support.h"
 

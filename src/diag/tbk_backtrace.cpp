@@ -1,6 +1,6 @@
-// The walk: records all frames first, then reports them, both under the protection of a signal action
-// that jumps back here. Whatever ends it, the same few steps clean up.
-#include "diag/stack_walk.h"
+// The walk: records all frames first, then reports them, both under the protection of a signal
+// action that jumps back here. Whatever ends it, the same few steps clean up.
+#include "diag/tbk_backtrace.h"
 
 #include <signal.h>
 #include <ucontext.h>

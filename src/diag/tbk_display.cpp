@@ -1,7 +1,7 @@
 // The traceback as text, in two layouts, within the room that the caller gives.
 //
-//   | text so far | the piece that is being written ...       | reserved for a closing message and 0 |
-//   0           length                                      room                              bytes - 1
+//   | text so far | the piece that is being written ... | reserved for a closing message and 0 |
+//   0           length                                room                            bytes - 1
 //
 // A piece is written straight into the room while its length is counted, also beyond the room. It
 // counts only when it is complete: after a fault the closing message overwrites its beginning.
@@ -10,7 +10,7 @@
 #include <algorithm>
 
 #include "diag/images.h"
-#include "diag/stack_walk.h"
+#include "diag/tbk_backtrace.h"
 #include "diag/texts.h"
 
 namespace zorvac::diag {
@@ -59,8 +59,8 @@ class piece {
     for (int shift = 60; shift >= 0; shift -= 4) put(digits[address >> shift & 15]);
     return *this;
   }
-  // Whether the piece fits in the room, together with a zero byte. Otherwise as much of it stands as
-  // there is room for, and the room is used up.
+  // Whether the piece fits in the room, together with a zero byte. Otherwise as much of it stands
+  // as there is room for, and the room is used up.
   [[nodiscard]] bool finish() {
     if (out_.text != nullptr) {
       const bool fits = length_ < room();
