@@ -96,11 +96,12 @@ buffer random_matrix(const problem& p, std::uint64_t elements) {
   buffer b(std::aligned_alloc(4096, (parts * 8 + 4095) / 4096 * 4096), std::free);
   std::mt19937_64 random(elements);
   std::uniform_real_distribution<double> part(-1, 1);
-  for (std::size_t i = 0; i < parts; ++i)
+  for (std::size_t i = 0; i < parts; ++i) {
     if (p.type[1] == '4')
       static_cast<float*>(b.get())[i] = static_cast<float>(part(random));
     else
       static_cast<double*>(b.get())[i] = part(random);
+  }
   return b;
 }
 

@@ -122,12 +122,14 @@ const int registered = [] {
       {"text", "libdw", write_text_libdw},
       {"text", "libdw-warm", write_text_libdw_warm},
   };
-  for (const auto& row : rows)
-    for (const long depth : {20, 200})
+  for (const auto& row : rows) {
+    for (const long depth : {20, 200}) {
       benchmark::RegisterBenchmark(
           (std::string(row.family) + "/" + std::to_string(depth) + "-frames/" + row.contender)
               .c_str(),
           [row, depth](benchmark::State& state) { descend(depth - 10, row.run, state); });
+    }
+  }
   return 0;
 }();
 

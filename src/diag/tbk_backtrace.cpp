@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <ucontext.h>
 #include <unwind.h>
+#include <zorvac/mem.h>
 
 #include <cerrno>
 #include <csetjmp>
@@ -80,7 +81,7 @@ bool add_chunk(walk& w) {
   auto* added = static_cast<chunk*>(std::malloc(sizeof(chunk)));
   w.in_heap = false;
   if (added == nullptr) return false;
-  *added = {};
+  _zorva_fast_memset(added, 0, sizeof *added);
   added->previous = w.current;
   w.current->next = added;
   w.current = added;
