@@ -64,7 +64,7 @@ def main():
     programs = sorted(p.name for p in (arguments.build / "bench").glob("*_bench"))
     runs = [run for run in RUNS if run.program in programs]
     runs += [Run(program) for program in programs if program not in tabled]
-    repetitions, seconds = (1, 0.005) if arguments.quick else (5, 0.02)
+    repetitions, seconds = (1, 0.005) if arguments.quick else (5, 0.01)
     for run in runs:
         if arguments.only not in run.program:
             continue

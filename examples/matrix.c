@@ -48,12 +48,13 @@ int main(int argc, char** argv) {
     b[i] = rand() / (double)RAND_MAX - 0.5;
   }
 
-  double best = HUGE_VAL;
-  for (int turn = 0; turn < 3; ++turn) {
+  double best = HUGE_VAL, spent = 0;
+  for (int turn = 0; turn < 3 && spent < 1; ++turn) {
     const double start = seconds();
     _MATMUL_r8_n_n(a, b, c, n, n, n, n, n, n);
     const double taken_seconds = seconds() - start;
     if (taken_seconds < best) best = taken_seconds;
+    spent += taken_seconds;
   }
 
   /* A sample of elements against their sums, naively, and the bound of any order of summation. */
@@ -68,11 +69,11 @@ int main(int argc, char** argv) {
     const double error = fabs(c[i + j * n] - sum) / magnitude;
     if (!(error <= worst)) worst = error;
   }
-  const double bound = 2 * (double)n * 0x1p-53;
-  const int right = worst <= bound;
-  printf("%llu x %llu by %s: %.2f GFLOP/s, error at most %.1e of a bound of %.1e%s\n",
-         (unsigned long long)n, (unsigned long long)n, taken, 2e-9 * (double)(n * n * n) / best,
-         worst, bound, right ? "" : "  WRONG");
+  const int right = worst <= 2 * (double)n * 0x1p-53;
+  printf("%llu x %llu by %s: %.2f GFLOP/s\n", (unsigned long long)n, (unsigned long long)n, taken,
+         2e-9 * (double)(n * n * n) / best);
+  printf("1000 elements %s naive sums within the error of rounding\n",
+         right ? "agree with" : "DIFFER FROM");
   free(a);
   free(b);
   free(c);

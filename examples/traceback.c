@@ -1,5 +1,7 @@
 // Crashes three calls deep in a shared object, and prints its traceback from the signal's handler
-// in both layouts. The handler calls nothing that allocates: the heap may be what is broken.
+// in both layouts: all frames as a table, then as many as the buffer holds as blocks. Without the
+// signal's context the traceback begins with the handler; with it, the library's own frames are
+// shown as well. The handler calls nothing that allocates: the heap may be what is broken.
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -8,11 +10,13 @@
 int sum_of_orders(const char* file);  // of the shared object
 
 static void on_fatal(int number, siginfo_t* info, void* context) {
-  static char text[65536];
+  static char table[65536], blocks[1000];
   (void)info;
-  for (uint32_t table = 0; table < 2; ++table) {
-    const size_t length = tbk_string_stack_signal(context, text, sizeof text, table, 1);
-    if (write(STDERR_FILENO, text, length) < 0) break;
+  (void)context;
+  size_t length = tbk_string_stack_signal(NULL, table, sizeof table, 1, 1);
+  if (write(STDERR_FILENO, table, length) > 0) {
+    length = tbk_string_stack_signal(NULL, blocks, sizeof blocks, 0, 1);
+    if (write(STDERR_FILENO, blocks, length) < 0) _exit(1);
   }
   _exit(128 + number);
 }

@@ -36,6 +36,8 @@ class protection {
     action.sa_flags = SA_SIGINFO | SA_NODEFER;
     action.sa_sigaction = reinterpret_cast<void (*)(int, siginfo_t*, void*)>(tbk_signal_handler);
     for (int number = 0; number < signals; ++number) sigaction(number, &action, &actions_[number]);
+    sigaction(SIGSEGV, nullptr, &action);
+    own_restorer_ = action.sa_restorer;
     // A fault whose signal is blocked, as it is in that signal's handler, would end the process.
     sigset_t faults;
     sigemptyset(&faults);
@@ -46,13 +48,23 @@ class protection {
     sigprocmask(SIG_SETMASK, &mask_, nullptr);
     for (int number = 0; number < signals; ++number) sigaction(number, &actions_[number], nullptr);
   }
+  // The C library gives every action the same place to return to; a program that does without it
+  // may give its own.
+  static bool is_restorer(std::uint64_t pc) {
+    bool is = pc == reinterpret_cast<std::uintptr_t>(own_restorer_);
+    for (const struct sigaction& action : actions_)
+      is = is || pc == reinterpret_cast<std::uintptr_t>(action.sa_restorer);
+    return pc != 0 && is;
+  }
 
  private:
   static constexpr int signals = 65;  // 0 and those that are no signals are refused each time
   static struct sigaction actions_[signals];
+  static void (*own_restorer_)();
   static sigset_t mask_;
 };
 struct sigaction protection::actions_[signals];
+void (*protection::own_restorer_)();
 sigset_t protection::mask_;
 
 constexpr std::uint32_t chunk_frames = 24;
@@ -135,12 +147,6 @@ _Unwind_Reason_Code stop_at_frame(int, _Unwind_Action, _Unwind_Exception_Class, 
   return record(w, pc) ? _URC_NO_REASON : stop;
 }
 
-std::uint64_t interrupted_pc(const void* signal_context) {
-  if (signal_context == nullptr) return 0;
-  const auto* context = static_cast<const ucontext_t*>(signal_context);
-  return static_cast<std::uint64_t>(context->uc_mcontext.gregs[REG_RIP]);
-}
-
 std::uint32_t report(walk& w, void* user, tbk_frame_callback callback) {
   const chunk* at = &w.first;
   for (std::uint32_t i = 0; i < w.total; ++i) {
@@ -154,6 +160,14 @@ std::uint32_t report(walk& w, void* user, tbk_frame_callback callback) {
 }
 
 }  // namespace
+
+std::uint64_t interrupted_pc(const void* signal_context) {
+  if (signal_context == nullptr) return 0;
+  const auto* context = static_cast<const ucontext_t*>(signal_context);
+  return static_cast<std::uint64_t>(context->uc_mcontext.gregs[REG_RIP]);
+}
+
+bool is_signal_return(std::uint64_t pc) { return protection::is_restorer(pc); }
 
 std::uint32_t tbk_trace_stack_impl(const void* signal_context, void* user,
                                    tbk_frame_callback callback, std::uint32_t skip,

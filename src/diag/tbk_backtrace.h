@@ -28,6 +28,13 @@ std::size_t tbk_string_stack_signal_impl(const void* signal_context, char* buffe
                                          std::uint32_t skip);
 }
 
+// The instruction that a signal interrupted; 0 without its context.
+std::uint64_t interrupted_pc(const void* signal_context);
+
+// Whether this is where signal handlers return to: the frame of it is followed by that of the
+// interrupted routine. To be asked during a walk.
+bool is_signal_return(std::uint64_t pc);
+
 // How many frames the unwinder has reported so far, in all walks.
 extern std::uint32_t frame_count;
 

@@ -26,6 +26,8 @@ struct output {
   std::size_t length;
   bool table;
   std::uint32_t frame_number;
+  std::uint64_t interrupted_pc;
+  bool interrupted;  // the next frame, by a signal
 };
 
 class piece {
@@ -131,19 +133,29 @@ bool write_row(output& out, const char* image, std::uint64_t pc, const tbk_pc_in
       .finish();
 }
 
+// Where in the program a frame is. Its program counter is where the call it is in returns to, which
+// may be in the next line, or after a call that never returns in the next routine; the call ends one
+// byte before. Exact are the interrupted frame and the one in front of it, which handlers return to.
+std::uint64_t place_of(output& out, std::uint64_t pc) {
+  const bool signal_return = is_signal_return(pc);
+  const bool exact = signal_return || out.interrupted || pc == out.interrupted_pc;
+  out.interrupted = signal_return;
+  return exact ? pc : pc - 1;
+}
+
 std::int32_t stackwalk_cb(const tbk_frame* frame, void* user, std::int32_t hidden) {
   // Static, as a signal stack has no room for it.
   static char image[256];
   static tbk_pc_info info;
 
-  if (hidden != 0) return TBK_CONTINUE;
   output& out = *static_cast<output*>(user);
+  const std::uint64_t pc = tbk_getPC(frame), place = place_of(out, pc);
+  if (hidden != 0) return TBK_CONTINUE;
   if (out.frame_number == 0 && !write_header(out)) return TBK_STOP_FULL;
-  const std::uint64_t pc = tbk_getPC(frame);
   if (pc == 0) return TBK_STOP;
   tbk_getModuleName(pc, image, sizeof image);
   std::uint64_t bias = 0;
-  tbk_get_pc_info_pie(image, pc, &bias, &info);
+  tbk_get_pc_info_pie(image, place, &bias, &info);
   const decimal line(info.line);
   auto* const write = out.table ? write_row : write_block;
   const bool fits =
@@ -172,7 +184,9 @@ std::size_t tbk_string_stack_signal_impl(const void* signal_context, char* buffe
              .room = bytes > reserved ? bytes - reserved - 1 : 0,
              .length = 0,
              .table = table != 0,
-             .frame_number = 0};
+             .frame_number = 0,
+             .interrupted_pc = interrupted_pc(signal_context),
+             .interrupted = false};
   if (out.text != nullptr) *out.text = '\0';
   const std::uint32_t status =
       tbk_trace_stack_impl(signal_context, &out, stackwalk_cb, skip, frames_of_string_stack);

@@ -10,7 +10,7 @@ folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 
 mask() {
-  sed -E -e 's/0x[0-9a-f]{8,}/0x#/g' \
+  sed -E -e 's/(PC: +0x)[0-9a-f]{16}/\1#/; s/\b[0-9A-F]{16}\b/#/' \
     -e 's/ *[0-9]+(\.[0-9]+)? *(GFLOP\/s|[GM]B\/s|ns|us|ms|s|seconds|times)\b/ # \2/g' "$1"
 }
 # The fenced block behind the mark.

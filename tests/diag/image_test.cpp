@@ -71,18 +71,18 @@ std::string record(int tag, const std::string& body, int version = 1) {
 }
 std::string routine(const site& s) {
   return std::string{10, 2} + bytes_of(s.start - s.bias) +
-         bytes_of(static_cast<std::uint32_t>(s.pc - s.start + 1)) +
+         bytes_of(static_cast<std::uint32_t>(s.pc - s.start)) +
          bytes_of(static_cast<std::uint16_t>(s.name.size())) + s.name;
 }
-// A row for the routine's start, one for the program counter, and one behind it; two files of which
-// the second is meant, so many bytes in front.
+// A row for the routine's start, one for the last byte of the call, and one behind it, where the call
+// returns to; two files of which the second is meant, so many bytes in front.
 std::string lines(const site& s, std::size_t line, std::uint64_t distance,
                   std::uint64_t other_file) {
   return record(12, uleb(2) + uleb(other_file) + uleb(distance) +  //
                         uleb(0) + sleb(500) +                      //
-                        uleb((s.pc - s.start) * 2 + 1) + uleb(1) +
+                        uleb((s.pc - 1 - s.start) * 2 + 1) + uleb(1) +
                         sleb(static_cast<std::int64_t>(line) - 500) +  //
-                        uleb(3) + uleb(0) + sleb(7));
+                        uleb(1 * 2 + 1) + uleb(0) + sleb(7));
 }
 
 enum form { plain, with_spans, with_unknown, without_lines, form_count };
@@ -105,10 +105,10 @@ std::string section(const std::vector<site>& sites, form f) {
       site wrong = s;  // in a span that cannot hold it: to be passed over
       wrong.name = "wrong";
       const std::string hidden = routine(wrong);
-      all.insert(0, record(13, bytes_of(s.pc - s.bias + 1) + bytes_of(std::uint64_t{99}) +
+      all.insert(0, record(13, bytes_of(s.pc - s.bias) + bytes_of(std::uint64_t{99}) +
                                    bytes_of(static_cast<std::uint32_t>(hidden.size()))) +
                         hidden);
-      all += record(13, bytes_of(s.start - s.bias) + bytes_of(s.pc - s.start + 1) +
+      all += record(13, bytes_of(s.start - s.bias) + bytes_of(s.pc - s.start) +
                             bytes_of(static_cast<std::uint32_t>(body.size())));
     }
     all += body;
