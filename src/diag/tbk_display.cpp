@@ -26,8 +26,8 @@ struct output {
   std::size_t length;
   bool table;
   std::uint32_t frame_number;
-  std::uint64_t interrupted_pc;
-  bool interrupted;  // the next frame, by a signal
+  const void* signal_context;  // read during the walk alone, where a fault does no harm
+  bool interrupted;            // the next frame, by a signal
 };
 
 class piece {
@@ -134,11 +134,12 @@ bool write_row(output& out, const char* image, std::uint64_t pc, const tbk_pc_in
 }
 
 // Where in the program a frame is. Its program counter is where the call it is in returns to, which
-// may be in the next line, or after a call that never returns in the next routine; the call ends one
-// byte before. Exact are the interrupted frame and the one in front of it, which handlers return to.
+// may be in the next line, or after a call that never returns in the next routine; the call ends
+// one byte before. Exact are the interrupted frame and the one in front of it, which handlers
+// return to.
 std::uint64_t place_of(output& out, std::uint64_t pc) {
   const bool signal_return = is_signal_return(pc);
-  const bool exact = signal_return || out.interrupted || pc == out.interrupted_pc;
+  const bool exact = signal_return || out.interrupted || pc == interrupted_pc(out.signal_context);
   out.interrupted = signal_return;
   return exact ? pc : pc - 1;
 }
@@ -185,7 +186,7 @@ std::size_t tbk_string_stack_signal_impl(const void* signal_context, char* buffe
              .length = 0,
              .table = table != 0,
              .frame_number = 0,
-             .interrupted_pc = interrupted_pc(signal_context),
+             .signal_context = signal_context,
              .interrupted = false};
   if (out.text != nullptr) *out.text = '\0';
   const std::uint32_t status =
