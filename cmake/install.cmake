@@ -27,7 +27,8 @@ install(FILES ${PROJECT_BINARY_DIR}/zorvac.pc DESTINATION ${CMAKE_INSTALL_LIBDIR
 install(FILES ${PROJECT_SOURCE_DIR}/docs/man/zorvac.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7
         COMPONENT dev)
 
-# The Debian packages. A component is one row here; its files are installed with the component's name.
+# The Debian packages. A component is one row here; its files are installed under
+# its name.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "The libzorvac developers")
 set(CPACK_PACKAGE_CONTACT "The libzorvac developers <libzorvac@localhost>")
@@ -49,8 +50,8 @@ macro(zorvac_package component name section holds)
   install(FILES ${PROJECT_SOURCE_DIR}/cmake/copyright ${PROJECT_BINARY_DIR}/changelog.gz
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component})
 endmacro()
-file(ARCHIVE_CREATE OUTPUT ${PROJECT_BINARY_DIR}/changelog.gz PATHS ${PROJECT_SOURCE_DIR}/CHANGELOG.md
-     FORMAT raw COMPRESSION GZip)
+file(ARCHIVE_CREATE OUTPUT ${PROJECT_BINARY_DIR}/changelog.gz
+     PATHS ${PROJECT_SOURCE_DIR}/CHANGELOG.md FORMAT raw COMPRESSION GZip)
 
 set(runtime_package libzorvac${PROJECT_VERSION_MAJOR})
 zorvac_package(runtime ${runtime_package} libs "This package has the shared library.")

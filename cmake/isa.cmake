@@ -32,9 +32,9 @@ endfunction()
 zorvac_sources(ZORVAC_IDENTIFICATION_SOURCES general
   cpu/cpu_disp.cpp
   cpu/cpu_feature_disp.cpp)
-zorvac_sources(ZORVAC_IDENTIFICATION_SOURCES baseline
-  cpu/fast_mem_ops.cpp)
+zorvac_sources(ZORVAC_IDENTIFICATION_SOURCES baseline cpu/fast_mem_ops.cpp)
 
+# The end of a failed dispatch, the start-up checks and the messages.
 zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   cpu/dispfail.cpp
   startup/bad_proc.cpp
@@ -73,11 +73,12 @@ zorvac_sources(ZORVAC_MEMORY_SOURCES avx512f
   mem/zorva_vpx_avx512f_memcpy.cpp
   mem/zorva_vpx_avx512f_memset.cpp)
 set_property(SOURCE ${ZORVAC_MEMORY_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
-  $<$<COMPILE_LANGUAGE:CXX>:-fno-builtin\;-falign-functions=64\;-fno-tree-vectorize\;-fno-tree-slp-vectorize>
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-builtin\;-falign-functions=64>
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-tree-vectorize\;-fno-tree-slp-vectorize>
   $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-tree-loop-distribute-patterns>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_MEMORY_SOURCES})
 
-# These read the aligned blocks that hold the ends of a source, which a sanitizer takes for overruns.
+# These read the aligned blocks that hold the ends of a source, which sanitizers take for overruns.
 if(ZORVAC_SANITIZE)
   set_property(SOURCE
     ${PROJECT_SOURCE_DIR}/src/mem/zorva_new_copy.cpp
@@ -86,48 +87,13 @@ if(ZORVAC_SANITIZE)
     APPEND PROPERTY COMPILE_OPTIONS -fno-sanitize=address,thread)
 endif()
 
-# Quad arithmetic. Its entries begin on a cache line, too: many are shorter than one.
-zorvac_sources(ZORVAC_QUAD_SOURCES baseline
-  quad/fp.cpp
-  quad/fp2int128.cpp
-  quad/int128tofp.cpp
-  quad/fp2q.cpp
-  quad/ints2q.cpp
-  quad/negq.cpp
-  quad/q2fp.cpp
-  quad/q2ints.cpp
-  quad/qcomp.cpp
-  quad/x86_addsubq.cpp
-  quad/x86_divq.cpp
-  quad/x86_divq.S
-  quad/x86_mulq.cpp
-  quad/x86_mulq.S)
-set_property(SOURCE ${ZORVAC_QUAD_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
-  $<$<COMPILE_LANGUAGE:CXX>:-falign-functions=64>)
-list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_QUAD_SOURCES})
-
-# The alternate and complex entry points of quad arithmetic: one tiny source each, so that a program
-# linked with the static library gets what it calls and may define the rest itself.
-zorvac_sources(ZORVAC_COMMON_SOURCES baseline
-  quad/w_addq.S quad/w_compareq.S quad/w_cqtod.S quad/w_cqtof.S quad/w_ctoq.S quad/w_divq.S
-  quad/w_dtoq.S quad/w_eqq.S quad/w_ftoq.S quad/w_geq.S quad/w_gtq.S quad/w_itoq.S quad/w_jtoq.S
-  quad/w_leq.S quad/w_ltoq.S quad/w_ltq.S quad/w_mulq.S quad/w_negq.S quad/w_neq.S quad/w_qtoc.S
-  quad/w_qtod.S quad/w_qtof.S quad/w_qtoi.S quad/w_qtoj.S quad/w_qtol.S quad/w_qtos.S
-  quad/w_stoq.S quad/w_subq.S
-  quad/w_caddq.cpp quad/w_cdivq.cpp quad/w_cdtocq.cpp quad/w_ceqq.cpp quad/w_chtocq.cpp
-  quad/w_cmulq.cpp quad/w_cnegq.cpp quad/w_cneq.cpp quad/w_cqtoc.cpp quad/w_cqtocd.cpp
-  quad/w_cqtoch.cpp quad/w_cqtoi.cpp quad/w_cqtoj.cpp quad/w_cqtoq.cpp quad/w_cqtos.cpp
-  quad/w_csubq.cpp quad/w_ctocq.cpp quad/w_dtocq.cpp quad/w_ftocq.cpp quad/w_itocq.cpp
-  quad/w_jtocq.cpp quad/w_qtocq.cpp quad/w_stocq.cpp)
-
 # Allocation. To the compiler malloc is a routine like any other: it must not conclude that the word
 # in front of a block is nobody's, nor make one call of an allocation and a fill.
 zorvac_sources(ZORVAC_ALLOCATION_SOURCES baseline
   mem/fastcalloc.cpp
   mem/imalloc.cpp
   mem/xmm_malloc.cpp)
-zorvac_sources(ZORVAC_ALLOCATION_SOURCES general
-  mem/stacksecurity.cpp)
+zorvac_sources(ZORVAC_ALLOCATION_SOURCES general mem/stacksecurity.cpp)
 set_property(SOURCE ${ZORVAC_ALLOCATION_SOURCES} APPEND PROPERTY COMPILE_OPTIONS -fno-builtin)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_ALLOCATION_SOURCES})
 
@@ -185,8 +151,42 @@ set_property(SOURCE ${ZORVAC_STRING_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   $<$<CXX_COMPILER_ID:GNU>:-fno-tree-loop-distribute-patterns>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_STRING_SOURCES})
 
-# Reductions of arrays, whose loops the compiler vectorises wherever it optimises. They are a handful
-# of instructions, and half as fast where one lies across the end of a cache line.
+# Quad arithmetic. Its entries begin on a cache line, too: many are shorter than one.
+zorvac_sources(ZORVAC_QUAD_SOURCES baseline
+  quad/fp.cpp
+  quad/fp2int128.cpp
+  quad/fp2q.cpp
+  quad/int128tofp.cpp
+  quad/ints2q.cpp
+  quad/negq.cpp
+  quad/q2fp.cpp
+  quad/q2ints.cpp
+  quad/qcomp.cpp
+  quad/x86_addsubq.cpp
+  quad/x86_divq.cpp
+  quad/x86_divq.S
+  quad/x86_mulq.cpp
+  quad/x86_mulq.S)
+set_property(SOURCE ${ZORVAC_QUAD_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
+  $<$<COMPILE_LANGUAGE:CXX>:-falign-functions=64>)
+list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_QUAD_SOURCES})
+
+# The alternate and complex entry points of quad arithmetic: one tiny source each, so that a program
+# linked with the static library gets what it calls and may define the rest itself.
+zorvac_sources(ZORVAC_COMMON_SOURCES baseline
+  quad/w_addq.S quad/w_compareq.S quad/w_cqtod.S quad/w_cqtof.S quad/w_ctoq.S quad/w_divq.S
+  quad/w_dtoq.S quad/w_eqq.S quad/w_ftoq.S quad/w_geq.S quad/w_gtq.S quad/w_itoq.S quad/w_jtoq.S
+  quad/w_leq.S quad/w_ltoq.S quad/w_ltq.S quad/w_mulq.S quad/w_negq.S quad/w_neq.S quad/w_qtoc.S
+  quad/w_qtod.S quad/w_qtof.S quad/w_qtoi.S quad/w_qtoj.S quad/w_qtol.S quad/w_qtos.S
+  quad/w_stoq.S quad/w_subq.S
+  quad/w_caddq.cpp quad/w_cdivq.cpp quad/w_cdtocq.cpp quad/w_ceqq.cpp quad/w_chtocq.cpp
+  quad/w_cmulq.cpp quad/w_cnegq.cpp quad/w_cneq.cpp quad/w_cqtoc.cpp quad/w_cqtocd.cpp
+  quad/w_cqtoch.cpp quad/w_cqtoi.cpp quad/w_cqtoj.cpp quad/w_cqtoq.cpp quad/w_cqtos.cpp
+  quad/w_csubq.cpp quad/w_ctocq.cpp quad/w_dtocq.cpp quad/w_ftocq.cpp quad/w_itocq.cpp
+  quad/w_jtocq.cpp quad/w_qtocq.cpp quad/w_stocq.cpp)
+
+# Reductions of arrays, whose loops the compiler vectorises wherever it optimises. They are a
+# handful of instructions, and half as fast where one lies across the end of a cache line.
 zorvac_sources(ZORVAC_REDUCTION_SOURCES baseline array/omp_support.cpp)
 set_property(SOURCE ${ZORVAC_REDUCTION_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   $<$<CXX_COMPILER_ID:GNU>:-ftree-vectorize\;-fvect-cost-model=dynamic\;-falign-loops=32>)
@@ -213,22 +213,21 @@ set_property(SOURCE ${ZORVAC_MATMUL_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_MATMUL_SOURCES})
 
 # Checks that compiled code makes at run time.
-zorvac_sources(ZORVAC_COMMON_SOURCES general
-  diag/rt_check.cpp)
 zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   diag/cpcheck.cpp
   diag/rt_check.S)
+zorvac_sources(ZORVAC_COMMON_SOURCES general diag/rt_check.cpp)
 
-# The traceback. Frames that it hides are counted, so each of its routines on the way to the unwinder
-# is exactly one frame, and has a description that the unwinder finds.
+# The traceback. Frames that it hides are counted, so each of its routines on the way to the
+# unwinder is exactly one frame, and has a description that the unwinder finds.
 zorvac_sources(ZORVAC_TRACEBACK_SOURCES baseline
   diag/byte_source.cpp
   diag/elf_image.cpp
   diag/images.cpp
   diag/pc_info.cpp
   diag/process_files.cpp
-  diag/stack_text.cpp
-  diag/stack_walk.cpp
+  diag/tbk_backtrace.cpp
+  diag/tbk_display.cpp
   diag/trace_scan.cpp
   diag/traceback.cpp)
 set_property(SOURCE ${ZORVAC_TRACEBACK_SOURCES} APPEND PROPERTY COMPILE_OPTIONS

@@ -42,8 +42,8 @@ file(CONFIGURE OUTPUT ${export_map} @ONLY CONTENT "{\n  global:\n@export_names@ 
 # The C driver links the library, and CMake is to add nothing for the C++ objects in it.
 set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
 
-# zorvac_shared_library(<target> <vendor objects>): links one flavour. Addresses are bound when it is loaded, so that no resolver ever
-# runs between a caller and its worker.
+# zorvac_shared_library(<target> <vendor objects>): links one flavour. Addresses are bound when it
+# is loaded, so that no resolver ever runs between a caller and its worker.
 function(zorvac_shared_library target identification)
   add_library(${target} SHARED $<TARGET_OBJECTS:zorvac_common> $<TARGET_OBJECTS:${identification}>)
   set_target_properties(${target} PROPERTIES
@@ -55,7 +55,8 @@ function(zorvac_shared_library target identification)
     target_link_options(${target} PRIVATE LINKER:-z,defs)
   endif()
   target_include_directories(${target} INTERFACE
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 endfunction()
 zorvac_shared_library(zorvac zorvac_identification)
 

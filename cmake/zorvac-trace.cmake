@@ -14,6 +14,7 @@ function(zorvac_add_trace)
   endif()
   foreach(target IN LISTS ARGN)
     target_compile_options(${target} PRIVATE -g)
-    add_custom_command(TARGET ${target} POST_BUILD COMMAND ${tool} $<TARGET_FILE:${target}> VERBATIM)
+    add_custom_command(TARGET ${target} POST_BUILD
+                       COMMAND ${tool} $<TARGET_FILE:${target}> VERBATIM)
   endforeach()
 endfunction()

@@ -1,6 +1,6 @@
 // A loop that counts into an array, as a compiler runs it on several threads: each thread has a
-// private copy of the array, which begins as the identity of the operator, and the copies are folded
-// into the program's array one after the other.
+// private copy of the array, which begins as the identity of the operator, and the copies are
+// folded into the program's array one after the other.
 //
 //   for (int roll : rolls) { ++counts[roll]; largest[roll] = max(largest[roll], position); }
 #include <zorvac/array.h>

@@ -1,7 +1,7 @@
-// Crashes three calls deep in a shared object, and prints its traceback from the signal's handler in
-// both layouts: all frames as a table, then as many as the buffer holds as blocks. Without the signal's
-// context the traceback begins with the handler; with it, the library's own frames are shown as well.
-// The handler calls nothing that allocates: the heap may be what is broken.
+// Crashes three calls deep in a shared object, and prints its traceback from the signal's handler
+// in both layouts: all frames as a table, then as many as the buffer holds as blocks. Without the
+// signal's context the traceback begins with the handler; with it, the library's own frames are
+// shown as well. The handler calls nothing that allocates: the heap may be what is broken.
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>

@@ -29,20 +29,22 @@ void check_operations(const input& in, const under_rounding& scope) {
       check(row.name, in, stored(scope, [&](void* q) { routine(q, &in.a, &in.b); }), expected);
   }
   const oracle::order order = oracle::compare(in.a, in.b);
-  for (const comparison_row& row : comparisons)
+  for (const comparison_row& row : comparisons) {
     for (const auto routine : row.routines)
       check(row.name, in, returned(scope, [&] { return routine(&in.a, &in.b); }),
             modelled(row, order));
+  }
 }
 
 // The first quad's bytes, as a word of each type.
 void check_conversions(const input& in, const under_rounding& scope) {
   const uint128 w = word_of(in.a);
-  for (const auto* rows : {&of_quads, &of_singles, &of_doubles, &of_integers})
+  for (const auto* rows : {&of_quads, &of_singles, &of_doubles, &of_integers}) {
     for (const conversion_row& row : *rows) {
       const answer expected = row.model(w, in.mode);
       for (const auto routine : row.routines) check(row.name, in, routine(scope, w), expected);
     }
+  }
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// The readers of the traceback, on files that a fuzzer makes up: one byte that chooses the reader, an
-// address of eight, then the file. It is read from memory and, through the reader's small block, from
-// a real file; both have to say the same, in texts that end.
+// The readers of the traceback, on files that a fuzzer makes up: one byte that chooses the reader,
+// an address of eight, then the file. It is read from memory and, through the reader's small block,
+// from a real file; both have to say the same, in texts that end.
 #include <sys/mman.h>
 #include <unistd.h>
 

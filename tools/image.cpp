@@ -1,5 +1,5 @@
-// Reads and writes images. What is loaded when the program runs stays as it is, byte for byte and in
-// its place: the new section, the table of section names and the section headers go behind
+// Reads and writes images. What is loaded when the program runs stays as it is, byte for byte and
+// in its place: the new section, the table of section names and the section headers go behind
 // everything else.
 //
 //   | ELF header, segments, debug information ... | .trace | section names | section headers |

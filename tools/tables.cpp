@@ -133,8 +133,8 @@ class dwarf_reader {
   }
 
   // The name that a linker sees, which is unique, and which tools turn into that of the source. The
-  // debug information may lack it, or name what the variants of a C++ constructor have in common; so
-  // the symbol table goes before, but for the clones that a compiler makes of a C routine.
+  // debug information may lack it, or name what the variants of a C++ constructor have in common;
+  // so the symbol table goes before, but for the clones that a compiler makes of a C routine.
   std::string name_of(Dwarf_Die& entry) {
     const char* name = nullptr;
     for_each_range(entry, [&](address_range range) {

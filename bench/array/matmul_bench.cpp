@@ -1,9 +1,9 @@
-// Matrix products beside OpenBLAS, BLIS, Eigen and the Fortran compiler's MATMUL, all on one thread.
+// Matrix products beside OpenBLAS, BLIS, Eigen and the Fortran compiler's MATMUL, on one thread.
 //
 // Rows are <type>_<storages>/<m>x<k>x<n>. Ours appears once for each level of the processor, chosen
-// by the feature indicator: zorvac-pair (SSE2), zorvac-avx2, zorvac-avx512; rows of r8 also with the
-// general kernels, zorvac-general-*. The counter is GFLOP/s, a complex product of numbers being 8.
-// limit/* are the machine's own limits for doubles.
+// by the feature indicator: zorvac-pair (SSE2), zorvac-avx2, zorvac-avx512; rows of r8 also with
+// the general kernels, zorvac-general-*. The counter is GFLOP/s: 8 for a complex product of
+// numbers. limit/* are the machine's own limits for doubles.
 //
 // What an OpenBLAS of an older processor does takes a process of its own:
 //   OPENBLAS_CORETYPE=Nehalem matmul_bench --benchmark_filter='openblas|zorvac-pair'
@@ -96,11 +96,12 @@ buffer random_matrix(const problem& p, std::uint64_t elements) {
   buffer b(std::aligned_alloc(4096, (parts * 8 + 4095) / 4096 * 4096), std::free);
   std::mt19937_64 random(elements);
   std::uniform_real_distribution<double> part(-1, 1);
-  for (std::size_t i = 0; i < parts; ++i)
+  for (std::size_t i = 0; i < parts; ++i) {
     if (p.type[1] == '4')
       static_cast<float*>(b.get())[i] = static_cast<float>(part(random));
     else
       static_cast<double*>(b.get())[i] = part(random);
+  }
   return b;
 }
 

@@ -1,6 +1,6 @@
 // A traceback of 20 and of 200 frames: walking, and walking with text. The C library's backtrace
-// walks, its backtrace_symbols adds exported names, and libdw adds what ours does, routine, file and
-// line: from debug information that it has to read first, or has read before ("libdw-warm").
+// walks, its backtrace_symbols adds exported names, and libdw adds what ours does, routine, file
+// and line: from debug information that it has to read first, or has read before ("libdw-warm").
 //
 // The program is given a .trace section when it is linked, so our frames are found, too. What
 // protecting the walk costs (65 signal actions installed and put back) stands beside it.
@@ -122,12 +122,14 @@ const int registered = [] {
       {"text", "libdw", write_text_libdw},
       {"text", "libdw-warm", write_text_libdw_warm},
   };
-  for (const auto& row : rows)
-    for (const long depth : {20, 200})
+  for (const auto& row : rows) {
+    for (const long depth : {20, 200}) {
       benchmark::RegisterBenchmark(
           (std::string(row.family) + "/" + std::to_string(depth) + "-frames/" + row.contender)
               .c_str(),
           [row, depth](benchmark::State& state) { descend(depth - 10, row.run, state); });
+    }
+  }
   return 0;
 }();
 

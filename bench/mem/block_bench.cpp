@@ -42,13 +42,14 @@ void operate(compare_function* compare, const block_call& c) {
 template <class Function>
 void add_rows(const std::string& operation, const std::vector<block_mix>& mixes,
               const std::vector<contender<Function>>& contenders) {
-  for (const block_mix& mix : mixes)
+  for (const block_mix& mix : mixes) {
     for (const contender<Function>& c : contenders) {
       if (!c.runs) continue;
       const auto run = [call = c.call, &mix](benchmark::State& state) {
         // Comparisons run over equal blocks, whatever was copied before.
-        std::memset(ground.to, 1, std::min(block_ground::bytes, 4 * mix.bytes + 4 * page));
-        std::memset(ground.from, 1, std::min(block_ground::bytes, 4 * mix.bytes + 4 * page));
+        const auto used = std::min(block_ground::bytes, 4 * mix.bytes + std::size_t{4} * page);
+        std::memset(ground.to, 1, used);
+        std::memset(ground.from, 1, used);
         for (auto _ : state)
           for (const block_call& b : mix.calls) operate(call, b);
         const auto turns = static_cast<std::int64_t>(state.iterations());
@@ -58,6 +59,7 @@ void add_rows(const std::string& operation, const std::vector<block_mix>& mixes,
       benchmark::RegisterBenchmark((operation + "/" + mix.name + "/" + c.name).c_str(), run)
           ->MinTime(0.02);
     }
+  }
 }
 
 void add_all() {

@@ -76,7 +76,7 @@ void handover(benchmark::State& state, const allocator& a) {
 // occasions, so rows with one thread may differ by what ran before; interleaving evens that out.
 void add_rows(const char* family, void (*work)(benchmark::State&, const allocator&),
               const std::vector<allocator>& allocators) {
-  for (const int threads : {1, 2})
+  for (const int threads : {1, 2}) {
     for (const allocator& a : allocators) {
       const std::string name =
           std::string(family) + (threads == 1 ? "/one-thread/" : "/two-threads/") + a.name;
@@ -84,6 +84,7 @@ void add_rows(const char* family, void (*work)(benchmark::State&, const allocato
         work(state, a);
       })->Threads(threads);
     }
+  }
 }
 
 std::string file_of(void* function) {
@@ -100,11 +101,12 @@ std::vector<allocator> contenders() {
   const auto mi_malloc = reinterpret_cast<void* (*)(std::size_t)>(dlsym(mimalloc, "mi_malloc"));
   const auto mi_free = reinterpret_cast<void (*)(void*)>(dlsym(mimalloc, "mi_free"));
   for (void* const function :
-       {reinterpret_cast<void*>(std::malloc), reinterpret_cast<void*>(std::free)})
+       {reinterpret_cast<void*>(std::malloc), reinterpret_cast<void*>(std::free)}) {
     if (file_of(function).find("libc.so") == std::string::npos) {
       std::fprintf(stderr, "malloc is not the C library's\n");
       std::exit(1);
     }
+  }
   return {{"zorvac",
            [](std::size_t bytes) { return __i_pool_malloc(static_cast<std::uint32_t>(bytes)); },
            __i_pool_free},

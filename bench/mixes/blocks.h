@@ -61,10 +61,11 @@ inline std::vector<block_mix> block_mixes() {
   std::vector<block_mix> mixes;
   for (const bool aligned : {true, false}) {
     const std::string suffix = aligned ? "-aligned" : "-unaligned";
-    for (const auto& [least, most] : {std::pair{1u, 16u}, {1u, 64u}, {16u, 256u}, {64u, 1024u}})
+    for (const auto& [least, most] : {std::pair{1u, 16u}, {1u, 64u}, {16u, 256u}, {64u, 1024u}}) {
       mixes.push_back(
           mixed_blocks("mixed-" + std::to_string(least) + "-" + std::to_string(most) + suffix,
                        least, most, aligned));
+    }
     for (const char* size : {"1",  "4",  "8",  "16",  "32",  "64",  "128",  "256", "512", "1K",
                              "2K", "4K", "8K", "16K", "32K", "64K", "256K", "1M",  "4M",  "16M"}) {
       char* unit = nullptr;
@@ -78,7 +79,7 @@ inline std::vector<block_mix> block_mixes() {
 
 // Two areas on page boundaries, written to once so that their pages exist.
 struct block_ground {
-  static constexpr std::size_t bytes = (std::size_t{16} << 20) + 4 * page;
+  static constexpr std::size_t bytes = (std::size_t{16} << 20) + std::size_t{4} * page;
   unsigned char* to = area();
   unsigned char* from = area();
 

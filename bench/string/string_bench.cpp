@@ -98,13 +98,14 @@ void add_all() {
               [](const char* s) { return zorvac_sse4_strchr(s, 'x'); });
     add_row("strchr", list, peer, [](const char* s) { return find(s, 'x'); });
   }
-  if (has_sse4)
+  if (has_sse4) {
     for (const texts& list : numbers) {
       add_row("atoi", list, "zorvac_sse4", [](const char* s) { return zorvac_sse4_atoi(s); });
       add_row("atoi", list, peer, [](const char* s) { return std::atoi(s); });
       add_row("atoll", list, "zorvac_sse4", [](const char* s) { return zorvac_sse4_atoll(s); });
       add_row("atoll", list, peer, [](const char* s) { return std::strtoll(s, nullptr, 10); });
     }
+  }
   tell_variant<std::size_t(const char*)>("libc strlen", std::strlen);
   tell_variant<const char*(const char*, int)>("libc strchr", std::strchr);
 }

@@ -1,8 +1,8 @@
 #ifndef ZORVAC_BENCH_SUPPORT_LIBC_PEER_H
 #define ZORVAC_BENCH_SUPPORT_LIBC_PEER_H
-// The C library as a peer. By itself it takes its best variant for the processor; for the members of
-// a lower level it is held to its variants of that level, in one more run of the same program, whose
-// rows name the peer "libc-ssse3" or "libc-sse2":
+// The C library as a peer. By itself it takes its best variant for the processor; for the members
+// of a lower level it is held to its variants of that level, in one more run of the same program,
+// whose rows name the peer "libc-ssse3" or "libc-sse2":
 //
 //   export GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2,-AVX512F,-AVX512VL,-AVX_Fast_Unaligned_Load
 //   GLIBC_TUNABLES=$GLIBC_TUNABLES,-ERMS,-FSRM,-SSE4_1,-SSE4_2,-MOVBE <program>

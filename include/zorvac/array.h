@@ -94,8 +94,9 @@ ZORVAC_MATMUL_KERNEL(_MATMUL_c8_t_t_pst_General)
 
 /** Blocked kernels for binary64: C := A B. The order of the extents is M, N, K.
  *
- *  From 34 rows, 38 columns and 38 terms on they pack blocks of A and B into one buffer from malloc;
- *  smaller products, and those without a buffer, clear C and call the general kernel. Need SSE3. */
+ *  From 34 rows, 38 columns and 38 terms on they pack blocks of A and B into one buffer from
+ *  malloc; smaller products, and those without a buffer, clear C and call the general kernel. Need
+ *  SSE3. */
 ZORVAC_MATMUL_KERNEL(_MATMUL_r8_n_n_XK64w)
 ZORVAC_MATMUL_KERNEL(_MATMUL_r8_n_t_XK64w)
 ZORVAC_MATMUL_KERNEL(_MATMUL_r8_t_n_XK64w)

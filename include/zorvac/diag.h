@@ -11,15 +11,15 @@
  *      _exit(128 + number);
  *    }
  *
- *  The walk needs the compiler's unwinder in the process, which a C program does not link of itself:
- *  docs/abi.md tells how it gets there. Routine, file and line come from the `.trace` section of
- *  each image; docs/traceback.md says what is looked up where, and what "Unknown" means.
+ *  The walk needs the compiler's unwinder in the process, which a C program does not link of
+ *  itself: docs/abi.md tells how it gets there. Routine, file and line come from the `.trace`
+ *  section of each image; docs/traceback.md says what is looked up where, and what "Unknown" means.
  *
  *  For every tbk_ routine:
  *    threads    one traceback at a time in a process, and no other tbk_ routine in another thread
- *               meanwhile; no lock guards that. While a walk runs, all signal actions of the process
- *               are those of tbk_signal_handler(), so a signal that another thread takes meanwhile
- *               makes that thread jump into the walk
+ *               meanwhile; no lock guards that. While a walk runs, all signal actions of the
+ *               process are those of tbk_signal_handler(), so a signal that another thread takes
+ *               meanwhile makes that thread jump into the walk
  *    signals    may be called from a signal handler, also on an alternate stack: a walk takes less
  *               than 3 KB of stack, and up to 3 more in programs that bind addresses lazily
  *    memory     nothing is allocated for up to 24 frames; each further 24 take one block of malloc
@@ -94,10 +94,10 @@ uint32_t tbk_trace_stack(const void* signal_context, void* user, tbk_frame_callb
  *  returns         the number of characters written, without the zero byte, at most `bytes`. With
  *                  a null buffer: the size that a buffer must have to take the whole text
  *
- *  The last 57 bytes are kept for a closing message. Where the text does not end before them (with a
- *  zero byte of its own) it is cut there, and "\nStack trace buffer overflow; further frames not
+ *  The last 57 bytes are kept for a closing message. Where the text does not end before them (with
+ *  a zero byte of its own) it is cut there, and "\nStack trace buffer overflow; further frames not
  *  shown.\n" follows. After a fault what has been written so far stands, and "\nStack trace
- *  terminated abnormally.\n" follows. In a buffer of fewer than 57 bytes that message is cut too. */
+ *  terminated abnormally.\n" follows. In a buffer of fewer than 57 bytes it is cut as well. */
 size_t tbk_string_stack_signal(const void* signal_context, char* buffer, size_t bytes,
                                uint32_t table, uint32_t skip);
 
@@ -129,8 +129,8 @@ typedef struct tbk_pc_info {
  *
  *  image      [in] name of its image: as tbk_getModuleName() gives it, or a path
  *  pc         the address, as the process has it
- *  load_bias  [out] the distance between the image's addresses in the process and those in its file,
- *             stored where it is known and not 0 (set it to 0 before the call); may be null
+ *  load_bias  [out] the distance between the image's addresses in the process and those in its
+ *             file, stored where it is known and not 0 (set it to 0 before the call); may be null
  *  info       [out] every field is written */
 void tbk_get_pc_info_pie(const char* image, uint64_t pc, uint64_t* load_bias, tbk_pc_info* info);
 
@@ -178,15 +178,15 @@ typedef struct zorvac_stack_variables {
  *  before the one behind it. The first that is damaged is reported with message 53 ("Boundary
  *  Run-Time Check Failure for variable '%s'"), or 54 where the variable has no name.
  *
- *  registers  called in an epilogue, with the result in its registers: when it returns it has changed
- *             RDX and the flags, and nothing else, no vector register either. Compilers that do not
- *             know this treat it as any other call */
+ *  registers  called in an epilogue, with the result in its registers: when it returns it has
+ *             changed RDX and the flags, and nothing else, no vector register either. Compilers
+ *             that do not know this treat it as any other call */
 void __zorva_rtc_CheckStackVars(const void* unused1, const void* unused2,
                                 const zorvac_stack_variables* variables, const void* frame_base);
 
 /** Narrow an integer of so many bytes to so many. The result is its low part; where the value is
- *  neither the sign extension nor the zero extension of that, message 55 ("Conversion Run-Time Check
- *  Failure") is reported. */
+ *  neither the sign extension nor the zero extension of that, message 55 ("Conversion Run-Time
+ *  Check Failure") is reported. */
 int8_t _RTC_Check_2_to_1(int16_t value);
 int8_t _RTC_Check_4_to_1(int32_t value);
 int8_t _RTC_Check_8_to_1(int64_t value);
@@ -194,8 +194,8 @@ int16_t _RTC_Check_4_to_2(int32_t value);
 int16_t _RTC_Check_8_to_2(int64_t value);
 int32_t _RTC_Check_8_to_4(int64_t value);
 
-/** Report that a variable is used without having been set: message 25 with its name; message 60 with
- *  its name and the place of the use. */
+/** Report that a variable is used without having been set: message 25 with its name; message 60
+ *  with its name and the place of the use. */
 void __zorva_rtc_uninit_use(const char* name) __attribute__((__noreturn__));
 void __zorva_rtc_uninit_use_src(const char* name, const char* where) __attribute__((__noreturn__));
 
@@ -205,9 +205,9 @@ typedef struct zorvac_cp_value {
   uint64_t second; /**< read for types 3 and 4 only */
 } zorvac_cp_value;
 
-/** Checks a constant that was propagated across routines: returns when the value that is there is the
- *  value that was put in its place. Otherwise prints the kind of substitution and both values on
- *  standard output, flushes it, and calls abort().
+/** Checks a constant that was propagated across routines: returns when the value that is there is
+ *  the value that was put in its place. Otherwise prints the kind of substitution and both values
+ *  on standard output, flushes it, and calls abort().
  *
  *  kind  0 formal argument, 1 return value, 2 global variable; another one selects the message with
  *        number kind + 2, or an empty text

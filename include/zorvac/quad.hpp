@@ -81,13 +81,14 @@ class quad {
    *  integers of 8 and 16 bits take the low bits of the 32-bit conversion. */
   template <class Integer, if_integer<Integer> = 0>
   explicit operator Integer() const {
-    if constexpr (std::is_same_v<Integer, bool>)
+    if constexpr (std::is_same_v<Integer, bool>) {
       return *this != quad();
-    else if constexpr (std::is_signed_v<Integer>)
+    } else if constexpr (std::is_signed_v<Integer>) {
       return static_cast<Integer>(sizeof(Integer) <= 4 ? __qtoi(this, ZORVAC_TO_INT_TOWARD_ZERO)
                                                        : __qtoj(this, ZORVAC_TO_INT_TOWARD_ZERO));
-    else
+    } else {
       return static_cast<Integer>(sizeof(Integer) <= 4 ? __qtou(this) : __qtok(this));
+    }
   }
   explicit operator zorvac_int128_t() const { return __qtom(this); }
   explicit operator zorvac_uint128_t() const { return __qton(this); }

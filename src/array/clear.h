@@ -15,8 +15,8 @@ void clear_word(void* p) {
   *static_cast<anywhere*>(p) = 0;
 }
 
-// A column of `rows` elements of the size of Word: singly up to a boundary, 8 at a time, the tail by
-// 16 bytes and singly. A short column, and one that never meets a boundary, goes singly.
+// A column of `rows` elements of the size of Word: singly up to a boundary, 8 at a time, the tail
+// by 16 bytes and singly. A short column, and one that never meets a boundary, goes singly.
 template <class Word>
 void clear_column(void* column, std::size_t rows) {
   constexpr std::size_t size = sizeof(Word), boundary = sizeof(__m128i);

@@ -1,7 +1,7 @@
 #ifndef ZORVAC_ARRAY_MATMUL_COLUMN_H
 #define ZORVAC_ARRAY_MATMUL_COLUMN_H
-// The matrix-vector routines, which compute one column of a binary64 product: cleared, then added to
-// as the general kernel of the same storage adds to a C of one column.
+// The matrix-vector routines, which compute one column of a binary64 product: cleared, then added
+// to as the general kernel of the same storage adds to a C of one column.
 #include "array/clear.h"
 #include "array/matmul_general.h"
 

@@ -109,7 +109,8 @@ void fill(byte* target, uint64_t count, uint32_t op) {
   for (uint64_t i = 0; i < count; ++i) store(target + i * sizeof(T), value);
 }
 
-// Operator 0 is let through for one type, and has always filled with the low byte of the count.
+// Operator 0 is let through for one type, and fills with the low byte of the count: a contract with
+// compiled programs, as are the two odd products below.
 template <class T>
 void fill_bytes(byte* target, uint64_t count, uint32_t op) {
   const auto value = op == op_none ? static_cast<T>(count) : identity<T>(op);
@@ -144,7 +145,7 @@ constexpr auto complex_product = [](auto t, auto p) {
   return decltype(t){t.real * p.real - t.imaginary * p.imaginary,
                      t.real * p.imaginary + t.imaginary * p.real};
 };
-// What programs have always been given for complex binary64: the target does not enter.
+// The product of complex binary64, into which the target does not enter.
 constexpr auto square_of_partial = [](auto, auto p) {
   const auto cross = p.real * p.imaginary;
   return decltype(p){p.real * p.real - p.imaginary * p.imaginary, cross + cross};
@@ -169,7 +170,7 @@ template <auto Relation>
 [[gnu::always_inline]] inline void by_quad_relation(byte* target, const byte* partial) {
   if (Relation(target, partial) != 0) store(target, load<quad>(partial));
 }
-// Takes its first factor half from the target and half from the partial, as it always has.
+// Takes its first factor half from the target and half from the partial.
 [[gnu::always_inline]] inline void complex_quad_product(byte* target, const byte* partial) {
   const byte* const imaginary = partial + sizeof(quad);
   __cmulq(target, target, imaginary, partial, imaginary);

@@ -1,3 +1,6 @@
+// A block of a file at a time, read at its offset: there is no file position that a jump out of the
+// walk could leave anywhere. What is open and what is in the block change in an order that a jump
+// may cut short at any place.
 #include "diag/byte_source.h"
 
 #include <fcntl.h>

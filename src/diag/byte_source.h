@@ -4,8 +4,8 @@
 // of its own, without allocation and without the C library's streams, as the process may be about
 // to die inside malloc with the heap's lock held.
 //
-// How often the block may be filled is limited: to its reader, a file made to keep it busy ends after
-// 256 MB or a second or two.
+// How often the block may be filled is limited: to its reader, a file made to keep it busy ends
+// after 256 MB or a second or two.
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -32,8 +32,8 @@ class byte_source {
 
   bool fill(std::uint64_t offset);
 
-  int file_ =
-      0;  // zero in every part when nothing is open, so that static ones take no room on disk
+  // All zero when nothing is open, so that static objects take no room on disk.
+  int file_ = 0;
   bool is_file_ = false;
   std::uint32_t fills_left_ = 0;
   std::uint64_t block_offset_ = 0;        // of what block_ shows

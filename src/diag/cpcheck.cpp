@@ -1,5 +1,5 @@
-// The check of a constant that the compiler propagated: the value that is there when the program runs
-// against the value that was put in its place.
+// The check of a constant that the compiler propagated: the value that is there when the program
+// runs against the value that was put in its place.
 //
 // Reports go to standard output, which abort does not flush, so every line is flushed as it is
 // printed: none is lost on a pipe or in a file, not even where the next one ends the process (two

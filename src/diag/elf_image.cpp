@@ -1,3 +1,5 @@
+// The section headers are gone through by name. Nothing is kept of the file but the range that is
+// found, and whether that lies inside of the file shows when it is read.
 #include "diag/elf_image.h"
 
 #include <cstring>
@@ -40,8 +42,8 @@ bool read_elf_header(byte_source& file, Elf64_Ehdr& header) {
 }
 
 // Images have fewer than 65,280 sections, so the numbers stand in the header itself. The table may
-// lie anywhere; where it is not, reading fails. It is read by the handful, as looking at a name takes
-// the reader to another place in the file.
+// lie anywhere; where it is not, reading fails. It is read by the handful, as looking at a name
+// takes the reader to another place in the file.
 file_range find_trace_section(byte_source& file, const Elf64_Ehdr& header) {
   constexpr std::uint32_t handful = 32;
   static constinit Elf64_Shdr buffer[handful] = {};  // a signal stack has no room for it

@@ -1,3 +1,6 @@
+// The executable is read through /proc/PID/exe and placed by the auxiliary vector; every other
+// image by the process map. An image is found by its name and an address of it, as two may share a
+// name.
 #include "diag/images.h"
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// The kernel's texts are read like any other file, byte by byte and bounded: a mapped file's name
+// may hold anything.
 #include "diag/process_files.h"
 
 #include <elf.h>
@@ -64,8 +66,8 @@ bool read_hex(const char*& text, std::uint64_t& value) {
   return text != begin;
 }
 
-// "begin-end access offset device inode  path": the path begins with the line's first stroke, and may
-// have blanks in it.
+// "begin-end access offset device inode  path": the path begins with the line's first stroke, and
+// may have blanks in it.
 bool parse_line(const char* line, std::uint64_t& begin, std::uint64_t& end, const char*& path) {
   if (!read_hex(line, begin) || *line++ != '-' || !read_hex(line, end)) return false;
   path = std::strchr(line, '/');
@@ -104,8 +106,7 @@ bool find_auxiliary_value(byte_source& file, std::uint64_t type, std::uint64_t& 
 }
 
 bool find_mapping(byte_source& file, const char* image, std::uint64_t address, mapping& found) {
-  static constinit mapping
-      candidate;  // of the lines that name the image, those of the file last seen
+  static constinit mapping candidate;  // the file that the last line with the name was about
   bool any = false;
   line_reader lines(file);
   while (const char* line = lines.next()) {

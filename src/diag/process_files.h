@@ -14,8 +14,8 @@ using process_path = text_buffer<64>;
 // "/proc/", the process id and `entry`, which begins with a stroke.
 process_path path_of_process_file(const char* entry);
 
-// The file that the process executes; "" where that cannot be read. Of a deleted file, the path that
-// it had.
+// The file that the process executes; "" where that cannot be read. Of a deleted file, the path
+// that it had.
 void read_executable_path(char* to, std::size_t bytes);
 
 // The value of the auxiliary vector's entry of one type, from a file of the form of /proc/PID/auxv;

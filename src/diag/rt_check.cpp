@@ -62,7 +62,6 @@ Narrow narrowed(Wide value) {
 }
 
 }  // namespace
-
 }  // namespace zorvac::diag
 
 using zorvac::diag::check;

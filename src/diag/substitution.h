@@ -1,11 +1,11 @@
 #ifndef ZORVAC_DIAG_SUBSTITUTION_H
 #define ZORVAC_DIAG_SUBSTITUTION_H
-// A text as it may be substituted into a message, whatever characters it has and however long it is.
+// A text as it may be substituted into a message, whatever its characters and its length.
 //
 // The print routine takes the finished message once more as a format, and ends the process when the
 // message does not fit its buffer. Variables of some languages have per-cent signs in their names
-// ("point%next"), and the names of others run to thousands of characters; a report must survive both.
-// So per-cent signs are doubled here, and what is beyond `Bytes` is left out.
+// ("point%next"), and the names of others run to thousands of characters; a report must survive
+// both. So per-cent signs are doubled here, and what is beyond `Bytes` is left out.
 #include <cstddef>
 
 namespace zorvac::diag {

@@ -8,8 +8,8 @@
 
 namespace zorvac::diag {
 
-// Where the scans of a section found the routines of the addresses that were looked for last: a deep
-// recursion goes through few addresses many times.
+// Where the scans of a section found the routines of the addresses that were looked for last: a
+// deep recursion goes through few addresses many times.
 class found_routines {
  public:
   // 0 where the address was not looked for lately.

@@ -1,17 +1,17 @@
 // The entry points of the traceback and its small services.
 #include <zorvac/diag.h>
+#include <zorvac/string.h>
 
 #include <csetjmp>
 
-#include "diag/stack_walk.h"
-#include "diag/texts.h"
+#include "diag/tbk_backtrace.h"
 #include "startup/vrt_msg_support.h"
 
 using namespace zorvac::diag;
 
 namespace {
 constexpr std::size_t longest_diagnostic = 100;
-char error_msg[longest_diagnostic + 1];
+char error_msg[longest_diagnostic + 1];  // the last byte stays zero
 }  // namespace
 
 extern "C" {
@@ -29,7 +29,7 @@ size_t tbk_string_stack_signal(const void* signal_context, char* buffer, size_t 
 // The walk notes the number alone: opening the catalogue allocates, and would wait for ever in a
 // process that dies with the heap's lock held.
 const char* tbk_geterrorstring() {
-  put_text(__libvrt_get_msg(walk_diagnostic, 0), error_msg, sizeof error_msg);
+  zorvac_sse2_strncpy(error_msg, __libvrt_get_msg(walk_diagnostic, 0), longest_diagnostic);
   return error_msg;
 }
 

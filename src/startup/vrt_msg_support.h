@@ -41,9 +41,9 @@ inline constexpr int message_count = 61;
 // The longest text that formatting may produce, with its terminator.
 inline constexpr std::size_t message_buffer_bytes = 512;
 
-// The streams of __libvrt_print.
+// The streams of __libvrt_print: 1, and any other number.
+inline constexpr int to_standard_output = 0;
 inline constexpr int to_standard_error = 1;
-inline constexpr int to_standard_output = 2;
 
 }  // namespace zorvac::startup
 

@@ -1,7 +1,7 @@
 // The traceback as text, in two layouts, within the room that the caller gives.
 //
-//   | text so far | the piece that is being written ...       | reserved for a closing message and 0 |
-//   0           length                                      room                              bytes - 1
+//   | text so far | the piece that is being written ... | reserved for a closing message and 0 |
+//   0           length                                room                            bytes - 1
 //
 // A piece is written straight into the room while its length is counted, also beyond the room. It
 // counts only when it is complete: after a fault the closing message overwrites its beginning.
@@ -10,7 +10,7 @@
 #include <algorithm>
 
 #include "diag/images.h"
-#include "diag/stack_walk.h"
+#include "diag/tbk_backtrace.h"
 #include "diag/texts.h"
 
 namespace zorvac::diag {
@@ -26,8 +26,8 @@ struct output {
   std::size_t length;
   bool table;
   std::uint32_t frame_number;
-  std::uint64_t interrupted_pc;
-  bool interrupted;  // the next frame, by a signal
+  const void* signal_context;  // read during the walk alone, where a fault does no harm
+  bool interrupted;            // the next frame, by a signal
 };
 
 class piece {
@@ -61,8 +61,8 @@ class piece {
     for (int shift = 60; shift >= 0; shift -= 4) put(digits[address >> shift & 15]);
     return *this;
   }
-  // Whether the piece fits in the room, together with a zero byte. Otherwise as much of it stands as
-  // there is room for, and the room is used up.
+  // Whether the piece fits in the room, together with a zero byte. Otherwise as much of it stands
+  // as there is room for, and the room is used up.
   [[nodiscard]] bool finish() {
     if (out_.text != nullptr) {
       const bool fits = length_ < room();
@@ -134,11 +134,12 @@ bool write_row(output& out, const char* image, std::uint64_t pc, const tbk_pc_in
 }
 
 // Where in the program a frame is. Its program counter is where the call it is in returns to, which
-// may be in the next line, or after a call that never returns in the next routine; the call ends one
-// byte before. Exact are the interrupted frame and the one in front of it, which handlers return to.
+// may be in the next line, or after a call that never returns in the next routine; the call ends
+// one byte before. Exact are the interrupted frame and the one in front of it, which handlers
+// return to.
 std::uint64_t place_of(output& out, std::uint64_t pc) {
   const bool signal_return = is_signal_return(pc);
-  const bool exact = signal_return || out.interrupted || pc == out.interrupted_pc;
+  const bool exact = signal_return || out.interrupted || pc == interrupted_pc(out.signal_context);
   out.interrupted = signal_return;
   return exact ? pc : pc - 1;
 }
@@ -185,7 +186,7 @@ std::size_t tbk_string_stack_signal_impl(const void* signal_context, char* buffe
              .length = 0,
              .table = table != 0,
              .frame_number = 0,
-             .interrupted_pc = interrupted_pc(signal_context),
+             .signal_context = signal_context,
              .interrupted = false};
   if (out.text != nullptr) *out.text = '\0';
   const std::uint32_t status =

@@ -1,10 +1,11 @@
-// The walk: records all frames first, then reports them, both under the protection of a signal action
-// that jumps back here. Whatever ends it, the same few steps clean up.
-#include "diag/stack_walk.h"
+// The walk: records all frames first, then reports them, both under the protection of a signal
+// action that jumps back here. Whatever ends it, the same few steps clean up.
+#include "diag/tbk_backtrace.h"
 
 #include <signal.h>
 #include <ucontext.h>
 #include <unwind.h>
+#include <zorvac/mem.h>
 
 #include <cerrno>
 #include <csetjmp>
@@ -92,7 +93,7 @@ bool add_chunk(walk& w) {
   auto* added = static_cast<chunk*>(std::malloc(sizeof(chunk)));
   w.in_heap = false;
   if (added == nullptr) return false;
-  *added = {};
+  _zorva_fast_memset(added, 0, sizeof *added);
   added->previous = w.current;
   w.current->next = added;
   w.current = added;

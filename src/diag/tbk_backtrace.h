@@ -1,9 +1,9 @@
-#ifndef ZORVAC_DIAG_STACK_WALK_H
-#define ZORVAC_DIAG_STACK_WALK_H
+#ifndef ZORVAC_DIAG_TBK_BACKTRACE_H
+#define ZORVAC_DIAG_TBK_BACKTRACE_H
 // The walker and the formatter behind the entry points. Each of the routines here and each entry
-// point is exactly one frame of the stack, as the numbers of frames to hide count on it: they stand in
-// sources of their own, so that none can be inlined into another, and are compiled without sibling
-// calls (cmake/isa.cmake).
+// point is exactly one frame of the stack, as the numbers of frames to hide count on it: they stand
+// in sources of their own, so that none can be inlined into another, and are compiled without
+// sibling calls (cmake/isa.cmake).
 //
 //   tbk_trace_stack --------------------------------------------> tbk_trace_stack_impl --> unwinder
 //   tbk_string_stack_signal --> tbk_string_stack_signal_impl ---> tbk_trace_stack_impl --> unwinder
