@@ -25,7 +25,7 @@
 #include <thread>
 #include <vector>
 
-#include "diag/stack_walk.h"
+#include "diag/tbk_backtrace.h"
 #include "support/guard_pages.h"
 #include "zorvac/diag.h"
 
