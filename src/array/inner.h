@@ -5,7 +5,8 @@
 // A comes in panels of 4 rows, B in panels of 4 columns, each with the 4 values of one k side by
 // side. A panel of B is first spread over a strip in which each value stands twice, so that a pair of
 // rows meets it with one aligned load. Then the panels of A go by; wide registers take several of
-// them together.
+// them together. They can do without the strip: where that is faster, a few panels of A stay in the
+// first-level cache while a group of panels of B goes by.
 #include <pmmintrin.h>
 
 #include "array/tile.h"
@@ -13,8 +14,12 @@
 namespace zorvac::array {
 namespace {
 
-inline constexpr std::size_t panel_extent = 4;  // rows of A, columns of B
-inline constexpr std::size_t full_block = 112;  // terms
+inline constexpr std::size_t panel_extent = 4;       // rows of A, columns of B
+inline constexpr std::size_t full_block = 112;       // terms
+inline constexpr std::size_t columns_together = 16;  // without the strip: 14 KB of packed B
+
+// Where a level reads B from.
+enum class b_from { panels, strip };
 
 // Rows of packed A: register R of the tile. A pair is half a panel, 4 doubles are a panel.
 template <class V>
@@ -33,50 +38,61 @@ struct packed_rows {
   ZORVAC_INLINE void step() { p += panel_extent; }
 };
 
-template <class V>
-struct strip_columns {
+// Columns of one panel of B, or of the strip.
+template <class V, b_from From>
+struct packed_columns {
+  static constexpr std::size_t times = From == b_from::strip ? 2 : 1;
   const double* p;
 
   template <int J>
   ZORVAC_INLINE typename V::factor factor() const {
     if constexpr (V::width == 2)
-      return _mm_load_pd(p + J * 2);
+      return _mm_load_pd(p + J * times);
     else
-      return V::as_factor(p[J * 2]);
+      return V::as_factor(p[J * times]);
   }
-  ZORVAC_INLINE void step() { p += panel_extent * 2; }
+  ZORVAC_INLINE void step() { p += panel_extent * times; }
 };
 
 struct inner_block {
   const double* a;
-  const double* strip;
+  const double* b;
   double* c;
   std::size_t ldc;
-  std::size_t rows, terms;
+  std::size_t rows, columns, terms;
   bool accumulate;  // add to C rather than overwrite it
 };
 
-// The tiles of `Rows` registers that there are rows for, from row i on.
-template <class V, int Rows>
-ZORVAC_INLINE inline void inner_tiles(const inner_block& w, std::size_t& i) {
+// `Rows` registers of rows, from row i on, times the panel of B at column j.
+template <class V, b_from From, int Rows>
+ZORVAC_INLINE inline void inner_tile(const inner_block& w, std::size_t i, std::size_t j) {
   constexpr std::size_t rows = Rows * V::width;
-  for (; w.rows - i >= rows; i += rows) {
-    double* const c = w.c + i;
-    repeat<4>([&]<int J>() ZORVAC_INLINE {
-      for (std::size_t line = 0; line < rows; line += 8)
-        __builtin_prefetch(c + J * w.ldc + line, 0, 0);
+  double* const c = w.c + i + j * w.ldc;
+  repeat<4>([&]<int J>() ZORVAC_INLINE {
+    for (std::size_t line = 0; line < rows; line += 8)
+      __builtin_prefetch(c + J * w.ldc + line, 0, 0);
+  });
+  packed_rows<V> a{w.a + i * w.terms, w.terms * panel_extent};
+  packed_columns<V, From> b{w.b + j * w.terms};
+  tile<V, Rows, 4> sum{};
+  for (std::size_t k = w.terms; k != 0; k -= 4)
+    repeat<4>([&]<int>() ZORVAC_INLINE { sum.add_products(a, b); });
+  repeat<4>([&]<int J>() ZORVAC_INLINE {
+    repeat<Rows>([&]<int R>() ZORVAC_INLINE {
+      double* const to = c + J * w.ldc + R * V::width;
+      const auto x = sum.c[J][R];
+      V::memory::store(to, w.accumulate ? V::memory::load(to) + x : x);
     });
-    packed_rows<V> a{w.a + i * w.terms, w.terms * panel_extent};
-    strip_columns<V> b{w.strip};
-    tile<V, Rows, 4> sum{};
-    for (std::size_t k = w.terms; k != 0; k -= 4)
-      repeat<4>([&]<int>() ZORVAC_INLINE { sum.add_products(a, b); });
-    repeat<4>([&]<int J>() ZORVAC_INLINE {
-      repeat<Rows>([&]<int R>() ZORVAC_INLINE {
-        double* const to = c + J * w.ldc + R * V::width;
-        const auto x = sum.c[J][R];
-        V::memory::store(to, w.accumulate ? V::memory::load(to) + x : x);
-      });
+  });
+}
+
+template <class V, b_from From, int Rows>
+[[gnu::noinline]] void inner_tiles(const inner_block& w) {
+  for (std::size_t i = 0, rows = 0; i < w.rows; i += rows) {
+    rows = rows_of_panel<V, Rows>(w.rows - i);
+    repeat<Rows>([&]<int R>() ZORVAC_INLINE {
+      if (rows != (R + 1) * V::width) return;
+      for (std::size_t j = 0; j < w.columns; j += panel_extent) inner_tile<V, From, R + 1>(w, i, j);
     });
   }
 }
@@ -95,24 +111,29 @@ ZORVAC_INLINE inline void fill_strip(double* strip, const double* b, std::size_t
 #endif
 }
 
-// `Tiles`::all(block): the tiles of one level.
-template <class Tiles>
+// With tiles of at most `Rows` registers.
+template <class V, b_from From, int Rows>
 ZORVAC_INLINE inline void inner(const std::uint64_t* m, const std::uint64_t* n, std::size_t terms,
                                 const double* a, const double* b, double* c,
                                 const std::uint64_t* ldc, double* strip, bool accumulate) {
-  inner_block w{a, strip, c, *ldc, *m, terms, accumulate};
-  for (std::size_t j = 0; j < *n; j += panel_extent) {
-    fill_strip(strip, b + j * terms, terms);
+  constexpr bool spread = From == b_from::strip;
+  inner_block w{a, strip, c, *ldc, *m, 0, terms, accumulate};
+  for (std::size_t j = 0; j < *n; j += w.columns) {
+    w.columns = smaller(*n - j, spread ? panel_extent : columns_together);
     w.c = c + j * w.ldc;
-    Tiles::all(w);
+    if constexpr (spread)
+      fill_strip(strip, b + j * terms, terms);
+    else
+      w.b = b + j * terms;
+    inner_tiles<V, From, Rows>(w);
   }
 }
 
 }  // namespace
 }  // namespace zorvac::array
 
-// Defines the two inner kernels in one form.
-#define ZORVAC_INNER_KERNELS(form, tiles)                                                        \
+// Defines the two inner kernels in one form: ZORVAC_INNER_KERNELS(V, real<avx2, double>, b_from::panels, 3).
+#define ZORVAC_INNER_KERNELS(form, ...)                                                          \
   extern "C" {                                                                                   \
   void inner_roll_##form(const std::uint64_t*, const std::uint64_t*, const std::uint64_t*,       \
                          const double*, const double*, const std::uint64_t*, double*,            \
@@ -126,13 +147,13 @@ ZORVAC_INLINE inline void inner(const std::uint64_t* m, const std::uint64_t* n, 
                          const double* a, const double* b, const std::uint64_t*, double* c,      \
                          const std::uint64_t* ldc, double* strip, const std::uint64_t*) {        \
     using namespace zorvac::array;                                                               \
-    inner<tiles>(m, n, *k, a, b, c, ldc, strip, false);                                          \
+    inner<__VA_ARGS__>(m, n, *k, a, b, c, ldc, strip, false);                                    \
   }                                                                                              \
   void inner_##form(const std::uint64_t* m, const std::uint64_t* n, const std::uint64_t*,        \
                     const double* a, const double* b, const std::uint64_t*, double* c,           \
                     const std::uint64_t* ldc, double* strip, const std::uint64_t*) {             \
     using namespace zorvac::array;                                                               \
-    inner<tiles>(m, n, full_block, a, b, c, ldc, strip, true);                                   \
+    inner<__VA_ARGS__>(m, n, full_block, a, b, c, ldc, strip, true);                             \
   }                                                                                              \
   }
 #endif

@@ -18,10 +18,6 @@ inline constexpr std::size_t few_columns = 24;        // for these, copying A do
 inline constexpr std::size_t cached_bytes = 1 << 18;  // of B, a block of which all rows meet
 inline constexpr std::size_t aside_columns = 64;      // sums kept aside at a time
 
-[[gnu::always_inline]] inline std::size_t smaller(std::size_t a, std::size_t b) {
-  return a < b ? a : b;
-}
-
 // A panel of C and what is to be added to it.
 template <class Element>
 struct panel {
@@ -128,16 +124,6 @@ void add(const panel<typename V::element>& w) {
   });
 }
 
-// How many of the rows that are left the next panel takes: not a full panel and then a narrow one,
-// which has too few sums to keep the adders busy.
-template <class V>
-std::size_t rows_of_panel(std::size_t left) {
-  constexpr std::size_t full = V::tile_registers * V::width;
-  if (left <= full) return left;
-  if (left >= 2 * full) return full;
-  return (left / 2 + V::width - 1) / V::width * V::width;
-}
-
 // Room for a copy of a block of A. A copy has whole registers of rows; those past the last repeat
 // one that is there.
 template <class V, stored A>
@@ -200,7 +186,7 @@ void add_blocks(const panel<typename V::element>& w, const typename V::element* 
     part.terms = smaller(k - k0, block_terms);
     part.b += k0 * w.b_step;
     for (std::size_t i = 0; i < m; i += part.rows) {
-      part.rows = rows_of_panel<V>(m - i);
+      part.rows = rows_of_panel<V, V::tile_registers>(m - i);
       part.c = w.c + i;
       block.give(part, A == stored::as_used ? a + i + k0 * lda : a + k0 + i * lda, lda);
       add<V>(part);
@@ -250,7 +236,7 @@ void general(const void* first_a, const void* first_b, void* first_c, std::size_
       continue;
     }
     for (std::size_t i = 0, rows = 0; i < m; i += rows, w.c += rows) {
-      rows = rows_of_panel<V>(m - i);
+      rows = rows_of_panel<V, V::tile_registers>(m - i);
       add_whole_sums<V, A, B>(w, a + i * lda, lda, rows, k);
     }
   }

@@ -3,15 +3,6 @@
 #include "array/inner.h"
 #include "array/matmul_general.h"
 
-namespace {
-struct pair_tiles {
-  static void all(const zorvac::array::inner_block& w) {
-    std::size_t i = 0;
-    zorvac::array::inner_tiles<zorvac::array::real<zorvac::array::sse3, double>, 2>(w, i);
-  }
-};
-}  // namespace
-
 ZORVAC_GENERAL_KERNELS(c4, L, complex<sse3, float>)
 ZORVAC_GENERAL_KERNELS(c8, L, complex<sse3, double>)
-ZORVAC_INNER_KERNELS(A, pair_tiles)
+ZORVAC_INNER_KERNELS(A, real<sse3, double>, b_from::strip, 2)

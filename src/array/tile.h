@@ -55,6 +55,20 @@ struct tile {
   }
 };
 
+[[gnu::always_inline]] inline std::size_t smaller(std::size_t a, std::size_t b) {
+  return a < b ? a : b;
+}
+
+// How many of the rows that are left the next panel takes, of `Rows` registers at most: not a full
+// panel and then a narrow one, which has too few sums to keep the adders busy.
+template <class V, int Rows>
+std::size_t rows_of_panel(std::size_t left) {
+  constexpr std::size_t full = Rows * V::width;
+  if (left <= full) return left;
+  if (left >= 2 * full) return full;
+  return (left / 2 + V::width - 1) / V::width * V::width;
+}
+
 }  // namespace
 }  // namespace zorvac::array
 #endif
