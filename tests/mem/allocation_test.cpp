@@ -55,9 +55,9 @@ TEST(AlignedBlock, IsNullWhereSizesWrapOrMallocFails) {
     std::size_t size, alignment;
     bool asks_malloc;  // which fails here
   } refusals[] = {
-      {most - 4, 16, false},   {most - 23, 16, false},  // the sum wraps, the latter to zero
-      {most - 24, 16, true},                            // the largest that does not wrap
-      {100, most - 50, false}, {most / 2 + 1, most / 2 + 1, false},
+      {most - 4, 16, false}, {most - 23, 16, false},  // the sum wraps, the latter to zero
+      {most - 24, 16, true},                          // the largest that does not wrap
+      {10, most - 5, false}, {most / 2 + 1, most / 2 + 1, false},
       {most - 9, 1, true},  // tested before the alignment is raised: with 8 it would wrap
       {100, 64, true},
   };
