@@ -50,9 +50,9 @@ elements<double> panels(const elements<double>& lanes, u64 k) {
 }
 
 TEST(PanelCopy, LaysOutFoursAndPads) {
-  for (const u64 lanes : {0, 1, 3, 4, 5, 7, 8, 11, 16, 19, 260})
-    for (const u64 k : {1, 2, 3, 4, 5, 37, 38, 111, 112})
-      for (const u64 gap : {0, 1, 3}) {
+  for (const u64 lanes : {0u, 1u, 3u, 4u, 5u, 7u, 8u, 11u, 16u, 19u, 260u})
+    for (const u64 k : {1u, 2u, 3u, 4u, 5u, 37u, 38u, 111u, 112u})
+      for (const u64 gap : {0u, 1u, 3u}) {
         const elements<double> side_by_side = random_elements<double>(lanes * k, 1);
         const elements<double> expected = panels(side_by_side, k);
         const matrix<double> terms_first(k, lanes, gap, side_by_side), lanes_first(lanes, k, gap);
@@ -74,9 +74,9 @@ TEST(InnerKernel, OverwritesOrAddsTilesSummedFromZero) {
   for (const form& f : forms) {
     if (!f.available()) continue;
     __zorva_cpu_feature_indicator = f.indicator;
-    for (const u64 m : {4, 8, 12, 16, 20, 28, 44, 260})
-      for (const u64 n : {4, 8, 12, 40})
-        for (const u64 kp : {4, 8, 12, 108, 112})
+    for (const u64 m : {4u, 8u, 12u, 16u, 20u, 28u, 44u, 260u})
+      for (const u64 n : {4u, 8u, 12u, 40u})
+        for (const u64 kp : {4u, 8u, 12u, 108u, 112u})
           for (const bool adds : {false, true}) {
             if (adds && kp != 112) continue;
             const elements<double> a = random_elements<double>(m * kp, 1),
@@ -108,8 +108,8 @@ TEST(MatrixVector, ComputesAColumnFromScratch) {
   for (const form& f : forms) {
     if (!f.available()) continue;
     __zorva_cpu_feature_indicator = f.indicator;
-    for (const u64 m : {0, 1, 2, 3, 7, 8, 9, 16, 33, 130})
-      for (const u64 k : {0, 1, 2, 3, 4, 5, 8, 37, 129, 257}) {
+    for (const u64 m : {0u, 1u, 2u, 3u, 7u, 8u, 9u, 16u, 33u, 130u})
+      for (const u64 k : {0u, 1u, 2u, 3u, 4u, 5u, 8u, 37u, 129u, 257u}) {
         operands<double> x({m, k, 1});
         for (const routines& r : routines_of<double>) {
           x.store_for(r);
@@ -135,9 +135,9 @@ TEST(Clearing, WritesZerosInsideTheBlockOnly) {
                                                  {_MATMUL_c8_n_n_pst_init, 16}};
   for (const auto& [clear, bytes] : clearings)
     for (u64 rows = 0; rows <= 35; ++rows)
-      for (const u64 columns : {0, 1, 2, 5})
-        for (const u64 gap : {0, 1, 4})
-          for (const u64 shift : {0, 1, 3, 4, 8, 12}) {  // before the guard page
+      for (const u64 columns : {0u, 1u, 2u, 5u})
+        for (const u64 gap : {0u, 1u, 4u})
+          for (const u64 shift : {0u, 1u, 3u, 4u, 8u, 12u}) {  // before the guard page
             const u64 ldc = rows + gap;
             const u64 span = columns == 0 ? 0 : ((columns - 1) * ldc + rows) * bytes;
             const matrix<char> ground(span + shift + 32, 1, 0);
@@ -154,7 +154,7 @@ TEST(Clearing, WritesZerosInsideTheBlockOnly) {
 // Without memory the general kernel does the work.
 TEST(BlockedAllocation, IsOfTheStatedSizeAndReturnedOrDoneWithout) {
   __zorva_cpu_feature_indicator = pair_form;
-  for (const u64 n : {38, 41, 2000, 2001, 2039}) {
+  for (const u64 n : {38u, 41u, 2000u, 2001u, 2039u}) {
     operands<double> x({39, 115, n});
     for (const routines& r : routines_of<double>) {
       x.store_for(r);

