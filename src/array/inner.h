@@ -30,7 +30,7 @@ struct packed_rows {
   template <int R>
   ZORVAC_INLINE typename V::reg load() const {
     if constexpr (V::width == 2) {
-      return _mm_load_pd(p + (R % 2) * 2 + (R / 2) * panel);
+      return _mm_load_pd(p + (R % 2 == 0 ? 0 : 2) + (R / 2) * panel);
     } else {
       return V::memory::load(p + R * panel);
     }
@@ -99,16 +99,17 @@ template <class V, b_from From, int Rows>
 
 // A value of B twice, by MOVDDUP, or two of them.
 ZORVAC_INLINE inline void fill_strip(double* strip, const double* b, std::size_t terms) {
+  for (const double* const end = b + terms * panel_extent; b != end; b += 4, strip += 8) {
 #ifdef __AVX2__
-  for (const double* const end = b + terms * panel_extent; b != end; b += 4, strip += 8)
-    repeat<2>([&]<int J>() ZORVAC_INLINE {
+    repeat<2>([&]<std::size_t J>() ZORVAC_INLINE {
       const __m256d twice = _mm256_broadcast_pd(reinterpret_cast<const __m128d*>(b + 2 * J));
       _mm256_storeu_pd(strip + 4 * J, _mm256_permute_pd(twice, 0xc));
     });
 #else
-  for (const double* const end = b + terms * panel_extent; b != end; b += 4, strip += 8)
-    repeat<4>([&]<int J>() ZORVAC_INLINE { _mm_store_pd(strip + 2 * J, _mm_loaddup_pd(b + J)); });
+    repeat<4>([&]<std::size_t J>()
+                  ZORVAC_INLINE { _mm_store_pd(strip + 2 * J, _mm_loaddup_pd(b + J)); });
 #endif
+  }
 }
 
 // With tiles of at most `Rows` registers.
