@@ -82,7 +82,7 @@ FAMILIES = (
     Family("matrices", "Matrices", r"([rc][48]_[nt]_[nt]|limit)/",
            (Chart("matrices", "Products of square matrices of doubles, one thread",
                   r"r8_n_n/(?P<size>\d+)x(?P=size)x(?P=size)$", "GFLOP/s", x="n", hide="general",
-                  limits=r"limit/(separate/|fused/8)"),)),
+                  limits=r"limit/separate/[28]"),)),
     Family("reductions", "Reductions", r"(sum|product|maximum|minimum|equivalence)-\w+/"),
     Family("traceback", "Traceback", r"(walk|text)/",
            (Chart("traceback", "A traceback by the number of frames",
