@@ -88,8 +88,8 @@ TEST(InnerKernel, OverwritesOrAddsTilesSummedFromZero) {
             if (adds) c = matrix<double>(m, n, m % 3 + 1, old);
             elements<double> expected(m * n);
             for (u64 i = 0; i < m * n; ++i)
-              expected[i] = sum_of_products(adds ? old[i] : 0, &a[i % m * kp], &b[i / m * kp],
-                                            {{{0, kp}}, true});
+              expected[i] = sum_of_products(adds ? old[i] : 0, a.data() + i % m * kp,
+                                            b.data() + i / m * kp, {{{0, kp}}, true});
             const u64 ldc = c.ld();
             // What a kernel does not read need not be there.
             if (adds)

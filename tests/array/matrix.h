@@ -90,7 +90,7 @@ class matrix {
 
   [[nodiscard]] bool holds(const elements<E>& expected) const {
     for (u64 j = 0; j < columns_ && rows_ != 0; ++j)
-      if (std::memcmp(&at(0, j), &expected[j * rows_], rows_ * sizeof(E)) != 0) return false;
+      if (std::memcmp(&at(0, j), expected.data() + j * rows_, rows_ * sizeof(E)) != 0) return false;
     return true;
   }
   [[nodiscard]] bool surroundings_are_whole() const {
@@ -204,7 +204,7 @@ struct operands {
 
  private:
   E element(u64 i, const summation& order, E onto = {}) const {
-    return sum_of_products(onto, &a[i % s.m * s.k], &b[i / s.m * s.k], order);
+    return sum_of_products(onto, a.data() + i % s.m * s.k, b.data() + i / s.m * s.k, order);
   }
   matrix<E> stored(const elements<E>& from, u64 lanes, bool terms_first, u64 gap) const {
     if (terms_first) return matrix<E>(s.k, lanes, gap, from);

@@ -176,9 +176,11 @@ TEST_P(MktraceOf, SaysWhatOthersSayAndLeavesTheProgramAlone) {
   std::set<std::uint64_t> places;
   for (const auto& [start, r] : all) {
     const auto [first, last] = symbols.equal_range(start);
-    EXPECT_TRUE(std::any_of(
-        first, last,
-        [name = r.name + '.'](const auto& s) { return (s.second + '.').starts_with(name); }))
+    // Copies that a linker kept without their symbols are known by debug information alone.
+    EXPECT_TRUE(first == last || std::any_of(first, last,
+                                             [name = r.name + '.'](const auto& s) {
+                                               return (s.second + '.').starts_with(name);
+                                             }))
         << std::hex << start << ' ' << r.name;
     places.insert({start, start + r.length / 2, start + r.length - 1});
     if (big) continue;
