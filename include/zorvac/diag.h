@@ -94,6 +94,9 @@ uint32_t tbk_trace_stack(const void* signal_context, void* user, tbk_frame_callb
  *  returns         the number of characters written, without the zero byte, at most `bytes`. With
  *                  a null buffer: the size that a buffer must have to take the whole text
  *
+ *  Routine and line of a frame that called another are those of the call, one byte before the
+ *  return address that is shown; of an interrupted frame, those of its program counter.
+ *
  *  The last 57 bytes are kept for a closing message. Where the text does not end before them (with
  *  a zero byte of its own) it is cut there, and "\nStack trace buffer overflow; further frames not
  *  shown.\n" follows. After a fault what has been written so far stands, and "\nStack trace

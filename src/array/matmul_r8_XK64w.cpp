@@ -72,42 +72,27 @@ struct operand {
 };
 
 // What the storage of A and B decides. Everything is called by its exported name.
-struct n_n {
-  static constexpr bool a_transposed = false, b_transposed = false;
-  static constexpr kernel* general = _MATMUL_r8_n_n_pst_General;
-  static constexpr copy *copy_a = __zorva_dgcopyan_xk64w, *copy_b = __zorva_dgcopybn_psc;
-  static void column(const double* a, const double* b, double* c, uint64_t m, uint64_t k,
-                     uint64_t lda, uint64_t) {
-    MATMUL_v_nn_pst(a, b, c, m, k, lda);
-  }
-};
-struct t_n {
-  static constexpr bool a_transposed = true, b_transposed = false;
-  static constexpr kernel* general = _MATMUL_r8_t_n_pst_General;
-  static constexpr copy *copy_a = __zorva_dgcopyat_xk64w, *copy_b = __zorva_dgcopybn_psc;
-  static void column(const double* a, const double* b, double* c, uint64_t m, uint64_t k,
-                     uint64_t lda, uint64_t) {
-    MATMUL_v_tn_pst(a, b, c, k, m, lda);
-  }
-};
-struct n_t {
-  static constexpr bool a_transposed = false, b_transposed = true;
-  static constexpr kernel* general = _MATMUL_r8_n_t_pst_General;
-  static constexpr copy *copy_a = __zorva_dgcopyan_xk64w, *copy_b = __zorva_dgcopybt_psc;
+template <bool TransposedA, bool TransposedB, kernel* General, auto* Column>
+struct storage {
+  static constexpr bool a_transposed = TransposedA, b_transposed = TransposedB;
+  static constexpr kernel* general = General;
+  static constexpr copy* copy_a = TransposedA ? __zorva_dgcopyat_xk64w : __zorva_dgcopyan_xk64w;
+  static constexpr copy* copy_b = TransposedB ? __zorva_dgcopybt_psc : __zorva_dgcopybn_psc;
+
+  // The extents are those of A as it is stored; a contiguous column of B has no leading dimension.
   static void column(const double* a, const double* b, double* c, uint64_t m, uint64_t k,
                      uint64_t lda, uint64_t ldb) {
-    MATMUL_v_nt_pst(a, b, c, m, k, lda, ldb);
+    const uint64_t rows = TransposedA ? k : m, columns = TransposedA ? m : k;
+    if constexpr (TransposedB)
+      Column(a, b, c, rows, columns, lda, ldb);
+    else
+      Column(a, b, c, rows, columns, lda);
   }
 };
-struct t_t {
-  static constexpr bool a_transposed = true, b_transposed = true;
-  static constexpr kernel* general = _MATMUL_r8_t_t_pst_General;
-  static constexpr copy *copy_a = __zorva_dgcopyat_xk64w, *copy_b = __zorva_dgcopybt_psc;
-  static void column(const double* a, const double* b, double* c, uint64_t m, uint64_t k,
-                     uint64_t lda, uint64_t ldb) {
-    MATMUL_v_tt_pst(a, b, c, k, m, lda, ldb);
-  }
-};
+using n_n = storage<false, false, _MATMUL_r8_n_n_pst_General, MATMUL_v_nn_pst>;
+using t_n = storage<true, false, _MATMUL_r8_t_n_pst_General, MATMUL_v_tn_pst>;
+using n_t = storage<false, true, _MATMUL_r8_n_t_pst_General, MATMUL_v_nt_pst>;
+using t_t = storage<true, true, _MATMUL_r8_t_t_pst_General, MATMUL_v_tt_pst>;
 
 template <class Storage>
 struct product {

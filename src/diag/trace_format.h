@@ -91,31 +91,29 @@ class memory_source {
 // not a number; what the tenth has beyond 64 bits is dropped.
 inline constexpr unsigned longest_leb128 = 10;
 
+// A signed one is extended by the sign in bit 6 of the last byte, in two's complement.
 template <class Source>
-bool read_uleb128(Source& source, std::uint64_t& value) {
-  value = 0;
-  for (unsigned shift = 0; shift < 7 * longest_leb128; shift += 7) {
-    unsigned char byte = 0;
-    if (!source.next(byte)) return false;
-    value |= static_cast<std::uint64_t>(byte & 0x7F) << shift;
-    if ((byte & 0x80) == 0) return true;
-  }
-  return false;
-}
-
-// As above, extended by the sign in bit 6 of the last byte, in two's complement.
-template <class Source>
-bool read_sleb128(Source& source, std::uint64_t& value) {
+bool read_leb128(Source& source, std::uint64_t& value, bool is_signed) {
   value = 0;
   for (unsigned shift = 0; shift < 7 * longest_leb128; shift += 7) {
     unsigned char byte = 0;
     if (!source.next(byte)) return false;
     value |= static_cast<std::uint64_t>(byte & 0x7F) << shift;
     if ((byte & 0x80) != 0) continue;
-    if ((byte & 0x40) != 0 && shift + 7 < 64) value |= ~std::uint64_t{0} << (shift + 7);
+    if (is_signed && (byte & 0x40) != 0 && shift + 7 < 64)
+      value |= ~std::uint64_t{0} << (shift + 7);
     return true;
   }
   return false;
+}
+
+template <class Source>
+bool read_uleb128(Source& source, std::uint64_t& value) {
+  return read_leb128(source, value, false);
+}
+template <class Source>
+bool read_sleb128(Source& source, std::uint64_t& value) {
+  return read_leb128(source, value, true);
 }
 
 // One row of a line table. It holds from its offset to the next row's, or to the routine's end.
