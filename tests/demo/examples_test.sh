@@ -7,18 +7,22 @@ cd "$1"
 # Example and arguments | exit status | a line of its output; both are regular expressions. The start-up
 # checks refuse or not, by the vendor that the library was built for and the machine.
 rows='processor    | 0    | ^vendor  +[[:print:]]{12}$
+dispatch     | 0    | ^sum 17000000 by the version for (AVX2|SSE2)$
 startup_sse3 | [01] | ^built for SSE3: started$|SSE3.* instruction support\.$
 startup_avx2 | [01] | ^built for AVX2: started$|AVX2.* instructions\.$
 memory       | 0    | ^move  by _zorva_fast_memmove\.[PMA] .*"the brown fox"$
 quad         | 0    | ^  true value   3\.141592653589793238462643383279503$
 parse_column | 0    | ^5 numbers, sum 123456790183 
+words        | 0    | ^5  and$
 binary128    | 0    | ^e = 0x40005bf0a8b1457695355fb8ac404e7., 2\.718281828459045, after [0-9]+ terms$
 pool         | 0    | ^the pool has started over: the next two are 64 bytes apart$
+pool_resource | 0   | ^6000 numbers below 100000
 matrix 200   | 0    | ^1000 elements agree with naive sums
 matrix_fortran | 0  | MATMUL
 reduction    | 0    | ^6000000 rolls by 4 threads$
 checks       | 0    | ^all checks passed$
 checks narrow | 134 | ^Conversion Run-Time Check Failure$
+failure      | 0    | ^failure +[0-9A-F]{16}  _ZL13harmonic_mea +33  failure\.cpp$
 traceback    | 139  | ^liborders\.so +[0-9A-F]{16}  add_order +18  traceback_orders\.c$'
 
 failures=0 tried=()
