@@ -23,7 +23,7 @@
  *    signals    may be called from a signal handler, also on an alternate stack: a walk takes less
  *               than 3 KB of stack, and up to 3 more in programs that bind addresses lazily
  *    memory     nothing is allocated for up to 24 frames; each further 24 take one block of malloc
- *               (608 bytes), freed before the routine returns. Where malloc gives null the frames
+ *               (592 bytes), freed before the routine returns. Where malloc gives null the frames
  *               recorded so far are reported. What is read from files goes through static buffers
  *    locks      dladdr and the unwinder may wait for the dynamic loader's lock
  *    errno      unchanged
@@ -100,7 +100,8 @@ uint32_t tbk_trace_stack(const void* signal_context, void* user, tbk_frame_callb
  *  The last 57 bytes are kept for a closing message. Where the text does not end before them (with
  *  a zero byte of its own) it is cut there, and "\nStack trace buffer overflow; further frames not
  *  shown.\n" follows. After a fault what has been written so far stands, and "\nStack trace
- *  terminated abnormally.\n" follows. In a buffer of fewer than 57 bytes it is cut as well. */
+ *  terminated abnormally.\n" follows. In a buffer of fewer than 57 bytes it is cut as well, and the
+ *  size of the buffer is returned. */
 size_t tbk_string_stack_signal(const void* signal_context, char* buffer, size_t bytes,
                                uint32_t table, uint32_t skip);
 

@@ -64,8 +64,8 @@ void* _zorva_fast_memset(void* destination, int value, size_t count);
 int _zorva_fast_memcmp(const void* a, const void* b, size_t count);
 
 /** Copies; the blocks must not overlap. What each may use, and is tuned for:
- *    __zorva_new_memcpy          SSE2; general registers alone where the load-time method is
- *                                not 2. __zorva_memcpy is the same routine
+ *    __zorva_new_memcpy          SSE2; the bulk of large blocks by general registers where the
+ *                                load-time method is not 2. __zorva_memcpy is the same routine
  *    __zorva_ssse3_memcpy        SSSE3
  *    __zorva_ssse3_rep_memcpy    SSSE3; large blocks partly past the caches
  *    __zorva_avx_rep_memcpy      AVX2; a string instruction for medium blocks

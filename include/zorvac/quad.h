@@ -208,8 +208,8 @@ zorvac_int128_t __qtom(const void* q);
 /** An unsigned (n) or signed (m) 128-bit integer as a floating-point number, rounded by MXCSR, long
  *  double too.
  *
- *  Flags:  none, not even PE for an inexact result. From 2^128 - 2^103 up an unsigned integer may
- *          round to infinity as a float, silently too.
+ *  Flags:  none, not even PE for an inexact result. Above 2^128 - 2^104, the largest float, an
+ *          unsigned integer may round to infinity as a float, silently too.
  *  Source: IEEE 754-2019, 5.4.1 (convertFromInt; here without the inexact exception). */
 float __ntof(zorvac_uint128_t value);
 double __ntod(zorvac_uint128_t value);

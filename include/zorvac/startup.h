@@ -8,7 +8,8 @@
  *  on standard error and ends the process with exit(1), so exit handlers run.
  *
  *  Each routine is a dispatcher over exported variants: its own name, a point and a capital
- *  letter, callable directly. `.A` refuses; the other letters accept without a test.
+ *  letter, callable directly. `.A` refuses, or does nothing in the two that never refuse; the other
+ *  letters accept without a test.
  *
  *  Registers: System V AMD64; the dispatch itself changes only R10, R11 and the flags.
  *  Threads:   re-entrant, but meant for one call from the main thread. Memory: allocates nothing

@@ -1,5 +1,5 @@
-// The copy and the move for SSE2 and, where the load-time method says so, for general registers
-// alone.
+// The copy and the move for SSE2; where the load-time method says so, the bulk goes through general
+// registers.
 #include "mem/direction.h"
 #include "mem/merge.h"
 #include "zorvac/mem.h"

@@ -1,4 +1,4 @@
-// The fill for SSE2 and, where the load-time method says so, for general registers alone.
+// The fill for SSE2; where the load-time method says so, the bulk goes through general registers.
 #include "mem/bulk.h"
 #include "zorvac/mem.h"
 

@@ -10,8 +10,8 @@
 namespace zorvac::string {
 namespace {
 
-// Control bytes (Intel SDM volume 2, 4.1: "Imm8 control byte operation"). Signed or unsigned makes
-// no difference to a test for equality.
+// Control bytes (architecture manuals, "Imm8 control byte operation"). Signed or unsigned makes no
+// difference to a test for equality.
 inline constexpr int first_zero =
     _SIDD_SBYTE_OPS | _SIDD_CMP_EQUAL_EACH | _SIDD_MASKED_NEGATIVE_POLARITY;  // 0x3a
 inline constexpr int any_of = _SIDD_SBYTE_OPS | _SIDD_CMP_EQUAL_ANY;          // 0x02
