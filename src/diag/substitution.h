@@ -5,7 +5,8 @@
 // The print routine takes the finished message once more as a format, and ends the process when the
 // message does not fit its buffer. Variables of some languages have per-cent signs in their names
 // ("point%next"), and the names of others run to thousands of characters; a report must survive
-// both. So per-cent signs are doubled here, and what is beyond `Bytes` is left out.
+// both. So a per-cent sign that stands alone is doubled here, and what is beyond `Bytes` is left
+// out. Two of them are a format's way to write one, and stay what they are.
 #include <cstddef>
 
 namespace zorvac::diag {
@@ -18,9 +19,12 @@ class substitution {
     if (text == nullptr) text = "(null)";
     std::size_t used = 0;
     for (std::size_t i = 0; i < limit && text[i] != '\0'; ++i) {
-      const std::size_t copies = text[i] == '%' ? 2 : 1;
-      if (used + copies > Bytes) break;
-      for (std::size_t copy = 0; copy < copies; ++copy) text_[used++] = text[i];
+      const bool per_cent = text[i] == '%';
+      if (used + (per_cent ? 2 : 1) > Bytes) break;
+      text_[used++] = text[i];
+      if (!per_cent) continue;
+      text_[used++] = '%';
+      if (i + 1 < limit && text[i + 1] == '%') ++i;  // the sign is doubled already
     }
   }
   [[nodiscard]] const char* c_str() const { return text_; }
