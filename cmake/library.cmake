@@ -3,14 +3,16 @@
 
 # How our own code is compiled. Calls between exported routines must stay replaceable by a program's
 # own definitions: g++ sees to that in position-independent code, clang only when told. No C++
-# run-time library and no unwinder may creep in, and no multiply and add may be fused.
+# run-time library and no unwinder may creep in, and no multiply and add may be fused. g++ would
+# make one of two exported routines of the same code a jump into the other.
 add_library(zorvac_code INTERFACE)
 target_include_directories(zorvac_code INTERFACE ${PROJECT_SOURCE_DIR}/src
                                                  ${PROJECT_SOURCE_DIR}/include)
 target_compile_options(zorvac_code INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
   $<$<COMPILE_LANGUAGE:CXX>:-fvisibility=hidden -fsemantic-interposition -fno-plt>
-  $<$<COMPILE_LANGUAGE:CXX>:-ffp-contract=off>)
+  $<$<COMPILE_LANGUAGE:CXX>:-ffp-contract=off>
+  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-ipa-icf>)
 target_link_libraries(zorvac_code INTERFACE zorvac_warnings)
 if(ZORVAC_COVERAGE)
   target_compile_options(zorvac_code INTERFACE $<$<COMPILE_LANGUAGE:CXX>:--coverage>)
