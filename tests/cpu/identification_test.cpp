@@ -138,29 +138,23 @@ TEST(Identification, IsWhatTheTablesSayOnRandomProcessors) {
   for (const auto& [value, times] : met) EXPECT_GT(times, 50) << std::hex << value;
 }
 
-// Each routine stores its own words, whole, and no register changes.
+// The routines store their words whole, and change no register.
 TEST(Identification, OfTheProcessorAtHand) {
   const hardware_processor here;
   const std::uint64_t word = cpu::feature_word(here);
   const bool accepted = accepted_vendor.accepts(here.cpuid(0, 0));
-  const struct {
-    void (*routine)();
-    std::uint64_t indicator, indicator_x, class_;
-  } rows[] = {
-      {__zorva_cpu_features_init, accepted ? word : 1, accepted ? word : untouched, untouched},
-      {__zorva_cpu_features_init_x, untouched, word, untouched},
-      {__zorva_cpu_indicator_init, untouched, untouched, cpu::classify(here, accepted_vendor)},
-  };
-  for (const auto& row : rows) {
-    __zorva_cpu_feature_indicator = __zorva_cpu_feature_indicator_x = untouched;
-    __zorva_cpu_indicator = untouched;
+  __zorva_cpu_feature_indicator = __zorva_cpu_feature_indicator_x = untouched;
+  const auto expect = [&](void (*routine)(), std::uint64_t checked, std::uint64_t x) {
     const register_file before = filled_registers(1);
-    const register_file after = call_with_registers(row.routine, before);
+    const register_file after = call_with_registers(routine, before);
     EXPECT_EQ(changed_registers(before, after), std::vector<std::string>{});
-    EXPECT_EQ(__zorva_cpu_feature_indicator, row.indicator);
-    EXPECT_EQ(__zorva_cpu_feature_indicator_x, row.indicator_x);
-    EXPECT_EQ(__zorva_cpu_indicator, row.class_);
-  }
+    EXPECT_EQ(__zorva_cpu_feature_indicator, checked);
+    EXPECT_EQ(__zorva_cpu_feature_indicator_x, x);
+  };
+  expect(__zorva_cpu_indicator_init, untouched, untouched);
+  expect(__zorva_cpu_features_init_x, untouched, word);
+  expect(__zorva_cpu_features_init, accepted ? word : 1, word);
+  EXPECT_EQ(__zorva_cpu_indicator, cpu::classify(here, accepted_vendor));
 }
 
 TEST(DispatchFail, EndsTheProcessByAMemoryFault) {
