@@ -157,7 +157,8 @@ TEST(Caches, DescriptorsAreThePublishedOnes) {
 // What the initialiser left when this program was loaded, and the query, which detects where
 // nothing is known, but not for a level that there is not.
 TEST(Caches, OfTheProcessorAtHand) {
-  EXPECT_EQ(__libvrt_data_cache_size, static_cast<std::int32_t>(__cacheSize(1) * 1024));
+  const std::uint32_t bytes = __libvrt_cache_tbl.level(1).size_kb * 1024;
+  EXPECT_EQ(__libvrt_data_cache_size, static_cast<std::int32_t>(bytes));
   EXPECT_EQ(__libvrt_tmp, __libvrt_mem_ops_method);
   for (const std::uint32_t level : {0u, 4u, ~0u, 1u, 2u, 3u}) {
     const cpu::cache_table loaded = std::exchange(__libvrt_cache_tbl, {});

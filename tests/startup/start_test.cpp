@@ -108,7 +108,7 @@ TEST(Letters, SetTheModesOrRefuse) {
 // ---- Features that are asked for by a mask ----
 
 TEST(FeatureMask, SetsTheModesWhereAllIsPresent) {
-  for (const std::uint64_t indicator : {0x7f, 0x5f}) {  // without SSE there is no MXCSR to set
+  for (const std::uint64_t indicator : {0x7fu, 0x5fu}) {  // without SSE there is no MXCSR to set
     __zorva_cpu_feature_indicator = indicator;
     for (const std::uint64_t required : {indicator, indicator & ~std::uint64_t{1}})
       expect_modes([&](int flags) { __zorva_new_feature_proc_init(flags, required); },
