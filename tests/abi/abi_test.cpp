@@ -16,37 +16,30 @@
 
 namespace {
 
-struct elf_file {
-  int file;
-  Elf* elf;
-  explicit elf_file(const std::string& path) : file(open(path.c_str(), O_RDONLY)) {
-    elf_version(EV_CURRENT);
-    elf = elf_begin(file, ELF_C_READ, nullptr);
-    if (elf_kind(elf) != ELF_K_ELF) throw std::runtime_error(path);
+using section_body = std::function<void(Elf*, const GElf_Shdr&, Elf_Data*)>;
+void each_section(const std::string& path, std::uint32_t type, const section_body& body) {
+  elf_version(EV_CURRENT);
+  const int file = open(path.c_str(), O_RDONLY);
+  Elf* const elf = elf_begin(file, ELF_C_READ, nullptr);
+  EXPECT_EQ(elf_kind(elf), ELF_K_ELF) << path;
+  for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf, section)) != nullptr;) {
+    GElf_Shdr header;
+    if (gelf_getshdr(section, &header)->sh_type == type)
+      body(elf, header, elf_getdata(section, nullptr));
   }
-  ~elf_file() { elf_end(elf), close(file); }
-  elf_file(const elf_file&) = delete;
-  elf_file& operator=(const elf_file&) = delete;
-
-  using section_body = std::function<void(const GElf_Shdr&, Elf_Data*)>;
-  void each_section(std::uint32_t type, const section_body& body) const {
-    for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf, section)) != nullptr;) {
-      GElf_Shdr header;
-      if (gelf_getshdr(section, &header)->sh_type == type)
-        body(header, elf_getdata(section, nullptr));
-    }
-  }
-  // What a symbol table (SHT_SYMTAB, SHT_DYNSYM) defines.
-  using symbol_body = std::function<void(const GElf_Sym&, const std::string&)>;
-  void each_definition(std::uint32_t table, const symbol_body& body) const {
-    each_section(table, [&](const GElf_Shdr& header, Elf_Data* data) {
-      GElf_Sym symbol;
-      for (int i = 1; gelf_getsym(data, i, &symbol) != nullptr; ++i)
-        if (symbol.st_shndx != SHN_UNDEF)
-          body(symbol, elf_strptr(elf, header.sh_link, symbol.st_name));
-    });
-  }
-};
+  elf_end(elf);
+  close(file);
+}
+// What a symbol table (SHT_SYMTAB, SHT_DYNSYM) defines.
+using symbol_body = std::function<void(const GElf_Sym&, const std::string&)>;
+void each_definition(const std::string& path, std::uint32_t table, const symbol_body& body) {
+  each_section(path, table, [&](Elf* elf, const GElf_Shdr& header, Elf_Data* data) {
+    GElf_Sym symbol;
+    for (int i = 1; gelf_getsym(data, i, &symbol) != nullptr; ++i)
+      if (symbol.st_shndx != SHN_UNDEF)
+        body(symbol, elf_strptr(elf, header.sh_link, symbol.st_name));
+  });
+}
 
 TEST(Exports, AreTheListedNamesAndNoOthers) {
   std::set<std::string> listed, exported;  // "function NAME" or "data NAME BYTES"
@@ -58,7 +51,7 @@ TEST(Exports, AreTheListedNamesAndNoOthers) {
     if (entry.empty() || entry[0] == '#') continue;
     EXPECT_TRUE(listed.insert(entry).second) << entry << " is listed twice";
   }
-  elf_file(LIBRARY).each_definition(SHT_DYNSYM, [&](const GElf_Sym& s, const std::string& name) {
+  each_definition(LIBRARY, SHT_DYNSYM, [&](const GElf_Sym& s, const std::string& name) {
     EXPECT_EQ(GELF_ST_BIND(s.st_info), STB_GLOBAL) << name;
     exported.insert(GELF_ST_TYPE(s.st_info) == STT_OBJECT
                         ? "data " + name + ' ' + std::to_string(s.st_size)
@@ -68,28 +61,27 @@ TEST(Exports, AreTheListedNamesAndNoOthers) {
 }
 
 TEST(Linkage, NeedsTheCLibraryAloneAndIsBoundAtLoad) {
-  const elf_file library(LIBRARY);
   std::map<std::int64_t, std::string> tags;  // in the end, the texts or values of each
-  library.each_section(SHT_DYNAMIC, [&](const GElf_Shdr& header, Elf_Data* data) {
+  int stacks = 0;
+  each_section(LIBRARY, SHT_DYNAMIC, [&](Elf* elf, const GElf_Shdr& header, Elf_Data* data) {
     GElf_Dyn entry;
     for (int i = 0; gelf_getdyn(data, i, &entry) != nullptr; ++i) {
       const bool is_text = entry.d_tag == DT_NEEDED || entry.d_tag == DT_SONAME;
-      tags[entry.d_tag] += is_text ? elf_strptr(library.elf, header.sh_link, entry.d_un.d_val)
+      tags[entry.d_tag] += is_text ? elf_strptr(elf, header.sh_link, entry.d_un.d_val)
                                    : std::to_string(entry.d_un.d_val);
     }
+    GElf_Phdr segment;
+    for (int i = 0; gelf_getphdr(elf, i, &segment) != nullptr; ++i) {
+      EXPECT_NE(segment.p_flags & (PF_W | PF_X), PF_W | PF_X) << "segment " << i;
+      stacks += segment.p_type == PT_GNU_STACK;
+    }
   });
+  EXPECT_EQ(stacks, 1);  // without one, the stack would be executable
   EXPECT_EQ(tags[DT_SONAME], "libzorvac.so.5");
   EXPECT_EQ(tags[DT_NEEDED], "libc.so.6");
   EXPECT_EQ(tags[DT_FLAGS], std::to_string(DF_BIND_NOW));  // neither symbolic nor relocated text
   for (const int unwanted : {DT_SYMBOLIC, DT_TEXTREL, DT_RPATH, DT_RUNPATH})
     EXPECT_FALSE(tags.contains(unwanted)) << unwanted;
-  GElf_Phdr header;
-  int stacks = 0;
-  for (int i = 0; gelf_getphdr(library.elf, i, &header) != nullptr; ++i) {
-    EXPECT_NE(header.p_flags & (PF_W | PF_X), PF_W | PF_X) << "segment " << i;
-    stacks += header.p_type == PT_GNU_STACK;
-  }
-  EXPECT_EQ(stacks, 1);  // without one, the stack would be executable
 }
 
 // The instructions of a file past plain x86-64 with SSE2, and how often each stands there. Not
@@ -103,7 +95,7 @@ counts past_baseline(const std::string& path) {
   ZydisDecoder decoder;
   ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
   counts found;
-  elf_file(path).each_section(SHT_PROGBITS, [&](const GElf_Shdr& header, Elf_Data* data) {
+  each_section(path, SHT_PROGBITS, [&](Elf*, const GElf_Shdr& header, Elf_Data* data) {
     if ((header.sh_flags & SHF_EXECINSTR) == 0) return;
     const auto* code = static_cast<const unsigned char*>(data->d_buf);
     ZydisDecodedInstruction i;
@@ -129,7 +121,7 @@ TEST(Instructions, PastTheBaselineStandOnlyInSourcesThatMayHaveThem) {
     const counts found = past_baseline(path);
     EXPECT_EQ(!found.empty(), extended) << path << ' ' << testing::PrintToString(found);
     for (const auto& [name, times] : found) permitted[name] += times;
-    elf_file(path).each_definition(SHT_SYMTAB, [&](const GElf_Sym& s, const std::string& name) {
+    each_definition(path, SHT_SYMTAB, [&](const GElf_Sym& s, const std::string& name) {
       const auto binding = GELF_ST_BIND(s.st_info);
       EXPECT_TRUE(!extended || binding == STB_LOCAL || binding == STB_GLOBAL) << path << name;
     });
