@@ -1,8 +1,9 @@
-// Cache discovery over made-up processors, and the values derived for the block workers.
+// Cache discovery and the values derived from it, over made-up processors: a row a processor.
 #include <gtest/gtest.h>
 
 #include <array>
-#include <sstream>
+#include <bit>
+#include <optional>
 
 #include "cpu/fast_mem_ops.h"
 #include "support/fake_processor.h"
@@ -13,267 +14,160 @@ namespace {
 
 using namespace zorvac;
 using namespace zorvac::test;
-using cpu::cache_record;
 
 constexpr vendor_rule own{"GenuineZorva"}, any{"any"};
-constexpr cache_record none{}, usual{32, 64, 1, 8};
+constexpr std::uint32_t mmx = 1 << 23, sse2 = 1 << 26;
+constexpr std::int32_t mb = 1 << 20;
+
+using registers = std::array<std::uint32_t, 4>;  // EAX, EBX, ECX, EDX
 
 // A sub-leaf of CPUID leaf 4. Counts are those of the cache; the encoding stores them less one.
 constexpr std::uint32_t data = 1, instruction = 2, unified = 3;
-cpuid_answer cache(std::uint32_t type, std::uint32_t level, std::uint32_t ways,
-                   std::uint32_t partitions, std::uint32_t line_bytes, std::uint32_t sets) {
-  return {.eax = type | level << 5 | 0xfc000000,
-          .ebx = (ways - 1) << 22 | (partitions - 1) << 12 | (line_bytes - 1),
-          .ecx = sets - 1,
-          .edx = 0};
+constexpr registers cache(std::uint32_t type, std::uint32_t level, std::uint32_t ways,
+                          std::uint32_t partitions, std::uint32_t line_bytes, std::uint32_t sets) {
+  return {type | level << 5 | 0xfc000000,
+          (ways - 1) << 22 | (partitions - 1) << 12 | (line_bytes - 1), sets - 1};
 }
-const cpuid_answer usual_data = cache(data, 1, 8, 1, 64, 64);
-cpuid_answer words(std::uint32_t eax, std::uint32_t ebx = 0, std::uint32_t ecx = 0,
-                   std::uint32_t edx = 0) {
-  return {eax, ebx, ecx, edx};
-}
+constexpr registers usual = cache(data, 1, 8, 1, 64, 64),
+                    second = cache(unified, 2, 8, 2, 128, 512),
+                    third = cache(unified, 3, 16, 1, 64, 8192);
 
-// A processor of family 6 of the own vendor with many leaves, unless `answers` say otherwise.
-cpu::cache_table caches_of(const cpuid_answers& answers, const vendor_rule& rule = own) {
-  fake_processor p{.answers = answers};
-  p.answers.try_emplace({0, 0}, vendor_leaf(0xb, own_vendor));
-  p.answers.try_emplace({1, 0}, words(0x6f0));
-  cpu::cache_table table{};
-  cpu::detect_caches(p, rule, table);
-  EXPECT_EQ(table.computed, 1u);
-  EXPECT_EQ(table.unused, 0u);
-  return table;
-}
-void expect_levels(cpu::cache_table table, cache_record level_1, cache_record level_2 = none,
-                   cache_record level_3 = none) {
-  const auto fields = [](const cache_record& r) {
-    return std::array{r.size_kb, r.line_bytes, r.lines_per_sector, r.ways};
-  };
-  EXPECT_EQ(fields(table.level(1)), fields(level_1));
-  EXPECT_EQ(fields(table.level(2)), fields(level_2));
-  EXPECT_EQ(fields(table.level(3)), fields(level_3));
-}
-
-struct found {
-  const char* name;
-  cpuid_answers answers;
-  cache_record level_1 = none, level_2 = none, level_3 = none;
+struct machine {
+  std::uint32_t maximum_leaf = 0xb;
+  const char* vendor = own_vendor;
+  std::uint32_t edx = 0, signature = 0x664;  // of leaf 1
+  const vendor_rule& rule = own;
+  std::uint32_t extended_maximum = 0x80000020;
 };
-const found cases[] = {
-    // clang-format off
-    {"Leaf4",
-     {{{4, 0}, usual_data},
-      {{4, 1}, cache(instruction, 1, 4, 1, 64, 256)},
-      {{4, 2}, cache(unified, 2, 8, 2, 128, 512)},
-      {{4, 3}, cache(unified, 3, 16, 1, 64, 8192)}},
-     usual, {1024, 128, 2, 8}, {8192, 64, 1, 16}},
-    {"Leaf4LaterCacheOfALevelWins",
-     {{{4, 0}, usual_data}, {{4, 1}, cache(unified, 1, 4, 1, 32, 128)}},
-     {16, 32, 1, 4}},
-    {"Leaf4StopsAtTheFirstEmptySubleaf",
-     {{{4, 0}, usual_data}, {{4, 2}, cache(unified, 2, 8, 1, 64, 512)}},
-     usual},
-    {"Leaf4ReadsEightSubleaves",
-     {{{4, 0}, usual_data}, {{4, 1}, usual_data}, {{4, 2}, usual_data}, {{4, 3}, usual_data},
-      {{4, 4}, usual_data}, {{4, 5}, usual_data}, {{4, 6}, usual_data},
-      {{4, 7}, cache(data, 1, 1, 1, 64, 128)}, {{4, 8}, usual_data}},
-     {8, 64, 1, 1}},
-    {"Leaf4LevelsWithoutARecordAreIgnored",
-     {{{4, 0}, cache(unified, 0, 8, 1, 64, 64)}, {{4, 1}, cache(unified, 4, 8, 1, 64, 64)},
-      {{4, 2}, cache(unified, 7, 8, 1, 64, 64)}, {{4, 3}, usual_data}},
-     usual},
-    {"Leaf4TypesAboveThreeAreIgnored",
-     {{{4, 0}, usual_data}, {{4, 1}, cache(5, 2, 8, 1, 64, 512)},
-      {{4, 2}, cache(0x13, 3, 8, 1, 64, 512)}},
-     usual},
-    {"Leaf4SpeaksLast",  // of level 1; leaf 2 is not consulted, nor for the other levels
-     {{{4, 0}, usual_data}, {{2, 0}, words(0x00007d01)}},
-     usual},
-    {"Leaf4WithoutLevel1LeavesTheRestToLeaf2",
-     {{{4, 0}, cache(unified, 3, 16, 1, 64, 8192)}, {{2, 0}, words(0x007d2c01)}},
-     usual, {2048, 64, 2, 8}, {8192, 64, 1, 16}},
-    {"Leaf2EveryRegisterFromItsLowestByte",  // two level 2 entries: the later byte wins
-     {{{0, 0}, vendor_leaf(3, own_vendor)},
-      {{2, 0}, words(0x00000001, 0x0000002c, 0x7a417e00, 0x4c000000)}},
-     usual, {256, 64, 2, 8}, {12228, 64, 1, 12}},
-    {"Leaf2RegistersWithBit31AreSkipped",
-     {{{2, 0}, words(0x80002c01, 0x00000060, 0x80007d00, 0x0000004d)}},
-     {16, 64, 1, 8}, none, {16384, 64, 1, 16}},
-    {"Leaf2DescriptorFfClearsAll",
-     {{{4, 0}, cache(unified, 3, 16, 1, 64, 8192)},
-      {{2, 0}, words(0x007d2c01, 0x0000ff00, 0x00000060)}}},
-    {"Leaf2WithACountOfZero", {{{2, 0}, words(0x007d2c00)}}},
-    {"Leaf2NotReachedBelowLeaf2",
-     {{{0, 0}, vendor_leaf(1, own_vendor)}, {{2, 0}, words(0x007d2c01)}, {{4, 0}, usual_data}}},
-    {"OtherVendor", {{{0, 0}, vendor_leaf(0xb, foreign_vendor)}, {{4, 0}, usual_data}}},
-    {"OwnVendorIgnoresTheExtendedCacheLeaf",
-     {{{0x80000000, 0}, words(0x80000020)}, {{0x8000001d, 0}, usual_data}}},
-    // clang-format on
+using levels = std::array<std::uint32_t, 12>;  // KB, line bytes, lines per sector, ways of each
+using thresholds = std::array<std::int32_t, 6>;
+struct row {
+  const char* what;
+  machine m;
+  std::map<std::uint32_t, std::vector<registers>> leaves;  // by sub-leaf; leaf 2 by execution
+  levels caches = {};
+  std::optional<thresholds> derived = {};
 };
-TEST(Caches, AreFound) {
-  for (const found& f : cases) {
-    SCOPED_TRACE(f.name);
-    expect_levels(caches_of(f.answers), f.level_1, f.level_2, f.level_3);
-  }
-}
 
-TEST(Caches, AreUnknownWithoutCpuid) {
-  const fake_processor p{.answers = {{{0, 0}, vendor_leaf(0xb, own_vendor)}, {{4, 0}, usual_data}},
-                         .cpuid_exists = false};
-  cpu::cache_table table{};
-  cpu::detect_caches(p, own, table);
-  EXPECT_EQ(table.computed, 1u);
-  expect_levels(table, none);
-}
-
-// Level 3 on family 15, model 6: the extended model counts, and of the extended family its upper
-// four bits.
-TEST(CacheDescriptors, LevelOf49DependsOnTheModel) {
-  const std::pair<std::uint32_t, int> levels[] = {
-      {0x6f0, 2}, {0xf64, 3}, {0x10f64, 2}, {0x1000f64, 2}, {0xf00f64, 3}};
-  for (const auto& [signature, level] : levels) {
-    const cache_record found{4096, 64, 1, 16};
-    expect_levels(caches_of({{{1, 0}, words(signature)}, {{2, 0}, words(0x00492c01)}}), usual,
-                  level == 2 ? found : none, level == 3 ? found : none);
-  }
-}
-
-// Answers differently at every execution of leaf 2.
-struct many_answers : fake_processor {
+struct row_processor : fake_processor {
   mutable std::uint32_t executions = 0;
-  std::uint32_t wanted = 0;
-  [[nodiscard]] cpuid_answer cpuid(std::uint32_t leaf, std::uint32_t subleaf) const {
-    if (leaf != 2) return fake_processor::cpuid(leaf, subleaf);
-    // Level 1 caches of 8, 16, 32, 64 KB (0x66 to 0x69), then one of 24 KB.
-    const std::uint32_t code = executions < 4 ? 0x66 + executions : 0x0e;
-    ++executions;
-    return {.eax = code << 8 | wanted, .ebx = 0, .ecx = 0, .edx = 0};
+  explicit row_processor(const row& r) {
+    leaf(0) = vendor_leaf(r.m.maximum_leaf, r.m.vendor);
+    leaf(1) = {.eax = r.m.signature, .ebx = 0, .ecx = 0, .edx = r.m.edx};
+    leaf(0x80000000).eax = r.m.extended_maximum;
+    leaf(0x80000006).ecx = 512 << 16 | 0x140;
+    for (const auto& [number, list] : r.leaves)
+      for (std::uint32_t i = 0; i < list.size(); ++i)
+        leaf(number, i) = std::bit_cast<cpuid_answer>(list[i]);
+  }
+  [[nodiscard]] cpuid_answer cpuid(std::uint32_t number, std::uint32_t subleaf) const {
+    return fake_processor::cpuid(number, number == 2 ? executions++ : subleaf);
   }
 };
-TEST(CacheDescriptors, LeafIsExecutedAsOftenAsItSaysButFourTimesAtMost) {
-  const std::pair<std::uint32_t, std::uint32_t> size_by_count[] = {{1, 8},  {2, 16}, {3, 32},
-                                                                   {4, 64}, {5, 64}, {9, 64}};
-  for (const auto& [count, size_kb] : size_by_count) {
-    many_answers p;
-    p.leaf(0) = vendor_leaf(2, own_vendor);
-    p.wanted = count;
-    cpu::cache_table table{};
-    cpu::detect_caches(p, own, table);
-    EXPECT_EQ(table.level(1).size_kb, size_kb) << count;
-    EXPECT_EQ(p.executions, count < 4 ? count : 4) << count;
-  }
-}
 
-// The 256 entries as makers publish them, but for the size of 0x4c, which callers know as 12228:
-// by the FNV-1a hash of "code level/size/ways/line/lines per sector;" in decimal, of each in turn.
-TEST(CacheDescriptors, TableIsThePublishedOne) {
-  int caches = 0;
-  std::string text;
-  for (int code = 0; code < 256; ++code) {
-    const cpu::packed_descriptor& d = cpu::cpuid2_cache_tbl.entry[code];
-    EXPECT_EQ(d.level() == 0, d.geometry == 0 && d.size_kb == 0);
-    if (d.level() == 0) continue;
-    ++caches;
-    std::ostringstream line;
-    const cache_record r = d.record();
-    line << code << ' ' << d.level() << '/' << r.size_kb << '/' << r.ways << '/' << r.line_bytes
-         << '/' << r.lines_per_sector << ';';
-    text += line.str();
-  }
-  EXPECT_EQ(caches, 76);
-  EXPECT_EQ(fnv_1a(text), 0x42b1'7f85'7198'28aau);
-}
-
-TEST(AnyVendor, TakesTheExtendedCacheLeafWhereLeaf4IsEmpty) {
-  cpuid_answers answers = {{{0, 0}, vendor_leaf(0x10, second_vendor)},
-                           {{1, 0}, words(0, 0, 0, 1 << 26 | 1 << 23)},
-                           {{0x80000000, 0}, words(0x8000001d)},
-                           {{0x8000001d, 0}, usual_data},
-                           {{0x8000001d, 1}, cache(instruction, 1, 8, 1, 64, 64)},
-                           {{0x8000001d, 2}, cache(unified, 2, 8, 1, 64, 2048)}};
-  cpu::cache_table table = caches_of(answers, any);
-  expect_levels(table, usual, {1024, 64, 1, 8});
-  const auto t = cpu::derive_thresholds(fake_processor{.answers = answers}, table);
-  EXPECT_EQ(t.mem_ops_method, 2);  // not the second vendor's rule
-  EXPECT_EQ(t.largest_cache_size, 1024 * 1024);
-
-  answers[{4, 0}] = cache(data, 1, 4, 1, 64, 64);
-  expect_levels(caches_of(answers, any), {16, 64, 1, 4});
-  answers[{4, 0}] = {};
-  answers[{0x80000000, 0}] = words(0x8000001c);
-  expect_levels(caches_of(answers, any), none);
-}
-
-struct thresholds {
-  const char* name;
-  const char* vendor;
-  std::uint32_t maximum_leaf, leaf1_edx;
-  std::uint32_t kb[3];         // of the three levels, 64-byte lines, one (level 2: two) a sector
-  std::uint32_t extended_max;  // of leaf 0x80000000
-  std::array<std::int32_t, 6> expected;
-};
-constexpr std::uint32_t mmx = 1 << 23, sse2 = 1 << 26;
-constexpr std::int32_t kb = 1024, mb = 1024 * 1024;
-const thresholds derived[] = {
+constexpr levels x49_level_2 = {32, 64, 1, 8, 4096, 64, 1, 16},
+                 x49_level_3 = {32, 64, 1, 8, 0, 0, 0, 0, 4096, 64, 1, 16};
+const row rows[] = {
     // clang-format off
-    {"LargestIsLevel3", own_vendor, 4, sse2 | mmx, {32, 256, 8192}, 0,
-     {8 * mb, 4 * mb, 32 * kb, 16 * kb, 64, 2}},
-    {"LargestIsLevel2", own_vendor, 4, sse2, {32, 2048, 2048}, 0,  // strictly larger only
-     {2 * mb, mb, 32 * kb, 16 * kb, 128, 2}},
-    {"LargestIsLevel1", own_vendor, 4, mmx, {64, 64, 0}, 0,
-     {64 * kb, 32 * kb, 64 * kb, 32 * kb, 64, 1}},
-    {"NothingKnown", own_vendor, 4, 0, {0, 0, 0}, 0, {}},
-    {"OddSizeIsHalved", own_vendor, 4, sse2, {0, 0, 3}, 0, {3 * kb, 1536, 0, 0, 64, 2}},
-    {"MethodNeedsLeaf1", own_vendor, 0, sse2 | mmx, {0, 0, 0}, 0, {}},
-    {"SecondVendor", second_vendor, 4, sse2 | mmx, {0, 0, 0}, 0x80000008,
-     {512 * kb, 256 * kb, 0, 0, 0, 1}},
-    {"SecondVendorWithoutMmx", second_vendor, 4, sse2, {0, 0, 0}, 0x80000006,
-     {512 * kb, 256 * kb, 0, 0, 0, 0}},
-    {"SecondVendorWithoutTheLeaf", second_vendor, 4, mmx, {0, 0, 0}, 0x80000005,
-     {0, 0, 0, 0, 0, 1}},
-    {"OtherVendor", foreign_vendor, 4, sse2 | mmx, {0, 0, 0}, 0x80000008, {}},
+    {"leaf 4: the later cache of a level, data and unified caches only, eight sub-leaves",
+     {.edx = sse2 | mmx},
+     {{4, {usual, second, third, cache(unified, 1, 4, 1, 32, 9), cache(instruction, 1, 4, 1, 9, 8),
+           cache(5, 2, 8, 1, 64, 9), cache(19, 3, 8, 1, 64, 9), cache(data, 1, 1, 1, 64, 128),
+           usual}},
+      {2, {{0x7d01}}}},
+     {8, 64, 1, 1, 1024, 128, 2, 8, 8192, 64, 1, 16},
+     thresholds{8 * mb, 4 * mb, 8192, 4096, 64, 2}},
+    {"leaf 4: levels without a record, an empty sub-leaf", {.edx = mmx},
+     {{4, {cache(unified, 0, 8, 1, 64, 64), cache(unified, 4, 8, 1, 64, 64), usual, {}, second}},
+      {2, {{0x7d01}}}},
+     {32, 64, 1, 8}, thresholds{32768, 16384, 32768, 16384, 64, 1}},
+    {"leaf 4 without level 1, of equal sizes the first", {},
+     {{4, {cache(unified, 3, 8, 2, 64, 2048)}}, {2, {{0x452c01}}}},
+     {32, 64, 1, 8, 2048, 32, 1, 4, 2048, 64, 2, 8}, thresholds{2 * mb, mb, 32768, 16384, 32, 0}},
+    {"the line is all of its sector", {.edx = sse2}, {{4, {cache(data, 1, 8, 2, 64, 64)}}},
+     {64, 64, 2, 8}, thresholds{65536, 32768, 65536, 32768, 128, 2}},
+    {"leaf 2: every register from its lowest byte", {3},
+     {{2, {{1, 0x60, 0x7a417e00, 0x4c000000}}}, {4, {usual}}},
+     {16, 64, 1, 8, 256, 64, 2, 8, 12228, 64, 1, 12}},
+    {"leaf 2: registers with bit 31", {}, {{2, {{0x80002c01, 0x60, 0x80007d00, 0x4d}}}},
+     {16, 64, 1, 8, 0, 0, 0, 0, 16384, 64, 1, 16}},
+    {"leaf 2: descriptor 0xff", {}, {{2, {{0x7d2c01, 0xff00, 0x60}}}, {4, {third}}}},
+    {"leaf 2: three times", {}, {{2, {{0x6603}, {0x6700}, {0x6800}, {0x6900}}}}, {32, 64, 2, 4}},
+    {"leaf 2: four times at most", {}, {{2, {{0x6605}, {0x6700}, {0x6800}, {0x6900}, {0x0e00}}}},
+     {64, 64, 2, 4}},
+    {"leaf 2: not once, nor the extended leaf", {}, {{2, {{0x7d2c00}}}, {0x8000001d, {usual}}}},
+    {"no leaf 2", {1}, {{2, {{0x7d2c01}}}, {4, {usual}}}},
+    {"no leaf 1", {.maximum_leaf = 0, .edx = sse2 | mmx}, {}, {}, thresholds{}},
+    // Level 3 on family 15, model 6: of the extended family the upper four bits count.
+    {"0x49, family 6", {}, {{2, {{0x492c01}}}}, x49_level_2},
+    {"0x49, model 6", {.signature = 0xf64}, {{2, {{0x492c01}}}}, x49_level_3},
+    {"0x49, model 22", {.signature = 0x10f64}, {{2, {{0x492c01}}}}, x49_level_2},
+    {"0x49, family 30", {.signature = 0xf00f64}, {{2, {{0x492c01}}}}, x49_level_3},
+    {"0x49, family 31", {.signature = 0x1000f64}, {{2, {{0x492c01}}}}, x49_level_2},
+    {"other vendor", {4, foreign_vendor, sse2 | mmx}, {{4, {usual}}}, {}, thresholds{}},
+    {"second vendor", {4, second_vendor, sse2 | mmx}, {{4, {usual}}}, {},
+     thresholds{mb / 2, mb / 4, 0, 0, 0, 1}},
+    {"second vendor without MMX", {4, second_vendor, sse2, 0, own, 0x80000006}, {}, {},
+     thresholds{mb / 2, mb / 4, 0, 0, 0, 0}},
+    {"second vendor without the leaf", {4, second_vendor, mmx, 0, own, 0x80000005}, {}, {},
+     thresholds{0, 0, 0, 0, 0, 1}},
+    {"any vendor", {4, second_vendor, sse2 | mmx, 0, any, 0x8000001d},
+     {{0x8000001d, {usual, cache(instruction, 1, 4, 1, 64, 64), second}}},
+     {32, 64, 1, 8, 1024, 128, 2, 8}, thresholds{mb, mb / 2, 32768, 16384, 256, 2}},
+    {"any vendor, leaf 4 first", {4, second_vendor, 0, 0, any},
+     {{4, {usual}}, {0x8000001d, {second}}}, {32, 64, 1, 8}},
+    {"any vendor, no extended leaf", {4, second_vendor, 0, 0, any, 0x8000001c},
+     {{0x8000001d, {usual}}}},
     // clang-format on
 };
-TEST(Thresholds, AreDerived) {
-  for (const thresholds& t : derived) {
-    const fake_processor p{.answers = {{{0, 0}, vendor_leaf(t.maximum_leaf, t.vendor)},
-                                       {{1, 0}, words(0, 0, 0, t.leaf1_edx)},
-                                       {{0x80000000, 0}, words(t.extended_max)},
-                                       {{0x80000006, 0}, words(0, 0, 512u << 16 | 0x140)}}};
-    const bool accepted = t.vendor == own_vendor;
-    cpu::cache_table table{.vendor_accepted = accepted,
-                           .maximum_leaf = accepted ? t.maximum_leaf : 0,
-                           .unused = 0,
-                           .computed = 1,
-                           .levels = {}};
-    for (std::uint32_t level = 1; level <= 3; ++level)
-      if (t.kb[level - 1] != 0) table.level(level) = {t.kb[level - 1], 64, level == 2 ? 2u : 1u, 8};
-    const cpu::cache_thresholds got = cpu::derive_thresholds(p, table);
-    EXPECT_EQ((std::array{got.largest_cache_size, got.largest_cache_size_half, got.data_cache_size,
-                          got.data_cache_size_half, got.largest_cachelinesize, got.mem_ops_method}),
-              t.expected)
-        << t.name;
+void expect(const row& r, const row_processor& p, const levels& caches) {
+  struct {
+    cpu::cache_table table;
+    levels behind;  // where a level beyond the last would stand
+  } memory{};
+  cpu::detect_caches(p, r.m.rule, memory.table);
+  EXPECT_EQ(memory.table.computed, 1u);
+  EXPECT_EQ(memory.table.unused, 0u);
+  EXPECT_EQ(memory.behind, levels{});
+  EXPECT_EQ(std::bit_cast<levels>(memory.table.levels), caches) << r.what;
+  const auto derived = std::bit_cast<thresholds>(cpu::derive_thresholds(p, memory.table));
+  EXPECT_EQ(derived, p.cpuid_exists ? r.derived.value_or(derived) : thresholds{}) << r.what;
+}
+TEST(Caches, AreFoundAndThresholdsDerived) {
+  for (const row& r : rows) {
+    row_processor p(r);
+    expect(r, p, r.caches);
+    p.cpuid_exists = false;
+    expect(r, p, {});
   }
 }
 
-// On the processor at hand: what the initialiser left when this program was loaded.
-TEST(CacheSize, OtherLevelsAreZeroAndDetectNothing) {
-  const cpu::cache_table saved = __libvrt_cache_tbl;
-  __libvrt_cache_tbl = {};
-  EXPECT_EQ(__cacheSize(0), 0u);
-  EXPECT_EQ(__cacheSize(4), 0u);
-  EXPECT_EQ(__cacheSize(~0u), 0u);
-  EXPECT_EQ(__libvrt_cache_tbl.computed, 0u);
-  for (std::uint32_t level = 1; level <= 3; ++level)
-    EXPECT_EQ(__cacheSize(level), __libvrt_cache_tbl.level(level).size_kb);
-  EXPECT_EQ(__libvrt_cache_tbl.computed, 1u);
-  __libvrt_cache_tbl = saved;
+// All descriptors as makers publish them, but for the size of 0x4c, which callers know as 12228: by
+// the hash of the three levels that each leads to, as they lie in memory.
+TEST(Caches, DescriptorsAreThePublishedOnes) {
+  std::string all;
+  for (std::uint32_t code = 0; code < 256; ++code) {
+    cpu::cache_table table{};
+    cpu::detect_caches(row_processor({"", {}, {{2, {{code << 8 | 1}}}}}), own, table);
+    all.append(reinterpret_cast<const char*>(table.levels), sizeof table.levels);
+  }
+  EXPECT_EQ(fnv_1a(all), 0x5942'd941'0915'01ddu);
 }
 
-TEST(CacheSize, InitialiserRanAtLoad) {
-  EXPECT_EQ(__libvrt_cache_tbl.computed, 1u);
-  EXPECT_EQ(__libvrt_data_cache_size, static_cast<std::int32_t>(__cacheSize(1) * 1024));
+// What the initialiser left when this program was loaded, and the query, which detects where
+// nothing is known, but not for a level that there is not.
+TEST(Caches, OfTheProcessorAtHand) {
+  const std::uint32_t bytes = __libvrt_cache_tbl.level(1).size_kb * 1024;
+  EXPECT_EQ(__libvrt_data_cache_size, static_cast<std::int32_t>(bytes));
   EXPECT_EQ(__libvrt_tmp, __libvrt_mem_ops_method);
+  for (const std::uint32_t level : {0u, 4u, ~0u, 1u, 2u, 3u}) {
+    const cpu::cache_table loaded = std::exchange(__libvrt_cache_tbl, {});
+    const bool exists = level - 1 < 3;
+    EXPECT_EQ(loaded.computed, 1u);
+    EXPECT_EQ(__cacheSize(level), exists ? loaded.levels[level - 1].size_kb : 0);
+    EXPECT_EQ(__libvrt_cache_tbl.computed, exists ? 1u : 0u);
+    __libvrt_cache_tbl = loaded;
+  }
 }
 
 }  // namespace
