@@ -36,17 +36,15 @@ struct summation {
 };
 
 template <class E>
-constexpr bool is_complex = !std::is_floating_point_v<E>;
-template <class E>
-using part_of = std::conditional_t<sizeof(E) / (is_complex<E> ? 2 : 1) == 4, float, double>;
-
-template <class E>
 elements<E> random_elements(u64 count) {
   static std::mt19937_64 random;
-  std::uniform_real_distribution<part_of<E>> part(-1, 1);
+  std::uniform_real_distribution<float> part(-1, 1);
   elements<E> result(count);
-  for (u64 i = 0; i < count * sizeof(E) / sizeof(part_of<E>); ++i)
-    reinterpret_cast<part_of<E>*>(result.data())[i] = part(random);
+  for (E& x : result)
+    if constexpr (std::is_floating_point_v<E>)
+      x = E{part(random)} * part(random);
+    else
+      x = E(part(random), part(random)) * E(part(random), part(random)) / E(2);
   return result;
 }
 
@@ -61,9 +59,9 @@ struct problem {
   // What is not finite stays in its row or column of C, and no zero hides it. The NaN is the one
   // that processors make themselves, so that the bits of all are alike.
   void taint() {
-    a[m / 2 * k + k / 2] = E(static_cast<part_of<E>>(HUGE_VAL));
+    a[m / 2 * k + k / 2] = E(HUGE_VALF);
     b[(n - 1) * k + k / 2] = E{};
-    b[n / 2 * k + k - 1] = E(static_cast<part_of<E>>(-NAN));
+    b[n / 2 * k + k - 1] = E(-NAN);
   }
   // The product added to `c`, each element in the order that `order(i, j)` says.
   template <class Order>
@@ -74,11 +72,11 @@ struct problem {
   }
   // Each product and each sum is rounded by itself.
   static E product(const E& x, const E& y) {
-    if constexpr (is_complex<E>)
+    if constexpr (std::is_floating_point_v<E>)
+      return x * y;
+    else
       return E(x.real() * y.real() - x.imag() * y.imag(),
                x.real() * y.imag() + x.imag() * y.real());
-    else
-      return x * y;
   }
   [[nodiscard]] E sum(E element, const E* x, const E* y, const summation& order) const {
     const u64 blocks = k == 0 ? 0 : (k - 1) / order.block + 1;
@@ -145,19 +143,24 @@ elements<double> panels(const elements<double>& lanes, u64 k) {
   return p;
 }
 
-// An inner kernel, on packed operands. What it does not read need not be there.
-void expect_tiles(const char* kernel, const problem<double>& x, const u64* terms,
-                  const elements<double>& before, const elements<double>& onto) {
-  const elements<double> a = panels(x.a, x.k), b = panels(x.b, x.k);
-  const u64 strip_size = (x.k + 3) / 4 * 32;
-  const matrix<double> pa(a.size(), 1, a.size(), a), pb(b.size(), 1, b.size(), b);
-  const matrix<double> c(x.m, x.n, x.m + 1, before), strip(strip_size, 1, strip_size);
-  expect(kernel, c,
-         x.added(onto,
-                 [](u64, u64) {
-                   return summation{112, true};
-                 }),
-         &x.m, &x.n, terms, pa.data(), pb.data(), nullptr, c.data(), &c.ld, strip.data(), nullptr);
+// The copies of panels, and the inner kernels on them. What a kernel does not read need not be there.
+void expect_packed(const problem<double>& x, const std::string& copy_a, const matrix<double>& a,
+                   const std::string& copy_b, const matrix<double>& b) {
+  const elements<double> a_panels = panels(x.a, x.k), b_panels = panels(x.b, x.k);
+  const u64 m = x.m, k = x.k, n = x.n, padded = (k + 3) / 4 * 4;
+  const matrix<double> pa(a_panels.size(), 1, 0), pb(b_panels.size(), 1, 0);
+  expect(copy_a, pa, a_panels, m, k, a.data(), a.ld, pa.data());
+  expect(copy_b, pb, b_panels, k, n, b.data(), b.ld, pb.data());
+
+  if (m % 4 != 0 || n % 4 != 0 || k > 112) return;
+  const auto from_zero = [](u64, u64) { return summation{112, true}; };
+  const elements<double> once = x.added(elements<double>(m * n), from_zero);
+  const matrix<double> c(m, n, m + 1), strip(8 * padded, 1, 0);
+  expect("__zorva_dinnerz_roll_xk64w", c, once, &m, &n, &padded, pa.data(), pb.data(), nullptr,
+         c.data(), &c.ld, strip.data(), nullptr);
+  if (padded != 112) return;
+  expect("__zorva_dinner_xk64w", c, x.added(once, from_zero), &m, &n, nullptr, pa.data(), pb.data(),
+         nullptr, c.data(), &c.ld, strip.data(), nullptr);
 }
 
 // All routines of one type and storage.
@@ -200,18 +203,10 @@ void expect_products(const std::string& type, const problem<E>& x, bool ta, bool
       no_memory = true;
       check(name + "_XK64w", none, product, memory, m, n, k, lda, ldb, ldc);
       no_memory = false;
-      const u64 rows = ta ? k : m, columns = ta ? m : k, padded = (k + 3) / 4 * 4;
+      const u64 rows = ta ? k : m, columns = ta ? m : k;
       if (n == 1) check("MATMUL_v_" + a + b + "_pst", none, product, 0, rows, columns, lda, ldb);
-      if (m % 4 != 0 || n % 4 != 0 || k > 112) continue;
-      expect_tiles("__zorva_dinnerz_roll_xk64w", x, &padded, none, zeros);
-      if (padded == 112) expect_tiles("__zorva_dinner_xk64w", x, nullptr, x.onto, x.onto);
+      expect_packed(x, "__zorva_dgcopya" + a + "_xk64w", sa, "__zorva_dgcopyb" + b + "_psc", sb);
     }
-  }
-  if constexpr (is_r8) {
-    const elements<double> a_panels = panels(x.a, k), b_panels = panels(x.b, k);
-    const matrix<E> pa(a_panels.size(), 1, 0), pb(b_panels.size(), 1, 0);
-    expect("__zorva_dgcopya" + a + "_xk64w", pa, a_panels, m, k, sa.data(), lda, pa.data());
-    expect("__zorva_dgcopyb" + b + "_psc", pb, b_panels, k, n, sb.data(), ldb, pb.data());
   }
 }
 
