@@ -143,9 +143,9 @@ TEST(Reduction, JudgesItsCodes) {
       const u32 type = i < 32 ? i : i << 26 | 6;
       if (op != 0 && op <= last_operator(type)) continue;
       SCOPED_TRACE(testing::Message() << type << ' ' << op);
-      EXPECT_EQ(outcome_of(__zorva_reduction_init_array, op == 0 ? 0x1fe : op % 2, op, type),
+      EXPECT_EQ(outcome_of(__zorva_reduction_init_array, op == 0 ? 0x1fe : i % 2, op, type),
                 type == 1 && op == 0 ? filled : aborted);
-      EXPECT_EQ(outcome_of(__zorva_simd_reduction_final_array, "12345678", op % 2, 1, 1, op, type),
+      EXPECT_EQ(outcome_of(__zorva_simd_reduction_final_array, "12345678", i % 2, 1, 1, op, type),
                 last_operator(type) == 13 ? unchanged : aborted);
     }
 }
