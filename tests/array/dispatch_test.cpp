@@ -28,15 +28,16 @@ void zorvac_test_note(const u64* call) {
   words w(call + 1, call + 11);
   std::copy_n(call + 8, 4, &w[6]);
   if (name.find("dinner") != name.npos) {  // takes its scalars by address
-    for (const u64 i : {0, 1, 2, 5, 7, 9}) w[i] = *reinterpret_cast<const u64*>(w[i]);
+    for (const u64 i : {0u, 1u, 2u, 5u, 7u, 9u}) w[i] = *reinterpret_cast<const u64*>(w[i]);
     inner_block = w;
   }
   std::erase_if(w, [](u64 word) { return word >= address; });
   calls.emplace_back(name, w);
 }
 // Detection promises to change no register.
-[[gnu::no_caller_saved_registers, gnu::target("general-regs-only")]] void
-__zorva_cpu_features_init() {
+[[gnu::no_caller_saved_registers, gnu::target("general-regs-only")]] void detection() __asm__(
+    "__zorva_cpu_features_init");
+void detection() {
   ++detections;
   __zorva_cpu_feature_indicator = detected;
 }
@@ -88,11 +89,11 @@ TEST(BlockedKernel, TakesItsSteps) {
     const char a = storage[0], b = storage[1];
     const std::string name = std::string("_MATMUL_r8_") + a + '_' + b;
     steps expected;
-    for (const u64 w : {2000, 4})
-      for (const u64 terms : {3, 112, 112}) {
+    for (const u64 w : {2000u, 4u})
+      for (const u64 terms : {3u, 112u, 112u}) {
         const char* const inner = terms == 3 ? "nerz_roll_xk64w" : "ner_xk64w";
         expected.push_back({std::string("__zorva_dgcopyb") + b + "_psc", {terms, w, 8}});
-        for (const u64 h : {260, 260, 4}) {
+        for (const u64 h : {260u, 260u, 4u}) {
           expected.push_back({std::string("__zorva_dgcopya") + a + "_xk64w", {h, terms, 7}});
           expected.push_back(
               {std::string("__zorva_din") + inner, {h, w, terms == 3 ? 4 : terms, 112, 9, 0}});

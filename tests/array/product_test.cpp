@@ -219,9 +219,9 @@ void expect_type(const std::string& type) {
       {129, 129, 70}, {260, 112, 40}, {261, 113, 41}, {521, 41, 40},  {16, 337, 90},
       {20, 109, 36},  {300, 3, 90},   {3, 300, 300},  {1000, 1, 1},   {1, 1000, 1},
       {1, 1, 1000},   {130, 257, 1},  {34, 40, 2000}, {38, 39, 2001}, {36, 40, 4003}};
-  for (const u64 m : {0, 1, 2, 3, 4, 5, 8, 17, 31})
-    for (const u64 n : {0, 1, 2, 3, 4, 9})
-      for (const u64 k : {0, 1, 4, 9}) shapes.push_back({m, k, n});
+  for (const u64 m : {0u, 1u, 2u, 3u, 4u, 5u, 8u, 17u, 31u})
+    for (const u64 n : {0u, 1u, 2u, 3u, 4u, 9u})
+      for (const u64 k : {0u, 1u, 4u, 9u}) shapes.push_back({m, k, n});
   for (problem<E>& x : shapes) {
     if (x.n > 2000 && !std::is_same_v<E, double>) continue;  // panels are of the blocked kernels
     if (x.m > 2 && x.n > 2 && x.k != 0 && x.k % 3 == 0) x.taint();
@@ -231,8 +231,8 @@ void expect_type(const std::string& type) {
   }
   // Clearing, at any alignment, of the element too.
   for (u64 rows = 0; rows <= 35; ++rows)
-    for (const u64 columns : {0, 1, 2, 5})
-      for (const u64 slack : {0, 1, 3, 4, 8, 12}) {
+    for (const u64 columns : {0u, 1u, 2u, 5u})
+      for (const u64 slack : {0u, 1u, 3u, 4u, 8u, 12u}) {
         const matrix<E> c(rows, columns, rows + slack / 3, {}, slack);
         const elements<E> zeros(rows * columns);
         expect(type + "_n_n_pst_init", c, zeros, c.data(), rows, columns, c.ld);
