@@ -12,14 +12,20 @@
 #include "array/matrix.h"
 #include "zorvac/cpu.h"
 
-// What the last call of malloc asked for, and whether it gets nothing.
+// What the last call of malloc asked for, what it got, until that is freed, and whether it gets any.
 static std::size_t asked;
+static void* block;
 static bool no_memory;
 extern "C" {
 void* __real_malloc(std::size_t bytes);
 void* __wrap_malloc(std::size_t bytes) {
   asked = bytes;
-  return no_memory ? nullptr : __real_malloc(bytes);
+  return block = no_memory ? nullptr : __real_malloc(bytes);
+}
+void __real_free(void* freed);
+void __wrap_free(void* freed) {
+  if (freed == block) block = nullptr;
+  __real_free(freed);
 }
 }
 
@@ -123,7 +129,9 @@ void expect(const std::string& name, const matrix<E>& c, const elements<E>& expe
             Words... words) {
   const auto routine = reinterpret_cast<void (*)(Words...)>(dlsym(RTLD_DEFAULT, name.c_str()));
   asked = 0;
+  block = nullptr;
   routine(words...);
+  EXPECT_EQ(block, nullptr) << name;
   EXPECT_TRUE(c.holds(expected)) << name;
 }
 
