@@ -1,135 +1,256 @@
-// Products of all types and storages in every form: bit for bit those of the model, which are within
-// the bound on the error of any order of summation.
+// Every exported routine that matrix products are made of, over all shapes, storages and forms: what
+// it leaves is bit for bit what the model says, in a C that was full of NaNs and with nothing around
+// it touched, from operands that end where memory ends.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <complex>
+#include <random>
+#include <string>
 
 #include "array/matrix.h"
 #include "zorvac/cpu.h"
 
+// What the last call of malloc asked for, what it got, until that is freed, and whether it gets any.
+static std::size_t asked;
+static void* block;
+static bool no_memory;
+extern "C" {
+void* __real_malloc(std::size_t bytes);
+void* __wrap_malloc(std::size_t bytes) {
+  asked = bytes;
+  return block = no_memory ? nullptr : __real_malloc(bytes);
+}
+void __real_free(void* freed);
+void __wrap_free(void* freed) {
+  if (freed == block) block = nullptr;
+  __real_free(freed);
+}
+}
+
 namespace zorvac::test {
 namespace {
 
-// Small ones, and the thresholds, blocks and panels with their neighbours.
-std::vector<shape> shapes() {
-  std::vector<shape> all{
-      {33, 260, 40},  {34, 37, 38},    {34, 260, 37},   {34, 38, 38},    {35, 39, 39},
-      {36, 40, 40},   {37, 41, 41},    {40, 112, 40},   {41, 113, 42},   {64, 111, 39},
-      {47, 224, 43},  {44, 225, 45},   {127, 127, 127}, {128, 128, 128}, {129, 129, 129},
-      {260, 112, 40}, {261, 113, 41},  {262, 337, 46},  {521, 42, 130},  {34, 40, 2000},
-      {38, 39, 2001}, {36, 113, 2006}, {37, 38, 4003},  {300, 3, 300},   {3, 300, 300},
-      {300, 300, 3},  {1000, 1, 1},    {1, 1000, 1},    {1, 1, 1000},    {257, 260, 33},
-  };
-  for (const u64 m : {0u, 1u, 2u, 3u, 4u, 5u, 8u, 9u, 17u})
-    for (const u64 n : {0u, 1u, 2u, 3u, 4u, 5u, 8u, 9u, 17u})
-      for (const u64 k : {0u, 1u, 3u, 4u, 9u}) all.push_back({m, k, n});
-  return all;
-}
+// ---- The model: plain loops in the orders of summation that docs/kernels.md states --------------
 
-// Products in wider precision: n terms of unit roundoff u give an error of n u times the sum of the
-// magnitudes, and little more (Higham, Accuracy and Stability of Numerical Algorithms, 3.1).
-template <class E>
-class reference {
-  using part = part_of<E>;
-  using wide = std::conditional_t<sizeof(part) == 4, double, long double>;
-
- public:
-  reference(const operands<E>& x, bool wanted)
-      : s_(wanted ? x.s : shape{0, 0, 0}), sums_(s_.m * s_.n * parts<E>) {
-    for (u64 i = 0; i < sums_.size(); ++i) {
-      const u64 p = i % parts<E>, element = i / parts<E>;
-      const u64 row = element % s_.m * s_.k, column = element / s_.m * s_.k;
-      for (u64 k = 0; k < s_.k; ++k)
-        for (u64 q = 0; q < parts<E>; ++q) {  // imaginary times imaginary is negative
-          const wide term =
-              at(x.a, (row + k) * parts<E> + q) * at(x.b, (column + k) * parts<E> + (p ^ q));
-          sums_[i].first += q > p ? -term : term;
-          sums_[i].second += std::abs(term);
-        }
-    }
-  }
-  // Whether `c` is as near to the product and `onto` as any order of summation comes.
-  void expect_near(const elements<E>& c, const elements<E>& onto) const {
-    for (u64 i = 0; i < sums_.size(); ++i) {
-      const auto& [sum, magnitude] = sums_[i];
-      const wide before = at(onto, i), unit = sizeof(part) == 4 ? 0x1p-24 : 0x1p-53;
-      const auto terms = static_cast<wide>(s_.k * parts<E> + (before != 0 ? 1 : 0));
-      ASSERT_LE(std::abs(at(c, i) - before - sum),
-                (terms + 1) * unit * (magnitude + std::abs(before)))
-          << s_ << i;
-    }
-  }
-
- private:
-  static wide at(const elements<E>& from, u64 i) {
-    return reinterpret_cast<const part*>(from.data())[i];
-  }
-  shape s_;
-  std::vector<std::pair<wide, wide>> sums_;  // and sums of magnitudes
+// Terms are added up block after block, each from zero and then added to the element, or each onto
+// the element.
+struct summation {
+  u64 block;
+  bool from_zero, last_block_first = false;
 };
 
 template <class E>
-class Product : public testing::Test {};
-using element_types = testing::Types<float, double, std::complex<float>, std::complex<double>>;
-TYPED_TEST_SUITE(Product, element_types);
+elements<E> random_elements(u64 count) {
+  static std::mt19937_64 random;
+  std::uniform_real_distribution<float> part(-1, 1);
+  elements<E> result(count);
+  for (E& x : result)
+    if constexpr (std::is_floating_point_v<E>)
+      x = E{part(random)} * part(random);
+    else
+      x = E(part(random), part(random)) * E(part(random), part(random)) / E(2);
+  return result;
+}
 
-TYPED_TEST(Product, IsRightAndSummedInOrderInEveryForm) {
-  using E = TypeParam;
-  for (const shape& s : shapes()) {
-    if (s.n > 2000 && !std::is_same_v<E, double>) continue;  // panels are of the blocked kernels
-    operands<E> x(s);
-    const reference<E> right(x, s.m * s.k * s.n <= 1u << 21);  // of larger ones the bits will do
-    const elements<E> zeros(s.m * s.n), initial = random_elements<E>(s.m * s.n, 7);
-    for (const routines& r : routines_of<E>) {
-      x.store_for(r);
-      const elements<E> product = x.added_to(zeros, r), added = x.added_to(initial, r);
-      const bool by_blocks = r.blocked != nullptr && s.is_blocked();
-      const elements<E> blocked = by_blocks ? x.blocked_product(r) : product;
-      right.expect_near(blocked, zeros);
-      right.expect_near(added, initial);
-      if (this->HasFatalFailure()) return;
-      for (const form& f : forms) {
-        if (!f.available()) continue;
-        SCOPED_TRACE(testing::Message() << s << r.a << '_' << r.b << ' ' << f.name);
-        __zorva_cpu_feature_indicator = f.indicator;
-        ASSERT_TRUE(x.run_entry(r.entry).holds(f.indicator == generic_form ? product : blocked));
-        ASSERT_TRUE(x.run_kernel(r.general, x.result(initial)).holds(added));
-      }
+// A, B, in both of which the terms of an element of the product lie side by side, and what the
+// product is added to.
+template <class E>
+struct problem {
+  u64 m, k, n;
+  elements<E> a = random_elements<E>(k * m), b = random_elements<E>(k * n);
+  elements<E> onto = random_elements<E>(m * n);
+
+  // What is not finite stays in its row or column of C, and no zero hides it. The NaN is the one
+  // that processors make themselves, so that the bits of all are alike.
+  void taint() {
+    a[m / 2 * k + k / 2] = E(HUGE_VALF);
+    b[(n - 1) * k + k / 2] = E{};
+    b[n / 2 * k + k - 1] = E(-NAN);
+  }
+  // The product added to `c`, each element in the order that `order(i, j)` says.
+  template <class Order>
+  [[nodiscard]] elements<E> added(elements<E> c, const Order& order) const {
+    for (u64 i = 0; i < c.size(); ++i)
+      c[i] = sum(c[i], a.data() + i % m * k, b.data() + i / m * k, order(i % m, i / m));
+    return c;
+  }
+  // Each product and each sum is rounded by itself.
+  static E product(const E& x, const E& y) {
+    if constexpr (std::is_floating_point_v<E>)
+      return x * y;
+    else
+      return E(x.real() * y.real() - x.imag() * y.imag(),
+               x.real() * y.imag() + x.imag() * y.real());
+  }
+  [[nodiscard]] E sum(E element, const E* x, const E* y, const summation& order) const {
+    const u64 blocks = k == 0 ? 0 : (k - 1) / order.block + 1;
+    for (u64 i = 0; i < blocks; ++i) {
+      const u64 first = (order.last_block_first ? (i + blocks - 1) % blocks : i) * order.block;
+      E part = order.from_zero ? E{} : element;
+      for (u64 t = first; t < k && t < first + order.block; ++t) part += product(x[t], y[t]);
+      element = order.from_zero ? element + part : part;
+    }
+    return element;
+  }
+};
+
+// In any order, n terms of unit roundoff u, none above 1, give an error of n u n in each part, and
+// little more (Higham, Accuracy and Stability of Numerical Algorithms, 3.1).
+TEST(Model, IsNearTheProductInWiderPrecision) {
+  using wide = std::complex<long double>;
+  const problem<std::complex<double>> x{5, 400, 4};
+  for (const summation& order : {summation{400, false}, {128, true}, {112, true, true}}) {
+    const auto c = x.added(x.onto, [&](u64, u64) { return order; });
+    for (u64 i = 0; i < c.size(); ++i) {
+      wide error = wide(c[i]) - wide(x.onto[i]);
+      for (u64 t = 0; t < 400; ++t)
+        error -= wide(x.a[i % 5 * 400 + t]) * wide(x.b[i / 5 * 400 + t]);
+      EXPECT_LE(std::abs(error), 2 * 0x1p-53L * 801 * 802) << i;
     }
   }
 }
 
-TEST(Forms, AreTestedWhereTheProcessorHasThem) {
-  for (const form& f : forms)
-    if (!f.available()) GTEST_SKIP() << "this processor lacks the instructions of " << f.name;
+// ---- The routines -------------------------------------------------------------------------------
+
+// Indicators, each with one more form of the kernels that the processor may have.
+elements<u64> forms() {
+  elements<u64> all{1, 0x7f, 0xff};
+  if (__builtin_cpu_supports("avx2")) all.push_back(0x9d97ff);
+  if (__builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl"))
+    all.push_back(0x9d97ff | u64{1} << 24 | u64{1} << 27 | u64{1} << 38);
+  return all;
 }
 
-// What is not finite in a row of A or a column of B stays in that row or column of C.
-TYPED_TEST(Product, KeepsNansAndInfinitiesToTheirRowsAndColumns) {
-  using E = TypeParam;
-  for (const shape& s : {shape{5, 6, 7}, {39, 113, 43}, {131, 130, 9}})
-    for (const auto& [row, column] :
-         {std::pair{u64{0}, u64{0}}, {s.m - 1, s.n - 1}, {s.m / 2, 2}}) {
-      operands<E> sound(s), x(s);
-      for (auto* const o : {&sound, &x}) std::fill_n(&o->b[(s.n - 1) * s.k], s.k, E{});
-      x.a[row * s.k + s.k / 2] = E(std::numeric_limits<float>::infinity());
-      x.b[column * s.k + s.k - 1] = E(std::nanf(""));
-      for (const routines& r : routines_of<E>) {
-        x.store_for(r);
-        sound.store_for(r);
-        for (const form& f : forms) {
-          if (!f.available()) continue;
-          __zorva_cpu_feature_indicator = f.indicator;
-          const matrix<E> c = x.run_entry(r.entry), d = sound.run_entry(r.entry);
-          for (u64 j = 0; j < s.n; ++j)
-            for (u64 i = 0; i < s.m; ++i)
-              ASSERT_TRUE(i == row || j == column ? !std::isfinite(std::abs(c.at(i, j)))
-                                                  : c.at(i, j) == d.at(i, j))
-                  << s << r.a << r.b << ' ' << f.name << ' ' << i << ',' << j;
-        }
-      }
-    }
+// What the routine of this name makes of a matrix.
+template <class E, class... Words>
+void expect(const std::string& name, const matrix<E>& c, const elements<E>& expected,
+            Words... words) {
+  const auto routine = reinterpret_cast<void (*)(Words...)>(dlsym(RTLD_DEFAULT, name.c_str()));
+  asked = 0;
+  block = nullptr;
+  routine(words...);
+  EXPECT_EQ(block, nullptr) << name;
+  EXPECT_TRUE(c.holds(expected)) << name;
 }
+
+template <class E>
+elements<E> transposed(const elements<E>& from, u64 rows) {
+  elements<E> to(from.size());
+  for (u64 i = 0; i < from.size(); ++i) to[i % rows * (from.size() / rows) + i / rows] = from[i];
+  return to;
+}
+
+// Panels of four lanes, which are rows of A or columns of B: for each k the four of them, with zeros
+// up to a multiple of four terms.
+elements<double> panels(const elements<double>& lanes, u64 k) {
+  const u64 count = k == 0 ? 0 : lanes.size() / k / 4 * 4, padded = (k + 3) / 4 * 4;
+  elements<double> p(count * padded);
+  for (u64 i = 0; i < count * k; ++i) p[i / k / 4 * 4 * padded + i % k * 4 + i / k % 4] = lanes[i];
+  return p;
+}
+
+// The copies of panels, and the inner kernels on them. What a kernel does not read need not be there.
+void expect_packed(const problem<double>& x, const std::string& copy_a, const matrix<double>& a,
+                   const std::string& copy_b, const matrix<double>& b) {
+  const elements<double> a_panels = panels(x.a, x.k), b_panels = panels(x.b, x.k);
+  const u64 m = x.m, k = x.k, n = x.n, padded = (k + 3) / 4 * 4;
+  const matrix<double> pa(a_panels.size(), 1, 0), pb(b_panels.size(), 1, 0);
+  expect(copy_a, pa, a_panels, m, k, a.data(), a.ld, pa.data());
+  expect(copy_b, pb, b_panels, k, n, b.data(), b.ld, pb.data());
+
+  if (m % 4 != 0 || n % 4 != 0 || k > 112) return;
+  const auto from_zero = [](u64, u64) { return summation{112, true}; };
+  const elements<double> once = x.added(elements<double>(m * n), from_zero);
+  const matrix<double> c(m, n, m + 1), strip(8 * padded, 1, 0);
+  expect("__zorva_dinnerz_roll_xk64w", c, once, &m, &n, &padded, pa.data(), pb.data(), nullptr,
+         c.data(), &c.ld, strip.data(), nullptr);
+  if (padded != 112) return;
+  expect("__zorva_dinner_xk64w", c, x.added(once, from_zero), &m, &n, nullptr, pa.data(), pb.data(),
+         nullptr, c.data(), &c.ld, strip.data(), nullptr);
+}
+
+// All routines of one type and storage.
+template <class E>
+void expect_products(const std::string& type, const problem<E>& x, bool ta, bool tb) {
+  constexpr bool is_r8 = std::is_same_v<E, double>;
+  const u64 m = x.m, k = x.k, n = x.n, gap = (m + n) % 4;
+  const u64 lda = (ta ? k : m) + gap, ldb = (tb ? n : k) + 3 - gap, ldc = m + (gap + 2) % 4;
+  const matrix<E> sa(ta ? k : m, ta ? m : k, lda, ta ? x.a : transposed(x.a, k));
+  const matrix<E> sb(tb ? n : k, tb ? k : n, ldb, tb ? transposed(x.b, k) : x.b);
+  const std::string a(1, "nt"[ta]), b(1, "nt"[tb]), name = type + '_' + a + '_' + b;
+
+  const summation order{ta && !tb ? 128 : k, ta};
+  const auto general = [&](u64, u64) { return order; };
+  const auto by_blocks = [&](u64 i, u64 j) {
+    return j < n / 4 * 4 ? summation{112, ta || i < m / 4 * 4, true} : order;
+  };
+  const bool packs = is_r8 && m >= 34 && k >= 38 && n >= 38;
+  const elements<E> none, zeros(m * n), product = x.added(zeros, general);
+  const elements<E> added = x.added(x.onto, general);
+  const elements<E> blocked = packs ? x.added(zeros, by_blocks) : product;
+  const u64 memory = packs ? std::min(n, u64{2000}) * 896 + 0x3f300 : 0;
+
+  const auto check = [&](const std::string& routine, const elements<E>& before,
+                         const elements<E>& expected, u64 bytes, auto... words) {
+    const matrix<E> c(m, n, ldc, before);
+    expect(routine, c, expected, sa.data(), sb.data(), c.data(), words...);
+    EXPECT_EQ(asked, bytes) << routine;
+  };
+  for (const u64 indicator : forms()) {
+    SCOPED_TRACE(indicator);
+    __zorva_cpu_feature_indicator = indicator;
+    const bool fast = indicator != 1;
+    check(name, none, fast ? blocked : product, fast ? memory : 0, m, k, n, lda, ldb, ldc);
+    check(name + ".A", none, product, 0, m, k, n, lda, ldb, ldc);
+    check(name + "_pst_General", x.onto, added, 0, m, n, k, lda, ldb, ldc);
+    if constexpr (is_r8) {
+      check(name + ".J", none, blocked, memory, m, k, n, lda, ldb, ldc);
+      check(name + "_XK64w", none, blocked, memory, m, n, k, lda, ldb, ldc);
+      no_memory = true;
+      check(name + "_XK64w", none, product, memory, m, n, k, lda, ldb, ldc);
+      no_memory = false;
+      const u64 rows = ta ? k : m, columns = ta ? m : k;
+      if (n == 1) check("MATMUL_v_" + a + b + "_pst", none, product, 0, rows, columns, lda, ldb);
+      expect_packed(x, "__zorva_dgcopya" + a + "_xk64w", sa, "__zorva_dgcopyb" + b + "_psc", sb);
+    }
+  }
+}
+
+template <class E>
+void expect_type(const std::string& type) {
+  // Thresholds, blocks and panels with their neighbours, and small ones.
+  std::vector<problem<E>> shapes{
+      {33, 113, 38},  {34, 37, 38},   {34, 38, 37},   {34, 38, 38},   {35, 39, 39},
+      {36, 112, 40},  {37, 113, 43},  {40, 128, 41},  {47, 224, 43},  {44, 225, 45},
+      {129, 129, 70}, {260, 112, 40}, {261, 113, 41}, {521, 41, 40},  {16, 337, 90},
+      {20, 109, 36},  {300, 3, 90},   {3, 300, 300},  {1000, 1, 1},   {1, 1000, 1},
+      {1, 1, 1000},   {130, 257, 1},  {34, 40, 2000}, {38, 39, 2001}, {36, 40, 4003}};
+  for (const u64 m : {0u, 1u, 2u, 3u, 4u, 5u, 8u, 17u, 31u})
+    for (const u64 n : {0u, 1u, 2u, 3u, 4u, 9u})
+      for (const u64 k : {0u, 1u, 4u, 9u}) shapes.push_back({m, k, n});
+  for (problem<E>& x : shapes) {
+    if (x.n > 2000 && !std::is_same_v<E, double>) continue;  // panels are of the blocked kernels
+    if (x.m > 2 && x.n > 2 && x.k != 0 && x.k % 3 == 0) x.taint();
+    for (const bool ta : {false, true})
+      for (const bool tb : {false, true}) expect_products(type, x, ta, tb);
+    ASSERT_FALSE(testing::Test::HasFailure()) << x.m << " x " << x.k << " x " << x.n;
+  }
+  // Clearing, at any alignment, of the element too.
+  for (u64 rows = 0; rows <= 35; ++rows)
+    for (const u64 columns : {0u, 1u, 2u, 5u})
+      for (const u64 slack : {0u, 1u, 3u, 4u, 8u, 12u}) {
+        const matrix<E> c(rows, columns, rows + slack / 3, {}, slack);
+        const elements<E> zeros(rows * columns);
+        expect(type + "_n_n_pst_init", c, zeros, c.data(), rows, columns, c.ld);
+      }
+  if (forms().size() < 5) GTEST_SKIP() << "but in " << forms().size() << " forms of 5 only";
+}
+TEST(Product, IsSummedInTheStatedOrder_r4) { expect_type<float>("_MATMUL_r4"); }
+TEST(Product, IsSummedInTheStatedOrder_r8) { expect_type<double>("_MATMUL_r8"); }
+TEST(Product, IsSummedInTheStatedOrder_c4) { expect_type<std::complex<float>>("_MATMUL_c4"); }
+TEST(Product, IsSummedInTheStatedOrder_c8) { expect_type<std::complex<double>>("_MATMUL_c8"); }
 
 }  // namespace
 }  // namespace zorvac::test
