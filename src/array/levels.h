@@ -109,7 +109,7 @@ struct sse3 : sse2 {
 #ifdef __AVX2__
 struct avx2 {
   static constexpr std::size_t bytes = 32;
-  static constexpr int real_tile_registers = 3, complex_tile_registers = 2;
+  static constexpr int real_tile_registers = 2, complex_tile_registers = 2;
   static constexpr bool has_masks = true;
 
   template <std::size_t ElementBytes>
@@ -160,7 +160,7 @@ struct avx512 : avx2 {
 #endif
 
 // The element types over a level: an operand of A, several rows in a register; a factor of B; and
-// how their product is added to a sum.
+// their product.
 template <class Level, class Scalar>
 struct real {
   using level = Level;
@@ -176,7 +176,7 @@ struct real {
   static operand as_operand(reg a) { return a; }
   static factor as_factor(const element& b) { return Level::spread(b); }
   static void hold_factor(factor& b) { hold(b); }
-  static reg add_product(reg sum, operand a, factor b) { return sum + a * b; }
+  static reg product(operand a, factor b) { return a * b; }
 };
 
 template <class Scalar>
@@ -210,8 +210,8 @@ struct complex {
     hold(b.re);
     hold(b.im);
   }
-  static reg add_product(reg sum, operand a, factor b) {
-    return sum + Level::plus_turned(a.straight * b.re, a.turned * b.im);
+  static reg product(operand a, factor b) {
+    return Level::plus_turned(a.straight * b.re, a.turned * b.im);
   }
 };
 
