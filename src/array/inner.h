@@ -3,10 +3,10 @@
 // The inner kernels of the blocked products, on packed operands.
 //
 // A comes in panels of 4 rows, B in panels of 4 columns, each with the 4 values of one k side by
-// side. A panel of B is first spread over a strip in which each value stands twice, so that a pair of
-// rows meets it with one aligned load. Then the panels of A go by; wide registers take several of
-// them together. They can do without the strip: where that is faster, a few panels of A stay in the
-// first-level cache while a group of panels of B goes by.
+// side. For pairs, a panel of B is first spread over a strip in which each value stands twice, so that
+// a pair of rows meets it with one aligned load; then the panels of A go by. Wide registers spread a
+// value while they load it and need no strip: they take several panels of A together, which stay in
+// the first-level cache while a group of panels of B goes by.
 #include <pmmintrin.h>
 
 #include "array/tile.h"
@@ -16,10 +16,11 @@ namespace {
 
 inline constexpr std::size_t panel_extent = 4;       // rows of A, columns of B
 inline constexpr std::size_t full_block = 112;       // terms
-inline constexpr std::size_t columns_together = 16;  // without the strip: 14 KB of packed B
+inline constexpr std::size_t columns_together = 64;  // without a strip: 56 KB of packed B
 
-// Where a level reads B from.
-enum class b_from { panels, strip };
+// Whether a level reads B from the strip, or from the panels themselves.
+template <class V>
+inline constexpr bool has_strip = V::width == 2;
 
 // Rows of packed A: register R of the tile. A pair is half a panel, 4 doubles are a panel.
 template <class V>
@@ -39,14 +40,14 @@ struct packed_rows {
 };
 
 // Columns of one panel of B, or of the strip.
-template <class V, b_from From>
+template <class V>
 struct packed_columns {
-  static constexpr std::size_t times = From == b_from::strip ? 2 : 1;
+  static constexpr std::size_t times = has_strip<V> ? 2 : 1;
   const double* p;
 
   template <int J>
   ZORVAC_INLINE typename V::factor factor() const {
-    if constexpr (V::width == 2)
+    if constexpr (has_strip<V>)
       return _mm_load_pd(p + J * times);
     else
       return V::as_factor(p[J * times]);
@@ -64,76 +65,71 @@ struct inner_block {
 };
 
 // `Rows` registers of rows, from row i on, times the panel of B at column j.
-template <class V, b_from From, int Rows>
+template <class V, int Rows, int Terms>
 ZORVAC_INLINE inline void inner_tile(const inner_block& w, std::size_t i, std::size_t j) {
   constexpr std::size_t rows = Rows * V::width;
-  double* const c = w.c + i + j * w.ldc;
+  const std::size_t ldc = w.ldc;
+  double* const c = w.c + i + j * ldc;
   repeat<4>([&]<int J>() ZORVAC_INLINE {
-    for (std::size_t line = 0; line < rows; line += 8)
-      __builtin_prefetch(c + J * w.ldc + line, 0, 0);
+    for (std::size_t line = 0; line < rows; line += 8) __builtin_prefetch(c + J * ldc + line, 0, 0);
   });
   packed_rows<V> a{w.a + i * w.terms, w.terms * panel_extent};
-  packed_columns<V, From> b{w.b + j * w.terms};
+  packed_columns<V> b{w.b + j * w.terms};
   tile<V, Rows, 4> sum{};
-  for (std::size_t k = w.terms; k != 0; k -= 4)
-    repeat<4>([&]<int>() ZORVAC_INLINE { sum.add_products(a, b); });
-  repeat<4>([&]<int J>() ZORVAC_INLINE {
-    repeat<Rows>([&]<int R>() ZORVAC_INLINE {
-      double* const to = c + J * w.ldc + R * V::width;
-      const auto x = sum.c[J][R];
-      V::memory::store(to, w.accumulate ? V::memory::load(to) + x : x);
+  for (std::size_t k = w.terms; k != 0; k -= Terms)
+    repeat<Terms>([&]<int>() ZORVAC_INLINE { sum.add_products(a, b); });
+  const auto each = [&](auto body) ZORVAC_INLINE {
+    repeat<4>([&]<int J>() ZORVAC_INLINE {
+      repeat<Rows>([&]<int R>() ZORVAC_INLINE { body(c + J * ldc + R * V::width, sum.c[J][R]); });
     });
-  });
+  };
+  if (w.accumulate)
+    each([](double* to, auto x) ZORVAC_INLINE { V::memory::store(to, V::memory::load(to) + x); });
+  else
+    each([](double* to, auto x) ZORVAC_INLINE { V::memory::store(to, x); });
 }
 
-template <class V, b_from From, int Rows>
+template <class V, int Rows, int Terms>
 [[gnu::noinline]] void inner_tiles(const inner_block& w) {
   for (std::size_t i = 0, rows = 0; i < w.rows; i += rows) {
     rows = rows_of_panel<V, Rows>(w.rows - i);
     repeat<Rows>([&]<int R>() ZORVAC_INLINE {
       if (rows != (R + 1) * V::width) return;
-      for (std::size_t j = 0; j < w.columns; j += panel_extent) inner_tile<V, From, R + 1>(w, i, j);
+      for (std::size_t j = 0; j < w.columns; j += panel_extent)
+        inner_tile<V, R + 1, Terms>(w, i, j);
     });
   }
 }
 
-// A value of B twice, by MOVDDUP, or two of them.
+// A value of B twice, by MOVDDUP.
 ZORVAC_INLINE inline void fill_strip(double* strip, const double* b, std::size_t terms) {
-  for (const double* const end = b + terms * panel_extent; b != end; b += 4, strip += 8) {
-#ifdef __AVX2__
-    repeat<2>([&]<std::size_t J>() ZORVAC_INLINE {
-      const __m256d twice = _mm256_broadcast_pd(reinterpret_cast<const __m128d*>(b + 2 * J));
-      _mm256_storeu_pd(strip + 4 * J, _mm256_permute_pd(twice, 0xc));
-    });
-#else
+  for (const double* const end = b + terms * panel_extent; b != end; b += 4, strip += 8)
     repeat<4>([&]<std::size_t J>()
                   ZORVAC_INLINE { _mm_store_pd(strip + 2 * J, _mm_loaddup_pd(b + J)); });
-#endif
-  }
 }
 
-// With tiles of at most `Rows` registers.
-template <class V, b_from From, int Rows>
+// With tiles of at most `Rows` registers, and a loop of `Terms` terms a step: 1 or 2, whichever leaves
+// the compiler all sums in their registers.
+template <class V, int Rows, int Terms>
 ZORVAC_INLINE inline void inner(const std::uint64_t* m, const std::uint64_t* n, std::size_t terms,
                                 const double* a, const double* b, double* c,
                                 const std::uint64_t* ldc, double* strip, bool accumulate) {
-  constexpr bool spread = From == b_from::strip;
   inner_block w{a, strip, c, *ldc, *m, 0, terms, accumulate};
   for (std::size_t j = 0; j < *n; j += w.columns) {
-    w.columns = smaller(*n - j, spread ? panel_extent : columns_together);
+    w.columns = smaller(*n - j, has_strip<V> ? panel_extent : columns_together);
     w.c = c + j * w.ldc;
-    if constexpr (spread)
+    if constexpr (has_strip<V>)
       fill_strip(strip, b + j * terms, terms);
     else
       w.b = b + j * terms;
-    inner_tiles<V, From, Rows>(w);
+    inner_tiles<V, Rows, Terms>(w);
   }
 }
 
 }  // namespace
 }  // namespace zorvac::array
 
-// Defines the two inner kernels in one form: ZORVAC_INNER_KERNELS(V, real<avx2, double>, b_from::panels, 3).
+// Defines the two inner kernels in one form: ZORVAC_INNER_KERNELS(V, real<avx2, double>, 2, 2).
 #define ZORVAC_INNER_KERNELS(form, ...)                                                          \
   extern "C" {                                                                                   \
   void inner_roll_##form(const std::uint64_t*, const std::uint64_t*, const std::uint64_t*,       \

@@ -109,7 +109,7 @@ struct sse3 : sse2 {
 #ifdef __AVX2__
 struct avx2 {
   static constexpr std::size_t bytes = 32;
-  static constexpr int real_tile_registers = 3, complex_tile_registers = 2;
+  static constexpr int real_tile_registers = 2, complex_tile_registers = 2;
   static constexpr bool has_masks = true;
 
   template <std::size_t ElementBytes>
@@ -143,7 +143,7 @@ struct avx2 {
 #ifdef __AVX512VL__
 // The same width, which was measured to be the fastest, with masks and twice as many registers.
 struct avx512 : avx2 {
-  static constexpr int real_tile_registers = 4, complex_tile_registers = 3;
+  static constexpr int real_tile_registers = 4, complex_tile_registers = 2;
 
   template <std::size_t ElementBytes>
   struct part {
@@ -160,7 +160,7 @@ struct avx512 : avx2 {
 #endif
 
 // The element types over a level: an operand of A, several rows in a register; a factor of B; and
-// how their product is added to a sum.
+// their product.
 template <class Level, class Scalar>
 struct real {
   using level = Level;
@@ -172,11 +172,12 @@ struct real {
   using factor = reg;
   static constexpr std::size_t width = Level::bytes / sizeof(element);
   static constexpr int tile_registers = Level::real_tile_registers;
+  static constexpr bool products_first = true;  // of a column of the tile, then its sums
 
   static operand as_operand(reg a) { return a; }
   static factor as_factor(const element& b) { return Level::spread(b); }
   static void hold_factor(factor& b) { hold(b); }
-  static reg add_product(reg sum, operand a, factor b) { return sum + a * b; }
+  static reg product(operand a, factor b) { return a * b; }
 };
 
 template <class Scalar>
@@ -203,6 +204,7 @@ struct complex {
   };
   static constexpr std::size_t width = Level::bytes / sizeof(element);
   static constexpr int tile_registers = Level::complex_tile_registers;
+  static constexpr bool products_first = Level::bytes == 16;
 
   static operand as_operand(reg a) { return {a, Level::turned(a)}; }
   static factor as_factor(const element& b) { return {Level::spread(b.re), Level::spread(b.im)}; }
@@ -210,8 +212,8 @@ struct complex {
     hold(b.re);
     hold(b.im);
   }
-  static reg add_product(reg sum, operand a, factor b) {
-    return sum + Level::plus_turned(a.straight * b.re, a.turned * b.im);
+  static reg product(operand a, factor b) {
+    return Level::plus_turned(a.straight * b.re, a.turned * b.im);
   }
 };
 

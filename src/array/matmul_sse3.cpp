@@ -5,4 +5,4 @@
 
 ZORVAC_GENERAL_KERNELS(c4, L, complex<sse3, float>)
 ZORVAC_GENERAL_KERNELS(c8, L, complex<sse3, double>)
-ZORVAC_INNER_KERNELS(A, real<sse3, double>, b_from::strip, 2)
+ZORVAC_INNER_KERNELS(A, real<sse3, double>, 2, 2)
