@@ -67,8 +67,8 @@ std::string words(const T& value) {
 
 }  // namespace
 
-// What a routine should not depend on varies from call to call: where operands and result lie, flags
-// raised before, flush modes, which exception is unmasked, which body serves the processor.
+// What a routine should not depend on varies from call to call: where operands and result lie,
+// flags raised before, flush modes, the exception that is unmasked, the processor's class.
 std::string check(const routine& r, unsigned rounding_mode, const operands& in) {
   using enum kind;
   static const guarded_block block(1);

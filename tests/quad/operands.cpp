@@ -30,8 +30,8 @@ class generator {
   int below(int n) { return static_cast<int>(random_() % static_cast<unsigned>(n)); }
   word any() { return word{random_()} << 64 | random_(); }
 
-  // As it lies in memory: in the x87's format with the leading one, now and then the wrong one; above
-  // a narrow number anything.
+  // As it lies in memory: in the x87's format with the leading one, now and then the wrong one;
+  // above a narrow number anything.
   word number(bool negative, int exponent, word fraction) {
     const bool stores_leading_one = takes_ == kind::extended;
     const bool leading_one = stores_leading_one && (exponent != 0) != (below(32) == 0);
@@ -41,8 +41,8 @@ class generator {
            word{leading_one} << fraction_bits_ | (fraction & ones(fraction_bits_));
   }
 
-  // Bits at either end and in the middle, runs of ones, and few leading bits, with a tie behind them
-  // or what lies beside one.
+  // Bits at either end and in the middle, runs of ones, and few leading bits, with a tie behind
+  // them or what lies beside one.
   word digits(int width) {
     const word bit = word{1} << below(width), beside = static_cast<word>(below(5) - 2);
     const word shapes[] = {beside & 1,

@@ -68,22 +68,17 @@ TEST_P(Routine, CallsWhatCanBeReplaced) {
 }
 
 TEST(Dispatch, ChoosesByTheLowByteOfTheIndicator) {
-  struct {
-    uint64_t indicator;
-    char variant;
-    int detections;
-  } static const rows[] = {
+  static const std::tuple<uint64_t, char, int> rows[] = {
       {0xff, 'L', 0},    {0x1ff, 'L', 0}, {~uint64_t{0}, 'L', 0}, {0x7f, 'A', 0}, {1, 'A', 0},
-      {0xff'fd, 'A', 0}, {0, 'L', 1},     {0xff'fe, 'L', 1},
-  };
-  for (const auto& row : rows)
+      {0xff'fd, 'A', 0}, {0, 'L', 1},     {0xff'fe, 'L', 1}};
+  for (const auto& [indicator, variant, detected] : rows)
     for (const routine& r : routines) {
       const std::string name = std::string("__") + r.name;
       if (name != "__mulq" && name != "__divq") continue;
-      __zorva_cpu_feature_indicator = row.indicator;
+      __zorva_cpu_feature_indicator = indicator;
       detections = 0;
-      EXPECT_EQ(hops_of(r.entries[0]), name + ' ' + name + '.' + row.variant + ' ');
-      EXPECT_EQ(detections, row.detections) << std::hex << row.indicator;
+      EXPECT_EQ(hops_of(r.entries[0]), name + ' ' + name + '.' + variant + ' ') << indicator;
+      EXPECT_EQ(detections, detected) << indicator;
     }
 }
 

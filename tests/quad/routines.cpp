@@ -51,12 +51,12 @@ std::vector<call*> calls() {
 }
 
 // What the C++ value type makes of an operator or a conversion.
-template <class F, class R = number>
-R computed(number a, number b) {
-  return R(F()(a, b));
+template <class F>
+auto computed(number a, number b) -> decltype(F()(a, b) + 0) {  // bool becomes int
+  return F()(a, b);
 }
 template <class To, class From>
-To converted(From value) {
+To cast(From value) {
   return static_cast<To>(value);
 }
 
@@ -86,8 +86,8 @@ unsigned arithmetic(place result, const_place in) {
   store(result, F()(load<__float128>(in), load<__float128>(in + 16)));
   unsigned flags = raised();
   // A zero or an infinity that decides the result keeps the other operand's size from being seen.
-  constexpr bool divides = std::is_same_v<F, std::divides<>>;
-  constexpr bool scales = divides || std::is_same_v<F, std::multiplies<>>;
+  constexpr bool divides = std::is_same_v<F, std::divides<>>,
+                 scales = divides || std::is_same_v<F, std::multiplies<>>;
   const bool decided = magnitude(a) == infinity || magnitude(b) == infinity ||
                        (divides && (magnitude(a) == 0 || magnitude(b) == 0));
   if (!decided && (is_subnormal(a) || is_subnormal(b))) flags |= denormal;
@@ -192,7 +192,7 @@ unsigned widened_by_x87(place result, const_place in) {
 // else away from zero for 32 bits and toward zero for 64. Two ranges are not those of their types:
 // unsigned 32 bits take one binade more, which wraps, and signed 128 bits leave out -2^127. The
 // compiler takes an 80-bit number with an exponent of 0 and its leading one stored for 0.
-template <class To, class From = __float128, bool TakesMode = false>
+template <class To, bool TakesMode = false, class From = __float128>
 unsigned to_integer(place result, const_place in) {
   constexpr int width = 8 * sizeof(To);
   constexpr bool is_signed = To(-1) < To(1);
@@ -218,16 +218,12 @@ unsigned from_integer(place result, const_place in) {
   const auto n = load<Integer>(in);
   const bool negative = !(n > 0) && n != 0;
   const word m = negative ? -static_cast<word>(n) : static_cast<word>(n);
-  const word odd = m >> 113 != 0 ? (m >> 15 | word{m << 113 != 0}) << 15 : m;
-  const auto q = static_cast<__float128>(odd);
-  if constexpr (std::is_same_v<To, __float128>)
-    store(result, static_cast<To>(n));
-  else
-    store(result, static_cast<To>(negative ? -q : q));
+  const auto odd =
+      static_cast<__float128>(m >> 113 != 0 ? (m >> 15 | word{m << 113 != 0}) << 15 : m);
+  const __float128 same = negative ? -odd : odd, rounded = static_cast<__float128>(n);
+  store(result, static_cast<To>(std::is_same_v<To, __float128> ? rounded : same));
   return 0;
 }
-
-constexpr unsigned no_flag = 0;
 
 #define MUL "__mulq __mulq.L "
 #define DIV "__divq __divq.L "
@@ -248,48 +244,45 @@ const std::vector<routine> routines = {
     {"divq", pair, calls<__divq, a_divq, computed<divides<>>>(), arithmetic<divides<>>, DIV},
     {"negq", quad, calls<__negq, a_negq>(), negated<1>},
 
-    {"eqq", pair, calls<__eqq, a_eqq, computed<equal_to<>, int>>(), comparison<equal_to<>, no_flag>},
-    {"neq", pair, calls<__neq, a_neq, computed<not_equal_to<>, int>>(),
-     comparison<not_equal_to<>, no_flag>},
-    {"ltq", pair, calls<__ltq, a_ltq, computed<less<>, int>>(), comparison<less<>>},
-    {"leq", pair, calls<__leq, a_leq, computed<less_equal<>, int>>(), comparison<less_equal<>>},
-    {"gtq", pair, calls<__gtq, a_gtq, computed<greater<>, int>>(), comparison<greater<>>},
-    {"geq", pair, calls<__geq, a_geq, computed<greater_equal<>, int>>(), comparison<greater_equal<>>},
+    {"eqq", pair, calls<__eqq, a_eqq, computed<equal_to<>>>(), comparison<equal_to<>, 0>},
+    {"neq", pair, calls<__neq, a_neq, computed<not_equal_to<>>>(), comparison<not_equal_to<>, 0>},
+    {"ltq", pair, calls<__ltq, a_ltq, computed<less<>>>(), comparison<less<>>},
+    {"leq", pair, calls<__leq, a_leq, computed<less_equal<>>>(), comparison<less_equal<>>},
+    {"gtq", pair, calls<__gtq, a_gtq, computed<greater<>>>(), comparison<greater<>>},
+    {"geq", pair, calls<__geq, a_geq, computed<greater_equal<>>>(), comparison<greater_equal<>>},
     {"compareq", pair, calls<__compareq, compareq>(), comparison<three_way>},
 
-    {"qtoi", quad_and_mode, calls<__qtoi, a_qtoi, a_qtoc, a_qtos>(),
-     to_integer<int32_t, __float128, true>},
-    {"qtoj", quad_and_mode, calls<__qtoj, a_qtoj>(), to_integer<int64_t, __float128, true>},
-    {"cqtoi", quad, calls<a_cqtoi, a_cqtoch, a_cqtos, converted<int32_t, number>>(),
+    {"qtoi", quad_and_mode, calls<__qtoi, a_qtoi, a_qtoc, a_qtos>(), to_integer<int32_t, true>},
+    {"qtoj", quad_and_mode, calls<__qtoj, a_qtoj>(), to_integer<int64_t, true>},
+    {"cqtoi", quad, calls<a_cqtoi, a_cqtoch, a_cqtos, cast<int32_t, number>>(),
      to_integer<int32_t>, "__qtoi "},
-    {"cqtoj", quad, calls<a_cqtoj, converted<int64_t, number>>(), to_integer<int64_t>, "__qtoj "},
-    {"qtou", quad, calls<__qtou, converted<uint32_t, number>>(), to_integer<uint32_t>},
-    {"qtok", quad, calls<__qtok, converted<uint64_t, number>>(), to_integer<uint64_t>},
-    {"qton", quad, calls<__qton, converted<word, number>>(), to_integer<word>},
-    {"qtom", quad, calls<__qtom, converted<int128, number>>(), to_integer<int128>},
-    {"fton", binary32, calls<__fton>(), to_integer<word, float>},
-    {"ftom", binary32, calls<__ftom>(), to_integer<int128, float>},
-    {"dton", binary64, calls<__dton>(), to_integer<word, double>},
-    {"dtom", binary64, calls<__dtom>(), to_integer<int128, double>},
-    {"lton", extended, calls<__lton>(), to_integer<word, long double>},
-    {"ltom", extended, calls<__ltom>(), to_integer<int128, long double>},
+    {"cqtoj", quad, calls<a_cqtoj, cast<int64_t, number>>(), to_integer<int64_t>, "__qtoj "},
+    {"qtou", quad, calls<__qtou, cast<uint32_t, number>>(), to_integer<uint32_t>},
+    {"qtok", quad, calls<__qtok, cast<uint64_t, number>>(), to_integer<uint64_t>},
+    {"qton", quad, calls<__qton, cast<word, number>>(), to_integer<word>},
+    {"qtom", quad, calls<__qtom, cast<int128, number>>(), to_integer<int128>},
+    {"fton", binary32, calls<__fton>(), to_integer<word, false, float>},
+    {"ftom", binary32, calls<__ftom>(), to_integer<int128, false, float>},
+    {"dton", binary64, calls<__dton>(), to_integer<word, false, double>},
+    {"dtom", binary64, calls<__dtom>(), to_integer<int128, false, double>},
+    {"lton", extended, calls<__lton>(), to_integer<word, false, long double>},
+    {"ltom", extended, calls<__ltom>(), to_integer<int128, false, long double>},
 
-    {"qtof", quad, calls<__qtof, a_qtof, a_cqtof, converted<float, number>>(), narrowed<float>},
-    {"qtod", quad, calls<__qtod, a_qtod, a_cqtod, converted<double, number>>(), narrowed<double>},
-    {"qtol", quad, calls<__qtol, a_qtol, converted<long double, number>>(), narrowed<long double>},
-    {"ftoq", binary32, calls<__ftoq, a_ftoq, converted<number, float>>(), widened<float>},
-    {"dtoq", binary64, calls<__dtoq, a_dtoq, converted<number, double>>(), widened<double>},
-    {"ltoq", extended, calls<__ltoq, a_ltoq, converted<number, long double>>(), widened_by_x87},
+    {"qtof", quad, calls<__qtof, a_qtof, a_cqtof, cast<float, number>>(), narrowed<float>},
+    {"qtod", quad, calls<__qtod, a_qtod, a_cqtod, cast<double, number>>(), narrowed<double>},
+    {"qtol", quad, calls<__qtol, a_qtol, cast<long double, number>>(), narrowed<long double>},
+    {"ftoq", binary32, calls<__ftoq, a_ftoq, cast<number, float>>(), widened<float>},
+    {"dtoq", binary64, calls<__dtoq, a_dtoq, cast<number, double>>(), widened<double>},
+    {"ltoq", extended, calls<__ltoq, a_ltoq, cast<number, long double>>(), widened_by_x87},
 
-    {"ctoq", integer, calls<a_ctoq, converted<number, int8_t>>(), from_integer<int8_t>, "__itoq "},
-    {"stoq", integer, calls<a_stoq, converted<number, int16_t>>(), from_integer<int16_t>,
-     "__itoq "},
-    {"itoq", integer, calls<__itoq, a_itoq, converted<number, int32_t>>(), from_integer<int32_t>},
-    {"utoq", integer, calls<__utoq, converted<number, uint32_t>>(), from_integer<uint32_t>},
-    {"jtoq", integer, calls<__jtoq, a_jtoq, converted<number, int64_t>>(), from_integer<int64_t>},
-    {"ktoq", integer, calls<__ktoq, converted<number, uint64_t>>(), from_integer<uint64_t>},
-    {"ntoq", integer, calls<__ntoq, converted<number, word>>(), from_integer<word>},
-    {"mtoq", integer, calls<__mtoq, converted<number, int128>>(), from_integer<int128>},
+    {"ctoq", integer, calls<a_ctoq, cast<number, int8_t>>(), from_integer<int8_t>, "__itoq "},
+    {"stoq", integer, calls<a_stoq, cast<number, int16_t>>(), from_integer<int16_t>, "__itoq "},
+    {"itoq", integer, calls<__itoq, a_itoq, cast<number, int32_t>>(), from_integer<int32_t>},
+    {"utoq", integer, calls<__utoq, cast<number, uint32_t>>(), from_integer<uint32_t>},
+    {"jtoq", integer, calls<__jtoq, a_jtoq, cast<number, int64_t>>(), from_integer<int64_t>},
+    {"ktoq", integer, calls<__ktoq, cast<number, uint64_t>>(), from_integer<uint64_t>},
+    {"ntoq", integer, calls<__ntoq, cast<number, word>>(), from_integer<word>},
+    {"mtoq", integer, calls<__mtoq, cast<number, int128>>(), from_integer<int128>},
     {"ntof", integer, calls<__ntof>(), from_integer<word, float>},
     {"mtof", integer, calls<__mtof>(), from_integer<int128, float>},
     {"ntod", integer, calls<__ntod>(), from_integer<word, double>},
