@@ -1,5 +1,5 @@
-// Stands in for the exported routines that others call, in the test program and, the library's calls
-// being open to replacement, in the library: notes the call and goes on to the library's routine.
+// Stands in for the exported routines that others call, in the test program and, as the library's
+// calls can be replaced, in the library: notes the call and goes on to the library's routine.
 .section .note.GNU-stack, "", @progbits
 
 // Names and routines make a table, which the linker puts bounds to.

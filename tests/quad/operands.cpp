@@ -19,11 +19,11 @@ class generator {
   }
 
   operands operator()() {
+    const word mode = static_cast<word>(below(6) - 1);  // of rounding, two of them unknown
+    if (takes_ != kind::pair && takes_ != kind::four) return {operand(), mode};
     const auto [ar, br] = related();
     const auto [ai, bi] = related();
-    if (takes_ == kind::four) return {ar, ai, br, bi};
-    if (takes_ == kind::pair) return {ar, br};
-    return {operand(), static_cast<word>(below(6) - 1)};  // a rounding argument, or an unknown one
+    return takes_ == kind::pair ? operands{ar, br} : operands{ar, ai, br, bi};
   }
 
  private:

@@ -66,31 +66,18 @@ TEST(DecimalText, IsCorrectlyRounded) {
 // end at either edge of the range, garbage behind.
 TEST(DecimalText, IsReadAsTheCLibraryDoes) {
   const std::string nines(45, '9'), zeros(3000, '0');
-  const std::string digits[] = {"",           ".",
-                                "0",          "5." + zeros,
-                                "00" + nines, '.' + zeros + "70123",
-                                "1.5",        zeros + "118.97",
-                                "1" + nines,  "6.4751751194380251109244389582276"};
-  const char* const exponents[] = {"",
-                                   "e0",
-                                   "e-7",
-                                   "E+12",
-                                   "e4887",
-                                   "e4930",
-                                   "e4932",
-                                   "e4933",
-                                   "e-4930",
-                                   "e-4966",
-                                   "e-5011",
-                                   "e-1960",
-                                   "e99999999999999999999",
-                                   "e-99999999999999999999"};
-  for (const char* sign : {"", "-", "+", "--"})
-    for (const std::string& significand : digits)
-      for (const char* exponent : exponents)
-        for (const char* rest : {"", "x", "e", ".", "-", "e+"})
-          expect_reading(sign + significand + exponent + rest);
-  for (const char* text : {"-Infinity", "inf", "infinit", "nan", "1 "}) expect_reading(text);
+  for (const std::string& digits : {std::string(), std::string("."), std::string("0"), "5." + zeros,
+                                    '.' + zeros + "70123", "00" + nines, zeros + "118.973"})
+    for (const char* sign : {"", "-", "+", "--"})
+      for (const char* rest : {"", "x", "e", ".", "-", "e+"}) {
+        expect_reading(sign + digits + rest);
+        for (const int exponent : {0, -7, 12, 4887, 4930, 4932, 4933, -4930, -4966, -5011, -1965})
+          expect_reading(sign + digits + 'e' + std::to_string(exponent) + rest);
+      }
+  for (const char* text : {"1E+12", "5e99999999999999999999", "5e-99999999999999999999",
+                           "-Infinity", "inf", "infinit", "1 "})
+    expect_reading(text);
+  EXPECT_TRUE(isnan(number::parse("nan").value()));
   EXPECT_FALSE(number::parse("0x1").has_value());  // here the C library reads more
 }
 
