@@ -36,7 +36,7 @@ class generator {
     const bool stores_leading_one = takes_ == kind::extended;
     const bool leading_one = stores_leading_one && (exponent != 0) != (below(32) == 0);
     const int exponent_at = fraction_bits_ + stores_leading_one,
-              sign_at = exponent_at + std::bit_width(static_cast<unsigned>(special_));
+              sign_at = exponent_at + std::popcount(static_cast<unsigned>(special_));
     return (any() << 1 | word{negative}) << sign_at | static_cast<word>(exponent) << exponent_at |
            word{leading_one} << fraction_bits_ | (fraction & ones(fraction_bits_));
   }
