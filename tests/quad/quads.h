@@ -1,0 +1,93 @@
+#ifndef ZORVAC_TESTS_QUAD_QUADS_H
+#define ZORVAC_TESTS_QUAD_QUADS_H
+// What the quad tests and the fuzzer share: quads as words of 128 bits, the registers of the
+// floating-point environment, and the table of all routines with what each is held against.
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace zorvac::test {
+
+__extension__ using word = unsigned __int128;
+__extension__ using int128 = __int128;
+
+constexpr word sign = word{1} << 127, infinity = word{0x7fff} << 112, one = word{0x3fff} << 112,
+               quiet_bit = word{1} << 111;
+constexpr word magnitude(word q) { return q & ~sign; }
+constexpr bool is_nan(word q) { return magnitude(q) > infinity; }
+constexpr bool is_signalling(word q) { return is_nan(q) && (q & quiet_bit) == 0; }
+constexpr bool is_subnormal(word q) { return magnitude(q) != 0 && magnitude(q) >> 112 == 0; }
+
+// Of a long double ten bytes count.
+template <class T>
+constexpr std::size_t size_of = std::is_same_v<T, long double> ? 10 : sizeof(T);
+template <class T>
+T load(const void* from) {
+  T value{};
+  std::memcpy(&value, from, size_of<T>);
+  return value;
+}
+template <class T>
+void store(void* to, const T& value) {
+  std::memcpy(to, &value, size_of<T>);
+}
+template <class T>
+word bits(const T& value) {
+  word w = 0;
+  store(&w, value);
+  return w;
+}
+
+// The exception flags, in the order of both registers, and MXCSR's other fields.
+constexpr unsigned invalid = 1, denormal = 2, underflow = 16, inexact = 32, all_flags = 63;
+constexpr int mask_shift = 7, rounding_shift = 13;  // to nearest, down, up, toward zero
+constexpr std::uint32_t all_masked = all_flags << mask_shift, flush_modes = 0x8040;
+
+struct registers {
+  std::uint32_t mxcsr;
+  std::uint16_t control, status;  // x87; of the status word the exception flags
+  bool operator==(const registers&) const = default;
+};
+constexpr registers initial{all_masked, 0x037f, 0};
+void set(const registers& r);
+registers current();
+
+// A call of whatever shape: the operands, or what is passed by value, lie every 16 bytes from `in`
+// on; what the routine does not store itself is stored for it.
+using call = void(unsigned char* result, const unsigned char* in);
+
+// Stores what the call should and tells the flags that it should raise: those of MXCSR, from bit 6
+// on those of the x87, and whether an underflow that raises no flag traps where it is unmasked. It
+// runs in the rounding mode in question, with all flags clear.
+using oracle = unsigned(unsigned char* result, const unsigned char* in);
+constexpr int x87_flags_shift = 6;
+constexpr unsigned exact_underflow = 1 << 12;
+
+// What a routine takes: as many quads, a quad and a rounding argument, or a value.
+enum class kind { quad, pair, quad_and_mode, four, binary32, binary64, extended, integer };
+
+struct routine {
+  const char* name;
+  kind takes;
+  std::vector<call*> entries;
+  oracle* expected;
+  const char* hops = nullptr;  // the exported routines that a call passes; null: "__" + name
+};
+extern const std::vector<routine> routines;
+
+// Calls every entry and compares all that it could change with the oracle: memory around operands
+// and result, both registers, and the trap where an exception is unmasked. Returns what was wrong.
+using operands = std::array<word, 4>;
+std::string check(const routine& r, unsigned rounding_mode, const operands& in);
+
+// Seeded random operands where arithmetic and conversion can go wrong, in the manner of the
+// classical test suites: boundary exponents with sparse significands, ties and what lies beside
+// them, pairs that meet where an operation is delicate.
+std::function<operands()> operands_for(kind takes);
+
+}  // namespace zorvac::test
+#endif
