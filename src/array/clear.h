@@ -48,6 +48,7 @@ template <>
 
 template <class Word>
 void clear(void* c, std::size_t rows, std::size_t columns, std::size_t ldc) {
+  if (rows == 0) return;  // however many columns there are
   auto* column = static_cast<char*>(c);
   for (; columns != 0; --columns, column += ldc * sizeof(Word)) clear_column<Word>(column, rows);
 }

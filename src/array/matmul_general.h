@@ -216,6 +216,7 @@ template <class V, stored A, stored B>
 void general(const void* first_a, const void* first_b, void* first_c, std::size_t m, std::size_t n,
              std::size_t k, std::size_t lda, std::size_t ldb, std::size_t ldc) {
   using element = typename V::element;
+  if (m == 0) return;  // however many columns there are
   const auto* const a = static_cast<const element*>(first_a);
   const auto* const b = static_cast<const element*>(first_b);
   auto* const c = static_cast<element*>(first_c);

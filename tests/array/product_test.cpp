@@ -252,5 +252,12 @@ TEST(Product, IsSummedInTheStatedOrder_r8) { expect_type<double>("_MATMUL_r8"); 
 TEST(Product, IsSummedInTheStatedOrder_c4) { expect_type<std::complex<float>>("_MATMUL_c4"); }
 TEST(Product, IsSummedInTheStatedOrder_c8) { expect_type<std::complex<double>>("_MATMUL_c8"); }
 
+TEST(Product, OfNoRowsIsDoneAtOnceForAnyNumberOfColumns) {
+  constexpr u64 none = 0, few = 3, many = u64{1} << 40;
+  const matrix<float> nothing(none, none, none);
+  for (const char* const name : {"_MATMUL_r4_n_n.A", "_MATMUL_r8_t_n.A", "_MATMUL_c8_t_t.A"})
+    expect(name, nothing, {}, nullptr, nullptr, nullptr, none, few, many, few, few, few);
+}
+
 }  // namespace
 }  // namespace zorvac::test
