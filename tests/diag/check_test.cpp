@@ -87,18 +87,16 @@ const report reports[] = {
     {[] { __zorva_rtc_uninit_use(nullptr); }, uninitialized + "(null)" + use},
     {[] { __zorva_rtc_uninit_use_src("point%next%s", "100%n"); },
      uninitialized + "point%next%s' is being used in 100%n without being initialized"},
-    {[] { __zorva_rtc_uninit_use(std::string(5000, 'x').c_str()); },
-     uninitialized + std::string(400, 'x') + use},
     {[] {
        __zorva_rtc_uninit_use_src(std::string(300, '%').c_str(), std::string(5000, 'x').c_str());
      },
      uninitialized + std::string(100, '%') + "' is being used in " + std::string(200, 'x') +
          " without being initialized"},
-    // The word behind a variable is not read when the one in front is wrong, and no later entry is.
+    // The word behind a variable is not read when the one in front is wrong.
     {[] {
        const guarded_block block(4);
-       const zorvac_long_variable entries[] = {{0, 0, nullptr}, {0, 1 << 20, "not reached"}};
-       const zorvac_stack_variables variables{0, nullptr, 2, entries};
+       const zorvac_long_variable entry{0, 0, nullptr};
+       const zorvac_stack_variables variables{0, nullptr, 1, &entry};
        __zorva_rtc_CheckStackVars(nullptr, nullptr, &variables, block.end());
      },
      "Boundary Run-Time Check Failure"},
@@ -115,50 +113,43 @@ TEST(Reports, StandOnStandardErrorBetweenEmptyLinesAndEndTheProcess) {
 // would set it up.
 struct frame {
   unsigned char bytes[128];
-  zorvac_short_variable short_entries[2] = {{9, 7, "first"}, {-20, 1, "second"}};
-  zorvac_long_variable long_entries[2] = {{25, 0, "third"}, {-50, 13, ""}};
-  zorvac_stack_variables variables{2, short_entries, 2, long_entries};
-  std::vector<unsigned char*> guards;  // in the order of the checks
+  unsigned char* base = bytes + 64;
+  zorvac_short_variable near[2] = {{9, 7, "first"}, {-20, 1, "second"}};
+  zorvac_long_variable far[2] = {{25, 0, "third"}, {-50, 13, ""}};
+  zorvac_stack_variables variables{2, near, 2, far};
+  int guards[8] = {5, 16, -24, -19, 21, 25, -54, -37};  // their offsets, in the order of the checks
 
   frame() {
     std::memset(bytes, 0xaa, sizeof bytes);
-    for (const auto& v : short_entries) guard(v.offset, v.size);
-    for (const auto& v : long_entries) guard(v.offset, v.size);
-  }
-  void guard(std::int64_t offset, std::int64_t size) {
-    for (const std::int64_t at : {offset - 4, offset + size}) {
-      guards.push_back(bytes + 64 + at);
-      std::memset(guards.back(), 0xcc, 4);
-    }
+    for (const int guard : guards) std::memset(base + guard, 0xcc, 4);
   }
 };
 
 // Whichever guards are changed in whichever byte: short entries before long ones, each in order.
 TEST(StackVariables, TheFirstChangedGuardIsReported) {
-  const char* const texts[] = {" for variable 'first'", " for variable 'second'",
+  const std::string names[] = {" for variable 'first'", " for variable 'second'",
                                " for variable 'third'", ""};
-  std::string expected;
-  const outcome o = run_in_child([&] {
-    for (unsigned changed = 1; changed < 256 * 4; ++changed) {
-      frame f;
-      for (unsigned guard = 0; guard < 8; ++guard)
-        if ((changed / 4 >> guard & 1) != 0) f.guards[guard][changed % 4] ^= 1u << guard;
-      const auto check = [&] {
-        __zorva_rtc_CheckStackVars(nullptr, nullptr, &f.variables, f.bytes + 64);
-      };
-      if (aborts(check) != (changed >= 4)) std::printf("%x\n", changed);
-    }
-  });
-  for (unsigned changed = 4; changed < 256 * 4; ++changed) {
-    const auto first = static_cast<unsigned>(std::countr_zero(changed / 4)) / 2;
-    expected.append("\nBoundary Run-Time Check Failure").append(texts[first]).append("\n\n");
+  for (int byte = 0; byte < 4; ++byte) {
+    std::string expected;
+    const outcome o = run_in_child([&] {
+      for (unsigned changed = 0; changed < 256; ++changed) {
+        frame f;
+        for (unsigned guard = 0; guard < 8; ++guard)
+          f.base[f.guards[guard] + byte] ^= changed & 1u << guard;
+        aborts([&] { __zorva_rtc_CheckStackVars(nullptr, nullptr, &f.variables, f.base); });
+      }
+    });
+    for (unsigned changed = 1; changed < 256; ++changed)
+      expected +=
+          "\nBoundary Run-Time Check Failure" + names[std::countr_zero(changed) / 2] + "\n\n";
+    EXPECT_EQ(o.exit_status, 0);
+    EXPECT_TRUE(o.standard_error == expected) << o.standard_error.substr(0, 1000);
   }
-  EXPECT_EQ(o, (outcome{"", expected, 0, 0}));
 }
 
 TEST(StackVariables, SoundFramesChangeNoRegisterButTheThirdArgument) {
   const frame whole;
-  const std::uint64_t base = reinterpret_cast<std::uint64_t>(whole.bytes + 64);
+  const std::uint64_t base = reinterpret_cast<std::uint64_t>(whole.base);
   const std::uint64_t far = 0xcdcdcdcd00001111;  // from where reaching the frame wraps around
   const zorvac_long_variable far_entry{static_cast<std::int64_t>(base - 50 - far), 13, "far"};
   const zorvac_stack_variables negative{-1, nullptr, INT_MIN, nullptr},
@@ -171,10 +162,9 @@ TEST(StackVariables, SoundFramesChangeNoRegisterButTheThirdArgument) {
     before.general[rcx] = frame_base;
     register_file after =
         call_with_registers(reinterpret_cast<void (*)()>(&__zorva_rtc_CheckStackVars), before);
-    after.general[rdx] = before.general[rdx];
+    for (const auto free : {rdx, rsp}) after.general[free] = before.general[free];
     EXPECT_EQ(changed_registers(before, after), std::vector<std::string>{});
-    EXPECT_EQ(after.general[r10], before.general[r10]);
-    EXPECT_EQ(after.general[r11], before.general[r11]);
+    EXPECT_EQ(after.general, before.general);
   }
 }
 
@@ -185,15 +175,15 @@ constexpr std::uint64_t bits(float v, std::uint64_t upper = 0) {
 }
 constexpr std::uint64_t bits(double v) { return std::bit_cast<std::uint64_t>(v); }
 constexpr std::uint64_t minus_1 = UINT64_MAX;
-const std::string si32 = "\tSI32 1 != 2\n";
 
 struct constant {
   std::int32_t kind;
   std::uint32_t type;
   zorvac_cp_value expected, actual;
-  std::string text = {};  // empty: they agree
+  std::string values = {};  // empty: they agree
   std::string kind_name = "FORMAL";
 };
+const std::string si32 = "\tSI32 1 != 2\n";
 const constant constants[] = {
     {0, 0, {5, 1}, {5, 2}},
     {0, 0, {5, 0}, {5 + (1L << 32), 0}, "\tI32 5 != 100000005\n"},
@@ -205,16 +195,11 @@ const constant constants[] = {
     {0, 2, {bits(NAN), 0}, {bits(NAN), 0}, "\tF32 nan != nan\n"},
     {0, 3, {1, 2}, {1, 2}},
     {0, 3, {1, 2}, {minus_1, 2}, "\tI64 1:2 != ffffffffffffffff:2\n"},
-    {0, 3, {1, 2}, {1, 3}, "\tI64 1:2 != 1:3\n"},
-    {0, 4, {minus_1, 2}, {minus_1, 2}},
     {0, 4, {minus_1, 2}, {minus_1, 1UL << 63}, "\tSI64 -1:2 != -1:-9223372036854775808\n"},
     {0, 5, {bits(-0.0), 0}, {bits(0.0), 1}},
     {0, 5, {bits(1e15), 0}, {bits(HUGE_VAL), 0}, "\tF64 1000000000000000.000000 != inf\n"},
     {0, 5, {bits(double{NAN}), 0}, {bits(double{NAN}), 0}, "\tF64 nan != nan\n"},
-    // Values that do not fit a message: the C library ends the process, and the kind is not lost.
-    {0, 5, {bits(DBL_MAX), 0}, {bits(-DBL_MAX), 0}, "\n"},
     // Other kinds are those of other messages: as they stand, cut at 64 characters, or none.
-    {38, 1, {1, 0}, {2, 0}, si32, "No error"},
     {3, 1, {1, 0}, {2, 0}, si32, "\tI32 %lx != %lx"},
     {40,
      1,
@@ -228,26 +213,28 @@ const constant constants[] = {
      {2, 0},
      si32,
      "Run-Time Check Failure: The variable '%s' is being used in %s wi"},
-    {-2, 1, {1, 0}, {2, 0}, si32, ""},
     {59, 1, {1, 0}, {2, 0}, si32, ""},
-    {INT_MAX, 1, {1, 0}, {2, 0}, si32, ""},
     {INT_MIN, 1, {1, 0}, {2, 0}, si32, ""},
 };
 
 TEST(Constants, AreComparedAndReportedOnStandardOutput) {
   for (const constant& c : constants) {
-    std::string text = "Constant propagation error (" + c.kind_name + " substitution):\n" + c.text;
-    if (c.text.size() < 2) text.resize(c.text.empty() ? 0 : text.size() - 1);
-    const outcome o = fate_of([&] { _IPO_Check_CP(c.kind, c.type, c.expected, c.actual); });
-    EXPECT_EQ(o.standard_output, text);
-    EXPECT_EQ(o.signal, text.empty() ? 0 : SIGABRT) << text;
-    EXPECT_EQ(o.exit_status, text.empty() ? 0 : -1) << text;
+    const outcome failed{
+        "Constant propagation error (" + c.kind_name + " substitution):\n" + c.values, "", -1,
+        SIGABRT};
+    EXPECT_EQ(fate_of([&] { _IPO_Check_CP(c.kind, c.type, c.expected, c.actual); }),
+              c.values.empty() ? (outcome{"", "", 0, 0}) : failed);
   }
   for (const std::uint32_t type : {6u, 7u, UINT_MAX})
     EXPECT_EQ(fate_of([&] {
                 _IPO_Check_CP(0, type, {1, 1}, {1, 1});
               }),
               (outcome{"Bad second argument\n", "", -1, SIGABRT}));
+  // Values that do not fit a message: the C library ends the process, and the kind is not lost.
+  EXPECT_EQ(fate_of([] {
+              _IPO_Check_CP(2, 5, {bits(DBL_MAX), 0}, {bits(-DBL_MAX), 0});
+            }).standard_output,
+            "Constant propagation error (GLOBAL substitution):\n");
 }
 
 }  // namespace

@@ -13,21 +13,22 @@ fail() { echo "$*" && exit 1; }
 
 # Some of the library, with assembler code that has no debug information, and a label that does not
 # say what it is: build COMPILER OPTION...
-build() (
-  cd "$source"
-  gcc -c src/diag/rt_check.S -o "$folder/check.o"
-  echo 'label: lea 2(%rdi), %eax; ret; .globl label' | gcc -c -x assembler - -o "$folder/label.o"
-  "$@" -std=c++20 -Isrc -Iinclude src/diag/{trace_scan,process_files,byte_source}.cpp -nostartfiles \
-    -Wl,-e,label,-z,noexecstack,--unresolved-symbols=ignore-all "$folder"/{check,label}.o \
-    -Wl,-u,_ZN6zorvac4diag11byte_source4readEmPvm -o "$folder/image"
-)
+gcc -c "$source/src/diag/rt_check.S" -o check.o
+echo 'label: lea 2(%rdi), %eax; ret; .globl label' | gcc -c -x assembler - -o label.o
+build() {
+  (cd "$source" && "$@" -std=c++20 -Isrc -Iinclude src/diag/{trace_scan,byte_source}.cpp \
+    "$folder"/{check,label}.o -nostartfiles -Wl,-e,label,-u,_ZN6zorvac4diag11byte_source4readEmPvm \
+    -Wl,-z,noexecstack,--unresolved-symbols=ignore-all -o "$folder/image")
+}
 
 # What a compiler makes of one routine has one name; where no line is known, the file does not count.
-plain() { sed -E '/^[^/]/s/\.(part|isra|constprop|cold|llvm|lto_priv).*//; s/([CD])[0-2]/\1/g; s/ \(.*//; s/.*:[?0]$/?:0/'; }
+plain() { sed -E '/^[^/]/s/\..*//; s/([CD])[0-2]/\1/g; s/ \(.*//; s/.*:[?0]$/?:0/'; }
 
-# Compares every STEPth address of every symbol of code: compare STEP
+# Compares every STEPth address of every symbol of code of what is built, or of the image that is
+# there: compare STEP [COMPILER OPTION...]
 compare() {
   local start size type name at
+  [ $# = 1 ] || build "${@:2}"
   cp image before
   "$mktrace" image
   cp image made
@@ -49,25 +50,17 @@ compare() {
   [ "$(wc -l <rows)" -gt 20 ] || fail "rows: $(<rows)"
   diff <(cut -d' ' -f2- rows | plain) <(cut -d' ' -f1 rows | "$reader" section | sed -n 'n;p' | plain)
 }
-while read -ra compiler; do
-  build "${compiler[@]}"
-  compare 1
-done <<'END'
-gcc -O0 -gdwarf-4 -no-pie
-gcc -O0 -gdwarf-5 -pie
-gcc -O2 -gdwarf-4 -ffunction-sections -Wl,--gc-sections
-gcc -O2 -gdwarf-5 -fPIC -shared
-clang -O0 -gdwarf-4 -fPIC -shared
-clang -O0 -gdwarf-5 -ffunction-sections -Wl,--gc-sections
-clang -O2 -gdwarf-4 -pie
-clang -O2 -gdwarf-5 -gz -no-pie
-END
+
+compare 1 gcc -O0 -gdwarf-4 -no-pie
+compare 1 gcc -O2 -gdwarf-4 -ffunction-sections -Wl,--gc-sections
+compare 1 gcc -O2 -gdwarf-5 -fPIC -shared
+compare 1 clang -O0 -gdwarf-5 -ffunction-sections -Wl,--gc-sections
+compare 1 clang -O2 -gdwarf-5 -gz -pie
 cp "$mktrace" image
 compare 97
 
 # What is said of an image that something is done to: refuse STATUS TEXT DAMAGE ARGUMENT...
 build gcc -O2 -g
-rm -f ./*.o
 cp image whole
 refuse() {
   local status=0 files
@@ -115,13 +108,13 @@ diff <("$mktrace" --dump image) <("$mktrace" --dump target)
 RANDOM=1
 cp image whole
 size=$(stat -c %s image)
-for round in {1..40}; do
+for round in {1..24}; do
   cp whole image
   for ((i = round % 4; i > 0; --i)); do
     byte $((round % 8 < 4 ? RANDOM % 64 : size - 1 - RANDOM % 4000)) "\\x$((RANDOM % 90 + 10))"
   done
   ((round % 4)) || truncate -s $((RANDOM % size)) image
   for option in '-oout' --dump; do
-    "$mktrace" "$option" image >/dev/null 2>said || { [ $? = 1 ] && grep -q ^zorvac-mktrace: said; }
+    "$mktrace" "$option" image >/dev/null 2>said || grep -q ^zorvac-mktrace: said
   done
 done

@@ -14,11 +14,7 @@
 #include <unistd.h>
 #include <zorvac/diag.h>
 
-#define ROUTINE __attribute__((noinline, visibility("default"))) void
-void outer(const char* how);
-void middle(const char* how);
-void inner(const char* how);
-void show(const char* how, const ucontext_t* context);
+#define ROUTINE __attribute__((noinline)) void
 
 ROUTINE show(const char* how, const ucontext_t* context) {
   static char text[1 << 16];
@@ -76,10 +72,7 @@ int main(int argc, char** argv) {
     sigaction(SIGILL, &action, NULL);
     return malloc(12345) == NULL;
   }
-  if (argc > 2) {
-    void* const symbol = dlsym(dlopen(image, RTLD_NOW), "outer");
-    memcpy(&chain, &symbol, sizeof chain);
-  }
+  if (argc > 2) *(void**)&chain = dlsym(dlopen(image, RTLD_NOW), "outer");
   if (strcmp(argv[1], "delete") == 0) unlink(image);
   chain(argv[1]);
   fputs(tbk_geterrorstring(), stderr);

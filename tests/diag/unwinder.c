@@ -8,9 +8,6 @@ struct made_up_frame {
 };
 typedef int stop_function(int version, int actions, uint64_t exception_class, void* exception,
                           const struct made_up_frame* frame, void* argument);
-int _Unwind_ForcedUnwind(void* exception, stop_function* stop, void* argument);
-uintptr_t _Unwind_GetIP(const struct made_up_frame* frame);
-uintptr_t _Unwind_GetRegionStart(const struct made_up_frame* frame);
 
 int _Unwind_ForcedUnwind(void* exception, stop_function* stop, void* argument) {
   static const struct made_up_frame stack[] = {{0x1010, 0x1000}, {0x2020, 0x2000}, {0x3030, 0x3000},
