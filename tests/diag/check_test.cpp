@@ -74,37 +74,28 @@ TEST(Narrowing, AcceptsWhatTheTargetHoldsSignedOrUnsigned) {
 
 // ---- Reports
 
-const std::string uninitialized = "Run-Time Check Failure: The variable '",
-                  use = "' is being used without being initialized";
-
-struct report {
-  void (*check)();
-  std::string text;  // on standard error, between empty lines
-};
-const report reports[] = {
-    {[] { _RTC_Check_4_to_1(256); }, "Conversion Run-Time Check Failure"},
-    {[] { __zorva_rtc_uninit_use("count"); }, uninitialized + "count" + use},
-    {[] { __zorva_rtc_uninit_use(nullptr); }, uninitialized + "(null)" + use},
-    {[] { __zorva_rtc_uninit_use_src("point%next%s", "100%n"); },
-     uninitialized + "point%next%s' is being used in 100%n without being initialized"},
-    {[] {
-       __zorva_rtc_uninit_use_src(std::string(300, '%').c_str(), std::string(5000, 'x').c_str());
-     },
-     uninitialized + std::string(100, '%') + "' is being used in " + std::string(200, 'x') +
-         " without being initialized"},
-    // The word behind a variable is not read when the one in front is wrong.
-    {[] {
-       const guarded_block block(4);
-       const zorvac_long_variable entry{0, 0, nullptr};
-       const zorvac_stack_variables variables{0, nullptr, 1, &entry};
-       __zorva_rtc_CheckStackVars(nullptr, nullptr, &variables, block.end());
-     },
-     "Boundary Run-Time Check Failure"},
-};
-
 TEST(Reports, StandOnStandardErrorBetweenEmptyLinesAndEndTheProcess) {
-  for (const report& r : reports)
-    EXPECT_EQ(fate_of(r.check), (outcome{"", "\n" + r.text + "\n\n", -1, SIGABRT}));
+  const auto expect = [](const std::string& text, void (*check)()) {
+    EXPECT_EQ(fate_of(check), (outcome{"", "\n" + text + "\n\n", -1, SIGABRT}));
+  };
+  const std::string uninitialized = "Run-Time Check Failure: The variable '";
+  expect("Conversion Run-Time Check Failure", [] { _RTC_Check_4_to_1(256); });
+  expect(uninitialized + "count' is being used without being initialized",
+         [] { __zorva_rtc_uninit_use("count"); });
+  expect(uninitialized + "(null)' is being used without being initialized",
+         [] { __zorva_rtc_uninit_use(nullptr); });
+  expect(uninitialized + "point%next%s' is being used in 100%n without being initialized",
+         [] { __zorva_rtc_uninit_use_src("point%next%s", "100%n"); });
+  const static std::string longest(200, 'x'), percents(100, '%');
+  expect(uninitialized + percents + "' is being used in " + longest + " without being initialized",
+         [] { __zorva_rtc_uninit_use_src((percents + '%').c_str(), (longest + 'x').c_str()); });
+  // The word behind a variable is not read when the one in front is wrong.
+  expect("Boundary Run-Time Check Failure", [] {
+    const guarded_block block(4);
+    const zorvac_long_variable entry{0, 0, nullptr};
+    const zorvac_stack_variables variables{0, nullptr, 1, &entry};
+    __zorva_rtc_CheckStackVars(nullptr, nullptr, &variables, block.end());
+  });
 }
 
 // ---- Variables of a frame

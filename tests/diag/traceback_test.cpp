@@ -73,7 +73,7 @@ using addresses = std::vector<std::uint64_t>;
 
 // All that a traceback may not change.
 struct process {
-  int error = errno, file = dup(0);  // the lowest descriptor that is free
+  int error = errno, file = dup(2);  // the lowest descriptor that is free
   // Every signal's action in the kernel's words (handler, flags, restorer, mask), and the mask. The
   // C library puts a restorer into each that it sets.
   std::array<std::array<unsigned long, 4>, 66> signals{};

@@ -1,8 +1,9 @@
 // A program, or with the other half alone a shared object, whose routines print their own traceback:
 //
-//   traced table|block|delete [shared object]   three calls deep; delete: a table, the file is gone
-//   traced die                                  from a handler, in malloc with the heap locked
-//   traced walk PC                              the frames from a program counter on, one by one
+//   traced IMAGE table|block|delete   three calls deep, in itself or the shared object IMAGE (*.so);
+//                                     delete: as a table, when the file is gone
+//   traced IMAGE die                  from a handler, in malloc with the heap locked
+//   traced PC walk                    the frames from a program counter on, one by one
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <signal.h>
@@ -59,23 +60,24 @@ static int32_t print_frame(const tbk_frame* frame, void* user, int32_t hidden) {
 }
 
 int main(int argc, char** argv) {
-  const char* const image = argc > 2 ? argv[2] : argv[0];
-  void (*chain)(const char*) = outer;
-  if (strcmp(argv[1], "walk") == 0) {
+  if (argc != 3) return 2;
+  const char *image = argv[1], *how = argv[2];
+  if (strcmp(how, "walk") == 0) {
     ucontext_t context = {0};
-    context.uc_mcontext.gregs[REG_RIP] = strtoll(argv[2], NULL, 16);
+    context.uc_mcontext.gregs[REG_RIP] = strtoll(argv[1], NULL, 16);
     printf("status %u\n", tbk_trace_stack(&context, NULL, print_frame, 1));
     return 0;
   }
-  if (strcmp(argv[1], "die") == 0) {
+  if (strcmp(how, "die") == 0) {
     const struct sigaction action = {.sa_sigaction = on_fault, .sa_flags = SA_SIGINFO};
     sigaction(SIGILL, &action, NULL);
     return malloc(12345) == NULL;
   }
-  if (argc > 2) *(void**)&chain = dlsym(dlopen(image, RTLD_NOW), "outer");
-  if (strcmp(argv[1], "delete") == 0) unlink(image);
-  chain(argv[1]);
-  fputs(tbk_geterrorstring(), stderr);
+  void (*chain)(const char*) = outer;
+  if (strstr(image, ".so") != NULL) *(void**)&chain = dlsym(dlopen(image, RTLD_NOW), "outer");
+  if (strcmp(how, "delete") == 0) unlink(image);
+  chain(how);
+  puts(tbk_geterrorstring());
   return 0;
 }
 #endif
