@@ -11,24 +11,19 @@ trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 fail() { echo "$*" && exit 1; }
 
-# Some of the library, with assembler code that has no debug information, and a label that does not
-# say what it is: build COMPILER OPTION...
-gcc -c "$source/src/diag/rt_check.S" -o check.o
-echo 'label: lea 2(%rdi), %eax; ret; .globl label' | gcc -c -x assembler - -o label.o
-build() {
-  (cd "$source" && "$@" -std=c++20 -Isrc -Iinclude src/diag/{trace_scan,byte_source}.cpp \
-    "$folder"/{check,label}.o -nostartfiles -Wl,-e,label,-u,_ZN6zorvac4diag11byte_source4readEmPvm \
-    -Wl,-z,noexecstack,--unresolved-symbols=ignore-all -o "$folder/image")
-}
-
 # What a compiler makes of one routine has one name; where no line is known, the file does not count.
 plain() { sed -E '/^[^/]/s/\..*//; s/([CD])[0-2]/\1/g; s/ \(.*//; s/.*:[?0]$/?:0/'; }
 
-# Compares every STEPth address of every symbol of code of what is built, or of the image that is
-# there: compare STEP [COMPILER OPTION...]
+# Compares every STEPth address of every symbol of code of the image, or of some of the library, with
+# assembler code that has no debug information and a label that does not say what it is:
+# compare STEP [COMPILER OPTION...]
+gcc -c "$source/src/diag/rt_check.S" -o check.o
+echo 'label: lea 2(%rdi), %eax; ret; .globl label' | gcc -c -x assembler - -o label.o
 compare() {
   local start size type name at
-  [ $# = 1 ] || build "${@:2}"
+  [ $# = 1 ] || (cd "$source" && "${@:2}" -std=c++20 -I{src,include} -nostartfiles -o "$folder/image" \
+    src/diag/{trace_scan,byte_source}.cpp "$folder"/{check,label}.o -Wl,-z,noexecstack,-e,label \
+    -Wl,-u,_ZN6zorvac4diag11byte_source4readEmPvm,--unresolved-symbols=ignore-all)
   cp image before
   "$mktrace" image
   cp image made
@@ -51,17 +46,16 @@ compare() {
   diff <(cut -d' ' -f2- rows | plain) <(cut -d' ' -f1 rows | "$reader" section | sed -n 'n;p' | plain)
 }
 
-compare 1 gcc -O0 -gdwarf-4 -no-pie
-compare 1 gcc -O2 -gdwarf-4 -ffunction-sections -Wl,--gc-sections
-compare 1 gcc -O2 -gdwarf-5 -fPIC -shared
-compare 1 clang -O0 -gdwarf-5 -ffunction-sections -Wl,--gc-sections
-compare 1 clang -O2 -gdwarf-5 -gz -pie
 cp "$mktrace" image
 compare 97
+compare 1 gcc -O0 -gdwarf-4 -no-pie
+compare 1 gcc -O2 -gdwarf-4 -ffunction-sections -Wl,--gc-sections
+compare 1 clang -O0 -gdwarf-5 -ffunction-sections -Wl,--gc-sections
+compare 1 clang -O2 -gdwarf-5 -gz -pie
+compare 1 gcc -O2 -gdwarf-5 -fPIC -shared
 
 # What is said of an image that something is done to: refuse STATUS TEXT DAMAGE ARGUMENT...
-build gcc -O2 -g
-cp image whole
+cp before whole
 refuse() {
   local status=0 files
   cp -f whole image && : >said
