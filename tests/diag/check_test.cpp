@@ -167,65 +167,59 @@ constexpr std::uint64_t bits(float v, std::uint64_t upper = 0) {
 constexpr std::uint64_t bits(double v) { return std::bit_cast<std::uint64_t>(v); }
 constexpr std::uint64_t minus_1 = UINT64_MAX;
 
-struct constant {
-  std::int32_t kind;
+// What is printed, or nothing where the values agree.
+void expect(std::int32_t kind, std::uint32_t type, const zorvac_cp_value& expected,
+            const zorvac_cp_value& actual, const std::string& text) {
+  const outcome o = fate_of([&] { _IPO_Check_CP(kind, type, expected, actual); });
+  EXPECT_EQ(o.standard_output, text);
+  EXPECT_EQ(o.signal, text.empty() ? 0 : SIGABRT) << text;
+}
+std::string error(const std::string& kind, const std::string& values) {
+  return "Constant propagation error (" + kind + " substitution):\n" + values;
+}
+
+struct pair {
   std::uint32_t type;
   zorvac_cp_value expected, actual;
   std::string values = {};  // empty: they agree
-  std::string kind_name = "FORMAL";
 };
-const std::string si32 = "\tSI32 1 != 2\n";
-const constant constants[] = {
-    {0, 0, {5, 1}, {5, 2}},
-    {0, 0, {5, 0}, {5 + (1L << 32), 0}, "\tI32 5 != 100000005\n"},
-    {1, 1, {5, 0}, {5, 0}},
-    {1, 1, {5, 0}, {minus_1, 0}, "\tSI32 5 != -1\n", "RETURN"},
-    {0, 2, {bits(1.5f, 1), 0}, {bits(1.5f, 2), 0}},
-    {0, 2, {bits(0.0f), 0}, {bits(-0.0f), 0}},
-    {2, 2, {bits(1.5f, 9), 0}, {bits(-2.25f), 0}, "\tF32 1.500000 != -2.250000\n", "GLOBAL"},
-    {0, 2, {bits(NAN), 0}, {bits(NAN), 0}, "\tF32 nan != nan\n"},
-    {0, 3, {1, 2}, {1, 2}},
-    {0, 3, {1, 2}, {minus_1, 2}, "\tI64 1:2 != ffffffffffffffff:2\n"},
-    {0, 4, {minus_1, 2}, {minus_1, 1UL << 63}, "\tSI64 -1:2 != -1:-9223372036854775808\n"},
-    {0, 5, {bits(-0.0), 0}, {bits(0.0), 1}},
-    {0, 5, {bits(1e15), 0}, {bits(HUGE_VAL), 0}, "\tF64 1000000000000000.000000 != inf\n"},
-    {0, 5, {bits(double{NAN}), 0}, {bits(double{NAN}), 0}, "\tF64 nan != nan\n"},
-    // Other kinds are those of other messages: as they stand, cut at 64 characters, or none.
-    {3, 1, {1, 0}, {2, 0}, si32, "\tI32 %lx != %lx"},
-    {40,
-     1,
-     {1, 0},
-     {2, 0},
-     si32,
-     "Zorva(R) Nexil(TM) Duo processors and compatible Zorva processor"},
-    {58,
-     1,
-     {1, 0},
-     {2, 0},
-     si32,
-     "Run-Time Check Failure: The variable '%s' is being used in %s wi"},
-    {59, 1, {1, 0}, {2, 0}, si32, ""},
-    {INT_MIN, 1, {1, 0}, {2, 0}, si32, ""},
+const pair pairs[] = {
+    {0, {5, 1}, {5, 2}},
+    {0, {5, 0}, {5 + (1L << 32), 0}, "\tI32 5 != 100000005\n"},
+    {1, {5, 0}, {5, 0}},
+    {1, {5, 0}, {minus_1, 0}, "\tSI32 5 != -1\n"},
+    {2, {bits(1.5f, 1), 0}, {bits(1.5f, 2), 0}},
+    {2, {bits(0.0f), 0}, {bits(-0.0f), 0}},
+    {2, {bits(1.5f, 9), 0}, {bits(-2.25f), 0}, "\tF32 1.500000 != -2.250000\n"},
+    {2, {bits(NAN), 0}, {bits(NAN), 0}, "\tF32 nan != nan\n"},
+    {3, {1, 2}, {1, 2}},
+    {3, {1, 2}, {minus_1, 2}, "\tI64 1:2 != ffffffffffffffff:2\n"},
+    {4, {minus_1, 2}, {minus_1, 1UL << 63}, "\tSI64 -1:2 != -1:-9223372036854775808\n"},
+    {5, {bits(-0.0), 0}, {bits(0.0), 1}},
+    {5, {bits(1e15), 0}, {bits(HUGE_VAL), 0}, "\tF64 1000000000000000.000000 != inf\n"},
+    {5, {bits(double{NAN}), 0}, {bits(double{NAN}), 0}, "\tF64 nan != nan\n"},
+};
+
+// Kinds past the third are those of other messages: as they stand, cut at 64 characters, or none.
+const std::pair<std::int32_t, std::string> kinds[] = {
+    {1, "RETURN"},
+    {2, "GLOBAL"},
+    {3, "\tI32 %lx != %lx"},
+    {59, ""},
+    {INT_MIN, ""},
+    {40, "Zorva(R) Nexil(TM) Duo processors and compatible Zorva processor"},
+    {58, "Run-Time Check Failure: The variable '%s' is being used in %s wi"},
 };
 
 TEST(Constants, AreComparedAndReportedOnStandardOutput) {
-  for (const constant& c : constants) {
-    const outcome failed{
-        "Constant propagation error (" + c.kind_name + " substitution):\n" + c.values, "", -1,
-        SIGABRT};
-    EXPECT_EQ(fate_of([&] { _IPO_Check_CP(c.kind, c.type, c.expected, c.actual); }),
-              c.values.empty() ? (outcome{"", "", 0, 0}) : failed);
-  }
+  for (const pair& p : pairs)
+    expect(0, p.type, p.expected, p.actual, p.values.empty() ? "" : error("FORMAL", p.values));
+  for (const auto& [kind, name] : kinds)
+    expect(kind, 1, {1, 0}, {2, 0}, error(name, "\tSI32 1 != 2\n"));
   for (const std::uint32_t type : {6u, 7u, UINT_MAX})
-    EXPECT_EQ(fate_of([&] {
-                _IPO_Check_CP(0, type, {1, 1}, {1, 1});
-              }),
-              (outcome{"Bad second argument\n", "", -1, SIGABRT}));
+    expect(0, type, {1, 1}, {1, 1}, "Bad second argument\n");
   // Values that do not fit a message: the C library ends the process, and the kind is not lost.
-  EXPECT_EQ(fate_of([] {
-              _IPO_Check_CP(2, 5, {bits(DBL_MAX), 0}, {bits(-DBL_MAX), 0});
-            }).standard_output,
-            "Constant propagation error (GLOBAL substitution):\n");
+  expect(0, 5, {bits(DBL_MAX), 0}, {bits(-DBL_MAX), 0}, error("FORMAL", ""));
 }
 
 }  // namespace

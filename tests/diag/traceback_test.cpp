@@ -25,13 +25,17 @@
 namespace {
 enum place { nowhere, in_walk, in_callback, in_look_up, in_malloc };
 
-struct fault {
+// What a traceback is asked for, and what happens amid it.
+struct scenario {
   place at = nowhere;
   int after = 0;  // so many calls
   int number = SIGSEGV;
   int blocks = INT_MAX;  // that malloc gives
+  const void* context = nullptr;
+  std::uint32_t skip = 1, hides = 2, stop_after = UINT_MAX;
+  std::int32_t answer = TBK_STOP;
 };
-fault* planned = nullptr;  // during a traceback
+scenario* planned = nullptr;  // during a traceback
 int allocated = 0, live = 0;
 
 template <class Routine>
@@ -113,12 +117,6 @@ void below(int depth, void (*body)()) { std::thread(descend, depth, body).join()
 
 // ---- Walking
 
-struct scenario {
-  fault happens = {};
-  const void* context = nullptr;
-  std::uint32_t skip = 1, hides = 2, stop_after = UINT_MAX;
-  std::int32_t answer = TBK_STOP;
-};
 struct report {
   const scenario& s;
   process during = {};
@@ -138,8 +136,7 @@ std::int32_t record(const tbk_frame* frame, void* user, std::int32_t hidden) {
 
 void walk(const scenario& s) {
   report r{s};
-  fault happening = s.happens;
-  const auto& [at, after, number, blocks] = s.happens;
+  scenario happening = s;
   const std::uint32_t counted = zorvac::diag::frame_count;
   addresses expected = callers();
   const process before;
@@ -147,17 +144,17 @@ void walk(const scenario& s) {
   const std::uint32_t status = tbk_trace_stack(s.context, &r, record, s.skip);
   planned = nullptr;
   EXPECT_TRUE(before == process() && distinct);
-  EXPECT_EQ(status, at != nowhere ? 1u : s.answer == TBK_STOP_FULL ? 7u : 0u);
+  EXPECT_EQ(status, s.at != nowhere ? 1u : s.answer == TBK_STOP_FULL ? 7u : 0u);
   EXPECT_STREQ(tbk_geterrorstring(), "No error");
 
   const std::uint32_t seen = std::max(1u, zorvac::diag::frame_count - counted);
-  const int chunks = std::min(blocks, static_cast<int>(seen - 1) / 24 - (at == in_malloc));
+  const int chunks = std::min(s.blocks, static_cast<int>(seen - 1) / 24 - (s.at == in_malloc));
   EXPECT_EQ(allocated, chunks);
-  EXPECT_EQ(live, at == in_malloc ? chunks : 0);  // or else it would wait for the heap's lock
-  const std::uint32_t all = blocks == INT_MAX ? seen : 24 * static_cast<unsigned>(1 + chunks);
-  ASSERT_EQ(r.pcs.size(), at == nowhere       ? std::min(all, s.stop_after)
-                          : at == in_callback ? static_cast<unsigned>(after)
-                                              : 0);
+  EXPECT_EQ(live, s.at == in_malloc ? chunks : 0);  // or else it would wait for the heap's lock
+  const std::uint32_t all = s.blocks == INT_MAX ? seen : 24 * static_cast<unsigned>(1 + chunks);
+  ASSERT_EQ(r.pcs.size(), s.at == nowhere       ? std::min(all, s.stop_after)
+                          : s.at == in_callback ? static_cast<unsigned>(s.after)
+                                                : 0);
   if (r.pcs.empty()) return;
   // Three frames, of the traceback and of this routine, are in front; the outermost one may have no
   // address.
@@ -183,10 +180,11 @@ TEST(Walk, EndsWhereItHasToAndLeavesNothingBehind) {
   below(80, [] {
     for (const int after : {0, 1, 23, 24, 25, 50})
       for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGABRT, SIGTERM, SIGRTMAX})
-        for (const place at : {in_walk, in_callback}) walk({{at, after, number}});
+        for (const place at : {in_walk, in_callback})
+          walk({.at = at, .after = after, .number = number});
     for (const int blocks : {0, 1, 2}) {
-      walk({{in_malloc, blocks}});
-      walk({{nowhere, 0, 0, blocks}});
+      walk({.at = in_malloc, .after = blocks});
+      walk({.blocks = blocks});
     }
     for (const std::int32_t answer : {TBK_STOP, TBK_STOP_FULL})
       walk({.stop_after = 30, .answer = answer});
@@ -204,7 +202,7 @@ TEST(Walk, GoesThroughAHandlerOnAnAlternateStack) {
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     action.sa_sigaction = [](int, siginfo_t*, void* context) {
       walk({.context = context, .hides = 0});
-      walk({.happens = {in_walk, 10}, .context = context, .hides = 0});
+      walk({.at = in_walk, .after = 10, .context = context, .hides = 0});
     };
     sigaction(SIGSEGV, &action, &old);
     raise(SIGSEGV);
@@ -228,7 +226,7 @@ struct written {
 [[gnu::noinline]] written write(bool table, std::size_t bytes, const scenario& s = {}) {
   static const guarded_block block(1 << 14);
   char* const buffer = bytes == null ? nullptr : reinterpret_cast<char*>(block.end() - bytes);
-  fault happening = s.happens;
+  scenario happening = s;
   const process before;
   planned = &happening;
   const std::size_t result = tbk_string_stack_signal(s.context, buffer, bytes, table, s.skip);
@@ -284,7 +282,7 @@ TEST(Text, BeforeAFaultIsKept) {
     for (const bool table : {false, true}) {
       std::string whole;
       for (const int after : {100, 8, 4, 3, 2, 1, 0}) {
-        auto [text, result, frames] = write(table, 1 << 14, {.happens = {in_look_up, after}});
+        auto [text, result, frames] = write(table, 1 << 14, {.at = in_look_up, .after = after});
         const bool ended = text.ends_with(abnormal);
         text.resize(text.size() - (ended ? abnormal.size() : 0));
         if (whole.empty()) whole = text;
