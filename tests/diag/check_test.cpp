@@ -60,13 +60,10 @@ void sweep(Narrow (*check)(Wide)) {
 }
 
 TEST(Narrowing, AcceptsWhatTheTargetHoldsSignedOrUnsigned) {
-  const outcome o = run_in_child([] {
-    sweep(_RTC_Check_2_to_1);
-    sweep(_RTC_Check_4_to_1);
-    sweep(_RTC_Check_8_to_1);
-    sweep(_RTC_Check_4_to_2);
-    sweep(_RTC_Check_8_to_2);
-    sweep(_RTC_Check_8_to_4);
+  const auto sweep_all = [](auto... checks) { (sweep(checks), ...); };
+  const outcome o = run_in_child([&] {
+    sweep_all(_RTC_Check_2_to_1, _RTC_Check_4_to_1, _RTC_Check_8_to_1);
+    sweep_all(_RTC_Check_4_to_2, _RTC_Check_8_to_2, _RTC_Check_8_to_4);
   });
   EXPECT_EQ(o.standard_output, "");
   EXPECT_EQ(o.exit_status, 0);

@@ -36,7 +36,8 @@ struct scenario {
   std::int32_t answer = TBK_STOP;
 };
 scenario* planned = nullptr;  // during a traceback
-int allocated = 0, live = 0;
+std::vector<void*> given;     // by malloc
+int live = 0;                 // of these
 
 template <class Routine>
 Routine* pass(place here, Routine* routine) {
@@ -54,9 +55,9 @@ int __real_dladdr(const void* address, Dl_info* info);
 void* __wrap_malloc(std::size_t bytes) {
   if (planned == nullptr) return __real_malloc(bytes);
   if (planned->blocks-- == 0) return nullptr;
-  void* const block = pass(in_malloc, __real_malloc)(bytes);
-  ++allocated, ++live;
-  return std::memset(block, 0xaa, bytes);
+  given.push_back(std::memset(pass(in_malloc, __real_malloc)(bytes), 0xaa, bytes));
+  ++live;
+  return given.back();
 }
 void __wrap_free(void* block) {
   live -= planned != nullptr;
@@ -140,7 +141,8 @@ void walk(const scenario& s) {
   const std::uint32_t counted = zorvac::diag::frame_count;
   addresses expected = callers();
   const process before;
-  allocated = live = 0, planned = &happening;
+  given.clear();
+  live = 0, planned = &happening;
   const std::uint32_t status = tbk_trace_stack(s.context, &r, record, s.skip);
   planned = nullptr;
   EXPECT_TRUE(before == process() && distinct);
@@ -149,8 +151,9 @@ void walk(const scenario& s) {
 
   const std::uint32_t seen = std::max(1u, zorvac::diag::frame_count - counted);
   const int chunks = std::min(s.blocks, static_cast<int>(seen - 1) / 24 - (s.at == in_malloc));
-  EXPECT_EQ(allocated, chunks);
+  EXPECT_EQ(std::ssize(given), chunks);
   EXPECT_EQ(live, s.at == in_malloc ? chunks : 0);  // or else it would wait for the heap's lock
+  if (s.at == in_malloc) std::for_each(given.begin(), given.end(), __real_free);
   const std::uint32_t all = s.blocks == INT_MAX ? seen : 24 * static_cast<unsigned>(1 + chunks);
   ASSERT_EQ(r.pcs.size(), s.at == nowhere       ? std::min(all, s.stop_after)
                           : s.at == in_callback ? static_cast<unsigned>(s.after)
@@ -164,8 +167,9 @@ void walk(const scenario& s) {
   EXPECT_EQ(r.pcs, expected);
   expected.push_back(r.pcs.size() == seen ? 0 : r.returns.back());
   EXPECT_TRUE(std::equal(r.returns.begin(), r.returns.end(), expected.begin() + 1));
-  for (const std::size_t signal : {SIGHUP, SIGSEGV, SIGTERM, SIGRTMIN, SIGRTMAX}) {
-    const auto& [handler, flags, restorer, mask] = r.during.signals[signal];
+  for (const int signal : {SIGHUP, SIGSEGV, SIGTERM, SIGRTMIN, SIGRTMAX}) {
+    const auto& [handler, flags, restorer, mask] =
+        r.during.signals.at(static_cast<unsigned>(signal));
     EXPECT_EQ(handler, reinterpret_cast<std::uintptr_t>(&tbk_signal_handler));
     EXPECT_TRUE(flags == 0x40000004 && mask == 0);
   }
