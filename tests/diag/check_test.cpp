@@ -123,7 +123,7 @@ TEST(StackVariables, TheFirstChangedGuardIsReported) {
       for (unsigned changed = 0; changed < 256; ++changed) {
         frame f;
         for (unsigned guard = 0; guard < 8; ++guard)
-          f.base[f.guards[guard] + byte] ^= changed & 1u << guard;
+          f.base[f.guards[guard] + byte] ^= static_cast<unsigned char>(changed & 1u << guard);
         aborts([&] { __zorva_rtc_CheckStackVars(nullptr, nullptr, &f.variables, f.base); });
       }
     });

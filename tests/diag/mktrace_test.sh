@@ -10,9 +10,10 @@ folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 fail() { echo "$*" && exit 1; }
+same() { diff "$@" >difference || fail "$(head -n 20 difference)"; }
 
 # What a compiler makes of one routine has one name; where no line is known, the file does not count.
-plain() { sed -E '/^[^/]/s/\..*//; s/([CD])[0-2]/\1/g; s/ \(.*//; s/.*:[?0]$/?:0/'; }
+plain() { sed -E '/^[^/]/s/\..*//; s/([CD]I?)[0-2]/\1/g; s/ \(.*//; s/.*:[?0]$/?:0/'; }
 
 # Compares every STEPth address of every symbol of code of the image, or of some of the library, with
 # assembler code that has no debug information and a label that does not say what it is:
@@ -40,10 +41,10 @@ compare() {
   done >places
   cut -d' ' -f1 places >addresses
   paste -d'\n' <(cut -d' ' -f2 places) <("$addr2line" -e image <addresses) | plain >expected
-  diff expected <("$reader" section <addresses | plain)
+  same expected <("$reader" section <addresses | plain)
   "$mktrace" --dump image | sed -nE 's/^ {9}(0x[0-9a-f]+) /\1 /p' >rows
   [ "$(wc -l <rows)" -gt 20 ] || fail "rows: $(<rows)"
-  diff <(cut -d' ' -f2- rows | plain) <(cut -d' ' -f1 rows | "$reader" section | sed -n 'n;p' | plain)
+  same <(cut -d' ' -f2- rows | plain) <(cut -d' ' -f1 rows | "$reader" section | sed -n 'n;p' | plain)
 }
 
 cp "$mktrace" image
@@ -95,7 +96,7 @@ cmp image whole
 [ "$(stat -c '%F %a' link target | xargs)" = 'symbolic link 777 regular file 750' ] || fail "$(ls -l)"
 strip target
 "$mktrace" image
-diff <("$mktrace" --dump image) <("$mktrace" --dump target)
+same <("$mktrace" --dump image) <("$mktrace" --dump target)
 
 # Damage at random places of the ELF header, the section and the section headers, and cuts: the tool
 # says no or does what it should, and never ends by a signal.

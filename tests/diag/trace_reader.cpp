@@ -8,8 +8,8 @@
 
 int main(int, char** argv) {
   zorvac::diag::byte_source section;
-  section.open_file(argv[1]);
   for (std::string address; std::cin >> address;) {
+    section.open_file(argv[1]);  // each time: what is read of a file that is open is limited
     tbk_pc_info info{"??", "??", 0};
     scan_trace(section, {0, std::filesystem::file_size(argv[1])}, std::stoull(address, nullptr, 16),
                info);
