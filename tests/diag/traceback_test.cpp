@@ -282,7 +282,7 @@ TEST(Text, AndWalkHideWhatTheContextAndTheSkipFlagSay) {
 }
 
 TEST(Text, BeforeAFaultIsKept) {
-  below(0, [] {
+  below(10, [] {
     for (const bool table : {false, true}) {
       std::string whole;
       for (const int after : {100, 8, 4, 3, 2, 1, 0}) {
