@@ -84,6 +84,7 @@ refuse 1 'not a regular file' : -o . image
 refuse 1 'not a regular file' : .
 refuse 1 'No such file' : none
 refuse 1 'no .trace section' : --dump image
+refuse 1 'not sound' 'printf "\13\1\11\0\0\0" >said && objcopy --add-section .trace=said image' --dump image
 refuse 2 'Usage' : --dump -o x image
 refuse 2 'Usage' : image image
 refuse 2 'Usage' : --trace image
