@@ -28,20 +28,17 @@
   .endr
 .endm
 
-// All vector registers; R11 has their size, RAX the address of the file.
+// All vector registers, the narrow ones and then the wide ones that hold them; R11 has the size of
+// the widest, RAX the address of the file.
 .macro vectors store
-  cmp $32, %r11d
-  je 2f
-  ja 3f
   each \store, movdqu, xmm, VECTOR, 64, TO_15
-  jmp 4f
-2:
+  cmp $32, %r11d
+  jb 1f
   each \store, vmovdqu, ymm, VECTOR, 64, TO_15
-  jmp 4f
-3:
+  je 1f
   each \store, vmovdqu64, zmm, VECTOR, 64, TO_31
   each \store, kmovq, k, MASK, 8, TO_7
-4:
+1:
 .endm
 
 // All general registers but RAX, which has the address of the file, and RSP.
@@ -90,9 +87,5 @@ zorvac_test_call:
   stmxcsr MXCSR(%rax)
   fnstcw X87_CONTROL(%rax)
   vectors 1
-  cmp $16, %r11d
-  je 5f
-  vzeroupper
-5:
   ret
   .cfi_endproc

@@ -8,8 +8,7 @@
 
 namespace zorvac::test {
 
-static_assert(offsetof(register_file, vector) == 128);
-static_assert(offsetof(register_file, flags) == 128 + 32 * 64 + 64 + 32 + 8);
+static_assert(offsetof(register_file, flags) == 16 * 8 + 32 * 64 + 8 * 8 + 4 * 8 + 4 + 4);
 
 extern "C" void zorvac_test_call(void (*routine)(), register_file* file, int bytes);
 
