@@ -64,29 +64,15 @@ struct operands {
   [[nodiscard]] char* partner() const { return reinterpret_cast<char*>(second); }
   [[nodiscard]] int character() const { return static_cast<int>(second); }
 };
-// What of them a routine takes, and what it does. Those from `limited` to `order` look at no more
+// What of them a routine takes, and what it does. Those from `limit` to `order` look at no more
 // of a string than they are told, so that it need not end.
-enum class shape {
-  tail,
-  find_tail,
-  duplicate,
-  find,
-  limited,
-  field,
-  append,
-  order,
-  copy,
-  set,
-  tokens,
-  number,
-  int_number
-};
+enum class kind { tail, seek, find, limit, field, append, order, copy, set, tokens, int64, int32 };
 enum class level { sse2, ssse3, sse4 };
 struct routine {
   level instructions;
   const char* name;
   void* address;
-  shape how;
+  kind how;
   std::uint64_t (*inlined)(const operands&);   // the header's function
   std::uint64_t (*expected)(const operands&);  // the C library's
 
@@ -94,10 +80,10 @@ struct routine {
     if (instructions == level::ssse3) return __builtin_cpu_supports("ssse3") != 0;
     return instructions == level::sse2 || __builtin_cpu_supports("sse4.2") != 0;
   }
-  [[nodiscard]] bool is_tail() const { return how <= shape::find_tail; }
-  [[nodiscard]] bool is_bounded() const { return how >= shape::limited && how <= shape::order; }
+  [[nodiscard]] bool is_tail() const { return how <= kind::seek; }
+  [[nodiscard]] bool is_bounded() const { return how >= kind::limit && how <= kind::order; }
   [[nodiscard]] bool writes() const {
-    return how == shape::field || how == shape::append || how == shape::copy;
+    return how == kind::field || how == kind::append || how == kind::copy;
   }
 };
 
@@ -126,7 +112,7 @@ std::uint64_t word(std::integral auto value) { return static_cast<std::uint64_t>
 
 #define ROUTINE(l, op, how, ...)                                                \
   {                                                                             \
-    level::l, #l #op, reinterpret_cast<void*>(&__zorva_##l##_##op), shape::how, \
+    level::l, #l #op, reinterpret_cast<void*>(&__zorva_##l##_##op), kind::how,  \
         [](const operands& o) { return word(zorvac_##l##_##op(__VA_ARGS__)); }, \
         [](const operands& o) { return word(op(__VA_ARGS__)); }                 \
   }
@@ -136,25 +122,25 @@ std::uint64_t word(std::integral auto value) { return static_cast<std::uint64_t>
       ROUTINE(l, stpcpy, copy, o.partner(), o.string),            \
       ROUTINE(l, strncpy, field, o.partner(), o.string, o.count), \
       ROUTINE(l, stpncpy, field, o.partner(), o.string, o.count)
-#define OF_TWO_LEVELS(l)                                                                         \
-  ROUTINE(l, strlen, tail, o.string), ROUTINE(l, strend, tail, o.string),                        \
-      ROUTINE(l, strchr, find_tail, o.string, o.character()),                                    \
-      ROUTINE(l, strnlen, limited, o.string, o.second), ROUTINE(l, strdup, duplicate, o.string), \
-      ROUTINE(l, strcat, copy, o.partner(), o.string),                                           \
-      ROUTINE(l, strncat, append, o.partner(), o.string, o.count),                               \
-      ROUTINE(l, strncmp, order, o.string, o.partner(), o.count),                                \
-      ROUTINE(l, strspn, set, o.string, o.partner()),                                            \
-      ROUTINE(l, strcspn, set, o.string, o.partner()),                                           \
-      ROUTINE(l, strpbrk, set, o.string, o.partner()),                                           \
+#define OF_TWO_LEVELS(l)                                                                  \
+  ROUTINE(l, strlen, tail, o.string), ROUTINE(l, strend, tail, o.string),                 \
+      ROUTINE(l, strchr, seek, o.string, o.character()),                                  \
+      ROUTINE(l, strnlen, limit, o.string, o.second), ROUTINE(l, strdup, copy, o.string), \
+      ROUTINE(l, strcat, copy, o.partner(), o.string),                                    \
+      ROUTINE(l, strncat, append, o.partner(), o.string, o.count),                        \
+      ROUTINE(l, strncmp, order, o.string, o.partner(), o.count),                         \
+      ROUTINE(l, strspn, set, o.string, o.partner()),                                     \
+      ROUTINE(l, strcspn, set, o.string, o.partner()),                                    \
+      ROUTINE(l, strpbrk, set, o.string, o.partner()),                                    \
       ROUTINE(l, strtok, tokens, o.string, o.partner())
 const routine routines[] = {OF_ALL_LEVELS(sse2),
                             OF_TWO_LEVELS(sse2),
                             OF_ALL_LEVELS(ssse3),
                             OF_ALL_LEVELS(sse4),
                             OF_TWO_LEVELS(sse4),
-                            ROUTINE(sse4, atoi, int_number, o.string),
-                            ROUTINE(sse4, atol, number, o.string),
-                            ROUTINE(sse4, atoll, number, o.string)};
+                            ROUTINE(sse4, atoi, int32, o.string),
+                            ROUTINE(sse4, atol, int64, o.string),
+                            ROUTINE(sse4, atoll, int64, o.string)};
 static_assert(std::size(routines) == 42);
 
 class String : public testing::TestWithParam<routine> {
@@ -202,11 +188,10 @@ class String : public testing::TestWithParam<routine> {
     const std::size_t from = below(200), size = below(41), place = below(length + 1);
     const std::string members = letters_.substr(from, size),
                       others = letters_.substr(from + size, 1 + below(20));
-    const std::string text = r.how >= shape::number
-                                 ? number(length % 51)
-                                 : words(length, below(2) == 0 ? members : others);
-    std::string other = r.how == shape::order ? text : members;
-    if (r.how == shape::order) {
+    const std::string text = r.how >= kind::int64 ? number(length % 51)
+                                                  : words(length, below(2) == 0 ? members : others);
+    std::string other = r.how == kind::order ? text : members;
+    if (r.how == kind::order) {
       if (below(4) == 0 && place < length) other[place] = any_of(letters_);
       if (below(4) == 0) other += words(1 + below(20), {});
       if (below(4) == 0) other.resize(place);
@@ -215,22 +200,22 @@ class String : public testing::TestWithParam<routine> {
                                   length + 17, 300, SIZE_MAX / 2, SIZE_MAX - 1, SIZE_MAX};
     const bool cut = r.is_bounded() && below(8) == 0;
     operands o;
-    o.count = cut ? (r.how == shape::order ? std::min(length, other.size()) : length)
-                  : counts[below(r.how == shape::field ? 8 : std::size(counts))];
+    o.count = cut ? (r.how == kind::order ? std::min(length, other.size()) : length)
+                  : counts[below(r.how == kind::field ? 8 : std::size(counts))];
     o.string = put(here, text, gap, cut);
     if (r.writes())
       o.second = word(std::strcpy(begin(there) + below(64), others.c_str()));
-    else if (r.how == shape::find || r.how == shape::find_tail)
+    else if (r.how == kind::find || r.how == kind::seek)
       o.second = random_() << 8 |
                  static_cast<unsigned char>(below(2) == 0 ? any_of(letters_) : text.c_str()[place]);
     else
-      o.second = r.how == shape::limited ? o.count : word(put(there, other, below(64), cut));
+      o.second = r.how == kind::limit ? o.count : word(put(there, other, below(64), cut));
     return o;
   }
 
   // Whoever calls a tail has found that the first block does not answer the question.
   static bool is_behind_first_block(const routine& r, const operands& o) {
-    const char* const stop = strchrnul(o.string, r.how == shape::find_tail ? o.character() : 0);
+    const char* const stop = strchrnul(o.string, r.how == kind::seek ? o.character() : 0);
     return word(stop) / 16 != word(o.string) / 16;
   }
   static std::uint64_t by_registers(const routine& r, const operands& o) {
@@ -244,7 +229,7 @@ class String : public testing::TestWithParam<routine> {
       in.general[rdx] = o.second;
       in.general[r8] = o.count;
     }
-    if (r.how == shape::find_tail) {
+    if (r.how == kind::seek) {
       in.vector[1].fill(0);
       std::fill_n(in.vector[1].begin(), r.instructions == level::sse2 ? 16 : 1,
                   static_cast<std::uint8_t>(o.second));
@@ -261,10 +246,10 @@ class String : public testing::TestWithParam<routine> {
   }
 
   // The bits of an answer that mean something.
-  static std::uint64_t promised(shape how, std::uint64_t answer) {
+  static std::uint64_t promised(kind how, std::uint64_t answer) {
     const auto narrow = static_cast<std::int32_t>(answer);
-    if (how == shape::order) return word((narrow > 0) - (narrow < 0));
-    return how == shape::int_number ? word(narrow) : answer;
+    if (how == kind::order) return word((narrow > 0) - (narrow < 0));
+    return how == kind::int32 ? word(narrow) : answer;
   }
   // Leaves memory as the routine does, and returns what it returns.
   std::uint64_t check(const routine& r, const operands& o) {
@@ -288,11 +273,11 @@ TEST_P(String, IsTheCLibrarysAtEveryLengthAndPlace) {
   for (std::size_t length = 0; length <= 200; ++length)
     for (std::size_t gap = 0; gap < 64; ++gap) {
       operands o = scene(GetParam(), length, gap);
-      bool more = check(GetParam(), o) != 0 && GetParam().how == shape::tokens;
+      bool more = check(GetParam(), o) != 0 && GetParam().how == kind::tokens;
       o.string = nullptr;
       while (more)  // the levels share what is left of the string
         for (const routine& r : routines)
-          if (r.how == shape::tokens && r.runs()) more = check(r, o) != 0;
+          if (r.how == kind::tokens && r.runs()) more = check(r, o) != 0;
       ASSERT_FALSE(HasFailure()) << "length " << length << ", gap " << gap;
     }
 }
