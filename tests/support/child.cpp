@@ -9,26 +9,22 @@
 #include <cstdio>
 #include <stdexcept>
 
-#ifdef ZORVAC_COVERAGE
-extern "C" void __gcov_dump();
-#endif
+// Writes the counts of a coverage build, as exit does; in other builds there is none.
+extern "C" [[gnu::weak]] void __gcov_dump();
 
 namespace zorvac::test {
 namespace {
 
-// The counts of a coverage build are written by exit; a child that ends otherwise writes them here.
-void keep_coverage() {
-#ifdef ZORVAC_COVERAGE
-  __gcov_dump();
-#endif
+void keep_coverage(int deadly_signal = 0) {
+  if (deadly_signal != 0) std::signal(deadly_signal, SIG_DFL);  // it comes again
+  if (__gcov_dump != nullptr) __gcov_dump();
 }
 
 // All that was written to a file that nobody else has, which is closed.
 std::string text_in(int file) {
   std::string text(static_cast<std::size_t>(lseek(file, 0, SEEK_END)), 0);
-  const bool whole = pread(file, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
+  text.resize(static_cast<std::size_t>(pread(file, text.data(), text.size(), 0)));
   close(file);
-  if (!whole) throw std::runtime_error("read failed");
   return text;
 }
 
@@ -41,31 +37,23 @@ std::ostream& operator<<(std::ostream& out, const outcome& o) {
 }
 
 outcome run_in_child(const std::function<void()>& body) {
-  const int streams[] = {memfd_create("output", 0), memfd_create("error", 0)};
+  const int streams[] = {memfd_create("output", MFD_CLOEXEC), memfd_create("error", MFD_CLOEXEC)};
   std::fflush(nullptr);  // or the child would print what the parent has buffered
   const pid_t child = fork();
-  if (child < 0 || streams[0] < 0 || streams[1] < 0) throw std::runtime_error("no child process");
   if (child == 0) {
     dup2(streams[0], STDOUT_FILENO);
     dup2(streams[1], STDERR_FILENO);
-    for (const int fd : streams) close(fd);
-#ifdef ZORVAC_COVERAGE
-    struct sigaction once {};  // then the signal does what it does by default
-    once.sa_handler = [](int) { keep_coverage(); };
-    once.sa_flags = static_cast<int>(SA_RESETHAND);
-    for (const int deadly : {SIGABRT, SIGSEGV}) sigaction(deadly, &once, nullptr);
-#endif
+    for (const int deadly : {SIGABRT, SIGSEGV})
+      if (__gcov_dump != nullptr) std::signal(deadly, keep_coverage);
     body();
     std::fflush(nullptr);
     keep_coverage();
     _exit(0);
   }
   int status = 0;
-  waitpid(child, &status, 0);
-  outcome result{text_in(streams[0]), text_in(streams[1])};
-  if (WIFEXITED(status)) result.exit_status = WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
-  return result;
+  if (waitpid(child, &status, 0) != child) throw std::runtime_error("no child process");
+  return {text_in(streams[0]), text_in(streams[1]), WIFEXITED(status) ? WEXITSTATUS(status) : -1,
+          WIFSIGNALED(status) ? WTERMSIG(status) : 0};
 }
 
 outcome run_program(const std::vector<std::string>& command) {

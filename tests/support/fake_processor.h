@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
-#include <string>
 #include <utility>
 
 #include "core/processor.h"
@@ -21,8 +20,7 @@ struct fake_processor {
 
   [[nodiscard]] bool has_cpuid() const { return cpuid_exists; }
   [[nodiscard]] cpuid_answer cpuid(std::uint32_t leaf, std::uint32_t subleaf) const {
-    const auto found = answers.find({leaf, subleaf});
-    return found == answers.end() ? cpuid_answer{} : found->second;
+    return answers.contains({leaf, subleaf}) ? answers.at({leaf, subleaf}) : cpuid_answer{};
   }
   [[nodiscard]] std::uint64_t xgetbv() const {
     ++xgetbv_calls;
@@ -33,7 +31,6 @@ struct fake_processor {
     return answers[{number, subleaf}];
   }
 };
-static_assert(processor<fake_processor>);
 
 // Leaf 0 of a processor of a maker (12 characters).
 inline cpuid_answer vendor_leaf(std::uint32_t maximum_leaf, const char* vendor) {

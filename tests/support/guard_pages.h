@@ -3,7 +3,6 @@
 // A block of memory between two pages that nobody may touch: a read or write one byte outside the
 // block, on the side that lies against its page, ends the test at once.
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <cstddef>
 #include <stdexcept>
@@ -13,16 +12,14 @@ namespace zorvac::test {
 class guarded_block {
  public:
   // At least `bytes` usable bytes, rounded up to whole pages.
-  explicit guarded_block(std::size_t bytes)
-      : page_(static_cast<std::size_t>(sysconf(_SC_PAGESIZE))),
-        bytes_((bytes + page_ - 1) / page_ * page_) {
-    void* map = mmap(nullptr, bytes_ + 2 * page_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (map == MAP_FAILED) throw std::runtime_error("mmap failed");
-    begin_ = static_cast<unsigned char*>(map) + page_;
-    if (mprotect(begin_, bytes_, PROT_READ | PROT_WRITE) != 0)
-      throw std::runtime_error("mprotect failed");
+  explicit guarded_block(std::size_t bytes) : bytes_((bytes + page - 1) / page * page) {
+    void* const map =
+        mmap(nullptr, bytes_ + 2 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    begin_ = static_cast<unsigned char*>(map) + page;
+    if (map == MAP_FAILED || mprotect(begin_, bytes_, PROT_READ | PROT_WRITE) != 0)
+      throw std::runtime_error("no memory between unreadable pages");
   }
-  ~guarded_block() { munmap(begin_ - page_, bytes_ + 2 * page_); }
+  ~guarded_block() { munmap(begin_ - page, bytes_ + 2 * page); }
   guarded_block(const guarded_block&) = delete;
   guarded_block& operator=(const guarded_block&) = delete;
 
@@ -31,7 +28,8 @@ class guarded_block {
   [[nodiscard]] std::size_t size() const { return bytes_; }
 
  private:
-  std::size_t page_, bytes_;
+  static constexpr std::size_t page = 4096;
+  std::size_t bytes_;
   unsigned char* begin_;
 };
 

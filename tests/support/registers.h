@@ -17,12 +17,12 @@ enum gpr : std::size_t { rax, rcx, rdx, rbx, rsp, rbp, rsi, rdi,
 
 // All that a routine could change. The assembler side knows the offsets.
 struct alignas(64) register_file {
-  std::array<std::uint64_t, 16> general{};  // RSP is not set; afterwards: its value at the return
+  std::array<std::uint64_t, 16> general{};                // RSP is neither set nor stored
   std::array<std::array<std::uint8_t, 64>, 32> vector{};  // XMM, YMM or ZMM, as the host has them
   std::array<std::uint64_t, 8> mask{};
+  std::array<std::uint64_t, 4> above{};  // the 32 bytes above the return address
   std::uint32_t mxcsr = 0x1f80;
   std::uint16_t x87_control = 0x037f;
-  std::uint16_t unused = 0;
   std::uint64_t flags = 0;
 };
 
@@ -32,7 +32,7 @@ register_file filled_registers(unsigned seed);
 // Calls `routine` with the registers of `in` and returns the registers as it left them.
 register_file call_with_registers(void (*routine)(), const register_file& in);
 
-// The names of the registers that differ, the general ones without RSP, R10 and R11.
+// The names of the registers that differ, the general ones without R10 and R11.
 std::vector<std::string> changed_registers(const register_file& before, const register_file& after);
 
 }  // namespace zorvac::test
