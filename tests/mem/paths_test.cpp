@@ -1,14 +1,8 @@
 // Which way a block goes: size classes, streaming and its fence, string instructions, prefetches,
 // directions, the probe of the caches. The bytes come out the same on every path, so the routines
-// are single-stepped, or run into pages that nobody may touch.
-#include <ucontext.h>
-
+// are single-stepped, under a clock of the test's own.
 #include <algorithm>
-#include <chrono>
-#include <csignal>
-#include <cstring>
 #include <map>
-#include <thread>
 
 #include "mem/members.h"
 #include "mem/trace.h"
@@ -35,8 +29,10 @@ class PathTest : public testing::Test {
     if (const auto* compare = std::get_if<compare_function*>(&r)) (*compare)(s, s, count);
   }
   // The steps of a call on these offsets.
-  trace run(routine r, std::size_t to, std::size_t from, std::size_t count) {
-    trace t = trace_of(entry_of(r), [&] { call(r, to, from, count); });
+  trace run(routine r, std::size_t to, std::size_t from, std::size_t count,
+            const stopped_clock& clock = {}) {
+    trace t = trace_of(
+        entry_of(r), [&] { call(r, to, from, count); }, clock);
     EXPECT_GT(t.size(), 0u);
     return t;
   }
@@ -169,11 +165,7 @@ TEST_F(PathTest, BeginsAtItsEdge) {
         SCOPED_TRACE(testing::Message()
                      << "row " << &e - edges << ", " << e.caches << ", " << n << " bytes");
         const trace t = run(r, e.to, e.from, n);
-        unsigned taken = kinds_in(t) & ~static_cast<unsigned>(indirect_jump);
-        if ((taken & time_stamp) != 0) {  // what the probe finds is another test's
-          EXPECT_EQ((taken & streaming_store) != 0, (taken & store_fence) != 0);
-          taken &= ~streams;
-        }
+        const unsigned taken = kinds_in(t) & ~static_cast<unsigned>(indirect_jump);
         EXPECT_EQ(names_of(taken), names_of(n < e.count ? e.below : e.above));
 
         // What was streamed is fenced before the return, and the stores of loops are aligned.
@@ -290,62 +282,42 @@ TEST_F(PathTest, LowAddressBytesChooseTheDirection) {
         }
 }
 
-// Accesses to pages that nobody may touch, the first 128 bytes taken as one place, and by which
-// instruction. Each page opens at its first access, which takes long.
-struct fault {
-  std::size_t offset;
-  unsigned what;
-  bool operator==(const fault&) const = default;
-};
-struct {
-  guarded_block* area;
-  std::vector<fault> seen;
-} faults;
-void on_fault(int, siginfo_t* info, void* context) {
-  const greg_t* const registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
-  auto* const at = static_cast<unsigned char*>(info->si_addr);
-  const auto offset = static_cast<std::size_t>(at - faults.area->begin());
-  const step now = decode(static_cast<std::uintptr_t>(registers[REG_RIP]), registers);
-  if (faults.seen.size() < faults.seen.capacity())  // allocates nothing
-    faults.seen.push_back({offset < 128 ? 0 : offset, now.what});
-  if (mprotect(faults.area->begin() + offset / 4096 * 4096, 4096, PROT_READ | PROT_WRITE) != 0)
-    std::abort();
-  std::this_thread::sleep_for(std::chrono::milliseconds(1));
-}
-
-// A byte at one quarter of the bulk is read, and if that takes long one at three quarters; if both
-// do, the block is streamed, from its start on. What does not fault may take long too, when
-// somebody else runs.
+// The byte at one quarter of the bulk is read, and if that takes more than three times as long as
+// reading the clock the one at three quarters; if that does too, the bulk is streamed. Differences
+// of the clock have 32 bits.
 TEST_F(PathTest, ProbesTellWhetherTheDestinationIsCached) {
-  constexpr std::size_t quarter = 12 * 1024;
-  // With all pages of the destination closed but one.
-  const auto is_seen = [&](int attempts, routine r, std::size_t open_offset,
-                           const std::vector<fault>& expected) {
-    for (; attempts > 0; --attempts) {
-      faults.area = &to_;
-      faults.seen.clear();
-      faults.seen.reserve(4);
-      for (std::size_t page = 0; page < to_.size(); page += 4096)
-        if (page != open_offset) mprotect(to_.begin() + page, 4096, PROT_NONE);
-      struct sigaction action {
-      }, old{};
-      action.sa_sigaction = on_fault;
-      action.sa_flags = SA_SIGINFO;
-      sigaction(SIGSEGV, &action, &old);
-      call(r, 0, 0, 4 * quarter + 100);
-      sigaction(SIGSEGV, &old, nullptr);
-      if (faults.seen.size() >= expected.size() &&
-          std::equal(expected.begin(), expected.end(), faults.seen.begin()))
-        return true;
-    }
-    return false;
+  constexpr std::size_t bulk = 136 * 128, quarter = bulk / 4;
+  constexpr std::uint64_t little = 2 * stopped_clock::reading, much = little + 1;
+  using offsets = std::vector<std::size_t>;
+  const struct {
+    offsets slow;
+    std::uint64_t longer;
+    offsets probed;
+    std::size_t streamed;
+  } rows[] = {
+      {{}, 0, {quarter}, 0},
+      {{quarter}, much, {quarter, 3 * quarter}, 0},
+      {{3 * quarter}, much, {quarter}, 0},
+      {{quarter, 3 * quarter}, much, {quarter, 3 * quarter}, bulk},
+      {{quarter, 3 * quarter}, little, {quarter}, 0},
+      {{quarter, 3 * quarter}, std::uint64_t{1} << 32, {quarter}, 0},
   };
   for (const auto& routines : {vec_copies, vec_fills})
-    for (const routine r : routines) {
-      EXPECT_TRUE(is_seen(1, r, SIZE_MAX, {{quarter, 0}, {3 * quarter, 0}, {0, streaming_store}}));
-      EXPECT_TRUE(is_seen(50, r, quarter, {{0, 0}}));
-      EXPECT_TRUE(is_seen(50, r, 3 * quarter, {{quarter, 0}, {0, 0}}));
-    }
+    for (const routine r : routines)
+      for (const auto& row : rows) {
+        SCOPED_TRACE(testing::Message() << "row " << &row - rows);
+        stopped_clock clock{(std::uint64_t{2} << 32) - 45, {}, row.longer};  // soon wraps
+        for (const std::size_t offset : row.slow) clock.slow.push_back(to_.begin() + offset);
+        const trace t = run(r, 0, 0, bulk + 100, clock);
+        offsets probed;
+        int times = 0;
+        for (const step& s : t) {  // between the second and the third time
+          times += s.what == time_stamp ? 1 : 0;
+          if (times % 3 == 2 && in_destination(s)) probed.push_back(offset_of(s));
+        }
+        EXPECT_EQ(probed, row.probed);
+        EXPECT_EQ(count(t, streaming_store) * 16, row.streamed);
+      }
 }
 
 }  // namespace

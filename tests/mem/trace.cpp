@@ -32,35 +32,8 @@ constexpr struct {
     {ZYDIS_MNEMONIC_JMP, indirect_jump, "indirect jump"},
 };
 
-struct {
-  std::uintptr_t entry;  // of the routine
-  greg_t return_slot;    // its stack pointer at the entry; 0 outside the routine
-  trace steps;
-} recorder;
-
-void on_step(int, siginfo_t*, void* context) {
-  const greg_t* const registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
-  const auto address = static_cast<std::uintptr_t>(registers[REG_RIP]);
-  if (address == recorder.entry) recorder.return_slot = registers[REG_RSP];
-  if (registers[REG_RSP] > recorder.return_slot) recorder.return_slot = 0;
-  if (recorder.return_slot == 0) return;
-  trace& steps = recorder.steps;
-  const step now = decode(address, registers);
-  const unsigned strings = rep_move_bytes | rep_move_words | rep_fill_bytes | rep_fill_words;
-  const bool repeats = (now.what & strings) != 0 && steps.back().address == address;
-  if (!repeats && steps.size() < steps.capacity()) steps.push_back(now);  // allocates nothing
-}
-
-}  // namespace
-
-std::string names_of(unsigned what) {
-  std::string names;
-  for (const auto& k : kinds)
-    if ((what & k.what) != 0 && *k.name != '\0') names.append(k.name).append(" ");
-  return names;
-}
-
-step decode(std::uintptr_t address, const long long* registers) {
+// What the instruction at an address is, with these general registers.
+step decode(std::uintptr_t address, const greg_t* registers) {
   static const ZydisDecoder decoder = [] {
     ZydisDecoder d;
     ZydisDecoderInit(&d, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
@@ -90,10 +63,58 @@ step decode(std::uintptr_t address, const long long* registers) {
   return s;
 }
 
-trace trace_of(const void* routine, const std::function<void()>& body) {
+struct {
+  std::uintptr_t entry;  // of the routine
+  greg_t return_slot;    // its stack pointer at the entry; 0 outside the routine
+  trace steps;
+  stopped_clock clock;
+} recorder;
+
+// Does what RDTSC does, and goes on to the next instruction.
+void read_clock(greg_t* registers) {
+  registers[REG_RAX] = static_cast<greg_t>(recorder.clock.now & 0xffff'ffff);
+  registers[REG_RDX] = static_cast<greg_t>(recorder.clock.now >> 32);
+  registers[REG_RIP] += 2;
+  recorder.clock.now += stopped_clock::reading;
+}
+
+// Records the instruction that is next to run.
+step record(const greg_t* registers) {
+  const auto address = static_cast<std::uintptr_t>(registers[REG_RIP]);
+  trace& steps = recorder.steps;
+  const step now = decode(address, registers);
+  const unsigned strings = rep_move_bytes | rep_move_words | rep_fill_bytes | rep_fill_words;
+  const bool repeats = (now.what & strings) != 0 && steps.back().address == address;
+  if (!repeats && steps.size() < steps.capacity()) steps.push_back(now);  // allocates nothing
+  for (const void* slow : recorder.clock.slow)
+    if (reinterpret_cast<std::uintptr_t>(slow) - now.operand < now.bytes)
+      recorder.clock.now += recorder.clock.longer;
+  return now;
+}
+
+void on_step(int, siginfo_t*, void* context) {
+  greg_t* const registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
+  if (static_cast<std::uintptr_t>(registers[REG_RIP]) == recorder.entry)
+    recorder.return_slot = registers[REG_RSP];
+  if (registers[REG_RSP] > recorder.return_slot) recorder.return_slot = 0;
+  if (recorder.return_slot == 0) return;
+  while (record(registers).what == time_stamp) read_clock(registers);
+}
+
+}  // namespace
+
+std::string names_of(unsigned what) {
+  std::string names;
+  for (const auto& k : kinds)
+    if ((what & k.what) != 0 && *k.name != '\0') names.append(k.name).append(" ");
+  return names;
+}
+
+trace trace_of(const void* routine, const std::function<void()>& body, const stopped_clock& clock) {
   constexpr long trap_flag = 0x100;
   recorder.entry = reinterpret_cast<std::uintptr_t>(routine);
   recorder.return_slot = 0;
+  recorder.clock = clock;
   recorder.steps.clear();
   recorder.steps.reserve(1 << 20);
   struct sigaction action {

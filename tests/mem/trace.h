@@ -36,11 +36,18 @@ struct step {
 };
 using trace = std::vector<step>;  // a repeated string instruction is one step
 
-// What the instruction is that `step.address` names, with these general registers (as in ucontext).
-step decode(std::uintptr_t address, const long long* registers);
+// The time that a traced routine reads: it stands still but for what reading it takes, and for steps
+// that read or write slow memory.
+struct stopped_clock {
+  std::uint64_t now = 0;
+  std::vector<const void*> slow;  // bytes that take long
+  std::uint64_t longer = 0;       // by so much
+  static constexpr std::uint64_t reading = 30;
+};
 
 // Traces the one call of `routine` that `body` makes, from its first instruction to its return.
-trace trace_of(const void* routine, const std::function<void()>& body);
+trace trace_of(const void* routine, const std::function<void()>& body,
+               const stopped_clock& clock = {});
 
 }  // namespace zorvac::test
 #endif
