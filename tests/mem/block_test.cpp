@@ -129,7 +129,7 @@ TEST_P(Block, IsExactAtEveryCountAlignmentAndOverlap) {
   const member& m = GetParam();
   if (!m.runs) GTEST_SKIP() << "this processor cannot run it";
   for (const cache_values& caches : settings) {
-    SCOPED_TRACE(testing::Message() << caches);
+    SCOPED_TRACE(testing::Message() << "setting " << &caches - settings);
     set_caches(caches);
     for (const std::size_t count : counts_for(caches)) {
       // All pairs of alignments for the smallest counts, and with them all distances of overlap.

@@ -60,9 +60,6 @@ inline std::ostream& operator<<(std::ostream& out, const member& m) { return out
 struct cache_values {
   std::int32_t largest, data, method = 2;
 };
-inline std::ostream& operator<<(std::ostream& out, const cache_values& v) {
-  return out << "caches " << v.largest << ' ' << v.data << ", method " << v.method;
-}
 inline constexpr cache_values ordinary{1 << 20, 32 << 10};
 inline void set_caches(const cache_values& v) {
   __libvrt_largest_cache_size = v.largest;

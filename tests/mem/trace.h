@@ -92,15 +92,13 @@ inline trace trace_of(const void* entry, const std::function<void()>& body,
   constexpr long trap_flag = 0x100;
   recorder = {reinterpret_cast<std::uintptr_t>(entry), 0, {}, clock};
   recorder.steps.reserve(1 << 18);
-  struct sigaction action {
-  }, old{};
+  struct sigaction action = {};
   action.sa_sigaction = on_step;
   action.sa_flags = SA_SIGINFO;
-  sigaction(SIGTRAP, &action, &old);
+  sigaction(SIGTRAP, &action, nullptr);
   asm volatile("pushfq\n\t orq %0, (%%rsp)\n\t popfq" ::"e"(trap_flag) : "memory", "cc");
   body();
   asm volatile("pushfq\n\t andq %0, (%%rsp)\n\t popfq" ::"e"(~trap_flag) : "memory", "cc");
-  sigaction(SIGTRAP, &old, nullptr);
   return recorder.steps;
 }
 
