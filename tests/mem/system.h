@@ -15,19 +15,20 @@
 
 namespace zorvac::test {
 
-// Memory of the system's is never taken back. In front of a block stands the word that the C
-// library would put there; 2 marks one that was mapped for the purpose, and is zero.
-struct system_memory {
+// What is asked. In front of a block of memory stands the word that the C library would put there; 2
+// marks one that was mapped for the purpose, and is zero. Nothing is taken back.
+inline struct {
   bool watched = false, fails = false;
   std::uint64_t header = 2;
-  std::size_t offset = 16;  // in its page
-  std::string asked = {};
+  std::size_t offset = 16;  // of a block in its page
   unsigned char* last = nullptr;
+  std::string asked = {};
 
-  template <class Real>
-  void* give(const char* call, std::size_t bytes, Real real) {
-    if (!watched) return real();
-    asked += call + std::to_string(bytes) + ' ';
+  void note(const char* call, std::size_t bytes) {
+    if (watched) asked += call + std::to_string(bytes) + ' ';
+  }
+  void* give(const char* call, std::size_t bytes) {
+    note(call, bytes);
     if (fails) return nullptr;
     auto* const map = static_cast<unsigned char*>(
         mmap(nullptr, offset + bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
@@ -35,8 +36,7 @@ struct system_memory {
     std::memcpy(map + offset - 8, &header, 8);
     return last = map + offset;
   }
-};
-inline system_memory the_system;
+} the_system;
 
 extern "C" {
 void* __real_malloc(std::size_t);
@@ -46,25 +46,25 @@ void __real_free(void*);
 void* __real__zorva_fast_memset(void*, int, std::size_t);
 void* __real__zorva_fast_memcpy(void*, const void*, std::size_t);
 
-void* __wrap_malloc(std::size_t bytes) {
-  return the_system.give("malloc ", bytes, [=] { return __real_malloc(bytes); });
+void* __wrap_malloc(std::size_t size) {
+  return the_system.watched ? the_system.give("malloc ", size) : __real_malloc(size);
 }
-void* __wrap_calloc(std::size_t n, std::size_t bytes) {
-  return the_system.give("calloc ", n * bytes, [=] { return __real_calloc(n, bytes); });
+void* __wrap_calloc(std::size_t n, std::size_t size) {
+  return the_system.watched ? the_system.give("calloc ", n * size) : __real_calloc(n, size);
 }
-void* __wrap_realloc(void* block, std::size_t bytes) {
-  return the_system.give("realloc ", bytes, [=] { return __real_realloc(block, bytes); });
+void* __wrap_realloc(void* old, std::size_t size) {
+  return the_system.watched ? the_system.give("realloc ", size) : __real_realloc(old, size);
 }
 void __wrap_free(void* block) {
   if (!the_system.watched) return __real_free(block);
   the_system.asked += block == the_system.last ? "free " : "free another ";
 }
 void* __wrap__zorva_fast_memset(void* to, int value, std::size_t bytes) {
-  if (the_system.watched) the_system.asked += "fill " + std::to_string(bytes) + ' ';
+  the_system.note("fill ", bytes);
   return __real__zorva_fast_memset(to, value, bytes);
 }
 void* __wrap__zorva_fast_memcpy(void* to, const void* from, std::size_t bytes) {
-  if (the_system.watched) the_system.asked += "copy " + std::to_string(bytes) + ' ';
+  the_system.note("copy ", bytes);
   return __real__zorva_fast_memcpy(to, from, bytes);
 }
 }
