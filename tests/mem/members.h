@@ -27,25 +27,25 @@ struct member {
     return reinterpret_cast<routine*>(entry)(to, second, count);
   }
 };
-inline const bool ssse3 = __builtin_cpu_supports("ssse3") != 0,
-                  avx2 = __builtin_cpu_supports("avx2") != 0,
-                  avx512f = __builtin_cpu_supports("avx512f") != 0;
+inline bool ssse3() { return __builtin_cpu_supports("ssse3") != 0; }
+inline bool avx2() { return __builtin_cpu_supports("avx2") != 0; }
+inline bool avx512f() { return __builtin_cpu_supports("avx512f") != 0; }
 #define MEMBER(name, ...) \
   { #name, reinterpret_cast < void*>(name), kind::__VA_ARGS__ }
 inline const member members[] = {
     MEMBER(__zorva_new_memcpy, copy, true, 176),
-    MEMBER(__zorva_ssse3_memcpy, copy, ssse3, 79),
-    MEMBER(__zorva_ssse3_rep_memcpy, copy, ssse3, 143),
-    MEMBER(__zorva_avx_rep_memcpy, copy, avx2, 256),
-    MEMBER(__zorva_vpx_avx512f_memcpy, copy, avx512f, 127),
+    MEMBER(__zorva_ssse3_memcpy, copy, ssse3(), 79),
+    MEMBER(__zorva_ssse3_rep_memcpy, copy, ssse3(), 143),
+    MEMBER(__zorva_avx_rep_memcpy, copy, avx2(), 256),
+    MEMBER(__zorva_vpx_avx512f_memcpy, copy, avx512f(), 127),
     MEMBER(_VEC_memcpy, copy, true, 0),
     MEMBER(__zorva_VEC_memcpy, copy, true, 0),
     MEMBER(__zorva_new_memmove, move, true, 176),
-    MEMBER(__zorva_ssse3_memmove, move, ssse3, 79),
-    MEMBER(__zorva_ssse3_rep_memmove, move, ssse3, 143),
+    MEMBER(__zorva_ssse3_memmove, move, ssse3(), 79),
+    MEMBER(__zorva_ssse3_rep_memmove, move, ssse3(), 143),
     MEMBER(__zorva_new_memset, fill, true, 64),
-    MEMBER(__zorva_avx_rep_memset, fill, avx2, 128),
-    MEMBER(__zorva_vpx_avx512f_memset, fill, avx512f, 127),
+    MEMBER(__zorva_avx_rep_memset, fill, avx2(), 128),
+    MEMBER(__zorva_vpx_avx512f_memset, fill, avx512f(), 127),
     MEMBER(_VEC_memset, fill, true, 0),
     MEMBER(__zorva_VEC_memset, fill, true, 0),
     MEMBER(_VEC_memzero, zero, true, 0),

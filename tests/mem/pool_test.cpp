@@ -74,8 +74,8 @@ TEST(Pool, LeavesToTheSystemWhatItDoesNotServe) {
         {[] { return __i_pool_calloc(0, 16); }, "calloc 0 "},
         {[] { return __i_pool_realloc(nullptr, 64); }, "realloc 64 "}};
     const auto expect_steps = [&] {
-      for (const auto& [take, asks] : steps)
-        EXPECT_EQ(asked([&] { __i_pool_free(take()); }), asks + "free ");
+      for (const auto& step : steps)
+        EXPECT_EQ(asked([&] { __i_pool_free(step.first()); }), step.second + "free ");
     };
     expect_steps();
     register_sizes({64}, 0);
@@ -156,7 +156,7 @@ TEST(Pool, AsksForItsBytesUntilItHasThem) {
     });
 }
 
-// Threads find no room and wait for the lock, which thread 0 has for a while: the first to get it
+// A lock keeps threads apart. They find no room and wait for the lock, which thread 0 has for a while: the first to get it
 // opens a pool, and all take their blocks from that. Made a pool of a few blocks, nearly every
 // request meets it being filled up, drained or started over by another thread. Each start clears all
 // of it: a block that somebody still has would not keep its stamp, which names the owner. Blocks are
@@ -171,12 +171,19 @@ TEST(Pool, IsSharedByThreads) {
     mem::pool& p = work_pool[0];
     std::array<std::atomic<word*>, 6> shared{};
     std::barrier together(threads);
+    std::uint32_t lock = 0, counted = 0;
     std::vector<std::thread> running;
     __fast_lock(&_i_pool_cr_sec);
     for (std::uint32_t self = 0; self < threads; ++self)
       running.emplace_back([&, self] {
+        for (int i = 0; i < 20'000; ++i) {
+          __fast_lock(&lock);
+          ++counted;
+          __fast_unlock(&lock);
+        }
         together.arrive_and_wait();
         if (self == 0) {
+          EXPECT_EQ(counted, threads * 20'000);
           std::this_thread::sleep_for(std::chrono::milliseconds(20));
           __fast_unlock(&_i_pool_cr_sec);
         }
