@@ -78,16 +78,17 @@ TEST(Pool, LeavesToTheSystemWhatItDoesNotServe) {
         EXPECT_EQ(asked([&] { __i_pool_free(step.first()); }), step.second + "free ");
     };
     expect_steps();
-    register_sizes({64}, 0);
+    register_sizes({64, 32}, 0);
     register_sizes({128}, 1);
     expect_steps();
-    char* block = nullptr;
-    EXPECT_EQ(asked([&] { block = allocate(64, 0), __i_pool_calloc(8, 16); }),
+    char* block = nullptr;  // a product of 32 bits, too
+    EXPECT_EQ(asked([&] { block = allocate(64, 0), __i_pool_calloc(0x10000008, 16); }),
               "malloc 1920000 malloc 3840000 ");
     expect_steps();
     EXPECT_EQ(asked([] { __i_pool_free(nullptr); }), "free another ");
     register_sizes({256}, 0);  // another list; the block is still its pool's
-    EXPECT_EQ(asked([&] { __i_pool_free(block), allocate(64, 0); }), "malloc 64 ");
+    EXPECT_EQ(asked([&] { __i_pool_free(block), allocate(64, 0), allocate(32, 0); }),
+              "malloc 64 malloc 32 ");
     EXPECT_EQ(work_pool[0].freed.load_acquire(), 1u);
   });
 }
@@ -156,20 +157,20 @@ TEST(Pool, AsksForItsBytesUntilItHasThem) {
     });
 }
 
-// A lock keeps threads apart. They find no room and wait for the lock, which thread 0 has for a while: the first to get it
-// opens a pool, and all take their blocks from that. Made a pool of a few blocks, nearly every
-// request meets it being filled up, drained or started over by another thread. Each start clears all
-// of it: a block that somebody still has would not keep its stamp, which names the owner. Blocks are
-// freed by another thread than took them, and written with plain stores, so that the thread sanitizer
-// sees every hand-over that the pool does not order. An index that was handed out to nobody would
-// keep it from draining for good.
+// A lock keeps threads apart. They find no room, and then a drained pool, and wait for the lock, which
+// thread 0 has for a while: the first to get it opens or starts a pool, and all take their blocks
+// from that. Made a pool of a few blocks, nearly every request meets it being filled up, drained or
+// started over by another thread. Each start clears all of it: a block that somebody still has would
+// not keep its stamp, which names the owner. Blocks are freed by another thread than took them, and
+// written with plain stores, so that the thread sanitizer sees every hand-over that the pool does not
+// order. An index that was handed out to nobody would keep it from draining for good.
 TEST(Pool, IsSharedByThreads) {
   in_own_process([] {
     using word = std::uint64_t;
     constexpr std::uint32_t threads = 4;
     register_sizes({64}, 1);
     mem::pool& p = work_pool[0];
-    std::array<std::atomic<word*>, 6> shared{};
+    std::array<std::atomic<word*>, threads> shared{};
     std::barrier together(threads);
     std::uint32_t lock = 0, counted = 0;
     std::vector<std::thread> running;
@@ -181,24 +182,31 @@ TEST(Pool, IsSharedByThreads) {
           ++counted;
           __fast_unlock(&lock);
         }
-        together.arrive_and_wait();
-        if (self == 0) {
-          EXPECT_EQ(counted, threads * 20'000);
-          std::this_thread::sleep_for(std::chrono::milliseconds(20));
-          __fast_unlock(&_i_pool_cr_sec);
-        }
-        shared[self] = reinterpret_cast<word*>(allocate(64, 1));
-        together.arrive_and_wait();
-        if (self == 0) {
+        for (int turn = 0; turn < 2; ++turn) {
+          together.arrive_and_wait();
+          if (self == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            __fast_unlock(&_i_pool_cr_sec);
+          }
+          shared[self] = reinterpret_cast<word*>(allocate(64, 1));
+          together.arrive_and_wait();
+          if (self != 0) continue;
           EXPECT_EQ(last_pool_num, 1u);
           EXPECT_EQ(p.handed_out.load_acquire(), threads);
-          p.count = threads + 1;
-          p.last = p.base.load_acquire() + std::size_t{64} * threads;
+          p.count = threads;  // full
+          for (auto& block : shared) __i_pool_free(block.exchange(nullptr));
+          __fast_lock(&_i_pool_cr_sec);
+        }
+        if (self == 0) {
+          EXPECT_EQ(counted, threads * 20'000);
+          p.count = 12;
+          p.last = p.saved_base + std::size_t{64} * 11;
           last_pool_num = mem::max_pools;  // no more than this one
+          __fast_unlock(&_i_pool_cr_sec);
         }
         together.arrive_and_wait();
         std::minstd_rand random(self + 1);
-        for (word round = 1; round <= 50'000; ++round) {
+        for (word round = 1; round <= 100'000; ++round) {
           auto* const block = static_cast<word*>(__i_pool_calloc(8, 8));
           ASSERT_TRUE(std::all_of(block, block + 8, [](word w) { return w == 0; })) << "not zero";
           block[0] = block[7] = word{self} << 32 | round;
