@@ -177,8 +177,10 @@ TEST(Pool, IsSharedByThreads) {
     __fast_lock(&_i_pool_cr_sec);
     for (std::uint32_t self = 0; self < threads; ++self)
       running.emplace_back([&, self] {
+        together.arrive_and_wait();
         for (int i = 0; i < 20'000; ++i) {
           __fast_lock(&lock);
+          EXPECT_EQ(std::atomic_ref(lock).load(), 1u);
           ++counted;
           __fast_unlock(&lock);
         }
@@ -206,7 +208,7 @@ TEST(Pool, IsSharedByThreads) {
         }
         together.arrive_and_wait();
         std::minstd_rand random(self + 1);
-        for (word round = 1; round <= 100'000; ++round) {
+        for (word round = 1; round <= 300'000; ++round) {
           auto* const block = static_cast<word*>(__i_pool_calloc(8, 8));
           ASSERT_TRUE(std::all_of(block, block + 8, [](word w) { return w == 0; })) << "not zero";
           block[0] = block[7] = word{self} << 32 | round;
