@@ -83,9 +83,15 @@ TEST(Reports, StandOnStandardErrorBetweenEmptyLinesAndEndTheProcess) {
          [] { __zorva_rtc_uninit_use(nullptr); });
   expect(uninitialized + "point%next%s' is being used in 100%n without being initialized",
          [] { __zorva_rtc_uninit_use_src("point%next%s", "100%n"); });
-  const static std::string longest(200, 'x'), percents(100, '%');
-  expect(uninitialized + percents + "' is being used in " + longest + " without being initialized",
-         [] { __zorva_rtc_uninit_use_src((percents + '%').c_str(), (longest + 'x').c_str()); });
+  // A name is formatted twice, so two signs are one.
+  expect(uninitialized + "a%b' is being used without being initialized",
+         [] { __zorva_rtc_uninit_use("a%%b"); });
+  // Of 200 characters, a sign that stands alone takes two.
+  const static std::string longest(200, 'x');
+  static std::string signs = "%";
+  for (int i = 0; i < 66; ++i) signs += "a%";
+  expect(uninitialized + signs + "' is being used in " + longest + " without being initialized",
+         [] { __zorva_rtc_uninit_use_src((signs + 'a').c_str(), (longest + 'x').c_str()); });
   // The word behind a variable is not read when the one in front is wrong.
   expect("Boundary Run-Time Check Failure", [] {
     const guarded_block block(4);
