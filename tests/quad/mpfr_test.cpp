@@ -1,12 +1,17 @@
 // The four operations against MPFR, which has no code in common with the compiler's __float128, the
 // oracle of all routines: an error that the two of them shared would show here.
 #include <gtest/gtest.h>
-#define MPFR_WANT_FLOAT128
 #include <mpfr.h>
 
 #include "quads.h"
 #include "support/campaign.h"
 #include "zorvac/quad.h"
+
+// Which the header declares for compilers that call the type _Float128.
+extern "C" {
+int mpfr_set_float128(mpfr_ptr, __float128, mpfr_rnd_t);
+__float128 mpfr_get_float128(mpfr_srcptr, mpfr_rnd_t);
+}
 
 namespace zorvac::test {
 namespace {
