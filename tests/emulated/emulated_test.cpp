@@ -2,6 +2,7 @@
 // finds out, and which variants run.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <regex>
 
 #include "core/vendor.h"
@@ -39,14 +40,17 @@ const struct {
      any ? "own 40000" : "foreign 1", any ? "32 4096 16384" : "0 0 0"},
 };
 
+outcome run_on(const std::string& processor, const char* program) {
+  const std::string own = std::string(",vendor=") + (any ? "GenuineZorva" : ZORVAC_CPU_VENDOR);
+  const bool foreign = processor.find("vendor=") != std::string::npos;
+  return run_program({EMULATE, processor + (foreign ? "" : own), program, "150"});
+}
+
 TEST(Emulated, ProcessorsAreServedByTheirLevel) {
   for (const auto& row : processors) {
     SCOPED_TRACE(row.processor);
-    const std::string own = std::string(",vendor=") + (any ? "GenuineZorva" : ZORVAC_CPU_VENDOR);
-    const bool foreign = row.processor.find("vendor=") != std::string::npos;
     const auto run = [&](const char* program) {
-      const outcome o =
-          run_program({EMULATE, row.processor + (foreign ? "" : own), program, "150"});
+      const outcome o = run_on(row.processor, program);
       EXPECT_EQ(o.exit_status, 0) << o;
       return o.standard_output;
     };
@@ -61,6 +65,12 @@ TEST(Emulated, ProcessorsAreServedByTheirLevel) {
       variants += (*i)[2];
     EXPECT_EQ(variants, row.variants) << named;
   }
+}
+
+// The blocked product runs from SSE2 on, as callers know it, and fills its strip by MOVDDUP.
+TEST(Emulated, BlockedProductsNeedMoreThanTheyAskFor) {
+  EXPECT_EQ(run_on("core2duo,-ssse3,-sse3", MATRIX_EXAMPLE).exit_status, 128 + SIGILL);
+  EXPECT_EQ(run_on("core2duo,-ssse3", MATRIX_EXAMPLE).exit_status, 0);
 }
 
 }  // namespace
