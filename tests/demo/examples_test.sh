@@ -10,6 +10,7 @@ rows='processor    | 0    | ^vendor  +[[:print:]]{12}$
 dispatch     | 0    | ^sum 17000000 by the version for (AVX2|SSE2)$
 startup_sse3 | [01] | ^built for SSE3: started$|SSE3.* instruction support\.$
 startup_avx2 | [01] | ^built for AVX2: started$|AVX2.* instructions\.$
+early_check  | [01] | ^started: the sine of 30 degrees is 0\.500$|SSE3 and SSSE3 instructions\.$
 memory       | 0    | ^move  by _zorva_fast_memmove\.[PMA] .*"the brown fox"$
 quad         | 0    | ^  true value   3\.141592653589793238462643383279503$
 parse_column | 0    | ^5 numbers, sum 123456790183 
