@@ -71,7 +71,8 @@ int main(int argc, char** argv) {
   if (strcmp(how, "die") == 0) {
     const struct sigaction action = {.sa_sigaction = on_fault, .sa_flags = SA_SIGINFO};
     sigaction(SIGILL, &action, NULL);
-    return malloc(12345) == NULL;
+    void* volatile block = malloc(12345);  // which clang would leave out otherwise
+    return block == NULL;
   }
   void (*chain)(const char*) = outer;
   if (strstr(image, ".so") != NULL) *(void**)&chain = dlsym(dlopen(image, RTLD_NOW), "outer");
