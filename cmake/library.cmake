@@ -15,7 +15,7 @@ target_compile_options(zorvac_code INTERFACE
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-ipa-icf>)
 target_link_libraries(zorvac_code INTERFACE zorvac_warnings)
 if(ZORVAC_COVERAGE)
-  target_compile_options(zorvac_code INTERFACE $<$<COMPILE_LANGUAGE:CXX>:--coverage>)
+  target_compile_options(zorvac_code INTERFACE $<$<COMPILE_LANGUAGE:CXX>:--coverage\;-fprofile-update=atomic>)
 endif()
 
 add_library(zorvac_common OBJECT ${ZORVAC_COMMON_SOURCES})

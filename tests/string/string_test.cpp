@@ -256,7 +256,8 @@ class String : public testing::TestWithParam<routine> {
   std::uint64_t check(const routine& r, const operands& o) {
     const std::string before = memory();
     heap_is_used = true;
-    const bool registers = !counted && below(2) == 0 && (!r.is_tail() || is_behind_first_block(r, o));
+    const bool registers =
+        !counted && below(2) == 0 && (!r.is_tail() || is_behind_first_block(r, o));
     const std::uint64_t answer = promised(r.how, registers ? by_registers(r, o) : r.inlined(o));
     const std::string after = memory();
     restore(before);
