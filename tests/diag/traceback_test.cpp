@@ -18,6 +18,7 @@
 #include <cstring>
 #include <thread>
 
+#include "diag/images.h"
 #include "diag/tbk_backtrace.h"
 #include "support/guard_pages.h"
 #include "zorvac/diag.h"
@@ -301,8 +302,6 @@ TEST(Text, BeforeAFaultIsKept) {
 // ---- Services
 
 TEST(Services, NameAnImageAndGiveItsBias) {
-  tbk_pc_info nothing{};  // about more images than are kept open
-  for (int n = 0; n < 20; ++n) tbk_get_pc_info(std::to_string(n).c_str(), 1, nullptr, &nothing);
   for (void* const place : {reinterpret_cast<void*>(&__wrap_malloc),
                             reinterpret_cast<void*>(&std::qsort), static_cast<void*>(nullptr)}) {
     Dl_info object{"Unknown", reinterpret_cast<void*>(77), nullptr, nullptr};
@@ -324,6 +323,23 @@ TEST(Services, NameAnImageAndGiveItsBias) {
       EXPECT_STREQ(info.routine, "Unknown");
     }
   }
+}
+
+// A stack may go through more images than are kept open at a time.
+TEST(Services, FindImagesAgainThatMadeRoomForOthers) {
+  using namespace zorvac::diag;
+  const auto pc = reinterpret_cast<std::uint64_t>(&record);
+  hold_images();
+  const std::string own = file_name_of(executable_path());
+  const std::uint64_t bias = find_image(own.c_str(), pc).bias;
+  EXPECT_NE(bias, 0u);
+  for (int n = 0; n < 20; ++n) {
+    const std::string none = "no image " + std::to_string(n);
+    EXPECT_EQ(find_image(none.c_str(), pc).name, none);
+    EXPECT_EQ(find_image(none.c_str(), pc).bias, 0u);
+    EXPECT_EQ(find_image(own.c_str(), pc).bias, bias);
+  }
+  release_images();
 }
 
 TEST(Services, HandlerJumpsWithMinusOne) {
