@@ -207,8 +207,9 @@ unsigned to_integer(place result, const_place in) {
   const __float128 end = static_cast<__float128>(word{1} << (range - 1)) * 2;
   const bool above_lowest = width == 128 ? rounded > -end : rounded >= -end;
   const bool fits = rounded < end && (is_signed ? above_lowest : rounded >= 0);
-  const word n = rounded < 0 ? -static_cast<word>(-rounded) : static_cast<word>(rounded);
-  store(result, static_cast<To>(fits ? n : word{1} << (width - 1)));
+  word n = word{1} << (width - 1);
+  if (fits) n = rounded < 0 ? -static_cast<word>(-rounded) : static_cast<word>(rounded);
+  store(result, static_cast<To>(n));
   return !fits ? invalid : exact ? 0 : inexact;
 }
 
