@@ -3,9 +3,9 @@
 #include <sys/auxv.h>
 #include <zorvac/diag.h>
 
-#include <cerrno>
 #include <cstring>
 
+#include "diag/errno_guard.h"
 #include "diag/images.h"
 #include "diag/texts.h"
 #include "diag/trace_scan.h"
@@ -45,11 +45,10 @@ using namespace zorvac::diag;
 extern "C" {
 
 void tbk_getModuleName(uint64_t pc, char* buffer, size_t bytes) {
-  const int error = errno;
+  const errno_guard unchanged;
   const image_lease lease;
   Dl_info object;
   put_text(find_object(pc, object) ? name_of(object) : tbk__default_unknown, buffer, bytes);
-  errno = error;
 }
 
 void tbk_get_pc_info_pie(const char* image_name, uint64_t pc, uint64_t* load_bias,
@@ -60,12 +59,11 @@ void tbk_get_pc_info_pie(const char* image_name, uint64_t pc, uint64_t* load_bia
   if (image_name == nullptr || *image_name == '\0') return;
   if (std::strcmp(image_name, tbk__default_unknown) == 0) return;
 
-  const int error = errno;
+  const errno_guard unchanged;
   const image_lease lease;
   image& holder = find_image(image_name, pc);
   if (load_bias != nullptr && holder.bias != 0) *load_bias = holder.bias;
   scan_trace(holder.file, holder.trace, pc - holder.bias, holder.found, *info);
-  errno = error;
 }
 
 void tbk_get_pc_info(const char* image_name, uint64_t pc, uint64_t* load_bias, tbk_pc_info* info) {

@@ -7,10 +7,10 @@
 #include <unwind.h>
 #include <zorvac/mem.h>
 
-#include <cerrno>
 #include <csetjmp>
 #include <cstdlib>
 
+#include "diag/errno_guard.h"
 #include "diag/images.h"
 #include "startup/vrt_msg_support.h"
 
@@ -177,7 +177,7 @@ std::uint32_t tbk_trace_stack_impl(const void* signal_context, void* user,
     walk_diagnostic = message::no_unwinder;
     return TBK_SUCCESS;
   }
-  const int error = errno;
+  const errno_guard unchanged;
   walk w;
   hold_images();
   protection::begin();
@@ -203,7 +203,6 @@ std::uint32_t tbk_trace_stack_impl(const void* signal_context, void* user,
   free_chunks(w);
   release_images();
   protection::end();
-  errno = error;
   return w.status;
 }
 

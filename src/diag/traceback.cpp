@@ -2,9 +2,9 @@
 #include <zorvac/diag.h>
 #include <zorvac/string.h>
 
-#include <cerrno>
 #include <csetjmp>
 
+#include "diag/errno_guard.h"
 #include "diag/tbk_backtrace.h"
 #include "startup/vrt_msg_support.h"
 
@@ -30,9 +30,8 @@ size_t tbk_string_stack_signal(const void* signal_context, char* buffer, size_t 
 // The walk notes the number alone: opening the catalogue allocates, and would wait for ever in a
 // process that dies with the heap's lock held.
 const char* tbk_geterrorstring() {
-  const int error = errno;
+  const errno_guard unchanged;
   zorvac_sse2_strncpy(error_msg, __libvrt_get_msg(walk_diagnostic, 0), longest_diagnostic);
-  errno = error;
   return error_msg;
 }
 
