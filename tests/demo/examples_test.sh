@@ -12,6 +12,7 @@ startup_sse3 | [01] | ^built for SSE3: started$|SSE3.* instruction support\.$
 startup_avx2 | [01] | ^built for AVX2: started$|AVX2.* instructions\.$
 early_check  | [01] | ^started: the sine of 30 degrees is 0\.500$|SSE3 and SSSE3 instructions\.$
 memory       | 0    | ^move  by _zorva_fast_memmove\.[PMA] .*"the brown fox"$
+gap_buffer   | 0    | ^The quick brown fox jumps over the sleeping dog$
 quad         | 0    | ^  true value   3\.141592653589793238462643383279503$
 parse_column | 0    | ^5 numbers, sum 123456790183 
 words        | 0    | ^5  and$
@@ -20,9 +21,13 @@ pool         | 0    | ^the pool has started over: the next two are 64 bytes apar
 pool_resource | 0   | ^6000 numbers below 100000
 matrix 200   | 0    | ^1000 elements agree with naive sums
 matrix_fortran | 0  | MATMUL
+fourier      | 0    | ^transformed back, the signals are the same$
+histogram    | 0    | ^55 letters$
 reduction    | 0    | ^6000000 rolls by 4 threads$
 checks       | 0    | ^all checks passed$
 checks narrow | 134 | ^Conversion Run-Time Check Failure$
+narrow       | 0    | ^60000 is 60000 in four bytes, 60000 in two$
+narrow 65536 | 134  | ^Conversion Run-Time Check Failure$
 failure      | 0    | ^failure +[0-9A-F]{16}  _ZL13harmonic_mea +33  failure\.cpp$
 traceback    | 139  | ^liborders\.so +[0-9A-F]{16}  add_order +18  traceback_orders\.c$'
 

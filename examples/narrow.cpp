@@ -1,0 +1,53 @@
+// Conversions that must not lose anything, in C++: a cast that checks, at the cost of one call, and
+// only where the types could lose something. Run without an argument every value fits; with one, the
+// program tries the number and may be stopped by a report.
+#include <zorvac/diag.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <type_traits>
+
+namespace narrowing {
+
+// The check for each pair of sizes, from and to.
+template <std::size_t From, std::size_t To>
+inline constexpr auto check = nullptr;
+template <>
+inline constexpr auto check<2, 1> = _RTC_Check_2_to_1;
+template <>
+inline constexpr auto check<4, 1> = _RTC_Check_4_to_1;
+template <>
+inline constexpr auto check<8, 1> = _RTC_Check_8_to_1;
+template <>
+inline constexpr auto check<4, 2> = _RTC_Check_4_to_2;
+template <>
+inline constexpr auto check<8, 2> = _RTC_Check_8_to_2;
+template <>
+inline constexpr auto check<8, 4> = _RTC_Check_8_to_4;
+
+// What the target can hold, read as signed or as unsigned, passes.
+template <class To, class From>
+To narrow(From value) {
+  static_assert(std::is_integral_v<From> && std::is_integral_v<To>);
+  if constexpr (sizeof(To) < sizeof(From))
+    return static_cast<To>(
+        check<sizeof(From), sizeof(To)>(static_cast<std::make_signed_t<From>>(value)));
+  else
+    return static_cast<To>(value);
+}
+
+}  // namespace narrowing
+
+using narrowing::narrow;
+
+int main(int argc, char** argv) {
+  const std::int64_t number = argc > 1 ? std::atoll(argv[1]) : 60'000;
+  std::printf("-128 is %d, 255 is %d, in one byte\n", narrow<std::int8_t>(-128),
+              narrow<std::uint8_t>(255));
+  std::printf("%lld is %d in four bytes,", static_cast<long long>(number),
+              narrow<std::int32_t>(number));
+  std::fflush(stdout);
+  std::printf(" %d in two\n", narrow<std::uint16_t>(number));
+  return 0;
+}
