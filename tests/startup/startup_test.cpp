@@ -165,9 +165,12 @@ TEST(Messages, AreFormattedAndGoToTheStreamAsked) {
 TEST(Messages, OverflowEndsTheProcess) {
   for (const bool fits : {true, false}) {
     const std::string name(fits ? 482 : 483, 'x');
-    const outcome o = run_in_child([&] { __libvrt_print(2, 24, 1, name.c_str()); });
-    EXPECT_EQ(o.signal, fits ? 0 : SIGABRT);
-    EXPECT_EQ(o.standard_output, fits ? "The allowed processors are: " + name + ".\n" : "");
+    const auto print = run_in_child([&] { __libvrt_print(2, 24, 1, name.c_str()); });
+    const auto get = run_in_child([&] { std::puts(__libvrt_get_msg(24, 1, name.c_str())); });
+    for (const outcome& o : {print, get}) {
+      EXPECT_EQ(o.signal, fits ? 0 : SIGABRT);
+      EXPECT_EQ(o.standard_output, fits ? "The allowed processors are: " + name + ".\n" : "");
+    }
   }
 }
 
