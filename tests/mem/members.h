@@ -4,7 +4,6 @@
 // values that lead it down each of its paths.
 #include <cstddef>
 #include <cstdint>
-#include <ostream>
 #include <string>
 
 #include "cpu/fast_mem_ops.h"
@@ -14,47 +13,43 @@ namespace zorvac::test {
 
 enum class kind { copy, move, fill, zero, compare };  // a zero fill ignores its second argument
 
+// All take three words and return one, of which a comparison means the lower half.
+using routine = std::uintptr_t(void*, std::uintptr_t, std::size_t);
 struct member {
   std::string name;
-  void* entry;
+  routine* entry;
   kind what;
-  bool runs;          // on this processor
+  int runs;           // on this processor
   std::size_t small;  // the largest count of its table; 0: it has none
-
-  // All take three words and return one, of which a comparison means the lower half.
-  std::uintptr_t operator()(void* to, std::uintptr_t second, std::size_t count) const {
-    using routine = std::uintptr_t(void*, std::uintptr_t, std::size_t);
-    return reinterpret_cast<routine*>(entry)(to, second, count);
-  }
 };
-inline bool ssse3() { return __builtin_cpu_supports("ssse3") != 0; }
-inline bool avx2() { return __builtin_cpu_supports("avx2") != 0; }
-inline bool avx512f() { return __builtin_cpu_supports("avx512f") != 0; }
 #define MEMBER(name, ...) \
-  { #name, reinterpret_cast < void*>(name), kind::__VA_ARGS__ }
+  { #name, reinterpret_cast < routine*>(reinterpret_cast <void*>(name)), kind::__VA_ARGS__ }
+inline const int ssse3 = __builtin_cpu_supports("ssse3"), avx2 = __builtin_cpu_supports("avx2"),
+                 avx512f = __builtin_cpu_supports("avx512f");
 inline const member members[] = {
-    MEMBER(__zorva_new_memcpy, copy, true, 176),
-    MEMBER(__zorva_ssse3_memcpy, copy, ssse3(), 79),
-    MEMBER(__zorva_ssse3_rep_memcpy, copy, ssse3(), 143),
-    MEMBER(__zorva_avx_rep_memcpy, copy, avx2(), 256),
-    MEMBER(__zorva_vpx_avx512f_memcpy, copy, avx512f(), 127),
-    MEMBER(_VEC_memcpy, copy, true, 0),
-    MEMBER(__zorva_VEC_memcpy, copy, true, 0),
-    MEMBER(__zorva_new_memmove, move, true, 176),
-    MEMBER(__zorva_ssse3_memmove, move, ssse3(), 79),
-    MEMBER(__zorva_ssse3_rep_memmove, move, ssse3(), 143),
-    MEMBER(__zorva_new_memset, fill, true, 64),
-    MEMBER(__zorva_avx_rep_memset, fill, avx2(), 128),
-    MEMBER(__zorva_vpx_avx512f_memset, fill, avx512f(), 127),
-    MEMBER(_VEC_memset, fill, true, 0),
-    MEMBER(__zorva_VEC_memset, fill, true, 0),
-    MEMBER(_VEC_memzero, zero, true, 0),
-    MEMBER(__zorva_VEC_memzero, zero, true, 0),
-    MEMBER(__zorva_new_memcmp, compare, true, 64),
-    MEMBER(_zorva_fast_memcmp, compare, true, 0),
+    MEMBER(__zorva_new_memcpy, copy, 1, 176),
+    MEMBER(__zorva_memcpy, copy, 1, 176),  // one routine, two names
+    MEMBER(__zorva_ssse3_memcpy, copy, ssse3, 79),
+    MEMBER(__zorva_ssse3_rep_memcpy, copy, ssse3, 143),
+    MEMBER(__zorva_avx_rep_memcpy, copy, avx2, 256),
+    MEMBER(__zorva_vpx_avx512f_memcpy, copy, avx512f, 127),
+    MEMBER(_VEC_memcpy, copy, 1, 0),
+    MEMBER(__zorva_VEC_memcpy, copy, 1, 0),
+    MEMBER(__zorva_new_memmove, move, 1, 176),
+    MEMBER(__zorva_ssse3_memmove, move, ssse3, 79),
+    MEMBER(__zorva_ssse3_rep_memmove, move, ssse3, 143),
+    MEMBER(__zorva_new_memset, fill, 1, 64),
+    MEMBER(__zorva_memset, fill, 1, 64),
+    MEMBER(__zorva_avx_rep_memset, fill, avx2, 128),
+    MEMBER(__zorva_vpx_avx512f_memset, fill, avx512f, 127),
+    MEMBER(_VEC_memset, fill, 1, 0),
+    MEMBER(__zorva_VEC_memset, fill, 1, 0),
+    MEMBER(_VEC_memzero, zero, 1, 0),
+    MEMBER(__zorva_VEC_memzero, zero, 1, 0),
+    MEMBER(__zorva_new_memcmp, compare, 1, 64),
+    MEMBER(_zorva_fast_memcmp, compare, 1, 0),
 };
 #undef MEMBER
-inline std::ostream& operator<<(std::ostream& out, const member& m) { return out << m.name; }
 
 // The values that the library's initialiser leaves for the workers: bytes, and the copy method.
 struct cache_values {
