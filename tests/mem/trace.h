@@ -4,13 +4,10 @@
 // it executed, as libZydis knows them: the only way to see from outside that a block was streamed,
 // fenced, prefetched or left to a string instruction, since all of them produce the same bytes.
 #include <Zydis/Zydis.h>
-#include <ucontext.h>
 
 #include <csignal>
-#include <cstdint>
-#include <map>
+#include <functional>
 #include <string>
-#include <vector>
 
 namespace zorvac::test {
 
@@ -20,14 +17,16 @@ struct step {
   std::uintptr_t operand;  // the address of what it reads or writes in memory, of `bytes` bytes
   unsigned bytes;
 };
-inline struct {
-  greg_t entry;             // of the routine
-  greg_t return_slot;       // its stack pointer at the entry; 0 outside the routine
-  std::vector<step> steps;  // a repeated string instruction is one step
-  std::map<std::uintptr_t, std::uint64_t> slow;  // addresses, and what access to them takes
-  std::uint64_t now;  // the time that it reads, which passes by this and by reading it
-} recorder;
+// The routine allocates nothing, so this may, in the middle of it. Returns the time that the step
+// takes, on a clock that the routine reads and that stands still otherwise, but for being read.
+using observer = std::function<std::uint64_t(const step&)>;
 constexpr std::uint64_t clock_reading = 30;
+inline struct {
+  greg_t entry;        // of the routine
+  greg_t return_slot;  // its stack pointer at the entry; 0 outside the routine
+  std::uint64_t now;
+  observer observe;
+} recorder;
 
 // What is next to run. An instruction is the same with VEX and without, on integers or not; jumps
 // are indirect ones.
@@ -54,16 +53,15 @@ inline step decode(const greg_t* registers) {
   return s;
 }
 
-// Records what is next to run; RDTSC is done here. The routine is none that allocates, so this may.
+// Shows what is next to run. RDTSC is done here.
 inline void on_step(int, siginfo_t*, void* context) {
-  auto& [entry, return_slot, steps, slow, now] = recorder;
+  auto& [entry, return_slot, now, observe] = recorder;
   greg_t* const registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
   if (registers[REG_RIP] == entry) return_slot = registers[REG_RSP];
   if (registers[REG_RSP] > return_slot) return_slot = 0;
   while (return_slot != 0) {
     const step s = decode(registers);
-    if (steps.empty() || steps.back().address != s.address) steps.push_back(s);
-    if (slow.contains(s.operand)) now += slow[s.operand];
+    now += observe(s);
     if (s.what != "rdtsc") break;
     registers[REG_RAX] = static_cast<greg_t>(now & 0xffff'ffff);
     registers[REG_RDX] = static_cast<greg_t>(now >> 32);
@@ -74,18 +72,15 @@ inline void on_step(int, siginfo_t*, void* context) {
 
 // Traces one call, from its first instruction to its return. The lower half of the time soon wraps.
 template <class Routine, class... Arguments>
-std::vector<step> trace_of(const std::map<std::uintptr_t, std::uint64_t>& slow, Routine* entry,
-                           Arguments... arguments) {
-  constexpr long trap_flag = 0x100;
-  recorder = {reinterpret_cast<greg_t>(entry), 0, {}, slow, (std::uint64_t{2} << 32) - 45};
+void trace(const observer& observe, Routine* entry, Arguments... arguments) {
+  recorder = {reinterpret_cast<greg_t>(entry), 0, (std::uint64_t{2} << 32) - 45, observe};
   struct sigaction action = {};
   action.sa_sigaction = on_step;
   action.sa_flags = SA_SIGINFO;
   sigaction(SIGTRAP, &action, nullptr);
-  asm volatile("pushfq\n\t orq %0, (%%rsp)\n\t popfq" ::"e"(trap_flag) : "memory", "cc");
+  asm volatile("pushfq\n\t orq $0x100, (%%rsp)\n\t popfq" ::: "memory", "cc");
   entry(arguments...);
-  asm volatile("pushfq\n\t andq %0, (%%rsp)\n\t popfq" ::"e"(~trap_flag) : "memory", "cc");
-  return recorder.steps;
+  asm volatile("pushfq\n\t andq $~0x100, (%%rsp)\n\t popfq" ::: "memory", "cc");
 }
 
 }  // namespace zorvac::test
