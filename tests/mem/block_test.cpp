@@ -134,7 +134,7 @@ class Block : public testing::TestWithParam<member> {
     const std::size_t low = to - std::min<std::size_t>(to, 64),
                       high = std::min(to + count + 64, area::bytes);
     ASSERT_TRUE(good &&
-                std::equal(d.block.begin() + low, d.block.begin() + high, d.master.begin() + low))
+                std::equal(d.block.begin() + low, d.block.begin() + high, d.master.data() + low))
         << count << " bytes from " << from << " to " << to << (&d == &s ? " in one" : "");
   }
 
