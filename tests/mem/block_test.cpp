@@ -1,7 +1,7 @@
-// The family of block routines, call by call: what comes out, byte for byte, with the bytes around it,
-// the ends of pages, every overlap, and what the calling convention keeps for the caller; the oracle
-// is the C library. Then which way a block goes: the bytes come out the same on every path, so the
-// routines are single-stepped, under a clock of the test's own.
+// The family of block routines, call by call: what comes out, byte for byte, with the bytes around
+// it, the ends of pages, every overlap, and what the calling convention keeps for the caller; the
+// oracle is the C library. Then which way a block goes: the bytes come out the same on every path,
+// so the routines are single-stepped, under a clock of the test's own.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -160,9 +160,8 @@ std::vector<std::size_t> counts_for(const cache_values& v) {
   const auto l = static_cast<std::size_t>(v.largest), d = static_cast<std::size_t>(v.data);
   std::vector<std::size_t> counts;
   for (std::size_t count = 0; count < 2600; ++count) counts.push_back(count);
-  for (const std::size_t limit :
-       {std::size_t{4096}, std::size_t{16384}, d - d / 16, d / 2 - d / 8, d / 2, d / 2 - d / 512, d,
-        2 * d, l, l / 2, l / 2 + 4096, l / 2 * 9})
+  for (const std::size_t limit : {4096ul, 16384ul, d, 2 * d, d - d / 16, d / 2, d / 2 - d / 8,
+                                  d / 2 - d / 512, l, l / 2, l / 2 + 4096, l / 2 * 9})
     for (std::size_t delta = 1; delta <= 256; delta *= 2)
       for (const std::size_t count : {limit - delta, limit + delta - 1})
         if (count < (delta == 64 ? 32u << 20 : 1u << 20)) counts.push_back(count);
