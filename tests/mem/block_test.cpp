@@ -127,7 +127,7 @@ class Block : public testing::TestWithParam<member> {
       }
     } else {
       good = call(at, word, count) == reinterpret_cast<std::uintptr_t>(at);
-      good &= fills ? std::all_of(at, at + count, [value](int byte) { return byte == value; })
+      good &= fills ? count == 0 || (*at == value && std::memcmp(at, at + 1, count - 1) == 0)
                     : std::memcmp(at, source, count) == 0;
     }
     std::memcpy(at, d.master.data() + to, count);
