@@ -1,10 +1,8 @@
 // Which instructions stand in the shared library and in the objects that it is made of, as libelf
 // finds and libZydis decodes them: past plain x86-64 with SSE2 only in sources that may have them.
 #include <Zydis/Zydis.h>
-#include <fcntl.h>
 #include <gelf.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <map>
@@ -24,8 +22,9 @@ counts past_baseline(const std::string& path) {
   ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
   counts found;
   elf_version(EV_CURRENT);
-  const int file = open(path.c_str(), O_RDONLY);
-  Elf* const elf = elf_begin(file, ELF_C_READ, nullptr);
+  std::ifstream file(path, std::ios::binary);
+  std::string image(std::istreambuf_iterator<char>(file), {});
+  Elf* const elf = elf_memory(image.data(), image.size());
   for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf, section)) != nullptr;) {
     GElf_Shdr header;
     if ((gelf_getshdr(section, &header)->sh_flags & SHF_EXECINSTR) == 0) continue;
@@ -41,7 +40,6 @@ counts past_baseline(const std::string& path) {
     }
   }
   elf_end(elf);
-  close(file);
   return found;
 }
 

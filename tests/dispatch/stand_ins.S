@@ -3,30 +3,28 @@
 // trap, and returns, so that what a caller sees of a call is the library's doing.
 .section .note.GNU-stack, "", @progbits
 .text
-.macro function name
+.macro stand_in name, twin
   .globl \name
   .type \name, @function
 \name:
-.endm
-.macro note name
+  .ifnb \twin
+  test %rdi, %rdi
+  js 1f
+  mov $-1, %rcx
+  jmp *\twin@GOTPCREL(%rip)
+1:
+  .endif
   ud2
   ret
   .asciz "\name"
 .endm
 
 .irp name, EXPORTED_FUNCTIONS
-function \name
-  note \name
+  stand_in \name
 .endr
 
 // The whole process uses these, so they do their work, by the C library's checked twins, unless the
 // destination is no address: then the call is the test's.
 .irp name, memcpy, memmove, memset
-function \name
-  test %rdi, %rdi
-  js 1f
-  mov $-1, %rcx
-  jmp *__\name\()_chk@GOTPCREL(%rip)
-1:
-  note \name
+  stand_in \name, __\name\()_chk
 .endr

@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstring>
 #include <random>
-#include <utility>
 
 #include "core/processor.h"
 
@@ -21,8 +20,10 @@ void (*next)();                 // the routine, until it has been called
 std::uint64_t* return_address;  // where the routine finds it
 
 void exchange(void* frame, void* mine, std::size_t bytes) {
-  auto* const at = static_cast<unsigned char*>(frame);
-  std::swap_ranges(at, at + bytes, static_cast<unsigned char*>(mine));
+  char framed[128];
+  std::memcpy(framed, frame, bytes);
+  std::memcpy(frame, mine, bytes);
+  std::memcpy(mine, framed, bytes);
 }
 
 // The parts of the vector state by number: XMM, the upper halves of YMM, masks, the upper halves of
@@ -56,16 +57,16 @@ void exchange_all(int, siginfo_t*, void* context) {
   exchange_vectors(reinterpret_cast<unsigned char*>(vectors));
   if (next == nullptr) return;
   *return_address = static_cast<std::uint64_t>(general[REG_RIP]);
-  general[REG_RIP] = reinterpret_cast<greg_t>(std::exchange(next, nullptr));
+  general[REG_RIP] = reinterpret_cast<greg_t>(next);
+  next = nullptr;
 }
 
 }  // namespace
 
 register_file filled_registers(unsigned seed) {
-  std::array<std::uint64_t, offsetof(register_file, mxcsr) / 8> words;
-  std::generate(words.begin(), words.end(), std::mt19937_64(seed));
   register_file filled;
-  std::memcpy(static_cast<void*>(&filled), words.data(), sizeof words);
+  auto* const words = reinterpret_cast<std::uint64_t*>(&filled);
+  std::generate_n(words, offsetof(register_file, mxcsr) / 8, std::mt19937_64(seed));
   return filled;
 }
 
@@ -91,17 +92,14 @@ std::vector<std::string> changed_registers(const register_file& before,
   static constexpr const char* names[] = {"r8",  "r9",  "r10", "r11", "r12", "r13", "r14", "r15",
                                           "rdi", "rsi", "rbp", "rbx", "rdx", "rax", "rcx", "rsp"};
   std::vector<std::string> changed;
-  const auto compare = [&](const auto& a, const auto& b, const std::string& name) {
-    if (a != b) changed.push_back(name);
-  };
   for (std::size_t i = 0; i < 16; ++i)
-    if (i != r10 && i != r11) compare(before.general[i], after.general[i], names[i]);
+    if (i != r10 && i != r11 && before.general[i] != after.general[i]) changed.push_back(names[i]);
   for (std::size_t i = 0; i < 32; ++i)
-    compare(before.vector[i], after.vector[i], "vector " + std::to_string(i));
-  compare(before.mask, after.mask, "masks");
-  compare(before.above, after.above, "stack above the return address");
-  compare(before.mxcsr, after.mxcsr, "mxcsr");
-  compare(before.x87_control, after.x87_control, "x87 control word");
+    if (before.vector[i] != after.vector[i]) changed.push_back("vector " + std::to_string(i));
+  if (before.mask != after.mask) changed.push_back("masks");
+  if (before.above != after.above) changed.push_back("stack above the return address");
+  if (before.mxcsr != after.mxcsr) changed.push_back("mxcsr");
+  if (before.x87_control != after.x87_control) changed.push_back("x87 control word");
   return changed;
 }
 
