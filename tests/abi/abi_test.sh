@@ -26,14 +26,15 @@ readelf -Wl "$library" |
 # A weak symbol of an object with special instructions could become everybody's copy.
 if sed -n 's/^1 //p' "$objects" | xargs nm | grep ' [VWu] '; then false; fi
 
-# The exported names that each source refers to, besides a routine to itself, are the listed ones.
-# The linked library has no instruction that goes straight to one from elsewhere.
+# The exported names that each source refers to are the listed ones. The linked library has no
+# instruction that goes straight to one from elsewhere.
 diff <(awk '!/^#/ { for (i = 1; i <= NF; ++i) if ($i ~ /:$/) source = $i; else print source, $i }' \
   "$abi/hops.txt" | sort) <(
   sed 's/^. //' "$objects" | xargs objdump -d -r "$library" | awk '
     NR == FNR { if (NF > 1) exported[$2]; next }
     / file format / { source = $1; sub(/.*\/src\//, "src/", source); sub(/\.o:/, ":", source) }
+    $2 ~ /^R_X86_64_/ { to = $3; sub(/[-+]0x.*/, "", to); if (to in exported) print source, to }
     /^[0-9a-f]+ <.*>:$/ { routine = substr($2, 2, length($2) - 3); sub(/\.cold$/, "", routine) }
-    $2 ~ /^R_X86_64_/ { to = $3; sub(/[-+]0x.*/, "", to) }
-    $2 !~ /^R_X86_64_/ { to = source ~ /\.so/ ? $NF : ""; gsub(/^<|>$/, "", to) }
-    to in exported && to != routine { print source, to }' "$abi/exports.txt" - | sort -u)
+    source ~ /\.so/ && /<[^+]*>$/ {
+      to = substr($NF, 2, length($NF) - 2); if (to in exported && to != routine) print source, to }
+    ' "$abi/exports.txt" - | sort -u)
