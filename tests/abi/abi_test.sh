@@ -11,7 +11,7 @@ trap 'echo "abi_test.sh: line $LINENO"' ERR
 # The listed names and no others.
 diff <(awk '!/^#/ && NF { $1 = $1; print }' "$abi/exports.txt" | sort) <(
   readelf -W --dyn-syms "$library" | awk '$7 ~ /^[0-9]+$/ {
-    print ($4 == "OBJECT" ? "data " $8 " " $3 : "function " $8) ($5 == "GLOBAL" ? "" : $5) }' | sort)
+    print ($4 == "OBJECT" ? "data " $8 " " $3 : "function " $8), $5 }' | sed 's/ GLOBAL$//' | sort)
 
 # It needs the C library alone and is bound at load. It has no path in it, no executable stack.
 diff - <(readelf -Wd "$library" |

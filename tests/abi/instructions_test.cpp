@@ -10,9 +10,9 @@
 
 namespace {
 
-// Those past the baseline in a file, and how often each stands there. Not TZCNT: to a processor that
-// does not know it, its code is a bit scan with a prefix that changes nothing, and compilers write
-// the scan of a value that is not zero so for every processor.
+// Those past the baseline in a file, and how often each stands there. Not TZCNT: to a processor
+// that does not know it, its code is a bit scan with a prefix that changes nothing, and compilers
+// write the scan of a value that is not zero so for every processor.
 using counts = std::map<std::string, int>;
 counts past_baseline(const std::string& path) {
   static const std::set<ZydisISAExt> baseline = {

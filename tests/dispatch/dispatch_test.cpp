@@ -1,7 +1,7 @@
 // The shared library from outside. This program has a function of its own for each that the library
-// exports (stand_ins.S), so it sees every hop from one exported routine to the next: which variant a
-// dispatcher takes by which indicator, with every register as the caller left it, and the steps of
-// what calls others in turn. Nothing is computed.
+// exports (stand_ins.S), so it sees every hop from one exported routine to the next: which variant
+// a dispatcher takes by which indicator, with every register as the caller left it, and the steps
+// of what calls others in turn. Nothing is computed.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <ucontext.h>
@@ -16,9 +16,9 @@
 #include "support/registers.h"
 #include "zorvac/cpu.h"
 
-namespace zorvac::test {
 namespace {
 
+using namespace zorvac::test;
 using u64 = std::uint64_t;
 using words = std::vector<u64>;
 using steps = std::vector<std::pair<std::string, words>>;
@@ -27,8 +27,8 @@ steps calls;
 words inner_block;  // the arguments of the last inner kernel
 u64 detected;       // what detection finds
 
-// Notes the call of a stand-in, which its name follows. On the stack are the return address into the
-// library and more arguments.
+// Notes the call of a stand-in, which its name follows. On the stack are the return address into
+// the library and more arguments.
 void note(int, siginfo_t*, void* context) {
   auto& registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
   const auto* const stack = reinterpret_cast<const u64*>(registers[REG_RSP]);
@@ -38,8 +38,7 @@ void note(int, siginfo_t*, void* context) {
   const std::string name = reinterpret_cast<const char*>(registers[REG_RIP]) + 3;
   if (name == "__zorva_cpu_features_init") __zorva_cpu_feature_indicator = detected;
   if (name.find("dinner") != std::string::npos) {  // takes its scalars by address
-    for (const std::size_t i : {0u, 1u, 2u, 5u, 7u, 9u})
-      passed[i] = *reinterpret_cast<const u64*>(passed[i]);
+    for (auto i : {0u, 1u, 2u, 5u, 7u, 9u}) passed[i] = *reinterpret_cast<const u64*>(passed[i]);
     inner_block = passed;
   }
   calls.emplace_back(name, passed);
@@ -78,12 +77,11 @@ void expect_calls(const std::string& routine, const steps& expected, const words
   ASSERT_EQ(calls, expected) << routine << std::hex << ' ' << __zorva_cpu_feature_indicator;
 }
 
-const std::string types[] = {"r4", "r8", "c4", "c8"};
-const std::string storages[] = {"n_n", "n_t", "t_n", "t_t"};
+const std::string types[] = {"r4", "r8", "c4", "c8"}, storages[] = {"n_n", "n_t", "t_n", "t_t"};
 words product_of(u64 m, u64 k, u64 n) { return {address, address, address, m, k, n, 7, 8, 9}; }
 
-// The contract in literal masks, kept apart from the library's named levels. The most demanding comes
-// first, the last needs bit 0 alone.
+// The contract in literal masks, kept apart from the library's named levels. The most demanding
+// comes first, the last needs bit 0 alone.
 // clang-format off
 std::vector<check> dispatchers() {
   std::vector<check> all = {
@@ -121,6 +119,7 @@ TEST(Dispatch, TakesTheFirstVariantWhoseMaskIsWhollyPresent) {
                                         [&](auto& v) { return (known & v.first) == v.first; });
           expected.emplace_back(c.name + row->second, words{});
           expect_calls(c.name, expected);
+          if (HasFatalFailure()) return;
         }
 }
 
@@ -198,4 +197,3 @@ TEST(BlockedKernel, TakesItsSteps) {
 }
 
 }  // namespace
-}  // namespace zorvac::test

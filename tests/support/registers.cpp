@@ -1,6 +1,7 @@
-// Registers are exchanged by the handler of two traps, one before the routine and one after it: what
-// it changes in the frame of a signal is in the registers when it returns. The first gives the file
-// to the routine; the second gives the caller its own back and leaves in the file what it finds.
+// Registers are exchanged by the handler of two traps, one before the routine and one after it:
+// what it changes in the frame of a signal is in the registers when it returns. The first gives the
+// file to the routine; the second gives the caller its own back and leaves in the file what it
+// finds.
 #include "support/registers.h"
 
 #include <ucontext.h>
