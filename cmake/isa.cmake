@@ -78,6 +78,17 @@ set_property(SOURCE ${ZORVAC_MEMORY_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-tree-loop-distribute-patterns>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_MEMORY_SOURCES})
 
+# These call themselves by their exported names, of which clang would make a loop that no program's
+# own routine can take the place of.
+set_property(SOURCE
+  ${PROJECT_SOURCE_DIR}/src/mem/ivecmemcpy.cpp
+  ${PROJECT_SOURCE_DIR}/src/mem/ivecmemset.cpp
+  ${PROJECT_SOURCE_DIR}/src/mem/ivecmemzero.cpp
+  ${PROJECT_SOURCE_DIR}/src/mem/vecmemcpy.cpp
+  ${PROJECT_SOURCE_DIR}/src/mem/vecmemset.cpp
+  ${PROJECT_SOURCE_DIR}/src/mem/vecmemzero.cpp
+  APPEND PROPERTY COMPILE_OPTIONS $<$<CXX_COMPILER_ID:Clang>:-fno-optimize-sibling-calls>)
+
 # These read the aligned blocks that hold the ends of a source, which sanitizers take for overruns.
 if(ZORVAC_SANITIZE)
   set_property(SOURCE

@@ -10,10 +10,9 @@
 
 namespace zorvac::test {
 
-using cpuid_answers = std::map<std::pair<std::uint32_t, std::uint32_t>, cpuid_answer>;
-
 struct fake_processor {
-  cpuid_answers answers = {};  // by leaf, sub-leaf
+  std::map<std::pair<std::uint32_t, std::uint32_t>, cpuid_answer> answers =
+      {};  // by leaf, sub-leaf
   std::uint64_t xcr0 = 0;
   bool cpuid_exists = true;
   mutable int xgetbv_calls = 0;
@@ -34,16 +33,13 @@ struct fake_processor {
 
 // Leaf 0 of a processor of a maker (12 characters).
 inline cpuid_answer vendor_leaf(std::uint32_t maximum_leaf, const char* vendor) {
-  cpuid_answer a{.eax = maximum_leaf, .ebx = 0, .ecx = 0, .edx = 0};
-  std::memcpy(&a.ebx, vendor, 4);
-  std::memcpy(&a.edx, vendor + 4, 4);
-  std::memcpy(&a.ecx, vendor + 8, 4);
-  return a;
+  std::uint32_t words[3];
+  std::memcpy(words, vendor, sizeof words);
+  return {maximum_leaf, words[0], words[2], words[1]};
 }
 
-inline constexpr const char* own_vendor = "GenuineZorva";
-inline constexpr const char* second_vendor = "AuthenticAMD";
-inline constexpr const char* foreign_vendor = "OtherVendor!";
+inline constexpr const char *own_vendor = "GenuineZorva", *second_vendor = "AuthenticAMD",
+                            *foreign_vendor = "OtherVendor!";
 
 }  // namespace zorvac::test
 #endif

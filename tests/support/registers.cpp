@@ -1,55 +1,106 @@
-// The C++ side of the register shim.
+// Registers are exchanged by the handler of two traps, one before the routine and one after it:
+// what it changes in the frame of a signal is in the registers when it returns. The first gives the
+// file to the routine; the second gives the caller its own back and leaves in the file what it
+// finds.
 #include "support/registers.h"
 
+#include <ucontext.h>
+
 #include <algorithm>
-#include <cfenv>
+#include <csignal>
 #include <cstring>
 #include <random>
 
+#include "core/processor.h"
+
 namespace zorvac::test {
+namespace {
 
-static_assert(offsetof(register_file, flags) == 16 * 8 + 32 * 64 + 8 * 8 + 4 * 8 + 4 + 4);
+register_file file;
+void (*next)();                 // the routine, until it has been called
+std::uint64_t* return_address;  // where the routine finds it
 
-extern "C" void zorvac_test_call(void (*routine)(), register_file* file, int bytes);
+void exchange(void* frame, void* mine, std::size_t bytes) {
+  char framed[128];
+  std::memcpy(framed, frame, bytes);
+  std::memcpy(frame, mine, bytes);
+  std::memcpy(mine, framed, bytes);
+}
+
+// The parts of the vector state by number: XMM, the upper halves of YMM, masks, the upper halves of
+// ZMM, the other 16 ZMM. Byte 472 of a frame says which it has, byte 512 which are to be loaded.
+// Masks have 64 bits from AVX512BW on.
+void exchange_vectors(unsigned char* frame) {
+  const auto place = [](std::uint32_t part) { return hardware_processor::cpuid(0xd, part).ebx; };
+  static const struct {
+    std::uint32_t part, place;
+    void* mine;
+    std::size_t count, bytes;
+  } parts[] = {{1, 160, &file.vector[0][0], 16, 16},
+               {2, place(2), &file.vector[0][16], 16, 16},
+               {5, place(5), &file.mask, __builtin_cpu_supports("avx512bw") != 0, 64},
+               {6, place(6), &file.vector[0][32], 16, 32},
+               {7, place(7), &file.vector[16][0], 16, 64}};
+  for (const auto& p : parts) {
+    if ((frame[472] >> p.part & 1) == 0) continue;
+    frame[512] = static_cast<unsigned char>(frame[512] | 1 << p.part);
+    for (std::size_t i = 0; i < p.count; ++i)
+      exchange(frame + p.place + i * p.bytes, static_cast<char*>(p.mine) + i * 64, p.bytes);
+  }
+}
+
+void exchange_all(int, siginfo_t*, void* context) {
+  auto& [general, vectors, reserved] = static_cast<ucontext_t*>(context)->uc_mcontext;
+  exchange(general, &file.general, sizeof file.general);
+  exchange(&general[REG_EFL], &file.flags, sizeof file.flags);
+  exchange(&vectors->mxcsr, &file.mxcsr, sizeof file.mxcsr);
+  exchange(&vectors->cwd, &file.x87_control, sizeof file.x87_control);
+  exchange_vectors(reinterpret_cast<unsigned char*>(vectors));
+  if (next == nullptr) return;
+  *return_address = static_cast<std::uint64_t>(general[REG_RIP]);
+  general[REG_RIP] = reinterpret_cast<greg_t>(next);
+  next = nullptr;
+}
+
+}  // namespace
 
 register_file filled_registers(unsigned seed) {
-  std::array<std::uint64_t, offsetof(register_file, mxcsr) / 8> words;
-  std::generate(words.begin(), words.end(), std::mt19937_64(seed));
-  register_file file;
-  std::memcpy(static_cast<void*>(&file), words.data(), sizeof words);
-  return file;
+  register_file filled;
+  auto* const words = reinterpret_cast<std::uint64_t*>(&filled);
+  std::generate_n(words, offsetof(register_file, mxcsr) / 8, std::mt19937_64(seed));
+  return filled;
 }
 
 register_file call_with_registers(void (*routine)(), const register_file& in) {
-  // Bytes of the widest vector registers. The 64-bit mask moves of the shim are AVX512BW.
-  static const int bytes = __builtin_cpu_supports("avx512bw") != 0 ? 64
-                           : __builtin_cpu_supports("avx") != 0    ? 32
-                                                                   : 16;
-  std::fenv_t callers;
-  std::fegetenv(&callers);
-  register_file out = in;
-  zorvac_test_call(routine, &out, bytes);
-  std::fesetenv(&callers);
-  return out;
+  struct sigaction action {};
+  action.sa_sigaction = exchange_all;
+  action.sa_flags = SA_SIGINFO;
+  sigaction(SIGTRAP, &action, nullptr);
+
+  alignas(16) std::uint64_t stack[1 << 14];
+  return_address = std::copy(in.above.begin(), in.above.end(), std::end(stack) - 4) - 5;
+  next = routine;
+  file = in;
+  file.general[rsp] = reinterpret_cast<std::uint64_t>(return_address);
+  asm volatile("int3\n\tint3" ::: "memory");
+  std::copy_n(return_address + 1, 4, file.above.begin());
+  file.general[rsp] += in.general[rsp] - reinterpret_cast<std::uint64_t>(return_address + 1);
+  return file;
 }
 
 std::vector<std::string> changed_registers(const register_file& before,
                                            const register_file& after) {
-  static constexpr const char* names[] = {"rax", "rcx", "rdx", "rbx", "rsp", "rbp", "rsi", "rdi",
-                                          "r8",  "r9",  "r10", "r11", "r12", "r13", "r14", "r15"};
+  static constexpr const char* names[] = {"r8",  "r9",  "r10", "r11", "r12", "r13", "r14", "r15",
+                                          "rdi", "rsi", "rbp", "rbx", "rdx", "rax", "rcx", "rsp"};
   std::vector<std::string> changed;
-  const auto compare = [&changed](const auto& a, const auto& b, const std::string& name) {
-    if (a != b) changed.push_back(name);
-  };
   for (std::size_t i = 0; i < 16; ++i)
-    if (i != r10 && i != r11) compare(before.general[i], after.general[i], names[i]);
+    if (i != r10 && i != r11 && before.general[i] != after.general[i]) changed.push_back(names[i]);
   for (std::size_t i = 0; i < 32; ++i)
-    compare(before.vector[i], after.vector[i], "vector " + std::to_string(i));
-  for (std::size_t i = 0; i < 8; ++i)
-    compare(before.mask[i], after.mask[i], "mask " + std::to_string(i));
-  compare(before.above, after.above, "stack above the return address");
-  compare(before.mxcsr, after.mxcsr, "mxcsr");
-  compare(before.x87_control, after.x87_control, "x87 control word");
+    if (before.vector[i] != after.vector[i]) changed.push_back("vector " + std::to_string(i));
+  if (before.mask != after.mask) changed.push_back("masks");
+  if (before.above != after.above) changed.push_back("stack above the return address");
+  if (before.mxcsr != after.mxcsr) changed.push_back("mxcsr");
+  if (before.x87_control != after.x87_control) changed.push_back("x87 control word");
   return changed;
 }
 

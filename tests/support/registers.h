@@ -10,14 +10,15 @@
 
 namespace zorvac::test {
 
+// In the kernel's order.
 // clang-format off
-enum gpr : std::size_t { rax, rcx, rdx, rbx, rsp, rbp, rsi, rdi,
-                         r8, r9, r10, r11, r12, r13, r14, r15 };
+enum gpr : std::size_t { r8, r9, r10, r11, r12, r13, r14, r15,
+                         rdi, rsi, rbp, rbx, rdx, rax, rcx, rsp };
 // clang-format on
 
-// All that a routine could change. The assembler side knows the offsets.
-struct alignas(64) register_file {
-  std::array<std::uint64_t, 16> general{};                // RSP is neither set nor stored
+// All that a routine could change.
+struct register_file {
+  std::array<std::uint64_t, 16> general{};                // RSP is not set, and told relatively
   std::array<std::array<std::uint8_t, 64>, 32> vector{};  // XMM, YMM or ZMM, as the host has them
   std::array<std::uint64_t, 8> mask{};
   std::array<std::uint64_t, 4> above{};  // the 32 bytes above the return address

@@ -1,0 +1,199 @@
+// The shared library from outside. This program has a function of its own for each that the library
+// exports (stand_ins.S), so it sees every hop from one exported routine to the next: which variant
+// a dispatcher takes by which indicator, with every register as the caller left it, and the steps
+// of what calls others in turn. Nothing is computed.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <ucontext.h>
+
+#include <algorithm>
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "startup/checks.h"
+#include "support/child.h"
+#include "support/registers.h"
+#include "zorvac/cpu.h"
+
+namespace {
+
+using namespace zorvac::test;
+using u64 = std::uint64_t;
+using words = std::vector<u64>;
+using steps = std::vector<std::pair<std::string, words>>;
+
+steps calls;
+words inner_block;  // the arguments of the last inner kernel
+u64 detected;       // what detection finds
+
+// Notes the call of a stand-in, which its name follows. On the stack are the return address into
+// the library and more arguments.
+void note(int, siginfo_t*, void* context) {
+  auto& registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
+  const auto* const stack = reinterpret_cast<const u64*>(registers[REG_RSP]);
+  words passed(stack + 1, stack + 5);
+  for (const int place : {REG_R9, REG_R8, REG_RCX, REG_RDX, REG_RSI, REG_RDI})
+    passed.insert(passed.begin(), static_cast<u64>(registers[place]));
+  const std::string name = reinterpret_cast<const char*>(registers[REG_RIP]) + 3;
+  if (name == "__zorva_cpu_features_init") __zorva_cpu_feature_indicator = detected;
+  if (name.find("dinner") != std::string::npos) {  // takes its scalars by address
+    for (auto i : {0u, 1u, 2u, 5u, 7u, 9u}) passed[i] = *reinterpret_cast<const u64*>(passed[i]);
+    inner_block = passed;
+  }
+  calls.emplace_back(name, passed);
+  registers[REG_RIP] += 2;
+}
+
+void* of_library(const std::string& name) {
+  static void* const library = dlopen("libzorvac.so.5", RTLD_NOW | RTLD_NOLOAD);
+  return dlsym(library, name.c_str());
+}
+
+// Calls a routine of the library with these arguments, or else with registers that nothing on the
+// way may change. Addresses that it passes on are left to the tests of results.
+constexpr u64 address = 1 << 24;
+void expect_calls(const std::string& routine, const steps& expected, const words& w = {}) {
+  static unsigned seed = 0;
+  register_file in = filled_registers(++seed);
+  in.general[rdi] |= u64{1} << 63;  // no address
+  const gpr places[] = {rdi, rsi, rdx, rcx, r8, r9};
+  for (std::size_t i = 0; i < w.size(); ++i)
+    (i < 6 ? in.general[places[i]] : in.above[i - 6]) = w[i];
+  struct sigaction action {};
+  action.sa_sigaction = note;
+  action.sa_flags = SA_SIGINFO;
+  sigaction(SIGILL, &action, nullptr);
+  calls.clear();
+  const register_file out =
+      call_with_registers(reinterpret_cast<void (*)()>(of_library(routine)), in);
+  EXPECT_TRUE(!w.empty() || changed_registers(in, out).empty())
+      << routine << testing::PrintToString(changed_registers(in, out));
+  for (std::size_t i = 0; i < calls.size() && i < expected.size(); ++i) {
+    words& passed = calls[i].second;
+    std::erase_if(passed, [](u64 word) { return word >= address; });
+    passed.resize(expected[i].second.size());
+  }
+  ASSERT_EQ(calls, expected) << routine << std::hex << ' ' << __zorva_cpu_feature_indicator;
+}
+
+const std::string types[] = {"r4", "r8", "c4", "c8"}, storages[] = {"n_n", "n_t", "t_n", "t_t"};
+words product_of(u64 m, u64 k, u64 n) { return {address, address, address, m, k, n, 7, 8, 9}; }
+
+// The contract in literal masks, kept apart from the library's named levels. The most demanding
+// comes first, the last needs bit 0 alone.
+// clang-format off
+std::vector<check> dispatchers() {
+  std::vector<check> all = {
+      {"_zorva_fast_memcpy", 0, {{0x7389d97ff, ".Z"}, {0x9d97ff, ".V"}, {0x17ff, ".P"},
+                                 {0x1ff, ".M"}, {0x7f, ".J"}}},
+      {"_zorva_fast_memmove", 0, {{0x17ff, ".P"}, {0x1ff, ".M"}}},
+      {"_zorva_fast_memset", 0, {{0x7389d97ff, ".Z"}, {0x9d97ff, ".V"}, {0x7f, ".J"}}},
+      {"__mulq", 0, {{0xff, ".L"}}},
+      {"__divq", 0, {{0xff, ".L"}}}};
+  // clang-format on
+  all.insert(all.end(), std::begin(checks), std::end(checks));
+  for (const std::string& type : types)
+    for (const std::string& storage : storages)
+      all.push_back({"_MATMUL_" + type + '_' + storage, 0, {{type == "r8" ? 0x7f : never, ".J"}}});
+  for (check& c : all) {
+    std::erase_if(c.variants, [](const auto& v) { return v.first == never; });
+    c.variants.emplace_back(1, ".A");
+  }
+  return all;
+}
+
+// Every mask, every mask without any one of its bits, and each with all other bits set or all that
+// no mask asks for. Where bit 0 is clear, whatever else is set, detection goes before.
+TEST(Dispatch, TakesTheFirstVariantWhoseMaskIsWhollyPresent) {
+  for (const check& c : dispatchers())
+    for (const auto& [mask, letter] : c.variants)
+      for (u64 bit = 1; bit != 0; bit <<= 1)
+        for (const u64 indicator : {mask, mask ^ bit, ~bit, mask | ~c.variants[0].first}) {
+          __zorva_cpu_feature_indicator = indicator;
+          detected = mask;
+          steps expected;
+          if ((indicator & 1) == 0) expected.emplace_back("__zorva_cpu_features_init", words{});
+          const u64 known = expected.empty() ? indicator : mask;
+          const auto row = std::find_if(c.variants.begin(), c.variants.end(),
+                                        [&](auto& v) { return (known & v.first) == v.first; });
+          expected.emplace_back(c.name + row->second, words{});
+          expect_calls(c.name, expected);
+          if (HasFatalFailure()) return;
+        }
+}
+
+// As only a program's own detection can.
+TEST(Dispatch, NoticesADetectionThatLeavesNothing) {
+  detected = __zorva_cpu_feature_indicator = 0;
+  const auto check =
+      reinterpret_cast<void (*)(int, u64)>(of_library("__zorva_new_feature_proc_init"));
+  EXPECT_EQ(
+      run_in_child([&] { check(0, 2); }),
+      (outcome{"", "\nUse of incompatible or internally inconsistent Zorva(R) libvrt library\n\n",
+               1, 0}));
+}
+
+TEST(Variants, LeadToTheirWorkers) {
+  // clang-format off
+  const std::pair<const char*, const char*> rows[] = {
+      {"memcpy.Z", "__zorva_vpx_avx512f_memcpy"}, {"memcpy.V", "__zorva_avx_rep_memcpy"},
+      {"memcpy.P", "__zorva_ssse3_rep_memcpy"}, {"memcpy.M", "__zorva_ssse3_memcpy"},
+      {"memcpy.J", "__zorva_new_memcpy"}, {"memcpy.A", "memcpy"},
+      {"memmove.P", "__zorva_ssse3_rep_memmove"}, {"memmove.M", "__zorva_ssse3_memmove"},
+      {"memmove.A", "memmove"}, {"memset.Z", "__zorva_vpx_avx512f_memset"},
+      {"memset.V", "__zorva_avx_rep_memset"}, {"memset.J", "__zorva_new_memset"},
+      {"memset.A", "memset"}};
+  // clang-format on
+  for (const auto& [variant, worker] : rows)
+    expect_calls(std::string("_zorva_fast_") + variant, {{worker, {}}});
+}
+
+// Of the general kernels the complex ones promise to detect, even where there is nothing to do.
+TEST(Variants, OfProductsClearAndSwapTheExtents) {
+  const words kernel{4, 6, 5, 7, 8, 9};
+  detected = 1;
+  for (const std::string& type : types)
+    for (const std::string& storage : storages) {
+      const std::string name = "_MATMUL_" + type + '_' + storage, general = name + "_pst_General";
+      const steps clearing{{"_MATMUL_" + type + "_n_n_pst_init", {4, 6, 9}}, {general, kernel}};
+      expect_calls(name + ".A", clearing, product_of(4, 5, 6));
+      if (type == "r8") expect_calls(name + ".J", {{name + "_XK64w", kernel}}, product_of(4, 5, 6));
+      __zorva_cpu_feature_indicator = 0xfe;
+      const steps detection(type[0] == 'c' ? 1 : 0, {"__zorva_cpu_features_init", {}});
+      expect_calls(general, detection, product_of(0, 0, 0));
+    }
+}
+
+// Two panels of columns, the short block of terms before two whole ones, three blocks of rows, and
+// what is left over: a row and three columns.
+TEST(BlockedKernel, TakesItsSteps) {
+  const u64 m = 525, k = 227, n = 2007;
+  for (const std::string a : {"n", "t"})
+    for (const std::string b : {"n", "t"}) {
+      const std::string name = "_MATMUL_r8_" + a + '_' + b;
+      steps expected;
+      for (const u64 w : {2000u, 4u})
+        for (const u64 terms : {3u, 112u, 112u}) {
+          expected.push_back({"__zorva_dgcopyb" + b + "_psc", {terms, w, 8}});
+          for (const u64 h : {260u, 260u, 4u}) {
+            expected.push_back({"__zorva_dgcopya" + a + "_xk64w", {h, terms, 7}});
+            const char* const inner = terms == 3 ? "nerz_roll" : "ner";
+            expected.push_back({std::string("__zorva_din") + inner + "_xk64w",
+                                {h, w, (terms + 3) / 4 * 4, 112, 9, 0}});
+          }
+          if (terms == 3) expected.push_back({"_MATMUL_r8_n_n_pst_init", {1, w, 9}});
+          expected.push_back({name + "_pst_General", {1, w, terms, 7, 8, 9}});
+        }
+      const words column = a == "n" ? words{m, k, 7} : words{k, m, 7};
+      expected.insert(expected.end(), 3, {"MATMUL_v_" + a + b + "_pst", column});
+      expect_calls(name + "_XK64w", expected, product_of(m, n, k));
+
+      // Where the buffer's parts are, as far as the boundaries below them tell.
+      const u64 packed_a = inner_block[3], packed_b = inner_block[4], strip = inner_block[8];
+      EXPECT_TRUE(packed_a % 4096 == 0 && packed_b == packed_a + 0x3b000 && strip % 128 == 0);
+      EXPECT_EQ((strip - 256 - (packed_a + 0x3c000 + 2000 * 896)) / (4096 + 128), 0u);
+    }
+}
+
+}  // namespace
