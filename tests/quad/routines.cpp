@@ -1,19 +1,13 @@
 // The table of routines, and the oracles: what the compiler makes of the same operation on its own
 // __float128, rounded and flagged by MXCSR as ours is, with this library's own rules (which NaN,
-// when the denormal flag) around it. The C library rounds to integers.
+// when the denormal flag) around it.
 #include <functional>
 #include <limits>
 #include <tuple>
+#include <utility>
 
 #include "quads.h"
 #include "zorvac/quad.hpp"
-
-extern "C" {
-__float128 toward_zero(__float128) __asm__("truncf128");
-__float128 to_nearest(__float128) __asm__("roundevenf128");
-__float128 down(__float128) __asm__("floorf128");
-__float128 up(__float128) __asm__("ceilf128");
-}
 
 namespace zorvac::test {
 namespace {
@@ -25,29 +19,25 @@ using const_place = const unsigned char*;
 // ---- Calls, by the routine's own shape ----
 
 template <class T>
-T next_operand(const_place& at) {
-  const const_place here = at;
-  at += 16;
-  if constexpr (std::is_pointer_v<T>)
-    return here;
+T argument(place result, const_place& in) {
+  if constexpr (std::is_same_v<T, void*>)
+    return result;
+  else if constexpr (std::is_pointer_v<T>)
+    return std::exchange(in, in + 16);
   else
-    return load<T>(here);
-}
-template <class... T>
-void call_as(void (*routine)(void*, T...), place result, const_place in) {
-  std::apply([&](auto... x) { routine(result, x...); }, std::tuple<T...>{next_operand<T>(in)...});
+    return load<T>(std::exchange(in, in + 16));
 }
 template <class R, class... T>
 void call_as(R (*routine)(T...), place result, const_place in) {
-  store(result, std::apply(routine, std::tuple<T...>{next_operand<T>(in)...}));
-}
-template <auto Routine>
-void by(place result, const_place in) {
-  call_as(Routine, result, in);
+  const std::tuple<T...> arguments{argument<T>(result, in)...};
+  if constexpr (std::is_void_v<R>)
+    std::apply(routine, arguments);
+  else
+    store(result, std::apply(routine, arguments));
 }
 template <auto... Routine>
 std::vector<call*> calls() {
-  return {by<Routine>...};
+  return {[](place result, const_place in) { call_as(Routine, result, in); }...};
 }
 
 // What the C++ value type makes of an operator or a conversion.
@@ -69,18 +59,13 @@ unsigned raised() {
   return (now.mxcsr | (now.status & ~denormal)) & all_flags;
 }
 
-word chosen_nan(word a, word b) {
-  if (is_nan(a) != is_nan(b)) return is_nan(a) ? a : b;
-  if (is_signalling(a) != is_signalling(b)) return is_signalling(a) ? b : a;
-  if (magnitude(a) != magnitude(b)) return magnitude(a) > magnitude(b) ? a : b;
-  return (a & sign) != 0 ? a : b;
-}
-
 template <class F>
 unsigned arithmetic(place result, const_place in) {
   const auto a = load<word>(in), b = load<word>(in + 16);
   if (is_nan(a) || is_nan(b)) {
-    store(result, chosen_nan(a, b) | quiet_bit);
+    // As integers, NaNs are above all numbers, and the quiet ones above the signalling ones.
+    const word larger = magnitude(a) > magnitude(b) ? a : b;
+    store(result, (magnitude(a) == magnitude(b) && (a & sign) != 0 ? a : larger) | quiet_bit);
     return is_signalling(a) || is_signalling(b) ? invalid : 0;
   }
   store(result, F()(load<__float128>(in), load<__float128>(in + 16)));
@@ -109,9 +94,9 @@ unsigned comparison(place result, const_place in) {
   return ordered ? 0 : FlagsOfNan;
 }
 
-template <int Parts>
-unsigned negated(place result, const_place in) {
-  for (int at = 0; at < 16 * Parts; at += 16) store(result + at, load<word>(in + at) ^ sign);
+template <word Flipped, int Parts = 1>
+unsigned copied(place result, const_place in) {
+  for (int at = 0; at < 16 * Parts; at += 16) store(result + at, load<word>(in + at) ^ Flipped);
   return 0;
 }
 
@@ -125,37 +110,29 @@ unsigned part_by_part(place result, const_place in) {
 }
 template <class F>
 unsigned complex(place result, const_place in) {
-  const auto ar = load<number>(in), ai = load<number>(in + 16);
-  const auto br = load<number>(in + 32), bi = load<number>(in + 48);
+  const auto [ar, ai, br, bi] = load<std::array<number, 4>>(in);
   if (std::is_same_v<F, std::multiplies<>>) {
-    store(result, ar * br - ai * bi);
-    store(result + 16, ar * bi + ai * br);
+    store(result, std::array{ar * br - ai * bi, ar * bi + ai * br});
   } else {
-    const number reciprocal = number(1) / (br * br + bi * bi);
-    store(result, (ar * br + ai * bi) * reciprocal);
-    store(result + 16, (ai * br - ar * bi) * reciprocal);
+    const number r = number(1) / (br * br + bi * bi);
+    store(result, std::array{(ar * br + ai * bi) * r, (ai * br - ar * bi) * r});
   }
   return raised();
 }
 template <class Part, bool Equal>
 unsigned complex_equality(place result, const_place in) {
-  const bool real = load<Part>(in) == load<Part>(in + 32);
-  store(result, int{(real && load<Part>(in + 16) == load<Part>(in + 48)) == Equal});
+  const auto [ar, ai, br, bi] = load<std::array<Part, 4>>(in);
+  store(result, int{(ar == br && ai == bi) == Equal});
   return 0;
 }
 
-// Some entries clear the imaginary part. Two clear only the last 12 of its bytes, and the lowest
-// four of the real one.
-template <oracle* Real, bool Partially = false>
+// Some entries clear the imaginary part. Two keep its first four bytes and clear the real one's.
+template <oracle* Real, int Kept = 0>
 unsigned and_zero(place result, const_place in) {
   const unsigned flags = Real(result, in);
-  if (Partially) std::memset(result, 0, 4);
-  std::memset(result + (Partially ? 20 : 16), 0, Partially ? 12 : 16);
+  std::memset(result, 0, Kept);
+  std::memset(result + 16 + Kept, 0, 16 - Kept);
   return flags;
-}
-unsigned copied(place result, const_place in) {
-  std::memmove(result, in, 16);
-  return 0;
 }
 
 // Of two parts the first is stored before the second is read.
@@ -194,42 +171,33 @@ unsigned widened_by_x87(place result, const_place in) {
 // compiler takes an 80-bit number with an exponent of 0 and its leading one stored for 0.
 template <class To, bool TakesMode = false, class From = __float128>
 unsigned to_integer(place result, const_place in) {
-  constexpr int width = 8 * sizeof(To);
-  constexpr bool is_signed = To(-1) < To(1);
-  const auto x = static_cast<__float128>(load<From>(in));
-  const int mode = TakesMode ? load<int>(in + 16) : 0;
-  decltype(&down) const directions[] = {toward_zero, to_nearest, down, up};
-  const auto otherwise = width == 64 ? toward_zero : x < 0 ? down : up;
-  const __float128 rounded = (mode >= 0 && mode <= 3 ? directions[mode] : otherwise)(x);
-  const bool exact = rounded == x && (rounded != 0 || load<From>(in) == 0);
+  constexpr int width = 8 * sizeof(To), range = width == 32 ? 33 : width;
+  const word x = bits(static_cast<__float128>(load<From>(in))), size = magnitude(x);
+  const bool negative = x != size, small = size >> 112 < 0x3fff + 128;
+  const auto m = load<__float128>(&size);
+  const word whole = small ? static_cast<word>(m) : 0;
+  const __float128 rest = m - static_cast<__float128>(whole);
+  const bool exact = rest == 0 && (size != 0 || load<From>(in) == 0);
+  const bool away[] = {false, rest > 0.5 || (rest == 0.5 && whole % 2 != 0), negative, !negative};
+  const unsigned mode = TakesMode ? load<unsigned>(in + 16) : 0;
+  const word n = whole + (rest > 0 && (mode < 4 ? away[mode] : width == 32));
 
-  constexpr int range = is_signed ? width - 1 : width == 32 ? 33 : width;
-  const __float128 end = static_cast<__float128>(word{1} << (range - 1)) * 2;
-  const bool above_lowest = width == 128 ? rounded > -end : rounded >= -end;
-  const bool fits = rounded < end && (is_signed ? above_lowest : rounded >= 0);
-  word n = word{1} << (width - 1);
-  if (fits) n = rounded < 0 ? -static_cast<word>(-rounded) : static_cast<word>(rounded);
-  store(result, static_cast<To>(n));
-  return !fits ? invalid : exact ? 0 : inexact;
+  const word limit = word{1} << (width - 1);
+  const bool fits_signed = n < limit || (n == limit && negative && width != 128),
+             fits_unsigned = negative ? n == 0 : n >> (range - 1) < 2;
+  if (!small || !(To(-1) < To(1) ? fits_signed : fits_unsigned)) {
+    store(result, static_cast<To>(limit));
+    return invalid;
+  }
+  store(result, static_cast<To>(negative ? -n : n));
+  return exact ? 0 : inexact;
 }
 
-// Rounded once: what does not fit a __float128 goes there rounded to odd, to be rounded again.
-template <class Integer, class To = __float128>
+template <class From, class To = __float128>
 unsigned from_integer(place result, const_place in) {
-  const auto n = load<Integer>(in);
-  const bool negative = !(n > 0) && n != 0;
-  const word m = negative ? -static_cast<word>(n) : static_cast<word>(n);
-  const auto odd =
-      static_cast<__float128>(m >> 113 != 0 ? (m >> 15 | word{m << 113 != 0}) << 15 : m);
-  const __float128 same = negative ? -odd : odd, rounded = static_cast<__float128>(n);
-  store(result, static_cast<To>(std::is_same_v<To, __float128> ? rounded : same));
+  store(result, static_cast<To>(load<From>(in)));
   return 0;
 }
-
-#define MUL "__mulq __mulq.L "
-#define DIV "__divq __divq.L "
-#define CMUL "__cmulq " MUL MUL MUL MUL "__subq __addq "
-#define CDIV "__cdivq " MUL MUL "__addq " DIV MUL MUL MUL MUL "__addq __subq " MUL MUL
 
 }  // namespace
 
@@ -241,9 +209,9 @@ using std::plus, std::minus, std::multiplies, std::divides, std::equal_to, std::
 const std::vector<routine> routines = {
     {"addq", pair, calls<__addq, a_addq, computed<plus<>>>(), arithmetic<plus<>>},
     {"subq", pair, calls<__subq, a_subq, computed<minus<>>>(), arithmetic<minus<>>},
-    {"mulq", pair, calls<__mulq, a_mulq, computed<multiplies<>>>(), arithmetic<multiplies<>>, MUL},
-    {"divq", pair, calls<__divq, a_divq, computed<divides<>>>(), arithmetic<divides<>>, DIV},
-    {"negq", quad, calls<__negq, a_negq>(), negated<1>},
+    {"mulq", pair, calls<__mulq, a_mulq, computed<multiplies<>>>(), arithmetic<multiplies<>>},
+    {"divq", pair, calls<__divq, a_divq, computed<divides<>>>(), arithmetic<divides<>>},
+    {"negq", quad, calls<__negq, a_negq>(), copied<sign>},
 
     {"eqq", pair, calls<__eqq, a_eqq, computed<equal_to<>>>(), comparison<equal_to<>, 0>},
     {"neq", pair, calls<__neq, a_neq, computed<not_equal_to<>>>(), comparison<not_equal_to<>, 0>},
@@ -253,11 +221,11 @@ const std::vector<routine> routines = {
     {"geq", pair, calls<__geq, a_geq, computed<greater_equal<>>>(), comparison<greater_equal<>>},
     {"compareq", pair, calls<__compareq, compareq>(), comparison<three_way>},
 
-    {"qtoi", quad_and_mode, calls<__qtoi, a_qtoi, a_qtoc, a_qtos>(), to_integer<int32_t, true>},
-    {"qtoj", quad_and_mode, calls<__qtoj, a_qtoj>(), to_integer<int64_t, true>},
+    {"qtoi", with_mode, calls<__qtoi, a_qtoi, a_qtoc, a_qtos>(), to_integer<int32_t, true>},
+    {"qtoj", with_mode, calls<__qtoj, a_qtoj>(), to_integer<int64_t, true>},
     {"cqtoi", quad, calls<a_cqtoi, a_cqtoch, a_cqtos, cast<int32_t, number>>(),
-     to_integer<int32_t>, "__qtoi "},
-    {"cqtoj", quad, calls<a_cqtoj, cast<int64_t, number>>(), to_integer<int64_t>, "__qtoj "},
+     to_integer<int32_t>},
+    {"cqtoj", quad, calls<a_cqtoj, cast<int64_t, number>>(), to_integer<int64_t>},
     {"qtou", quad, calls<__qtou, cast<uint32_t, number>>(), to_integer<uint32_t>},
     {"qtok", quad, calls<__qtok, cast<uint64_t, number>>(), to_integer<uint64_t>},
     {"qton", quad, calls<__qton, cast<word, number>>(), to_integer<word>},
@@ -276,8 +244,8 @@ const std::vector<routine> routines = {
     {"dtoq", binary64, calls<__dtoq, a_dtoq, cast<number, double>>(), widened<double>},
     {"ltoq", extended, calls<__ltoq, a_ltoq, cast<number, long double>>(), widened_by_x87},
 
-    {"ctoq", integer, calls<a_ctoq, cast<number, int8_t>>(), from_integer<int8_t>, "__itoq "},
-    {"stoq", integer, calls<a_stoq, cast<number, int16_t>>(), from_integer<int16_t>, "__itoq "},
+    {"ctoq", integer, calls<a_ctoq, cast<number, int8_t>>(), from_integer<int8_t>},
+    {"stoq", integer, calls<a_stoq, cast<number, int16_t>>(), from_integer<int16_t>},
     {"itoq", integer, calls<__itoq, a_itoq, cast<number, int32_t>>(), from_integer<int32_t>},
     {"utoq", integer, calls<__utoq, cast<number, uint32_t>>(), from_integer<uint32_t>},
     {"jtoq", integer, calls<__jtoq, a_jtoq, cast<number, int64_t>>(), from_integer<int64_t>},
@@ -291,28 +259,28 @@ const std::vector<routine> routines = {
     {"ntol", integer, calls<__ntol>(), from_integer<word, long double>},
     {"mtol", integer, calls<__mtol>(), from_integer<int128, long double>},
 
-    {"caddq", four, calls<__caddq, a_caddq>(), part_by_part<plus<>>, "__caddq __addq __addq "},
-    {"csubq", four, calls<__csubq, a_csubq>(), part_by_part<minus<>>, "__csubq __subq __subq "},
-    {"cmulq", four, calls<__cmulq, a_cmulq>(), complex<multiplies<>>, CMUL},
-    {"cdivq", four, calls<__cdivq, a_cdivq>(), complex<divides<>>, CDIV},
-    {"cnegq", pair, calls<__cnegq, a_cnegq>(), negated<2>, "__cnegq __negq __negq "},
-    {"ceqq", four, calls<__ceqq>(), complex_equality<__float128, true>, "__ceqq __eqq __eqq "},
-    {"cneq", four, calls<__cneq>(), complex_equality<__float128, false>, "__cneq __neq __neq "},
-    {"a_ceqq", four, calls<a_ceqq>(), complex_equality<word, true>, ""},
-    {"a_cneq", four, calls<a_cneq>(), complex_equality<word, false>, ""},
+    {"caddq", four, calls<__caddq, a_caddq>(), part_by_part<plus<>>},
+    {"csubq", four, calls<__csubq, a_csubq>(), part_by_part<minus<>>},
+    {"cmulq", four, calls<__cmulq, a_cmulq>(), complex<multiplies<>>},
+    {"cdivq", four, calls<__cdivq, a_cdivq>(), complex<divides<>>},
+    {"cnegq", pair, calls<__cnegq, a_cnegq>(), copied<sign, 2>},
+    {"ceqq", four, calls<__ceqq>(), complex_equality<__float128, true>},
+    {"cneq", four, calls<__cneq>(), complex_equality<__float128, false>},
+    {"a_ceqq", four, calls<a_ceqq>(), complex_equality<word, true>},
+    {"a_cneq", four, calls<a_cneq>(), complex_equality<word, false>},
 
-    {"ctocq", binary32, calls<a_ctocq>(), widened<float, 2>, "__ftoq __ftoq "},
-    {"cdtocq", binary64, calls<a_cdtocq>(), widened<double, 2>, "__dtoq __dtoq "},
-    {"ftocq", binary32, calls<a_ftocq>(), and_zero<widened<float>>, "__ftoq "},
-    {"dtocq", binary64, calls<a_dtocq>(), and_zero<widened<double>>, "__dtoq "},
-    {"chtocq", integer, calls<a_chtocq>(), and_zero<from_integer<int8_t>>, "__itoq "},
-    {"stocq", integer, calls<a_stocq>(), and_zero<from_integer<int16_t>, true>, "__itoq "},
-    {"itocq", integer, calls<a_itocq>(), and_zero<from_integer<int32_t>>, "__itoq "},
-    {"jtocq", integer, calls<a_jtocq>(), and_zero<from_integer<int64_t>>, "__jtoq "},
-    {"qtocq", quad, calls<a_qtocq>(), and_zero<copied, true>, ""},
-    {"cqtoq", quad, calls<a_cqtoq>(), copied, ""},
-    {"cqtoc", pair, calls<a_cqtoc>(), narrowed<float, 2>, "__qtof __qtof "},
-    {"cqtocd", pair, calls<a_cqtocd>(), narrowed<double, 2>, "__qtod __qtod "},
+    {"ctocq", binary32, calls<a_ctocq>(), widened<float, 2>},
+    {"cdtocq", binary64, calls<a_cdtocq>(), widened<double, 2>},
+    {"ftocq", binary32, calls<a_ftocq>(), and_zero<widened<float>>},
+    {"dtocq", binary64, calls<a_dtocq>(), and_zero<widened<double>>},
+    {"chtocq", integer, calls<a_chtocq>(), and_zero<from_integer<int8_t>>},
+    {"stocq", integer, calls<a_stocq>(), and_zero<from_integer<int16_t>, 4>},
+    {"itocq", integer, calls<a_itocq>(), and_zero<from_integer<int32_t>>},
+    {"jtocq", integer, calls<a_jtocq>(), and_zero<from_integer<int64_t>>},
+    {"qtocq", quad, calls<a_qtocq>(), and_zero<copied<0>, 4>},
+    {"cqtoq", quad, calls<a_cqtoq>(), copied<0>},
+    {"cqtoc", pair, calls<a_cqtoc>(), narrowed<float, 2>},
+    {"cqtocd", pair, calls<a_cqtocd>(), narrowed<double, 2>},
 };
 // clang-format on
 
