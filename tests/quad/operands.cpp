@@ -41,21 +41,13 @@ class generator {
            word{leading_one} << fraction_bits_ | (fraction & ones(fraction_bits_));
   }
 
-  // Bits at either end and in the middle, runs of ones, and few leading bits, with a tie behind
-  // them or what lies beside one.
+  // Single bits, runs of ones, and few leading bits, with a tie behind them, or what lies beside.
   word digits(int width) {
-    const word bit = word{1} << below(width), beside = static_cast<word>(below(5) - 2);
-    const word shapes[] = {beside & 1,
-                           word{1} << (width - 1) | (beside & 1),
-                           ones(width) - (beside & 1),
-                           bit ^ word{1} << below(width),
-                           bit + beside,
-                           ones(below(width)) ^ ones(below(width)),
-                           ones(width) ^ bit,
-                           any() * bit,
-                           (any() << 1 | 1) * bit + beside,
-                           any()};
-    return shapes[below(10)] & ones(width);
+    const word bit = word{1} << below(width), other = word{1} << below(width),
+               run = ones(below(width + 1)) ^ ones(below(width + 1)),
+               beside = static_cast<word>(below(5) - 2);
+    const word shapes[] = {0, bit, bit ^ other, ~bit, run, any() * bit, any() * bit, any()};
+    return (shapes[below(8)] + (below(2) != 0 ? beside : 0)) & ones(width);
   }
 
   // At or near the ends of the range, of this format and of narrower ones, and where integers are.
@@ -78,18 +70,16 @@ class generator {
     const word a = operand(), b = operand();
     const int ea = static_cast<int>(magnitude(a) >> 112), near = below(261) - 130;
     const int bias = special_ / 2, huge = special_ + bias - ea;
-    const int exponents[] = {ea + near,                                 // sums
-                             bias - ea + near, huge + near / 32,        // products, tiny and huge
-                             bias + ea + near, ea - bias - near / 32};  // quotients
-    const int choice = below(14), eb = exponents[choice % 5];
-    if (choice < 8 && eb >= 0 && eb < special_)
-      return {a, number(b >> 127 != 0, eb, choice < 5 ? b : a)};
-    if (choice == 9) return {a, a};
-    if (choice == 10) return {a, a ^ word{1} << below(128)};
-    const word off = static_cast<word>(below(5) - 2);
-    if (choice == 11)  // a quotient that is almost exact
-      return {bits(load<__float128>(&a) * load<__float128>(&b)) + off, b};
-    return {a, b};
+    // Sums; products, tiny and huge; quotients.
+    const int exponents[] = {ea + near, bias - ea + near, huge + near / 32, bias + ea + near,
+                             ea - bias - near / 32};
+    const int eb = exponents[below(5)];
+    const word met = eb < 0 || eb > special_ ? b : number(b >> 127 != 0, eb, below(2) != 0 ? a : b);
+    const word product = bits(load<__float128>(&a) * load<__float128>(&b)),  // of a quotient
+        almost = product + static_cast<word>(below(5) - 2);
+    const std::array<word, 2> pairs[] = {
+        {a, a}, {a, a ^ word{1} << below(128)}, {almost, b}, {a, b}, {a, met}};
+    return pairs[std::min(below(10), 4)];
   }
 
   kind takes_;

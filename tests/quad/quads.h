@@ -43,8 +43,8 @@ word bits(const T& value) {
 }
 
 // The exception flags, in the order of both registers, and MXCSR's other fields.
-constexpr unsigned invalid = 1, denormal = 2, overflow = 8, underflow = 16, inexact = 32,
-                   all_flags = 63;
+constexpr unsigned invalid = 1, denormal = 2, division_by_zero = 4, overflow = 8, underflow = 16,
+                   inexact = 32, all_flags = 63;
 constexpr int mask_shift = 7, rounding_shift = 13;  // to nearest, down, up, toward zero
 constexpr std::uint32_t all_masked = all_flags << mask_shift, flush_modes = 0x8040;
 

@@ -1,17 +1,21 @@
-// Every routine against its oracle. The four operations against MPFR, too, which has no code in
-// common with the compiler's __float128: an error that the two of them shared would show here.
+// Every routine against its oracle, and the C++ value type's conversions from and to text against
+// the C library's. Its operators and other conversions are in the table of routines.
 #include <gtest/gtest.h>
-#include <mpfr.h>
+
+#include <iomanip>
+#include <random>
+#include <sstream>
 
 #include "quads.h"
 #include "support/campaign.h"
 #include "support/name_of_row.h"
-#include "zorvac/quad.h"
+#include "zorvac/quad.hpp"
 
-// Which the header declares for compilers that call the type _Float128.
+// Not every compiler's headers declare them.
 extern "C" {
-int mpfr_set_float128(mpfr_ptr, __float128, mpfr_rnd_t);
-__float128 mpfr_get_float128(mpfr_srcptr, mpfr_rnd_t);
+__float128 c_library_read(const char* text, char** end) __asm__("strtof128");
+int c_library_write(char* to, std::size_t size, const char* format,
+                    __float128 value) __asm__("strfromf128");
 }
 
 namespace zorvac::test {
@@ -29,40 +33,63 @@ TEST_P(Routine, DoesAsItsOracleDoes) {
   }
 }
 
-// The numbers of binary128 as MPFR's manual does it for IEEE formats (mpfr_subnormalize): its
-// significands are below 1, and exponents reach down to that of the smallest subnormal number.
-TEST(FourOperations, RoundAsMpfrDoes) {
-  constexpr struct {
-    void (*ours)(void*, const void*, const void*);
-    int (*theirs)(mpfr_t, const mpfr_t, const mpfr_t, mpfr_rnd_t);
-  } operations[] = {{__addq, mpfr_add}, {__subq, mpfr_sub}, {__mulq, mpfr_mul}, {__divq, mpfr_div}};
-  constexpr mpfr_rnd_t modes[] = {MPFR_RNDN, MPFR_RNDD, MPFR_RNDU, MPFR_RNDZ};
-  mpfr_set_emin(-16493);
-  mpfr_set_emax(16384);
-  mpfr_t a, b, expected;
-  mpfr_inits2(113, a, b, expected, nullptr);
-  const auto any = operands_for(kind::pair);
-  for (long n = random_cases(50'000); n > 0; --n) {
-    const operands in = any();
-    mpfr_set_float128(a, load<__float128>(&in[0]), MPFR_RNDN);
-    mpfr_set_float128(b, load<__float128>(&in[1]), MPFR_RNDN);
-    for (const auto& operation : operations)
-      for (unsigned mode = 0; mode < 4; ++mode) {
-        mpfr_clear_flags();
-        const int rounded = operation.theirs(expected, a, b, modes[mode]);
-        const bool exact = mpfr_subnormalize(expected, rounded, modes[mode]) == 0;
-        if (mpfr_nan_p(expected) != 0) continue;
-        const unsigned raised = (exact ? 0 : inexact) | (mpfr_overflow_p() != 0 ? overflow : 0);
-        word result = 0;
-        set({all_masked | mode << rounding_shift, initial.control, 0});
-        operation.ours(&result, &in[0], &in[1]);
-        const unsigned flags = current().mxcsr & (inexact | overflow);
-        set(initial);
-        ASSERT_TRUE(result == bits(mpfr_get_float128(expected, MPFR_RNDN)) && flags == raised)
-            << &operation - operations << ", mode " << mode << ": " << testing::PrintToString(in);
-      }
+using number = zorvac::quad;
+using limits = std::numeric_limits<number>;
+using namespace zorvac::literals;
+
+static_assert((-0.5_q).high_word() == 0xbffe'0000'0000'0000 && (-0.5_q).low_word() == 0);
+static_assert(!number::parse("1e5000") && !number::parse("1x") && !number::parse("0x1"));
+
+// Reads like the C library, the longest number in front, but has no value out of range to give.
+void expect_reading(const std::string& text) {
+  char* stop;
+  const word expected = bits(c_library_read(text.c_str(), &stop));
+  const bool extreme = magnitude(expected) == infinity || magnitude(expected) == 0;
+  number x = 1;
+  const auto [end, error] = from_chars(text.data(), text.data() + text.size(), x);
+  const bool has_value = error == std::errc(), is_number = end != text.data();
+  const auto reason = is_number ? std::errc::result_out_of_range : std::errc::invalid_argument;
+  EXPECT_TRUE(end == stop && bits(x) == (has_value ? expected : one) &&
+              (has_value || (error == reason && extreme)))
+      << text;
+}
+
+TEST(DecimalText, IsCorrectlyRounded) {
+  std::array<char, 12'000> text;
+  const auto expect_writing = [&](word q, int digits) {
+    c_library_write(text.data(), text.size(), ("%." + std::to_string(digits) + "g").c_str(),
+                    load<__float128>(&q));
+    EXPECT_EQ(to_string(load<number>(&q), digits), text.data());
+    expect_reading(text.data());
+  };
+  expect_writing((word{1} << 112) - 1, 11'600);  // the longest there is
+  const auto any = operands_for(kind::quad);
+  for (int i = 0; i < 500; ++i) {
+    const word q = any()[0];
+    if (magnitude(q) >= infinity) continue;
+    for (const int digits : {1, 2, 17, 33, 36, 50}) expect_writing(q, digits);
+    ASSERT_EQ(bits(number::parse(to_string(load<number>(&q))).value()), q);  // the shortest
   }
-  mpfr_clears(a, b, expected, nullptr);
+  EXPECT_EQ(to_chars(text.data(), text.data() + 4, 0.125_q).ec, std::errc::value_too_large);
+  std::ostringstream out;
+  out << 2.5_q << std::setprecision(20) << number(1) / 3 << -limits::infinity() << limits::max();
+  EXPECT_EQ(out.str(), "2.50.33333333333333333333-inf1.1897314953572317651e+4932");
+}
+
+// Numbers as people and programs write them, and what only begins like one. The long one is a tie
+// between two numbers, which a digit far behind breaks.
+TEST(DecimalText, IsReadAsTheCLibraryDoes) {
+  // clang-format off
+  const std::string tie = "10384593717069655257060992658440193", zeros(12'000, '0'),
+                    pieces[] = {"-", "+", ".", "e", "E+12", "e-4966", "e4932", "e-99999999999", "0",
+                                "7", "118.973", tie, tie + '.' + zeros, "inf", "INITY", "y"};
+  // clang-format on
+  std::mt19937 random(4);
+  for (int i = 0; i < 50'000; ++i) {
+    std::string text;
+    for (auto n = random() % 6; n > 0; --n) text += pieces[random() % std::size(pieces)];
+    expect_reading(text);
+  }
 }
 
 }  // namespace

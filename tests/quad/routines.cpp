@@ -1,6 +1,9 @@
 // The table of routines, and the oracles: what the compiler makes of the same operation on its own
 // __float128, rounded and flagged by MXCSR as ours is, with this library's own rules (which NaN,
-// when the denormal flag) around it.
+// when the denormal flag) around it. The four operations are computed by MPFR as well, which has no
+// code in common with that.
+#include <mpfr.h>
+
 #include <functional>
 #include <limits>
 #include <tuple>
@@ -9,17 +12,21 @@
 #include "quads.h"
 #include "zorvac/quad.hpp"
 
+// Which the header declares for compilers that call the type _Float128.
+extern "C" {
+int mpfr_set_float128(mpfr_ptr, __float128, mpfr_rnd_t);
+__float128 mpfr_get_float128(mpfr_srcptr, mpfr_rnd_t);
+}
+
 namespace zorvac::test {
 namespace {
 
 using number = zorvac::quad;
-using place = unsigned char*;
-using const_place = const unsigned char*;
 
 // ---- Calls, by the routine's own shape ----
 
 template <class T>
-T argument(place result, const_place& in) {
+T argument(unsigned char* result, const unsigned char*& in) {
   if constexpr (std::is_same_v<T, void*>)
     return result;
   else if constexpr (std::is_pointer_v<T>)
@@ -28,7 +35,7 @@ T argument(place result, const_place& in) {
     return load<T>(std::exchange(in, in + 16));
 }
 template <class R, class... T>
-void call_as(R (*routine)(T...), place result, const_place in) {
+void call_as(R (*routine)(T...), unsigned char* result, const unsigned char* in) {
   const std::tuple<T...> arguments{argument<T>(result, in)...};
   if constexpr (std::is_void_v<R>)
     std::apply(routine, arguments);
@@ -37,7 +44,7 @@ void call_as(R (*routine)(T...), place result, const_place in) {
 }
 template <auto... Routine>
 std::vector<call*> calls() {
-  return {[](place result, const_place in) { call_as(Routine, result, in); }...};
+  return {[](unsigned char* result, const unsigned char* in) { call_as(Routine, result, in); }...};
 }
 
 // What the C++ value type makes of an operator or a conversion.
@@ -59,8 +66,31 @@ unsigned raised() {
   return (now.mxcsr | (now.status & ~denormal)) & all_flags;
 }
 
-template <class F>
-unsigned arithmetic(place result, const_place in) {
+// The numbers of binary128 as MPFR's manual does it for IEEE formats (mpfr_subnormalize): its
+// significands are below 1, and exponents reach down to that of the smallest subnormal number.
+template <int Operation(mpfr_t, const mpfr_t, const mpfr_t, mpfr_rnd_t)>
+bool mpfr_agrees(__float128 x, __float128 y, __float128 result, unsigned flags) {
+  static mpfr_t a, b;
+  [[maybe_unused]] static const bool initialised = (mpfr_inits2(113, a, b, nullptr), true);
+  constexpr mpfr_rnd_t modes[] = {MPFR_RNDN, MPFR_RNDD, MPFR_RNDU, MPFR_RNDZ};
+  const mpfr_rnd_t mode = modes[current().mxcsr >> rounding_shift & 3];
+  set(initial);
+  mpfr_set_emin(-16493);
+  mpfr_set_emax(16384);
+  mpfr_set_float128(a, x, mode);
+  mpfr_set_float128(b, y, mode);
+  mpfr_clear_flags();
+  const int rounded = mpfr_subnormalize(a, Operation(a, a, b, mode), mode);
+  const unsigned expected = (mpfr_nan_p(a) != 0 ? invalid : 0) |
+                            (mpfr_divby0_p() != 0 ? division_by_zero : 0) |
+                            (mpfr_overflow_p() != 0 ? overflow : 0) | (rounded != 0 ? inexact : 0) |
+                            (rounded != 0 && mpfr_underflow_p() != 0 ? underflow : 0);
+  return flags == expected &&
+         (mpfr_nan_p(a) != 0 || bits(mpfr_get_float128(a, mode)) == bits(result));
+}
+
+template <class F, auto ByMpfr>
+unsigned arithmetic(unsigned char* result, const unsigned char* in) {
   const auto a = load<word>(in), b = load<word>(in + 16);
   if (is_nan(a) || is_nan(b)) {
     // As integers, NaNs are above all numbers, and the quiet ones above the signalling ones.
@@ -68,8 +98,10 @@ unsigned arithmetic(place result, const_place in) {
     store(result, (magnitude(a) == magnitude(b) && (a & sign) != 0 ? a : larger) | quiet_bit);
     return is_signalling(a) || is_signalling(b) ? invalid : 0;
   }
-  store(result, F()(load<__float128>(in), load<__float128>(in + 16)));
+  const auto x = load<__float128>(in), y = load<__float128>(in + 16), value = F()(x, y);
+  store(result, value);
   unsigned flags = raised();
+  if (!mpfr_agrees<ByMpfr>(x, y, value, flags)) return ~0U;  // which nothing raises
   // A zero or an infinity that decides the result keeps the other operand's size from being seen.
   constexpr bool divides = std::is_same_v<F, std::divides<>>,
                  scales = divides || std::is_same_v<F, std::multiplies<>>;
@@ -77,7 +109,7 @@ unsigned arithmetic(place result, const_place in) {
                        (divides && (magnitude(a) == 0 || magnitude(b) == 0));
   if (!decided && (is_subnormal(a) || is_subnormal(b))) flags |= denormal;
   // A power of two is the quotient of equal significands, which raises nothing whatever happens.
-  const word r = magnitude(load<word>(result));
+  const word r = magnitude(bits(value));
   if (scales && is_subnormal(r) && (flags & inexact) == 0 && !(divides && (r & (r - 1)) == 0))
     flags |= exact_underflow;
   return flags;
@@ -87,7 +119,7 @@ struct three_way {
   int operator()(__float128 a, __float128 b) const { return (a > b) - (a < b); }
 };
 template <class F, unsigned FlagsOfNan = invalid>
-unsigned comparison(place result, const_place in) {
+unsigned comparison(unsigned char* result, const unsigned char* in) {
   const auto a = load<__float128>(in), b = load<__float128>(in + 16);
   const bool ordered = a <= b || a >= b;
   store(result, int{F()(a, b)});
@@ -95,7 +127,7 @@ unsigned comparison(place result, const_place in) {
 }
 
 template <word Flipped, int Parts = 1>
-unsigned copied(place result, const_place in) {
+unsigned copied(unsigned char* result, const unsigned char* in) {
   for (int at = 0; at < 16 * Parts; at += 16) store(result + at, load<word>(in + at) ^ Flipped);
   return 0;
 }
@@ -103,13 +135,13 @@ unsigned copied(place result, const_place in) {
 // Complex operations: the stated formulas, in the library's own arithmetic. A sum stores its real
 // part before it reads the imaginary ones, a product or a quotient is complete before.
 template <class F>
-unsigned part_by_part(place result, const_place in) {
+unsigned part_by_part(unsigned char* result, const unsigned char* in) {
   for (const int at : {0, 16})
     store(result + at, F()(load<number>(in + at), load<number>(in + 32 + at)));
   return raised();
 }
 template <class F>
-unsigned complex(place result, const_place in) {
+unsigned complex(unsigned char* result, const unsigned char* in) {
   const auto [ar, ai, br, bi] = load<std::array<number, 4>>(in);
   if (std::is_same_v<F, std::multiplies<>>) {
     store(result, std::array{ar * br - ai * bi, ar * bi + ai * br});
@@ -120,7 +152,7 @@ unsigned complex(place result, const_place in) {
   return raised();
 }
 template <class Part, bool Equal>
-unsigned complex_equality(place result, const_place in) {
+unsigned complex_equality(unsigned char* result, const unsigned char* in) {
   const auto [ar, ai, br, bi] = load<std::array<Part, 4>>(in);
   store(result, int{(ar == br && ai == bi) == Equal});
   return 0;
@@ -128,7 +160,7 @@ unsigned complex_equality(place result, const_place in) {
 
 // Some entries clear the imaginary part. Two keep its first four bytes and clear the real one's.
 template <oracle* Real, int Kept = 0>
-unsigned and_zero(place result, const_place in) {
+unsigned and_zero(unsigned char* result, const unsigned char* in) {
   const unsigned flags = Real(result, in);
   std::memset(result, 0, Kept);
   std::memset(result + 16 + Kept, 0, 16 - Kept);
@@ -137,7 +169,7 @@ unsigned and_zero(place result, const_place in) {
 
 // Of two parts the first is stored before the second is read.
 template <class To, int Parts = 1>
-unsigned narrowed(place result, const_place in) {
+unsigned narrowed(unsigned char* result, const unsigned char* in) {
   unsigned flags = 0;
   for (int i = 0; i < Parts; ++i, in += 16, result += sizeof(To)) {
     if (is_subnormal(load<word>(in))) flags |= denormal;
@@ -147,7 +179,7 @@ unsigned narrowed(place result, const_place in) {
 }
 // Here they are read together. The compiler's routine quiets signalling NaNs.
 template <class From, std::size_t Parts = 1>
-unsigned widened(place result, const_place in) {
+unsigned widened(unsigned char* result, const unsigned char* in) {
   for (const From part : load<std::array<From, Parts>>(in)) {
     const word q = bits(static_cast<__float128>(part));
     const bool quiet = (bits(part) >> (std::numeric_limits<From>::digits - 2) & 1) != 0;
@@ -157,9 +189,8 @@ unsigned widened(place result, const_place in) {
   return 0;
 }
 // The x87's own product with 1 quiets signalling NaNs and raises flags there.
-unsigned widened_by_x87(place result, const_place in) {
-  const volatile long double unit = 1;
-  const volatile long double product = load<long double>(in) * unit;
+unsigned widened_by_x87(unsigned char* result, const unsigned char* in) {
+  const volatile long double unit = 1, product = load<long double>(in) * unit;
   const unsigned flags = current().status;
   store(result, static_cast<__float128>(product));
   return flags << x87_flags_shift;
@@ -170,7 +201,7 @@ unsigned widened_by_x87(place result, const_place in) {
 // unsigned 32 bits take one binade more, which wraps, and signed 128 bits leave out -2^127. The
 // compiler takes an 80-bit number with an exponent of 0 and its leading one stored for 0.
 template <class To, bool TakesMode = false, class From = __float128>
-unsigned to_integer(place result, const_place in) {
+unsigned to_integer(unsigned char* result, const unsigned char* in) {
   constexpr int width = 8 * sizeof(To), range = width == 32 ? 33 : width;
   const word x = bits(static_cast<__float128>(load<From>(in))), size = magnitude(x);
   const bool negative = x != size, small = size >> 112 < 0x3fff + 128;
@@ -194,7 +225,7 @@ unsigned to_integer(place result, const_place in) {
 }
 
 template <class From, class To = __float128>
-unsigned from_integer(place result, const_place in) {
+unsigned from_integer(unsigned char* result, const unsigned char* in) {
   store(result, static_cast<To>(load<From>(in)));
   return 0;
 }
@@ -207,10 +238,10 @@ using std::plus, std::minus, std::multiplies, std::divides, std::equal_to, std::
 
 // clang-format off
 const std::vector<routine> routines = {
-    {"addq", pair, calls<__addq, a_addq, computed<plus<>>>(), arithmetic<plus<>>},
-    {"subq", pair, calls<__subq, a_subq, computed<minus<>>>(), arithmetic<minus<>>},
-    {"mulq", pair, calls<__mulq, a_mulq, computed<multiplies<>>>(), arithmetic<multiplies<>>},
-    {"divq", pair, calls<__divq, a_divq, computed<divides<>>>(), arithmetic<divides<>>},
+    {"addq", pair, calls<__addq, a_addq, computed<plus<>>>(), arithmetic<plus<>, mpfr_add>},
+    {"subq", pair, calls<__subq, a_subq, computed<minus<>>>(), arithmetic<minus<>, mpfr_sub>},
+    {"mulq", pair, calls<__mulq, a_mulq, computed<multiplies<>>>(), arithmetic<multiplies<>, mpfr_mul>},
+    {"divq", pair, calls<__divq, a_divq, computed<divides<>>>(), arithmetic<divides<>, mpfr_div>},
     {"negq", quad, calls<__negq, a_negq>(), copied<sign>},
 
     {"eqq", pair, calls<__eqq, a_eqq, computed<equal_to<>>>(), comparison<equal_to<>, 0>},
