@@ -1,7 +1,10 @@
-// The one place that calls routines and compares.
+// How a routine is tried: on which operands, and the one place that calls and compares.
 #include <ucontext.h>
 
+#include <algorithm>
+#include <bit>
 #include <csignal>
+#include <random>
 #include <sstream>
 
 #include "quads.h"
@@ -23,6 +26,81 @@ registers current() {
 }
 
 namespace {
+
+using enum kind;
+
+constexpr word ones(int n) { return n == 0 ? 0 : ~word{0} >> (128 - n); }
+
+struct generator {
+  kind takes;
+  bool is_32 = takes == binary32, is_64 = takes == binary64;
+  int fraction_bits = is_32 ? 23 : is_64 ? 52 : takes == extended ? 63 : 112;
+  int special = is_32 ? 0xff : is_64 ? 0x7ff : 0x7fff;  // infinity's exponent
+  std::mt19937_64 random{4};
+
+  operands operator()() {
+    const word mode = static_cast<word>(below(6) - 1);  // of rounding, two of them unknown
+    if (takes != pair && takes != four) return {operand(), mode};
+    const auto [ar, br] = related();
+    const auto [ai, bi] = related();
+    return takes == pair ? operands{ar, br} : operands{ar, ai, br, bi};
+  }
+
+  int below(int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); }
+  word any() { return word{random()} << 64 | random(); }
+
+  // As it lies in memory: in the x87's format with the leading one, now and then the wrong one;
+  // above a narrow number anything.
+  word number(bool negative, int exponent, word fraction) {
+    const bool stores_leading_one = takes == extended;
+    const bool leading_one = stores_leading_one && (exponent != 0) != (below(32) == 0);
+    const int exponent_at = fraction_bits + stores_leading_one,
+              sign_at = exponent_at + std::popcount(static_cast<unsigned>(special));
+    return (any() << 1 | word{negative}) << sign_at | static_cast<word>(exponent) << exponent_at |
+           word{leading_one} << fraction_bits | (fraction & ones(fraction_bits));
+  }
+
+  // Single bits, runs of ones, and few leading bits, with a tie behind them, or what lies beside.
+  word digits(int width) {
+    const word bit = word{1} << below(width), other = word{1} << below(width),
+               run = ones(below(width + 1)) ^ ones(below(width + 1)),
+               beside = static_cast<word>(below(5) - 2);
+    const word shapes[] = {0, bit, bit ^ other, ~bit, run, any() * bit, any() * bit, any()};
+    return (shapes[below(8)] + (below(2) != 0 ? beside : 0)) & ones(width);
+  }
+
+  // At or near the ends of the range, of this format and of narrower ones, and where integers are.
+  int exponent() {
+    const int bias = special / 2, reach = below(2) == 0 ? 2 : 135;
+    const int centres[] = {0,         bias - 1074, bias - 149,  bias,
+                           bias + 64, bias + 127,  bias + 1023, special};
+    const int near = centres[below(8)] + below(2 * reach + 1) - reach;
+    return below(8) == 0 ? below(special) : std::clamp(near, 0, special);
+  }
+
+  word operand() {
+    if (takes != integer) return number(below(2) != 0, exponent(), digits(fraction_bits));
+    const word n = digits(1 + below(128));
+    return below(2) != 0 ? n : -n;
+  }
+
+  // Two quads that may meet where an operation is delicate.
+  std::array<word, 2> related() {
+    const word a = operand(), b = operand();
+    const int ea = static_cast<int>(magnitude(a) >> 112), near = below(261) - 130;
+    const int bias = special / 2, huge = special + bias - ea;
+    // Sums; products, tiny and huge; quotients.
+    const int exponents[] = {ea + near, bias - ea + near, huge + near / 32, bias + ea + near,
+                             ea - bias - near / 32};
+    const int eb = exponents[below(5)];
+    const word met = eb < 0 || eb > special ? b : number(b >> 127 != 0, eb, below(2) != 0 ? a : b),
+               product = bits(load<__float128>(&a) * load<__float128>(&b)),  // of a quotient
+        almost = product + static_cast<word>(below(5) - 2);
+    const std::array<word, 2> pairs[] = {
+        {a, a}, {a, a ^ word{1} << below(128)}, {almost, b}, {a, b}, {a, met}};
+    return pairs[std::min(below(10), 4)];
+  }
+};
 
 // 24-bit precision, rounding up, all exceptions masked: nothing may look at it, nor change it.
 constexpr std::uint16_t unlikely_control = 0x087f;
@@ -53,10 +131,11 @@ std::string words(const T& value) {
 
 }  // namespace
 
+std::function<operands()> operands_for(kind takes) { return generator{takes}; }
+
 // What a routine should not depend on varies from call to call: where operands and result lie,
 // flags raised before, flush modes, the exception that is unmasked, the processor's class.
 std::string check(const routine& r, unsigned rounding_mode, const operands& in) {
-  using enum kind;
   static const guarded_block block(1);
   [[maybe_unused]] static const int catching = catch_traps();
   word mixed = rounding_mode + 1;

@@ -69,9 +69,7 @@ TEST(ControlAndStatusWords, AreThoseOfTheModel) {
   std::mt19937 random(15);
   const auto any = [&](unsigned of) { return static_cast<std::uint32_t>(random()) & of; };
   const auto abstract = [](unsigned flags) {  // which lie as the x87's masks do
-    std::uint32_t word = 0;
-    for (const field& f : fields) word |= (flags & f.all.x87) != 0 ? f.all.abstract : 0;
-    return word;
+    return modelled({0, static_cast<std::uint16_t>(flags), 0}, 0, 0, true).first & 0x0008001f;
   };
   for (long i = 0; i < 32L << 12; ++i) {
     const std::uint32_t value = any(~0U), mask = any(~0U);
@@ -104,23 +102,23 @@ TEST(X87State, IsSavedRestoredStoredAndLoaded) {
   const registers before{0x1f80, 0x0a7f, inexact | denormal}, last{0x1f80, 0x027f, before.status};
   const long double kept = 0x1.23456789abcdefp100L;
   long double back = 0;
-  std::array<std::uint16_t, 59>
-      stored{};  // 108 bytes of state and two words, what lies behind each
-  set(before);
-  asm volatile("fldt %0" : : "m"(kept));
-  save_fp_state(&stored[0]);
-  EXPECT_EQ(current(), initial);
-  restore_fp_state(&stored[0]);
-  asm volatile("fstpt %0" : "=m"(back));
-  EXPECT_EQ(current(), before);
-  get_fp_controlword(&stored[55]);
-  get_fp_statusword(&stored[57]);
-  set_fp_controlword(&last.control);
-  EXPECT_EQ(current(), last);
-  set(initial);
+  std::uint16_t stored[59] = {};  // 108 bytes of state, control and status, zeros behind each
+  const auto save = [&] {
+    asm volatile("fldt %0" : : "m"(kept));
+    return save_fp_state(&stored[0]), 0;
+  };
+  EXPECT_EQ(observe(before, save), effect(0, initial));
+  const auto restore = [&] {
+    restore_fp_state(&stored[0]);
+    asm volatile("fstpt %0" : "=m"(back));
+    get_fp_controlword(&stored[55]);
+    get_fp_statusword(&stored[57]);
+    return set_fp_controlword(&last.control), 0;
+  };
+  EXPECT_EQ(observe(initial, restore), effect(0, last));
   EXPECT_EQ(back, kept);
-  EXPECT_EQ(std::vector(&stored[54], stored.end()),
-            (std::vector<std::uint16_t>{0, 0x0a7f, 0, before.status, 0}));
+  EXPECT_EQ(std::vector(stored + 54, stored + 59),
+            (std::vector<std::uint16_t>{0, before.control, 0, before.status, 0}));
 }
 
 }  // namespace

@@ -34,7 +34,6 @@ TEST_P(Routine, DoesAsItsOracleDoes) {
 }
 
 using number = zorvac::quad;
-using limits = std::numeric_limits<number>;
 using namespace zorvac::literals;
 
 static_assert((-0.5_q).high_word() == 0xbffe'0000'0000'0000 && (-0.5_q).low_word() == 0);
@@ -47,33 +46,31 @@ void expect_reading(const std::string& text) {
   const bool extreme = magnitude(expected) == infinity || magnitude(expected) == 0;
   number x = 1;
   const auto [end, error] = from_chars(text.data(), text.data() + text.size(), x);
-  const bool has_value = error == std::errc(), is_number = end != text.data();
-  const auto reason = is_number ? std::errc::result_out_of_range : std::errc::invalid_argument;
-  EXPECT_TRUE(end == stop && bits(x) == (has_value ? expected : one) &&
-              (has_value || (error == reason && extreme)))
+  const auto reason =
+      end == text.data() ? std::errc::invalid_argument : std::errc::result_out_of_range;
+  EXPECT_TRUE(end == stop && (error == std::errc() ? bits(x) == expected
+                                                   : error == reason && extreme && bits(x) == one))
       << text;
 }
 
 TEST(DecimalText, IsCorrectlyRounded) {
   std::array<char, 12'000> text;
-  const auto expect_writing = [&](word q, int digits) {
-    c_library_write(text.data(), text.size(), ("%." + std::to_string(digits) + "g").c_str(),
-                    load<__float128>(&q));
-    EXPECT_EQ(to_string(load<number>(&q), digits), text.data());
-    expect_reading(text.data());
-  };
-  expect_writing((word{1} << 112) - 1, 11'600);  // the longest there is
   const auto any = operands_for(kind::quad);
   for (int i = 0; i < 500; ++i) {
-    const word q = any()[0];
+    const word q = i == 0 ? (word{1} << 112) - 1 : any()[0];  // the longest there is
     if (magnitude(q) >= infinity) continue;
-    for (const int digits : {1, 2, 17, 33, 36, 50}) expect_writing(q, digits);
+    for (const int digits : {1, 2, 17, 33, 36, i == 0 ? 11'600 : 50}) {
+      const std::string format = "%." + std::to_string(digits) + 'g';
+      c_library_write(text.data(), text.size(), format.c_str(), load<__float128>(&q));
+      EXPECT_EQ(to_string(load<number>(&q), digits), text.data());
+      expect_reading(text.data());
+    }
     ASSERT_EQ(bits(number::parse(to_string(load<number>(&q))).value()), q);  // the shortest
   }
   EXPECT_EQ(to_chars(text.data(), text.data() + 4, 0.125_q).ec, std::errc::value_too_large);
   std::ostringstream out;
-  out << 2.5_q << std::setprecision(20) << number(1) / 3 << -limits::infinity() << limits::max();
-  EXPECT_EQ(out.str(), "2.50.33333333333333333333-inf1.1897314953572317651e+4932");
+  out << 2.5_q << std::setprecision(20) << number(1) / 3 << std::numeric_limits<number>::lowest();
+  EXPECT_EQ(out.str(), "2.50.33333333333333333333-1.1897314953572317651e+4932");
 }
 
 // Numbers as people and programs write them, and what only begins like one. The long one is a tie
