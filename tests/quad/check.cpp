@@ -39,11 +39,11 @@ struct generator {
   std::mt19937_64 random{4};
 
   operands operator()() {
-    const word mode = static_cast<word>(below(6) - 1);  // of rounding, two of them unknown
-    if (takes != pair && takes != four) return {operand(), mode};
     const auto [ar, br] = related();
     const auto [ai, bi] = related();
-    return takes == pair ? operands{ar, br} : operands{ar, ai, br, bi};
+    if (takes == four) return {ar, ai, br, bi};
+    if (takes == pair) return {ar, br};
+    return {operand(), static_cast<word>(below(6) - 1)};  // modes of rounding, two of them unknown
   }
 
   int below(int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); }
@@ -52,9 +52,8 @@ struct generator {
   // As it lies in memory: in the x87's format with the leading one, now and then the wrong one;
   // above a narrow number anything.
   word number(bool negative, int exponent, word fraction) {
-    const bool stores_leading_one = takes == extended;
-    const bool leading_one = stores_leading_one && (exponent != 0) != (below(32) == 0);
-    const int exponent_at = fraction_bits + stores_leading_one,
+    const bool leading_one = takes == extended && (exponent != 0) != (below(32) == 0);
+    const int exponent_at = fraction_bits + (takes == extended),
               sign_at = exponent_at + std::popcount(static_cast<unsigned>(special));
     return (any() << 1 | word{negative}) << sign_at | static_cast<word>(exponent) << exponent_at |
            word{leading_one} << fraction_bits | (fraction & ones(fraction_bits));
@@ -165,8 +164,8 @@ std::string check(const routine& r, unsigned rounding_mode, const operands& in) 
   };
 
   // The oracle may use the x87, which then rounds alike.
-  const auto x87_rounding = static_cast<std::uint16_t>(initial.control | rounding_mode << 10);
-  registers begin{all_masked | rounding_mode << rounding_shift, x87_rounding, 0};
+  registers begin{all_masked | rounding_mode << rounding_shift,
+                  static_cast<std::uint16_t>(initial.control | rounding_mode << 10), 0};
   unsigned flags = 0;
   outcome expected = observed(begin, [&](auto... places) { flags = r.expected(places...); });
   begin.control = unlikely_control;
@@ -175,11 +174,11 @@ std::string check(const routine& r, unsigned rounding_mode, const operands& in) 
   if (flushing) begin.mxcsr |= flush_modes;
   if (variation == 1) begin.mxcsr |= choice / 256 & all_flags;
   if (variation == 2 && r.takes != four) begin.mxcsr &= ~(bit << mask_shift);
-  const bool unmasked = (begin.mxcsr & bit << mask_shift) == 0;
   const unsigned trapping = bit == underflow ? bit | denormal | exact_underflow : bit;
   registers after{begin.mxcsr | (flushing ? 0 : flags & all_flags), unlikely_control,
                   static_cast<std::uint16_t>(flags >> x87_flags_shift & all_flags)};
-  if (unmasked && (flags & trapping) != 0) after.mxcsr |= all_masked | bit;
+  if ((begin.mxcsr & bit << mask_shift) == 0 && (flags & trapping) != 0)
+    after.mxcsr |= all_masked | bit;
   store(&expected.back(), after);
 
   for (std::size_t i = 0; i < r.entries.size(); ++i) {

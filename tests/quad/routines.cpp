@@ -47,12 +47,12 @@ std::vector<call*> calls() {
   return {[](unsigned char* result, const unsigned char* in) { call_as(Routine, result, in); }...};
 }
 
-// What the C++ value type makes of an operator or a conversion.
+// What the C++ value type makes of a comparison or a conversion; complex arithmetic is its doing.
 template <class F>
 auto computed(number a, number b) -> decltype(F()(a, b) + 0) {  // bool becomes int
   return F()(a, b);
 }
-template <class To, class From>
+template <class To, class From = number>
 To cast(From value) {
   return static_cast<To>(value);
 }
@@ -85,6 +85,7 @@ bool mpfr_agrees(__float128 x, __float128 y, __float128 result, unsigned flags) 
   // In the order of MPFR's.
   for (const unsigned flag : {underflow, overflow, invalid, inexact, 0U, division_by_zero})
     expected |= (mpfr_flags_save() >> n++ & 1) != 0 ? flag : 0;
+  if ((expected & inexact) == 0) expected &= ~underflow;
   return flags == expected &&
          (mpfr_nan_p(a) != 0 || bits(mpfr_get_float128(a, mode)) == bits(result));
 }
@@ -103,8 +104,7 @@ unsigned arithmetic(unsigned char* result, const unsigned char* in) {
   unsigned flags = raised();
   if (!mpfr_agrees<ByMpfr>(x, y, value, flags)) return ~0U;  // which nothing raises
   // A zero or an infinity that decides the result keeps the other operand's size from being seen.
-  constexpr bool divides = std::is_same_v<F, std::divides<>>,
-                 scales = divides || std::is_same_v<F, std::multiplies<>>;
+  constexpr bool divides = ByMpfr == mpfr_div, scales = divides || ByMpfr == mpfr_mul;
   const bool decided = magnitude(a) == infinity || magnitude(b) == infinity ||
                        (divides && (magnitude(a) == 0 || magnitude(b) == 0));
   if (!decided && (is_subnormal(a) || is_subnormal(b))) flags |= denormal;
@@ -115,15 +115,13 @@ unsigned arithmetic(unsigned char* result, const unsigned char* in) {
   return flags;
 }
 
-struct three_way {
-  int operator()(__float128 a, __float128 b) const { return (a > b) - (a < b); }
-};
+// A difference has the sign of the order, and where it is no number, of infinities, they are equal.
 template <class F, unsigned FlagsOfNan = invalid>
 unsigned comparison(unsigned char* result, const unsigned char* in) {
   const auto a = load<__float128>(in), b = load<__float128>(in + 16);
-  const bool ordered = a <= b || a >= b;
-  store(result, int{F()(a, b)});
-  return ordered ? 0 : FlagsOfNan;
+  const auto outcome = static_cast<__float128>(F()(a, b));
+  store(result, (outcome > 0) - (outcome < 0));
+  return a <= b || a >= b ? 0 : FlagsOfNan;
 }
 
 template <word Flipped, int Parts = 1>
@@ -216,12 +214,9 @@ unsigned to_integer(unsigned char* result, const unsigned char* in) {
   const word limit = word{1} << (width - 1);
   const bool fits_signed = n < limit || (n == limit && negative && width != 128),
              fits_unsigned = negative ? n == 0 : n >> (range - 1) < 2;
-  if (!small || !(To(-1) < To(1) ? fits_signed : fits_unsigned)) {
-    store(result, static_cast<To>(limit));
-    return invalid;
-  }
-  store(result, static_cast<To>(negative ? -n : n));
-  return exact ? 0 : inexact;
+  const bool fits = small && (To(-1) < To(1) ? fits_signed : fits_unsigned);
+  store(result, static_cast<To>(!fits ? limit : negative ? -n : n));
+  return !fits ? invalid : exact ? 0 : inexact;
 }
 
 template <class From, class To = __float128>
@@ -238,10 +233,10 @@ using std::plus, std::minus, std::multiplies, std::divides, std::equal_to, std::
 
 // clang-format off
 const std::vector<routine> routines = {
-    {"addq", pair, calls<__addq, a_addq, computed<plus<>>>(), arithmetic<plus<>, mpfr_add>},
-    {"subq", pair, calls<__subq, a_subq, computed<minus<>>>(), arithmetic<minus<>, mpfr_sub>},
-    {"mulq", pair, calls<__mulq, a_mulq, computed<multiplies<>>>(), arithmetic<multiplies<>, mpfr_mul>},
-    {"divq", pair, calls<__divq, a_divq, computed<divides<>>>(), arithmetic<divides<>, mpfr_div>},
+    {"addq", pair, calls<__addq, a_addq>(), arithmetic<plus<>, mpfr_add>},
+    {"subq", pair, calls<__subq, a_subq>(), arithmetic<minus<>, mpfr_sub>},
+    {"mulq", pair, calls<__mulq, a_mulq>(), arithmetic<multiplies<>, mpfr_mul>},
+    {"divq", pair, calls<__divq, a_divq>(), arithmetic<divides<>, mpfr_div>},
     {"negq", quad, calls<__negq, a_negq>(), copied<sign>},
 
     {"eqq", pair, calls<__eqq, a_eqq, computed<equal_to<>>>(), comparison<equal_to<>, 0>},
@@ -250,17 +245,16 @@ const std::vector<routine> routines = {
     {"leq", pair, calls<__leq, a_leq, computed<less_equal<>>>(), comparison<less_equal<>>},
     {"gtq", pair, calls<__gtq, a_gtq, computed<greater<>>>(), comparison<greater<>>},
     {"geq", pair, calls<__geq, a_geq, computed<greater_equal<>>>(), comparison<greater_equal<>>},
-    {"compareq", pair, calls<__compareq, compareq>(), comparison<three_way>},
+    {"compareq", pair, calls<__compareq, compareq>(), comparison<minus<>>},
 
     {"qtoi", with_mode, calls<__qtoi, a_qtoi, a_qtoc, a_qtos>(), to_integer<int32_t, true>},
     {"qtoj", with_mode, calls<__qtoj, a_qtoj>(), to_integer<int64_t, true>},
-    {"cqtoi", quad, calls<a_cqtoi, a_cqtoch, a_cqtos, cast<int32_t, number>>(),
-     to_integer<int32_t>},
-    {"cqtoj", quad, calls<a_cqtoj, cast<int64_t, number>>(), to_integer<int64_t>},
-    {"qtou", quad, calls<__qtou, cast<uint32_t, number>>(), to_integer<uint32_t>},
-    {"qtok", quad, calls<__qtok, cast<uint64_t, number>>(), to_integer<uint64_t>},
-    {"qton", quad, calls<__qton, cast<word, number>>(), to_integer<word>},
-    {"qtom", quad, calls<__qtom, cast<int128, number>>(), to_integer<int128>},
+    {"cqtoi", quad, calls<a_cqtoi, a_cqtoch, a_cqtos, cast<int32_t>>(), to_integer<int32_t>},
+    {"cqtoj", quad, calls<a_cqtoj, cast<int64_t>>(), to_integer<int64_t>},
+    {"qtou", quad, calls<__qtou, cast<uint32_t>>(), to_integer<uint32_t>},
+    {"qtok", quad, calls<__qtok, cast<uint64_t>>(), to_integer<uint64_t>},
+    {"qton", quad, calls<__qton, cast<word>>(), to_integer<word>},
+    {"qtom", quad, calls<__qtom, cast<int128>>(), to_integer<int128>},
     {"fton", binary32, calls<__fton>(), to_integer<word, false, float>},
     {"ftom", binary32, calls<__ftom>(), to_integer<int128, false, float>},
     {"dton", binary64, calls<__dton>(), to_integer<word, false, double>},
@@ -268,9 +262,9 @@ const std::vector<routine> routines = {
     {"lton", extended, calls<__lton>(), to_integer<word, false, long double>},
     {"ltom", extended, calls<__ltom>(), to_integer<int128, false, long double>},
 
-    {"qtof", quad, calls<__qtof, a_qtof, a_cqtof, cast<float, number>>(), narrowed<float>},
-    {"qtod", quad, calls<__qtod, a_qtod, a_cqtod, cast<double, number>>(), narrowed<double>},
-    {"qtol", quad, calls<__qtol, a_qtol, cast<long double, number>>(), narrowed<long double>},
+    {"qtof", quad, calls<__qtof, a_qtof, a_cqtof, cast<float>>(), narrowed<float>},
+    {"qtod", quad, calls<__qtod, a_qtod, a_cqtod, cast<double>>(), narrowed<double>},
+    {"qtol", quad, calls<__qtol, a_qtol, cast<long double>>(), narrowed<long double>},
     {"ftoq", binary32, calls<__ftoq, a_ftoq, cast<number, float>>(), widened<float>},
     {"dtoq", binary64, calls<__dtoq, a_dtoq, cast<number, double>>(), widened<double>},
     {"ltoq", extended, calls<__ltoq, a_ltoq, cast<number, long double>>(), widened_by_x87},
