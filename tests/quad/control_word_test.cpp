@@ -100,8 +100,7 @@ TEST(StatusWord, CanBeClearedWhileAnExceptionIsPending) {
 
 TEST(X87State, IsSavedRestoredStoredAndLoaded) {
   const registers before{0x1f80, 0x0a7f, inexact | denormal}, last{0x1f80, 0x027f, before.status};
-  const long double kept = 0x1.23456789abcdefp100L;
-  long double back = 0;
+  long double kept = 0x1.23456789abcdefp100L, back = 0;
   std::uint16_t stored[59] = {};  // 108 bytes of state, control and status, zeros behind each
   const auto save = [&] {
     asm volatile("fldt %0" : : "m"(kept));
