@@ -46,7 +46,8 @@ std::vector<call*> calls() {
   return {[](unsigned char* result, const unsigned char* in) { call_as(Routine, result, in); }...};
 }
 
-// What the C++ value type makes of a comparison or a conversion; complex arithmetic is its doing.
+// What the C++ value type makes of a comparison or a conversion. Its arithmetic shows below, where
+// oracles of complex operations use it.
 template <class F>
 auto computed(number a, number b) -> decltype(F()(a, b) + 0) {  // bool becomes int
   return F()(a, b);
@@ -101,7 +102,7 @@ unsigned arithmetic(unsigned char* result, const unsigned char* in) {
   unsigned flags = raised();
   if (!mpfr_agrees<ByMpfr>(x, y, value, flags)) return ~0U;  // which nothing raises
   // A zero or an infinity that decides the result keeps the other operand's size from being seen.
-  constexpr bool divides = ByMpfr == mpfr_div, scales = divides || ByMpfr == mpfr_mul;
+  const bool divides = ByMpfr == mpfr_div, scales = divides || ByMpfr == mpfr_mul;
   const bool decided = magnitude(a) == infinity || magnitude(b) == infinity ||
                        (divides && (magnitude(a) == 0 || magnitude(b) == 0));
   if (!decided && (is_subnormal(a) || is_subnormal(b))) flags |= denormal;
