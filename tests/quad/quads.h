@@ -43,7 +43,8 @@ word bits(const T& value) {
 }
 
 // The exception flags, in the order of both registers, and MXCSR's other fields.
-constexpr unsigned invalid = 1, denormal = 2, underflow = 16, inexact = 32, all_flags = 63;
+constexpr unsigned invalid = 1, denormal = 2, division_by_zero = 4, overflow = 8, underflow = 16,
+                   inexact = 32, all_flags = 63;
 constexpr int mask_shift = 7, rounding_shift = 13;  // to nearest, down, up, toward zero
 constexpr std::uint32_t all_masked = all_flags << mask_shift, flush_modes = 0x8040;
 
@@ -68,14 +69,13 @@ constexpr int x87_flags_shift = 6;
 constexpr unsigned exact_underflow = 1 << 12;
 
 // What a routine takes: as many quads, a quad and a rounding argument, or a value.
-enum class kind { quad, pair, quad_and_mode, four, binary32, binary64, extended, integer };
+enum class kind { quad, pair, with_mode, four, binary32, binary64, extended, integer };
 
 struct routine {
   const char* name;
   kind takes;
   std::vector<call*> entries;
   oracle* expected;
-  const char* hops = nullptr;  // the exported routines that a call passes; null: "__" + name
 };
 extern const std::vector<routine> routines;
 

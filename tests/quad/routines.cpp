@@ -1,61 +1,58 @@
 // The table of routines, and the oracles: what the compiler makes of the same operation on its own
 // __float128, rounded and flagged by MXCSR as ours is, with this library's own rules (which NaN,
-// when the denormal flag) around it. The C library rounds to integers.
-#include <functional>
+// when the denormal flag) around it. The four operations are computed by MPFR as well, which has no
+// code in common with that.
+#include <mpfr.h>
+
 #include <limits>
 #include <tuple>
+#include <utility>
 
 #include "quads.h"
 #include "zorvac/quad.hpp"
 
+// Which the header declares for compilers that call the type _Float128.
 extern "C" {
-__float128 toward_zero(__float128) __asm__("truncf128");
-__float128 to_nearest(__float128) __asm__("roundevenf128");
-__float128 down(__float128) __asm__("floorf128");
-__float128 up(__float128) __asm__("ceilf128");
+int mpfr_set_float128(mpfr_ptr, __float128, mpfr_rnd_t);
+__float128 mpfr_get_float128(mpfr_srcptr, mpfr_rnd_t);
 }
 
 namespace zorvac::test {
 namespace {
 
 using number = zorvac::quad;
-using place = unsigned char*;
-using const_place = const unsigned char*;
 
 // ---- Calls, by the routine's own shape ----
 
 template <class T>
-T next_operand(const_place& at) {
-  const const_place here = at;
-  at += 16;
-  if constexpr (std::is_pointer_v<T>)
-    return here;
+T argument(unsigned char* result, const unsigned char*& in) {
+  if constexpr (std::is_same_v<T, void*>)
+    return result;
+  else if constexpr (std::is_pointer_v<T>)
+    return std::exchange(in, in + 16);
   else
-    return load<T>(here);
-}
-template <class... T>
-void call_as(void (*routine)(void*, T...), place result, const_place in) {
-  std::apply([&](auto... x) { routine(result, x...); }, std::tuple<T...>{next_operand<T>(in)...});
+    return load<T>(std::exchange(in, in + 16));
 }
 template <class R, class... T>
-void call_as(R (*routine)(T...), place result, const_place in) {
-  store(result, std::apply(routine, std::tuple<T...>{next_operand<T>(in)...}));
-}
-template <auto Routine>
-void by(place result, const_place in) {
-  call_as(Routine, result, in);
+void call_as(R (*routine)(T...), unsigned char* result, const unsigned char* in) {
+  const std::tuple<T...> arguments{argument<T>(result, in)...};
+  if constexpr (std::is_void_v<R>)
+    std::apply(routine, arguments);
+  else
+    store(result, std::apply(routine, arguments));
 }
 template <auto... Routine>
 std::vector<call*> calls() {
-  return {by<Routine>...};
+  return {[](unsigned char* result, const unsigned char* in) { call_as(Routine, result, in); }...};
 }
 
-// What the C++ value type makes of an operator or a conversion.
+// What the C++ value type makes of a comparison or a conversion. Its arithmetic shows below, where
+// oracles of complex operations use it.
 template <class F>
 auto computed(number a, number b) -> decltype(F()(a, b) + 0) {  // bool becomes int
   return F()(a, b);
 }
-template <class To, class From>
+template <class To, class From = number>
 To cast(From value) {
   return static_cast<To>(value);
 }
@@ -69,98 +66,106 @@ unsigned raised() {
   return (now.mxcsr | (now.status & ~denormal)) & all_flags;
 }
 
-word chosen_nan(word a, word b) {
-  if (is_nan(a) != is_nan(b)) return is_nan(a) ? a : b;
-  if (is_signalling(a) != is_signalling(b)) return is_signalling(a) ? b : a;
-  if (magnitude(a) != magnitude(b)) return magnitude(a) > magnitude(b) ? a : b;
-  return (a & sign) != 0 ? a : b;
+// The numbers of binary128 as MPFR's manual does it for IEEE formats (mpfr_subnormalize): its
+// significands are below 1, and exponents reach down to that of the smallest subnormal number.
+template <int Operation(mpfr_t, const mpfr_t, const mpfr_t, mpfr_rnd_t)>
+bool mpfr_agrees(__float128 x, __float128 y, __float128 result, unsigned flags) {
+  static mpfr_t a, b;
+  [[maybe_unused]] static const int ready =
+      (mpfr_inits2(113, a, b, nullptr), mpfr_set_emin(-16493) + mpfr_set_emax(16384));
+  constexpr mpfr_rnd_t modes[] = {MPFR_RNDN, MPFR_RNDD, MPFR_RNDU, MPFR_RNDZ};
+  const mpfr_rnd_t mode = modes[current().mxcsr >> rounding_shift & 3];
+  set(initial);
+  mpfr_set_float128(a, x, mode);
+  mpfr_set_float128(b, y, mode);
+  mpfr_clear_flags();
+  mpfr_subnormalize(a, Operation(a, a, b, mode), mode);
+  unsigned expected = 0, n = 0;  // MPFR's flags lie in this order; its underflows may be exact
+  for (const unsigned flag : {underflow, overflow, invalid, inexact, 0U, division_by_zero})
+    expected |= (mpfr_flags_save() >> n++ & 1) != 0 ? flag : 0;
+  if ((expected & inexact) == 0) expected &= ~underflow;
+  return flags == expected &&
+         (mpfr_nan_p(a) != 0 || bits(mpfr_get_float128(a, mode)) == bits(result));
 }
 
-template <class F>
-unsigned arithmetic(place result, const_place in) {
+template <class F, auto ByMpfr>
+unsigned arithmetic(unsigned char* result, const unsigned char* in) {
   const auto a = load<word>(in), b = load<word>(in + 16);
   if (is_nan(a) || is_nan(b)) {
-    store(result, chosen_nan(a, b) | quiet_bit);
+    // As integers, NaNs are above all numbers, and the quiet ones above the signalling ones.
+    const word larger = magnitude(a) > magnitude(b) ? a : b;
+    store(result, (magnitude(a) == magnitude(b) && (a & sign) != 0 ? a : larger) | quiet_bit);
     return is_signalling(a) || is_signalling(b) ? invalid : 0;
   }
-  store(result, F()(load<__float128>(in), load<__float128>(in + 16)));
+  const auto x = load<__float128>(in), y = load<__float128>(in + 16), value = F()(x, y);
+  store(result, value);
   unsigned flags = raised();
+  if (!mpfr_agrees<ByMpfr>(x, y, value, flags)) return ~0U;  // which nothing raises
   // A zero or an infinity that decides the result keeps the other operand's size from being seen.
-  constexpr bool divides = std::is_same_v<F, std::divides<>>,
-                 scales = divides || std::is_same_v<F, std::multiplies<>>;
+  const bool divides = ByMpfr == mpfr_div, scales = divides || ByMpfr == mpfr_mul;
   const bool decided = magnitude(a) == infinity || magnitude(b) == infinity ||
                        (divides && (magnitude(a) == 0 || magnitude(b) == 0));
   if (!decided && (is_subnormal(a) || is_subnormal(b))) flags |= denormal;
   // A power of two is the quotient of equal significands, which raises nothing whatever happens.
-  const word r = magnitude(load<word>(result));
+  const word r = magnitude(bits(value));
   if (scales && is_subnormal(r) && (flags & inexact) == 0 && !(divides && (r & (r - 1)) == 0))
     flags |= exact_underflow;
   return flags;
 }
 
-struct three_way {
-  int operator()(__float128 a, __float128 b) const { return (a > b) - (a < b); }
-};
+// A difference has the sign of the order, and where it is no number, of infinities, they are equal.
 template <class F, unsigned FlagsOfNan = invalid>
-unsigned comparison(place result, const_place in) {
+unsigned comparison(unsigned char* result, const unsigned char* in) {
   const auto a = load<__float128>(in), b = load<__float128>(in + 16);
-  const bool ordered = a <= b || a >= b;
-  store(result, int{F()(a, b)});
-  return ordered ? 0 : FlagsOfNan;
+  const auto outcome = static_cast<__float128>(F()(a, b));
+  store(result, (outcome > 0) - (outcome < 0));
+  return a <= b || a >= b ? 0 : FlagsOfNan;
 }
 
-template <int Parts>
-unsigned negated(place result, const_place in) {
-  for (int at = 0; at < 16 * Parts; at += 16) store(result + at, load<word>(in + at) ^ sign);
+template <word Flipped, int Parts = 1>
+unsigned copied(unsigned char* result, const unsigned char* in) {
+  for (int at = 0; at < 16 * Parts; at += 16) store(result + at, load<word>(in + at) ^ Flipped);
   return 0;
 }
 
 // Complex operations: the stated formulas, in the library's own arithmetic. A sum stores its real
 // part before it reads the imaginary ones, a product or a quotient is complete before.
 template <class F>
-unsigned part_by_part(place result, const_place in) {
+unsigned part_by_part(unsigned char* result, const unsigned char* in) {
   for (const int at : {0, 16})
     store(result + at, F()(load<number>(in + at), load<number>(in + 32 + at)));
   return raised();
 }
 template <class F>
-unsigned complex(place result, const_place in) {
-  const auto ar = load<number>(in), ai = load<number>(in + 16);
-  const auto br = load<number>(in + 32), bi = load<number>(in + 48);
+unsigned complex(unsigned char* result, const unsigned char* in) {
+  const auto [ar, ai, br, bi] = load<std::array<number, 4>>(in);
   if (std::is_same_v<F, std::multiplies<>>) {
-    store(result, ar * br - ai * bi);
-    store(result + 16, ar * bi + ai * br);
+    store(result, std::array{ar * br - ai * bi, ar * bi + ai * br});
   } else {
-    const number reciprocal = number(1) / (br * br + bi * bi);
-    store(result, (ar * br + ai * bi) * reciprocal);
-    store(result + 16, (ai * br - ar * bi) * reciprocal);
+    const number r = number(1) / (br * br + bi * bi);
+    store(result, std::array{(ar * br + ai * bi) * r, (ai * br - ar * bi) * r});
   }
   return raised();
 }
 template <class Part, bool Equal>
-unsigned complex_equality(place result, const_place in) {
-  const bool real = load<Part>(in) == load<Part>(in + 32);
-  store(result, int{(real && load<Part>(in + 16) == load<Part>(in + 48)) == Equal});
+unsigned complex_equality(unsigned char* result, const unsigned char* in) {
+  const auto [ar, ai, br, bi] = load<std::array<Part, 4>>(in);
+  store(result, int{(ar == br && ai == bi) == Equal});
   return 0;
 }
 
-// Some entries clear the imaginary part. Two clear only the last 12 of its bytes, and the lowest
-// four of the real one.
-template <oracle* Real, bool Partially = false>
-unsigned and_zero(place result, const_place in) {
+// Some entries clear the imaginary part. Two keep its first four bytes and clear the real one's.
+template <oracle* Real, int Kept = 0>
+unsigned and_zero(unsigned char* result, const unsigned char* in) {
   const unsigned flags = Real(result, in);
-  if (Partially) std::memset(result, 0, 4);
-  std::memset(result + (Partially ? 20 : 16), 0, Partially ? 12 : 16);
+  std::memset(result, 0, Kept);
+  std::memset(result + 16 + Kept, 0, 16 - Kept);
   return flags;
-}
-unsigned copied(place result, const_place in) {
-  std::memmove(result, in, 16);
-  return 0;
 }
 
 // Of two parts the first is stored before the second is read.
 template <class To, int Parts = 1>
-unsigned narrowed(place result, const_place in) {
+unsigned narrowed(unsigned char* result, const unsigned char* in) {
   unsigned flags = 0;
   for (int i = 0; i < Parts; ++i, in += 16, result += sizeof(To)) {
     if (is_subnormal(load<word>(in))) flags |= denormal;
@@ -170,7 +175,7 @@ unsigned narrowed(place result, const_place in) {
 }
 // Here they are read together. The compiler's routine quiets signalling NaNs.
 template <class From, std::size_t Parts = 1>
-unsigned widened(place result, const_place in) {
+unsigned widened(unsigned char* result, const unsigned char* in) {
   for (const From part : load<std::array<From, Parts>>(in)) {
     const word q = bits(static_cast<__float128>(part));
     const bool quiet = (bits(part) >> (std::numeric_limits<From>::digits - 2) & 1) != 0;
@@ -180,9 +185,8 @@ unsigned widened(place result, const_place in) {
   return 0;
 }
 // The x87's own product with 1 quiets signalling NaNs and raises flags there.
-unsigned widened_by_x87(place result, const_place in) {
-  const volatile long double unit = 1;
-  const volatile long double product = load<long double>(in) * unit;
+unsigned widened_by_x87(unsigned char* result, const unsigned char* in) {
+  const volatile long double unit = 1, product = load<long double>(in) * unit;
   const unsigned flags = current().status;
   store(result, static_cast<__float128>(product));
   return flags << x87_flags_shift;
@@ -193,43 +197,31 @@ unsigned widened_by_x87(place result, const_place in) {
 // unsigned 32 bits take one binade more, which wraps, and signed 128 bits leave out -2^127. The
 // compiler takes an 80-bit number with an exponent of 0 and its leading one stored for 0.
 template <class To, bool TakesMode = false, class From = __float128>
-unsigned to_integer(place result, const_place in) {
-  constexpr int width = 8 * sizeof(To);
-  constexpr bool is_signed = To(-1) < To(1);
-  const auto x = static_cast<__float128>(load<From>(in));
-  const int mode = TakesMode ? load<int>(in + 16) : 0;
-  decltype(&down) const directions[] = {toward_zero, to_nearest, down, up};
-  const auto otherwise = width == 64 ? toward_zero : x < 0 ? down : up;
-  const __float128 rounded = (mode >= 0 && mode <= 3 ? directions[mode] : otherwise)(x);
-  const bool exact = rounded == x && (rounded != 0 || load<From>(in) == 0);
+unsigned to_integer(unsigned char* result, const unsigned char* in) {
+  constexpr int width = 8 * sizeof(To), range = width == 32 ? 33 : width;
+  const word x = bits(static_cast<__float128>(load<From>(in))), size = magnitude(x);
+  const bool negative = x != size, small = size >> 112 < 0x3fff + 128;
+  const auto m = load<__float128>(&size);
+  const word whole = small ? static_cast<word>(m) : 0;
+  const __float128 rest = m - static_cast<__float128>(whole);
+  const bool exact = rest == 0 && (size != 0 || load<From>(in) == 0);
+  const bool away[] = {false, rest > 0.5 || (rest == 0.5 && whole % 2 != 0), negative, !negative};
+  const unsigned mode = TakesMode ? load<unsigned>(in + 16) : 0;
+  const word n = whole + (rest > 0 && (mode < 4 ? away[mode] : width == 32));
 
-  constexpr int range = is_signed ? width - 1 : width == 32 ? 33 : width;
-  const __float128 end = static_cast<__float128>(word{1} << (range - 1)) * 2;
-  const bool above_lowest = width == 128 ? rounded > -end : rounded >= -end;
-  const bool fits = rounded < end && (is_signed ? above_lowest : rounded >= 0);
-  word n = word{1} << (width - 1);
-  if (fits) n = rounded < 0 ? -static_cast<word>(-rounded) : static_cast<word>(rounded);
-  store(result, static_cast<To>(n));
+  const word limit = word{1} << (width - 1);
+  const bool fits_signed = n < limit || (n == limit && negative && width != 128),
+             fits_unsigned = negative ? n == 0 : n >> (range - 1) < 2;
+  const bool fits = small && (To(-1) < To(1) ? fits_signed : fits_unsigned);
+  store(result, static_cast<To>(!fits ? limit : negative ? -n : n));
   return !fits ? invalid : exact ? 0 : inexact;
 }
 
-// Rounded once: what does not fit a __float128 goes there rounded to odd, to be rounded again.
-template <class Integer, class To = __float128>
-unsigned from_integer(place result, const_place in) {
-  const auto n = load<Integer>(in);
-  const bool negative = !(n > 0) && n != 0;
-  const word m = negative ? -static_cast<word>(n) : static_cast<word>(n);
-  const auto odd =
-      static_cast<__float128>(m >> 113 != 0 ? (m >> 15 | word{m << 113 != 0}) << 15 : m);
-  const __float128 same = negative ? -odd : odd, rounded = static_cast<__float128>(n);
-  store(result, static_cast<To>(std::is_same_v<To, __float128> ? rounded : same));
+template <class From, class To = __float128>
+unsigned from_integer(unsigned char* result, const unsigned char* in) {
+  store(result, static_cast<To>(load<From>(in)));
   return 0;
 }
-
-#define MUL "__mulq __mulq.L "
-#define DIV "__divq __divq.L "
-#define CMUL "__cmulq " MUL MUL MUL MUL "__subq __addq "
-#define CDIV "__cdivq " MUL MUL "__addq " DIV MUL MUL MUL MUL "__addq __subq " MUL MUL
 
 }  // namespace
 
@@ -239,11 +231,11 @@ using std::plus, std::minus, std::multiplies, std::divides, std::equal_to, std::
 
 // clang-format off
 const std::vector<routine> routines = {
-    {"addq", pair, calls<__addq, a_addq, computed<plus<>>>(), arithmetic<plus<>>},
-    {"subq", pair, calls<__subq, a_subq, computed<minus<>>>(), arithmetic<minus<>>},
-    {"mulq", pair, calls<__mulq, a_mulq, computed<multiplies<>>>(), arithmetic<multiplies<>>, MUL},
-    {"divq", pair, calls<__divq, a_divq, computed<divides<>>>(), arithmetic<divides<>>, DIV},
-    {"negq", quad, calls<__negq, a_negq>(), negated<1>},
+    {"addq", pair, calls<__addq, a_addq>(), arithmetic<plus<>, mpfr_add>},
+    {"subq", pair, calls<__subq, a_subq>(), arithmetic<minus<>, mpfr_sub>},
+    {"mulq", pair, calls<__mulq, a_mulq>(), arithmetic<multiplies<>, mpfr_mul>},
+    {"divq", pair, calls<__divq, a_divq>(), arithmetic<divides<>, mpfr_div>},
+    {"negq", quad, calls<__negq, a_negq>(), copied<sign>},
 
     {"eqq", pair, calls<__eqq, a_eqq, computed<equal_to<>>>(), comparison<equal_to<>, 0>},
     {"neq", pair, calls<__neq, a_neq, computed<not_equal_to<>>>(), comparison<not_equal_to<>, 0>},
@@ -251,17 +243,16 @@ const std::vector<routine> routines = {
     {"leq", pair, calls<__leq, a_leq, computed<less_equal<>>>(), comparison<less_equal<>>},
     {"gtq", pair, calls<__gtq, a_gtq, computed<greater<>>>(), comparison<greater<>>},
     {"geq", pair, calls<__geq, a_geq, computed<greater_equal<>>>(), comparison<greater_equal<>>},
-    {"compareq", pair, calls<__compareq, compareq>(), comparison<three_way>},
+    {"compareq", pair, calls<__compareq, compareq>(), comparison<minus<>>},
 
-    {"qtoi", quad_and_mode, calls<__qtoi, a_qtoi, a_qtoc, a_qtos>(), to_integer<int32_t, true>},
-    {"qtoj", quad_and_mode, calls<__qtoj, a_qtoj>(), to_integer<int64_t, true>},
-    {"cqtoi", quad, calls<a_cqtoi, a_cqtoch, a_cqtos, cast<int32_t, number>>(),
-     to_integer<int32_t>, "__qtoi "},
-    {"cqtoj", quad, calls<a_cqtoj, cast<int64_t, number>>(), to_integer<int64_t>, "__qtoj "},
-    {"qtou", quad, calls<__qtou, cast<uint32_t, number>>(), to_integer<uint32_t>},
-    {"qtok", quad, calls<__qtok, cast<uint64_t, number>>(), to_integer<uint64_t>},
-    {"qton", quad, calls<__qton, cast<word, number>>(), to_integer<word>},
-    {"qtom", quad, calls<__qtom, cast<int128, number>>(), to_integer<int128>},
+    {"qtoi", with_mode, calls<__qtoi, a_qtoi, a_qtoc, a_qtos>(), to_integer<int32_t, true>},
+    {"qtoj", with_mode, calls<__qtoj, a_qtoj>(), to_integer<int64_t, true>},
+    {"cqtoi", quad, calls<a_cqtoi, a_cqtoch, a_cqtos, cast<int32_t>>(), to_integer<int32_t>},
+    {"cqtoj", quad, calls<a_cqtoj, cast<int64_t>>(), to_integer<int64_t>},
+    {"qtou", quad, calls<__qtou, cast<uint32_t>>(), to_integer<uint32_t>},
+    {"qtok", quad, calls<__qtok, cast<uint64_t>>(), to_integer<uint64_t>},
+    {"qton", quad, calls<__qton, cast<word>>(), to_integer<word>},
+    {"qtom", quad, calls<__qtom, cast<int128>>(), to_integer<int128>},
     {"fton", binary32, calls<__fton>(), to_integer<word, false, float>},
     {"ftom", binary32, calls<__ftom>(), to_integer<int128, false, float>},
     {"dton", binary64, calls<__dton>(), to_integer<word, false, double>},
@@ -269,15 +260,15 @@ const std::vector<routine> routines = {
     {"lton", extended, calls<__lton>(), to_integer<word, false, long double>},
     {"ltom", extended, calls<__ltom>(), to_integer<int128, false, long double>},
 
-    {"qtof", quad, calls<__qtof, a_qtof, a_cqtof, cast<float, number>>(), narrowed<float>},
-    {"qtod", quad, calls<__qtod, a_qtod, a_cqtod, cast<double, number>>(), narrowed<double>},
-    {"qtol", quad, calls<__qtol, a_qtol, cast<long double, number>>(), narrowed<long double>},
+    {"qtof", quad, calls<__qtof, a_qtof, a_cqtof, cast<float>>(), narrowed<float>},
+    {"qtod", quad, calls<__qtod, a_qtod, a_cqtod, cast<double>>(), narrowed<double>},
+    {"qtol", quad, calls<__qtol, a_qtol, cast<long double>>(), narrowed<long double>},
     {"ftoq", binary32, calls<__ftoq, a_ftoq, cast<number, float>>(), widened<float>},
     {"dtoq", binary64, calls<__dtoq, a_dtoq, cast<number, double>>(), widened<double>},
     {"ltoq", extended, calls<__ltoq, a_ltoq, cast<number, long double>>(), widened_by_x87},
 
-    {"ctoq", integer, calls<a_ctoq, cast<number, int8_t>>(), from_integer<int8_t>, "__itoq "},
-    {"stoq", integer, calls<a_stoq, cast<number, int16_t>>(), from_integer<int16_t>, "__itoq "},
+    {"ctoq", integer, calls<a_ctoq, cast<number, int8_t>>(), from_integer<int8_t>},
+    {"stoq", integer, calls<a_stoq, cast<number, int16_t>>(), from_integer<int16_t>},
     {"itoq", integer, calls<__itoq, a_itoq, cast<number, int32_t>>(), from_integer<int32_t>},
     {"utoq", integer, calls<__utoq, cast<number, uint32_t>>(), from_integer<uint32_t>},
     {"jtoq", integer, calls<__jtoq, a_jtoq, cast<number, int64_t>>(), from_integer<int64_t>},
@@ -291,28 +282,28 @@ const std::vector<routine> routines = {
     {"ntol", integer, calls<__ntol>(), from_integer<word, long double>},
     {"mtol", integer, calls<__mtol>(), from_integer<int128, long double>},
 
-    {"caddq", four, calls<__caddq, a_caddq>(), part_by_part<plus<>>, "__caddq __addq __addq "},
-    {"csubq", four, calls<__csubq, a_csubq>(), part_by_part<minus<>>, "__csubq __subq __subq "},
-    {"cmulq", four, calls<__cmulq, a_cmulq>(), complex<multiplies<>>, CMUL},
-    {"cdivq", four, calls<__cdivq, a_cdivq>(), complex<divides<>>, CDIV},
-    {"cnegq", pair, calls<__cnegq, a_cnegq>(), negated<2>, "__cnegq __negq __negq "},
-    {"ceqq", four, calls<__ceqq>(), complex_equality<__float128, true>, "__ceqq __eqq __eqq "},
-    {"cneq", four, calls<__cneq>(), complex_equality<__float128, false>, "__cneq __neq __neq "},
-    {"a_ceqq", four, calls<a_ceqq>(), complex_equality<word, true>, ""},
-    {"a_cneq", four, calls<a_cneq>(), complex_equality<word, false>, ""},
+    {"caddq", four, calls<__caddq, a_caddq>(), part_by_part<plus<>>},
+    {"csubq", four, calls<__csubq, a_csubq>(), part_by_part<minus<>>},
+    {"cmulq", four, calls<__cmulq, a_cmulq>(), complex<multiplies<>>},
+    {"cdivq", four, calls<__cdivq, a_cdivq>(), complex<divides<>>},
+    {"cnegq", pair, calls<__cnegq, a_cnegq>(), copied<sign, 2>},
+    {"ceqq", four, calls<__ceqq>(), complex_equality<__float128, true>},
+    {"cneq", four, calls<__cneq>(), complex_equality<__float128, false>},
+    {"a_ceqq", four, calls<a_ceqq>(), complex_equality<word, true>},
+    {"a_cneq", four, calls<a_cneq>(), complex_equality<word, false>},
 
-    {"ctocq", binary32, calls<a_ctocq>(), widened<float, 2>, "__ftoq __ftoq "},
-    {"cdtocq", binary64, calls<a_cdtocq>(), widened<double, 2>, "__dtoq __dtoq "},
-    {"ftocq", binary32, calls<a_ftocq>(), and_zero<widened<float>>, "__ftoq "},
-    {"dtocq", binary64, calls<a_dtocq>(), and_zero<widened<double>>, "__dtoq "},
-    {"chtocq", integer, calls<a_chtocq>(), and_zero<from_integer<int8_t>>, "__itoq "},
-    {"stocq", integer, calls<a_stocq>(), and_zero<from_integer<int16_t>, true>, "__itoq "},
-    {"itocq", integer, calls<a_itocq>(), and_zero<from_integer<int32_t>>, "__itoq "},
-    {"jtocq", integer, calls<a_jtocq>(), and_zero<from_integer<int64_t>>, "__jtoq "},
-    {"qtocq", quad, calls<a_qtocq>(), and_zero<copied, true>, ""},
-    {"cqtoq", quad, calls<a_cqtoq>(), copied, ""},
-    {"cqtoc", pair, calls<a_cqtoc>(), narrowed<float, 2>, "__qtof __qtof "},
-    {"cqtocd", pair, calls<a_cqtocd>(), narrowed<double, 2>, "__qtod __qtod "},
+    {"ctocq", binary32, calls<a_ctocq>(), widened<float, 2>},
+    {"cdtocq", binary64, calls<a_cdtocq>(), widened<double, 2>},
+    {"ftocq", binary32, calls<a_ftocq>(), and_zero<widened<float>>},
+    {"dtocq", binary64, calls<a_dtocq>(), and_zero<widened<double>>},
+    {"chtocq", integer, calls<a_chtocq>(), and_zero<from_integer<int8_t>>},
+    {"stocq", integer, calls<a_stocq>(), and_zero<from_integer<int16_t>, 4>},
+    {"itocq", integer, calls<a_itocq>(), and_zero<from_integer<int32_t>>},
+    {"jtocq", integer, calls<a_jtocq>(), and_zero<from_integer<int64_t>>},
+    {"qtocq", quad, calls<a_qtocq>(), and_zero<copied<0>, 4>},
+    {"cqtoq", quad, calls<a_cqtoq>(), copied<0>},
+    {"cqtoc", pair, calls<a_cqtoc>(), narrowed<float, 2>},
+    {"cqtocd", pair, calls<a_cqtocd>(), narrowed<double, 2>},
 };
 // clang-format on
 
