@@ -1,8 +1,5 @@
 #!/usr/bin/env python3
-"""What would make the performance page lie: a page of results whose medians and ratios are known.
-
-usage: page_test.py BENCH_FOLDER
-"""
+"""page_test.py BENCH_FOLDER: what would make the performance page lie, in results that are known."""
 import json
 import pathlib
 import subprocess
@@ -18,9 +15,7 @@ RESULTS = {
             ("copy/fixed-64-unaligned/zorvac_fast", (1,), {"error_occurred": True})],
     "two": [("copy/fixed-1K-unaligned/zorvac_new", (8,), {}),  # its peer is that of this file
             ("copy/fixed-1K-unaligned/libc-sse2", (16,), {}),
-            ("limit/separate/8", (1,), {"GFLOP/s": 40.0}),
-            ("r8_n_n/64x64x64/zorvac/min_time:0.020", (1,), {"GFLOP/s": 30.0}),
-            ("add/throughput/zorvac", (1,), {"items_per_second": 1e9}),
+            ("add/throughput/zorvac/min_time:0.020", (1,), {"items_per_second": 1e9}),
             ("add/throughput/libgcc", (8,), {"items_per_second": 0.5e9})]}
 LINES = ("| copy/fixed-512-unaligned | 2.0 | 5.0 | 2.50 |\n"
          "| copy/fixed-1K-unaligned | 4.0 | 3.0 | 0.75 |",  # by size; the median, and a loss
@@ -28,8 +23,8 @@ LINES = ("| copy/fixed-512-unaligned | 2.0 | 5.0 | 2.50 |\n"
          "| copy `zorvac_fast` | libc | 1.37 | 1 of 2 | 0.75 fixed-1K-unaligned | 2.50 ",
          "| add/throughput | 1.0 | 2.0 | 2.00 |")  # times of an item
 
-with tempfile.TemporaryDirectory() as name:
-    folder = pathlib.Path(name)
+with tempfile.TemporaryDirectory() as scratch:
+    folder = pathlib.Path(scratch)
     for name, rows in RESULTS.items():
         runs = [{"name": row, "cpu_time": time, "time_unit": "ns", **more}
                 for row, times, more in rows for time in times]
@@ -42,5 +37,5 @@ with tempfile.TemporaryDirectory() as name:
     subprocess.run(command, check=True)
     page = (folder / "page.md").read_text()
     assert "fixed-64" not in page and all(line in page for line in LINES), page
-    for name, peer in ("copy", "libc"), ("matrices", "limit/separate/8"), ("quad", "libgcc"):
+    for name, peer in ("copy", "libc"), ("quad", "libgcc"):
         assert peer in {e.text for e in xml.parse(folder / f"charts/{name}.svg").iter()}, name

@@ -5,8 +5,8 @@
 //   traced IMAGE die                  from a handler, in malloc with the heap locked
 //   traced PC from                    as if a signal had interrupted the code there
 //
-// Without EXECUTABLE it is that shared object, which is also a program's unwinder where it is loaded
-// before all others: one that has _Unwind_ForcedUnwind only, and a made-up stack.
+// Or that shared object, which is also a program's unwinder where it is loaded before all others: one
+// that has _Unwind_ForcedUnwind only, and a made-up stack.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <signal.h>
@@ -29,17 +29,16 @@ ROUTINE inner(const char* how) { show(how, NULL); }
 ROUTINE middle(const char* how) { inner(how); }
 ROUTINE outer(const char* how) { middle(how); }
 
-#ifndef EXECUTABLE
+#ifdef traced_object_EXPORTS
 struct _Unwind_Context {
-  _Unwind_Ptr ip, region;
+  _Unwind_Ptr ip;
 };
 _Unwind_Ptr _Unwind_GetIP(struct _Unwind_Context* frame) { return frame->ip; }
-_Unwind_Ptr _Unwind_GetRegionStart(struct _Unwind_Context* frame) { return frame->region; }
+_Unwind_Ptr _Unwind_GetRegionStart(struct _Unwind_Context* frame) { return frame->ip & 0xf000; }
 
 _Unwind_Reason_Code _Unwind_ForcedUnwind(struct _Unwind_Exception* exception, _Unwind_Stop_Fn stop,
                                          void* argument) {
-  static struct _Unwind_Context stack[] = {{0x1010, 0x1000}, {0x2020, 0x2000}, {0x3030, 0x3000},
-                                           {0x4040, 0x4000}, {0, 0},           {5, 5}};
+  static struct _Unwind_Context stack[] = {{0x1010}, {0x2020}, {0x3030}, {0x4040}, {0}, {5}};
   int answer = 0;
   for (size_t i = 0; answer == 0 && i < sizeof stack / sizeof *stack; ++i)
     answer = stop(1, 10, 0, exception, &stack[i], argument);
@@ -70,17 +69,13 @@ static void on_fault(int number, siginfo_t* info, void* context) {
 int main(int argc, char** argv) {
   if (argc != 3) return 2;
   const char *image = argv[1], *how = argv[2];
+  const ucontext_t interrupted = {.uc_mcontext.gregs[REG_RIP] = strtoll(image, NULL, 16)};
+  const struct sigaction action = {.sa_sigaction = on_fault, .sa_flags = SA_SIGINFO};
+  sigaction(SIGILL, &action, NULL);
+  if (strcmp(how, "die") == 0) return malloc(12345) == NULL;
   if (strcmp(how, "from") == 0) {
-    ucontext_t context = {0};
-    context.uc_mcontext.gregs[REG_RIP] = strtoll(image, NULL, 16);
-    show("table", &context);
+    show("table", &interrupted);
     return 0;
-  }
-  if (strcmp(how, "die") == 0) {
-    const struct sigaction action = {.sa_sigaction = on_fault, .sa_flags = SA_SIGINFO};
-    sigaction(SIGILL, &action, NULL);
-    void* volatile block = malloc(12345);  // which clang would leave out otherwise
-    return block == NULL;
   }
   void (*chain)(const char*) = outer;
   if (strstr(image, ".so") != NULL) *(void**)&chain = dlsym(dlopen(image, RTLD_NOW), "outer");
