@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs into an empty folder, and the Debian packages into an empty system; builds programs against
-# both in each way that the README names.
+# Installs the Debian packages into an empty system, looks at what is there, and builds programs
+# against it in each way that the README names.
 #
 #   install_test.sh SOURCE_DIR BUILD_DIR C_COMPILER CXX_COMPILER
 set -euo pipefail
@@ -10,46 +10,7 @@ trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 fail() { echo "$*" && exit 1; }
 
-# Builds and runs a program against the library under a prefix: pkg-config, plainly static, CMake.
-# Where the tool is installed, too, the last one gets a .trace section: builds_against PREFIX PROGRAMS
-builds_against() {
-  local lib tool
-  mkdir "$2"
-  lib=$(dirname "$(find "$1" -name libzorvac.so.5)")
-  tool=$(find "$1" -name zorvac-mktrace)
-  [ "$(readlink "$lib/libzorvac.so")" = libzorvac.so.5 ] || fail "no link for the linker"
-  read -ra flags <<<"$(PKG_CONFIG_LIBDIR=$lib/pkgconfig pkg-config --cflags --libs zorvac)"
-  "$cc" -o "$2/by-pkg-config" "$example" "${flags[@]}"
-  "$cc" -o "$2/static" -I"$1/include" "$example" "$lib/libzorvac.a"
-  if ldd "$2/static" | grep zorvac; then fail "not linked statically"; fi
-  cat >"$2/CMakeLists.txt" <<CMAKE
-cmake_minimum_required(VERSION 3.25)
-project(client C)
-find_package(zorvac 5 REQUIRED)
-add_executable(by-cmake $example)
-target_link_libraries(by-cmake PRIVATE zorvac::zorvac)
-${tool:+zorvac_add_trace(by-cmake)}
-CMAKE
-  cmake -S "$2" -B "$2" -DCMAKE_PREFIX_PATH="$1" -DCMAKE_C_COMPILER="$cc" >/dev/null
-  cmake --build "$2" >/dev/null
-  [ -z "$tool" ] || "$tool" --dump "$2/by-cmake" | grep '/processor\.c:[1-9]' >/dev/null
-  for program in by-pkg-config static by-cmake; do
-    LD_LIBRARY_PATH=$lib "$2/$program" | grep '^vendor ' || fail "$program does not run"
-  done
-}
-
-cmake --install "$build_dir" --prefix "$folder/prefix" >/dev/null
-builds_against "$folder/prefix" programs
-
-# Every public header stands alone, in C and in C++ of any standard we promise.
-flags=(-Wall -Wextra -Wpedantic -Werror -Iprefix/include -fsyntax-only)
-for header in prefix/include/zorvac/*.h; do
-  "$cc" "${flags[@]}" -std=c99 -x c "$header"
-  "$cxx" "${flags[@]}" -std=c++17 -x c++ "$header"
-done
-
-# The packages, together, into a system that has nothing but what they depend on, in the versions of
-# this one.
+# A system that has nothing but what the packages depend on, in the versions of this one.
 (cd "$build_dir" && cpack -B "$folder/packages" >/dev/null)
 as_root=()
 [ "$(id -u)" -eq 0 ] || as_root=(fakeroot)
@@ -59,7 +20,6 @@ for package in packages/*.deb; do dpkg-deb -f "$package" Depends; done | tr ',|'
   while read -r package; do dpkg-query -s "$package"; echo; done >root/var/lib/dpkg/status
 "${as_root[@]}" dpkg --root="$folder/root" --log=/dev/null --force-not-root \
   --force-script-chrootless --install packages/*.deb >log 2>&1 || fail "dpkg refuses: $(cat log)"
-builds_against "$folder/root/usr" packaged
 
 # What a reader of the package list sees, where files go, who may write them.
 for package in packages/*.deb; do
@@ -67,15 +27,46 @@ for package in packages/*.deb; do
   cat "$doc/copyright" "$doc/changelog.gz" >/dev/null
   [ "$(dpkg-deb -f "$package" Section Maintainer Depends | wc -l)" = 3 ] || fail "$package: fields"
 done
-[ -n "$(find root/usr/share/man/man7 -name 'zorvac.7*')" ] || fail "no manual page"
 rm -r root/var # what dpkg keeps
 if find root/* ! -path 'root/usr*' -o ! -type l -perm /022 | grep .; then fail "place or mode"; fi
-runtime=(packages/libzorvac5_*)
-dpkg-deb -I "${runtime[0]}" triggers | grep -x 'activate-noawait ldconfig'
-dpkg-deb -I "${runtime[0]}" shlibs | grep -x 'libzorvac 5 libzorvac5 (>= 5.0.0)'
+[ -n "$(find root/usr/share/man/man7 -name 'zorvac.7*')" ] || fail "no manual page"
+runtime=$(echo packages/libzorvac5_*)
+dpkg-deb -I "$runtime" triggers | grep -x 'activate-noawait ldconfig'
+dpkg-deb -I "$runtime" shlibs | grep -x 'libzorvac 5 libzorvac5 (>= 5.0.0)'
+
+# Every public header stands alone, in C and in C++ of any standard we promise.
+prefix=$folder/root/usr
+flags=(-Wall -Wextra -Wpedantic -Werror -I"$prefix/include" -fsyntax-only)
+for header in "$prefix"/include/zorvac/*.h; do
+  "$cc" "${flags[@]}" -std=c99 -x c "$header"
+  "$cxx" "${flags[@]}" -std=c++17 -x c++ "$header"
+done
+
+# A program: pkg-config, plainly static, CMake with a .trace section where the tool is installed.
+lib=$(dirname "$(find "$prefix" -name libzorvac.so.5)")
+tool=$(find "$prefix" -name zorvac-mktrace)
+[ "$(readlink "$lib/libzorvac.so")" = libzorvac.so.5 ] || fail "no link for the linker"
+read -ra flags <<<"$(PKG_CONFIG_LIBDIR=$lib/pkgconfig pkg-config --cflags --libs zorvac)"
+"$cc" -o by-pkg-config "$example" "${flags[@]}"
+"$cc" -o static -I"$prefix/include" "$example" "$lib/libzorvac.a"
+if ldd static | grep zorvac; then fail "not linked statically"; fi
+cat >CMakeLists.txt <<CMAKE
+cmake_minimum_required(VERSION 3.25)
+project(client C)
+find_package(zorvac 5 REQUIRED)
+add_executable(by-cmake $example)
+target_link_libraries(by-cmake PRIVATE zorvac::zorvac)
+${tool:+zorvac_add_trace(by-cmake)}
+CMAKE
+cmake -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" . >/dev/null
+cmake --build . >/dev/null
+[ -z "$tool" ] || "$tool" --dump by-cmake | grep '/processor\.c:[1-9]' >/dev/null
+for program in by-pkg-config static by-cmake; do
+  LD_LIBRARY_PATH=$lib "./$program" | grep '^vendor ' || fail "$program does not run"
+done
 
 # Another package's program: the symbols file tells its dependency, name by name.
-dpkg-deb -R "${runtime[0]}" runtime
+dpkg-deb -R "$runtime" runtime
 mkdir debian
 printf 'Source: client\n\nPackage: client\nArchitecture: any\n' >debian/control
-dpkg-shlibdeps -O -Sruntime -lruntime/usr/lib packaged/by-cmake | grep -F 'libzorvac5 (>= 5.0.0)'
+dpkg-shlibdeps -O -Sruntime -lruntime/usr/lib by-cmake | grep -F 'libzorvac5 (>= 5.0.0)'
