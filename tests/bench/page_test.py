@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""page_test.py BENCH_FOLDER: what would make the performance page lie, in results that are known."""
+"""page_test.py BENCH_FOLDER: what would make the performance page lie, from known results."""
 import json
 import pathlib
 import subprocess

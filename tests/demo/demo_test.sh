@@ -12,7 +12,7 @@ mask() {
     -e 's/ *[0-9]+(\.[0-9]+)? *(GFLOP\/s|[GM]B\/s|ns|us|ms|s|seconds|times)\b/ # \2/g' "$1"
 }
 # The README up to the mark, the fence behind it, the block, the rest.
-csplit -s "$1/README.md" '/^<!-- scripts.demo prints this; demo_test compares -->/' '/^```/+1' '/^```/'
+csplit -s "$1/README.md" '/^<!-- scripts.demo prints this/' '/^```/+1' '/^```/'
 "$1/scripts/demo" --build "$2" >now
 [ "${3:-}" != --update ] || { cat xx00 xx01 now xx03 >"$1/README.md" && exit; }
 diff -u <(mask xx02) <(mask now) ||

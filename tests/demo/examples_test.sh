@@ -4,8 +4,8 @@
 #   examples_test.sh EXAMPLES_DIR
 set -euo pipefail
 cd "$1"
-# Example and arguments | exit status | a line of its output; both are regular expressions. The start-up
-# checks refuse or not, by the vendor that the library was built for and the machine.
+# Example and arguments | exit status | a line of its output; both are regular expressions. The
+# start-up checks refuse or not, by the vendor that the library was built for and the machine.
 rows='processor    | 0    | ^vendor  +[[:print:]]{12}$
 dispatch     | 0    | ^sum 17000000 by the version for (AVX2|SSE2)$
 startup_sse3 | [01] | ^built for SSE3: started$|SSE3.* instruction support\.$

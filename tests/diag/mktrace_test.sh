@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# zorvac-mktrace seen from outside: what the library reads in a section that it has made, beside what
-# addr2line says of the program; what it leaves alone; what it refuses.
+# zorvac-mktrace seen from outside: what the library reads in a section that it has made, beside
+# what addr2line says of the program; what it leaves alone; what it refuses.
 #
 #   mktrace_test.sh MKTRACE TRACE_READER LLVM_ADDR2LINE SOURCE_DIR
 set -euo pipefail
@@ -11,12 +11,11 @@ trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 fail() { echo "$*" && exit 1; }
 
-# What a compiler makes of one routine has one name; where no line is known, the file does not count.
+# What a compiler makes of one routine has one name; without a line, the file does not count.
 plain() { sed -E '/^[^/]/s/\..*//; s/([CD]I?)[0-2]/\1/g; s/ \(.*//; s/.*:[?0]$/?:0/'; }
 
 # Compares every STEPth address of every symbol of code of the image, and of the rows of its dump.
 compare() { # STEP
-  local start size type name at
   cp image before
   "$mktrace" image
   # In front of the names of the sections nothing changes but the header's fields about sections.
@@ -33,18 +32,18 @@ compare() { # STEP
   diff expected <("$reader" section <addresses | plain) | head
   "$mktrace" --dump image | sed -nE 's/^ {9}(0x[0-9a-f]+) /\1 /p' >rows
   [ "$(wc -l <rows)" -gt 20 ] || fail "rows: $(<rows)"
-  diff <(cut -d' ' -f2- rows | plain) <(cut -d' ' -f1 rows | "$reader" section | sed -n 'n;p' | plain)
+  diff <(cut -d' ' -f2- rows | plain) <(cut -d' ' -f1 rows | "$reader" section | sed 1~2d | plain)
 }
 
 # The tool itself, then some of the library, with assembler code that has no debug information and a
 # label that does not say what it is.
 cp "$mktrace" image
 compare 97
-gcc -c "$source/src/diag/rt_check.S" -o check.o
-echo 'label: lea 2(%rdi), %eax; ret; .globl label' | gcc -c -x assembler - -o label.o
+{ echo 'label: lea 2(%rdi), %eax; ret; .globl label' && cat "$source/src/diag/rt_check.S"; } |
+  gcc -c -x assembler-with-cpp - -o code.o
 while read -ra compiler; do
   (cd "$source" && "${compiler[@]}" -std=c++20 -I{src,include} -nostartfiles -o "$folder/image" \
-    src/diag/{trace_scan,byte_source}.cpp "$folder"/{check,label}.o -Wl,-z,noexecstack,-e,label \
+    src/diag/{trace_scan,byte_source}.cpp "$folder/code.o" -Wl,-z,noexecstack,-e,label \
     -Wl,-u,_ZN6zorvac4diag11byte_source4readEmPvm,--unresolved-symbols=ignore-all)
   compare 1
 done <<<'gcc -O0 -gdwarf-4 -no-pie
@@ -54,15 +53,14 @@ clang -O2 -gdwarf-5 -gz -pie
 gcc -O2 -gdwarf-5 -fPIC -shared'
 
 # What is said of an image that something is done to: refuse STATUS TEXT DAMAGE ARGUMENT...
-cp before whole
 refuse() {
   local status=0
-  cp -f whole image
+  cp -f before image
   eval "$3"
-  cp -f image before
+  cp -f image damaged
   "$mktrace" "${@:4}" >/dev/null 2>said || status=$?
   [ "$status $(grep -o "$2" said)" = "$1 $2" ] || fail "$2: status $status, $(<said)"
-  cmp image before
+  cmp image damaged
 }
 # byte OFFSET VALUE
 byte() { printf '%b' "$2" | dd of=image conv=notrunc bs=1 seek="$1" status=none; }
@@ -77,9 +75,8 @@ refuse 1 'no debug information' 'strip image' image
 refuse 1 'cannot write beside' : -o /proc/self/image image
 refuse 1 'not a regular file' : -o . image
 refuse 1 'not a regular file' : .
-refuse 1 'No such file' : none
 refuse 1 'no .trace section' : --dump image
-refuse 1 'not sound' 'printf "\13\1\11\0\0\0" >bad && objcopy --add-section .trace=bad image' --dump image
+refuse 1 'not sound' 'printf "\13\1\11\0\0\0" >x; objcopy --add-section .trace=x image' --dump image
 refuse 2 'Usage' : --dump -o x image
 refuse 2 'Usage' : --trace image
 
@@ -87,8 +84,8 @@ refuse 2 'Usage' : --trace image
 chmod 750 image
 ln -s target link
 "$mktrace" -o link image
-cmp image whole
-[ "$(stat -c '%F %a' link target | xargs)" = 'symbolic link 777 regular file 750' ] || fail "$(ls -l)"
+cmp image before
+[ "$(stat -c '%F %a' link target | xargs)" = 'symbolic link 777 regular file 750' ] || fail mode
 "$mktrace" -o image target
 cmp image target
 strip target

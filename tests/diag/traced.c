@@ -1,12 +1,12 @@
 // A program whose routines print their own traceback:
 //
-//   traced IMAGE table|block|delete   three calls deep, in itself or the shared object IMAGE (*.so);
+//   traced IMAGE table|block|delete   three calls deep, in itself or the shared object IMAGE;
 //                                     delete: as a table, when the file is gone
 //   traced IMAGE die                  from a handler, in malloc with the heap locked
 //   traced PC from                    as if a signal had interrupted the code there
 //
-// Or that shared object, which is also a program's unwinder where it is loaded before all others: one
-// that has _Unwind_ForcedUnwind only, and a made-up stack.
+// Or that shared object, which is also a program's unwinder where it is loaded before all others:
+// one that has _Unwind_ForcedUnwind only, and a made-up stack.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <signal.h>
@@ -67,8 +67,7 @@ static void on_fault(int number, siginfo_t* info, void* context) {
 }
 
 int main(int argc, char** argv) {
-  if (argc != 3) return 2;
-  const char *image = argv[1], *how = argv[2];
+  const char *image = argv[argc - 2], *how = argv[argc - 1];
   const ucontext_t interrupted = {.uc_mcontext.gregs[REG_RIP] = strtoll(image, NULL, 16)};
   const struct sigaction action = {.sa_sigaction = on_fault, .sa_flags = SA_SIGINFO};
   sigaction(SIGILL, &action, NULL);
@@ -81,7 +80,6 @@ int main(int argc, char** argv) {
   if (strstr(image, ".so") != NULL) *(void**)&chain = dlsym(dlopen(image, RTLD_NOW), "outer");
   if (strcmp(how, "delete") == 0) unlink(image);
   chain(how);
-  puts(tbk_geterrorstring());
-  return 0;
+  return puts(tbk_geterrorstring()) < 0;
 }
 #endif
