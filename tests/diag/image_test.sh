@@ -42,7 +42,7 @@ shows() {
 }
 
 for kind in pie no-pie object.so; do
-  image="an image (1) of $kind" program=$PWD/$image deleted=known
+  image="an old (1) $kind" program=$PWD/$image deleted=known
   [ $kind != object.so ] || program=$programs/traced_pie deleted=unknown # but for its name
   cp "$programs/traced_$kind" "$image"
   shows 'block table' "$image" unknown "$program" "./$image"
