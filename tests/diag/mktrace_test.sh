@@ -76,7 +76,7 @@ refuse 1 'cannot write beside' : -o /proc/self/image image
 refuse 1 'not a regular file' : -o . image
 refuse 1 'not a regular file' : .
 refuse 1 'no .trace section' : --dump image
-refuse 1 'not sound' 'printf "\13\1\11\0\0\0" >x; objcopy --add-section .trace=x image' --dump image
+refuse 1 'not sound' 'printf "\77\1\11\0\0\0" >x; objcopy --add-section .trace=x image' --dump image
 refuse 2 'Usage' : --dump -o x image
 refuse 2 'Usage' : --trace image
 
