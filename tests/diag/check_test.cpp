@@ -35,7 +35,7 @@ void sweep(Narrow (*check)(Wide)) {
   constexpr std::int64_t most = std::numeric_limits<std::make_unsigned_t<Narrow>>::max();
   static sigjmp_buf failed;
   std::signal(SIGABRT, [](int) { siglongjmp(failed, 1); });
-  for (int i = 0; i < 64 * 160; ++i) {
+  for (unsigned i = 0; i < 64 * 160; ++i) {
     const std::uint64_t power = 1UL << i / 160, from = i % 2 != 0 ? power : 0 - power;
     const auto v = static_cast<std::int64_t>(from + i % 160 / 2 - 40);
     if (static_cast<Wide>(v) != v) continue;  // not a value of the argument
@@ -68,9 +68,9 @@ TEST(StackVariables, TheFirstChangedGuardIsReportedElseNoRegisterChanges) {
                     names[] = {of + "first'", of + "second'", of + "third'", ""};
   unsigned char bytes[128] = {}, *const base = bytes + 64;
   for (int i = 0; i < 32; ++i) base[guards[i / 4] + i % 4] = 0xcc;
-  for (int i = 1; i < 256; ++i)
+  for (unsigned i = 1; i < 256; ++i)
     expect("", "\nBoundary Run-Time Check Failure" + names[__builtin_ctz(i) / 2] + "\n\n", [&] {
-      for (int guard = 0; guard < 8; ++guard) base[guards[guard] + i / 64] ^= i >> guard & 1;
+      for (int guard = 0; guard < 8; ++guard) (base + i / 64)[guards[guard]] ^= i >> guard & 1;
       __zorva_rtc_CheckStackVars(nullptr, nullptr, &variables, base);
     });
 
@@ -136,9 +136,9 @@ const struct {
 
 TEST(Constants, AreComparedAndReportedOnStandardOutput) {
   const std::string error = "Constant propagation error (";
-  for (const auto& [kind, type, expected, actual, name, values] : constants)
-    expect(values.empty() ? "" : error + name + " substitution):\n" + values, "",
-           [&] { _IPO_Check_CP(kind, type, expected, actual); });
+  for (const auto& c : constants)
+    expect(c.values.empty() ? "" : error + c.name + " substitution):\n" + c.values, "",
+           [&] { _IPO_Check_CP(c.kind, c.type, c.expected, c.actual); });
   for (const std::uint32_t type : {6U, UINT_MAX})
     expect("Bad second argument\n", "", [&] { _IPO_Check_CP(0, type, {1, 1}, {1, 1}); });
   // Values that do not fit a message: the C library ends the process, and the kind is not lost.

@@ -39,7 +39,7 @@ _Unwind_Ptr _Unwind_GetRegionStart(struct _Unwind_Context* frame) { return frame
 _Unwind_Reason_Code _Unwind_ForcedUnwind(struct _Unwind_Exception* exception, _Unwind_Stop_Fn stop,
                                          void* argument) {
   static struct _Unwind_Context stack[] = {{0x1010}, {0x2020}, {0x3030}, {0x4040}, {0}, {5}};
-  int answer = 0;
+  _Unwind_Reason_Code answer = 0;
   for (size_t i = 0; answer == 0 && i < sizeof stack / sizeof *stack; ++i)
     answer = stop(1, 10, 0, exception, &stack[i], argument);
   printf("stop %d\n", answer);
