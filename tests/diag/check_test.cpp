@@ -70,7 +70,7 @@ TEST(StackVariables, TheFirstChangedGuardIsReportedElseNoRegisterChanges) {
   for (int i = 0; i < 32; ++i) base[guards[i / 4] + i % 4] = 0xcc;
   for (unsigned i = 1; i < 256; ++i)
     expect("", "\nBoundary Run-Time Check Failure" + names[__builtin_ctz(i) / 2] + "\n\n", [&] {
-      for (int guard = 0; guard < 8; ++guard) (base + i / 64)[guards[guard]] ^= i >> guard & 1;
+      for (int g = 0; g < 8; ++g) (base + i / 64)[guards[g]] ^= (i >> g & 1) != 0;
       __zorva_rtc_CheckStackVars(nullptr, nullptr, &variables, base);
     });
 
