@@ -35,8 +35,8 @@ dpkg-deb -I "$runtime" shlibs | grep -x 'libzorvac 5 libzorvac5 (>= 5.0.0)'
 prefix=$folder/root/usr
 flags=(-Wall -Wextra -Wpedantic -Werror -I"$prefix/include" -fsyntax-only)
 for header in "$prefix"/include/zorvac/*.h; do
-  "$cc" "${flags[@]}" -std=c99 -x c "$header"
-  "$cxx" "${flags[@]}" -std=c++17 -x c++ "$header"
+  "$cc" "${flags[@]}" -std=c99 -include "$header" -x c /dev/null
+  "$cxx" "${flags[@]}" -std=c++17 -include "$header" -x c++ /dev/null
 done
 
 # A program: pkg-config, plainly static, CMake with a .trace section where the tool is installed.
@@ -63,7 +63,7 @@ for program in by-pkg-config static by-cmake; do
 done
 
 # Another package's program: the symbols file tells its dependency, name by name.
-dpkg-deb -R "$runtime" runtime
+dpkg-deb -R "$runtime" runtime && rm runtime/DEBIAN/shlibs
 mkdir debian
 printf 'Source: client\n\nPackage: client\nArchitecture: any\n' >debian/control
 dpkg-shlibdeps -O -Sruntime -lruntime/usr/lib by-cmake | grep -F 'libzorvac5 (>= 5.0.0)'
