@@ -8,67 +8,49 @@ programs=$1 mktrace=$2 source=$3
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
-
 fail() { echo "$*" && exit 1; }
+routines=(show inner middle outer)
+mapfile -t places < <(grep -nE ' tbk_string|\{ (show|inner|middle)\(' "$source" | cut -d: -f1)
 
-# The four routines with the places of their calls.
-known=() unknown=()
-for call in 'show= tbk_string' 'inner={ show(' 'middle={ inner(' 'outer={ middle('; do
-  known+=("${call%%=*}" traced.c "$(grep -n "${call#*=}" "$source" | cut -d: -f1)")
-  unknown+=(Unknown Unknown Unknown)
-done
-
-# What a text begins with, PC for every program counter: expected LAYOUT IMAGE ROUTINES
+# What a text begins with, PC for every program counter: expected LAYOUT IMAGE known|unknown
 expected() {
-  local -n routines=$3
-  local i
-  case $1 in
-    block) printf '\n\nTraceback symbolic or hex stack dump follows:\n\n' ;;
-    *) printf '%-19s%-18s%-19s%-12s%-19s\n' Image PC Routine Line Source ;;
-  esac
-  for i in 0 3 6 9; do
-    set -- "$1" "$2" "${routines[@]:i:3}"
-    case $1 in
-      block)
-        printf -- '--------- Frame # %s ---------------------------------------\n\n' $((i / 3))
-        printf 'Image:         %s\nPC:            PC\nRoutine name:  %s\n' "$2" "$3"
-        printf 'Source file:   %s\nLine number:   %s\n\n' "${4/t/PATH/t}" "$5"
-        ;;
-      *) printf '%-17.17s  PC  %-17.17s  %10.10s  %s\n' "$2" "$3" "$5" "$4" ;;
-    esac
+  local block=() table=() file=Unknown routine=Unknown line=Unknown
+  for i in {0..3}; do
+    [ "$3" = unknown ] || file=traced.c routine=${routines[i]} line=${places[i]}
+    block+=("$i" "$2" "$routine" "${file/t/PATH/t}" "$line")
+    table+=("$2" "$routine" "$line" "$file")
   done
+  if [ "$1" = block ]; then
+    printf '\n\nTraceback symbolic or hex stack dump follows:\n\n'
+    printf -- '--------- Frame # %s ---------------------------------------\n
+Image:         %s\nPC:            PC\nRoutine name:  %s\nSource file:   %s\nLine number:   %s\n\n' \
+      "${block[@]}"
+  else
+    printf '%-19s%-18s%-19s%-12s%-19s\n' Image PC Routine Line Source
+    printf '%-17.17s  PC  %-17.17s  %10.10s  %s\n' "${table[@]}"
+  fi
 }
 
-# shows LAYOUTS IMAGE ROUTINES COMMAND...
+# shows LAYOUTS IMAGE known|unknown PROGRAM ARGUMENT: under another name than the file's
 shows() {
-  local layout lines text
+  local layout text
   for layout in $1; do
-    lines=$(expected "$layout" "$2" "$3")
-    text=$(LD_PRELOAD=libgcc_s.so.1 "${@:4}" "$layout" |
+    text=$(LD_PRELOAD=libgcc_s.so.1 bash -c 'exec -a other "$@"' - "${@:4}" "$layout" |
       sed -E 's/0x[0-9a-f]{16}$|\b[0-9A-F]{16}\b/PC/; s|/.*/traced.c|PATH/traced.c|')
-    [[ $text == "$lines"* ]] || fail "$layout of ${*:4}: $text; not $lines"
+    [[ $text == "$(expected "$layout" "${@:2:2}")"* ]] || fail "$layout of ${*:4}: $text"
   done
 }
 
-for kind in pie no-pie; do
-  for image in program 'a program'; do
-    cp "$programs/traced_$kind" "$image"
-    shows 'block table' "$image" unknown "./$image" "$image"
-    "$mktrace" "$image"
-    shows 'block table' "$image" known bash -c "exec -a other './$image' '$image' \$0"
-    strip "$image"
-    shows 'block table delete' "$image" known "$PWD/$image" "$image"
-  done
-  for image in object.so 'a shared object (1).so'; do
-    cp "$programs/traced_object.so" "$image"
-    shows 'block table' "$image" unknown "$programs/traced_$kind" "$PWD/$image"
-    "$mktrace" "$image"
-    shows 'block table' "$image" known "$programs/traced_$kind" "./$image"
-    strip "$image"
-    shows 'block table' "$image" known "$programs/traced_$kind" "$PWD/$image"
-    # Of a deleted one nothing but the name is left.
-    shows delete "$image" unknown "$programs/traced_$kind" "$PWD/$image"
-  done
+for kind in pie no-pie object.so; do
+  image="an old (1) $kind" program=$PWD/$image deleted=known
+  [ $kind != object.so ] || program=$programs/traced_pie deleted=unknown # but for its name
+  cp "$programs/traced_$kind" "$image"
+  shows 'block table' "$image" unknown "$program" "./$image"
+  "$mktrace" "$image"
+  shows 'block table' "$image" known "$program" "$PWD/$image"
+  strip "$image"
+  shows 'block table' "$image" known "$program" "./$image"
+  shows delete "$image" $deleted "$program" "$PWD/$image"
 done
 
 # A program that dies in its own malloc, which must not be called again, at the first instruction of
@@ -77,18 +59,15 @@ cp "$programs/traced_pie" program
 "$mktrace" program
 LD_PRELOAD=libgcc_s.so.1 ./program '' die | grep -E '^program  .*  crash  ' >/dev/null
 
-# Without an unwinder there is nothing. With _Unwind_ForcedUnwind alone the frames are those from the
-# one on whose routine holds the program counter, up to where that is 0; without one all, 2 hidden.
-none=$(./program '' block)
-[ "$none" = 'You must link with libunwind to use traceback functionality' ] || fail "$none"
-# forced PC FRAME...
-forced() {
-  diff <(printf '%s\n' 'stop 2' "${@:2}" 'status 0') \
-    <(LD_PRELOAD=$programs/unwinder.so ./program "$1" walk) || fail "from $1"
+# Without an unwinder there is nothing. With _Unwind_ForcedUnwind alone the frames are those from
+# the one on whose routine holds the program counter, up to where that is 0; without one, all but 3.
+diff <(./program '' block) - <<<'You must link with libunwind to use traceback functionality'
+forced() { # PC FOUND
+  found=$(LD_PRELOAD=$programs/traced_object.so ./program "$1" from |
+    grep -oE '[0-9]{4}  |[a-z]+ing |stop .*' | xargs)
+  [ "$found" = "$2" ] || fail "from $1: $found"
 }
-forced 3008 '3030>4040 0' '4040>0 0'
-forced 3030 '3030>4040 0' '4040>0 0'
-forced 3031
-forced 9999
-forced 1000 '1010>2020 0' '2020>3030 0' '3030>4040 0' '4040>0 0'
-forced 0 '1010>2020 1' '2020>3030 1' '3030>4040 0' '4040>0 0'
+forced 1000 '1010 2020 3030 4040 stop 2'
+forced 3030 '3030 4040 stop 2'
+forced 3031 'stop 2'
+forced 0 '4040 stop 2'
