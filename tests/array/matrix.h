@@ -11,40 +11,34 @@ namespace zorvac::test {
 
 using u64 = std::uint64_t;
 
-// The elements of a matrix column by column, without gaps.
-template <class E>
-using elements = std::vector<E>;
-
 // A column-major matrix whose last element is `slack` bytes away from a guard page. All around its
-// elements, and they themselves while nothing is put there, are bytes of 0xff: NaNs.
+// elements, and they themselves while nothing is put there, are bytes of 0xff: NaNs. Its elements
+// are told column by column, without gaps.
 template <class E>
-class matrix {
- public:
-  matrix(u64 rows, u64 columns, u64 leading, const elements<E>& from = {}, u64 slack = 0)
-      : ld(leading),
-        rows_(rows),
-        end_(slack + (columns == 0 ? 0 : ((columns - 1) * ld + rows) * sizeof(E))),
-        block_(end_ + 64) {
-    std::memset(block_.begin(), 0xff, block_.size());
-    put(block_.end(), from);
+struct matrix {
+  matrix(u64 m, u64 n, u64 leading, const std::vector<E>& from = {}, u64 slack = 0)
+      : rows(m),
+        ld(leading),
+        from_end(slack + (m * n == 0 ? 0 : ((n - 1) * ld + m) * sizeof(E))),
+        block(from_end + 64) {
+    std::memcpy(block.begin(), image(from).data(), block.size());
   }
-  [[nodiscard]] E* data() const { return reinterpret_cast<E*>(block_.end() - end_); }
+  [[nodiscard]] E* data() const { return reinterpret_cast<E*>(block.end() - from_end); }
 
   // Whether it has these elements, bit for bit, and nothing around them has changed.
-  [[nodiscard]] bool holds(const elements<E>& expected) const {
-    std::vector<unsigned char> image(block_.size(), 0xff);
-    put(image.data() + image.size(), expected);
-    return std::memcmp(image.data(), block_.begin(), image.size()) == 0;
+  [[nodiscard]] bool holds(const std::vector<E>& expected) const {
+    return std::memcmp(block.begin(), image(expected).data(), block.size()) == 0;
   }
-  const u64 ld;
-
- private:
-  void put(unsigned char* end, const elements<E>& from) const {
-    for (u64 at = 0; at < from.size(); at += rows_)
-      std::memcpy(end - end_ + at / rows_ * ld * sizeof(E), &from[at], rows_ * sizeof(E));
+  // The block with these elements in it.
+  [[nodiscard]] std::vector<unsigned char> image(const std::vector<E>& from) const {
+    std::vector<unsigned char> bytes(block.size(), 0xff);
+    for (u64 at = 0; at < from.size(); at += rows)
+      std::memcpy(&bytes[bytes.size() - from_end + at / rows * ld * sizeof(E)], &from[at],
+                  rows * sizeof(E));
+    return bytes;
   }
-  u64 rows_, end_;  // `end_` bytes of the block begin with the first element
-  guarded_block block_;
+  const u64 rows, ld, from_end;
+  const guarded_block block;
 };
 
 }  // namespace zorvac::test
