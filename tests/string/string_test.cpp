@@ -161,18 +161,15 @@ operands scene(const routine& r, std::size_t length, std::size_t gap) {
 
 word by_registers(const routine& r, const operands& o) {
   register_file in = filled_registers(1);
-  if (r.how <= kind::seek) {
-    in.general[rax] = word(o.string) / 16 * 16;
-    in.general[rdx] = word(o.string);
-    in.vector[1].fill(0);
-    std::fill_n(in.vector[1].begin(), r.instructions == sse2 ? 16 : 1, o.character);
-  } else {
-    in.general[rcx] = word(o.string);
-    in.general[rdx] = r.how == kind::find    ? word(o.character)
-                      : r.how == kind::limit ? o.count
-                                             : word(o.partner);
-    in.general[r8] = o.count;
-  }
+  in.general[rax] = word(o.string) / 16 * 16;
+  in.general[rcx] = word(o.string);
+  in.general[rdx] = r.how <= kind::seek    ? word(o.string)
+                    : r.how == kind::find  ? word(o.character)
+                    : r.how == kind::limit ? o.count
+                                           : word(o.partner);
+  in.general[r8] = o.count;
+  std::fill_n(in.vector[1].begin(), 16, r.instructions == sse2 ? o.character : 0);
+  in.vector[1][0] = static_cast<std::uint8_t>(o.character);
   const register_file out = call_with_registers(reinterpret_cast<void (*)()>(r.address), in);
   for (const gpr i : {rax, rcx, rdx, r8, r9}) in.general[i] = out.general[i];
   std::copy_n(out.vector.begin(), 6, in.vector.begin());
