@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <numeric>
 #include <random>
 #include <string>
 
@@ -108,10 +107,9 @@ std::string some(std::size_t length, const std::string& letters) {
   for (char& c : text) c = letters[below(letters.size())];
   return text;
 }
-const std::string letters = [] {
+const std::string letters = [] {  // all that are not zero, no neighbours side by side
   std::string all(255, 0);
-  std::iota(all.begin(), all.end(), '\x01');
-  std::shuffle(all.begin(), all.end(), random_bits);
+  for (std::size_t i = 0; i < 255; ++i) all[i] = static_cast<char>(i * 101 % 255 + 1);
   return all;
 }();
 const std::string noise = some(memory().size(), letters + '\0');
@@ -134,9 +132,10 @@ operands scene(const routine& r, std::size_t length, std::size_t gap) {
                     others = letters.substr(from + taken, 1 + below(20));
   std::string text = some(head, below(2) == 0 ? members : others) + some(length - head, letters);
   if (r.how >= kind::int64)
-    text = some(below(2) * below(40), " \t\n\v\f\r") + some(below(8) / 3, "+-+- ") +
-           some(below(2) * below(20), "0") + some(length % 51, below(4) == 0 ? "9" : "0123456789") +
-           some(below(2), letters) + some(below(2), "0123456789");
+    text = some(below(2) * below(40), " \t\n\v\f\r") + some(below(8) / 7, letters) +
+           some(below(8) / 3, "+-+- ") + some(below(2) * below(20), "0") +
+           some(length % 51, below(4) == 0 ? "9" : "0123456789") + some(below(2), letters) +
+           some(below(2), "0123456789");
 
   const std::size_t part = below(2) == 0 ? text.size() : below(text.size() + 1);
   std::string other = r.how >= kind::set ? members : others;
