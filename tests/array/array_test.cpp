@@ -227,7 +227,7 @@ void expect_type(const std::string& type) {
       x.a[x.a.size() / 2] = E(HUGE_VALF);
       x.b[x.b.size() / 3] = E(-NAN);
     }
-    for (const u32 storage : {0, 1, 2, 3}) {
+    for (const u32 storage : {0u, 1u, 2u, 3u}) {
       x.ta = storage / 2 != 0;
       x.tb = storage % 2 != 0;
       expect_products(type, x);
@@ -249,7 +249,7 @@ TEST(Product, OfNoRowsIsDoneAtOnceForAnyNumberOfColumns) {
 // ---- Reductions ---------------------------------------------------------------------------------
 
 // What an operator starts from and what it makes of t and p.
-template <class T>
+template <class T, class Wide = std::conditional_t<std::is_integral_v<T>, u128, T>>
 std::pair<T, T> stated(u32 op, T t, T p) {
   constexpr bool is_integer = std::is_integral_v<T>, is_quad = std::is_same_v<T, quad>;
   T least = std::numeric_limits<T>::lowest(), greatest = std::numeric_limits<T>::max();
@@ -257,7 +257,7 @@ std::pair<T, T> stated(u32 op, T t, T p) {
   // Of two zeros p; where they are not ordered p, too, but of quads t.
   const bool keeps = is_quad && !(t <= p) && !(t >= p);
   const T larger = t > p || keeps ? t : p, smaller = t < p || keeps ? t : p;
-  const std::conditional_t<is_integer, u128, T> a(t), b(p);
+  const auto a = Wide(t), b = Wide(p);
   const u128 x = is_integer ? u128(t) : 0, y = is_integer ? u128(p) : 0;
   // clang-format off
   const std::pair<T, T> operators[] = {

@@ -158,6 +158,7 @@ operands scene(const routine& r, std::size_t length, std::size_t gap) {
   return o;
 }
 
+// The answer by the registers of the interface, of which the preserved ones are looked at.
 word by_registers(const routine& r, const operands& o) {
   register_file in = filled_registers(1);
   in.general[rax] = word(o.string) / 16 * 16;
