@@ -212,15 +212,15 @@ void expect_type(const std::string& type) {
   // clang-format off
   std::vector<problem<E>> shapes{
       {33, 113, 38}, {34, 37, 38}, {34, 38, 37}, {34, 38, 38}, {36, 112, 40}, {37, 113, 43},
-      {47, 224, 43}, {44, 225, 45}, {129, 129, 70}, {260, 112, 40}, {261, 113, 41}, {521, 41, 40},
+      {47, 224, 43}, {44, 225, 45}, {129, 129, 70}, {260, 112, 40}, {261, 113, 41}, {521, 38, 40},
       {16, 337, 90}, {20, 109, 72}, {300, 3, 90}, {3, 300, 300}, {1000, 1, 1}, {1, 1000, 1},
-      {1, 1, 1000}, {130, 257, 1}, {34, 40, 2000}, {38, 39, 2001}, {36, 40, 4003}};
+      {1, 1, 1000}, {130, 257, 1}, {34, 38, 2000}, {35, 39, 2001}, {36, 40, 2006}};
   // clang-format on
   for (const u64 m : {0u, 1u, 2u, 3u, 4u, 5u, 8u, 11u, 17u, 22u, 31u})
     for (const u64 n : {0u, 1u, 2u, 3u, 4u, 9u})
       for (const u64 k : {0u, 1u, 4u, 9u}) shapes.push_back({m, k, n});
   for (problem<E>& x : shapes) {
-    if (x.n > 2000 && !std::is_same_v<E, double>) continue;  // panels are of the blocked kernels
+    if (x.n >= 2000 && !std::is_same_v<E, double>) continue;  // panels are of the blocked kernels
     // What is not finite stays in its row or column of C, and no zero hides it. The NaN is the one
     // that processors make themselves, so that the bits of all are alike.
     if (x.m > 2 && x.n > 2 && x.k != 0 && x.k % 3 == 0) {
@@ -340,17 +340,17 @@ TEST(Reduction, JudgesItsCodes) {
   const matrix<unsigned char> memory(0x1fe, 1, 0x1fe);
   const auto t = memory.data();
   const auto is = [](int how) { return [how](int status) { return (status & ~0x80) == how; }; };
-  for (u32 i = 0; i < 64; ++i)
-    for (const u32 op : {0u, 1u, 3u, 4u, 5u, 6u, 13u, 14u, ~0u}) {
+  for (u32 i = 0; i < 36; ++i)
+    for (const u32 op : {0u, 1u, 4u, 6u, 14u, ~0u}) {
       const u32 type = i < 32 ? i : i << 26 | 6, count = op == 0 ? 0x1fe : i % 2;
       const u32 operators = types.contains(type) ? types.at(type).first : 0;
       if (op != 0 && op <= operators) continue;
       SCOPED_TRACE(testing::Message() << type << ' ' << op);
       EXPECT_EXIT((__zorva_reduction_init_array(t, count, op, type), _exit(*t)),
-                  is(type == 1 && op == 0 ? 0xfe00 : SIGABRT), "^$");
+                  is(type == 1 && op == 0 ? 0xfe00 : SIGABRT), testing::Eq(""));
       EXPECT_EXIT(
           (__zorva_simd_reduction_final_array(t, "1234567", i % 2, 1, 1, op, type), _exit(*t)),
-          is(operators == 13 ? 0xff00 : SIGABRT), "^$");
+          is(operators == 13 ? 0xff00 : SIGABRT), testing::Eq(""));
     }
 }
 
