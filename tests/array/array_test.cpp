@@ -116,8 +116,8 @@ struct problem {
         error += wide(x) * wide(y);
       }
       c[i] = order.from_zero ? c[i] + sum : sum;
-      // In any order, n terms of unit roundoff u, none above 1, give an error of n u n in each part,
-      // and little more (Higham, Accuracy and Stability of Numerical Algorithms, 3.1).
+      // In any order, n terms of unit roundoff u, none above 1, give an error of n u n in each
+      // part, and little more (Higham, Accuracy and Stability of Numerical Algorithms, 3.1).
       const auto n_u_n = std::pow(2.0L * k + 2, 2) * std::numeric_limits<part>::epsilon();
       EXPECT_FALSE(std::abs(error - wide(c[i])) > n_u_n);
     }
@@ -135,8 +135,8 @@ void expect(const std::string& name, const matrix<E>& c, const std::vector<E>& e
   EXPECT_TRUE(c.holds(expected) && !owed) << name;
 }
 
-// The copies of panels: for each term the elements of four rows of A or four columns of B, with zeros
-// up to a multiple of four terms; and the inner kernels. What a kernel does not read need not be there.
+// The copies of panels: for each term the elements of four rows of A or four columns of B, with
+// zeros up to a multiple of four terms; and the inner kernels. What these do not read is not there.
 void expect_packed(const problem<double>& x, const std::string& copy_a, const matrix<double>& a,
                    const std::string& copy_b, const matrix<double>& b) {
   const u64 m = x.m, k = x.k, n = x.n, padded = (k + 3) / 4 * 4;
@@ -317,11 +317,11 @@ void check(u32 type, u32 op, u64 count, std::int32_t stride) {
 // By their codes the types: how many of the operators they take, and their check.
 // clang-format off
 const std::map<u32, std::pair<u32, void (*)(u32, u32, u64, std::int32_t)>> types{
-    {1, {13, check<std::uint8_t>}}, {3, {13, check<std::uint16_t>}}, {5, {13, check<std::uint32_t>}},
-    {2, {13, check<std::int8_t>}}, {4, {13, check<std::int16_t>}}, {6, {13, check<std::int32_t>}},
-    {7, {13, check<std::uint64_t>}}, {9, {5, check<float>}}, {20, {3, check<float>}},
-    {8, {13, check<std::int64_t>}}, {10, {5, check<double>}}, {21, {3, check<double>}},
-    {13, {5, check<quad>}}, {23, {3, check<quad>}}};
+    {1, {13, check<std::uint8_t>}}, {2, {13, check<std::int8_t>}}, {3, {13, check<std::uint16_t>}},
+    {4, {13, check<std::int16_t>}}, {5, {13, check<std::uint32_t>}}, {9, {5, check<float>}},
+    {6, {13, check<std::int32_t>}}, {7, {13, check<std::uint64_t>}}, {10, {5, check<double>}},
+    {8, {13, check<std::int64_t>}}, {13, {5, check<quad>}}, {20, {3, check<float>}},
+    {21, {3, check<double>}}, {23, {3, check<quad>}}};
 // clang-format on
 
 TEST(Reduction, CombinesAndInitialises) {
@@ -334,8 +334,8 @@ TEST(Reduction, CombinesAndInitialises) {
         }
 }
 
-// Codes that are not accepted end the process, whatever the count; but folds of integers do nothing,
-// and operator 0 fills unsigned bytes with the count.
+// Codes that are not accepted end the process, whatever the count, without a message; but folds of
+// integers do nothing, and operator 0 fills unsigned bytes with the count.
 TEST(Reduction, JudgesItsCodes) {
   const matrix<unsigned char> memory(0x1fe, 1, 0x1fe);
   const auto t = memory.data();
