@@ -24,7 +24,15 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/zorvac.pc.in ${PROJECT_BINARY_DIR}/zo
 install(FILES ${PROJECT_BINARY_DIR}/zorvac.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT dev)
 
-install(FILES ${PROJECT_SOURCE_DIR}/docs/man/zorvac.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7
+# Manual pages and the changelog are installed compressed as Debian's policy asks, without a time, so
+# that the same sources make the same packages: zorvac_compress(<file in the project> <its copy>)
+function(zorvac_compress from to)
+  set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${from})
+  execute_process(COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/${from}
+    OUTPUT_FILE ${PROJECT_BINARY_DIR}/${to} COMMAND_ERROR_IS_FATAL ANY)
+endfunction()
+zorvac_compress(docs/man/zorvac.7 zorvac.7.gz)
+install(FILES ${PROJECT_BINARY_DIR}/zorvac.7.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man7
         COMPONENT dev)
 
 # The Debian packages. A component is one row here; its files are installed under
@@ -50,8 +58,7 @@ macro(zorvac_package component name section holds)
   install(FILES ${PROJECT_SOURCE_DIR}/cmake/copyright ${PROJECT_BINARY_DIR}/changelog.gz
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component})
 endmacro()
-file(ARCHIVE_CREATE OUTPUT ${PROJECT_BINARY_DIR}/changelog.gz
-     PATHS ${PROJECT_SOURCE_DIR}/CHANGELOG.md FORMAT raw COMPRESSION GZip)
+zorvac_compress(CHANGELOG.md changelog.gz)
 
 set(runtime_package libzorvac${PROJECT_VERSION_MAJOR})
 zorvac_package(runtime ${runtime_package} libs "This package has the shared library.")

@@ -22,7 +22,7 @@ fakeroot dpkg --root="$folder/root" --log=/dev/null --force-not-root \
 # What a reader of the package list sees, where files go, who may write them.
 for package in packages/*.deb; do
   doc=root/usr/share/doc/$(dpkg-deb -f "$package" Package)
-  cat root/usr/share/man/man7/zorvac.7* "$doc"/{copyright,changelog.gz} >/dev/null
+  cat root/usr/share/man/man7/zorvac.7.gz "$doc"/{copyright,changelog.gz} >/dev/null
   [ "$(dpkg-deb -f "$package" Section Maintainer Depends | wc -l)" = 3 ] || fail "$package: fields"
 done
 rm -r root/var # what dpkg keeps
