@@ -8,23 +8,18 @@
 #include <cstdlib>
 #include <type_traits>
 
-namespace narrowing {
+namespace {
 
-// The check for each pair of sizes, from and to.
+// The check for each pair of sizes.
 template <std::size_t From, std::size_t To>
-inline constexpr auto check = nullptr;
-template <>
-inline constexpr auto check<2, 1> = _RTC_Check_2_to_1;
-template <>
-inline constexpr auto check<4, 1> = _RTC_Check_4_to_1;
-template <>
-inline constexpr auto check<8, 1> = _RTC_Check_8_to_1;
-template <>
-inline constexpr auto check<4, 2> = _RTC_Check_4_to_2;
-template <>
-inline constexpr auto check<8, 2> = _RTC_Check_8_to_2;
-template <>
-inline constexpr auto check<8, 4> = _RTC_Check_8_to_4;
+constexpr auto check() {
+  if constexpr (From == 2 && To == 1) return _RTC_Check_2_to_1;
+  if constexpr (From == 4 && To == 1) return _RTC_Check_4_to_1;
+  if constexpr (From == 8 && To == 1) return _RTC_Check_8_to_1;
+  if constexpr (From == 4 && To == 2) return _RTC_Check_4_to_2;
+  if constexpr (From == 8 && To == 2) return _RTC_Check_8_to_2;
+  if constexpr (From == 8 && To == 4) return _RTC_Check_8_to_4;
+}
 
 // What the target can hold, read as signed or as unsigned, passes.
 template <class To, class From>
@@ -32,14 +27,12 @@ To narrow(From value) {
   static_assert(std::is_integral_v<From> && std::is_integral_v<To>);
   if constexpr (sizeof(To) < sizeof(From))
     return static_cast<To>(
-        check<sizeof(From), sizeof(To)>(static_cast<std::make_signed_t<From>>(value)));
+        check<sizeof(From), sizeof(To)>()(static_cast<std::make_signed_t<From>>(value)));
   else
     return static_cast<To>(value);
 }
 
-}  // namespace narrowing
-
-using narrowing::narrow;
+}  // namespace
 
 int main(int argc, char** argv) {
   const std::int64_t number = argc > 1 ? std::atoll(argv[1]) : 60'000;
