@@ -165,6 +165,23 @@ TEST(Variants, OfProductsClearAndSwapTheExtents) {
     }
 }
 
+// Complex arithmetic calls the real one, part by part, in the order of its formulas.
+TEST(Complex, IsMadeOfRealOperations) {
+  const std::pair<const char*, std::vector<std::string>> rows[] = {
+      {"__caddq", {"add", "add"}},
+      {"__csubq", {"sub", "sub"}},
+      {"__cnegq", {"neg", "neg"}},
+      {"__cmulq", {"mul", "mul", "mul", "mul", "sub", "add"}},
+      {"__cdivq",
+       {"mul", "mul", "add", "div", "mul", "mul", "mul", "mul", "add", "sub", "mul", "mul"}}};
+  for (const auto& [routine, operations] : rows) {
+    steps expected;
+    for (const std::string& operation : operations)
+      expected.emplace_back("__" + operation + 'q', words{});
+    expect_calls(routine, expected, words(5, address));
+  }
+}
+
 // Two panels of columns, the short block of terms before two whole ones, three blocks of rows, and
 // what is left over: a row and three columns.
 TEST(BlockedKernel, TakesItsSteps) {
