@@ -243,6 +243,7 @@ zorvac_sources(ZORVAC_COMMON_SOURCES general diag/rt_check.cpp)
 zorvac_sources(ZORVAC_TRACEBACK_SOURCES baseline
   diag/byte_source.cpp
   diag/elf_image.cpp
+  diag/heap_code.cpp
   diag/images.cpp
   diag/pc_info.cpp
   diag/process_files.cpp

@@ -84,7 +84,7 @@ extern "C" void _IPO_Check_CP(int32_t kind, uint32_t type, zorvac_cp_value expec
     std::abort();
   }
   if (agree(type, expected, actual)) return;
-  const substitution<2 * kind_name_bytes> name(name_of(kind), kind_name_bytes);
+  const substitution name(name_of(kind), 2 * kind_name_bytes, kind_name_bytes);
   print_line(message::constant_propagation_error, name.c_str());
   print_values(type, expected, actual);
   std::abort();

@@ -5,6 +5,7 @@
 // registers only; its entry, in rt_check.S, saves those.
 #include <zorvac/diag.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <type_traits>
 
@@ -19,15 +20,30 @@ using startup::to_standard_error;
 
 constexpr std::uint32_t guard_word = 0xcccccccc;
 
+void print(int number) { __libvrt_print(to_standard_error, number, 0); }
+
+void print(int number, const char* name) {
+  const substitution shown(name, room_in_message(number));
+  __libvrt_print(to_standard_error, number, 1, shown.c_str());
+}
+
+// Each text has half of the room, and what the other one leaves of its half.
+void print(int number, const char* name, const char* where) {
+  const std::size_t room = room_in_message(number);
+  const std::size_t name_bytes = substitution(name, room).size();
+  const std::size_t where_bytes = substitution(where, room).size();
+  const substitution name_shown(name, std::max(room / 2, room - where_bytes));
+  const substitution where_shown(where, std::max(room - room / 2, room - name_bytes));
+  __libvrt_print(to_standard_error, number, 2, name_shown.c_str(), where_shown.c_str());
+}
+
 // A report stands between two empty lines and ends the process. Its arguments are the message, then
 // what is substituted.
 template <class... Texts>
 [[noreturn, gnu::noinline, gnu::cold]] void report(int number, Texts... texts) {
-  // What the fixed part of a message, in any language, leaves of the message buffer.
-  constexpr std::size_t room = 400 / (sizeof...(texts) + (sizeof...(texts) == 0));
-  __libvrt_print(to_standard_error, message::line_end, 0);
-  __libvrt_print(to_standard_error, number, sizeof...(texts), substitution<room>(texts).c_str()...);
-  __libvrt_print(to_standard_error, message::line_end, 0);
+  print(message::line_end);
+  print(number, texts...);
+  print(message::line_end);
   __builtin_abort();
 }
 

@@ -5,32 +5,47 @@
 // The print routine takes the finished message once more as a format, and ends the process when the
 // message does not fit its buffer. Variables of some languages have per-cent signs in their names
 // ("point%next"), and the names of others run to thousands of characters; a report must survive
-// both. So a per-cent sign that stands alone is doubled here, and what is beyond `Bytes` is left
+// both. So a per-cent sign that stands alone is doubled here, and what is beyond the room is left
 // out. Two of them are a format's way to write one, and stay what they are.
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
+
+#include "diag/texts.h"
+#include "startup/vrt_msg_support.h"
 
 namespace zorvac::diag {
 
-template <std::size_t Bytes>
+inline constexpr std::size_t longest_message = startup::message_buffer_bytes - 1;
+
+// What the fixed part of a message with one or two texts, in the language in use, leaves for them.
+inline std::size_t room_in_message(int number) {
+  return longest_message - std::strlen(__libvrt_get_msg(number, 2, "", ""));
+}
+
 class substitution {
  public:
-  // At most `limit` characters of `text`.
-  explicit substitution(const char* text, std::size_t limit = Bytes) {
-    if (text == nullptr) text = "(null)";
-    std::size_t used = 0;
-    for (std::size_t i = 0; i < limit && text[i] != '\0'; ++i) {
-      const bool per_cent = text[i] == '%';
-      if (used + (per_cent ? 2 : 1) > Bytes) break;
-      text_[used++] = text[i];
+  // As much of `text` as fits in `room` bytes, and at most `limit` characters.
+  explicit substitution(const char* text, std::size_t room = longest_message,
+                        std::size_t limit = longest_message) {
+    char name[longest_message + 1];
+    put_text(text == nullptr ? "(null)" : text, name, std::min(limit, longest_message) + 1);
+    hide_commands(name);
+    for (const char* at = name; *at != '\0'; ++at) {
+      const bool per_cent = *at == '%';
+      if (size_ + (per_cent ? 2 : 1) > room) break;
+      text_[size_++] = *at;
       if (!per_cent) continue;
-      text_[used++] = '%';
-      if (i + 1 < limit && text[i + 1] == '%') ++i;  // the sign is doubled already
+      text_[size_++] = '%';
+      if (at[1] == '%') ++at;  // the sign is doubled already
     }
   }
   [[nodiscard]] const char* c_str() const { return text_; }
+  [[nodiscard]] std::size_t size() const { return size_; }
 
  private:
-  char text_[Bytes + 1] = {};
+  std::size_t size_ = 0;
+  char text_[longest_message + 1] = {};
 };
 
 }  // namespace zorvac::diag

@@ -11,6 +11,7 @@
 #include <cstdlib>
 
 #include "diag/errno_guard.h"
+#include "diag/heap_code.h"
 #include "diag/images.h"
 #include "startup/vrt_msg_support.h"
 
@@ -29,43 +30,73 @@ namespace {
 namespace message = startup::message;
 
 // The signals of a process while it is being walked. Static, as a signal stack may be small.
+//
+// The handler jumps to where the walk was prepared last, so no signal may arrive before that:
+//
+//   begin()          open()             close()                       end()
+//     | all are blocked |  the caller's mask |  all are blocked          |
+//     | 65 actions      |  less the faults   |  the next jump is prepared|
+//
+// A jump leads to blocked signals: what cleans up is not disturbed.
 class protection {
  public:
   static void begin() {
+    prepare_masks();
+    sigprocmask(SIG_SETMASK, &all_, &caller_);
+    open_ = caller_;
+    for (const int fault : faults) sigdelset(&open_, fault);
     struct sigaction action = {};
     action.sa_flags = SA_SIGINFO | SA_NODEFER;
     action.sa_sigaction = reinterpret_cast<void (*)(int, siginfo_t*, void*)>(tbk_signal_handler);
     for (int number = 0; number < signals; ++number) sigaction(number, &action, &actions_[number]);
     sigaction(SIGSEGV, nullptr, &action);
     own_restorer_ = action.sa_restorer;
-    // A fault whose signal is blocked, as it is in that signal's handler, would end the process.
-    sigset_t faults;
-    sigemptyset(&faults);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP}) sigaddset(&faults, fault);
-    sigprocmask(SIG_UNBLOCK, &faults, &mask_);
   }
+  static void open() { sigprocmask(SIG_SETMASK, &open_, nullptr); }
+  static void close() { sigprocmask(SIG_SETMASK, &all_, nullptr); }
   static void end() {
-    sigprocmask(SIG_SETMASK, &mask_, nullptr);
+    close();
     for (int number = 0; number < signals; ++number) sigaction(number, &actions_[number], nullptr);
+    sigprocmask(SIG_SETMASK, &caller_, nullptr);
   }
+
+  // While one of these is there, only faults lead to a jump; other signals wait.
+  class faults_only {
+   public:
+    faults_only() { sigprocmask(SIG_SETMASK, &all_but_faults_, &previous_); }
+    ~faults_only() { sigprocmask(SIG_SETMASK, &previous_, nullptr); }
+    faults_only(const faults_only&) = delete;
+    faults_only& operator=(const faults_only&) = delete;
+  };
+
   // The C library gives every action the same place to return to; a program that does without it
   // may give its own.
   static bool is_restorer(std::uint64_t pc) {
-    bool is = pc == reinterpret_cast<std::uintptr_t>(own_restorer_);
+    bool is = pc == restorer();
     for (const struct sigaction& action : actions_)
       is = is || pc == reinterpret_cast<std::uintptr_t>(action.sa_restorer);
     return pc != 0 && is;
   }
+  static std::uintptr_t restorer() { return reinterpret_cast<std::uintptr_t>(own_restorer_); }
 
  private:
+  static void prepare_masks() {
+    sigfillset(&all_);
+    all_but_faults_ = all_;
+    for (const int fault : faults) sigdelset(&all_but_faults_, fault);
+  }
+
+  // A fault whose signal is blocked, as it is in that signal's handler, would end the process.
+  static constexpr int faults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS};
   static constexpr int signals = 65;  // 0 and those that are no signals are refused each time
   static struct sigaction actions_[signals];
   static void (*own_restorer_)();
-  static sigset_t mask_;
+  static sigset_t all_, all_but_faults_, caller_, open_, previous_;
 };
 struct sigaction protection::actions_[signals];
 void (*protection::own_restorer_)();
-sigset_t protection::mask_;
+sigset_t protection::all_, protection::all_but_faults_, protection::caller_, protection::open_,
+    protection::previous_;
 
 constexpr std::uint32_t chunk_frames = 24;
 struct chunk {
@@ -83,15 +114,41 @@ struct walk {
   std::uint32_t total = 0;
   std::uint32_t used = 0;  // of the current chunk
   std::uint32_t hidden = 0;
+  enum { recording, reporting, done } step = recording;
+  bool cut_short = false;  // there are more frames than memory for them
   std::uint32_t status = TBK_SUCCESS;
-  volatile bool in_heap = false;
+  volatile bool heap_is_usable = true;
   chunk first = {};
 };
 
+// A call of malloc or free. Signals from outside wait until it is over: a jump out of it would
+// leave the heap's lock taken for good. After a fault in it the heap is not used any more.
+class heap_call {
+ public:
+  explicit heap_call(walk& w) : walk_{w} { walk_.heap_is_usable = false; }
+  ~heap_call() { walk_.heap_is_usable = true; }
+  heap_call(const heap_call&) = delete;
+  heap_call& operator=(const heap_call&) = delete;
+
+ private:
+  protection::faults_only faults_only_;
+  walk& walk_;
+};
+
+// Whether the frames that were recorded last include one of the heap's routines: the process dies
+// in its heap.
+bool is_in_heap(const chunk& recorded) {
+  const heap_code heap(protection::restorer());
+  for (const tbk_frame& frame : recorded.frames)
+    if (heap.holds(frame.pc)) return true;
+  return false;
+}
+
 bool add_chunk(walk& w) {
-  w.in_heap = true;
+  if (is_in_heap(*w.current)) w.heap_is_usable = false;
+  if (!w.heap_is_usable) return false;
+  const heap_call call(w);
   auto* added = static_cast<chunk*>(std::malloc(sizeof(chunk)));
-  w.in_heap = false;
   if (added == nullptr) return false;
   _zorva_fast_memset(added, 0, sizeof *added);
   added->previous = w.current;
@@ -104,7 +161,10 @@ bool add_chunk(walk& w) {
 // False where there is no memory for it.
 bool record(walk& w, std::uint64_t pc) {
   if (w.last != nullptr) w.last->return_address = pc;
-  if (w.used == chunk_frames && !add_chunk(w)) return false;
+  if (w.used == chunk_frames && !add_chunk(w)) {
+    w.cut_short = true;
+    return false;
+  }
   w.last = &w.current->frames[w.used++];
   w.last->pc = pc;
   ++w.total;
@@ -112,16 +172,14 @@ bool record(walk& w, std::uint64_t pc) {
 }
 
 // Each block is out of the list before it is freed: a fault here, which leads here again, does not
-// free it twice. After a fault within malloc or free the blocks stay: the heap is broken, or its
-// lock is taken for good.
+// free it twice. Where the heap cannot be used, the blocks stay.
 void free_chunks(walk& w) {
-  while (!w.in_heap && w.first.next != nullptr) {
+  if (w.first.next == nullptr || !w.heap_is_usable) return;
+  const heap_call call(w);
+  while (w.first.next != nullptr) {
     chunk* const freed = w.first.next;
-    w.first.next = nullptr;
     w.first.next = freed->next;
-    w.in_heap = true;
     std::free(freed);
-    w.in_heap = false;
   }
 }
 
@@ -153,10 +211,10 @@ std::uint32_t report(walk& w, void* user, tbk_frame_callback callback) {
     const std::uint32_t index = i % chunk_frames;
     if (i != 0 && index == 0) at = at->next;
     const std::int32_t answer = callback(&at->frames[index], user, i < w.hidden ? 1 : 0);
-    if (answer == TBK_STOP) break;
+    if (answer == TBK_STOP) return TBK_SUCCESS;
     if (answer == TBK_STOP_FULL) return TBK_BUFFER_FULL;
   }
-  return TBK_SUCCESS;
+  return w.cut_short ? TBK_FAULT : TBK_SUCCESS;
 }
 
 }  // namespace
@@ -181,26 +239,31 @@ std::uint32_t tbk_trace_stack_impl(const void* signal_context, void* user,
   walk w;
   hold_images();
   protection::begin();
-  if (sigsetjmp(tbk__jmp_env, -1) == 0) {
-    w.start_pc = interrupted_pc(signal_context);
-    w.hidden = w.start_pc != 0 ? 0 : skip == 0 ? 5 : frames_to_hide;
-    // The unwinder's first frame is that of its caller, so both calls stand in this very routine.
-    if (_Unwind_Backtrace != nullptr) {
-      _Unwind_Backtrace(record_frame, &w);
-    } else {
-      _Unwind_Exception exception = {};
-      _Unwind_ForcedUnwind(&exception, stop_at_frame, &w);
-    }
-    if (sigsetjmp(tbk__jmp_env, -1) == 0) {
-      w.status = report(w, user, callback);
-    } else {
+  while (w.step != walk::done) {
+    if (sigsetjmp(tbk__jmp_env, -1) != 0) {
       w.status = TBK_FAULT;
+      free_chunks(w);
+      break;
     }
-  } else {
-    w.status = TBK_FAULT;
+    protection::open();
+    if (w.step == walk::recording) {
+      w.start_pc = interrupted_pc(signal_context);
+      w.hidden = w.start_pc != 0 ? 0 : skip == 0 ? 5 : frames_to_hide;
+      // The unwinder's first frame is that of its caller, so both calls stand in this very routine.
+      if (_Unwind_Backtrace != nullptr) {
+        _Unwind_Backtrace(record_frame, &w);
+      } else {
+        _Unwind_Exception exception = {};
+        _Unwind_ForcedUnwind(&exception, stop_at_frame, &w);
+      }
+      w.step = walk::reporting;
+    } else {
+      w.status = report(w, user, callback);
+      free_chunks(w);
+      w.step = walk::done;
+    }
+    protection::close();
   }
-  // A fault from here on comes back here by the last jump point.
-  free_chunks(w);
   release_images();
   protection::end();
   return w.status;

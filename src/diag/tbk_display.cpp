@@ -157,6 +157,7 @@ std::int32_t stackwalk_cb(const tbk_frame* frame, void* user, std::int32_t hidde
   tbk_getModuleName(pc, image, sizeof image);
   std::uint64_t bias = 0;
   tbk_get_pc_info_pie(image, place, &bias, &info);
+  for (char* const name : {image, info.routine, info.file}) hide_commands(name);
   const decimal line(info.line);
   auto* const write = out.table ? write_row : write_block;
   const bool fits =

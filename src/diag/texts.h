@@ -1,6 +1,7 @@
 #ifndef ZORVAC_DIAG_TEXTS_H
 #define ZORVAC_DIAG_TEXTS_H
-// The text in place of whatever cannot be found, and the small texts that readers build.
+// The text in place of whatever cannot be found, the small texts that readers build, and names as
+// they may be shown.
 #include <cstddef>
 #include <cstdint>
 
@@ -14,6 +15,37 @@ inline void put_text(const char* text, char* to, std::size_t bytes) {
   std::size_t length = 0;
   for (; text[length] != '\0' && length + 1 < bytes; ++length) to[length] = text[length];
   to[length] = '\0';
+}
+
+// How many bytes from the first one on may be shown as they stand; 0 where the first one may not.
+//
+// Names come from files that anybody may have made, and go to terminals and logs. Bytes that a
+// terminal takes for commands are not shown: 0 to 31 and 127, and 128 to 159, unless they are part
+// of a well-formed UTF-8 character above those controls (RFC 3629, 4). What names in other
+// encodings have, a byte from 160 on, stands: nothing takes that for a command.
+inline std::size_t bytes_to_show(const char* text) {
+  constexpr std::uint32_t least[] = {0, 0, 0xa0, 0x800, 0x10000};  // by the length
+  const auto first = static_cast<unsigned char>(*text);
+  if (first < 0x80) return first >= 0x20 && first != 0x7f ? 1 : 0;
+  const std::size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+  std::uint32_t character = first & (0x7fu >> length);
+  std::size_t read = 1;
+  for (; read < length && (text[read] & 0xc0) == 0x80; ++read)
+    character = character << 6 | (text[read] & 0x3fu);
+  const bool is_surrogate = character >> 11 == 0x1b;
+  const bool is_character = first >= 0xc0 && first < 0xf8 && read == length &&
+                            character >= least[length] && character <= 0x10ffff && !is_surrogate;
+  if (is_character) return length;
+  return first >= 0xa0 ? 1 : 0;
+}
+
+// Puts a question mark in the place of each byte that may not be shown.
+inline void hide_commands(char* name) {
+  while (*name != '\0') {
+    const std::size_t shown = bytes_to_show(name);
+    if (shown == 0) *name = '?';
+    name += shown == 0 ? 1 : shown;
+  }
 }
 
 template <std::size_t Bytes>

@@ -178,6 +178,9 @@ static void every_step(void) {
 
 enum { large = 0x8000 };  // taken from the end of the heap
 static void* volatile block;
+// To a program that cannot be moved, these addresses are those of stubs.
+static void* (*volatile address_of_malloc)(size_t);
+static void (*volatile address_of_free)(void*);
 
 static void break_end_of_heap(void) {
   block = malloc(large);
@@ -211,6 +214,8 @@ ROUTINE guilty_wild_free(void) {
 }
 
 static void die(void (*guilty)(void)) {
+  address_of_malloc = malloc;
+  address_of_free = free;
   catch_fatal_signals();
   deeper(30, guilty);
 }

@@ -8,8 +8,11 @@ programs=$1 mktrace=$2
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
-cp "$programs/process" .
-"$mktrace" process
+for kind in pie no-pie; do
+  mkdir $kind
+  cp "$programs/process_$kind" $kind/process
+  "$mktrace" $kind/process
+done
 rows=0 failures=0
 
 # What a traceback says, in short: how many rows it has, the program's own routines in them, a
@@ -27,18 +30,18 @@ in_short() {
     END { tell() }'
 }
 
-# shows EXPECTED SCENE [threads] [VARIABLE=VALUE]
+# shows EXPECTED SCENE [threads] [no-pie] [allocator=LIBRARY]
 shows() {
-  local expected=$1 words=() variables=(LD_PRELOAD=libgcc_s.so.1)
-  for word in "${@:2}"; do
+  local expected=$1 scene=$2 words=() kind=pie libraries=libgcc_s.so.1 seen
+  for word in "${@:3}"; do
     case $word in
-      *=*) variables+=("$word") ;;
+      allocator=*) libraries+=:${word#*=} ;;
+      no-pie) kind=no-pie ;;
       *) words+=("$word") ;;
     esac
   done
   rows=$((rows + 1))
-  local seen
-  seen=$({ env "${variables[@]}" timeout 20 ./process "${words[@]}" 2>/dev/null ||
+  seen=$({ LD_PRELOAD=$libraries timeout 20 $kind/process "$scene" "${words[@]}" 2>/dev/null ||
     echo "exit status $?"; } | in_short)
   [ "$seen" != "$expected" ] || return 0
   failures=$((failures + 1))
@@ -50,12 +53,19 @@ shows() {
 for scene in every_step storm; do shows 'all children are back' "$scene"; done
 
 # ---- The heap ----
-# Nothing is taken from a heap that is found broken: what the first 24 records hold is shown.
+# Nothing is taken from a heap that a process dies in: what the first 24 records hold is shown.
+dies_in_heap() {
+  shows "24 rows: show on_fatal guilty_$1 deeper
+Stack trace terminated abnormally." "$@"
+}
 for scene in malloc calloc realloc free wild_free; do
-  for threads in '' threads; do
-    shows "24 rows: show on_fatal guilty_$scene deeper
-Stack trace terminated abnormally." "$scene" ${threads:+"$threads"}
-  done
+  dies_in_heap $scene
+  dies_in_heap $scene threads
+  dies_in_heap $scene no-pie
+done
+# These jump from malloc and free to their inner routines.
+for library in libjemalloc.so.2 libmimalloc.so.2; do
+  dies_in_heap wild_free allocator=$library
 done
 
 echo "$rows scenes, $failures not as expected"

@@ -1,0 +1,83 @@
+// Two signs of the heap's code, as neither is enough:
+//
+//   - The routine that holds the address is one of the four. The inner routines of the C library's
+//     heap are called from these, so one of them is on the stack.
+//   - The address is in the shared object that malloc comes from, and that has no other purpose: it
+//     is neither the program nor the C library, nor a sanitizer. Allocators that programs load jump
+//     from malloc to their inner routines, and no frame of malloc stays on the stack.
+#include "diag/heap_code.h"
+
+#include <dlfcn.h>
+#include <link.h>
+#include <signal.h>
+#include <unwind.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#pragma weak _dl_find_object
+#pragma weak _Unwind_FindEnclosingFunction
+// A static program may define malloc and free and have no others.
+#pragma weak calloc
+#pragma weak realloc
+
+namespace zorvac::diag {
+namespace {
+
+template <class Value>
+Value load(const void* from) {
+  Value value;
+  std::memcpy(&value, from, sizeof value);
+  return value;
+}
+
+// Where a call of a routine leads. To a program that cannot be moved, the address of a shared
+// library's routine is that of a stub in the program: perhaps ENDBR64, perhaps a BND prefix, and a
+// JMP through a slot (System V ABI for AMD64, edition 1.0, 5.2).
+template <class Routine>
+std::uintptr_t target_of(Routine* routine) {
+  constexpr std::uint32_t endbr64 = 0xfa1e0ff3;
+  constexpr unsigned char bnd = 0xf2;
+  constexpr std::uint16_t jmp_through_slot = 0x25ff;
+  const auto address = reinterpret_cast<std::uintptr_t>(routine);
+  if (address == 0) return 0;
+  const auto* code = reinterpret_cast<const unsigned char*>(routine);
+  if (load<std::uint32_t>(code) == endbr64) code += sizeof endbr64;
+  if (*code == bnd) ++code;
+  if (load<std::uint16_t>(code) != jmp_through_slot) return address;
+  const auto distance = load<std::int32_t>(code + 2);
+  return load<std::uintptr_t>(code + 6 + distance);
+}
+
+}  // namespace
+
+heap_code::heap_code(std::uintptr_t libc)
+    : routines_{target_of(std::malloc), target_of(std::free), target_of(std::calloc),
+                target_of(std::realloc)} {
+  dl_find_object allocator;
+  auto* const own_malloc = reinterpret_cast<void*>(routines_[0]);  // NOLINT(*-int-to-ptr)
+  if (libc == 0 || _dl_find_object == nullptr) return;
+  if (_dl_find_object(own_malloc, &allocator) != 0) return;
+  if (*allocator.dlfo_link_map->l_name == '\0') return;  // the program
+  begin_ = reinterpret_cast<std::uintptr_t>(allocator.dlfo_map_start);
+  end_ = reinterpret_cast<std::uintptr_t>(allocator.dlfo_map_end);
+  // Sanitizers have most of the C library's routines in their place.
+  if (is_in_object(libc) || is_in_object(target_of(sigaction))) begin_ = end_ = 0;
+}
+
+bool heap_code::is_in_object(std::uintptr_t address) const {
+  return address >= begin_ && address < end_;
+}
+
+bool heap_code::holds(std::uint64_t pc) const {
+  const std::uint64_t inside = pc - 1;  // a call that never returns may end its routine
+  if (is_in_object(inside)) return true;
+  if (_Unwind_FindEnclosingFunction == nullptr) return false;
+  const auto routine = reinterpret_cast<std::uintptr_t>(
+      _Unwind_FindEnclosingFunction(reinterpret_cast<void*>(inside)));  // NOLINT(*-int-to-ptr)
+  for (const std::uintptr_t heap_routine : routines_)
+    if (routine != 0 && routine == heap_routine) return true;
+  return false;
+}
+
+}  // namespace zorvac::diag
