@@ -6,8 +6,11 @@
 #include <csetjmp>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <limits>
 
+#include "diag/texts.h"
 #include "support/child.h"
 #include "support/guard_pages.h"
 #include "support/registers.h"
@@ -94,9 +97,7 @@ TEST(Reports, StandOnStandardErrorBetweenEmptyLines) {
   use("(null)' is being used", nullptr);
   use("a%b' is being used", "a%%b");  // a name is formatted twice, so two signs are one
   use("point%next%s' is being used in 100%n", "point%next%s", "100%n");
-  // Of 200 characters, a sign that stands alone takes two.
-  const std::string name = "%" + std::string(197, 'n'), place(200, 'x');
-  use(name + "' is being used in " + place, (name + '%').c_str(), (place + 'x').c_str());
+  use("a?[2Jb' is being used in c?d", "a\033[2Jb", "c\nd");
 
   // A negative count counts as 0, offsets have 64 bits, and the word behind a variable is not read
   // when the one in front is wrong.
@@ -106,6 +107,131 @@ TEST(Reports, StandOnStandardErrorBetweenEmptyLines) {
     const zorvac_stack_variables variables{INT_MIN, nullptr, 1, &entry};
     __zorva_rtc_CheckStackVars(nullptr, nullptr, &variables, block.end() - (1L << 40));
   });
+}
+
+struct message {
+  int number;
+  std::string text;
+};
+const message in_english[] = {
+    {25, "Run-Time Check Failure: The variable '%s' is being used without being initialized"},
+    {53, "Boundary Run-Time Check Failure for variable '%s'"},
+    {60, "Run-Time Check Failure: The variable '%s' is being used in %s without being initialized"},
+};
+const message in_german[] = {
+    {25, "'%s' hat noch keinen Wert"},
+    {53, "Um die Variable '%s' herum wurde Speicher beschrieben, der ihr nicht mehr gehört"},
+    {60, "'%s' hat in %s noch keinen Wert"},
+};
+
+void make_report(int number, const char* name, const char* where) {
+  if (number == 25) __zorva_rtc_uninit_use(name);
+  if (number == 60) __zorva_rtc_uninit_use_src(name, where);
+  const unsigned char unguarded[16] = {};
+  const zorvac_short_variable entry{4, 4, name};
+  const zorvac_stack_variables variables{1, &entry, 0, nullptr};
+  __zorva_rtc_CheckStackVars(nullptr, nullptr, &variables, unguarded);
+}
+
+// A name, as a program has it and as a message shows it.
+struct shown_name {
+  std::string name, shown;
+};
+shown_name cut(std::size_t bytes, std::size_t shown_bytes) {
+  return {std::string(bytes, 'n'), std::string(shown_bytes, 'n')};
+}
+
+void expect_report(const message& m, const shown_name& name, const shown_name& where = {}) {
+  SCOPED_TRACE("message " + std::to_string(m.number) + ", a name of " +
+               std::to_string(name.name.size()) + " bytes in a place of " +
+               std::to_string(where.name.size()));
+  std::string expected = '\n' + m.text + "\n\n";
+  for (const std::string& shown : {name.shown, where.shown})
+    if (const auto at = expected.find("%s"); at != std::string::npos)
+      expected.replace(at, 2, shown);
+
+  const outcome seen =
+      run_in_child([&] { make_report(m.number, name.name.c_str(), where.name.c_str()); });
+  EXPECT_EQ(seen.signal, SIGABRT);
+  EXPECT_EQ(seen.standard_error.size(), expected.size());
+  EXPECT_EQ(seen.standard_error, expected);
+}
+
+void expect_names_to_fill(const message& m) {
+  const bool has_place = m.number == 60;
+  const std::size_t room = 511 - (m.text.size() - (has_place ? 4 : 2));
+  if (!has_place) {
+    expect_report(m, cut(room, room));
+    expect_report(m, cut(room + 1, room));
+    expect_report(m, cut(5000, room));
+    // A per-cent sign that stands alone takes two bytes.
+    const std::string rest(room - 2, 'n');
+    expect_report(m, {'%' + rest, '%' + rest});
+    expect_report(m, {'%' + rest + 'n', '%' + rest});
+    expect_report(m, {rest + "n%", rest + 'n'});
+    return;
+  }
+  // Each has half of the room, and what the other one leaves of its half.
+  const std::size_t half = room / 2, rest = room - half;
+  expect_report(m, cut(room - 9, room - 9), cut(9, 9));
+  expect_report(m, cut(room, room - 9), cut(9, 9));
+  expect_report(m, cut(9, 9), cut(room - 9, room - 9));
+  expect_report(m, cut(9, 9), cut(5000, room - 9));
+  expect_report(m, cut(half, half), cut(rest, rest));
+  expect_report(m, cut(half + 1, half), cut(rest + 1, rest));
+  expect_report(m, cut(5000, half), cut(5000, rest));
+}
+
+TEST(Reports, CutNamesToTheRoomThatTheMessageLeaves) {
+  for (const message& m : in_english) expect_names_to_fill(m);
+
+  std::string folder = testing::TempDir() + "zorvac-reports-XXXXXX";
+  ASSERT_NE(mkdtemp(folder.data()), nullptr);
+  const std::string source = folder + "/german.txt", catalogue = folder + "/german.cat";
+  std::ofstream texts(source);
+  texts << "$set 1\n";
+  for (const message& m : in_german) texts << m.number << ' ' << m.text << '\n';
+  texts.close();
+  ASSERT_EQ(run_program({"gencat", catalogue, source}), (outcome{"", "", 0, 0}));
+  setenv("NLSPATH", catalogue.c_str(), 1);  // for the children, which are the first to look
+  for (const message& m : in_german) expect_names_to_fill(m);
+  unsetenv("NLSPATH");
+  std::filesystem::remove_all(folder);
+}
+
+const struct {
+  const char* what;
+  std::string name, shown;
+} names[] = {
+    {"control bytes",
+     "a\x01"
+     "b\n\t\x1b[2J\x1f\x7f",
+     "a?b???[2J??"},
+    {"UTF-8 of two to four bytes", "größe_π_変数_😀", "größe_π_変数_😀"},
+    {"the first character above the controls", "\u00a0", "\u00a0"},
+    {"a control of two bytes", "\u009b31m", "\xc2?31m"},
+    {"a control of one byte",
+     "\x9b"
+     "31m",
+     "?31m"},
+    {"Latin-1",
+     "gr\xf6\xdf"
+     "e",
+     "gr\xf6\xdf"
+     "e"},
+    {"a control in too many bytes", "\xe0\x82\x9b|\xf0\x80\x82\x9b", "\xe0??|\xf0???"},
+    {"half of a surrogate pair", "\xed\xa0\x80", "\xed\xa0?"},
+    {"beyond the last character", "\xf4\x90\x80\x80", "\xf4???"},
+    {"a character cut short", "\xe2\x82|\xe2\x82", "\xe2?|\xe2?"},
+    {"bytes that begin no character", "\x80\xbf\xff\x90\x90\x90\x90", "?\xbf\xff????"},
+};
+
+TEST(Names, AreShownWithoutWhatTerminalsTakeForCommands) {
+  for (const auto& [what, name, shown] : names) {
+    std::string seen = name;
+    zorvac::diag::hide_commands(seen.data());
+    EXPECT_EQ(seen, shown) << what;
+  }
 }
 
 const char text_of_60[] = "Run-Time Check Failure: The variable '%s' is being used in %s wi";
