@@ -36,6 +36,9 @@ ROUTINE deeper(int calls, void (*last)(void)) {
   __asm__("" ::: "memory");  // something is left to do: the frame stays
 }
 
+static void show_own(void) { show(NULL); }
+static void show_deeper(void) { deeper(1, show_own); }
+
 static void on_fatal(int number, siginfo_t* info, void* context) {
   (void)number, (void)info;
   show(context);
@@ -230,6 +233,7 @@ static const struct {
   void (*play)(void);
 } scenes[] = {
     // clang-format off
+    {"show", show_deeper},
     {"storm", storm},
     {"every_step", every_step},
     {"malloc", die_in_malloc},

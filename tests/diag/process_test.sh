@@ -30,9 +30,18 @@ in_short() {
     END { tell() }'
 }
 
+# compare NAME EXPECTED SEEN
+compare() {
+  rows=$((rows + 1))
+  [ "$3" != "$2" ] || return 0
+  failures=$((failures + 1))
+  echo "$1:"
+  diff -u --label expected --label seen <(echo "$2") <(echo "$3") | tail -n +4 || true
+}
+
 # shows EXPECTED SCENE [threads] [no-pie] [allocator=LIBRARY]
 shows() {
-  local expected=$1 scene=$2 words=() kind=pie libraries=libgcc_s.so.1 seen
+  local expected=$1 scene=$2 words=() kind=pie libraries=libgcc_s.so.1
   for word in "${@:3}"; do
     case $word in
       allocator=*) libraries+=:${word#*=} ;;
@@ -40,13 +49,9 @@ shows() {
       *) words+=("$word") ;;
     esac
   done
-  rows=$((rows + 1))
-  seen=$({ LD_PRELOAD=$libraries timeout 20 $kind/process "$scene" "${words[@]}" 2>/dev/null ||
-    echo "exit status $?"; } | in_short)
-  [ "$seen" != "$expected" ] || return 0
-  failures=$((failures + 1))
-  echo "${*:2}:"
-  diff -u --label expected --label seen <(echo "$expected") <(echo "$seen") | tail -n +4 || true
+  compare "${*:2}" "$expected" "$(
+    { LD_PRELOAD=$libraries timeout 20 $kind/process "$scene" "${words[@]}" 2>/dev/null ||
+      echo "exit status $?"; } | in_short)"
 }
 
 # ---- Signals ----
@@ -67,6 +72,20 @@ done
 for library in libjemalloc.so.2 libmimalloc.so.2; do
   dies_in_heap wild_free allocator=$library
 done
+
+# ---- What a terminal gets ----
+# The program, a routine and a source file with names that would begin a line and command a terminal.
+program=$'pro\ess\n' routine='dee\x9ber' source='pro\x1b\x07ss.c'
+cp pie/process "$program"
+LC_ALL=C sed -i "s/deeper/$routine/g; s/process\.c/$source/g" "$program"
+compare "names that command a terminal" 'Image Routine Source
+pro?ss? show pro??ss.c
+pro?ss? show_own pro??ss.c
+pro?ss? dee?er pro??ss.c
+pro?ss? dee?er pro??ss.c
+pro?ss? show_dee?er pro??ss.c
+pro?ss? main pro??ss.c' "$(LD_PRELOAD=libgcc_s.so.1 "./$program" show |
+  LC_ALL=C awk '/^Image/ { print $1, $3, $5 } /^pro/ && $3 != "_start" { print $1, $3, $5 }')"
 
 echo "$rows scenes, $failures not as expected"
 [ $failures -eq 0 ]
