@@ -69,14 +69,19 @@ bool heap_code::is_in_object(std::uintptr_t address) const {
   return address >= begin_ && address < end_;
 }
 
+// Most addresses are far from the four routines: only for the others is the unwinder asked, which
+// takes its time.
 bool heap_code::holds(std::uint64_t pc) const {
+  constexpr std::uintptr_t longest_routine = 1 << 16;
   const std::uint64_t inside = pc - 1;  // a call that never returns may end its routine
   if (is_in_object(inside)) return true;
   if (_Unwind_FindEnclosingFunction == nullptr) return false;
-  const auto routine = reinterpret_cast<std::uintptr_t>(
-      _Unwind_FindEnclosingFunction(reinterpret_cast<void*>(inside)));  // NOLINT(*-int-to-ptr)
-  for (const std::uintptr_t heap_routine : routines_)
-    if (routine != 0 && routine == heap_routine) return true;
+  for (const std::uintptr_t routine : routines_) {
+    if (routine == 0 || inside - routine >= longest_routine) continue;
+    auto* const address = reinterpret_cast<void*>(inside);  // NOLINT(*-int-to-ptr)
+    if (reinterpret_cast<std::uintptr_t>(_Unwind_FindEnclosingFunction(address)) == routine)
+      return true;
+  }
   return false;
 }
 
