@@ -20,12 +20,14 @@
  *               meanwhile; no lock guards that. While a walk runs, all signal actions of the
  *               process are those of tbk_signal_handler(), so a signal that another thread takes
  *               meanwhile makes that thread jump into the walk
- *    signals    may be called from a signal handler, also on an alternate stack: a walk takes less
- *               than 3 KB of stack, and up to 3 more in programs that bind addresses lazily
+ *    signals    may be called from a signal handler, also on an alternate stack: a walk takes 3 to 6
+ *               KB of stack, by the unwinder and how it is bound (docs/traceback.md)
  *    memory     nothing is allocated for up to 24 frames; each further 24 take one block of malloc
- *               (592 bytes), freed before the routine returns. Where malloc gives null the frames
+ *               (592 bytes), freed before the routine returns. Where malloc gives null, or one of
+ *               the frames is inside malloc, free, calloc or realloc, the walk ends: the frames
  *               recorded so far are reported. What is read from files goes through static buffers
- *    locks      dladdr and the unwinder may wait for the dynamic loader's lock
+ *    locks      dladdr and the unwinder may wait for the dynamic loader's lock; beyond 24 frames
+ *               malloc and free may wait for the heap's
  *    errno      unchanged
  *    registers  System V AMD64
  */
@@ -49,7 +51,8 @@ typedef struct tbk_frame {
 /** Status of a walk. */
 enum {
   TBK_SUCCESS = 0,
-  TBK_FAULT = 1,      /**< a signal arrived during the walk or its report, which ended there */
+  TBK_FAULT = 1,      /**< a signal arrived during the walk or its report, which ended there; or
+                           there was no memory for the outermost frames */
   TBK_BUFFER_FULL = 7 /**< the callback returned TBK_STOP_FULL */
 };
 
@@ -80,7 +83,8 @@ typedef int32_t (*tbk_frame_callback)(const tbk_frame* frame, void* user, int32_
  *                  TBK_SUCCESS and no frames; tbk_geterrorstring() tells.
  *
  *  While it runs, all signals (0 to 64) lead to tbk_signal_handler(), and the signals that
- *  instructions raise are not blocked; actions and mask are restored on every way out. */
+ *  faults raise are not blocked; actions and mask are restored on every way out. A signal that
+ *  comes before the walk has begun, or amid its malloc or free, is taken right afterwards. */
 uint32_t tbk_trace_stack(const void* signal_context, void* user, tbk_frame_callback callback,
                          uint32_t skip);
 
@@ -99,9 +103,12 @@ uint32_t tbk_trace_stack(const void* signal_context, void* user, tbk_frame_callb
  *
  *  The last 57 bytes are kept for a closing message. Where the text does not end before them (with
  *  a zero byte of its own) it is cut there, and "\nStack trace buffer overflow; further frames not
- *  shown.\n" follows. After a fault what has been written so far stands, and "\nStack trace
- *  terminated abnormally.\n" follows. In a buffer of fewer than 57 bytes it is cut as well, and the
- *  size of the buffer is returned. */
+ *  shown.\n" follows. After a fault, and where frames are missing, what has been written so far
+ *  stands, and "\nStack trace terminated abnormally.\n" follows. In a buffer of fewer than 57 bytes
+ *  it is cut as well, and the size of the buffer is returned.
+ *
+ *  Bytes of names that a terminal takes for commands are shown as one question mark each: 0 to 31,
+ *  127, and 128 to 159 outside of a UTF-8 character. */
 size_t tbk_string_stack_signal(const void* signal_context, char* buffer, size_t bytes,
                                uint32_t table, uint32_t skip);
 
@@ -150,7 +157,9 @@ extern jmp_buf tbk__jmp_env;
 
 /** Run-time checks. Compiled code calls them; every one that fails prints its message between two
  *  empty lines on standard error and ends the process with abort(): no exit handler runs. Names and
- *  places are cut to what a message holds, 400 bytes (200 each where there are two).
+ *  places are cut to what the rest of the message, in the language in use, leaves of 511 bytes;
+ *  where there are two, each has half of that and what the other leaves. A per-cent sign that stands
+ *  alone counts twice, and control characters are shown as question marks.
  *
  *    threads    re-entrant, but reports share a buffer
  *    memory     nothing is allocated unless a check fails

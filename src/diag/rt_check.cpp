@@ -5,7 +5,6 @@
 // registers only; its entry, in rt_check.S, saves those.
 #include <zorvac/diag.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <type_traits>
 
@@ -29,11 +28,11 @@ void print(int number, const char* name) {
 
 // Each text has half of the room, and what the other one leaves of its half.
 void print(int number, const char* name, const char* where) {
-  const std::size_t room = room_in_message(number);
+  const std::size_t room = room_in_message(number), half = room / 2, rest = room - half;
   const std::size_t name_bytes = substitution(name, room).size();
   const std::size_t where_bytes = substitution(where, room).size();
-  const substitution name_shown(name, std::max(room / 2, room - where_bytes));
-  const substitution where_shown(where, std::max(room - room / 2, room - name_bytes));
+  const substitution name_shown(name, where_bytes < rest ? room - where_bytes : half);
+  const substitution where_shown(where, name_bytes < half ? room - name_bytes : rest);
   __libvrt_print(to_standard_error, number, 2, name_shown.c_str(), where_shown.c_str());
 }
 

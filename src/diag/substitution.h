@@ -7,7 +7,6 @@
 // ("point%next"), and the names of others run to thousands of characters; a report must survive
 // both. So a per-cent sign that stands alone is doubled here, and what is beyond the room is left
 // out. Two of them are a format's way to write one, and stay what they are.
-#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
@@ -25,11 +24,12 @@ inline std::size_t room_in_message(int number) {
 
 class substitution {
  public:
-  // As much of `text` as fits in `room` bytes, and at most `limit` characters.
+  // As much of `text` as fits in `room` bytes, and at most `limit` characters; both are at most the
+  // longest message.
   explicit substitution(const char* text, std::size_t room = longest_message,
                         std::size_t limit = longest_message) {
     char name[longest_message + 1];
-    put_text(text == nullptr ? "(null)" : text, name, std::min(limit, longest_message) + 1);
+    put_text(text == nullptr ? "(null)" : text, name, limit + 1);
     hide_commands(name);
     for (const char* at = name; *at != '\0'; ++at) {
       const bool per_cent = *at == '%';

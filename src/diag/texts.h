@@ -25,13 +25,14 @@ inline void put_text(const char* text, char* to, std::size_t bytes) {
 // encodings have, a byte from 160 on, stands: nothing takes that for a command.
 inline std::size_t bytes_to_show(const char* text) {
   constexpr std::uint32_t least[] = {0, 0, 0xa0, 0x800, 0x10000};  // by the length
-  const auto first = static_cast<unsigned char>(*text);
+  const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned first = byte(0);
   if (first < 0x80) return first >= 0x20 && first != 0x7f ? 1 : 0;
   const std::size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
   std::uint32_t character = first & (0x7fu >> length);
   std::size_t read = 1;
-  for (; read < length && (text[read] & 0xc0) == 0x80; ++read)
-    character = character << 6 | (text[read] & 0x3fu);
+  for (; read < length && (byte(read) & 0xc0) == 0x80; ++read)
+    character = character << 6 | (byte(read) & 0x3fu);
   const bool is_surrogate = character >> 11 == 0x1b;
   const bool is_character = first >= 0xc0 && first < 0xf8 && read == length &&
                             character >= least[length] && character <= 0x10ffff && !is_surrogate;

@@ -117,10 +117,10 @@ std::string expected_events(const scenario& s, std::size_t all) {
   for (std::size_t n = 1; n < std::min(all, kept + 1); ++n) expected += n % 24 == 0 ? "im" : "i";
   expected.append(s.answer == TBK_CONTINUE ? kept : 30, 'c');
   const std::string freed(given, 'f');
-  const std::string undisturbed = expected + freed;
+  std::string undisturbed = expected + freed;
   if (s.fault >= undisturbed.size()) return undisturbed;
 
-  const std::string until_signal = undisturbed.substr(0, s.fault + 1);
+  std::string until_signal = undisturbed.substr(0, s.fault + 1);
   const bool in_heap = until_signal.back() == 'm' || until_signal.back() == 'f';
   if (in_heap && is_fault(s.fault)) return until_signal;
   return until_signal.back() == 'f' ? undisturbed : until_signal + freed;
