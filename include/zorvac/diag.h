@@ -20,8 +20,8 @@
  *               meanwhile; no lock guards that. While a walk runs, all signal actions of the
  *               process are those of tbk_signal_handler(), so a signal that another thread takes
  *               meanwhile makes that thread jump into the walk
- *    signals    may be called from a signal handler, also on an alternate stack: a walk takes 3 to 6
- *               KB of stack, by the unwinder and how it is bound (docs/traceback.md)
+ *    signals    may be called from a signal handler, also on an alternate stack: a walk takes 3 to
+ *               6 KB of stack, by the unwinder and how it is bound (docs/traceback.md)
  *    memory     nothing is allocated for up to 24 frames; each further 24 take one block of malloc
  *               (592 bytes), freed before the routine returns. Where malloc gives null, or one of
  *               the frames is inside malloc, free, calloc or realloc, the walk ends: the frames
@@ -158,8 +158,8 @@ extern jmp_buf tbk__jmp_env;
 /** Run-time checks. Compiled code calls them; every one that fails prints its message between two
  *  empty lines on standard error and ends the process with abort(): no exit handler runs. Names and
  *  places are cut to what the rest of the message, in the language in use, leaves of 511 bytes;
- *  where there are two, each has half of that and what the other leaves. A per-cent sign that stands
- *  alone counts twice, and control characters are shown as question marks.
+ *  where there are two, each has half of that and what the other leaves. A per-cent sign that
+ *  stands alone counts twice, and control characters are shown as question marks.
  *
  *    threads    re-entrant, but reports share a buffer
  *    memory     nothing is allocated unless a check fails
