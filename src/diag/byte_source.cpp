@@ -6,14 +6,17 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
 namespace zorvac::diag {
 
-bool byte_source::open_file(const char* path) {
+bool byte_source::open(const char* path, std::size_t bytes, std::size_t bytes_before) {
   close();
+  fill_bytes_ = bytes;
+  fill_before_ = bytes_before;
   do {
     file_ = ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);  // no waiting for a pipe
   } while (file_ < 0 && errno == EINTR);
@@ -38,19 +41,16 @@ bool byte_source::fill(std::uint64_t offset) {
   block_ = {};
   if (offset > INT64_MAX || fills_left_ == 0) return false;
   --fills_left_;
+  const std::uint64_t begin = offset - std::min<std::uint64_t>(offset, fill_before_);
   ssize_t count = 0;
   do {
-    count = ::pread(file_, bytes_, sizeof bytes_, static_cast<off_t>(offset));
+    count = ::pread(file_, bytes_, fill_bytes_, static_cast<off_t>(begin));
   } while (count < 0 && errno == EINTR);
-  if (count <= 0) return false;
-  block_offset_ = offset;
+  fill_bytes_ = std::min(2 * fill_bytes_, sizeof bytes_);
+  if (count <= static_cast<ssize_t>(offset - begin)) return false;
+  block_offset_ = begin;
   block_ = {bytes_, static_cast<std::size_t>(count)};
   return true;
-}
-
-std::span<const unsigned char> byte_source::at(std::uint64_t offset) {
-  if (offset - block_offset_ >= block_.size() && !fill(offset)) return {};
-  return block_.subspan(offset - block_offset_);
 }
 
 bool byte_source::read(std::uint64_t offset, void* to, std::size_t count) {
@@ -58,7 +58,7 @@ bool byte_source::read(std::uint64_t offset, void* to, std::size_t count) {
   while (count > 0) {
     const std::span<const unsigned char> bytes = at(offset);
     if (bytes.empty()) return false;
-    const std::size_t part = bytes.size() < count ? bytes.size() : count;
+    const std::size_t part = std::min(bytes.size(), count);
     std::memcpy(out, bytes.data(), part);
     out += part;
     count -= part;

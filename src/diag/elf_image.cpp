@@ -1,7 +1,8 @@
-// The section headers are gone through by name. Nothing is kept of the file but the range that is
-// found, and whether that lies inside of the file shows when it is read.
+// Headers are read where the file says they are, and nothing of them is kept. Whether what they tell
+// of lies inside of the file shows when it is read.
 #include "diag/elf_image.h"
 
+#include <algorithm>
 #include <cstring>
 #include <span>
 
@@ -41,6 +42,32 @@ bool read_elf_header(byte_source& file, Elf64_Ehdr& header) {
          header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_machine == EM_X86_64;
 }
 
+bool loaded_segments::next(Elf64_Phdr& segment) {
+  if (header_.e_phentsize != sizeof segment) return false;
+  while (index_ < header_.e_phnum) {
+    std::uint64_t offset = 0;
+    if (__builtin_add_overflow(header_.e_phoff, index_++ * sizeof segment, &offset)) return false;
+    if (!file_.read(offset, &segment, sizeof segment)) return false;
+    if (segment.p_type == PT_LOAD) return true;
+  }
+  return false;
+}
+
+bool find_bias(byte_source& file, const Elf64_Ehdr& header, std::uint64_t offset,
+               std::uint64_t address, std::uint64_t& bias) {
+  bool found = false;
+  loaded_segments segments(file, header);
+  for (Elf64_Phdr segment; segments.next(segment);) {
+    const std::uint64_t distance = offset - segment.p_offset;  // wraps in front of the segment
+    const bool is_code = (segment.p_flags & PF_X) != 0;
+    if (distance >= segment.p_filesz || (found && !is_code)) continue;
+    bias = address - (segment.p_vaddr + distance);
+    found = true;
+    if (is_code) break;
+  }
+  return found;
+}
+
 // Images have fewer than 65,280 sections, so the numbers stand in the header itself. The table may
 // lie anywhere; where it is not, reading fails. It is read by the handful, as looking at a name
 // takes the reader to another place in the file.
@@ -48,13 +75,15 @@ file_range find_trace_section(byte_source& file, const Elf64_Ehdr& header) {
   constexpr std::uint32_t handful = 32;
   static constinit Elf64_Shdr buffer[handful] = {};  // a signal stack has no room for it
   if (header.e_shoff == 0 || header.e_shentsize != sizeof(Elf64_Shdr)) return {};
-  std::span<Elf64_Shdr> sections(buffer, 1);
-  if (!read_section_headers(file, header, header.e_shstrndx, sections)) return {};
-  const file_range names = bytes_of(buffer[0]);
+  Elf64_Shdr names_section;
+  file_range names;
   for (std::uint32_t first = 0; first < header.e_shnum; first += handful) {
-    const std::uint32_t left = header.e_shnum - first;
-    sections = {buffer, left < handful ? left : handful};
+    const std::span<Elf64_Shdr> sections(buffer, std::min(header.e_shnum - first, handful));
     if (!read_section_headers(file, header, first, sections)) return {};
+    if (first == 0) {  // behind the table's beginning, as one block then has both
+      if (!read_section_headers(file, header, header.e_shstrndx, {&names_section, 1})) return {};
+      names = bytes_of(names_section);
+    }
     for (const Elf64_Shdr& section : sections)
       if (is_trace(file, names, section.sh_name)) return bytes_of(section);
   }

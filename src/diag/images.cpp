@@ -1,9 +1,17 @@
-// The executable is read through /proc/PID/exe and placed by the auxiliary vector; every other
-// image by the process map. An image is found by its name and an address of it, as two may share a
-// name.
+// An image is found by address. The executable's addresses are those of its segments: its file is
+// /proc/PID/exe, and the auxiliary vector says where its entry is. Any other image's are those of a
+// line of the process map, which says what part of which file is there; the file's segments say what
+// addresses that part was linked for.
+//
+// Where the line that holds an address is of no image (a program that moves its code to large pages
+// has copied it), the first line with the image's name says where it is.
 #include "diag/images.h"
 
+#include <sys/auxv.h>
+
+#include <cerrno>
 #include <cstring>
+#include <span>
 
 #include "diag/process_files.h"
 #include "diag/texts.h"
@@ -11,94 +19,231 @@
 namespace zorvac::diag {
 namespace {
 
+constexpr std::size_t most_images = 32, most_segments = 16, most_foreseen = 256;
+
 // As one traceback runs at a time, all this is static: a signal stack has no room for it. Frames of
-// more images than fit take turns.
+// more images than fit take turns. Addresses that do not fit are looked for one by one.
 struct lookup_state {
-  image images[8];
-  unsigned used = 0, next = 0;  // how many are in use, and which is replaced first when all are
   bool held = false;
+
   bool executable_known = false;
-  char executable[4096] = {};
+  image executable;
+  std::size_t segments_used = 0;
+  Elf64_Phdr segments[most_segments] = {};  // the executable's
+
+  std::size_t images_used = 0;
+  std::size_t replaced_next = 0;  // when all are in use
+  image images[most_images];
+
+  std::size_t foreseen_used = 0;
+  std::uint64_t foreseen[most_foreseen + 1] = {};  // each once, in ascending order
+
   byte_source process_file;  // a map or a vector that is being read
 };
 constinit lookup_state state;
 
-// Images found by a name that is too long are found by its beginning.
-bool is_known_by(const image& known, const char* name, std::uint64_t pc) {
-  return pc >= known.begin && pc < known.end &&
-         std::strncmp(known.name, name, sizeof known.name - 1) == 0;
+// False where there is nothing to forget.
+bool forget_images() {
+  const bool any = state.executable_known || state.images_used != 0;
+  for (std::size_t i = 0; i < state.images_used; ++i) state.images[i].reset();
+  state.executable.reset();
+  state.executable_known = false;
+  state.segments_used = state.images_used = state.replaced_next = 0;
+  return any;
 }
 
-image& next_place() {
-  constexpr unsigned places = sizeof state.images / sizeof state.images[0];
-  if (state.used < places) return state.images[state.used++];
-  image& oldest = state.images[state.next];
-  state.next = (state.next + 1) % places;
-  return oldest;
-}
+// In a process that is out of descriptors, those of the images found so far serve again.
+bool made_room() { return errno == EMFILE && forget_images(); }
 
-bool is_executable(const char* name) {
-  const char* path = executable_path();
-  if (*path == '\0') return false;
-  return std::strcmp(name, path) == 0 || std::strcmp(name, file_name_of(path)) == 0;
-}
-
-// The bias of an executable that could be loaded anywhere: where the system says its entry is.
-std::uint64_t executable_bias(std::uint64_t entry) {
+// Where the system says the executable begins to run. The file comes first: a program that writes
+// past the end of its stack destroys the vector that the C library looks into. A process that
+// changed its user may not read the file.
+std::uint64_t entry_address() {
   std::uint64_t address = 0;
-  const bool known = state.process_file.open_file(path_of_process_file("/auxv").c_str()) &&
+  const bool known = state.process_file.open_kernel_file(path_of_process_file("/auxv").c_str()) &&
                      find_auxiliary_value(state.process_file, AT_ENTRY, address);
   state.process_file.close();
-  return known ? address - entry : 0;
+  return known ? address : getauxval(AT_ENTRY);
 }
 
-// Opens an image's file and finds out where in the process it is. A shared object's addresses count
-// from its load address.
-void open_image(image& found, const char* name, std::uint64_t pc) {
-  static constinit mapping map;
-  const bool executable = is_executable(name);
-  if (executable) {
-    found.end = UINT64_MAX;
-    if (!found.file.open_file(path_of_process_file("/exe").c_str())) return;
-  } else {
-    const bool mapped = state.process_file.open_file(path_of_process_file("/maps").c_str()) &&
-                        find_mapping(state.process_file, name, pc, map);
-    state.process_file.close();
-    found.begin = mapped ? map.begin : 0;
-    found.end = mapped ? map.end : UINT64_MAX;
-    if (!mapped || !found.file.open_file(map.path)) return;
-  }
+void open_executable() {
+  image& it = state.executable;
+  const process_path path = path_of_process_file("/exe");
+  const bool open =
+      it.file.open_file(path.c_str()) || (made_room() && it.file.open_file(path.c_str()));
+  state.executable_known = true;
   Elf64_Ehdr header;
-  if (!read_elf_header(found.file, header)) return;
-  found.trace = find_trace_section(found.file, header);
-  if (header.e_type == ET_DYN)
-    found.bias = executable ? executable_bias(header.e_entry) : map.load_address;
+  if (!open || !read_elf_header(it.file, header)) return;
+  if (header.e_type == ET_DYN) it.bias = entry_address() - header.e_entry;
+  loaded_segments segments(it.file, header);
+  while (state.segments_used < most_segments && segments.next(state.segments[state.segments_used]))
+    ++state.segments_used;
+  it.trace = find_trace_section(it.file, header);
+  static char name[4096];
+  read_executable_path(name, sizeof name);
+  put_text(file_name_of(name), it.module, sizeof it.module);
+}
+
+// The executable, if it holds the address.
+image* executable_at(std::uint64_t pc) {
+  if (!state.executable_known) open_executable();
+  const std::uint64_t address = pc - state.executable.bias;
+  for (std::size_t i = 0; i < state.segments_used; ++i)
+    if (address - state.segments[i].p_vaddr < state.segments[i].p_memsz) return &state.executable;
+  return nullptr;
+}
+
+// A place is in use once it is kept; what was in it is gone before.
+image& next_place() {
+  image& place =
+      state.images[state.images_used < most_images ? state.images_used : state.replaced_next];
+  place.reset();
+  return place;
+}
+void keep_place() {
+  if (state.images_used < most_images)
+    ++state.images_used;
+  else
+    state.replaced_next = (state.replaced_next + 1) % most_images;
+}
+
+// Adds the image of a file whose byte at `offset` is at `address`; null where that is no image.
+image* add_image(const char* path, std::uint64_t offset, std::uint64_t address) {
+  image& added = next_place();
+  if (!added.file.open_file(path)) return made_room() ? add_image(path, offset, address) : nullptr;
+  Elf64_Ehdr header;
+  if (!read_elf_header(added.file, header) ||
+      !find_bias(added.file, header, offset, address, added.bias)) {
+    added.reset();
+    return nullptr;
+  }
+  added.trace = find_trace_section(added.file, header);
+  if (added.trace.empty()) added.file.close();
+  keep_place();
+  return &added;
+}
+
+void insert_foreseen(std::uint64_t pc) {
+  std::size_t place = state.foreseen_used;
+  while (place > 0 && state.foreseen[place - 1] > pc) --place;
+  if (place > 0 && state.foreseen[place - 1] == pc) return;
+  for (std::size_t i = state.foreseen_used++; i > place; --i)
+    state.foreseen[i] = state.foreseen[i - 1];
+  state.foreseen[place] = pc;
+}
+
+// The addresses foreseen that are not the executable's; nothing is foreseen any more.
+std::span<const std::uint64_t> take_foreseen() {
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < state.foreseen_used; ++i)
+    if (executable_at(state.foreseen[i]) == nullptr) state.foreseen[kept++] = state.foreseen[i];
+  state.foreseen_used = 0;
+  return {state.foreseen, kept};
+}
+
+// What is looked for in the map beside the addresses foreseen.
+struct request {
+  std::uint64_t pc;
+  const char* name;  // of the image that the address is in; null: it is not looked for by name
+};
+
+// What the map says of it.
+struct reply {
+  std::uint64_t begin = 0, end = 0;       // of the line that holds the address, whatever it is of
+  std::uint64_t address = 0, offset = 0;  // of the first line with the name
+  char path[4096] = {};                   // on that line; "" where there is none
+};
+
+// Adds the image of a line, given an address on it.
+bool add_line(const map_line& line, std::uint64_t address) {
+  image* const added = add_image(line.path, line.offset + (address - line.begin), address);
+  if (added == nullptr) return false;
+  added->begin = line.begin;
+  added->end = line.end;
+  return true;
+}
+
+// Adds the images of all addresses foreseen, in one reading of the map, which ends behind the last
+// of them. Its lines are in the order of their addresses.
+void read_map(request asked, reply& told) {
+  const std::span<const std::uint64_t> addresses = take_foreseen();
+  const process_path path = path_of_process_file("/maps");
+  if (!state.process_file.open_kernel_file(path.c_str()) && made_room())
+    state.process_file.open_kernel_file(path.c_str());
+  auto next = addresses.begin();
+  map_reader map(state.process_file);
+  for (map_line line; map.next(line);) {
+    while (next != addresses.end() && *next < line.begin) ++next;
+    const bool name_is_open = asked.name != nullptr && told.path[0] == '\0';
+    if (next == addresses.end() && !name_is_open) break;
+    const bool holds_pc = line.holds(asked.pc);
+    if (holds_pc) {
+      told.begin = line.begin;
+      told.end = line.end;
+    }
+    if (*line.path == '\0') continue;
+    const bool may_add = state.images_used < most_images || holds_pc;
+    if (next != addresses.end() && line.holds(*next) && may_add && add_line(line, *next)) {
+      if (holds_pc) asked.name = nullptr;
+    } else if (name_is_open && std::strstr(line.path, asked.name) != nullptr) {
+      told.address = line.begin;
+      told.offset = line.offset;
+      put_text(line.path, told.path, sizeof told.path);
+    }
+  }
+  state.process_file.close();
+}
+
+image* known_image(std::uint64_t pc, const char* name) {
+  if (image* const executable = executable_at(pc)) return executable;
+  for (std::size_t i = 0; i < state.images_used; ++i) {
+    image& known = state.images[i];
+    if (pc < known.begin || pc >= known.end) continue;
+    if (known.wanted[0] == '\0') return &known;
+    if (name != nullptr && std::strncmp(known.wanted, name, sizeof known.wanted - 1) == 0)
+      return &known;
+  }
+  return nullptr;
 }
 
 }  // namespace
 
 const char* file_name_of(const char* path) {
-  const char* stroke = std::strrchr(path, '/');
-  return stroke == nullptr ? path : stroke + 1;
+  const char* const slash = std::strrchr(path, '/');
+  return slash == nullptr ? path : slash + 1;
 }
 
-const char* executable_path() {
-  if (!state.executable_known) read_executable_path(state.executable, sizeof state.executable);
-  state.executable_known = true;
-  return state.executable;
+void foresee(std::uint64_t pc) {
+  if (state.foreseen_used < most_foreseen) insert_foreseen(pc);
+}
+
+image* image_at(std::uint64_t pc) {
+  image* const known = known_image(pc, nullptr);
+  if (known != nullptr || state.foreseen_used == 0) return known;
+  static reply told;
+  read_map({pc, nullptr}, told);
+  return known_image(pc, nullptr);
 }
 
 image& find_image(const char* name, std::uint64_t pc) {
-  for (unsigned i = 0; i < state.used; ++i)
-    if (is_known_by(state.images[i], name, pc)) return state.images[i];
-  image& found = next_place();
-  found.file.close();
-  found.begin = found.end = found.bias = 0;
-  found.trace = {};
-  found.found = {};
-  put_text(name, found.name, sizeof found.name);
-  open_image(found, name, pc);
-  return found;
+  if (image* const known = known_image(pc, name)) return *known;
+  static reply told;
+  told = {};
+  insert_foreseen(pc);
+  read_map({pc, name}, told);
+  if (image* const found = known_image(pc, name)) return *found;
+
+  image* added = nullptr;
+  if (told.path[0] != '\0') added = add_image(told.path, told.offset, told.address);
+  if (added == nullptr) {
+    added = &next_place();
+    keep_place();
+  }
+  const bool mapped = told.end != 0;
+  added->begin = mapped ? told.begin : pc;
+  added->end = mapped ? told.end : pc + 1;
+  put_text(name, added->wanted, sizeof added->wanted);
+  return *added;
 }
 
 void hold_images() {
@@ -107,10 +252,9 @@ void hold_images() {
 }
 
 void release_images() {
-  for (image& used : state.images) used.file.close();
   state.process_file.close();
-  state.used = state.next = 0;
-  state.executable_known = false;
+  forget_images();
+  state.foreseen_used = 0;
   state.held = false;
 }
 

@@ -11,12 +11,21 @@
 namespace zorvac::diag {
 
 struct image {
-  char name[256] = {};
-  std::uint64_t begin = 0, end = 0;  // the addresses for which it was found by this name
+  std::uint64_t begin = 0, end = 0;  // the addresses that this is about; of the executable, none
   std::uint64_t bias = 0;            // address in the process - address in the file
   file_range trace;                  // empty: no such section, or no file
-  found_routines found;              // in that section
-  byte_source file;
+  found_places found;                // in that section
+  byte_source file;                  // open where there is a section
+  char module[256] = {};             // what tbk_getModuleName() says; "" where it was not asked yet
+  char wanted[256] = {};             // the name that this was found by; "" if by its addresses
+
+  void reset() {
+    file.close();
+    begin = end = bias = 0;
+    trace = {};
+    found = {};
+    module[0] = wanted[0] = '\0';
+  }
 };
 
 // Keeps what is looked up until release_images(), which closes all files. Not nested: a traceback
@@ -24,11 +33,15 @@ struct image {
 void hold_images();
 void release_images();
 
-// The image that `name` means for an address in the process. What cannot be found has no section.
-image& find_image(const char* name, std::uint64_t pc);
+// Tells of an address that will be looked up before release_images(): those that are known in
+// advance are found in one reading of the process map.
+void foresee(std::uint64_t pc);
 
-// The path of the executable; "" where it cannot be had.
-const char* executable_path();
+// The image that is mapped at an address; null where there is none.
+image* image_at(std::uint64_t pc);
+
+// The same, or else the image that `name` means. What cannot be found has no section.
+image& find_image(const char* name, std::uint64_t pc);
 
 // Releases what a lookup outside of a traceback has found.
 class image_lease {
@@ -42,7 +55,7 @@ class image_lease {
   bool release_;
 };
 
-// The part of a path behind its last stroke.
+// The part of a path behind its last slash.
 const char* file_name_of(const char* path);
 
 }  // namespace zorvac::diag

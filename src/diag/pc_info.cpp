@@ -1,6 +1,5 @@
 // Which image an address is in, and which routine, file and line.
 #include <dlfcn.h>
-#include <sys/auxv.h>
 #include <zorvac/diag.h>
 
 #include <cstring>
@@ -15,26 +14,14 @@
 namespace zorvac::diag {
 namespace {
 
-bool find_object(std::uint64_t pc, Dl_info& object) {
-  if (dladdr == nullptr) return false;
-  return dladdr(reinterpret_cast<void*>(pc), &object) != 0 &&  // NOLINT(performance-no-int-to-ptr)
-         object.dli_fname != nullptr;
-}
-
-// The loader knows the executable by what the program was called by, which may be any text. It is
-// told by that text, where it is the path or the file name of the executable, or else by its base.
-bool is_executable(const Dl_info& object, const char* path) {
-  if (std::strcmp(file_name_of(object.dli_fname), file_name_of(path)) == 0) return true;
-  Dl_info executable;
-  return getauxval(AT_BASE) != 0 && find_object(getauxval(AT_PHDR), executable) &&
-         executable.dli_fbase == object.dli_fbase;
-}
-
-const char* name_of(const Dl_info& object) {
-  const char* path = executable_path();
-  if (*path == '\0' || !is_executable(object, path)) path = object.dli_fname;
-  const char* name = file_name_of(path);
-  return *name == '\0' ? tbk__default_unknown : name;
+// What the loader calls the object that holds an address.
+const char* name_from_loader(std::uint64_t pc) {
+  Dl_info object;
+  if (dladdr == nullptr) return tbk__default_unknown;
+  const bool known =
+      dladdr(reinterpret_cast<void*>(pc), &object) != 0 &&  // NOLINT(performance-no-int-to-ptr)
+      object.dli_fname != nullptr && *file_name_of(object.dli_fname) != '\0';
+  return known ? file_name_of(object.dli_fname) : tbk__default_unknown;
 }
 
 }  // namespace
@@ -47,8 +34,15 @@ extern "C" {
 void tbk_getModuleName(uint64_t pc, char* buffer, size_t bytes) {
   const errno_guard unchanged;
   const image_lease lease;
-  Dl_info object;
-  put_text(find_object(pc, object) ? name_of(object) : tbk__default_unknown, buffer, bytes);
+  image* const holder = image_at(pc);
+  if (holder == nullptr) {
+    put_text(name_from_loader(pc), buffer, bytes);
+    return;
+  }
+  // The loader goes through all symbols of the object, so it is asked once.
+  if (holder->module[0] == '\0')
+    put_text(name_from_loader(pc), holder->module, sizeof holder->module);
+  put_text(holder->module, buffer, bytes);
 }
 
 void tbk_get_pc_info_pie(const char* image_name, uint64_t pc, uint64_t* load_bias,

@@ -1,12 +1,11 @@
-// The kernel's texts are read like any other file, byte by byte and bounded: a mapped file's name
-// may hold anything.
+// The kernel's texts are read like any other file, bounded: a mapped file's name may hold anything.
 #include "diag/process_files.h"
 
 #include <elf.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include "diag/texts.h"
 
@@ -15,63 +14,34 @@ namespace {
 
 constexpr std::size_t longest_line = 8192;
 
-// The lines of a file, without their ends. Of one that is too long, the first part.
-class line_reader {
- public:
-  explicit line_reader(byte_source& file) : file_{file} {}
-
-  // Valid until the next call; null at the end.
-  char* next() {
-    static char line[longest_line + 1];  // a signal stack has no room for it
-    std::size_t length = 0;
-    for (bool whole = false; !whole;) {
-      const auto bytes = file_.at(offset_);
-      if (bytes.empty()) break;
-      const void* end = std::memchr(bytes.data(), '\n', bytes.size());
-      whole = end != nullptr;
-      const std::size_t part =
-          whole ? static_cast<std::size_t>(static_cast<const unsigned char*>(end) - bytes.data())
-                : bytes.size();
-      const std::size_t room = longest_line - length;
-      const std::size_t kept = part < room ? part : room;
-      std::memcpy(line + length, bytes.data(), kept);
-      length += kept;
-      offset_ += part + (whole ? 1 : 0);
-      any_ = true;
-    }
-    line[length] = '\0';
-    return std::exchange(any_, false) ? line : nullptr;
-  }
-
- private:
-  byte_source& file_;
-  std::uint64_t offset_ = 0;
-  bool any_ = false;
-};
-
-int hex_digit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
+// The value of a digit; 16 or more for any other character.
+unsigned hex_digit(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  const unsigned decimal_digit = byte - unsigned{'0'}, letter = byte - unsigned{'a'};
+  return decimal_digit < 10 ? decimal_digit : letter < 6 ? letter + 10 : 16;
 }
 
 // Reads a number and moves behind it; false where there is none or it exceeds 64 bits.
 bool read_hex(const char*& text, std::uint64_t& value) {
   const char* const begin = text;
   value = 0;
-  for (; hex_digit(*text) >= 0; ++text) {
+  for (unsigned digit = 0; (digit = hex_digit(*text)) < 16; ++text) {
     if (value >> 60 != 0) return false;
-    value = value << 4 | static_cast<std::uint64_t>(hex_digit(*text));
+    value = value << 4 | digit;
   }
   return text != begin;
 }
 
-// "begin-end access offset device inode  path": the path begins with the line's first stroke, and
+// "begin-end access offset device inode  path": the path begins with the line's first slash, and
 // may have blanks in it.
-bool parse_line(const char* line, std::uint64_t& begin, std::uint64_t& end, const char*& path) {
-  if (!read_hex(line, begin) || *line++ != '-' || !read_hex(line, end)) return false;
-  path = std::strchr(line, '/');
-  return path != nullptr;
+bool parse_line(const char* text, map_line& line) {
+  if (!read_hex(text, line.begin) || *text++ != '-' || !read_hex(text, line.end)) return false;
+  if (*text++ != ' ') return false;
+  while (*text != ' ' && *text != '\0') ++text;
+  if (*text++ != ' ' || !read_hex(text, line.offset)) return false;
+  const char* const path = std::strchr(text, '/');
+  line.path = path == nullptr ? "" : path;
+  return true;
 }
 
 }  // namespace
@@ -105,28 +75,32 @@ bool find_auxiliary_value(byte_source& file, std::uint64_t type, std::uint64_t& 
   return false;
 }
 
-bool find_mapping(byte_source& file, const char* image, std::uint64_t address, mapping& found) {
-  static constinit mapping candidate;  // the file that the last line with the name was about
-  bool any = false;
-  line_reader lines(file);
-  while (const char* line = lines.next()) {
-    std::uint64_t begin = 0, end = 0;
-    const char* path = nullptr;
-    if (!parse_line(line, begin, end, path) || std::strstr(path, image) == nullptr) continue;
-    if (!any || std::strcmp(path, candidate.path) != 0) {
-      candidate.load_address = begin;
-      put_text(path, candidate.path, sizeof candidate.path);
-    }
-    const bool holds = address >= begin && address < end;
-    if (holds || !any) {
-      found = candidate;
-      found.begin = holds ? begin : 0;
-      found.end = holds ? end : UINT64_MAX;
-    }
-    if (holds) return true;
-    any = true;
+// The next line, without its end; of one that is too long, the first part. Null at the end.
+char* map_reader::next_text() {
+  static char text[longest_line + 1];  // a signal stack has no room for it
+  const std::uint64_t begin = offset_;
+  std::size_t length = 0;
+  for (bool whole = false; !whole;) {
+    const auto bytes = file_.at(offset_);
+    if (bytes.empty()) break;
+    const void* const end = std::memchr(bytes.data(), '\n', bytes.size());
+    whole = end != nullptr;
+    const std::size_t part =
+        whole ? static_cast<std::size_t>(static_cast<const unsigned char*>(end) - bytes.data())
+              : bytes.size();
+    const std::size_t kept = std::min(part, longest_line - length);
+    std::memcpy(text + length, bytes.data(), kept);
+    length += kept;
+    offset_ += part + (whole ? 1 : 0);
   }
-  return any;
+  text[length] = '\0';
+  return offset_ == begin ? nullptr : text;
+}
+
+bool map_reader::next(map_line& line) {
+  while (const char* const text = next_text())
+    if (parse_line(text, line)) return true;
+  return false;
 }
 
 }  // namespace zorvac::diag

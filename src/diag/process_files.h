@@ -11,7 +11,7 @@ namespace zorvac::diag {
 
 using process_path = text_buffer<64>;
 
-// "/proc/", the process id and `entry`, which begins with a stroke.
+// "/proc/", the process id and `entry`, which begins with a slash.
 process_path path_of_process_file(const char* entry);
 
 // The file that the process executes; "" where that cannot be read. Of a deleted file, the path
@@ -22,17 +22,30 @@ void read_executable_path(char* to, std::size_t bytes);
 // false where there is none.
 bool find_auxiliary_value(byte_source& file, std::uint64_t type, std::uint64_t& value);
 
-// Where an image is mapped.
-struct mapping {
-  std::uint64_t load_address = 0;    // where its first line begins
-  std::uint64_t begin = 0, end = 0;  // the addresses that this holds for
-  char path[4096] = {};
+// A line of a file of the form of /proc/PID/maps: what is mapped at [begin, end).
+struct map_line {
+  std::uint64_t begin = 0, end = 0;
+  std::uint64_t offset = 0;  // in the file, of the byte at `begin`
+  const char* path = "";  // of the file; "" where there is none. Valid until the next line is read
+
+  [[nodiscard]] bool holds(std::uint64_t address) const {
+    return address >= begin && address < end;
+  }
 };
 
-// Finds an image in a file of the form of /proc/PID/maps: the first line that names it, false where
-// none does. As a name may be part of many a path, the file that is mapped at the address is
-// preferred among those that the name may mean.
-bool find_mapping(byte_source& file, const char* image, std::uint64_t address, mapping& found);
+// The lines of such a file, in their order, which is that of their addresses. What is no such line
+// is passed over.
+class map_reader {
+ public:
+  explicit map_reader(byte_source& file) : file_{file} {}
+  bool next(map_line& line);
+
+ private:
+  char* next_text();
+
+  byte_source& file_;
+  std::uint64_t offset_ = 0;
+};
 
 }  // namespace zorvac::diag
 #endif

@@ -167,7 +167,7 @@ bool record(walk& w, std::uint64_t pc) {
   }
   w.last = &w.current->frames[w.used++];
   w.last->pc = pc;
-  ++w.total;
+  if (w.total++ >= w.hidden) foresee(pc);
   return true;
 }
 

@@ -3,6 +3,8 @@
 // moves forward, and nothing outside of the section is looked at.
 #include "diag/trace_scan.h"
 
+#include <algorithm>
+
 #include "diag/texts.h"
 #include "diag/trace_format.h"
 
@@ -27,7 +29,7 @@ class record {
   }
   // The bytes behind the head, as far as they lie in the section.
   [[nodiscard]] file_range body(std::size_t head) const {
-    return {section_.begin + head, section_.begin + min(bytes_, left())};
+    return {section_.begin + head, section_.begin + std::min(bytes_, left())};
   }
   template <std::size_t Bytes>
   [[nodiscard]] bool read_body(unsigned char (&to)[Bytes]) {
@@ -36,24 +38,23 @@ class record {
   }
   // To the record behind this one and `more` bytes.
   void advance(std::uint64_t more = 0) {
-    section_.begin += min(bytes_ + more, left());  // both below 2^33
+    section_.begin += std::min(bytes_ + more, left());  // both below 2^33
     load();
   }
 
  private:
-  static std::uint64_t min(std::uint64_t a, std::uint64_t b) { return a < b ? a : b; }
   [[nodiscard]] std::uint64_t left() const { return section_.end - section_.begin; }
 
   void load() {
     skip_padding();
-    const std::size_t available = min(left(), sizeof head_);
+    const std::size_t available = std::min<std::uint64_t>(left(), sizeof head_);
     bytes_ =
         file_.read(section_.begin, head_, available) ? trace::record_bytes(head_, available) : 0;
   }
   void skip_padding() {
     while (left() != 0) {
       const auto bytes = file_.at(section_.begin);
-      const std::size_t most = min(left(), bytes.size());
+      const std::size_t most = std::min<std::uint64_t>(left(), bytes.size());
       std::size_t count = 0;
       while (count < most && bytes[count] == trace::padding_tag) ++count;
       section_.begin += count;
@@ -66,24 +67,36 @@ class record {
   std::uint64_t bytes_ = 0;
 };
 
-// The body of a line table, byte by byte.
+// The body of a line table, byte by byte. The file is not read otherwise meanwhile.
 class body_source {
  public:
   body_source(byte_source& file, file_range body) : file_{file}, body_{body} {}
   bool next(unsigned char& byte) {
-    return body_.begin != body_.end && file_.read(body_.begin++, &byte, 1);
+    if (bytes_.empty() && !fill()) return false;
+    byte = bytes_.front();
+    bytes_ = bytes_.subspan(1);
+    return true;
   }
 
  private:
+  bool fill() {
+    if (body_.empty()) return false;
+    bytes_ = file_.at(body_.begin);
+    bytes_ = bytes_.first(std::min<std::uint64_t>(bytes_.size(), body_.end - body_.begin));
+    body_.begin += bytes_.size();
+    return !bytes_.empty();
+  }
+
   byte_source& file_;
-  file_range body_;
+  file_range body_;  // what is not yet in bytes_
+  std::span<const unsigned char> bytes_;
 };
 
 // As much of the text as there is room for; "Unknown" where it cannot be read or is empty.
 template <std::size_t Bytes>
 void read_text(byte_source& file, file_range range, char (&text)[Bytes]) {
   const std::uint64_t length = range.end - range.begin;
-  const std::size_t count = length < Bytes ? length : Bytes - 1;
+  const std::size_t count = std::min<std::uint64_t>(length, Bytes - 1);
   text[count] = '\0';
   if (!file.read(range.begin, text, count) || text[0] == '\0') put_unknown(text);
 }
@@ -129,29 +142,46 @@ trace::line_row find_row(byte_source& file, file_range body, std::uint64_t offse
   return found;
 }
 
-}  // namespace
-
-void scan_trace(byte_source& file, file_range section, std::uint64_t address, found_routines& found,
-                tbk_pc_info& info) {
-  const std::uint64_t known = found.place_of(address);
-  record r(file, {known != 0 ? known : section.begin, section.end});
-  if (!find_routine(r, address)) return;
-  if (known == 0) found.add(address, r.place());
-  const std::uint64_t offset = address - r.field<std::uint64_t>(trace::routine_start_offset);
-  read_text(file, r.body(trace::routine_head_bytes), info.routine);
-  r.advance();
-  if (!find_lines(r)) return;
-
+// What the line table says of an offset into its routine. `r` is at the table.
+void read_lines(byte_source& file, const record& r, file_range section, std::uint64_t offset,
+                trace_place& place) {
   const file_range body = r.body(trace::body_offset);
   const trace::line_row row = find_row(file, body, offset);
-  info.line = row.line;
+  place.line = row.line;
   body_source distances(file, body);
   std::uint64_t distance = 0;
   if (!trace::file_distance(distances, row.file, distance)) return;
-  if (distance > r.place() - section.begin) return;
-  const record name(file, {r.place() - distance, section.end});
-  if (name && name.is(trace::file_tag, trace::file_version))
-    read_text(file, name.body(trace::body_offset), info.file);
+  if (distance <= r.place() - section.begin) place.file = r.place() - distance;
+}
+
+trace_place find_place(byte_source& file, file_range section, std::uint64_t address) {
+  trace_place place;
+  record r(file, section);
+  if (!find_routine(r, address)) return place;
+  place.routine = r.place();
+  const std::uint64_t offset = address - r.field<std::uint64_t>(trace::routine_start_offset);
+  r.advance();
+  if (find_lines(r)) read_lines(file, r, section, offset, place);
+  return place;
+}
+
+}  // namespace
+
+void scan_trace(byte_source& file, file_range section, std::uint64_t address, found_places& found,
+                tbk_pc_info& info) {
+  const trace_place* known = found.find(address);
+  const trace_place place = known != nullptr ? *known : find_place(file, section, address);
+  if (known == nullptr) found.add(address, place);
+  info.line = place.line;
+  if (place.routine != 0) {
+    const record routine(file, {place.routine, section.end});
+    read_text(file, routine.body(trace::routine_head_bytes), info.routine);
+  }
+  if (place.file != 0) {
+    const record name(file, {place.file, section.end});
+    if (name && name.is(trace::file_tag, trace::file_version))
+      read_text(file, name.body(trace::body_offset), info.file);
+  }
 }
 
 }  // namespace zorvac::diag

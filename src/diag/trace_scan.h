@@ -8,37 +8,44 @@
 
 namespace zorvac::diag {
 
-// Where the scans of a section found the routines of the addresses that were looked for last: a
-// deep recursion goes through few addresses many times.
-class found_routines {
+// Where a section tells of an address: places in the file, which are behind its header, and so not 0.
+struct trace_place {
+  std::uint64_t routine = 0;  // the routine's record; 0: none of its routines holds the address
+  std::uint64_t file = 0;     // the record of the source file's name; 0: it is not known
+  std::uint32_t line = 0;     // 0: it is not known
+};
+
+// The places of the addresses that were looked for last: a deep recursion goes through few addresses
+// many times.
+class found_places {
  public:
-  // 0 where the address was not looked for lately.
-  [[nodiscard]] std::uint64_t place_of(std::uint64_t address) const {
-    for (const entry& e : entries_)
-      if (e.address == address) return e.place;
-    return 0;
+  // Null where the address was not looked for lately.
+  [[nodiscard]] const trace_place* find(std::uint64_t address) const {
+    for (std::size_t i = 0; i < most && i < added_; ++i)
+      if (entries_[i].address == address) return &entries_[i].place;
+    return nullptr;
   }
-  void add(std::uint64_t address, std::uint64_t place) {
-    entries_[next_] = {address, place};
-    next_ = (next_ + 1) % (sizeof entries_ / sizeof entries_[0]);
+  void add(std::uint64_t address, const trace_place& place) {
+    entries_[added_++ % most] = {address, place};
   }
 
  private:
+  static constexpr std::size_t most = 16;
   struct entry {
     std::uint64_t address = 0;
-    std::uint64_t place = 0;  // in the file, so behind its header
+    trace_place place;
   };
-  entry entries_[16];
-  unsigned next_ = 0;
+  entry entries_[most];
+  std::size_t added_ = 0;
 };
 
 // Fills the fields that the section knows for a link-time address, and leaves the others alone.
 // `found` belongs to this section.
-void scan_trace(byte_source& file, file_range section, std::uint64_t address, found_routines& found,
+void scan_trace(byte_source& file, file_range section, std::uint64_t address, found_places& found,
                 tbk_pc_info& info);
 inline void scan_trace(byte_source& file, file_range section, std::uint64_t address,
                        tbk_pc_info& info) {
-  found_routines none;
+  found_places none;
   scan_trace(file, section, address, none, info);
 }
 
