@@ -45,18 +45,30 @@ answer read_section(byte_source& file, std::size_t size, std::uint64_t address) 
   return scan(file, {0, size}, address);
 }
 
+// The address is also an offset into the file, of which the segments tell.
 answer read_image(byte_source& file, std::size_t, std::uint64_t address) {
   Elf64_Ehdr header;
   if (!read_elf_header(file, header)) return {};
   const file_range section = find_trace_section(file, header);
   if (section.end < section.begin) std::abort();
-  return scan(file, section, address);
+  answer a = scan(file, section, address);
+  std::uint64_t bias = 0;
+  if (find_bias(file, header, address, 0, bias)) a.other = bias;
+  return a;
 }
 
+// The line that holds the address, and what all others add up to.
 answer read_maps(byte_source& file, std::size_t, std::uint64_t address) {
-  static mapping found;
-  if (!find_mapping(file, "libfuzz.so", address, found)) return {};
-  return {text_of(found.path), "", found.load_address, found.end - found.begin};
+  answer a;
+  map_reader map(file);
+  for (map_line line; map.next(line);) {
+    if (*line.path != '\0' && *line.path != '/') std::abort();
+    a.other = a.other * 3 + line.begin + line.end + line.offset + std::strlen(line.path);
+    if (!line.holds(address)) continue;
+    a.file = line.path;
+    a.number = line.offset + (address - line.begin);
+  }
+  return a;
 }
 
 answer read_vector(byte_source& file, std::size_t, std::uint64_t address) {
