@@ -2,11 +2,17 @@
 // walks, its backtrace_symbols adds exported names, and libdw adds what ours does, routine, file
 // and line: from debug information that it has to read first, or has read before ("libdw-warm").
 //
+// Then what a process may have more of: frames through 16 shared objects, and 4,000 mappings. Their
+// peer is backtrace_symbols_fd, which like ours needs no heap; it writes to nowhere.
+//
 // The program is given a .trace section when it is linked, so our frames are found, too. What
 // protecting the walk costs (65 signal actions installed and put back) stands beside it.
 #include <benchmark/benchmark.h>
+#include <dlfcn.h>
 #include <elfutils/libdwfl.h>
 #include <execinfo.h>
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <array>
@@ -56,6 +62,54 @@ void write_text_peer(benchmark::State& state) {
     benchmark::DoNotOptimize(symbols);
     std::free(symbols);
   }
+}
+
+void write_text_to_file_peer(benchmark::State& state) {
+  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  for (auto _ : state) backtrace_symbols_fd(pcs.data(), walk_by_backtrace(), nowhere);
+  close(nowhere);
+}
+
+// Runs the body's loop below three frames of each of the objects.
+constexpr int image_count = 16;
+using pass_fn = void (*)(void (*next)(void*), void* argument);
+struct image_chain {
+  std::array<pass_fn, image_count> passes{};
+  int passed = 0;
+  body run = nullptr;
+  benchmark::State* state = nullptr;
+};
+void next_image(void* argument) {
+  auto& chain = *static_cast<image_chain*>(argument);
+  if (chain.passed == image_count)
+    chain.run(*chain.state);
+  else
+    chain.passes.at(static_cast<std::size_t>(chain.passed++))(next_image, argument);
+  asm volatile("" ::: "memory");
+}
+void run_below_images(body run, benchmark::State& state) {
+  image_chain chain{.run = run, .state = &state};
+  for (int i = 0; i < image_count; ++i) {
+    const std::string path = ZORVAC_BENCH_IMAGES "/traceback_image" + std::to_string(i) + ".so";
+    void* const image = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    void* const pass = image != nullptr ? dlsym(image, "pass") : nullptr;
+    if (pass == nullptr) return state.SkipWithError(dlerror());
+    chain.passes.at(static_cast<std::size_t>(i)) = reinterpret_cast<pass_fn>(pass);
+  }
+  next_image(&chain);
+}
+
+// Runs it while the process has so many more mappings. Neighbours differ, or they would be one.
+void run_beside_mappings(body run, benchmark::State& state) {
+  constexpr int count = 4000;
+  constexpr std::size_t page = 4096;
+  static std::array<void*, count> mappings;
+  for (int i = 0; i < count; ++i)
+    mappings.at(static_cast<std::size_t>(i)) =
+        mmap(nullptr, page, i % 2 == 0 ? PROT_READ : PROT_READ | PROT_WRITE,
+             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  descend(32 - 10, run, state);
+  for (void* const mapping : mappings) munmap(mapping, page);
 }
 
 Dwfl* open_dwarf() {
@@ -129,6 +183,19 @@ const int registered = [] {
               .c_str(),
           [row, depth](benchmark::State& state) { descend(depth - 10, row.run, state); });
     }
+  }
+  const struct {
+    const char* contender;
+    body run;
+  } texts[] = {{"zorvac", write_text}, {"backtrace_symbols_fd", write_text_to_file_peer}};
+  for (const auto& text_row : texts) {
+    const auto add = [&](const std::string& row, auto run) {
+      benchmark::RegisterBenchmark(("text/" + row + "/" + text_row.contender).c_str(), run);
+    };
+    const body run = text_row.run;
+    add("32-frames", [run](benchmark::State& state) { descend(32 - 10, run, state); });
+    add("16-images", [run](benchmark::State& state) { run_below_images(run, state); });
+    add("4000-mappings", [run](benchmark::State& state) { run_beside_mappings(run, state); });
   }
   return 0;
 }();

@@ -1,5 +1,5 @@
-// Headers are read where the file says they are, and nothing of them is kept. Whether what they tell
-// of lies inside of the file shows when it is read.
+// Headers are read where the file says they are, and nothing of them is kept. Whether what they
+// tell of lies inside of the file shows when it is read.
 #include "diag/elf_image.h"
 
 #include <algorithm>

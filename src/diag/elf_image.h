@@ -1,8 +1,8 @@
 #ifndef ZORVAC_DIAG_ELF_IMAGE_H
 #define ZORVAC_DIAG_ELF_IMAGE_H
 // What an ELF file (System V ABI, edition 4.1, chapters 4 and 5) says of itself: where its `.trace`
-// section is, and where its bytes are in memory. It may be anything: every offset, size and index in
-// it is taken for hostile.
+// section is, and where its bytes are in memory. It may be anything: every offset, size and index
+// in it is taken for hostile.
 #include <elf.h>
 
 #include "diag/byte_source.h"

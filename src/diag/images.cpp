@@ -1,7 +1,7 @@
 // An image is found by address. The executable's addresses are those of its segments: its file is
 // /proc/PID/exe, and the auxiliary vector says where its entry is. Any other image's are those of a
-// line of the process map, which says what part of which file is there; the file's segments say what
-// addresses that part was linked for.
+// line of the process map, which says what part of which file is there; the file's segments say
+// what addresses that part was linked for.
 //
 // Where the line that holds an address is of no image (a program that moves its code to large pages
 // has copied it), the first line with the image's name says where it is.

@@ -8,15 +8,15 @@
 
 namespace zorvac::diag {
 
-// Where a section tells of an address: places in the file, which are behind its header, and so not 0.
+// Where a section tells of an address: places in the file, behind its header, and so not 0.
 struct trace_place {
   std::uint64_t routine = 0;  // the routine's record; 0: none of its routines holds the address
   std::uint64_t file = 0;     // the record of the source file's name; 0: it is not known
   std::uint32_t line = 0;     // 0: it is not known
 };
 
-// The places of the addresses that were looked for last: a deep recursion goes through few addresses
-// many times.
+// The places of the addresses that were looked for last: a deep recursion goes through few
+// addresses many times.
 class found_places {
  public:
   // Null where the address was not looked for lately.

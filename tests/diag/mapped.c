@@ -1,8 +1,8 @@
 // Programs and a shared object whose parts of memory are not where one would expect them, for
 // mapped_test.sh:
 //
-//   mapped SCENE [OBJECT...]   plays a scene of the table in front of main, then prints the stack as
-//                              a table, from a routine that the objects (or, without one, the
+//   mapped SCENE [OBJECT...]   plays a scene of the table in front of main, then prints the stack
+//                              as a table, from a routine that the objects (or, without one, the
 //                              program) call three calls deep
 //
 // Built with OBJECT defined, the shared object.

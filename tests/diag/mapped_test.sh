@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Where images are in memory, and which image an address is in. Each row below plays one scene of
-# mapped.c in a process of its own, through copies of its shared object, and says what is to be shown
-# of the routines `inner`, `middle` and `outer` in them.
+# mapped.c in a process of its own, through copies of its shared object, and says what is to be
+# shown of the routines `inner`, `middle` and `outer` in them.
 #
 #   mapped_test.sh FOLDER_OF_PROGRAMS MKTRACE SOURCE
 set -euo pipefail
@@ -44,7 +44,8 @@ shows() {
   [ "$seen" != "$expected" ] || return 0
   failures=$((failures + 1))
   echo "${*:2}:" | cut -c -200
-  diff -u --label expected --label seen <(echo "$expected") <(echo "$seen") | tail -n +4 | head || true
+  diff -u --label expected --label seen <(echo "$expected") <(echo "$seen") | sed 1,3d | head ||
+    true
 }
 chain() { printf "%s\n" "$1 $inner" "$1 $middle" "$1 $outer"; }
 
@@ -66,8 +67,10 @@ shows "$(chain mapped_pie)" ./mapped_pie nothing ./other/mapped_pie
 # ---- More images, addresses and mappings than there is room for ----
 all=$(for i in {1..80}; do chain "object$i.so"; done)
 shows "$all" ./mapped_pie nothing "${objects[@]}"
-shows "$(for i in {1..4}; do chain "object$i.so"; done)" ./mapped_pie no_descriptors "${objects[@]:0:4}"
-shows "$(for i in {1..16}; do chain "object$i.so"; done)
+four=$(for i in {1..4}; do chain "object$i.so"; done)
+shows "$four" ./mapped_pie no_descriptors "${objects[@]:0:4}"
+sixteen=$(for i in {1..16}; do chain "object$i.so"; done)
+shows "$sixteen
 maps opened: 1, with other flags: 0" ./mapped_pie count "${objects[@]:0:16}"
 
 # ---- Executables ----
