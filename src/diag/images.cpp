@@ -42,10 +42,11 @@ struct lookup_state {
 };
 constinit lookup_state state;
 
-// False where there is nothing to forget.
+// False where there is nothing to forget. The place behind those in use has an open file after a
+// jump out of add_image().
 bool forget_images() {
   const bool any = state.executable_known || state.images_used != 0;
-  for (std::size_t i = 0; i < state.images_used; ++i) state.images[i].reset();
+  for (std::size_t i = 0; i < most_images && i <= state.images_used; ++i) state.images[i].reset();
   state.executable.reset();
   state.executable_known = false;
   state.segments_used = state.images_used = state.replaced_next = 0;
@@ -79,9 +80,9 @@ void open_executable() {
   while (state.segments_used < most_segments && segments.next(state.segments[state.segments_used]))
     ++state.segments_used;
   it.trace = find_trace_section(it.file, header);
-  static char name[4096];
-  read_executable_path(name, sizeof name);
-  put_text(file_name_of(name), it.module, sizeof it.module);
+  static char exe_path[4096];  // a signal stack has no room for it
+  read_executable_path(exe_path, sizeof exe_path);
+  put_text(file_name_of(exe_path), it.module, sizeof it.module);
 }
 
 // The executable, if it holds the address.
