@@ -7,15 +7,65 @@
  *  variant that needs them; otherwise, if bit 0 is set, take the fallback; otherwise call
  *  __zorva_cpu_features_init() and test again.
  *
- *  C, C++ and assembler source may include this header; assembler sees the bit table alone.
+ *  C (C99 and later), C++ (C++11 and later) and assembler source may include this header; assembler
+ *  sees the feature bits alone.
  */
 
-/** The feature indicator, bit by bit: X(bit, identifier, name in messages).
+/** ZORVAC_FEATURE_AVX2 and so on: the mask of each feature in the indicator words. Constants
+ *  everywhere: of type uint64_t in C and C++, where #if understands them too; in assembler numbers.
  *
  *  A bit is set only where the operating system has also enabled the register state it needs.
  *  Bits 25 and 26 are never set by detection, bits 40 to 63 do not exist.
  *  Source of the bits: the CPUID instruction's leaves 1, 7 and 0x80000001 as documented in the
  *  processor makers' architecture manuals. */
+#ifdef __ASSEMBLER__
+#define ZORVAC_FEATURE_BIT(bit) (1 << (bit))
+#else
+#include <stdint.h>
+#define ZORVAC_FEATURE_BIT(bit) (UINT64_C(1) << (bit))
+#endif
+#define ZORVAC_FEATURE_GENERIC_X86 ZORVAC_FEATURE_BIT(0)
+#define ZORVAC_FEATURE_X87 ZORVAC_FEATURE_BIT(1)
+#define ZORVAC_FEATURE_CMOV ZORVAC_FEATURE_BIT(2)
+#define ZORVAC_FEATURE_MMX ZORVAC_FEATURE_BIT(3)
+#define ZORVAC_FEATURE_FXSAVE ZORVAC_FEATURE_BIT(4)
+#define ZORVAC_FEATURE_SSE ZORVAC_FEATURE_BIT(5)
+#define ZORVAC_FEATURE_SSE2 ZORVAC_FEATURE_BIT(6)
+#define ZORVAC_FEATURE_SSE3 ZORVAC_FEATURE_BIT(7)
+#define ZORVAC_FEATURE_SSSE3 ZORVAC_FEATURE_BIT(8)
+#define ZORVAC_FEATURE_SSE4_1 ZORVAC_FEATURE_BIT(9)
+#define ZORVAC_FEATURE_SSE4_2 ZORVAC_FEATURE_BIT(10)
+#define ZORVAC_FEATURE_MOVBE ZORVAC_FEATURE_BIT(11)
+#define ZORVAC_FEATURE_POPCNT ZORVAC_FEATURE_BIT(12)
+#define ZORVAC_FEATURE_PCLMULQDQ ZORVAC_FEATURE_BIT(13)
+#define ZORVAC_FEATURE_AES ZORVAC_FEATURE_BIT(14)
+#define ZORVAC_FEATURE_F16C ZORVAC_FEATURE_BIT(15)
+#define ZORVAC_FEATURE_AVX ZORVAC_FEATURE_BIT(16)
+#define ZORVAC_FEATURE_RDRND ZORVAC_FEATURE_BIT(17)
+#define ZORVAC_FEATURE_FMA ZORVAC_FEATURE_BIT(18)
+#define ZORVAC_FEATURE_BMI ZORVAC_FEATURE_BIT(19)
+#define ZORVAC_FEATURE_LZCNT ZORVAC_FEATURE_BIT(20)
+#define ZORVAC_FEATURE_HLE ZORVAC_FEATURE_BIT(21)
+#define ZORVAC_FEATURE_RTM ZORVAC_FEATURE_BIT(22)
+#define ZORVAC_FEATURE_AVX2 ZORVAC_FEATURE_BIT(23)
+#define ZORVAC_FEATURE_AVX512DQ ZORVAC_FEATURE_BIT(24)
+#define ZORVAC_FEATURE_UNNAMED_25 ZORVAC_FEATURE_BIT(25)
+#define ZORVAC_FEATURE_QRTNI ZORVAC_FEATURE_BIT(26)
+#define ZORVAC_FEATURE_AVX512F ZORVAC_FEATURE_BIT(27)
+#define ZORVAC_FEATURE_ADX ZORVAC_FEATURE_BIT(28)
+#define ZORVAC_FEATURE_RDSEED ZORVAC_FEATURE_BIT(29)
+#define ZORVAC_FEATURE_AVX512IFMA52 ZORVAC_FEATURE_BIT(30)
+#define ZORVAC_FEATURE_FULLY_INORDER_PROCESSOR ZORVAC_FEATURE_BIT(31)
+#define ZORVAC_FEATURE_AVX512ER ZORVAC_FEATURE_BIT(32)
+#define ZORVAC_FEATURE_AVX512PF ZORVAC_FEATURE_BIT(33)
+#define ZORVAC_FEATURE_AVX512CD ZORVAC_FEATURE_BIT(34)
+#define ZORVAC_FEATURE_SHA ZORVAC_FEATURE_BIT(35)
+#define ZORVAC_FEATURE_MPX ZORVAC_FEATURE_BIT(36)
+#define ZORVAC_FEATURE_AVX512BW ZORVAC_FEATURE_BIT(37)
+#define ZORVAC_FEATURE_AVX512VL ZORVAC_FEATURE_BIT(38)
+#define ZORVAC_FEATURE_AVX512VBMI ZORVAC_FEATURE_BIT(39)
+
+/** The same as a table, bit by bit: X(bit, identifier, name in messages). */
 #define ZORVAC_FEATURES(X)                                  \
   X(0, GENERIC_X86, "GENERIC_X86")                          \
   X(1, X87, "X87")                                          \
@@ -59,21 +109,6 @@
   X(39, AVX512VBMI, "AVX512VBMI")
 
 #ifndef __ASSEMBLER__
-#include <stdint.h>
-
-/** ZORVAC_FEATURE_AVX2 and so on: the mask of each feature in the indicator words. */
-#ifdef __cplusplus
-#define ZORVAC_FEATURE_MASK(bit, id, name) \
-  inline constexpr uint64_t ZORVAC_FEATURE_##id = 1ULL << (bit);
-ZORVAC_FEATURES(ZORVAC_FEATURE_MASK)
-#undef ZORVAC_FEATURE_MASK
-#else
-#define ZORVAC_FEATURE_MASK(bit, id, name) \
-  static const uint64_t ZORVAC_FEATURE_##id = 1ULL << (bit);
-ZORVAC_FEATURES(ZORVAC_FEATURE_MASK)
-#undef ZORVAC_FEATURE_MASK
-#endif
-
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -81,7 +116,8 @@ extern "C" {
 
 /** Features of this processor; the word that every dispatch tests. 0 until detection has run, then
  *  bit 0 is set. Exactly 1 on a processor of another vendor than the one the library was built
- *  for, and on one without CPUID leaf 1. Read it directly; only detection writes it. */
+ *  for, and on one without CPUID leaf 1. Read it directly. In the library only detection writes
+ *  it; a program may store a mask of its own, which every dispatch from then on goes by. */
 extern uint64_t __zorva_cpu_feature_indicator;
 
 /** The same word whatever the vendor, filled by __zorva_cpu_features_init_x() and, on a processor

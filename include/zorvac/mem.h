@@ -187,8 +187,9 @@ void zorvac_mm_free(void* block) __asm__("_mm_free");
  *  threads  re-entrant */
 void* _zorva_fast_calloc(size_t count, size_t size);
 
-/** The value that compiled code puts between its stack buffers and its return address. Not zero,
- *  the upper 32 bits zero; fixed when the library is built, and only read here. */
+/** The value that compiled code puts between its stack buffers and its return address. Fixed when
+ *  the library is built, not zero, the upper 32 bits zero; the library only reads it. A program may
+ *  store a value of its own, while no function that compares with it is running. */
 extern uint64_t __zorva_security_cookie;
 
 /** Compares the value found on the stack with the cookie. Returns when they are equal, with every

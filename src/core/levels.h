@@ -8,12 +8,6 @@
 // processor line has. The other is for the matrix kernels alone.
 #include "zorvac/cpu.h"
 
-#ifdef __ASSEMBLER__
-#define ZORVAC_DEFINE_FEATURE(bit, id, name) .set ZORVAC_FEATURE_##id, 1 << bit;
-ZORVAC_FEATURES(ZORVAC_DEFINE_FEATURE)
-#undef ZORVAC_DEFINE_FEATURE
-#endif
-
 // clang-format off
 #define ZORVAC_INITIALISED      (ZORVAC_FEATURE_GENERIC_X86)
 #define ZORVAC_BASE_LEVEL       (ZORVAC_INITIALISED | ZORVAC_FEATURE_X87 | ZORVAC_FEATURE_CMOV | \
