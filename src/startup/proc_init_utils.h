@@ -30,6 +30,16 @@ constexpr int supported_modes(int known, int flags, SupportedBits supported) {
   return granted;
 }
 
+// What FXSAVE stores (architecture manuals, "FXSAVE area").
+struct alignas(16) fxsave_image {
+  static constexpr int mxcsr_mask_word = 28 / 4;
+  std::uint32_t words[128];
+};
+
+// The MXCSR bits that may be set without a fault, by the image that `save` stores into a cleared
+// area. A processor that stores 0 for them, or nothing, supports none of the optional ones.
+std::uint32_t supported_mxcsr_bits(void (*save)(fxsave_image& area));
+
 }  // namespace zorvac::startup
 
 extern "C" {

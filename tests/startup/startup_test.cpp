@@ -7,6 +7,7 @@
 #include <nl_types.h>
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -45,6 +46,16 @@ TEST(Modes, AreGrantedAndTheProcessorAskedOnlyWhenItMatters) {
         EXPECT_EQ(granted, asks ? wanted & supported : wanted) << known << ' ' << mask;
         EXPECT_EQ(questions, asks) << known << ' ' << mask;
       }
+}
+
+// The first call leaves its area full of ones where the second finds its own, which is to be clear.
+TEST(Modes, AreNotReadFromAnAreaThatNobodyCleared) {
+  const auto stores_ones = [](fxsave_image& area) { std::memset(&area, 0xff, sizeof area); };
+  const auto stores_nothing = [](fxsave_image& area) {
+    for (const std::uint32_t word : area.words) EXPECT_EQ(word, 0u);
+  };
+  EXPECT_EQ(supported_mxcsr_bits(stores_ones), ~0u);
+  EXPECT_EQ(supported_mxcsr_bits(stores_nothing), 0u);
 }
 
 const auto built_in = [](int message) { return std::string(vrt_msgtab[message].text); };
