@@ -18,16 +18,15 @@ std::int32_t __libvrt_tmp;
 cpu::cache_table __libvrt_cache_tbl;
 }
 
-namespace {
-void ensure_detected() {
-  if (__libvrt_cache_tbl.computed == 0)
-    cpu::detect_caches(hardware_processor{}, accepted_vendor, __libvrt_cache_tbl);
-}
-}  // namespace
+// The library's one constructor: runs when the library is loaded, before any entry point is called.
+// In a program that is linked with the archive it also precedes the program's own constructors, which
+// may call entry points: no priority comes before 0. (Those below 101 are the implementation's, which
+// this library is part of. g++ takes the priority from the first declaration alone.)
+[[gnu::constructor(0)]] void load_time_initialiser() __asm__("__sti__$E");
 
-[[gnu::constructor]] void cpu::load_time_initialiser() {
-  ensure_detected();
-  const cache_thresholds t = derive_thresholds(hardware_processor{}, __libvrt_cache_tbl);
+void load_time_initialiser() {
+  const cpu::cache_thresholds t =
+      cpu::thresholds_at_load(hardware_processor{}, accepted_vendor, __libvrt_cache_tbl);
   __libvrt_largest_cache_size = t.largest_cache_size;
   __libvrt_largest_cache_size_half = t.largest_cache_size_half;
   __libvrt_data_cache_size = t.data_cache_size;
@@ -39,6 +38,7 @@ void ensure_detected() {
 
 extern "C" std::uint32_t __cacheSize(std::uint32_t level) {
   if (level < 1 || level > 3) return 0;
-  ensure_detected();
+  if (__libvrt_cache_tbl.computed == 0)
+    cpu::detect_caches(cpu::introduced(hardware_processor{}), accepted_vendor, __libvrt_cache_tbl);
   return __libvrt_cache_tbl.level(level).size_kb;
 }

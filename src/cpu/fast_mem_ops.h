@@ -180,6 +180,26 @@ constexpr void find_caches(const Processor& p, const vendor_rule& vendor, cache_
   if (table.level(1).size_kb == 0 && leaf0.eax >= 2) read_cache_descriptors(p, table);
 }
 
+// A processor that is asked once whether it has CPUID and who made it: on a virtual machine each
+// execution of CPUID is a visit to the hypervisor, and both steps at load want to know.
+template <processor Processor>
+class introduced {
+ public:
+  constexpr explicit introduced(const Processor& p)
+      : p_(p), has_cpuid_(p.has_cpuid()), leaf0_(has_cpuid_ ? p.cpuid(0, 0) : cpuid_answer{}) {}
+
+  [[nodiscard]] constexpr bool has_cpuid() const { return has_cpuid_; }
+  [[nodiscard]] constexpr cpuid_answer cpuid(std::uint32_t leaf, std::uint32_t subleaf) const {
+    return leaf == 0 ? leaf0_ : p_.cpuid(leaf, subleaf);
+  }
+  [[nodiscard]] constexpr std::uint64_t xgetbv() const { return p_.xgetbv(); }
+
+ private:
+  const Processor& p_;
+  bool has_cpuid_;
+  cpuid_answer leaf0_;
+};
+
 // Fills the table and then marks it computed, whatever was found.
 template <processor Processor>
 constexpr void detect_caches(const Processor& p, const vendor_rule& vendor, cache_table& table) {
@@ -223,6 +243,16 @@ constexpr cache_thresholds derive_thresholds(const Processor& p, cache_table& ta
   return t;
 }
 
+// What the library does when it is loaded: fills the table, unless a query has done so already, and
+// derives the load-time values.
+template <processor Processor>
+constexpr cache_thresholds thresholds_at_load(const Processor& hardware, const vendor_rule& vendor,
+                                              cache_table& table) {
+  const introduced p(hardware);
+  if (table.computed == 0) detect_caches(p, vendor, table);
+  return derive_thresholds(p, table);
+}
+
 }  // namespace zorvac::cpu
 
 // Load-time values that nothing in the library reads, and the table.
@@ -231,9 +261,4 @@ extern std::int32_t __libvrt_largest_cachelinesize;
 extern std::int32_t __libvrt_tmp;  // a copy of the method
 extern zorvac::cpu::cache_table __libvrt_cache_tbl;
 }
-
-namespace zorvac::cpu {
-// The library's one constructor: runs when the library is loaded, before any entry point.
-void load_time_initialiser() __asm__("__sti__$E");
-}  // namespace zorvac::cpu
 #endif

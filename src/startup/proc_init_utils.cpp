@@ -20,8 +20,8 @@ std::uint32_t startup::supported_mxcsr_bits(void (*save)(fxsave_image& area)) {
 // A step each: a mode that faults, because it was said to be supported and is not, does so after
 // the ones before it have been set.
 extern "C" void __zorva_proc_init_ftzdazule(int known, int flags) {
-  const int granted = startup::supported_modes(
-      known, flags, [] { return startup::supported_mxcsr_bits(fxsave); });
+  const int granted =
+      startup::supported_modes(known, flags, [] { return startup::supported_mxcsr_bits(fxsave); });
   if ((flags & ZORVAC_FLUSH_TO_ZERO) != 0) mxcsr::write(mxcsr::read() | mxcsr::flush_to_zero);
   if ((granted & ZORVAC_DENORMALS_ARE_ZERO) != 0)
     mxcsr::write(mxcsr::read() | mxcsr::denormals_are_zero);

@@ -222,6 +222,27 @@ TEST(Caches, AreFoundAndThresholdsDerived) {
     }
 }
 
+// Loading asks whether there is CPUID, and who made the processor, once, and nothing again that a
+// query has found already.
+TEST(Caches, LoadingAsksOnceWhoMadeTheProcessor) {
+  for (const row& r : rows)
+    for (const bool exists : {true, false}) {
+      row_processor p(r);
+      p.cpuid_exists = exists;
+      cpu::cache_table table = {};
+      auto derived = std::bit_cast<thresholds>(cpu::thresholds_at_load(p, r.rule, table));
+      EXPECT_EQ(derived, exists ? r.derived.value_or(derived) : thresholds{}) << r.what;
+      EXPECT_EQ(std::bit_cast<levels>(table.levels), exists ? r.caches : levels{}) << r.what;
+      EXPECT_EQ(p.questions, 1) << r.what;
+      EXPECT_EQ(p.asked[0], exists ? 1 : 0) << r.what;
+
+      p.asked.clear();
+      const auto again = std::bit_cast<thresholds>(cpu::thresholds_at_load(p, r.rule, table));
+      EXPECT_EQ(again, derived) << r.what;
+      EXPECT_EQ(p.asked[2] + p.asked[4] + p.asked[0x8000001d], 0) << r.what;
+    }
+}
+
 // All descriptors as makers publish them, but for the size of 0x4c, which callers know as 12228: by
 // the hash of the table as it lies in memory.
 TEST(Caches, DescriptorsAreThePublishedOnes) {

@@ -15,10 +15,15 @@ struct fake_processor {
       {};  // by leaf, sub-leaf
   std::uint64_t xcr0 = 0;
   bool cpuid_exists = true;
-  mutable int xgetbv_calls = 0;
+  mutable int xgetbv_calls = 0, questions = 0;      // whether there is CPUID
+  mutable std::map<std::uint32_t, int> asked = {};  // how often, by leaf
 
-  [[nodiscard]] bool has_cpuid() const { return cpuid_exists; }
+  [[nodiscard]] bool has_cpuid() const {
+    ++questions;
+    return cpuid_exists;
+  }
   [[nodiscard]] cpuid_answer cpuid(std::uint32_t leaf, std::uint32_t subleaf) const {
+    ++asked[leaf];
     return answers.contains({leaf, subleaf}) ? answers.at({leaf, subleaf}) : cpuid_answer{};
   }
   [[nodiscard]] std::uint64_t xgetbv() const {
