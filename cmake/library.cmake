@@ -45,9 +45,10 @@ file(CONFIGURE OUTPUT ${export_map} @ONLY CONTENT "{\n  global:\n@export_names@ 
 set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
 
 # zorvac_shared_library(<target> <vendor objects>): links one flavour. Addresses are bound when it
-# is loaded, so that no resolver ever runs between a caller and its worker.
+# is loaded, so that no resolver ever runs between a caller and its worker. What the load-time
+# initialiser writes comes first of the data, on a page that relocation has written to already.
 function(zorvac_shared_library target identification)
-  add_library(${target} SHARED $<TARGET_OBJECTS:zorvac_common> $<TARGET_OBJECTS:${identification}>)
+  add_library(${target} SHARED $<TARGET_OBJECTS:${identification}> $<TARGET_OBJECTS:zorvac_common>)
   set_target_properties(${target} PROPERTIES
     OUTPUT_NAME zorvac VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
     LINKER_LANGUAGE C LINK_DEPENDS ${export_map})
@@ -62,9 +63,17 @@ function(zorvac_shared_library target identification)
 endfunction()
 zorvac_shared_library(zorvac zorvac_identification)
 
-add_library(zorvac_static STATIC $<TARGET_OBJECTS:zorvac_common>
-                                 $<TARGET_OBJECTS:zorvac_identification>)
+# In the archive, what has a plain word for a name is local to its one source: a program may use the
+# name itself. And the C library's routine has its plain name (see pc_info.cpp), as a static program
+# has no other.
+add_library(zorvac_static STATIC $<TARGET_OBJECTS:zorvac_identification>
+                                 $<TARGET_OBJECTS:zorvac_common>)
 set_target_properties(zorvac_static PROPERTIES OUTPUT_NAME zorvac LINKER_LANGUAGE C)
+set(plain_words work_pool headerP Last_PoolP last_pool_num Array_size Array_size_calloc
+    _i_pool_cr_sec vrt_msgtab c_feature_names)
+add_custom_command(TARGET zorvac_static POST_BUILD VERBATIM COMMAND ${CMAKE_OBJCOPY}
+  --enable-deterministic-archives "--localize-symbol=$<JOIN:${plain_words},;--localize-symbol=>"
+  --redefine-sym dladdr@GLIBC_2.2.5=dladdr $<TARGET_FILE:zorvac_static> COMMAND_EXPAND_LISTS)
 target_include_directories(zorvac_static INTERFACE
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 

@@ -2,10 +2,10 @@
 # The shared library seen from outside, as binutils tell it: what it exports and needs, how it is
 # linked, and which of its routines reach which others through the dynamic symbol table.
 #
-#   abi_test.sh SOURCE_DIR LIBRARY LIST_OF_OBJECTS
+#   abi_test.sh SOURCE_DIR LIBRARY ARCHIVE LIST_OF_OBJECTS
 set -euo pipefail
 export LC_ALL=C
-abi=$1/abi library=$2 objects=$3
+abi=$1/abi library=$2 archive=$3 objects=$4
 trap 'echo "abi_test.sh: line $LINENO"' ERR
 
 # The listed names and no others.
@@ -22,6 +22,21 @@ Shared library: [libc.so.6]
 END
 readelf -Wl "$library" |
   awk '/ R?WE / { bad = 1 } /GNU_STACK .* RW / { stack = 1 } END { exit bad || !stack }'
+
+# Every C library since glibc 2.16 has the versions that it needs, those of weak symbols included.
+newest=$(readelf -WV "$library" | sed -nE 's/.*Name: ([^ ]+) .*/\1/p' | sort -V | tail -1)
+[ "$newest" = GLIBC_2.16 ] || { echo "needs $newest" && false; }
+
+# In the archive, a program's names are the program's: what is global there is exported, or begins
+# with an underscore or a prefix of the library's, or is no identifier. What has a plain word for a
+# name is local, and keeps it. No name has a version, which would match nothing in a static program.
+nm "$archive" 2>/dev/null | awk '
+  NR == FNR { exported[$2]; next }
+  $NF ~ /@/ || $2 ~ /^[A-TV-Z]$/ && !($3 in exported) && $3 !~ /^(_|tbk_|zorvac_)|\./ {
+    print "global: " $NF; bad = 1 }
+  $2 ~ /^[a-z]$/ { name[$3] }
+  END { if (!("work_pool" in name && "c_feature_names" in name)) { print "names lost"; bad = 1 }
+    exit bad }' "$abi/exports.txt" -
 
 # A weak symbol of an object with special instructions could become everybody's copy.
 if sed -n 's/^1 //p' "$objects" | xargs nm | grep ' [VWu] '; then false; fi

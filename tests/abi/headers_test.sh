@@ -47,7 +47,9 @@ END
 
 for standard in c99 c11 c17 c2x; do
   "$cc" -std=$standard -x c -fsyntax-only /dev/null 2>/dev/null || continue # c2x: not everywhere
-  for header in "$include"/zorvac/*.h; do compiles "$cc" c $standard /dev/null -include "$header"; done
+  for header in "$include"/zorvac/*.h; do
+    compiles "$cc" c $standard /dev/null -include "$header"
+  done
   compiles "$cc" c $standard "$folder/masks.c"
 done
 for standard in c++11 c++14 c++17 c++20; do

@@ -2,9 +2,9 @@
 # Installs the Debian packages into an empty system, looks at what is there, and builds programs
 # against it in each way that the README names.
 #
-#   install_test.sh SOURCE_DIR BUILD_DIR C_COMPILER CXX_COMPILER
+#   install_test.sh SOURCE_DIR BUILD_DIR C_COMPILER
 set -euo pipefail
-example=$1/examples/processor.c build_dir=$2 cc=$3 cxx=$4
+example=$1/examples/processor.c build_dir=$2 cc=$3
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
