@@ -2,6 +2,8 @@
 // saves every register that an ordinary routine may change and the check, compiled for general
 // registers only, can. (The attribute with that meaning is of no use here: clang does not count
 // the argument registers among what it has to save.)
+#include <cet.h>  // marks the object fit for shadow stacks, as the compiler marks its own
+
 .section .note.GNU-stack, "", @progbits
 .text
   .globl __zorva_rtc_CheckStackVars

@@ -27,6 +27,14 @@ readelf -Wl "$library" |
 newest=$(readelf -WV "$library" | sed -nE 's/.*Name: ([^ ]+) .*/\1/p' | sort -V | tail -1)
 [ "$newest" = GLIBC_2.16 ] || { echo "needs $newest" && false; }
 
+# It is fit for shadow stacks, and so is each object of the archive: one that is not marked takes
+# them from the whole program.
+readelf -Wn "$library" | grep -q 'x86 feature: SHSTK'
+readelf -Wn "$archive" | awk '
+  /^File: / { if (file) exit; file = $2 }
+  /x86 feature: SHSTK/ { file = "" }
+  END { if (file) { print "not marked: " file; exit 1 } }'
+
 # In the archive, a program's names are the program's: what is global there is exported, or begins
 # with an underscore or a prefix of the library's, or is no identifier. What has a plain word for a
 # name is local, and keeps it. No name has a version, which would match nothing in a static program.
