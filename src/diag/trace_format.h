@@ -41,7 +41,7 @@ inline constexpr std::size_t body_length_offset = 2;  // 32 bits
 inline constexpr std::size_t body_offset = 6;
 
 // The body of a span: what lies in the `bytes` bytes right behind the record is about addresses in
-// [start, start + length) only.
+// [start, start + length) only. There may be spans among it.
 inline constexpr std::size_t span_start_offset = 0;   // 64 bits
 inline constexpr std::size_t span_length_offset = 8;  // 64 bits
 inline constexpr std::size_t span_bytes_offset = 16;  // 32 bits
