@@ -53,7 +53,8 @@ using routine_iterator = std::map<std::uint64_t, routine_map::range>::const_iter
 
 class encoder {
  public:
-  explicit encoder(const tables& t) : tables_{t}, file_at_(t.files.size(), not_written) {}
+  encoder(const tables& t, name_form form)
+      : tables_{t}, form_{form}, file_at_(t.files.size(), not_written) {}
 
   bytes section() {
     const auto& routines = tables_.routines.by_start();
@@ -116,14 +117,15 @@ class encoder {
 
   void put_routine(const routine& r) {
     const auto& [start, range] = r;
+    const std::string name = spelled(range.name, form_);
     const std::size_t name_bytes =
-        std::min<std::size_t>(range.name.size(), std::numeric_limits<std::uint16_t>::max());
+        std::min<std::size_t>(name.size(), std::numeric_limits<std::uint16_t>::max());
     out_.push_back(trace::routine_tag);
     out_.push_back(trace::routine_version);
     put(out_, start);
     put(out_, static_cast<std::uint32_t>(range.end - start));
     put(out_, static_cast<std::uint16_t>(name_bytes));
-    out_.insert(out_.end(), range.name.data(), range.name.data() + name_bytes);
+    out_.insert(out_.end(), name.data(), name.data() + name_bytes);
     const bytes lines = line_table(start, range.end);
     if (!lines.empty()) put_record(out_, trace::lines_tag, trace::lines_version, lines);
   }
@@ -172,12 +174,15 @@ class encoder {
   }
 
   const tables& tables_;
+  name_form form_;
   std::vector<std::size_t> file_at_;
   bytes out_;
 };
 
 }  // namespace
 
-std::vector<unsigned char> encode(const tables& t) { return encoder{t}.section(); }
+std::vector<unsigned char> encode(const tables& t, name_form form) {
+  return encoder{t, form}.section();
+}
 
 }  // namespace zorvac::mktrace

@@ -4,12 +4,13 @@
 #include <ostream>
 #include <vector>
 
+#include "demangle.h"
 #include "tables.h"
 
 namespace zorvac::mktrace {
 
-// The section that says what the tables say.
-std::vector<unsigned char> encode(const tables& t);
+// The section that says what the tables say, with names in one form.
+std::vector<unsigned char> encode(const tables& t, name_form form);
 
 // Prints a section, one line for each record and row. Throws failure where it is not sound, with
 // all that is in front of that place printed.

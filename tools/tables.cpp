@@ -13,6 +13,7 @@
 #include <iterator>
 #include <limits>
 #include <memory>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -20,6 +21,9 @@
 
 namespace zorvac::mktrace {
 namespace {
+
+constexpr char no_debug_information[] =
+    "no debug information (compile with -g; separate files of it are not read)";
 
 struct address_range {
   std::uint64_t start, end;
@@ -97,6 +101,62 @@ void add_symbols(tables& t, std::vector<symbol> symbols, const code_sections& co
   }
 }
 
+// Sections that are compressed, which libdw reads nothing from, and is silent about, where it cannot
+// expand them.
+void expand_sections(Elf* elf) {
+  std::size_t names = 0;
+  elf_getshdrstrndx(elf, &names);
+  GElf_Shdr header;
+  for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf, section)) != nullptr;) {
+    if (gelf_getshdr(section, &header) == nullptr || (header.sh_flags & SHF_COMPRESSED) == 0)
+      continue;
+    const char* name = elf_strptr(elf, names, header.sh_name);
+    if (name != nullptr && std::string_view{name}.starts_with(".debug") &&
+        elf_compress(section, 0, 0) < 0)
+      throw failure{"cannot expand " + std::string{name} + ": " + elf_errmsg(-1)};
+  }
+}
+
+// The entries of a unit in the order of the file, whatever they lie in. To ask for the sibling of an
+// entry would lead through everything in it once more; so the way back up goes from the last child,
+// behind which its parent ends, too.
+class entry_walk {
+ public:
+  explicit entry_walk(const Dwarf_Die& unit) : entry_{unit} {}
+
+  [[nodiscard]] Dwarf_Die& entry() { return entry_; }
+  // False behind the last one, and where the next one cannot be found.
+  bool next() {
+    Dwarf_Die following;
+    if (dwarf_child(&entry_, &following) == 0) {
+      ++depth_;
+    } else {
+      const int status = depth_ == 0 ? 1 : dwarf_siblingof(&entry_, &following);
+      is_sound_ = status >= 0;
+      if (!is_sound_ || (status == 1 && !climb(following))) return false;
+    }
+    entry_ = following;
+    return true;
+  }
+  [[nodiscard]] bool is_sound() const { return is_sound_; }
+
+ private:
+  // From a place behind the last child of an entry: a null entry there, of one byte, ends each of
+  // the entries that end there. Changes `place` to the entry behind them.
+  bool climb(Dwarf_Die& place) {
+    Dwarf* const dwarf = dwarf_cu_getdwarf(entry_.cu);
+    for (auto* at = static_cast<unsigned char*>(place.addr); depth_ > 0; --depth_, ++at) {
+      if (dwarf_die_addr_die(dwarf, at, &place) == nullptr || place.cu != entry_.cu) return false;
+      if (*at != 0) return true;
+    }
+    return false;
+  }
+
+  Dwarf_Die entry_;
+  std::size_t depth_ = 0;
+  bool is_sound_ = true;
+};
+
 class dwarf_reader {
  public:
   dwarf_reader(tables& t, const code_sections& code, const std::vector<symbol>& symbols)
@@ -106,41 +166,49 @@ class dwarf_reader {
         symbol_of_.emplace(std::pair{s.start, s.size}, s.name);
   }
 
-  // False where there is no debug information.
-  bool read(Dwarf* dwarf) {
+  void read(Dwarf* dwarf) {
     bool found = false;
     Dwarf_CU* unit = nullptr;
     Dwarf_Die top, split;
-    while (dwarf_get_units(dwarf, unit, &unit, nullptr, nullptr, &top, &split) == 0) {
+    std::uint8_t type = 0;
+    int status = 0;
+    while ((status = dwarf_get_units(dwarf, unit, &unit, nullptr, &type, &top, &split)) == 0) {
       found = true;
       // Of a unit whose routines are in a file of its own, the lines are here nevertheless.
-      Dwarf_Die& routines = split.cu == nullptr ? top : split;
-      add_routines(routines);
+      add_routines(split.cu == nullptr ? top : split);
       add_lines(top);
+      if (type == DW_UT_skeleton && split.cu == nullptr) add_missing(top);
     }
-    return found;
+    const int error = status < 0 ? dwarf_errno() : error_;
+    if (!found && error == 0) throw failure{no_debug_information};
+    if (!found)
+      throw failure{std::string{"cannot read the debug information: "} + dwarf_errmsg(error)};
+    if (error != 0)
+      tables_.notes.push_back(std::string{"cannot read all of the debug information: "} +
+                              dwarf_errmsg(error));
+    if (missing_ != 0) note_missing();
   }
 
  private:
-  // Calls `use` with every range of code of an entry.
-  template <class Use>
-  void for_each_range(Dwarf_Die& entry, Use use) {
+  [[nodiscard]] std::vector<address_range> ranges_of(Dwarf_Die& entry) const {
+    std::vector<address_range> ranges;
     Dwarf_Addr base = 0, start = 0, end = 0;
     for (std::ptrdiff_t at = 0; (at = dwarf_ranges(&entry, at, &base, &start, &end)) > 0;) {
       const address_range range = code_.clip(start, end);
-      if (range.start < range.end) use(range);
+      if (range.start < range.end) ranges.push_back(range);
     }
+    return ranges;
   }
 
   // The name that a linker sees, which is unique, and which tools turn into that of the source. The
   // debug information may lack it, or name what the variants of a C++ constructor have in common;
   // so the symbol table goes before, but for the clones that a compiler makes of a C routine.
-  std::string name_of(Dwarf_Die& entry) {
-    const char* name = nullptr;
-    for_each_range(entry, [&](address_range range) {
+  std::string name_of(Dwarf_Die& entry, const std::vector<address_range>& ranges) const {
+    for (const address_range range : ranges) {
       const auto known = symbol_of_.find({range.start, range.end - range.start});
-      if (known != symbol_of_.end() && name == nullptr) name = known->second.c_str();
-    });
+      if (known != symbol_of_.end()) return known->second;
+    }
+    const char* name = nullptr;
     Dwarf_Attribute attribute;
     for (const unsigned kind : {DW_AT_linkage_name, DW_AT_MIPS_linkage_name})
       if (name == nullptr) name = dwarf_formstring(dwarf_attr_integrate(&entry, kind, &attribute));
@@ -149,18 +217,17 @@ class dwarf_reader {
   }
 
   // Routines can be inside of anything: namespaces, other routines, classes of a routine.
-  void add_routines(Dwarf_Die& parent) {
-    Dwarf_Die entry;
-    if (dwarf_child(&parent, &entry) != 0) return;
-    do {
-      if (dwarf_tag(&entry) == DW_TAG_subprogram) {
-        const std::string name = name_of(entry);
-        for_each_range(entry, [&](address_range range) {
-          if (!name.empty()) tables_.routines.add(range.start, range.end, name);
-        });
-      }
-      add_routines(entry);
-    } while (dwarf_siblingof(&entry, &entry) == 0);
+  void add_routines(const Dwarf_Die& unit) {
+    entry_walk walk{unit};
+    while (walk.next()) {
+      if (dwarf_tag(&walk.entry()) != DW_TAG_subprogram) continue;
+      const std::vector<address_range> ranges = ranges_of(walk.entry());
+      if (ranges.empty()) continue;  // declared only, or inlined wherever it is called
+      const std::string name = name_of(walk.entry(), ranges);
+      if (name.empty()) continue;
+      for (const address_range range : ranges) tables_.routines.add(range.start, range.end, name);
+    }
+    if (!walk.is_sound()) error_ = dwarf_errno();
   }
 
   // Adds the rows of a unit that are about its own code: in the line table, too, are those of
@@ -168,12 +235,9 @@ class dwarf_reader {
   void add_lines(Dwarf_Die& unit) {
     Dwarf_Lines* lines = nullptr;
     std::size_t count = 0;
-    Dwarf_Attribute attribute;
-    const char* folder = dwarf_formstring(dwarf_attr(&unit, DW_AT_comp_dir, &attribute));
-    folder_ = folder == nullptr ? "" : folder;
+    folder_ = text_of(unit, DW_AT_comp_dir);
     if (dwarf_getsrclines(&unit, &lines, &count) != 0) return;
-    std::vector<address_range> own;
-    for_each_range(unit, [&](address_range range) { own.push_back(range); });
+    std::vector<address_range> own = ranges_of(unit);
     std::sort(own.begin(), own.end(),
               [](address_range a, address_range b) { return a.start < b.start; });
     auto range = own.begin();  // both go up
@@ -199,11 +263,35 @@ class dwarf_reader {
     const char* path = dwarf_linesrc(line, nullptr, nullptr);
     if (path == nullptr) return no_file;
     if (path == last_path_) return last_file_;  // a file of a unit has one text in libdw
-    std::string full = *path == '/' || folder_.empty() ? path : folder_ + "/" + path;
+    std::string full = joined(folder_, path);
     const auto [known, is_new] = file_indices_.try_emplace(full, tables_.files.size());
     if (is_new) tables_.files.push_back(std::move(full));
     last_path_ = path;
     return last_file_ = known->second;
+  }
+
+  static std::string text_of(Dwarf_Die& entry, unsigned kind) {
+    Dwarf_Attribute attribute;
+    const char* text = dwarf_formstring(dwarf_attr(&entry, kind, &attribute));
+    return text == nullptr ? "" : text;
+  }
+
+  static std::string joined(const std::string& folder, const std::string& path) {
+    return path.starts_with('/') || folder.empty() ? path : folder + "/" + path;
+  }
+
+  // A unit with only a name of the file that has its routines.
+  void add_missing(Dwarf_Die& unit) {
+    std::string name = text_of(unit, DW_AT_dwo_name);
+    if (name.empty()) name = text_of(unit, DW_AT_GNU_dwo_name);
+    if (missing_++ == 0) first_missing_ = joined(text_of(unit, DW_AT_comp_dir), name);
+  }
+
+  void note_missing() {
+    const std::string others =
+        missing_ == 1 ? ": its" : " and " + std::to_string(missing_ - 1) + " more: their";
+    tables_.notes.push_back("cannot read " + first_missing_ + others +
+                            " routines are taken from the symbol table");
   }
 
   tables& tables_;
@@ -213,6 +301,9 @@ class dwarf_reader {
   std::string folder_;  // that the compiler of the unit ran in
   const char* last_path_ = nullptr;
   std::size_t last_file_ = no_file;
+  std::size_t missing_ = 0;    // units whose routines are in a file that cannot be read
+  std::string first_missing_;  // such a file
+  int error_ = 0;              // of a unit that cannot be read to its end
 };
 
 // Puts the rows in order and leaves one for each address. Where several rows of a line table have
@@ -231,18 +322,35 @@ void order(std::vector<row>& rows) {
 
 }  // namespace
 
+// A step either fills a gap or passes over all that is taken up to the next one: ranges that overlap
+// without end cost no more than others.
 void routine_map::add(std::uint64_t start, std::uint64_t end, const std::string& name) {
   constexpr std::uint64_t longest = std::numeric_limits<std::uint32_t>::max();
   while (start < end) {
-    const auto next = ranges_.upper_bound(start);
-    if (next != ranges_.begin() && std::prev(next)->second.end > start) {
-      start = std::prev(next)->second.end;
+    const auto next = taken_.upper_bound(start);
+    if (next != taken_.begin() && std::prev(next)->second > start) {
+      start = std::prev(next)->second;
       continue;
     }
-    const std::uint64_t stop = std::min(next_start(start), start + std::min(end - start, longest));
-    ranges_.emplace_hint(next, start, range{stop, name});
+    const std::uint64_t gap_end = next == taken_.end() ? end : std::min(next->first, end);
+    const std::uint64_t stop = start + std::min(gap_end - start, longest);
+    ranges_.emplace(start, range{stop, name});
+    take(start, stop);
     start = stop;
   }
+}
+
+void routine_map::take(std::uint64_t start, std::uint64_t end) {
+  const auto next = taken_.lower_bound(end);
+  if (next != taken_.end() && next->first == end) {
+    end = next->second;
+    taken_.erase(next);
+  }
+  const auto before = taken_.lower_bound(start);
+  if (before != taken_.begin() && std::prev(before)->second == start)
+    std::prev(before)->second = end;
+  else
+    taken_.emplace(start, end);
 }
 
 std::uint64_t routine_map::next_start(std::uint64_t address) const {
@@ -254,10 +362,11 @@ tables read_tables(Elf* elf) {
   tables t;
   const code_sections code{elf};
   const std::vector<symbol> symbols = read_symbols(elf);
+  expand_sections(elf);
   const std::unique_ptr<Dwarf, int (*)(Dwarf*)> dwarf{dwarf_begin_elf(elf, DWARF_C_READ, nullptr),
                                                       dwarf_end};
-  if (dwarf == nullptr || !dwarf_reader{t, code, symbols}.read(dwarf.get()))
-    throw failure{"no debug information (compile with -g; separate files of it are not read)"};
+  if (dwarf == nullptr) throw failure{no_debug_information};
+  dwarf_reader{t, code, symbols}.read(dwarf.get());
   add_symbols(t, symbols, code);
   order(t.rows);
   return t;

@@ -28,7 +28,10 @@ class routine_map {
   [[nodiscard]] const std::map<std::uint64_t, range>& by_start() const { return ranges_; }
 
  private:
+  void take(std::uint64_t start, std::uint64_t end);
+
   std::map<std::uint64_t, range> ranges_;
+  std::map<std::uint64_t, std::uint64_t> taken_;  // from start to end: the ranges that touch as one
 };
 
 // The source position of the code from an address to the next row's.
@@ -44,6 +47,7 @@ struct tables {
   routine_map routines;
   std::vector<row> rows;  // in order of address, one for each
   std::vector<std::string> files;
+  std::vector<std::string> notes;  // to the user: what is missing, and why
 };
 
 // Reads the debug information and the symbol table of an image. Throws failure.

@@ -1,7 +1,7 @@
 // What the library finds in the section of a large program, and how much of it it reads for that:
 // the same 100 frames of a traceback, in sections of all sizes as the tool writes them, and of
 // pieces as a linker joins them.
-#include "../tools/encode.h"
+#include "encode.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -42,7 +42,7 @@ std::vector<unsigned char> section_of(std::uint64_t first, std::uint64_t last) {
     t.rows.push_back({r.end(), mktrace::no_file, 0, true});
     while (t.files.size() <= r.file()) t.files.push_back(path(t.files.size()));
   }
-  return mktrace::encode(t);
+  return mktrace::encode(t, mktrace::name_form::linker);
 }
 
 struct program {

@@ -64,6 +64,12 @@ refuse() {
 }
 # byte OFFSET VALUE
 byte() { printf '%b' "$2" | dd of=image conv=notrunc bs=1 seek="$1" status=none; }
+# debug_info OFFSET VALUE: a byte of that section
+debug_info() {
+  byte $((16#$(objdump -h image | awk '$2 == ".debug_info" { print $6 }') + $1)) "$2"
+}
+damage_compression() { objcopy --compress-debug-sections image && debug_info 0 '\x77'; }
+damage_unit() { debug_info 4 '\x77'; }
 refuse 1 'not an ELF file' 'byte 1 e' image
 refuse 1 'not a 64-bit ELF file' 'byte 4 \\1' image
 refuse 1 'not a file for x86-64' 'byte 18 \\267' image
@@ -72,12 +78,16 @@ refuse 1 'truncated' 'truncate -s -100 image' image
 refuse 1 'data behind its sections' 'echo data >>image' image
 refuse 1 'read-only' 'chmod a-w image' image
 refuse 1 'no debug information' 'strip image' image
+refuse 1 'cannot expand .debug_info: unknown compression' damage_compression image
+refuse 1 'cannot read the debug information: invalid DWARF version' damage_unit image
 refuse 1 'cannot write beside' : -o /proc/self/image image
 refuse 1 'not a regular file' : -o . image
 refuse 1 'not a regular file' : .
 refuse 1 'no .trace section' : --dump image
 refuse 1 'not sound' 'printf "\77\1\11\0\0\0" >x; objcopy --add-section .trace=x image' --dump image
 refuse 2 'Usage' : --dump -o x image
+refuse 2 'Usage' : --dump --demangle image
+refuse 2 'Usage' : --demangle=long image
 refuse 2 'Usage' : --trace image
 
 # Elsewhere, through a link, with the same mode; again, and stripped, with the same section.
@@ -88,8 +98,72 @@ cmp image before
 [ "$(stat -c '%F %a' link target | xargs)" = 'symbolic link 777 regular file 750' ] || fail mode
 "$mktrace" -o image target
 cmp image target
-strip target
-diff <("$mktrace" --dump image) <("$mktrace" --dump target)
+while read -ra strip; do
+  cp image stripped
+  "${strip[@]}" stripped
+  if "$mktrace" -o out stripped 2>said; then fail "not stripped: ${strip[*]}"; fi
+  diff <("$mktrace" --dump image) <("$mktrace" --dump stripped)
+done <<<'strip
+llvm-strip --keep-section=.trace
+eu-strip --keep-section=.trace'
+
+# Readable names: those that c++filt gives, or a part of them.
+names() { "$mktrace" "$@" -o out image && "$mktrace" --dump out | sed -n 's/.* routine [^ ]* //p'; }
+names >linker
+for form in --demangle --demangle=full; do
+  names $form >full
+  diff full <(c++filt <linker)
+done
+names --demangle=short >short
+grep -qx open_file short || fail "short names: $(<short)"
+if grep :: short; then fail 'not the last component'; fi
+
+# Files of split debug information, then one missing, then both: one line says so, and names and
+# lines are there.
+echo 'int twice(int a) { return 2 * a; }' >twice.c
+echo 'extern int twice(int); int main(void) { return twice(21); }' >main.c
+gcc -c -g -gsplit-dwarf twice.c main.c
+gcc -o image twice.o main.o
+while read -r gone said; do
+  rm -f "$gone"
+  "$mktrace" -o out image 2>note
+  [ "$(<note)" = "${said:+zorvac-mktrace: image: cannot read $PWD/$said}" ] ||
+    fail "without $gone: $(<note)"
+  "$mktrace" --dump out | grep -A 2 ' twice$' | grep '/twice.c:1' >/dev/null || fail "without $gone"
+done <<<'nothing
+twice.dwo twice.dwo: its routines are taken from the symbol table
+main.dwo twice.dwo and 1 more: their routines are taken from the symbol table'
+
+# Debug information of entries in entries: DEPTH of them, and a routine behind them all. Each may
+# have a range of code, which begins before that of the one around it and ends after it.
+deep() { # DEPTH HAS_RANGES
+  gcc -x assembler -o image - <<ASSEMBLER
+    .globl main
+    main: ret
+    code: .fill 2 * $1, 1, 0x90
+    end: .section .debug_abbrev, "", @progbits
+    .byte 1, 0x11, 1, 0x11, 1, 0x12, 7, 0, 0        # unit, with children: low_pc, high_pc
+    .byte 2, 0x0b, 1, 0, 0                          # block, with children
+    .byte 3, 0x2e, 1, 3, 8, 0x11, 1, 0x12, 7, 0, 0  # routine, with children: name and those two
+    .byte 0
+    .section .debug_info, "", @progbits
+    .long unit_end - unit
+    unit: .value 4; .long .debug_abbrev; .byte 8, 1; .quad main, end - main
+    .set depth, 0
+    .rept $1
+      .set depth, depth + 1
+      .if $2; .byte 3; .asciz "inner"; .quad code + $1 - depth, 2 * depth; .else; .byte 2; .endif
+    .endr
+    .fill $1, 1, 0
+    .byte 3; .asciz "behind"; .quad main, 1; .byte 0, 0
+    unit_end: .section .note.GNU-stack, "", @progbits
+ASSEMBLER
+  timeout 20 "$mktrace" image || fail "$1 nested entries: status $?"
+  "$mktrace" --dump image | grep -c -e ' inner$' -e ' behind$' >count || :
+  [ "$(<count)" = "$3" ] || fail "$1 nested entries: $(<count) routines, expected $3"
+}
+deep 1000000 0 1
+deep 50000 1 100000
 
 # Damage in the ELF header, the section and the section headers, and cuts: the tool says no or does
 # what it should, and never ends by a signal.
