@@ -1,8 +1,18 @@
-# zorvac_add_trace(<target>...): gives the executables and shared libraries a .trace section when
-# they are linked, so that a traceback through them names routines, files and lines. They are
-# compiled with debug information for this; stripping it afterwards leaves the section. The targets
-# must be of the calling folder.
+# zorvac_add_trace(<target>... [DEMANGLE full|short]): gives the executables and shared libraries a
+# .trace section when they are linked, so that a traceback through them names routines, files and
+# lines. They are compiled with debug information for this. The targets must be of the calling
+# folder.
+#
+# DEMANGLE has the names of C++ routines as their source has them: full, or the last component only.
+#
+# GNU strip leaves the section, and so does `cmake --install --strip`; other strip tools, run by
+# hand, need --keep-section=.trace.
 function(zorvac_add_trace)
+  cmake_parse_arguments(PARSE_ARGV 0 arg "" DEMANGLE "")
+  if(DEFINED arg_DEMANGLE AND NOT arg_DEMANGLE MATCHES "^(full|short)$"
+     OR DEMANGLE IN_LIST arg_KEYWORDS_MISSING_VALUES)
+    message(FATAL_ERROR "zorvac_add_trace: DEMANGLE is full or short")
+  endif()
   if(TARGET zorvac-mktrace)  # in the library's own tree
     set(tool zorvac-mktrace)
   else()
@@ -12,9 +22,26 @@ function(zorvac_add_trace)
     endif()
     set(tool ${ZORVAC_MKTRACE})
   endif()
-  foreach(target IN LISTS ARGN)
+  foreach(target IN LISTS arg_UNPARSED_ARGUMENTS)
     target_compile_options(${target} PRIVATE -g)
-    add_custom_command(TARGET ${target} POST_BUILD
-                       COMMAND ${tool} $<TARGET_FILE:${target}> VERBATIM)
+    add_custom_command(TARGET ${target} POST_BUILD VERBATIM
+                       COMMAND ${tool} $<$<BOOL:${arg_DEMANGLE}>:--demangle=${arg_DEMANGLE}>
+                               $<TARGET_FILE:${target}> COMMAND_EXPAND_LISTS)
   endforeach()
+  zorvac_keep_trace()
+endfunction()
+
+# Installing with --strip runs the tool in CMAKE_STRIP, without options. Where that is one that
+# removes the section, a script that tells it not to takes its place in the calling folder.
+function(zorvac_keep_trace)
+  execute_process(COMMAND "${CMAKE_STRIP}" --version OUTPUT_VARIABLE version ERROR_QUIET)
+  if(CMAKE_STRIP AND NOT version MATCHES "^GNU strip")
+    set(script ${CMAKE_CURRENT_BINARY_DIR}/CMakeFiles/zorvac-strip)
+    file(CONFIGURE OUTPUT ${script} @ONLY
+         CONTENT "#!/bin/sh\nexec '@CMAKE_STRIP@' --keep-section=.trace \"$@\"\n")
+    file(CHMOD ${script} PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
+                                     GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+    # CMake reads the variable when the folder is done. EVAL gives the call the path as it is now.
+    cmake_language(EVAL CODE "cmake_language(DEFER CALL set CMAKE_STRIP [[${script}]])")
+  endif()
 endfunction()

@@ -46,11 +46,17 @@ project(client C)
 find_package(zorvac 5 REQUIRED)
 add_executable(by-cmake $example)
 target_link_libraries(by-cmake PRIVATE zorvac::zorvac)
-${tool:+zorvac_add_trace(by-cmake)}
+${tool:+zorvac_add_trace(by-cmake DEMANGLE short)}
+install(TARGETS by-cmake)
 CMAKE
-cmake -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" . >/dev/null
-cmake --build . >/dev/null
-[ -z "$tool" ] || "$tool" --dump by-cmake | grep '/processor\.c:[1-9]' >/dev/null
+for strip in strip llvm-strip eu-strip; do
+  cmake -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" \
+    -DCMAKE_STRIP="$(command -v "$strip")" . >/dev/null
+  cmake --build . >/dev/null
+  cmake --install . --strip --prefix "$strip-installed" >/dev/null
+  [ -z "$tool" ] || "$tool" --dump "$strip-installed/bin/by-cmake" |
+    grep '/processor\.c:[1-9]' >/dev/null || fail "$strip leaves no .trace section"
+done
 for program in by-pkg-config static by-cmake; do
   LD_LIBRARY_PATH=$lib "./$program" | grep '^vendor ' || fail "$program does not run"
 done
