@@ -7,15 +7,14 @@
 //     from malloc to their inner routines, and no frame of malloc stays on the stack.
 #include "diag/heap_code.h"
 
-#include <dlfcn.h>
 #include <link.h>
 #include <signal.h>
 #include <unwind.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
-#pragma weak _dl_find_object
 #pragma weak _Unwind_FindEnclosingFunction
 // A static program may define malloc and free and have no others.
 #pragma weak calloc
@@ -49,24 +48,40 @@ std::uintptr_t target_of(Routine* routine) {
   return load<std::uintptr_t>(code + 6 + distance);
 }
 
+// The shared object that holds an address.
+struct object_search {
+  std::uintptr_t address;
+  address_range found;
+};
+
+// Ends the search at the object that holds the address; leaves it empty-handed where that is the
+// program, whose name is empty.
+int consider_object(dl_phdr_info* object, std::size_t, void* data) {
+  auto& search = *static_cast<object_search*>(data);
+  address_range whole{UINTPTR_MAX, 0};
+  bool holds = false;
+  for (std::size_t i = 0; i < object->dlpi_phnum; ++i) {
+    const ElfW(Phdr)& segment = object->dlpi_phdr[i];
+    if (segment.p_type != PT_LOAD) continue;
+    const std::uintptr_t begin = object->dlpi_addr + segment.p_vaddr;
+    const address_range loaded{begin, begin + segment.p_memsz};
+    holds = holds || loaded.holds(search.address);
+    whole = {std::min(whole.begin, loaded.begin), std::max(whole.end, loaded.end)};
+  }
+  if (holds && *object->dlpi_name != '\0') search.found = whole;
+  return holds ? 1 : 0;
+}
+
 }  // namespace
 
 heap_code::heap_code(std::uintptr_t libc)
     : routines_{target_of(std::malloc), target_of(std::free), target_of(std::calloc),
                 target_of(std::realloc)} {
-  dl_find_object allocator;
-  auto* const own_malloc = reinterpret_cast<void*>(routines_[0]);  // NOLINT(*-int-to-ptr)
-  if (libc == 0 || _dl_find_object == nullptr) return;
-  if (_dl_find_object(own_malloc, &allocator) != 0) return;
-  if (*allocator.dlfo_link_map->l_name == '\0') return;  // the program
-  begin_ = reinterpret_cast<std::uintptr_t>(allocator.dlfo_map_start);
-  end_ = reinterpret_cast<std::uintptr_t>(allocator.dlfo_map_end);
+  object_search search{.address = routines_[0], .found = {}};
+  if (libc != 0) dl_iterate_phdr(consider_object, &search);
   // Sanitizers have most of the C library's routines in their place.
-  if (is_in_object(libc) || is_in_object(target_of(sigaction))) begin_ = end_ = 0;
-}
-
-bool heap_code::is_in_object(std::uintptr_t address) const {
-  return address >= begin_ && address < end_;
+  if (!search.found.holds(libc) && !search.found.holds(target_of(sigaction)))
+    object_ = search.found;
 }
 
 // Most addresses are far from the four routines: only for the others is the unwinder asked, which
@@ -74,7 +89,7 @@ bool heap_code::is_in_object(std::uintptr_t address) const {
 bool heap_code::holds(std::uint64_t pc) const {
   constexpr std::uintptr_t longest_routine = 1 << 16;
   const std::uint64_t inside = pc - 1;  // a call that never returns may end its routine
-  if (is_in_object(inside)) return true;
+  if (object_.holds(inside)) return true;
   if (_Unwind_FindEnclosingFunction == nullptr) return false;
   for (const std::uintptr_t routine : routines_) {
     if (routine == 0 || inside - routine >= longest_routine) continue;
