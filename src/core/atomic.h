@@ -10,6 +10,7 @@ template <class T>
 class atomic {
  public:
   constexpr atomic() = default;
+  constexpr atomic(T value) : value_(value) {}  // NOLINT(google-explicit-constructor)
   atomic(const atomic&) = delete;
   atomic& operator=(const atomic&) = delete;
 

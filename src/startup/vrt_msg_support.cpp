@@ -3,14 +3,21 @@
 // Everything here is for diagnostics shortly before a process ends: static buffers, no lock, no
 // allocation of our own. Formatting goes through the C library's overflow-checked routine, which
 // ends the process rather than write past the buffer.
+//
+// A child of fork has the forking thread alone. Where another thread was opening the catalogue, the
+// child puts LANG back and opens it anew; everything else is either as before or whole.
 #include "startup/vrt_msg_support.h"
 
 #include <nl_types.h>
+#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "core/atomic.h"
+#include "core/fork.h"
 
 using zorvac::startup::message_buffer_bytes;
 using zorvac::startup::to_standard_error;
@@ -89,9 +96,12 @@ namespace {
 constexpr char catalog_name[] = "vrt_msg.cat";
 constexpr int catalog_set = 1;
 
-bool first_msg = true;  // until the catalogue has been tried
+zorvac::atomic<bool> first_msg = true;  // until the catalogue has been tried
 bool use_internal_msg = true;
 nl_catd message_catalog;
+zorvac::atomic<bool> is_opening;  // while a thread is in open_catalog
+zorvac::atomic<const char*>
+    whole_lang;  // LANG as it was, while the environment may have less of it
 char get_msg_buf[message_buffer_bytes];
 char print_buf[message_buffer_bytes];
 
@@ -111,20 +121,47 @@ nl_catd open_catalog() {
   char* codeset = std::strchr(language, '.');
   if (codeset == nullptr) return catalog;
   *codeset = '\0';
+  whole_lang.store_release(lang);
   setenv("LANG", language, 1);
   nl_catd second = catopen(catalog_name, 0);
   // The C library never frees a value that setenv replaces, so the whole old text, which may be
   // longer than our copy, is still there.
   setenv("LANG", lang, 1);
+  whole_lang.store_release(nullptr);
   return second;
+}
+
+// Undoes what a thread of the parent was in the midst of. Not by setenv, whose lock such a thread
+// may have held; `whole_lang` points into the entry that the environment had.
+void give_up_opening_in_child() {
+  if (!is_opening.load_acquire()) return;
+  is_opening.store_relaxed(false);
+  first_msg.store_relaxed(true);
+  use_internal_msg = true;
+  const char* const lang = whole_lang.load_acquire();
+  if (lang == nullptr || environ == nullptr) return;
+  constexpr char name[] = "LANG=";
+  constexpr std::size_t name_bytes = sizeof name - 1;
+  for (char** entry = environ; *entry != nullptr; ++entry)
+    if (std::strncmp(*entry, name, name_bytes) == 0)
+      *entry = const_cast<char*>(lang - name_bytes);  // NOLINT(*-const-cast)
+  whole_lang.store_relaxed(nullptr);
+}
+
+// At load, not in the first look-up: a program may print from within a handler of its own around a
+// fork, where C libraries before glibc 2.36 hold the lock of the list of handlers.
+[[gnu::constructor]] void handle_forks() {
+  zorvac::at_fork(nullptr, nullptr, give_up_opening_in_child);
 }
 
 // `number` is not range-checked: it comes from the library, never from a program.
 const char* look_up(int number) {
-  if (first_msg) {
-    first_msg = false;
+  if (first_msg.load_relaxed()) {
+    is_opening.store_relaxed(true);
+    first_msg.store_release(false);
     message_catalog = open_catalog();
     if (is_open(message_catalog)) use_internal_msg = false;
+    is_opening.store_release(false);
   }
   const char* built_in = vrt_msgtab[number].text;
   if (use_internal_msg) return built_in;

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <latch>
+#include <thread>
 
 #include "startup/checks.h"
 #include "startup/new_proc_init.h"
@@ -21,9 +23,11 @@
 
 // Stands before the C library's routine.
 static std::string attempts;  // LANG at each
+static std::function<void()> during_attempt = [] {};
 extern "C" nl_catd catopen(const char* name, int flag) {
   const char* lang = std::getenv("LANG");
   attempts += std::string(lang == nullptr ? "unset" : lang) + ' ';
+  during_attempt();
   return reinterpret_cast<nl_catd (*)(const char*, int)>(dlsym(RTLD_NEXT, "catopen"))(name, flag);
 }
 
@@ -234,6 +238,38 @@ TEST(Catalogues, AreFoundByLanguage) {
     EXPECT_TRUE(o.exit_status == 0 && (first == built_in(26) || begins)) << length << o;
   }
   std::filesystem::remove_all(folder);
+}
+
+// Where another thread is in the first or second attempt, a child of fork has the LANG of before,
+// and makes both attempts itself. The parent's thread goes on as if nothing had been.
+TEST(Catalogues, AreOpenedAnewInAChildOfForkAmidTheirOpening) {
+  for (const std::string amid : {"none.UTF-8 ", "none.UTF-8 none "}) {
+    const outcome o = run_in_child([&] {
+      setenv("LANG", "none.UTF-8", 1);
+      std::latch reached(1), forked(1);
+      during_attempt = [&] {
+        if (attempts != amid) return;
+        reached.count_down();
+        forked.wait();
+      };
+      std::thread printing([] { __libvrt_print(to_standard_error, 26, 0); });
+      reached.wait();
+      const outcome child = run_in_child([] {
+        during_attempt = [] {};
+        attempts = std::string("child: LANG ") + std::getenv("LANG") + ", attempts ";
+        __libvrt_print(to_standard_error, 54, 0);
+        std::printf("%s", attempts.c_str());
+      });
+      forked.count_down();
+      printing.join();
+      std::printf("%s\nparent: %s", child.standard_output.c_str(), attempts.c_str());
+      std::fprintf(stderr, "%s", child.standard_error.c_str());
+    });
+    EXPECT_EQ(o, (outcome{"child: LANG none.UTF-8, attempts none.UTF-8 none \n"
+                          "parent: none.UTF-8 none ",
+                          std::string(built_in(26)) + '\n' + built_in(54) + '\n', 0, 0}))
+        << "forked amid " << amid;
+  }
 }
 
 }  // namespace
