@@ -106,6 +106,7 @@ endif()
 zorvac_sources(ZORVAC_ALLOCATION_SOURCES baseline
   mem/fastcalloc.cpp
   mem/imalloc.cpp
+  mem/single_threaded.cpp
   mem/xmm_malloc.cpp)
 zorvac_sources(ZORVAC_ALLOCATION_SOURCES general mem/stacksecurity.cpp)
 set_property(SOURCE ${ZORVAC_ALLOCATION_SOURCES} APPEND PROPERTY COMPILE_OPTIONS -fno-builtin)

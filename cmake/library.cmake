@@ -68,8 +68,8 @@ endfunction()
 zorvac_shared_library(zorvac zorvac_identification)
 
 # In the archive, what has a plain word for a name is local to its one source: a program may use the
-# name itself. And the C library's routine has its plain name (see pc_info.cpp), as a static program
-# has no other.
+# name itself. And what is asked of the C library in a version of our choice (.symver) has its plain
+# name, as a static program has no other.
 add_library(zorvac_static STATIC $<TARGET_OBJECTS:zorvac_identification>
                                  $<TARGET_OBJECTS:zorvac_common>)
 set_target_properties(zorvac_static PROPERTIES OUTPUT_NAME zorvac LINKER_LANGUAGE C)
@@ -77,7 +77,9 @@ set(plain_words work_pool headerP Last_PoolP last_pool_num Array_size Array_size
     _i_pool_cr_sec vrt_msgtab c_feature_names)
 add_custom_command(TARGET zorvac_static POST_BUILD VERBATIM COMMAND ${CMAKE_OBJCOPY}
   --enable-deterministic-archives "--localize-symbol=$<JOIN:${plain_words},;--localize-symbol=>"
-  --redefine-sym dladdr@GLIBC_2.2.5=dladdr $<TARGET_FILE:zorvac_static> COMMAND_EXPAND_LISTS)
+  --redefine-sym dladdr@GLIBC_2.2.5=dladdr
+  --redefine-sym __libc_single_threaded@=__libc_single_threaded
+  $<TARGET_FILE:zorvac_static> COMMAND_EXPAND_LISTS)
 target_include_directories(zorvac_static INTERFACE
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 

@@ -1,4 +1,5 @@
-// Zero-filled memory without the fill, where malloc has just mapped the block.
+// Zero-filled memory without the fill, where malloc has just mapped the block. That it is zero then
+// holds for the C library's malloc, where nobody has told it to fill what it gives (zorvac/mem.h).
 #include <cstddef>
 
 #include "mem/block_header.h"

@@ -3,13 +3,18 @@
 //
 // One lock guards everything rare: registration, new pools, draining, starting over. The two
 // frequent steps take none: a block is handed out by one compare-and-swap on the pool's counter,
-// and freed by one addition to another. docs/pool.md has the states and the proof.
+// and freed by one addition to another. Neither walks the list of pools: a registered size has its
+// first pool with room at hand, and a block's pool is found in a table in order of address.
+// docs/pool.md has the states and the proof.
 #include "mem/imalloc.h"
 
 #include <cstdlib>
 
+#include "core/fork.h"
 #include "mem/block_header.h"
+#include "mem/single_threaded.h"
 
+using zorvac::mem::address_table;
 using zorvac::mem::max_pools;
 using zorvac::mem::max_sizes;
 using zorvac::mem::pool;
@@ -30,26 +35,64 @@ namespace {
 constexpr std::uint32_t usual_count = 30'000;
 constexpr std::uint32_t large_count = 300'000;  // for the sizes of small, very frequent objects
 
+// These stand where there is no pool: their size is nobody's, and no address lies in them.
+constinit pool not_known;
+constinit pool none_left;
+
+// For each registered size, in the order of its list: the first pool in the list of pools that has
+// room; not_known where the list is yet to be walked; none_left where every pool is full and every
+// descriptor taken. Null, which no request finds, before the first registration. Written under the
+// lock. The first index is the kind, pool::zeroed.
+constinit zorvac::atomic<pool*> first_with_room[2][max_sizes];
+
+// The tables that have been published, one for each pool that got its memory, and the one before
+// them. Null in place of a table where pools overlap: then the list is walked.
+constinit const address_table no_addresses = {1, {{0, &none_left}}};
+constinit address_table address_tables[max_pools];
+constinit zorvac::atomic<const address_table*> located = &no_addresses;
+
 std::uint32_t count_for(std::uint32_t size) {
   return size == 40 || size == 48 || size == 96 ? large_count : usual_count;
 }
 
+// The thread that has the global lock; null where none has.
+constinit zorvac::atomic<const void*> lock_holder;
+
+const void* this_thread() {
+  const void* thread;
+  asm("mov %%fs:0, %0" : "=r"(thread));  // the thread pointer of the x86-64 psABI
+  return thread;
+}
+
+void lock() {
+  __fast_lock(&_i_pool_cr_sec);
+  lock_holder.store_relaxed(this_thread());
+}
+
+void unlock() {
+  lock_holder.store_relaxed(nullptr);
+  __fast_unlock(&_i_pool_cr_sec);
+}
+
 class global_lock {
  public:
-  global_lock() { __fast_lock(&_i_pool_cr_sec); }
-  ~global_lock() { __fast_unlock(&_i_pool_cr_sec); }
+  global_lock() { lock(); }
+  ~global_lock() { unlock(); }
   global_lock(const global_lock&) = delete;
   global_lock& operator=(const global_lock&) = delete;
 };
 
-// Size 0, which ends the list, is never in it.
-bool is_registered(const size_list& sizes, std::uint32_t size) {
-  for (const auto& entry : sizes) {
-    const std::uint32_t registered = entry.load_relaxed();
-    if (registered == 0) return false;
-    if (registered == size) return true;
+size_list& registered(std::uint32_t zeroed) { return zeroed != 0 ? Array_size_calloc : Array_size; }
+
+// Where `size` stands in the list; max_sizes where it does not. Size 0, which ends the list, never
+// does.
+[[gnu::always_inline]] inline std::uint32_t index_of(const size_list& sizes, std::uint32_t size) {
+  for (std::uint32_t i = 0; i < max_sizes; ++i) {
+    const std::uint32_t entry = sizes[i].load_acquire();
+    if (entry == 0) break;
+    if (entry == size) return i;
   }
-  return false;
+  return max_sizes;
 }
 
 // A descriptor that is in no list yet.
@@ -64,13 +107,40 @@ void prepare(pool& p, std::uint32_t size, std::uint32_t count, std::uint32_t zer
   p.freed.store_relaxed(0);
 }
 
-// Puts a pool without memory at the head of the list. Under the global lock; not all are taken.
+// Puts a pool without memory, which looks full, at the head of the list. Under the global lock; not
+// all are taken.
 pool& add_pool(std::uint32_t size, std::uint32_t zeroed) {
   pool& p = work_pool[last_pool_num++];
   prepare(p, size, count_for(size), zeroed);
+  p.handed_out.store_relaxed(p.count);
   p.next = headerP.load_relaxed();
   headerP.store_release(&p);
   return p;
+}
+
+// Publishes a table with `p` at `memory` in it. Under the global lock, once for each pool. Readers
+// may have any earlier table at hand, so none is ever changed.
+void locate(pool& p, const char* memory, bool fits) {
+  const address_table* const old = located.load_relaxed();
+  if (old == nullptr) return;
+  if (!fits) return located.store_release(nullptr);
+  const address_table::entry added = {reinterpret_cast<std::uintptr_t>(memory), &p};
+  address_table& table = address_tables[old->count - 1];
+  std::uint32_t i = old->count;
+  for (; old->entries[i - 1].base > added.base; --i) table.entries[i] = old->entries[i - 1];
+  table.entries[i] = added;
+  while (i-- > 0) table.entries[i] = old->entries[i];
+  table.count = old->count + 1;
+  located.store_release(&table);
+}
+
+// Whether malloc has just mapped the memory, and nothing has written to it since. An allocator that
+// fills what it gives (glibc's does under the tunable malloc.perturb) fills all of it, so both ends
+// tell. `bytes` is a multiple of 16.
+bool is_zero(const char* memory, std::size_t bytes) {
+  if (bytes == 0 || !zorvac::mem::is_fresh(memory)) return false;
+  const auto* const words = reinterpret_cast<const std::uint64_t*>(memory);
+  return (words[0] | words[bytes / sizeof *words - 1]) == 0;
 }
 
 // Starts a drained or new pool and returns its first block. Under the global lock.
@@ -78,94 +148,174 @@ pool& add_pool(std::uint32_t size, std::uint32_t zeroed) {
 // A new pool takes its memory from malloc. Where malloc has none, null is the answer, and the pool
 // stays without: the next request of its size comes here again.
 //
-// The counter of handed-out blocks is stored last: a thread that read `base` before the pool was
-// drained may take the second block as soon as it sees that counter, so all else is done.
+// The counter of handed-out blocks is stored last: whoever sees it may take the second block at
+// once, so all else is done.
 [[gnu::noinline, gnu::cold]] char* start(pool& p) {
   // A 32-bit signed product; a negative one is more than malloc will ever give.
   const auto bytes = static_cast<std::size_t>(static_cast<std::int32_t>(p.count * p.size));
   char* memory = p.saved_base;
-  bool is_zero = false;
+  bool clear = p.zeroed != 0;
   if (memory == nullptr) {
     memory = static_cast<char*>(std::malloc(bytes));
     if (memory == nullptr) return nullptr;
-    is_zero = zorvac::mem::is_fresh(memory);
+    if (clear && is_zero(memory, bytes)) clear = false;
     p.last = memory + std::size_t{p.size} * (p.count - 1);
+    locate(p, memory, std::size_t{p.size} * p.count == bytes);
   }
-  if (p.zeroed != 0 && !is_zero) _zorva_fast_memset(memory, 0, bytes);
+  if (clear) _zorva_fast_memset(memory, 0, bytes);
   p.freed.store_relaxed(0);
   p.base.store_release(memory);
   p.handed_out.store_release(1);
   return memory;
 }
 
-// The index of the next block, now the caller's, or the count of a pool that is full.
-std::uint32_t take_next(pool& p) {
+// Adds 1 to a counter that is `index`. Otherwise, or for no reason, leaves what it is in `index`.
+[[gnu::always_inline]] inline bool take(zorvac::atomic<std::uint32_t>& counter,
+                                        std::uint32_t& index) {
+  if (!zorvac::mem::is_single_threaded()) return counter.try_replace_acquire(index, index + 1);
+  counter.store_relaxed(index + 1);
+  return true;
+}
+
+// The next block of a pool; null where it is full, as a drained pool looks, too. A block that is
+// taken keeps the pool from draining, so `base` is there.
+[[gnu::always_inline]] inline char* next_block(pool& p, std::uint32_t size) {
   std::uint32_t index = p.handed_out.load_relaxed();
-  while (index < p.count && !p.handed_out.try_replace_acquire(index, index + 1)) {
-  }
-  return index;
+  do {
+    if (index >= p.count) return nullptr;
+  } while (!take(p.handed_out, index));
+  return p.base.load_relaxed() + std::size_t{index} * size;
 }
 
-// The next block of the first pool from `p` on that has one. Null at the end of the list, where p
-// is null then, and at a drained pool, where p stays.
-[[gnu::always_inline]] inline char* take_from(pool*& p, std::uint32_t size, std::uint32_t zeroed) {
-  for (; p != nullptr; p = p->next) {
+struct answer {
+  bool from_pool;  // or else from the system
+  char* block;     // null where there is no memory
+};
+
+// A block from the first pool that has one or is drained, or from a new pool. While the lock is
+// held a full pool stays full, so what is found is the first pool with room.
+[[gnu::noinline]] answer take_with_lock(std::uint32_t size, std::uint32_t zeroed) {
+  const global_lock held;
+  const std::uint32_t index = index_of(registered(zeroed), size);
+  if (index == max_sizes) return {false, nullptr};
+  zorvac::atomic<pool*>& first = first_with_room[zeroed][index];
+  for (pool* p = headerP.load_relaxed(); p != nullptr; p = p->next) {
     if (p->size != size || p->zeroed != zeroed) continue;
-    char* const base = p->base.load_acquire();
-    if (base == nullptr) return nullptr;
-    const std::uint32_t index = take_next(*p);
-    if (index < p->count) return base + std::size_t{index} * size;
+    const bool drained = p->base.load_relaxed() == nullptr;
+    char* const block = drained ? start(*p) : next_block(*p, size);
+    if (!drained && block == nullptr) continue;
+    first.store_release(p);
+    return {true, block};
   }
-  return nullptr;
+  if (last_pool_num == max_pools) {
+    first.store_release(&none_left);
+    return {false, nullptr};
+  }
+  pool& added = add_pool(size, zeroed);
+  first.store_release(&added);
+  return {true, start(added)};
 }
 
-// A block from the first pool that has one or is drained, from a new pool, or from the system.
 template <class System>
 [[gnu::noinline]] void* allocate_with_lock(std::uint32_t size, std::uint32_t zeroed,
                                            System from_system) {
-  for (;;) {
-    pool* const head = headerP.load_acquire();
-    for (pool* p = head;;) {
-      if (char* const block = take_from(p, size, zeroed)) return block;
-      if (p == nullptr) break;
-      const global_lock held;
-      if (p->base.load_relaxed() == nullptr) return start(*p);
-    }
-    const global_lock held;
-    if (headerP.load_relaxed() != head) continue;  // a new pool: it may have room
-    if (last_pool_num < max_pools) return start(add_pool(size, zeroed));
-    break;
-  }
-  return from_system();
+  const answer a = take_with_lock(size, zeroed);
+  return a.from_pool ? a.block : from_system();
 }
 
-// Nearly every request ends at the first pool of its size, and this much needs no stack frame.
+// Nearly every request ends at the first pool with room, and this much needs no stack frame. The
+// size is another one where there is no pool, or a registration has just replaced the list.
 template <class System>
-[[gnu::always_inline]] inline void* allocate(const size_list& sizes, std::uint32_t size,
-                                             std::uint32_t zeroed, System from_system) {
-  if (!is_registered(sizes, size)) return from_system();
-  pool* p = headerP.load_acquire();
-  if (char* const block = take_from(p, size, zeroed)) return block;
+[[gnu::always_inline]] inline void* allocate(std::uint32_t size, std::uint32_t zeroed,
+                                             System from_system) {
+  const std::uint32_t index = index_of(registered(zeroed), size);
+  if (index == max_sizes) return from_system();
+  pool* const p = first_with_room[zeroed][index].load_acquire();
+  if (p->size == size) {
+    if (char* const block = next_block(*p, size)) return block;
+  } else if (p == &none_left) {
+    return from_system();
+  }
   return allocate_with_lock(size, zeroed, from_system);
+}
+
+[[gnu::always_inline]] inline bool holds(const pool& p, std::uintptr_t address) {
+  const auto base = reinterpret_cast<std::uintptr_t>(p.base.load_acquire());
+  return base != 0 && base <= address && address <= reinterpret_cast<std::uintptr_t>(p.last);
+}
+
+[[gnu::noinline, gnu::cold]] pool* walk_to_pool_of(std::uintptr_t address) {
+  pool* p = headerP.load_acquire();
+  while (p != nullptr && !holds(*p, address)) p = p->next;
+  return p;
 }
 
 // The pool that `block` belongs to, or null.
 [[gnu::always_inline]] inline pool* pool_of(const void* block) {
   const auto address = reinterpret_cast<std::uintptr_t>(block);
-  for (pool* p = headerP.load_acquire(); p != nullptr; p = p->next) {
-    const auto base = reinterpret_cast<std::uintptr_t>(p->base.load_acquire());
-    if (base == 0) continue;
-    if (address >= base && address <= reinterpret_cast<std::uintptr_t>(p->last)) return p;
+  const address_table* const table = located.load_acquire();
+  if (table == nullptr) return walk_to_pool_of(address);
+  // The entry is one of `n` from `at` on. Without a branch: which half it is nobody can foresee.
+  const address_table::entry* at = table->entries;
+  for (std::uint32_t n = table->count; n > 1;) {
+    const std::uint32_t half = n / 2;
+    at += at[half].base <= address ? half : 0;
+    n -= half;
   }
-  return nullptr;
+  return holds(*at->owner, address) ? at->owner : nullptr;
 }
 
-[[gnu::noinline, gnu::cold]] void drain(pool& p) {
-  const global_lock held;
+// Under the global lock. The pool has room now, and may stand before the one at hand.
+void set_drained(pool& p) {
   char* const base = p.base.load_relaxed();
   if (base == nullptr) return;
   p.saved_base = base;
   p.base.store_relaxed(nullptr);
+  const std::uint32_t index = index_of(registered(p.zeroed), p.size);
+  if (index < max_sizes) first_with_room[p.zeroed][index].store_release(&not_known);
+}
+
+[[gnu::noinline, gnu::cold]] void drain(pool& p) {
+  const global_lock held;
+  set_drained(p);
+}
+
+// Counts one more block of the pool as freed.
+[[gnu::always_inline]] inline std::uint32_t count_freed(pool& p) {
+  if (!zorvac::mem::is_single_threaded()) return p.freed.add(1);
+  const std::uint32_t sum = p.freed.load_relaxed() + 1;
+  p.freed.store_relaxed(sum);
+  return sum;
+}
+
+// Around a fork the forking thread has the lock, so that a child finds nothing half done under it.
+// It has it already where the fork is in a signal handler that interrupted it meanwhile: then the
+// interrupted frames will release it, in the child too.
+bool handles_forks = false;      // both under the lock
+unsigned forks_in_handlers = 0;  // between the handlers before them and after
+
+void before_fork() {
+  if (lock_holder.load_relaxed() == this_thread()) {
+    ++forks_in_handlers;
+  } else {
+    lock();
+  }
+}
+
+void after_fork_in_parent() {
+  if (forks_in_handlers != 0) {
+    --forks_in_handlers;
+  } else {
+    unlock();
+  }
+}
+
+// A thread that has freed a pool's last block but not got the lock yet is not in the child, which
+// drains that pool in its place.
+void after_fork_in_child() {
+  for (pool& p : work_pool)
+    if (forks_in_handlers == 0 && p.freed.load_relaxed() == p.count) set_drained(p);
+  after_fork_in_parent();
 }
 
 }  // namespace
@@ -184,25 +334,31 @@ void __fast_unlock(std::uint32_t* lock) { __atomic_exchange_n(lock, 0, __ATOMIC_
 // Descriptors in the list keep what they have: their blocks are in the program's hands.
 void __i_pool_init(const std::uint32_t* sizes, int for_calloc) {
   const global_lock held;
-  size_list& registered = for_calloc != 0 ? Array_size_calloc : Array_size;
+  if (!handles_forks) {
+    zorvac::at_fork(before_fork, after_fork_in_parent, after_fork_in_child);
+    handles_forks = true;
+  }
+  const std::uint32_t zeroed = for_calloc != 0;
+  size_list& list = registered(zeroed);
+  for (auto& first : first_with_room[zeroed]) first.store_relaxed(&not_known);
   std::uint32_t n = 0;
   for (; n < max_sizes && sizes[n] != 0; ++n) {
-    registered[n].store_relaxed(sizes[n]);
+    list[n].store_release(sizes[n]);
     Last_PoolP = &work_pool[n];
-    if (n >= last_pool_num) prepare(work_pool[n], sizes[n], usual_count, for_calloc != 0);
+    if (n >= last_pool_num) prepare(work_pool[n], sizes[n], usual_count, zeroed);
   }
-  if (n < max_sizes) registered[n].store_relaxed(0);
+  if (n < max_sizes) list[n].store_release(0);
   for (; n < max_pools; ++n)
     if (n >= last_pool_num) work_pool[n].next = nullptr;
 }
 
 void* __i_pool_malloc(std::uint32_t size) {
-  return allocate(Array_size, size, 0, [size] { return std::malloc(size); });
+  return allocate(size, 0, [size] { return std::malloc(size); });
 }
 
 void* __i_pool_calloc(int count, int size) {
   const auto bytes = static_cast<std::uint32_t>(count) * static_cast<std::uint32_t>(size);
-  return allocate(Array_size_calloc, bytes, 1, [count, size] {
+  return allocate(bytes, 1, [count, size] {
     return std::calloc(static_cast<std::size_t>(count), static_cast<std::size_t>(size));
   });
 }
@@ -219,10 +375,7 @@ void* __i_pool_realloc(void* block, std::uint32_t size) {
 
 void __i_pool_free(void* block) {
   pool* const p = pool_of(block);
-  if (p == nullptr) {
-    std::free(block);
-  } else if (p->freed.add(1) == p->count) {
-    drain(*p);
-  }
+  if (p == nullptr) return std::free(block);
+  if (count_freed(*p) == p->count) drain(*p);
 }
 }

@@ -39,6 +39,17 @@ struct alignas(cache_line_bytes) pool {
   alignas(cache_line_bytes) atomic<std::uint32_t> freed;
 };
 
+// The pools that have memory, drained ones too, in order of address. The first entry stands for all
+// addresses below the first pool and has none.
+struct address_table {
+  struct entry {
+    std::uintptr_t base;
+    pool* owner;
+  };
+  std::uint32_t count;
+  entry entries[max_pools + 1];
+};
+
 // Registered sizes, ended by 0 or by the end of the array.
 using size_list = atomic<std::uint32_t>[max_sizes];
 

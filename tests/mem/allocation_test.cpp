@@ -4,11 +4,14 @@
 // so that it works the same under a sanitizer's allocator.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <thread>
 
@@ -37,6 +40,10 @@ struct {
   bool watched = false, fails = false;
   std::uint64_t header = 2;
   std::size_t offset = 16;  // of a block in its page
+  // A byte of a block that is not zero. Where the next blocks lie; anywhere in memory when empty.
+  std::size_t written = SIZE_MAX;
+  std::vector<unsigned char*> places = {};
+  std::function<void()> at_work = [] {};
   unsigned char* last = nullptr;
   std::string asked = {};
 
@@ -44,12 +51,18 @@ struct {
   void* give(const char* call, std::size_t bytes) {
     if (!watched) return __real_calloc(1, bytes);
     note(call, bytes);
+    at_work();
     if (fails) return nullptr;
-    auto* const map = static_cast<unsigned char*>(
-        mmap(nullptr, offset + bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    auto* const map = places.empty() ? map_memory(offset + bytes) : places.back();
+    if (!places.empty()) places.pop_back();
     if ((header & 2) == 0) std::memset(map, 0xcc, offset + bytes);  // used before
+    if (written < bytes) map[offset + written] = 1;
     std::memcpy(map + offset - 8, &header, 8);
     return last = map + offset;
+  }
+  static unsigned char* map_memory(std::size_t bytes) {
+    return static_cast<unsigned char*>(
+        mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
   }
 } the_system;
 
@@ -124,6 +137,80 @@ TEST(Pool, LivesThroughItsStates) {
       EXPECT_EQ(asked([&] { take(others, k.blocks), take(again, k.blocks); }), cleared);
       EXPECT_EQ(again[0], *std::min_element(blocks.begin(), blocks.end()));
     });
+}
+
+// All fifty pools of one size, in memory that lies in another order than the pools do. Every block
+// is found to be its pool's, the system's blocks are not, and of the pools that have room the
+// youngest comes first.
+TEST(Pool, FindsItsBlocksAndItsRoomAmongFifty) {
+  in_own_process([] {
+    constexpr std::uint32_t size = 32, blocks = 30'000;
+    constexpr std::size_t apart = std::size_t{1} << 20;
+    unsigned char* const memory = the_system.map_memory(mem::max_pools * apart);
+    for (std::size_t i = 0; i < mem::max_pools; ++i)
+      the_system.places.push_back(memory + i * apart);
+    std::shuffle(the_system.places.begin(), the_system.places.end(), std::minstd_rand(1));
+    __i_pool_init(sizes{size, 0}.begin(), 0);
+    std::vector<std::vector<char*>> taken(mem::max_pools);
+    const auto take = [] { return static_cast<char*>(__i_pool_malloc(size)); };
+    asked([&] {
+      for (auto& of_pool : taken)
+        for (std::uint32_t i = 0; i < blocks; ++i) of_pool.push_back(take());
+    });
+    EXPECT_EQ(asked([&] { __i_pool_free(take()); }), "malloc 32 free ") << "all are full";
+    for (char* elsewhere : {taken[0][0] - 1, taken[7].back() + 1, taken[49].back() + size})
+      EXPECT_EQ(asked([=] { __i_pool_free(elsewhere); }), "free another ");
+
+    const auto drain = [&](std::size_t pool) {
+      std::vector<char*> in_disorder = taken[pool];
+      std::shuffle(in_disorder.begin(), in_disorder.end(), std::minstd_rand(2));
+      for (char* block : in_disorder) __i_pool_free(block);
+      EXPECT_EQ(work_pool[pool].base.load_acquire(), nullptr) << "pool " << pool;
+    };
+    drain(10);
+    EXPECT_EQ(take(), taken[10][0]) << "the only pool with room";
+    drain(30);
+    drain(20);
+    for (const std::size_t youngest : {30, 20})
+      for (char* block : taken[youngest]) ASSERT_EQ(take(), block) << "pool " << youngest;
+    EXPECT_EQ(take(), taken[10][1]) << "begun before the others were drained";
+    for (std::size_t i = 0; i < mem::max_pools; ++i) {
+      __i_pool_free(taken[i][2]);
+      EXPECT_EQ(work_pool[i].freed.load_acquire(), 1u) << "pool " << i;
+    }
+  });
+}
+
+// Memory that was mapped for the pool but is not zero at one end, or both, was filled by malloc.
+TEST(Pool, ClearsMappedMemoryThatMallocHasFilled) {
+  const std::string opened = "malloc 1920000 ";
+  const std::tuple<std::size_t, std::string> rows[] = {
+      {SIZE_MAX, opened}, {0, opened + "fill 1920000 "}, {1'919'999, opened + "fill 1920000 "}};
+  for (const auto& [written, asks] : rows)
+    in_own_process([w = written, expected = asks] {
+      __i_pool_init(sizes{64, 0}.begin(), 1);
+      the_system.written = w;
+      EXPECT_EQ(asked([] { __i_pool_calloc(1, 64); }), expected) << "byte " << w;
+    });
+}
+
+// A signal handler may fork where it interrupts a thread that has the lock. In the child, too, that
+// thread goes on and releases it.
+TEST(Pool, MayBeInterruptedByASignalHandlerThatForks) {
+  in_own_process([] {
+    alarm(20);
+    static pid_t child;
+    std::signal(SIGUSR1, [](int) { child = fork(); });
+    __i_pool_init(sizes{64, 32, 0}.begin(), 0);
+    the_system.at_work = [] { std::raise(SIGUSR1); };
+    EXPECT_EQ(asked([] { __i_pool_malloc(64); }), "malloc 1920000 ");
+    the_system.at_work = [] {};
+    EXPECT_EQ(asked([] { __i_pool_malloc(32); }), "malloc 960000 ");
+    if (child == 0) std::fflush(nullptr), _exit(testing::Test::HasFailure());
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0) << "of the child";
+  });
 }
 
 // What pools do not serve goes to the system. The smaller size moves: between pools, to the system,
