@@ -54,6 +54,11 @@ RUNS = (
     Run("string_bench", "(atoi|atoll)/"),
     Run("string_bench", "(strlen|strchr)/", "string_bench-sse2",
         (WITHOUT_AVX + ",-SSSE3,-BMI2",)),
+) + tuple(
+    Run("pool_bench", f"/{threads}-", f"pool_bench-{result}-{pools or 1}",
+        (f"ZORVAC_BENCH_POOLS={pools}",))
+    for pools in ("", "5", "50", "spent")
+    for threads, result in (("one", "one"), ("(two|four)", "several"))
 )
 
 
@@ -70,7 +75,7 @@ FAMILIES = (
            (Chart("strlen", "strlen: time by length", r"strlen/(?P<size>\d+)$", ratio_scale=True),
             Chart("numbers", "Decimal numbers: time by digits",
                   r"(?P<series>ato\w+)/(?P<size>\d+)$", x="digits", ratio_scale=True))),
-    Family("pool", "Pools", r"(pair|crowd|handover)/",
+    Family("pool", "Pools", r"(pair|crowd|handover|foreign)/",
            (Chart("pool", "One allocation and one free of 64 bytes", r"(?P<row>\w+)/one-thread$",
                   bars=True),)),
     Family("quad", "Quad arithmetic",

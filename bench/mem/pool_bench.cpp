@@ -1,9 +1,17 @@
 // Pooled blocks of 64 bytes beside the C library's malloc, mimalloc and jemalloc, in one process,
-// on one thread and on two that share everything. Rows are <family>/<threads>/<contender>:
+// on one thread and on several that share everything. Rows are <family>/<threads>/<contender>:
 //
 //   pair     allocates, writes the first word and frees, again and again
 //   crowd    keeps 10,000 blocks; frees the oldest for each new one
 //   handover frees what another thread allocated; with one thread, what it allocated a while ago
+//   foreign  pair with a block of the C library's, which a program frees as if it were of a pool
+//
+// How many pools there are is set for a process by ZORVAC_BENCH_POOLS, and is part of the rows'
+// names: nothing (one pool), 5 or 50 (as many sizes with a pool each, of which ours is the oldest),
+// or "spent": all 50 pools are of our size and full, so that the C library serves the requests.
+//
+// Rows with one thread are to run in a process without the others: once there has been a second
+// thread, the pools' counters and the C library's own allocator take locked instructions.
 //
 // Every contender is called through pointers, so each pays for the same indirect calls. mimalloc
 // and jemalloc stand beside the C library's malloc, not in its place: both are reached by their own
@@ -18,6 +26,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 extern "C" {
@@ -72,14 +81,29 @@ void handover(benchmark::State& state, const allocator& a) {
     if (void* const block = left.exchange(nullptr)) a.release(block);
 }
 
-// Once the process has had a second thread the C library's own allocator takes other paths on some
-// occasions, so rows with one thread may differ by what ran before; interleaving evens that out.
-void add_rows(const char* family, void (*work)(benchmark::State&, const allocator&),
+// Makes the pools that there are to be, and returns what rows are called for it.
+std::string make_pools(const std::string& which) {
+  std::vector<std::uint32_t> sizes = {block_bytes};
+  const std::size_t count = which.empty() || which == "spent" ? 1 : std::stoul(which);
+  while (sizes.size() < count) sizes.push_back(sizes.back() + 32);
+  sizes.push_back(0);
+  __i_pool_init(sizes.data(), 0);
+  sizes.pop_back();
+  for (const std::uint32_t size : sizes) __i_pool_malloc(size);
+  if (which.empty()) return "";
+  if (which != "spent") return '-' + which + "-pools";
+  for (int block = 1; block < 50 * 30'000; ++block) __i_pool_malloc(block_bytes);
+  return "-spent-pools";
+}
+
+void add_rows(const std::string& family, const std::string& pools,
+              void (*work)(benchmark::State&, const allocator&),
               const std::vector<allocator>& allocators) {
-  for (const int threads : {1, 2}) {
+  const std::pair<int, const char*> rows[] = {
+      {1, "/one-thread"}, {2, "/two-threads"}, {4, "/four-threads"}};
+  for (const auto& [threads, row] : rows) {
     for (const allocator& a : allocators) {
-      const std::string name =
-          std::string(family) + (threads == 1 ? "/one-thread/" : "/two-threads/") + a.name;
+      const std::string name = family + row + pools + '/' + a.name;
       benchmark::RegisterBenchmark(name.c_str(), [work, &a](benchmark::State& state) {
         work(state, a);
       })->Threads(threads);
@@ -121,12 +145,15 @@ std::vector<allocator> contenders() {
 
 int main(int argc, char** argv) {
   using namespace zorvac::bench;
-  const std::uint32_t sizes[] = {block_bytes, 0};
-  __i_pool_init(sizes, 0);
+  const char* const which = std::getenv("ZORVAC_BENCH_POOLS");
+  const std::string pools = make_pools(which != nullptr ? which : "");
   const std::vector<allocator> allocators = contenders();
-  add_rows("pair", pair, allocators);
-  add_rows("crowd", crowd, allocators);
-  add_rows("handover", handover, allocators);
+  add_rows("pair", pools, pair, allocators);
+  add_rows("crowd", pools, crowd, allocators);
+  add_rows("handover", pools, handover, allocators);
+  const std::vector<allocator> mixed = {{"zorvac", std::malloc, __i_pool_free},
+                                        {"libc", std::malloc, std::free}};
+  add_rows("foreign", pools, pair, mixed);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

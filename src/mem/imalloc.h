@@ -43,11 +43,11 @@ struct alignas(cache_line_bytes) pool {
 // addresses below the first pool and has none.
 struct address_table {
   struct entry {
-    std::uintptr_t base;
-    pool* owner;
+    std::uintptr_t base = 0;
+    pool* owner = nullptr;
   };
-  std::uint32_t count;
-  entry entries[max_pools + 1];
+  std::uint32_t count = 0;
+  entry entries[max_pools + 1] = {};
 };
 
 // Registered sizes, ended by 0 or by the end of the array.

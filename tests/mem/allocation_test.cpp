@@ -171,7 +171,7 @@ TEST(Pool, FindsItsBlocksAndItsRoomAmongFifty) {
     EXPECT_EQ(take(), taken[10][0]) << "the only pool with room";
     drain(30);
     drain(20);
-    for (const std::size_t youngest : {30, 20})
+    for (const std::size_t youngest : {30u, 20u})
       for (char* block : taken[youngest]) ASSERT_EQ(take(), block) << "pool " << youngest;
     EXPECT_EQ(take(), taken[10][1]) << "begun before the others were drained";
     for (std::size_t i = 0; i < mem::max_pools; ++i) {
