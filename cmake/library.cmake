@@ -1,6 +1,12 @@
 # The library: its object files, the shared and the static library made of them, and a function
 # that links further flavours of the shared library for tests and benchmarks.
 
+# What is shipped tells nothing of the folders that it was built in: the same sources make the same
+# bytes anywhere. Debuggers find the sources from the project's folder.
+add_library(zorvac_reproducible INTERFACE)
+target_compile_options(zorvac_reproducible INTERFACE
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${CMAKE_BINARY_DIR}=.)
+
 # How our own code is compiled. Calls between exported routines must stay replaceable by a program's
 # own definitions: g++ sees to that in position-independent code, clang only when told. No C++
 # run-time library and no unwinder may creep in, and no multiply and add may be fused. g++ would
@@ -14,7 +20,7 @@ target_compile_options(zorvac_code INTERFACE -fcf-protection=return
   $<$<COMPILE_LANGUAGE:CXX>:-fvisibility=hidden -fsemantic-interposition -fno-plt>
   $<$<COMPILE_LANGUAGE:CXX>:-ffp-contract=off>
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-ipa-icf>)
-target_link_libraries(zorvac_code INTERFACE zorvac_warnings)
+target_link_libraries(zorvac_code INTERFACE zorvac_warnings zorvac_reproducible)
 if(ZORVAC_COVERAGE)
   target_compile_options(zorvac_code INTERFACE $<$<COMPILE_LANGUAGE:CXX>:--coverage\;-fprofile-update=atomic>)
 endif()
@@ -37,7 +43,7 @@ set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${exports_list})
 file(STRINGS ${exports_list} exports REGEX "^(function|data) ")
 set(export_names "")
 foreach(export IN LISTS exports)
-  string(REGEX REPLACE "^[a-z]+ +([^ ]+).*" "\\1" name "${export}")
+  string(REGEX REPLACE "^[a-z]+ +[^ ]+ +([^ ]+).*" "\\1" name "${export}")
   string(APPEND export_names "    ${name};\n")
 endforeach()
 file(CONFIGURE OUTPUT ${export_map} @ONLY CONTENT "{\n  global:\n@export_names@  local: *;\n};\n")
@@ -91,12 +97,13 @@ target_include_directories(zorvac_internal INTERFACE ${PROJECT_SOURCE_DIR}/src
                                                      ${PROJECT_SOURCE_DIR}/include)
 target_compile_definitions(zorvac_internal INTERFACE ZORVAC_CPU_VENDOR="${ZORVAC_CPU_VENDOR}")
 
-# A flavour whose fast variants are reachable on every processor, for tests and benchmarks.
-if(ZORVAC_TESTS OR ZORVAC_BENCH OR ZORVAC_EXAMPLES)
-  zorvac_identification_objects(zorvac_identification_any any)
-  zorvac_shared_library(zorvac_any zorvac_identification_any)
-  set_target_properties(zorvac_any PROPERTIES
-    LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/any-vendor)
+# A flavour whose fast variants are reachable on every processor: packaged, and for benchmarks.
+zorvac_identification_objects(zorvac_identification_any any)
+zorvac_shared_library(zorvac_any zorvac_identification_any)
+set_target_properties(zorvac_any PROPERTIES
+  LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/any-vendor)
+if(NOT ZORVAC_INSTALL AND NOT ZORVAC_BENCH)
+  set_target_properties(zorvac_any zorvac_identification_any PROPERTIES EXCLUDE_FROM_ALL ON)
 endif()
 
 add_library(zorvac::zorvac ALIAS zorvac)

@@ -3,6 +3,7 @@
 #include <zorvac/diag.h>
 
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <stdexcept>
 #include <string>

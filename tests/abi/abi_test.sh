@@ -2,14 +2,26 @@
 # The shared library seen from outside, as binutils tell it: what it exports and needs, how it is
 # linked, and which of its routines reach which others through the dynamic symbol table.
 #
-#   abi_test.sh SOURCE_DIR LIBRARY ARCHIVE LIST_OF_OBJECTS
+#   abi_test.sh SOURCE_DIR LIBRARY ARCHIVE LIST_OF_OBJECTS VERSION
 set -euo pipefail
 export LC_ALL=C
-abi=$1/abi library=$2 archive=$3 objects=$4
+abi=$1/abi library=$2 archive=$3 objects=$4 version=$5
 trap 'echo "abi_test.sh: line $LINENO"' ERR
 
+# Names of a release stay as they are, and what is new has a version that is not released yet.
+rows() { awk '!/^#/ && NF { $1 = $1; print }' "$abi/$1" | sort; }
+if comm -13 <(rows exports.txt) <(rows released.txt) | grep .; then
+  echo "abi_test.sh: programs use these exports of a release, which abi/exports.txt lacks" && false
+fi
+if comm -23 <(rows exports.txt) <(rows released.txt) |
+  awk -v version="$version" 'NR == FNR { released[$2]; next } $2 != version || $2 in released' \
+    <(rows released.txt) - | grep .; then
+  echo "abi_test.sh: these exports are new: their version is the next release's, and so is the project's"
+  false
+fi
+
 # The listed names and no others.
-diff <(awk '!/^#/ && NF { $1 = $1; print }' "$abi/exports.txt" | sort) <(
+diff <(rows exports.txt | cut -d' ' -f1,3- | sort) <(
   readelf -W --dyn-syms "$library" | awk '$7 ~ /^[0-9]+$/ {
     print ($4 == "OBJECT" ? "data " $8 " " $3 : "function " $8), $5 }' | sed 's/ GLOBAL$//' | sort)
 
@@ -54,7 +66,7 @@ if sed -n 's/^1 //p' "$objects" | xargs nm | grep ' [VWu] '; then false; fi
 diff <(awk '!/^#/ { for (i = 1; i <= NF; ++i) if ($i ~ /:$/) source = $i; else print source, $i }' \
   "$abi/hops.txt" | sort) <(
   sed 's/^. //' "$objects" | xargs objdump -d -r "$library" | awk '
-    NR == FNR { if (NF > 1) exported[$2]; next }
+    NR == FNR { if (NF > 1) exported[$3]; next }
     / file format / { source = $1; sub(/.*\/src\//, "src/", source); sub(/\.o:/, ":", source) }
     $2 ~ /^R_X86_64_/ { to = $3; sub(/[-+]0x.*/, "", to); if (to in exported) print source, to }
     /^[0-9a-f]+ <.*>:$/ { routine = substr($2, 2, length($2) - 3); sub(/\.cold$/, "", routine) }

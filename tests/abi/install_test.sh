@@ -2,46 +2,78 @@
 # Installs the Debian packages into an empty system, looks at what is there, and builds programs
 # against it in each way that the README names.
 #
-#   install_test.sh SOURCE_DIR BUILD_DIR C_COMPILER
+#   install_test.sh SOURCE_DIR BUILD_DIR C_COMPILER GENERATOR
 set -euo pipefail
-example=$1/examples/processor.c build_dir=$2 cc=$3
+export LC_ALL=C CMAKE_GENERATOR=$4
+exports=$1/abi/exports.txt example=$1/examples/processor.c build_dir=$2 cc=$3
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 fail() { echo "$*" && exit 1; }
 
-# A system that has nothing but what the packages depend on, in the versions of this one.
-(cd "$build_dir" && cpack -B "$folder/packages" >/dev/null)
+# Packed again, at another time, the packages are the same.
+for packages in packages later; do
+  (cd "$build_dir" && cpack -B "$folder/$packages") >log 2>&1 || fail "$(<log)"
+  rm -r "$packages/_CPack_Packages"
+done
+for package in packages/*.deb; do cmp "$package" "later/${package#*/}"; done
+
+# A system that has nothing but what the packages depend on, in the versions of this one; and one
+# where the flavour for any vendor has taken the other's place then.
+runtime=$(echo packages/libzorvac5_*)
+any=$(find packages -name 'libzorvac5-any_*') # none where the build's own flavour is that one
+install() { # ROOT PACKAGE...
+  fakeroot dpkg --root="$folder/$1" --log=/dev/null --force-not-root --force-script-chrootless \
+    --install "${@:2}" >log 2>&1 || fail "dpkg refuses: $(<log)"
+}
 mkdir -p root/var/lib/dpkg/{info,updates}
 for package in packages/*.deb; do dpkg-deb -f "$package" Depends; done | tr ',|' '\n' |
   sed 's/(.*//; s/ //g; /zorvac/d' | sort -u |
   while read -r package; do dpkg-query -s "$package"; echo; done >root/var/lib/dpkg/status
-fakeroot dpkg --root="$folder/root" --log=/dev/null --force-not-root \
-  --force-script-chrootless --install packages/*.deb >log 2>&1 || fail "dpkg refuses: $(cat log)"
+mapfile -t usual < <(find packages -name '*.deb' ! -path "$any")
+install root "${usual[@]}"
+if [ -n "$any" ]; then
+  cp -a root root-any
+  install root-any "$any"
+fi
 
-# What a reader of the package list sees, where files go, who may write them.
+# What a reader of the package list sees; no scripts, for the trigger suffices.
 for package in packages/*.deb; do
-  doc=root/usr/share/doc/$(dpkg-deb -f "$package" Package)
-  cat root/usr/share/man/man7/zorvac.7.gz "$doc"/{copyright,changelog.gz} >/dev/null
+  doc=root${any:+-any}/usr/share/doc/$(dpkg-deb -f "$package" Package)
+  [ "$package" != "$runtime" ] || doc=${doc/root-any/root}
+  cat "$doc/copyright" >/dev/null
+  gzip -dc "$doc/changelog.gz" >changelog
+  [ "$(dpkg-parsechangelog -l changelog -S Version)" = "$(dpkg-deb -f "$package" Version)" ] ||
+    fail "$package: the changelog is of another version"
   [ "$(dpkg-deb -f "$package" Section Maintainer Depends | wc -l)" = 3 ] || fail "$package: fields"
+  if dpkg-deb --ctrl-tarfile "$package" | tar -t | grep -E '(pre|post)(inst|rm)$'; then
+    fail "$package: it brings scripts"
+  fi
 done
-rm -r root/var # what dpkg keeps
-if find root/* ! -path 'root/usr*' -o ! -type l -perm /022 | grep .; then fail "place or mode"; fi
-runtime=$(echo packages/libzorvac5_*)
-dpkg-deb -I "$runtime" triggers | grep -x 'activate-noawait ldconfig'
-dpkg-deb -I "$runtime" shlibs | grep -x 'libzorvac 5 libzorvac5 (>= 5.0.0)'
+for package in "$runtime" $any; do
+  dpkg-deb -I "$package" triggers | grep -x 'activate-noawait ldconfig'
+  dpkg-deb -I "$package" shlibs | grep -x 'libzorvac 5 libzorvac5 (>= 5.0.0)'
+  diff <(dpkg-deb -I "$package" symbols) <(echo 'libzorvac.so.5 libzorvac5 #MINVER#' &&
+    awk '/^(function|data)/ { print " " $3 "@Base " $2 }' "$exports")
+done
+
+# Where files go, and who may write them. The archive comes without debug information.
+rm -r root*/var # what dpkg keeps
+prefix=$folder/root/usr lib=$folder/root/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+if find root*/* ! -path 'root*/usr*' -o ! -type l -perm /022 | grep .; then fail "place or mode"; fi
+if find root*/usr/lib/* -prune ! -name "${lib##*/}" | grep .; then fail "outside ${lib##*/}"; fi
+[ "$(readlink "$lib/libzorvac.so")" = libzorvac.so.5 ] || fail "no link for the linker"
+gzip -t "$prefix"/share/man/man7/zorvac.7.gz
+if readelf -WS "$lib/libzorvac.a" | grep -m 1 '\.debug'; then fail "debug information"; fi
 
 # A program: pkg-config, plainly static, CMake with a .trace section where the tool is installed.
-prefix=$folder/root/usr
-lib=$(dirname "$(find "$prefix" -name libzorvac.so.5)")
 tool=$(find "$prefix" -name zorvac-mktrace)
-[ "$(readlink "$lib/libzorvac.so")" = libzorvac.so.5 ] || fail "no link for the linker"
 read -ra flags <<<"$(PKG_CONFIG_LIBDIR=$lib/pkgconfig pkg-config --cflags --libs zorvac)"
 "$cc" -o by-pkg-config "$example" "${flags[@]}"
 "$cc" -o static -I"$prefix/include" "$example" "$lib/libzorvac.a"
-if ldd static | grep zorvac; then fail "not linked statically"; fi
+if readelf -d static | grep zorvac; then fail "not linked statically"; fi
 cat >CMakeLists.txt <<CMAKE
-cmake_minimum_required(VERSION 3.25)
+cmake_minimum_required(VERSION 3.21)
 project(client C)
 find_package(zorvac 5 REQUIRED)
 add_executable(by-cmake $example)
@@ -61,8 +93,14 @@ for program in by-pkg-config static by-cmake; do
   LD_LIBRARY_PATH=$lib "./$program" | grep '^vendor ' || fail "$program does not run"
 done
 
+# With the other flavour, the same program finds the features of any processor checked.
+if [ -n "$any" ]; then
+  features=$(LD_LIBRARY_PATH=${lib/root/root-any} ./by-cmake | sed -n 's/^features, vendor checked *//p')
+  (((features & 0x3f) == 0x3f)) || fail "of any vendor: features $features"
+fi
+
 # Another package's program: the symbols file tells its dependency, name by name.
 dpkg-deb -R "$runtime" runtime && rm runtime/DEBIAN/shlibs
 mkdir debian
 printf 'Source: client\n\nPackage: client\nArchitecture: any\n' >debian/control
-dpkg-shlibdeps -O -Sruntime -lruntime/usr/lib by-cmake | grep -F 'libzorvac5 (>= 5.0.0)'
+dpkg-shlibdeps -O -Sruntime -l"${lib/root/runtime}" by-cmake | grep -F 'libzorvac5 (>= 5.0.0)'

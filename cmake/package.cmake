@@ -1,0 +1,36 @@
+# What CPack does between installing the components and packing them.
+# All times in the packages, also those that CPack writes.
+if(NOT DEFINED ENV{SOURCE_DATE_EPOCH})
+  execute_process(COMMAND date --utc --date ${CPACK_ZORVAC_DATE} +%s
+    OUTPUT_VARIABLE epoch OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  set(ENV{SOURCE_DATE_EPOCH} ${epoch})
+endif()
+
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+  string(TOUPPER ${component} upper)
+  set(folder ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/${component})
+
+  # CPack strips programs and shared libraries, but no archives.
+  file(GLOB_RECURSE archives ${folder}/*.a)
+  foreach(archive IN LISTS archives)
+    execute_process(COMMAND strip --strip-debug --enable-deterministic-archives ${archive}
+                    COMMAND_ERROR_IS_FATAL ANY)
+  endforeach()
+
+  # What the programs and libraries of the component depend on. (CPack would ask the same, and then
+  # call ldconfig beside the trigger.)
+  file(GLOB linked LIST_DIRECTORIES OFF ${folder}/usr/bin/* ${folder}/usr/lib/*/*.so.*.*)
+  if(linked)
+    list(TRANSFORM linked PREPEND -e)
+    file(WRITE ${CPACK_TEMPORARY_DIRECTORY}/debian/control
+         "Source: libzorvac\n\nPackage: libzorvac\nArchitecture: any\n")
+    execute_process(COMMAND dpkg-shlibdeps --warnings=0 -O ${linked}
+      WORKING_DIRECTORY ${CPACK_TEMPORARY_DIRECTORY} OUTPUT_VARIABLE depends
+      OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    string(REGEX REPLACE "^shlibs:Depends=" "" CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS "${depends}")
+  endif()
+
+  execute_process(
+    COMMAND find ${folder} -exec touch --no-dereference --date @$ENV{SOURCE_DATE_EPOCH} {} +
+    COMMAND_ERROR_IS_FATAL ANY)
+endforeach()

@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# The library as a part of other projects: what becomes of the parent's targets, installation and
+# packages, and how the library is compiled there. The two parents stand in folders of their own and
+# have no type of build; what they make of the same sources is the same to the byte.
+#
+#   subproject_test.sh SOURCE_DIR C_COMPILER CXX_COMPILER
+set -euo pipefail
+source=$1 cc=$2 cxx=$3
+export CCACHE_DISABLE=1 # which would hand out the other folder's objects
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+cd "$folder"
+fail() { echo "$*" && exit 1; }
+
+# parent NAME HOW OPTION...: configures a parent that has the library in the way that HOW says.
+parent() {
+  mkdir -p "$1/sources"
+  cp -r "$source"/{CMakeLists.txt,CHANGELOG.md,abi,cmake,docs,include,src,tools} "$1/sources"
+  cat >"$1/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.21)
+project(parent VERSION 1 LANGUAGES C CXX)
+$2
+install(FILES CMakeLists.txt DESTINATION .)
+add_executable(client EXCLUDE_FROM_ALL client.c)
+target_link_libraries(client PRIVATE zorvac::zorvac)
+if(TARGET zorvac-mktrace)
+  zorvac_add_trace(client)
+endif()
+add_library(linked SHARED EXCLUDE_FROM_ALL $<TARGET_OBJECTS:zorvac_identification>)
+set_target_properties(linked PROPERTIES LINKER_LANGUAGE CXX)
+CMAKE
+  cp "$source/examples/processor.c" "$1/client.c"
+  cmake -S "$1" -B "$1/build" -G Ninja -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" \
+    "${@:3}" >"$1/log" 2>&1 || fail "$1: $(<"$1/log")"
+}
+parent added 'add_subdirectory(sources zorvac)'
+parent in/another/folder/fetched 'include(FetchContent)
+FetchContent_Declare(zorvac URL https://nowhere.invalid)
+FetchContent_MakeAvailable(zorvac)' \
+  -DFETCHCONTENT_SOURCE_DIR_ZORVAC="$PWD/in/another/folder/fetched/sources"
+
+for parent in added in/another/folder/fetched; do
+  build=$parent/build
+  cmake --build $build --target help >targets
+  if grep -wE 'package|test|example_.*' targets; then fail "$parent: it has these targets"; fi
+  cmake --install $build --prefix $parent/installed >log || fail "$parent: $(<log)"
+  diff <(cd $parent/installed && find . -type f) - <<<./CMakeLists.txt
+  cmake --build $build -- -n >steps
+  grep -q cpu_feature_disp steps || fail "$parent: the library is not built"
+  if grep mktrace steps; then fail "$parent: the tool is built without need"; fi
+  cmake --build $build --target client -- -n >steps
+  grep -q libzorvac.so steps || fail "$parent: a program cannot have the library"
+  grep '"command": .*/sources/src/' $build/compile_commands.json >commands ||
+    fail "$parent: no commands"
+  if grep -v -- ' -O2 ' commands; then fail "$parent: not optimised"; fi
+  cmake --build $build --target linked >log || fail "$parent: $(<log)"
+done
+
+mapfile -t made < <(cd added/build && find . -name '*.o' -o -name liblinked.so)
+[ ${#made[@]} = 4 ] || fail "three objects and a library are made, not ${made[*]}"
+for file in "${made[@]}"; do
+  cmp "added/build/$file" "in/another/folder/fetched/build/${file/zorvac/_deps\/zorvac-build}"
+done
