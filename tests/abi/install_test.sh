@@ -35,6 +35,7 @@ install root "${usual[@]}"
 if [ -n "$any" ]; then
   cp -a root root-any
   install root-any "$any"
+  [ ! -e root-any/usr/share/doc/libzorvac5 ] || fail "both flavours are installed"
 fi
 
 # What a reader of the package list sees; no scripts, for the trigger suffices.

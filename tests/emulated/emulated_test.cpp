@@ -89,4 +89,12 @@ TEST(Emulated, BlockedProductsNeedMoreThanTheyAskFor) {
   EXPECT_EQ(o.exit_status, 128 + SIGILL);
 }
 
+// The static library, in a program that has no shared ones.
+TEST(Emulated, StaticProgramsFindTheProcessor) {
+  const outcome o = run_on("Haswell", STATIC, "");
+  EXPECT_EQ(o.exit_status, 0) << o;
+  EXPECT_NE(o.standard_output.find("class                        0x40000\n"), std::string::npos)
+      << o;
+}
+
 }  // namespace
