@@ -62,7 +62,8 @@ set(description "It identifies the processor, checks at start that a program may
 it, copies and fills memory, allocates from pools, computes in binary128
 and 128-bit integers, and multiplies matrices. Compilers emit the calls.")
 
-# zorvac_package(<component> <package name> <section> <what this package holds> [<option of install>])
+# zorvac_package(<component> <package name> <section> <what this package holds>
+#                [<option of install>])
 macro(zorvac_package component name section holds)
   string(TOUPPER ${component} upper)
   list(APPEND CPACK_COMPONENTS_ALL ${component})
@@ -73,7 +74,8 @@ macro(zorvac_package component name section holds)
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component} ${ARGN})
 endmacro()
 zorvac_compress(CHANGELOG.md changelog.gz
-                awk -v maintainer=${CPACK_PACKAGE_CONTACT} -f ${PROJECT_SOURCE_DIR}/cmake/changelog.awk)
+                awk -v maintainer=${CPACK_PACKAGE_CONTACT}
+                -f ${PROJECT_SOURCE_DIR}/cmake/changelog.awk)
 # The date of the last release, which all files in a package have.
 file(STRINGS ${PROJECT_SOURCE_DIR}/CHANGELOG.md released REGEX "^## " LIMIT_COUNT 1)
 string(REGEX REPLACE ".*\\((.*)\\)" "\\1" CPACK_ZORVAC_DATE "${released}")
