@@ -51,7 +51,7 @@ readelf -Wn "$archive" | awk '
 # with an underscore or a prefix of the library's, or is no identifier. What has a plain word for a
 # name is local, and keeps it. No name has a version, which would match nothing in a static program.
 nm "$archive" 2>/dev/null | awk '
-  NR == FNR { exported[$2]; next }
+  NR == FNR { exported[$3]; next }
   $NF ~ /@/ || $2 ~ /^[A-TV-Z]$/ && !($3 in exported) && $3 !~ /^(_|tbk_|zorvac_)|\./ {
     print "global: " $NF; bad = 1 }
   $2 ~ /^[a-z]$/ { name[$3] }

@@ -75,7 +75,7 @@ TEST_P(Section, NamesAllFramesWithFewReads) {
   }
 
   diag::byte_source source;  // one for all frames, as in a traceback
-  diag::found_routines found;
+  diag::found_places found;
   ASSERT_TRUE(source.open_file(("/proc/self/fd/" + std::to_string(file)).c_str()));
   reads = 0;
   constexpr std::uint64_t frames = 100;
