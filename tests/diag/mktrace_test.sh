@@ -115,7 +115,7 @@ for form in --demangle --demangle=full; do
   diff full <(c++filt <linker)
 done
 names --demangle=short >short
-grep -qx open_file short || fail "short names: $(<short)"
+grep -qx open_memory short || fail "short names: $(<short)"
 if grep :: short; then fail 'not the last component'; fi
 
 # Files of split debug information, then one missing, then both: one line says so, and names and

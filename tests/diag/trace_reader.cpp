@@ -1,16 +1,21 @@
 // What the library finds in the `.trace` section that is all of a file, for addresses on standard
 // input; printed as `addr2line -f` would.
-#include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
+#include <vector>
 
 #include "diag/trace_scan.h"
 
 int main(int, char** argv) {
-  zorvac::diag::byte_source section;
+  std::ifstream file(argv[1], std::ios::binary);
+  std::vector<unsigned char> image{0};  // in an image, no section begins at 0
+  image.insert(image.end(), std::istreambuf_iterator<char>(file), {});
+  zorvac::diag::byte_source source;
+  source.open_memory(image);
   for (std::uint64_t address; std::cin >> std::hex >> address;) {
-    section.open_file(argv[1]);  // each time: what is read of a file that is open is limited
     tbk_pc_info info{"??", "??", 0};
-    scan_trace(section, {0, std::filesystem::file_size(argv[1])}, address, info);
+    scan_trace(source, {1, image.size()}, address, info);
     std::cout << info.routine << '\n' << info.file << ':' << info.line << '\n';
   }
 }
