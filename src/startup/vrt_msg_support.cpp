@@ -5,7 +5,7 @@
 // ends the process rather than write past the buffer.
 //
 // A child of fork has the forking thread alone. Where another thread was opening the catalogue, the
-// child puts LANG back and opens it anew; everything else is either as before or whole.
+// child's first message puts LANG back and opens it anew; all else is either as before or whole.
 #include "startup/vrt_msg_support.h"
 
 #include <nl_types.h>
@@ -17,7 +17,6 @@
 #include <cstring>
 
 #include "core/atomic.h"
-#include "core/fork.h"
 
 using zorvac::startup::message_buffer_bytes;
 using zorvac::startup::to_standard_error;
@@ -96,12 +95,12 @@ namespace {
 constexpr char catalog_name[] = "vrt_msg.cat";
 constexpr int catalog_set = 1;
 
-zorvac::atomic<bool> first_msg = true;  // until the catalogue has been tried
+bool first_msg = true;  // until the catalogue has been tried
 bool use_internal_msg = true;
 nl_catd message_catalog;
-zorvac::atomic<bool> is_opening;  // while a thread is in open_catalog
-zorvac::atomic<const char*>
-    whole_lang;  // LANG as it was, while the environment may have less of it
+zorvac::atomic<pid_t> opener;  // the process with a thread in open_catalog, or 0
+// LANG as it was, while the environment may have less of it.
+zorvac::atomic<const char*> whole_lang;
 char get_msg_buf[message_buffer_bytes];
 char print_buf[message_buffer_bytes];
 
@@ -131,12 +130,13 @@ nl_catd open_catalog() {
   return second;
 }
 
-// Undoes what a thread of the parent was in the midst of. Not by setenv, whose lock such a thread
-// may have held; `whole_lang` points into the entry that the environment had.
-void give_up_opening_in_child() {
-  if (!is_opening.load_acquire()) return;
-  is_opening.store_relaxed(false);
-  first_msg.store_relaxed(true);
+// In a child of fork, undoes what a thread of the parent was in the midst of. Not by setenv, whose
+// lock such a thread may have held; `whole_lang` points into the entry that the environment had.
+//
+// This is found by the process id when a message is due. A handler of forks would have to be
+// registered at load, for every program: later, the C library may hold the lock of its handlers.
+void give_up_opening_of_parent() {
+  first_msg = true;
   use_internal_msg = true;
   const char* const lang = whole_lang.load_acquire();
   if (lang == nullptr || environ == nullptr) return;
@@ -148,20 +148,16 @@ void give_up_opening_in_child() {
   whole_lang.store_relaxed(nullptr);
 }
 
-// At load, not in the first look-up: a program may print from within a handler of its own around a
-// fork, where C libraries before glibc 2.36 hold the lock of the list of handlers.
-[[gnu::constructor]] void handle_forks() {
-  zorvac::at_fork(nullptr, nullptr, give_up_opening_in_child);
-}
-
 // `number` is not range-checked: it comes from the library, never from a program.
 const char* look_up(int number) {
-  if (first_msg.load_relaxed()) {
-    is_opening.store_relaxed(true);
-    first_msg.store_release(false);
+  const pid_t opening = opener.load_acquire();
+  if (opening != 0 && opening != getpid()) give_up_opening_of_parent();
+  if (first_msg) {
+    opener.store_release(getpid());
+    first_msg = false;
     message_catalog = open_catalog();
     if (is_open(message_catalog)) use_internal_msg = false;
-    is_opening.store_release(false);
+    opener.store_release(0);
   }
   const char* built_in = vrt_msgtab[number].text;
   if (use_internal_msg) return built_in;

@@ -59,7 +59,7 @@ constexpr const char* processors[][4] = {
     {"Haswell", "tBNPTLSHGIE", "VPVJ", "40000 32 4096 16384"},
     {"Haswell,-bmi2", "tBNPTLSHGI-", "PPJJ", "40000 32 4096 16384"},
     {"Haswell,-xsave", "tBNPTLSH---", "PPJJ", "10000 32 4096 16384"},
-    {"max", "tBNPTLSHGIE", "VPVJ", "800 32 4096 16384"},  // of family 15
+    {"max,family=15", "tBNPTLSHGIE", "VPVJ", "800 32 4096 16384"},
     {"Haswell,vendor=OtherVendor!", any ? "tBNPTLSHGIE" : ".----------", any ? "VPVJ" : "AAAA",
      any ? "40000 32 4096 16384" : "1 0 0 0"},
 };

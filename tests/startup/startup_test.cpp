@@ -240,8 +240,8 @@ TEST(Catalogues, AreFoundByLanguage) {
   std::filesystem::remove_all(folder);
 }
 
-// Where another thread is in the first or second attempt, a child of fork has the LANG of before,
-// and makes both attempts itself. The parent's thread goes on as if nothing had been.
+// Where another thread is in the first or second attempt, a child of fork makes both attempts itself,
+// with the LANG of before, which it has again afterwards. The parent's thread goes on as if nothing had been.
 TEST(Catalogues, AreOpenedAnewInAChildOfForkAmidTheirOpening) {
   for (const std::string amid : {"none.UTF-8 ", "none.UTF-8 none "}) {
     const outcome o = run_in_child([&] {
@@ -256,16 +256,16 @@ TEST(Catalogues, AreOpenedAnewInAChildOfForkAmidTheirOpening) {
       reached.wait();
       const outcome child = run_in_child([] {
         during_attempt = [] {};
-        attempts = std::string("child: LANG ") + std::getenv("LANG") + ", attempts ";
+        attempts.clear();
         __libvrt_print(to_standard_error, 54, 0);
-        std::printf("%s", attempts.c_str());
+        std::printf("child: %sLANG %s", attempts.c_str(), std::getenv("LANG"));
       });
       forked.count_down();
       printing.join();
       std::printf("%s\nparent: %s", child.standard_output.c_str(), attempts.c_str());
       std::fprintf(stderr, "%s", child.standard_error.c_str());
     });
-    EXPECT_EQ(o, (outcome{"child: LANG none.UTF-8, attempts none.UTF-8 none \n"
+    EXPECT_EQ(o, (outcome{"child: none.UTF-8 none LANG none.UTF-8\n"
                           "parent: none.UTF-8 none ",
                           std::string(built_in(26)) + '\n' + built_in(54) + '\n', 0, 0}))
         << "forked amid " << amid;
