@@ -101,13 +101,12 @@ void run_below_images(body run, benchmark::State& state) {
 
 // Runs it while the process has so many more mappings. Neighbours differ, or they would be one.
 void run_beside_mappings(body run, benchmark::State& state) {
-  constexpr int count = 4000;
-  constexpr std::size_t page = 4096;
+  constexpr std::size_t count = 4000, page = 4096;
   static std::array<void*, count> mappings;
-  for (int i = 0; i < count; ++i)
-    mappings.at(static_cast<std::size_t>(i)) =
-        mmap(nullptr, page, i % 2 == 0 ? PROT_READ : PROT_READ | PROT_WRITE,
-             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  for (std::size_t i = 0; i < count; ++i) {
+    const int access = i % 2 == 0 ? PROT_READ : PROT_READ | PROT_WRITE;
+    mappings.at(i) = mmap(nullptr, page, access, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  }
   descend(32 - 10, run, state);
   for (void* const mapping : mappings) munmap(mapping, page);
 }
