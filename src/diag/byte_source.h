@@ -24,6 +24,8 @@ class byte_source {
   void close();
 
   [[nodiscard]] bool is_file() const { return is_file_; }
+  // Of the file that is open.
+  [[nodiscard]] int descriptor() const { return file_; }
 
   // What can be had at `offset` without reading the file again: at least one byte; none at the end,
   // and where the file cannot be read. Valid until the next call.

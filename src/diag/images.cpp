@@ -142,55 +142,50 @@ std::span<const std::uint64_t> take_foreseen() {
   return {state.foreseen, kept};
 }
 
-// What is looked for in the map beside the addresses foreseen.
-struct request {
-  std::uint64_t pc;
-  const char* name;  // of the image that the address is in; null: it is not looked for by name
-};
-
-// What the map says of it.
-struct reply {
-  std::uint64_t begin = 0, end = 0;       // of the line that holds the address, whatever it is of
-  std::uint64_t address = 0, offset = 0;  // of the first line with the name
-  char path[4096] = {};                   // on that line; "" where there is none
-};
-
-// Adds the image of a line, given an address on it.
-bool add_line(const map_line& line, std::uint64_t address) {
-  image* const added = add_image(line.path, line.offset + (address - line.begin), address);
-  if (added == nullptr) return false;
-  added->begin = line.begin;
-  added->end = line.end;
-  return true;
-}
-
-// Adds the images of all addresses foreseen, in one reading of the map, which ends behind the last
-// of them. Its lines are in the order of their addresses.
-void read_map(request asked, reply& told) {
-  const std::span<const std::uint64_t> addresses = take_foreseen();
+void open_map() {
   const process_path path = path_of_process_file("/maps");
   if (!state.process_file.open_kernel_file(path.c_str()) && made_room())
     state.process_file.open_kernel_file(path.c_str());
-  auto next = addresses.begin();
+}
+
+// Adds the images of all addresses foreseen, the one of `wanted` in any case. One reading of the
+// map serves all, and ends behind the last of them.
+void read_map(std::uint64_t wanted) {
+  const std::span<const std::uint64_t> addresses = take_foreseen();
+  open_map();
+  map_reader map(state.process_file);
+  map_line line;
+  for (const std::uint64_t address : addresses) {
+    if (line.holds(address) || !map.find(address, line) || *line.path == '\0') continue;
+    if (state.images_used == most_images && !line.holds(wanted)) continue;
+    image* const added = add_image(line.path, line.offset + (address - line.begin), address);
+    if (added == nullptr) continue;
+    added->begin = line.begin;
+    added->end = line.end;
+  }
+  state.process_file.close();
+}
+
+// What the map says of an address that is on no line of an image, and of an image's name.
+struct reply {
+  std::uint64_t begin = 0, end = 0;       // of the line that holds the address; 0: there is none
+  std::uint64_t address = 0, offset = 0;  // of the first line with the name in its path
+  char path[4096] = {};                   // on that line; "" where there is none
+};
+
+void look_for_name(const char* name, std::uint64_t pc, reply& told) {
+  open_map();
   map_reader map(state.process_file);
   for (map_line line; map.next(line);) {
-    while (next != addresses.end() && *next < line.begin) ++next;
-    const bool name_is_open = asked.name != nullptr && told.path[0] == '\0';
-    if (next == addresses.end() && !name_is_open) break;
-    const bool holds_pc = line.holds(asked.pc);
-    if (holds_pc) {
+    if (told.path[0] != '\0' && line.begin > pc) break;
+    if (line.holds(pc)) {
       told.begin = line.begin;
       told.end = line.end;
     }
-    if (*line.path == '\0') continue;
-    const bool may_add = state.images_used < most_images || holds_pc;
-    if (next != addresses.end() && line.holds(*next) && may_add && add_line(line, *next)) {
-      if (holds_pc) asked.name = nullptr;
-    } else if (name_is_open && std::strstr(line.path, asked.name) != nullptr) {
-      told.address = line.begin;
-      told.offset = line.offset;
-      put_text(line.path, told.path, sizeof told.path);
-    }
+    if (told.path[0] != '\0' || std::strstr(line.path, name) == nullptr) continue;
+    told.address = line.begin;
+    told.offset = line.offset;
+    put_text(line.path, told.path, sizeof told.path);
   }
   state.process_file.close();
 }
@@ -221,19 +216,19 @@ void foresee(std::uint64_t pc) {
 image* image_at(std::uint64_t pc) {
   image* const known = known_image(pc, nullptr);
   if (known != nullptr || state.foreseen_used == 0) return known;
-  static reply told;
-  read_map({pc, nullptr}, told);
+  read_map(pc);
   return known_image(pc, nullptr);
 }
 
 image& find_image(const char* name, std::uint64_t pc) {
   if (image* const known = known_image(pc, name)) return *known;
-  static reply told;
-  told = {};
   insert_foreseen(pc);
-  read_map({pc, name}, told);
+  read_map(pc);
   if (image* const found = known_image(pc, name)) return *found;
 
+  static reply told;  // a signal stack has no room for it
+  told = {};
+  look_for_name(name, pc, told);
   image* added = nullptr;
   if (told.path[0] != '\0') added = add_image(told.path, told.offset, told.address);
   if (added == nullptr) {

@@ -2,9 +2,11 @@
 #include "diag/process_files.h"
 
 #include <elf.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "diag/texts.h"
@@ -43,6 +45,24 @@ bool parse_line(const char* text, map_line& line) {
   line.path = path == nullptr ? "" : path;
   return true;
 }
+
+// PROCMAP_QUERY of Linux 6.11 and later (linux/fs.h): what is mapped at an address, from the map's
+// file. It takes a microsecond, however many mappings there are, and a line of text takes as long.
+struct map_query {
+  std::uint64_t size = sizeof(map_query);
+  std::uint64_t flags = 0;  // the mapping that holds the address, and no other
+  std::uint64_t address = 0;
+  std::uint64_t begin = 0, end = 0;
+  std::uint64_t access = 0, page_bytes = 0;
+  std::uint64_t offset = 0;
+  std::uint64_t inode = 0;
+  std::uint32_t device_major = 0, device_minor = 0;
+  std::uint32_t path_bytes = 0;  // with the zero byte; before, the room for it
+  std::uint32_t build_id_bytes = 0;
+  std::uint64_t path = 0, build_id = 0;
+};
+static_assert(sizeof(map_query) == 104);
+constexpr unsigned long procmap_query = _IOWR('f', 17, map_query);
 
 }  // namespace
 
@@ -101,6 +121,31 @@ bool map_reader::next(map_line& line) {
   while (const char* const text = next_text())
     if (parse_line(text, line)) return true;
   return false;
+}
+
+map_reader::answer map_reader::ask_kernel(std::uint64_t address, map_line& line) const {
+  static char path[4096];  // a signal stack has no room for it
+  map_query query{.address = address, .path_bytes = sizeof path};
+  query.path = reinterpret_cast<std::uintptr_t>(path);
+  *path = '\0';
+  if (!file_.is_file()) return answer::cannot_tell;
+  if (ioctl(file_.descriptor(), procmap_query, &query) != 0)
+    return errno == ENOENT ? answer::none : answer::cannot_tell;
+  line = {query.begin, query.end, query.offset, *path == '/' ? path : ""};
+  return answer::found;
+}
+
+bool map_reader::find(std::uint64_t address, map_line& line) {
+  if (kernel_answers_) {
+    const answer told = ask_kernel(address, line);
+    if (told != answer::cannot_tell) return told == answer::found;
+    kernel_answers_ = false;
+  }
+  while (address >= last_.end)
+    if (!next(last_)) return false;
+  if (!last_.holds(address)) return false;
+  line = last_;
+  return true;
 }
 
 }  // namespace zorvac::diag

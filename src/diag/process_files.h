@@ -40,11 +40,19 @@ class map_reader {
   explicit map_reader(byte_source& file) : file_{file} {}
   bool next(map_line& line);
 
+  // The line that holds an address; false where there is none. One reading of the file serves
+  // addresses in ascending order, and a kernel that can look an address up is asked instead.
+  bool find(std::uint64_t address, map_line& line);
+
  private:
+  enum class answer { found, none, cannot_tell };
+  [[nodiscard]] answer ask_kernel(std::uint64_t address, map_line& line) const;
   char* next_text();
 
   byte_source& file_;
   std::uint64_t offset_ = 0;
+  map_line last_;  // that find() has read
+  bool kernel_answers_ = true;
 };
 
 }  // namespace zorvac::diag

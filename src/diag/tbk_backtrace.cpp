@@ -50,7 +50,9 @@ class protection {
     action.sa_sigaction = reinterpret_cast<void (*)(int, siginfo_t*, void*)>(tbk_signal_handler);
     for (int number = 0; number < signals; ++number) sigaction(number, &action, &actions_[number]);
     sigaction(SIGSEGV, nullptr, &action);
-    own_restorer_ = action.sa_restorer;
+    restorers_[0] = action.sa_restorer;
+    restorers_used_ = 1;
+    for (const struct sigaction& previous : actions_) add_restorer(previous.sa_restorer);
   }
   static void open() { sigprocmask(SIG_SETMASK, &open_, nullptr); }
   static void close() { sigprocmask(SIG_SETMASK, &all_, nullptr); }
@@ -72,12 +74,12 @@ class protection {
   // The C library gives every action the same place to return to; a program that does without it
   // may give its own.
   static bool is_restorer(std::uint64_t pc) {
-    bool is = pc == restorer();
-    for (const struct sigaction& action : actions_)
-      is = is || pc == reinterpret_cast<std::uintptr_t>(action.sa_restorer);
-    return pc != 0 && is;
+    for (int i = 0; i < restorers_used_; ++i)
+      if (pc != 0 && pc == reinterpret_cast<std::uintptr_t>(restorers_[i])) return true;
+    return false;
   }
-  static std::uintptr_t restorer() { return reinterpret_cast<std::uintptr_t>(own_restorer_); }
+  // The C library's, which is in its code.
+  static std::uintptr_t restorer() { return reinterpret_cast<std::uintptr_t>(restorers_[0]); }
 
  private:
   static void prepare_masks() {
@@ -86,15 +88,23 @@ class protection {
     for (const int fault : faults) sigdelset(&all_but_faults_, fault);
   }
 
+  using restorer_fn = void (*)();
+  static void add_restorer(restorer_fn added) {
+    if (added == nullptr || is_restorer(reinterpret_cast<std::uintptr_t>(added))) return;
+    restorers_[restorers_used_++] = added;
+  }
+
   // A fault whose signal is blocked, as it is in that signal's handler, would end the process.
   static constexpr int faults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS};
   static constexpr int signals = 65;  // 0 and those that are no signals are refused each time
   static struct sigaction actions_[signals];
-  static void (*own_restorer_)();
+  static restorer_fn restorers_[1 + signals];  // each once
+  static int restorers_used_;
   static sigset_t all_, all_but_faults_, caller_, open_, previous_;
 };
 struct sigaction protection::actions_[signals];
-void (*protection::own_restorer_)();
+protection::restorer_fn protection::restorers_[1 + signals];
+int protection::restorers_used_;
 sigset_t protection::all_, protection::all_but_faults_, protection::caller_, protection::open_,
     protection::previous_;
 

@@ -32,10 +32,13 @@ struct output {
 
 class piece {
  public:
-  explicit piece(output& out) : out_{out} {}
+  explicit piece(output& out)
+      : out_{out},
+        at_{out.text == nullptr ? nullptr : out.text + out.length},
+        room_{out.text == nullptr ? 0 : out.room - out.length} {}
 
   piece& put(char c) {
-    if (length_ < room()) at()[length_] = c;
+    if (length_ < room_) at_[length_] = c;
     ++length_;
     return *this;
   }
@@ -64,10 +67,10 @@ class piece {
   // Whether the piece fits in the room, together with a zero byte. Otherwise as much of it stands
   // as there is room for, and the room is used up.
   [[nodiscard]] bool finish() {
-    if (out_.text != nullptr) {
-      const bool fits = length_ < room();
-      if (!fits) length_ = room();
-      at()[length_] = '\0';  // the reserved bytes have one for this
+    if (at_ != nullptr) {
+      const bool fits = length_ < room_;
+      if (!fits) length_ = room_;
+      at_[length_] = '\0';  // the reserved bytes have one for this
       out_.length += length_;
       return fits;
     }
@@ -76,12 +79,9 @@ class piece {
   }
 
  private:
-  [[nodiscard]] std::size_t room() const {
-    return out_.text == nullptr ? 0 : out_.room - out_.length;
-  }
-  [[nodiscard]] char* at() const { return out_.text + out_.length; }
-
   output& out_;
+  char* const at_;  // null: nothing is written
+  const std::size_t room_;
   std::size_t length_ = 0;
 };
 

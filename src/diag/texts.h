@@ -43,6 +43,10 @@ inline std::size_t bytes_to_show(const char* text) {
 // Puts a question mark in the place of each byte that may not be shown.
 inline void hide_commands(char* name) {
   while (*name != '\0') {
+    if (*name >= ' ' && *name <= '~') {  // as nearly all bytes of names are
+      ++name;
+      continue;
+    }
     const std::size_t shown = bytes_to_show(name);
     if (shown == 0) *name = '?';
     name += shown == 0 ? 1 : shown;

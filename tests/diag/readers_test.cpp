@@ -107,6 +107,40 @@ TEST_P(MapReader, TellsWhatIsMappedWhere) {
 }
 INSTANTIATE_TEST_SUITE_P(Lines, MapReader, testing::ValuesIn(map_texts), zorvac::test::name_of_row);
 
+// What is at an address, in one short text.
+std::string found_at(map_reader& map, std::uint64_t address) {
+  map_line line;
+  if (!map.find(address, line) || *line.path == '\0') return "no file";
+  char numbers[64];
+  std::snprintf(numbers, sizeof numbers, "%lx %lx %lx ", line.begin, line.end, line.offset);
+  return numbers + std::string(line.path);
+}
+
+// Asking the kernel and reading its text tell the same of each mapping's first and last byte, and of
+// what is behind it.
+TEST(MapOfThisProcess, IsFoundInTheTextAsTheKernelTells) {
+  static char text[1 << 16];
+  static byte_source file, memory;
+  file.open_kernel_file("/proc/self/maps");
+  ASSERT_TRUE(file.read(0, text, 1));
+  std::size_t length = 0;
+  while (length < sizeof text && file.read(length, text + length, 1)) ++length;
+  memory.open_memory({reinterpret_cast<const unsigned char*>(text), length});
+
+  std::vector<std::uint64_t> addresses;
+  map_reader lines(memory), in_text(memory), by_kernel(file);
+  for (map_line line; lines.next(line);)
+    addresses.insert(addresses.end(), {line.begin, line.end - 1, line.end});
+  std::size_t files = 0;
+  for (const std::uint64_t address : addresses) {
+    const std::string found = found_at(in_text, address);
+    EXPECT_EQ(found_at(by_kernel, address), found) << std::hex << address;
+    files += found != "no file";
+  }
+  EXPECT_GT(files, 10u);
+  file.close();
+}
+
 // The segments of a file: in the second, 0x2000 bytes of code from offset 0x1000 on, linked for
 // address 0x41000; then data whose bytes are the last of the code's, too.
 constexpr Elf64_Phdr segments[] = {
