@@ -1,14 +1,16 @@
 // Programs and a shared object whose parts of memory are not where one would expect them, for
-// mapped_test.sh:
+// process_test.sh:
 //
 //   mapped SCENE [OBJECT...]   plays a scene of the table in front of main, then prints the stack
 //                              as a table, from a routine that the objects (or, without one, the
 //                              program) call three calls deep
+//   KERNEL=old mapped ...      the same, as on a kernel that does not look addresses up
 //
 // Built with OBJECT defined, the shared object.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <elf.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdint.h>
@@ -37,11 +39,11 @@ ROUTINE outer(continuation next) { middle(next); }
 enum { page = 4096 };
 
 static void fail(const char* what) {
-  perror(what);
+  printf("%s: %s\n", what, strerror(errno));
   exit(3);
 }
 
-// ---- What the library opens: this is its open ----
+// ---- What the library asks of the system: these are its open and its ioctl ----
 
 static int maps_opened, wrong_flags, opened_amid_traceback;
 
@@ -50,6 +52,20 @@ int open(const char* path, int flags, ...) {
   if (opened_amid_traceback && strstr(path, "/maps") != NULL) ++maps_opened;
   if (opened_amid_traceback && flags != expected) ++wrong_flags;
   return (int)syscall(SYS_openat, AT_FDCWD, path, flags, 0);
+}
+
+static int kernel_is_old;
+
+int ioctl(int file, unsigned long request, ...) {
+  if (kernel_is_old) {
+    errno = ENOTTY;
+    return -1;
+  }
+  va_list arguments;
+  va_start(arguments, request);
+  void* const argument = va_arg(arguments, void*);
+  va_end(arguments);
+  return (int)syscall(SYS_ioctl, file, request, argument);
 }
 
 static void show(void) {
@@ -195,6 +211,8 @@ static void load_objects(char** paths) {
 #endif
 
 int main(int argc, char** argv) {
+  const char* const kernel = getenv("KERNEL");
+  kernel_is_old = kernel != NULL && strcmp(kernel, "old") == 0;
   program_path = argv[0];
   object_count = argc - 2;
   routines = calloc((size_t)argc, sizeof *routines);
