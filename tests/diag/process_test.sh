@@ -143,23 +143,26 @@ maps opened: 1, with other flags: 0" ./mapped_pie count "${objects[@]:0:16}" ker
 done
 
 # ---- A large program ----
-# 100,000 routines, of one line each. Each thousandth calls the next of these, and the last what
-# `outer` is given.
-awk 'BEGIN {
+# 100,000 routines with long names, of one line each. Each thousandth calls the next of these, and
+# the last one what `outer` is given.
+suffix=_of_a_module_of_a_large_program_whose_names_are_as_long_as_those_of_templates
+awk -v suffix=$suffix 'BEGIN {
   for (i = 1; i <= 100000; ++i) {
-    name = "routine_" i
-    printf ".type %s, @function; %s: ", name, name
-    body = i % 1000 ? "ret" : \
-      ".cfi_startproc; sub $8, %rsp; .cfi_def_cfa_offset 16; " \
-      (i < 100000 ? "call routine_" i + 1000 : "call *%rdi") "; add $8, %rsp; ret; .cfi_endproc"
-    print body "; .size " name ", . - " name
+    name = "routine_" i suffix
+    called = i < 100000 ? "routine_" i + 1000 suffix : "*%rdi"
+    body = i % 1000 ? "ret" : ".cfi_startproc; sub $8, %rsp; .cfi_def_cfa_offset 16; call " \
+      called "; add $8, %rsp; ret; .cfi_endproc"
+    print ".type " name ", @function; " name ": " body "; .size " name ", . - " name
   }
-  print ".globl outer; .type outer, @function; outer = routine_1000"
+  print ".globl outer; .type outer, @function; outer = routine_1000" suffix
   print ".section .note.GNU-stack" }' >large.s
 gcc -g -nostdlib -shared -o large.so large.s
 "$mktrace" large.so
-shows "$(for i in {100..1}; do echo "large.so routine_${i}000 ${i}000"; done)" \
-  ./mapped_pie nothing ./large.so
+large=$(for ((i = 100000; i > 0; i -= 1000)); do
+  name=routine_$i$suffix
+  echo "large.so ${name:0:17} $i"
+done)
+shows "$large" ./mapped_pie nothing ./large.so
 
 # ---- Executables ----
 for kind in pie no-pie static static-pie; do
