@@ -34,15 +34,19 @@ bool read_hex(const char*& text, std::uint64_t& value) {
   return text != begin;
 }
 
-// "begin-end access offset device inode  path": the path begins with the line's first slash, and
-// may have blanks in it.
+// The path begins with the first slash, and may have blanks in it. What is no file has none.
+const char* path_in(const char* text) {
+  const char* const slash = std::strchr(text, '/');
+  return slash == nullptr ? "" : slash;
+}
+
+// "begin-end access offset device inode  path"
 bool parse_line(const char* text, map_line& line) {
   if (!read_hex(text, line.begin) || *text++ != '-' || !read_hex(text, line.end)) return false;
   if (*text++ != ' ') return false;
   while (*text != ' ' && *text != '\0') ++text;
   if (*text++ != ' ' || !read_hex(text, line.offset)) return false;
-  const char* const path = std::strchr(text, '/');
-  line.path = path == nullptr ? "" : path;
+  line.path = path_in(text);
   return true;
 }
 
@@ -131,7 +135,7 @@ map_reader::answer map_reader::ask_kernel(std::uint64_t address, map_line& line)
   if (!file_.is_file()) return answer::cannot_tell;
   if (ioctl(file_.descriptor(), procmap_query, &query) != 0)
     return errno == ENOENT ? answer::none : answer::cannot_tell;
-  line = {query.begin, query.end, query.offset, *path == '/' ? path : ""};
+  line = {query.begin, query.end, query.offset, path_in(path)};
   return answer::found;
 }
 
