@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 
 #pragma weak _Unwind_FindEnclosingFunction
 // A static program may define malloc and free and have no others.
@@ -48,28 +49,27 @@ std::uintptr_t target_of(Routine* routine) {
   return load<std::uintptr_t>(code + 6 + distance);
 }
 
-// The shared object that holds an address.
+// The shared object that holds an address; an empty range where that is the program.
 struct object_search {
   std::uintptr_t address;
-  address_range found;
+  std::uintptr_t begin = 0, end = 0;
 };
 
-// Ends the search at the object that holds the address; leaves it empty-handed where that is the
-// program, whose name is empty.
-int consider_object(dl_phdr_info* object, std::size_t, void* data) {
+// Is called for one loaded object after the other; a result other than 0 ends the search.
+int look_into_object(dl_phdr_info* object, std::size_t, void* data) {
   auto& search = *static_cast<object_search*>(data);
-  address_range whole{UINTPTR_MAX, 0};
-  bool holds = false;
-  for (std::size_t i = 0; i < object->dlpi_phnum; ++i) {
-    const ElfW(Phdr)& segment = object->dlpi_phdr[i];
+  std::uintptr_t begin = UINTPTR_MAX, end = 0;
+  for (const Elf64_Phdr& segment : std::span(object->dlpi_phdr, object->dlpi_phnum)) {
     if (segment.p_type != PT_LOAD) continue;
-    const std::uintptr_t begin = object->dlpi_addr + segment.p_vaddr;
-    const address_range loaded{begin, begin + segment.p_memsz};
-    holds = holds || loaded.holds(search.address);
-    whole = {std::min(whole.begin, loaded.begin), std::max(whole.end, loaded.end)};
+    begin = std::min(begin, object->dlpi_addr + segment.p_vaddr);
+    end = std::max(end, object->dlpi_addr + segment.p_vaddr + segment.p_memsz);
   }
-  if (holds && *object->dlpi_name != '\0') search.found = whole;
-  return holds ? 1 : 0;
+  if (search.address < begin || search.address >= end) return 0;
+  const bool is_program = *object->dlpi_name == '\0';
+  if (is_program) return 1;
+  search.begin = begin;
+  search.end = end;
+  return 1;
 }
 
 }  // namespace
@@ -77,11 +77,17 @@ int consider_object(dl_phdr_info* object, std::size_t, void* data) {
 heap_code::heap_code(std::uintptr_t libc)
     : routines_{target_of(std::malloc), target_of(std::free), target_of(std::calloc),
                 target_of(std::realloc)} {
-  object_search search{.address = routines_[0], .found = {}};
-  if (libc != 0) dl_iterate_phdr(consider_object, &search);
+  if (libc == 0) return;
+  object_search allocator{.address = routines_[0]};
+  dl_iterate_phdr(look_into_object, &allocator);
+  begin_ = allocator.begin;
+  end_ = allocator.end;
   // Sanitizers have most of the C library's routines in their place.
-  if (!search.found.holds(libc) && !search.found.holds(target_of(sigaction)))
-    object_ = search.found;
+  if (is_in_object(libc) || is_in_object(target_of(sigaction))) begin_ = end_ = 0;
+}
+
+bool heap_code::is_in_object(std::uintptr_t address) const {
+  return address >= begin_ && address < end_;
 }
 
 // Most addresses are far from the four routines: only for the others is the unwinder asked, which
@@ -89,7 +95,7 @@ heap_code::heap_code(std::uintptr_t libc)
 bool heap_code::holds(std::uint64_t pc) const {
   constexpr std::uintptr_t longest_routine = 1 << 16;
   const std::uint64_t inside = pc - 1;  // a call that never returns may end its routine
-  if (object_.holds(inside)) return true;
+  if (is_in_object(inside)) return true;
   if (_Unwind_FindEnclosingFunction == nullptr) return false;
   for (const std::uintptr_t routine : routines_) {
     if (routine == 0 || inside - routine >= longest_routine) continue;

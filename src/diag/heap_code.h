@@ -7,16 +7,8 @@
 
 namespace zorvac::diag {
 
-struct address_range {
-  std::uintptr_t begin = 0, end = 0;
-  [[nodiscard]] bool holds(std::uintptr_t address) const {
-    return address >= begin && address < end;
-  }
-};
-
 class heap_code {
  public:
-  constexpr heap_code() = default;  // holds nothing
   // `libc` is any address of the C library's code.
   explicit heap_code(std::uintptr_t libc);
 
@@ -24,8 +16,10 @@ class heap_code {
   [[nodiscard]] bool holds(std::uint64_t pc) const;
 
  private:
-  std::uintptr_t routines_[4] = {};
-  address_range object_;  // that is nothing but an allocator
+  [[nodiscard]] bool is_in_object(std::uintptr_t address) const;
+
+  std::uintptr_t routines_[4];
+  std::uintptr_t begin_ = 0, end_ = 0;  // of an object that is nothing but an allocator
 };
 
 }  // namespace zorvac::diag

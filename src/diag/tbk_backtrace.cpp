@@ -146,17 +146,18 @@ class heap_call {
 };
 
 // Whether the frames that were recorded last include one of the heap's routines: the process dies
-// in its heap.
-bool is_in_heap(const walk& w) {
-  static constinit heap_code heap;
-  if (w.current == &w.first) heap = heap_code(protection::restorer());
-  for (const tbk_frame& frame : w.current->frames)
+// in its heap. No signal from outside may end the search for malloc's object, which takes a lock of
+// the loader's.
+bool is_in_heap(const chunk& recorded) {
+  const protection::faults_only no_jump_with_lock;
+  const heap_code heap(protection::restorer());
+  for (const tbk_frame& frame : recorded.frames)
     if (heap.holds(frame.pc)) return true;
   return false;
 }
 
 bool add_chunk(walk& w) {
-  if (is_in_heap(w)) w.heap_is_usable = false;
+  if (is_in_heap(*w.current)) w.heap_is_usable = false;
   if (!w.heap_is_usable) return false;
   const heap_call call(w);
   auto* added = static_cast<chunk*>(std::malloc(sizeof(chunk)));
