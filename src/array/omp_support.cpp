@@ -236,7 +236,7 @@ constexpr fold quad_folds[] = {
     fold_elements<quad, by_quad_relation<__leq>>,
     fold_elements<quad, by_quad_relation<__geq>>,
 };
-template <const fold* PartFolds, fold Product>
+template <const auto& PartFolds, fold Product>
 constexpr fold complex_folds[] = {
     nullptr,
     fold_parts<PartFolds[op_sum]>,
@@ -253,15 +253,22 @@ struct element_type {
   [[nodiscard]] bool is_integer() const { return last_operator == op_non_equivalence; }
 };
 
+// A type that takes the operators up to `Last`. Its table of folds has a row for each of them, or
+// this does not compile: a call through what lies behind a table would go anywhere.
+template <operator_code Last, std::size_t Rows>
+constexpr element_type type_with(filler fill, const fold (&folds)[Rows]) {
+  static_assert(Rows == Last + 1, "one fold for each operator");
+  return {fill, folds, Last};
+}
 template <class T>
-constexpr element_type byte_type = {fill_bytes<T>, integer_folds<T>, op_non_equivalence};
+constexpr element_type byte_type = type_with<op_non_equivalence>(fill_bytes<T>, integer_folds<T>);
 template <class T>
-constexpr element_type integer_type = {fill<T>, integer_folds<T>, op_non_equivalence};
+constexpr element_type integer_type = type_with<op_non_equivalence>(fill<T>, integer_folds<T>);
 template <class T>
-constexpr element_type float_type = {fill<T>, float_folds<T>, op_minimum};
-template <class T, const fold* PartFolds, fold Product>
-constexpr element_type complex_type = {fill<complex<T>>, complex_folds<PartFolds, Product>,
-                                       op_difference};
+constexpr element_type float_type = type_with<op_minimum>(fill<T>, float_folds<T>);
+template <class T, const auto& PartFolds, fold Product>
+constexpr element_type complex_type = type_with<op_difference>(fill<complex<T>>,
+                                                               complex_folds<PartFolds, Product>);
 
 constexpr element_type element_types[] = {
     {},
@@ -277,7 +284,7 @@ constexpr element_type element_types[] = {
     float_type<double>,
     {},
     {},
-    {fill<quad>, quad_folds, op_minimum},
+    type_with<op_minimum>(fill<quad>, quad_folds),
     {},
     {},
     {},
