@@ -100,21 +100,22 @@ static void trace_in_storm(void) {
   if (status != TBK_SUCCESS && status != TBK_FAULT) printf("status %u\n", status);
 }
 
-static void take_signal(int number) { (void)number; }
-
 static void start_storm(void) {
   const pid_t target = getpid();
+  int begun[2];
+  char byte = 0;
+  if (pipe(begun) != 0) abort();
   signal(SIGFPE, SIG_IGN);
-  signal(SIGUSR1, take_signal);
+  signal(SIGUSR1, SIG_IGN);
   if (fork() == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (write(begun[1], &byte, 1) != 1) abort();
     for (;;) {
       kill(target, SIGUSR1);
       kill(target, SIGFPE);
     }
   }
-  pause();  // until the first one is there
-  signal(SIGUSR1, SIG_IGN);
+  if (read(begun[0], &byte, 1) != 1) abort();
 }
 
 // A first and later tracebacks, with and without blocks of the heap.
@@ -131,7 +132,7 @@ static void play_in_child(int number, void (*start)(void), void (*live)(void)) {
   int status = 0;
   const pid_t child = fork();
   if (child == 0) {
-    alarm(10);
+    alarm(60);
     start_idle_thread();
     start();
     live();

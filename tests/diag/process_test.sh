@@ -38,7 +38,7 @@ shows() {
     esac
   done
   compare "${*:2}" "$expected" "$(
-    { LD_PRELOAD=$libraries KERNEL=$kernel timeout 20 "${words[@]}" 2>/dev/null ||
+    { LD_PRELOAD=$libraries KERNEL=$kernel timeout 120 "${words[@]}" 2>/dev/null ||
       echo "exit status $?"; } | in_short)"
 }
 
