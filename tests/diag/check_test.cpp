@@ -120,7 +120,7 @@ const message in_english[] = {
 };
 const message in_german[] = {
     {25, "'%s' hat noch keinen Wert"},
-    {53, "Um die Variable '%s' herum wurde Speicher beschrieben, der ihr nicht mehr gehört"},
+    {53, "Um die Variable '%s' herum wurde Speicher beschrieben, der ihr nicht mehr zusteht"},
     {60, "'%s' hat in %s noch keinen Wert"},
 };
 

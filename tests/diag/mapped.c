@@ -87,15 +87,18 @@ static char* volatile object_routine;
 
 static void nothing(void) {}
 
-// Maps so many bytes of the object's file, as data or to be run; the system puts them in front of
-// what it mapped before.
-static char* map_file(off_t offset, size_t bytes, int access) {
+// Maps so many bytes of the object's file in front of the object, as data or to be run.
+static void map_file(off_t offset, size_t bytes, int access) {
+  enum { distance = 16 * page };
   const int file = (int)syscall(SYS_openat, AT_FDCWD, object_path, O_RDONLY, 0);
-  char* const mapped = mmap(NULL, bytes, access, MAP_PRIVATE, file, offset);
-  if (mapped == MAP_FAILED) fail("mmap");
-  if (mapped > object_begin) puts("mapped behind the object");
+  char* place = object_begin;
+  char* mapped = NULL;
+  do {
+    place -= distance;
+    mapped = mmap(place, bytes, access, MAP_PRIVATE | MAP_FIXED_NOREPLACE, file, offset);
+  } while (mapped == MAP_FAILED && errno == EEXIST);
+  if (mapped != place) fail("mmap");
   close(file);
-  return mapped;
 }
 static size_t file_bytes(void) {
   struct stat status;
