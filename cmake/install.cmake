@@ -26,8 +26,8 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/zorvac.pc.in ${PROJECT_BINARY_DIR}/zo
 install(FILES ${PROJECT_BINARY_DIR}/zorvac.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT dev)
 
-# Manual pages and the changelog are installed compressed as Debian's policy asks, without a time, so
-# that the same sources make the same packages: zorvac_compress(<file in the project> <its copy>
+# Manual pages and the changelog are installed compressed as Debian's policy asks, without a time,
+# so that the same sources make the same packages: zorvac_compress(<file in the project> <its copy>
 # [<command that writes what is compressed>...])
 function(zorvac_compress from to)
   set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${from})

@@ -181,8 +181,8 @@ void* zorvac_mm_malloc(size_t size, size_t alignment) __asm__("_mm_malloc");
 void zorvac_mm_free(void* block) __asm__("_mm_free");
 
 /** Allocates count x size bytes. A block that malloc has mapped from the operating system for this
- *  request is not written to: it is zero already. Whether it was tells the word in front of a block,
- *  which in the C library's allocator holds the block's size and, as bit 1, that mark.
+ *  request is not written to: it is zero already. The word in front of a block tells whether it
+ *  was: in the C library's allocator it holds the block's size and, as bit 1, that mark.
  *
  *  All bytes are zero on two conditions:
  *    - malloc is the C library's. With another allocator the word in front of a block may be
