@@ -4,11 +4,13 @@
 usage: page.py RESULTS_FOLDER NOTES_FOLDER PAGE.md
 
 Every figure of the tables and charts comes from the results; the reasons come from the notes, one
-small file a family. A family that loses a row to a peer must have a note.
+small file a family. A family that loses a row to a peer must have a note. A page of another
+processor that is there is kept beside the new one, under that processor's name.
 """
 import json
 import pathlib
 import re
+import shutil
 import sys
 
 import charts
@@ -138,14 +140,44 @@ def claim(results):
     return claimed
 
 
+def processor_of(page):
+    return re.search(r"^\| Processor \| (.*) \|$", page.read_text(encoding="utf-8"), re.M)[1]
+
+
+def kept(page, processor):
+    """Returns where the page of a processor is kept while another one's is the page."""
+    return page.with_stem(page.stem + "-" + re.sub(r"\W+", "-", processor.lower()).strip("-"))
+
+
+def make_room(page, charts_folder, processor):
+    """Keeps the page that is there, with its charts, unless it is of the same processor."""
+    kept(page, processor).unlink(missing_ok=True)
+    shutil.rmtree(charts_folder / kept(page, processor).stem, ignore_errors=True)
+    if page.exists() and processor_of(page) != processor:
+        old = kept(page, processor_of(page))
+        text = page.read_text(encoding="utf-8").replace("](charts/", f"](charts/{old.stem}/")
+        old.write_text(text, encoding="utf-8")
+        (charts_folder / old.stem).mkdir()
+        for chart in charts_folder.glob("*.svg"):
+            chart.rename(charts_folder / old.stem / chart.name)
+    for chart in charts_folder.glob("*.svg"):
+        chart.unlink()
+
+
+def other_pages(page):
+    pages = sorted(page.parent.glob(page.stem + "-*.md"))
+    links = [f"[{processor_of(other)}]({other.name})" for other in pages]
+    return f"Other processors, each as of its own date: {', '.join(links)}.\n" if links else ""
+
+
 def main():
     results, notes, page = map(pathlib.Path, sys.argv[1:4])
     charts_folder = page.parent / "charts"
     charts_folder.mkdir(parents=True, exist_ok=True)
-    for old in charts_folder.glob("*.svg"):
-        old.unlink()
     facts = json.loads((results / "machine.json").read_text(encoding="utf-8"))
-    text = [INTRODUCTION, table(["Measured on", ""], [[k, v] for k, v in facts.items()])]
+    make_room(page, charts_folder, facts["Processor"])
+    text = [INTRODUCTION, table(["Measured on", ""], [[k, v] for k, v in facts.items()]),
+            other_pages(page)]
     text += [section(family, files, notes, charts_folder)
              for family, files in claim(results).items() if files]
     page.write_text("\n".join(text), encoding="utf-8")

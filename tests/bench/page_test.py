@@ -21,7 +21,8 @@ LINES = ("| copy/fixed-512-unaligned | 2.0 | 5.0 | 2.50 |\n"
          "| copy/fixed-1K-unaligned | 4.0 | 3.0 | 0.75 |",  # by size; the median, and a loss
          "| copy/fixed-1K-unaligned | 8.0 | 16.0 | 2.00 |", "Because of the jump.",
          "| copy `zorvac_fast` | libc | 1.37 | 1 of 2 | 0.75 fixed-1K-unaligned | 2.50 ",
-         "| add/throughput | 1.0 | 2.0 | 2.00 |", "| Compiler | g++ 99 |")  # times of an item; the machine
+         "| add/throughput | 1.0 | 2.0 | 2.00 |",  # times of an item
+         "| Processor | Old (1) |")
 
 with tempfile.TemporaryDirectory() as scratch:
     folder = pathlib.Path(scratch)
@@ -29,7 +30,7 @@ with tempfile.TemporaryDirectory() as scratch:
         runs = [{"name": row, "cpu_time": time, "time_unit": "ns", **more}
                 for row, times, more in rows for time in times]
         (folder / f"{name}.json").write_text(json.dumps({"benchmarks": runs}))
-    (folder / "machine.json").write_text('{"Compiler": "g++ 99"}')
+    (folder / "machine.json").write_text('{"Processor": "Old (1)"}')
     command = [f"{sys.argv[1]}/page.py", folder, folder, folder / "page.md"]
     refusal = subprocess.run(command, stderr=subprocess.PIPE, text=True).stderr
     assert "memory.md is missing" in refusal and not (folder / "page.md").exists(), refusal
@@ -39,3 +40,14 @@ with tempfile.TemporaryDirectory() as scratch:
     assert "fixed-64" not in page and all(line in page for line in LINES), page
     for name, peer in ("copy", "libc"), ("quad", "libgcc"):
         assert peer in {e.text for e in xml.parse(folder / f"charts/{name}.svg").iter()}, name
+
+    # On another processor the page is kept, with its charts; on the first one again, replaced.
+    for processor, other in ("New", "old-1"), ("Old (1)", "new"):
+        (folder / "machine.json").write_text(json.dumps({"Processor": processor}))
+        subprocess.run(command, check=True)
+        page = (folder / "page.md").read_text()
+        assert f"| Processor | {processor} |" in page and f"](page-{other}.md)" in page, page
+        old_page = (folder / f"page-{other}.md").read_text()
+        assert f"](charts/page-{other}/copy.svg)" in old_page, old_page
+        kept = {str(path.relative_to(folder / "charts")) for path in folder.glob("charts/*/*.svg")}
+        assert kept == {f"page-{other}/copy.svg", f"page-{other}/quad.svg"}, kept
