@@ -1,41 +1,58 @@
 #ifndef ZORVAC_TESTS_STARTUP_CHECKS_H
 #define ZORVAC_TESTS_STARTUP_CHECKS_H
-// The letter-coded start-up checks: what each variant takes, in literal masks, and how
-// `.A` refuses.
+// The letter-coded start-up checks: what each variant takes and assumes, and how `.A` refuses.
 #include <dlfcn.h>
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
+#include "support/masks.h"
+
 namespace zorvac::test {
 
-constexpr std::uint64_t never = 0;  // by direct call only
+// The optional modes that a variant takes for supported without asking the processor.
+enum assumption { nothing = 0, daz = 2, daz_and_bit_17 = 6 };
+
+constexpr std::uint64_t never_selected = 0;  // by direct call only
+struct variant {
+  std::uint64_t takes;
+  std::string letter;
+  assumption assumes = nothing;
+};
 struct check {
   std::string name;
-  int refusal;  // number of a message; 0: nothing is done
-  std::vector<std::pair<std::uint64_t, std::string>> variants;  // the most demanding comes first
+  std::vector<variant> variants;  // the most demanding comes first
+  int refusal = 0;                // number of a message; 0: nothing is done
 };
+inline const std::vector<variant> from_sse2 = {
+    {level::sse3, ".L", daz}, {level::sse2, ".K", daz}, {never_selected, ".J", nothing}};
 inline const check checks[] = {
-    {"__zorva_new_proc_init", 0, {{0x3f, ".H"}}},
-    {"__zorva_new_proc_init_B", 44, {{0xff, ".L"}, {0x7f, ".K"}, {never, ".J"}}},
-    {"__zorva_new_proc_init_N", 45, {{0xff, ".L"}, {0x7f, ".K"}, {never, ".J"}}},
-    {"__zorva_new_proc_init_P", 43, {{0xff, ".L"}}},
-    {"__zorva_new_proc_init_T", 42, {{0x1ff, ".M"}}},
-    {"__zorva_new_proc_init_L", 48, {{0x1ff, ".O"}}},
-    {"__zorva_new_proc_init_S", 46, {{0x3ff, ".N"}}},
-    {"__zorva_new_proc_init_H", 47, {{0x17ff, ".P"}}},
-    {"__zorva_new_proc_init_G", 50, {{0x117ff, ".R"}}},
-    {"__zorva_new_proc_init_I", 51, {{0x197ff, ".S"}}},
-    {"__zorva_new_proc_init_E", 52, {{0x9d97ff, ".V"}}},
-    {"__zorva_proc_init", 0, {{0x3f, ".H"}}},
-    {"__zorva_proc_init_B", 44, {{0xff, ".L"}, {0x7f, ".K"}, {never, ".J"}}},
-    {"__zorva_proc_init_N", 45, {{0xff, ".L"}, {0x7f, ".K"}, {never, ".J"}}},
-    {"__zorva_proc_init_P", 43, {{0xff, ".L"}}},
-    {"__zorva_proc_init_T", 42, {{0x1ff, ".M"}}},
+    {"__zorva_new_proc_init", {{level::sse, ".H", nothing}}},
+    {"__zorva_new_proc_init_B", from_sse2, 44},
+    {"__zorva_new_proc_init_N", from_sse2, 45},
+    {"__zorva_new_proc_init_P", {{level::sse3, ".L", daz}}, 43},
+    {"__zorva_new_proc_init_T", {{level::ssse3, ".M", daz}}, 42},
+    {"__zorva_new_proc_init_L", {{level::ssse3, ".O", daz}}, 48},
+    {"__zorva_new_proc_init_S", {{level::sse4_1, ".N", daz}}, 46},
+    {"__zorva_new_proc_init_H", {{level::sse4_2, ".P", daz_and_bit_17}}, 47},
+    {"__zorva_new_proc_init_G", {{level::avx, ".R", daz_and_bit_17}}, 50},
+    {"__zorva_new_proc_init_I", {{level::f16c, ".S", daz_and_bit_17}}, 51},
+    {"__zorva_new_proc_init_E", {{level::avx2, ".V", daz_and_bit_17}}, 52},
+    {"__zorva_proc_init", {{level::sse, ".H", nothing}}},
+    {"__zorva_proc_init_B", from_sse2, 44},
+    {"__zorva_proc_init_N", from_sse2, 45},
+    {"__zorva_proc_init_P", {{level::sse3, ".L", daz}}, 43},
+    {"__zorva_proc_init_T", {{level::ssse3, ".M", daz}}, 42},
 };
 
-inline void* routine(const std::string& name) { return dlsym(RTLD_DEFAULT, name.c_str()); }
+// The modes that a check sets when it is called with `flags`, of which the older ones take none.
+inline int effective(const check& c, int flags) {
+  return c.name.starts_with("__zorva_new") ? flags : 3;
+}
+
+inline void (*routine(const std::string& name))(int) {
+  return reinterpret_cast<void (*)(int)>(dlsym(RTLD_DEFAULT, name.c_str()));
+}
 
 }  // namespace zorvac::test
 #endif

@@ -1,6 +1,8 @@
 #ifndef ZORVAC_TESTS_SUPPORT_FAKE_PROCESSOR_H
 #define ZORVAC_TESTS_SUPPORT_FAKE_PROCESSOR_H
 // A processor made of a table of CPUID answers. Leaves that are not in the table answer zero.
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -11,11 +13,11 @@
 namespace zorvac::test {
 
 struct fake_processor {
-  std::map<std::pair<std::uint32_t, std::uint32_t>, cpuid_answer> answers =
-      {};  // by leaf, sub-leaf
+  // By leaf and sub-leaf.
+  std::map<std::pair<std::uint32_t, std::uint32_t>, cpuid_answer> answers = {};
   std::uint64_t xcr0 = 0;
   bool cpuid_exists = true;
-  mutable int xgetbv_calls = 0, questions = 0;      // whether there is CPUID
+  mutable int questions = 0;                        // whether there is CPUID
   mutable std::map<std::uint32_t, int> asked = {};  // how often, by leaf
 
   [[nodiscard]] bool has_cpuid() const {
@@ -27,7 +29,7 @@ struct fake_processor {
     return answers.contains({leaf, subleaf}) ? answers.at({leaf, subleaf}) : cpuid_answer{};
   }
   [[nodiscard]] std::uint64_t xgetbv() const {
-    ++xgetbv_calls;
+    EXPECT_TRUE(has(cpuid(1, 0).ecx, 1u << 27)) << "XGETBV would fault";
     return xcr0;
   }
 
