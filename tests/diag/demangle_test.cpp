@@ -24,10 +24,7 @@ constexpr routine_name names[] = {
     {"_Z1fi.cold", "f(int) [clone .cold]", "f"},
     {"_ZThn16_N1A1fEv", "non-virtual thunk to A::f()", "f"},
     // Return types and template arguments.
-    {"_ZN2ns1fISt6vectorIiSaIiEEEET_S4_",
-     "std::vector<int, std::allocator<int> > ns::f<std::vector<int, std::allocator<int> > >"
-     "(std::vector<int, std::allocator<int> >)",
-     "f"},
+    {"_ZN2ns1fIiEET_S1_", "int ns::f<int>(int)", "f"},
     {"_Z3addIiEDTplfp_fp_ET_", "decltype ({parm#1}+{parm#1}) add<int>(int)", "add"},
     {"_Z1gIiEDcT_", "decltype(auto) g<int>(int)", "g"},
     {"_Z1fILi3EE1AIXgtT_Li2EEEv", "A<((3)>(2))> f<3>()", "f"},
@@ -41,8 +38,7 @@ constexpr routine_name names[] = {
     {"_ZN1AssERKS_", "A::operator<=>(A const&)", "operator<=>"},
     {"_ZN1AnaEm", "A::operator new[](unsigned long)", "operator new[]"},
     {"_Zli3_kmy", "operator\"\" _km(unsigned long long)", "operator\"\" _km"},
-    {"_ZNK1AcvSt6vectorIiSaIiEEEv", "A::operator std::vector<int, std::allocator<int> >() const",
-     "operator std::vector<int, std::allocator<int> >"},
+    {"_ZNK1Acv1BIiEEv", "A::operator B<int>() const", "operator B<int>"},
     {"_Z14operator_countv", "operator_count()", "operator_count"},
     // In other routines.
     {"_ZZ1fiEN5local1gEc", "f(int)::local::g(char)", "g"},

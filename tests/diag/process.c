@@ -1,181 +1,150 @@
-// Processes in trouble, for process_test.sh:
+// Programs and a shared object that print their own stack, for process_test.sh:
 //
-//   process SCENE            plays a scene of the table in front of main
-//   process SCENE threads    the same beside an idle thread: with two, the heap has a lock
+//   process SCENE [OBJECT...]   loads the objects, prepares a scene of the table in front of main,
+//                               and plays it: three calls deep in the program, or in each of the
+//                               objects, the last one first
 //
-// Tracebacks and what else is seen go to standard output, for the test to compare.
+// With OLD_KERNEL in its environment, the kernel does not look addresses up. With IDLE_THREAD, it
+// has a second thread.
+//
+// Built with OBJECT defined, the shared object. Loaded before all others it is an unwinder as well:
+// one that has _Unwind_ForcedUnwind only, and a made-up stack.
 #define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <ucontext.h>
 #include <unistd.h>
+#include <unwind.h>
 #include <zorvac/diag.h>
 
 #define ROUTINE __attribute__((noinline)) void
 
-// Prints the stack as a table.
-ROUTINE show(const void* context) {
-  static char text[1 << 16];
-  const size_t length = tbk_string_stack_signal(context, text, sizeof text, 1, 1);
+typedef void (*action)(void);
+
+// The test looks for these in the stack, and for their lines in this file.
+ROUTINE inner(action next) { next(); }
+ROUTINE middle(action next) { inner(next); }
+ROUTINE outer(action next) { middle(next); }
+
+#ifdef OBJECT
+
+struct _Unwind_Context {
+  _Unwind_Ptr ip;
+};
+_Unwind_Ptr _Unwind_GetIP(struct _Unwind_Context* frame) { return frame->ip; }
+_Unwind_Ptr _Unwind_GetRegionStart(struct _Unwind_Context* frame) { return frame->ip & 0xf000; }
+
+_Unwind_Reason_Code _Unwind_ForcedUnwind(struct _Unwind_Exception* exception, _Unwind_Stop_Fn stop,
+                                         void* argument) {
+  static struct _Unwind_Context stack[] = {{0x1010}, {0x2020}, {0x3030}, {0x4040}, {0}, {5}};
+  _Unwind_Reason_Code answer = 0;
+  for (size_t i = 0; answer == 0 && i < sizeof stack / sizeof *stack; ++i)
+    answer = stop(1, 10, 0, exception, &stack[i], argument);
+  printf("stop %d\n", answer);
+  fflush(stdout);
+  return answer;
+}
+
+#else
+
+static void fail(const char* what) {
+  printf("%s: %s\n", what, strerror(errno));
+  exit(3);
+}
+
+// ---- What the library asks of the system: these are its open, its pread and its ioctl ----
+
+static int amid_traceback, maps_opened, wrong_flags, reads;
+
+// What stands under an image's name may be a pipe, which is not waited for, or a terminal, which is
+// not taken.
+int open(const char* path, int flags, ...) {
+  const int expected = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  if (amid_traceback && strstr(path, "/maps") != NULL) ++maps_opened;
+  if (amid_traceback && flags != expected) ++wrong_flags;
+  return (int)syscall(SYS_openat, AT_FDCWD, path, flags, 0);
+}
+
+ssize_t pread(int file, void* to, size_t bytes, off_t offset) {
+  ++reads;
+  return syscall(SYS_pread64, file, to, bytes, offset);
+}
+
+int ioctl(int file, unsigned long request, ...) {
+  if (getenv("OLD_KERNEL") != NULL) {
+    errno = ENOTTY;
+    return -1;
+  }
+  va_list arguments;
+  va_start(arguments, request);
+  void* const argument = va_arg(arguments, void*);
+  va_end(arguments);
+  return (int)syscall(SYS_ioctl, file, request, argument);
+}
+
+// ---- What is played: the last thing that the scene's routines call ----
+
+static void print_stack(const void* context, uint32_t is_table) {
+  static char text[1 << 18];
+  amid_traceback = 1;
+  const size_t length = tbk_string_stack_signal(context, text, sizeof text, is_table, 1);
+  amid_traceback = 0;
   (void)!write(STDOUT_FILENO, text, length);
 }
 
-// Calls a routine from so many calls further down.
-ROUTINE deeper(int calls, void (*last)(void)) {
-  if (calls > 0) {
-    deeper(calls - 1, last);
-  } else {
-    last();
-  }
-  __asm__("" ::: "memory");  // something is left to do: the frame stays
+static void show(void) { print_stack(NULL, 1); }
+static void show_blocks(void) { print_stack(NULL, 0); }
+static void show_error(void) {
+  show();
+  puts(tbk_geterrorstring());
+}
+static void show_opened(void) {
+  show();
+  printf("maps opened: %d, with other flags: %d\n", maps_opened, wrong_flags);
+}
+static void show_reads(void) {
+  show();
+  const int few = 1500;  // of a hundred frames of one image
+  if (reads > few) printf("%d reads\n", reads);
 }
 
-static void show_own(void) { show(NULL); }
-static void show_deeper(void) { deeper(1, show_own); }
+// As if a signal had interrupted code of the made-up stack.
+static void show_interrupted(void) {
+  static const greg_t places[] = {0x1000, 0x3030, 0, 0x3031};
+  for (size_t i = 0; i < sizeof places / sizeof *places; ++i) {
+    const ucontext_t context = {.uc_mcontext.gregs[REG_RIP] = places[i]};
+    print_stack(&context, 1);
+  }
+}
+
+// Fails at its first instruction.
+void crash(void);
+__asm__(".globl crash; crash: .cfi_startproc; ud2; .cfi_endproc");
 
 static void on_fatal(int number, siginfo_t* info, void* context) {
   (void)number, (void)info;
-  show(context);
+  print_stack(context, 1);
   _exit(0);
 }
 
 static void catch_fatal_signals(void) {
-  const struct sigaction action = {.sa_sigaction = on_fatal, .sa_flags = SA_SIGINFO};
-  sigaction(SIGABRT, &action, NULL);
-  sigaction(SIGSEGV, &action, NULL);
-}
-
-static void* idle(void* unused) {
-  for (;;) pause();
-  return unused;
-}
-
-// A thread that takes no signal: one that comes during a traceback leads into that.
-static void start_idle_thread(void) {
-  pthread_t thread;
-  sigset_t all, mask;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &mask);
-  pthread_create(&thread, NULL, idle, NULL);
-  pthread_sigmask(SIG_SETMASK, &mask, NULL);
-}
-
-// ---- Ignored signals arrive all the time, and at every step ----
-
-enum { stormy_children = 50 };
-
-struct signal_state {
-  sigset_t mask;
-  struct sigaction actions[NSIG];
-};
-
-static void read_signal_state(struct signal_state* state) {
-  sigprocmask(SIG_BLOCK, NULL, &state->mask);
-  for (int number = 1; number < NSIG; ++number) sigaction(number, NULL, &state->actions[number]);
-}
-
-static void compare_signal_states(const struct signal_state* before,
-                                  const struct signal_state* after) {
-  for (int number = 1; number < NSIG; ++number) {
-    if (sigismember(&before->mask, number) != sigismember(&after->mask, number))
-      printf("signal %d: blocked or unblocked\n", number);
-    if (before->actions[number].sa_handler != after->actions[number].sa_handler)
-      printf("signal %d: another action\n", number);
-  }
-}
-
-static int32_t go_on(const tbk_frame* frame, void* user, int32_t hidden) {
-  (void)frame, (void)user, (void)hidden;
-  return TBK_CONTINUE;
-}
-
-static void trace_in_storm(void) {
-  const uint32_t status = tbk_trace_stack(NULL, NULL, go_on, 1);
-  if (status != TBK_SUCCESS && status != TBK_FAULT) printf("status %u\n", status);
-}
-
-static void start_storm(void) {
-  const pid_t target = getpid();
-  int begun[2];
-  char byte = 0;
-  if (pipe(begun) != 0) abort();
-  signal(SIGFPE, SIG_IGN);
-  signal(SIGUSR1, SIG_IGN);
-  if (fork() == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (write(begun[1], &byte, 1) != 1) abort();
-    for (;;) {
-      kill(target, SIGUSR1);
-      kill(target, SIGFPE);
-    }
-  }
-  if (read(begun[0], &byte, 1) != 1) abort();
-}
-
-// A first and later tracebacks, with and without blocks of the heap.
-static void live_in_storm(void) {
-  static struct signal_state before, after;
-  read_signal_state(&before);
-  for (int calls = 0; calls < 100; calls += 33) deeper(calls, trace_in_storm);
-  read_signal_state(&after);
-  compare_signal_states(&before, &after);
-  for (size_t bytes = 1; bytes < 1 << 16; bytes *= 2) free(malloc(bytes));
-}
-
-static void play_in_child(int number, void (*start)(void), void (*live)(void)) {
-  int status = 0;
-  const pid_t child = fork();
-  if (child == 0) {
-    alarm(60);
-    start_idle_thread();
-    start();
-    live();
-    exit(0);
-  }
-  waitpid(child, &status, 0);
-  if (WIFSIGNALED(status)) printf("child %d: ended by signal %d\n", number, WTERMSIG(status));
-}
-
-static void storm(void) {
-  for (int i = 0; i < stormy_children; ++i) play_in_child(i, start_storm, live_in_storm);
-  puts("all children are back");
-}
-
-// The library's calls, which this program has in place of the C library's: a signal arrives after
-// one of them.
-static int steps_to_signal;
-
-static int step(int result) {
-  if (--steps_to_signal == 0) raise(SIGUSR1);
-  return result;
-}
-int __sigaction(int number, const struct sigaction* action, struct sigaction* old);
-int sigaction(int number, const struct sigaction* action, struct sigaction* old) {
-  return step(__sigaction(number, action, old));
-}
-int sigprocmask(int how, const sigset_t* mask, sigset_t* old) {
-  return step(pthread_sigmask(how, mask, old));
-}
-
-static int signalled_step;
-static void ignore_signal(void) { signal(SIGUSR1, SIG_IGN); }
-static void live_with_signal(void) {
-  steps_to_signal = signalled_step;
-  trace_in_storm();
-  steps_to_signal = 0;
-  live_in_storm();
-}
-
-static void every_step(void) {
-  for (signalled_step = 1; signalled_step < 150; ++signalled_step)
-    play_in_child(signalled_step, ignore_signal, live_with_signal);
-  puts("all children are back");
+  const struct sigaction fatal = {.sa_sigaction = on_fatal, .sa_flags = SA_SIGINFO};
+  sigaction(SIGABRT, &fatal, NULL);
+  sigaction(SIGILL, &fatal, NULL);
+  sigaction(SIGSEGV, &fatal, NULL);
 }
 
 // ---- The heap finds itself broken, and aborts with its lock held ----
@@ -186,72 +155,172 @@ static void* volatile block;
 static void* (*volatile address_of_malloc)(size_t);
 static void (*volatile address_of_free)(void*);
 
+ROUTINE guilty_malloc(void) { block = malloc(large); }
+ROUTINE guilty_calloc(void) { block = calloc(1, large); }
+ROUTINE guilty_realloc(void) { block = realloc(block, 2 * large); }
+ROUTINE guilty_free(void) { free(block); }
+
 static void break_end_of_heap(void) {
+  address_of_malloc = malloc;
+  catch_fatal_signals();
   block = malloc(large);
   size_t* const bytes_left = (size_t*)((char*)block + malloc_usable_size(block));
   *bytes_left = SIZE_MAX;
 }
-
-ROUTINE guilty_malloc(void) {
-  break_end_of_heap();
-  block = malloc(large);
-}
-ROUTINE guilty_calloc(void) {
-  break_end_of_heap();
-  block = calloc(1, large);
-}
-ROUTINE guilty_realloc(void) {
-  break_end_of_heap();
-  block = realloc(block, 2 * large);
-}
-ROUTINE guilty_free(void) {
-  block = malloc(large);
-  void* const behind = malloc(large);
-  free(block);
-  free(block);
-  free(behind);
-}
-// Every allocator looks at what it keeps in front of a block, or on the page that the block is in.
-ROUTINE guilty_wild_free(void) {
-  block = (void*)0x123456789010;
-  free(block);
-}
-
-static void die(void (*guilty)(void)) {
-  address_of_malloc = malloc;
+static void free_block(void) {
   address_of_free = free;
   catch_fatal_signals();
-  deeper(30, guilty);
+  block = malloc(large);
+  void* const volatile behind = malloc(large);
+  (void)behind;
+  free(block);
 }
-static void die_in_malloc(void) { die(guilty_malloc); }
-static void die_in_calloc(void) { die(guilty_calloc); }
-static void die_in_realloc(void) { die(guilty_realloc); }
-static void die_in_free(void) { die(guilty_free); }
-static void die_in_wild_free(void) { die(guilty_wild_free); }
+// Every allocator looks at what it keeps in front of a block, or on the page that the block is in.
+static void choose_wild_block(void) {
+  catch_fatal_signals();
+  block = (void*)0x123456789010;
+}
 
-static const struct {
+// ---- How a process is prepared, when the objects are loaded ----
+
+enum { page = 4096 };
+
+static const char* program_path;
+
+// Of the object that is loaded last; a static program has none.
+static const char* volatile object_path;
+static char* volatile object_begin;
+static char* volatile object_routine;
+
+static void nothing(void) {}
+
+static void delete_image(void) { unlink(object_path == NULL ? program_path : object_path); }
+
+// Maps so many bytes of the object's file in front of the object, as data; there may be fewer.
+static void map_file(off_t offset, size_t bytes) {
+  const int file = (int)syscall(SYS_openat, AT_FDCWD, object_path, O_RDONLY, 0);
+  char* const mapped = mmap(NULL, bytes, PROT_READ, MAP_PRIVATE, file, offset);
+  if (mapped == MAP_FAILED || mapped > object_begin) fail("mmap");
+  close(file);
+}
+static void map_page(void) { map_file(page, page); }
+static void map_whole(void) { map_file(0, 1 << 18); }
+
+// As programs do that want their code on large pages.
+static void copy_code(void) {
+  char* const code = (char*)((uintptr_t)object_routine & -(uintptr_t)page);
+  char* const copy = mmap(NULL, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  memcpy(copy, code, page);
+  mprotect(copy, page, PROT_READ | PROT_EXEC);
+  if (mremap(copy, page, page, MREMAP_MAYMOVE | MREMAP_FIXED, code) != code) fail("mremap");
+}
+
+// The system then keeps /proc/PID/auxv from it.
+static void change_user(void) {
+  const uid_t nobody = 65534;
+  if (getuid() == 0 && setresuid(nobody, nobody, nobody) != 0) fail("setresuid");
+  prctl(PR_SET_DUMPABLE, 0);
+}
+
+// Two are left, for the traceback to make do with.
+static void use_up_descriptors(void) {
+  const int lowest = dup(STDOUT_FILENO);
+  const struct rlimit limit = {(rlim_t)lowest + 2, (rlim_t)lowest + 2};
+  close(lowest);
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) fail("setrlimit");
+}
+
+static void map_thousands(void) {
+  for (int i = 0; i < 4000; ++i) {  // neighbours differ, or they would be one mapping
+    const int access = i % 2 == 0 ? PROT_READ : PROT_READ | PROT_WRITE;
+    if (mmap(NULL, page, access, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == MAP_FAILED) fail("mmap");
+  }
+}
+
+struct scene {
   const char* name;
-  void (*play)(void);
-} scenes[] = {
-    // clang-format off
-    {"show", show_deeper},
-    {"storm", storm},
-    {"every_step", every_step},
-    {"malloc", die_in_malloc},
-    {"calloc", die_in_calloc},
-    {"realloc", die_in_realloc},
-    {"free", die_in_free},
-    {"wild_free", die_in_wild_free},
-    // clang-format on
+  action prepare, play;
+  int depth;  // calls on the way from the routines to what is played
 };
 
-int main(int argc, char** argv) {
-  setvbuf(stdout, NULL, _IONBF, 0);  // children have nothing of it in store
-  if (argc > 2 && strcmp(argv[2], "threads") == 0) start_idle_thread();
-  for (size_t i = 0; i < sizeof scenes / sizeof *scenes; ++i) {
-    if (strcmp(argv[1], scenes[i].name) != 0) continue;
-    scenes[i].play();
-    return 0;
+static const struct scene scenes[] = {
+    {"show", nothing, show, 0},
+    {"blocks", nothing, show_blocks, 0},
+    {"error", nothing, show_error, 0},
+    {"interrupted", nothing, show_interrupted, 0},
+    {"crash", catch_fatal_signals, crash, 0},
+    {"malloc", break_end_of_heap, guilty_malloc, 30},
+    {"calloc", break_end_of_heap, guilty_calloc, 30},
+    {"realloc", break_end_of_heap, guilty_realloc, 30},
+    {"free", free_block, guilty_free, 30},
+    {"wild_free", choose_wild_block, guilty_free, 30},
+    {"deleted", delete_image, show, 0},
+    {"page", map_page, show, 0},
+    {"whole", map_whole, show, 0},
+    {"copied_code", copy_code, show, 0},
+    {"other_user", change_user, show, 0},
+    {"no_descriptors", use_up_descriptors, show, 0},
+    {"opened", map_thousands, show_opened, 0},
+    {"reads", nothing, show_reads, 0},
+};
+
+static const struct scene* scene;
+static int object_count;
+static void (**routines)(action);
+
+ROUTINE deeper(int calls) {
+  if (calls > 0) {
+    deeper(calls - 1);
+  } else {
+    scene->play();
   }
-  return 2;
+  __asm__("" ::: "memory");  // something is left to do: the frame stays
 }
+
+// Through one object after the other, the last one first.
+static void next_object(void) {
+  if (object_count-- == 0) {
+    deeper(scene->depth);
+  } else {
+    routines[object_count](next_object);
+  }
+}
+
+#ifdef STATIC
+static void load_objects(char** paths) { (void)paths; }
+#else
+static void load_objects(char** paths) {
+  for (int i = 0; i < object_count; ++i) {
+    Dl_info object;
+    void* const handle = dlopen(paths[i], RTLD_NOW);
+    if (handle == NULL) puts(dlerror());
+    *(void**)&routines[i] = dlsym(handle, "outer");
+    if (dladdr(*(void**)&routines[i], &object) == 0) fail("dladdr");
+    object_path = paths[i];
+    object_begin = object.dli_fbase;
+    object_routine = *(void**)&routines[i];
+  }
+}
+#endif
+
+static void* idle(void* unused) {
+  for (;;) pause();
+  return unused;
+}
+
+int main(int argc, char** argv) {
+  pthread_t thread;
+  setvbuf(stdout, NULL, _IONBF, 0);  // the stack goes past it
+  if (getenv("IDLE_THREAD") != NULL) pthread_create(&thread, NULL, idle, NULL);
+  program_path = argv[0];
+  object_count = argc - 2;
+  routines = calloc((size_t)argc, sizeof *routines);
+  load_objects(argv + 2);
+  if (object_count == 0) routines[object_count++] = outer;
+  scene = scenes;
+  while (strcmp(argv[1], scene->name) != 0) ++scene;
+  scene->prepare();
+  next_object();
+  return 0;
+}
+#endif

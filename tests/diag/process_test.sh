@@ -1,21 +1,16 @@
 #!/usr/bin/env bash
-# Tracebacks of processes in trouble, and of images that are not where one would expect them. Each
-# row below plays one scene of process.c or mapped.c in a process of its own, and has what that is
-# to show.
+# What real processes print of their own stack. Each row below plays one scene of process.c in a
+# process of its own, and has what that is to show.
 #
-#   process_test.sh FOLDER_OF_PROGRAMS MKTRACE FOLDER_OF_SOURCES
+#   process_test.sh FOLDER_OF_PROGRAMS MKTRACE SOURCE
 set -euo pipefail
-programs=$1 mktrace=$2 sources=$3
+export LC_ALL=C
+programs=$1 mktrace=$2 source=$3
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 chmod 755 "$folder" # for a process that changes its user
 cd "$folder"
 rows=0 failures=0
-
-for image in "$programs"/{process,mapped}_*; do
-  cp "$image" .
-  "$mktrace" "$(basename "$image")"
-done
 
 # compare NAME EXPECTED SEEN
 compare() {
@@ -26,125 +21,113 @@ compare() {
   diff -u --label expected --label seen <(echo "$2") <(echo "$3") | tail -n +4 | head -n 20 || true
 }
 
-# shows EXPECTED PROGRAM SCENE [WORD...] [allocator=LIBRARY] [kernel=old]: what the program prints,
-# in short.
-shows() {
-  local expected=$1 words=() libraries=libgcc_s.so.1 kernel=''
-  for word in "${@:2}"; do
-    case $word in
-      allocator=*) libraries+=:${word#*=} ;;
-      kernel=*) kernel=${word#*=} ;;
-      *) words+=("$word") ;;
-    esac
-  done
-  compare "${*:2}" "$expected" "$(
-    { LD_PRELOAD=$libraries KERNEL=$kernel timeout 120 "${words[@]}" 2>/dev/null ||
-      echo "exit status $?"; } | in_short)"
+# play [VARIABLE=VALUE...] PROGRAM SCENE [OBJECT...]
+play() {
+  timeout 120 env LD_PRELOAD=libgcc_s.so.1 "$@" 2>/dev/null || echo "exit status $?"
 }
 
-# ==== Processes in trouble ====
-
-# How many rows a traceback has, the program's own routines in them, a repeated one once, and what
-# stands behind the rows. All that is no table stays as it is.
+# Image, routine, line and file of the frames that a test is about, one that is repeated once; the
+# address of those that are in no image; and all that is not about a frame.
 in_short() {
   awk '
-    function tell() { if (count) print count " rows:" routines; count = 0; routines = last = "" }
-    $1 == "Image" && $2 == "PC" { tell(); next }
-    length($2) == 16 && $2 ~ /^[0-9A-F]*$/ {
-      ++count
-      if ($1 ~ /^process_/ && $3 != last) routines = routines " " (last = $3)
+    function show() {
+      if (image == "Unknown") print image, routine, line, file, pc
+      if (image ~ /^(process|object|alias|large|a_rather|pro\?)/ &&
+          routine ~ /^(inner|middle|outer|crash|guilty|routine|Unknown|mi\?)/)
+        print image, routine, line, file
+    }
+    NF == 5 && $2 ~ /^[0-9A-F]+$/ {
+      image = $1; pc = $2; routine = $3; line = $4; file = $5
+      show()
       next
     }
-    $0 != "" { tell(); print }
-    END { tell() }'
+    /^Image: / { image = $2; next }
+    /^Routine name: / { routine = $3; next }
+    /^Source file: / { file = $3; sub(/^\/.*\//, "/.../", file); next }
+    /^Line number: / { line = $3; show(); next }
+    /^$|^Image +PC|^PC: |^-+ Frame|^Traceback/ { next }
+    { print }' | uniq
 }
 
-# ---- Signals ----
-for scene in every_step storm; do shows 'all children are back' ./process_pie "$scene"; done
+# shows EXPECTED [VARIABLE=VALUE...] PROGRAM SCENE [OBJECT...]
+shows() { compare "${*:2}" "$1" "$(play "${@:2}" | in_short)"; }
 
-# ---- The heap ----
-# Nothing is taken from a heap that a process dies in: what the first 24 records hold is shown.
-# dies_in_heap KIND SCENE [WORD...]
-dies_in_heap() {
-  shows "24 rows: show on_fatal guilty_$2 deeper
-Stack trace terminated abnormally." "./process_$1" "${@:2}"
-}
-for scene in malloc calloc realloc free wild_free; do
-  dies_in_heap pie $scene
-  dies_in_heap pie $scene threads
-  dies_in_heap no-pie $scene
-done
-# These jump from malloc and free to their inner routines. Their versions are the system's.
-for library in libjemalloc libmimalloc; do
-  file=$(/sbin/ldconfig -p | awk -v name="$library.so." 'index($1, name) == 1 { print $1; exit }')
-  if [ -z "$file" ]; then
-    echo "left out: $library is not installed"
-    continue
-  fi
-  dies_in_heap pie wild_free "allocator=$file"
-done
-
-# ---- What a terminal gets ----
-# The program, a routine and a source file with names that would begin a line and command a terminal.
-program=$'pro\ess\n' routine='dee\x9ber' source='pro\x1b\x07ss.c'
-cp process_pie "$program"
-LC_ALL=C sed -i "s/deeper/$routine/g; s/process\.c/$source/g" "$program"
-compare "names that command a terminal" 'Image Routine Source
-pro?ss? show pro??ss.c
-pro?ss? show_own pro??ss.c
-pro?ss? dee?er pro??ss.c
-pro?ss? dee?er pro??ss.c
-pro?ss? show_dee?er pro??ss.c
-pro?ss? main pro??ss.c' "$(LD_PRELOAD=libgcc_s.so.1 "./$program" show |
-  LC_ALL=C awk '/^Image/ { print $1, $3, $5 } /^pro/ && $3 != "_start" { print $1, $3, $5 }')"
-
-# ==== Where images are, and which image an address is in ====
-
-# Image, routine and line of what the objects show, then what is no row of the table.
-in_short() {
-  awk '
-    $1 == "Image" { next }
-    $2 !~ /^[0-9A-F]+$/ { print; next }
-    $3 ~ /^(inner|middle|outer)$/ || $1 ~ /^(object|alias|large)/ { print $1, $3, $4 }'
-}
-
-line_of() { grep -n "^ROUTINE $1" "$sources/mapped.c" | cut -d: -f1; }
+# chain IMAGE [FILE]: what is to be seen of three calls in an image
+line_of() { grep -n "^ROUTINE $1(" "$source" | cut -d: -f1; }
 inner="inner $(line_of inner)" middle="middle $(line_of middle)" outer="outer $(line_of outer)"
-chain() { printf "%s\n" "$1 $inner" "$1 $middle" "$1 $outer"; }
+chain() { for routine in "$inner" "$middle" "$outer"; do echo "$1 $routine ${2:-process.c}"; done; }
+
+# ---- Names and lines, in both layouts ----
+# The name of the program is that of its file, whatever it was called by.
+cp "$programs/process_pie" a_rather_long_name
+cp "$programs/object-0.so" object.so
+ln -s a_rather_long_name other_name
+ln -s object.so alias.so
+unknown='Unknown Unknown Unknown'
+shows "a_rather_long_nam $unknown
+object.so $unknown
+a_rather_long_nam $unknown" ./other_name show ./object.so
+"$mktrace" a_rather_long_name
+"$mktrace" object.so
+shows "$(chain a_rather_long_nam)" ./other_name show
+shows "$(chain a_rather_long_name /.../process.c)" ./other_name blocks
+strip a_rather_long_name
+shows "$(chain a_rather_long_nam)" ./other_name show
+cp a_rather_long_name process_gone
+shows "$(chain process_gone)" ./process_gone deleted
+
+for program in "$programs"/process_*; do
+  cp "$program" .
+  "$mktrace" "$(basename "$program")"
+done
+for kind in pie no-pie static static-pie; do
+  image=process_$kind
+  for scene in show other_user; do shows "$(chain "${image:0:17}")" ./$image $scene; done
+done
+# At the first instruction of a routine, a byte before which is another one.
+shows "process_pie crash Unknown Unknown
+$(chain process_pie)" ./process_pie crash
+# Bytes that would begin a line or command a terminal.
+program=$'pro\ess\n'
+sed "s/middle/mi\x9bdle/g; s/process\.c/pro\x1b\x07ss.c/g" process_pie >"$program"
+chmod +x "$program"
+shows "$(chain 'pro?ss?' 'pro??ss.c' | sed 's/middle/mi?dle/')" "./$program" show
 
 # ---- Shared objects ----
 mkdir other
-cp mapped_object.so other/mapped_pie
-ln -s mapped_object.so alias.so
-for kernel in new old; do
-  # Their file is mapped a second time, which misleads nobody; or their code is in no file.
-  for scene in nothing page first_page whole copied_code; do
-    shows "$(chain mapped_object.so)" ./mapped_pie $scene ./mapped_object.so kernel=$kernel
-  done
-  # Their text segment need not begin at 0.
-  for object in mapped_object-0x1000.so mapped_object-0x10000.so; do
-    shows "$(chain mapped_object-0x1)" ./mapped_pie nothing ./$object kernel=$kernel
-    shows "$(chain mapped_object-0x1)" ./mapped_pie copied_code ./$object kernel=$kernel
-  done
-  # A name that is not in the path of the file.
-  shows "$(chain alias.so)" ./mapped_pie nothing ./alias.so kernel=$kernel
-  # The executable's file name in another folder.
-  shows "$(chain mapped_pie)" ./mapped_pie nothing ./other/mapped_pie kernel=$kernel
+cp object.so other/process_pie
+cp object.so object_deleted.so
+for begin in 0x1000 0x10000; do
+  cp "$programs/object-$begin.so" .
+  "$mktrace" "object-$begin.so"
 done
-
-# ---- More images, addresses and mappings than there is room for ----
+shows "object_deleted.so $unknown" ./process_pie deleted ./object_deleted.so
 objects=()
 for i in {1..80}; do
-  cp mapped_object.so "object$i.so"
+  cp object.so "object$i.so"
   objects+=("./object$i.so")
 done
-# chains COUNT
+# chains COUNT: of so many objects
 chains() { for ((i = 1; i <= $1; ++i)); do chain "object$i.so"; done; }
-for kernel in new old; do
-  shows "$(chains 80)" ./mapped_pie nothing "${objects[@]}" kernel=$kernel
-  shows "$(chains 4)" ./mapped_pie no_descriptors "${objects[@]:0:4}" kernel=$kernel
+for kernel in NEW_KERNEL=1 OLD_KERNEL=1; do
+  # Their file is mapped a second time, which misleads nobody; or their code is in no file.
+  for scene in show page whole copied_code; do
+    shows "$(chain object.so)" $kernel ./process_pie $scene ./object.so
+  done
+  # Their text segment need not begin at 0.
+  for begin in 0x1000 0x10000; do
+    for scene in show copied_code; do
+      shows "$(chain object-$begin.so)" $kernel ./process_pie $scene ./object-$begin.so
+    done
+  done
+  # A name that is not in the path of the file; the executable's file name in another folder.
+  shows "$(chain alias.so)" $kernel ./process_pie show ./alias.so
+  shows "$(chain process_pie)" $kernel ./process_pie show ./other/process_pie
+  # More images and mappings than there is room for.
+  shows "$(chains 80)" $kernel ./process_pie show "${objects[@]}"
+  shows "$(chains 4)" $kernel ./process_pie no_descriptors "${objects[@]:0:4}"
   shows "$(chains 16)
-maps opened: 1, with other flags: 0" ./mapped_pie count "${objects[@]:0:16}" kernel=$kernel
+maps opened: 1, with other flags: 0" $kernel ./process_pie opened "${objects[@]:0:16}"
 done
 
 # ---- A large program ----
@@ -165,22 +148,47 @@ gcc -g -nostdlib -shared -o large.so large.s
 "$mktrace" large.so
 large=$(for ((i = 100000; i > 0; i -= 1000)); do
   name=routine_$i$suffix
-  echo "large.so ${name:0:17} $i"
+  echo "large.so ${name:0:17} $i large.s"
 done)
-shows "$large" ./mapped_pie nothing ./large.so
+shows "$large" ./process_pie reads ./large.so
 
-# ---- Executables ----
-for kind in pie no-pie static static-pie; do
-  image="mapped_$kind"
-  shows "$(chain $image)" "./$image" nothing
-  shows "$(chain $image)" "./$image" other_user
-  shows "data: the program
-vdso: not the program
-stack: not the program
-heap: not the program
-null: not the program
-$(chain $image)" "./$image" addresses
+# ---- The heap ----
+# Nothing is taken from a heap that a process dies in: what the first 24 records hold is shown.
+# dies_in_heap PROGRAM SCENE ROUTINE [VARIABLE=VALUE...]
+dies_in_heap() {
+  local output
+  output=$(play "${@:4}" "./$1" "$2")
+  compare "${*:4} $1 $2" "24 rows
+$1 $3 $(line_of "$3") process.c
+Stack trace terminated abnormally." "$(grep -cE ' [0-9A-F]{16} ' <<<"$output") rows
+$(in_short <<<"$output")"
+}
+for scene in malloc calloc realloc free; do
+  dies_in_heap process_pie $scene guilty_$scene IDLE_THREAD=1 # with two, the heap has a lock
+  dies_in_heap process_no-pie $scene guilty_$scene
 done
+# These jump from malloc and free to their inner routines. Their versions are the system's.
+for library in libc libjemalloc libmimalloc; do
+  file=$(/sbin/ldconfig -p | awk -v name="$library.so." 'index($1, name) == 1 { print $1 }' | uniq)
+  if [ -z "$file" ]; then
+    echo "left out: $library is not installed"
+    continue
+  fi
+  dies_in_heap process_pie wild_free guilty_free "LD_PRELOAD=libgcc_s.so.1:$file"
+done
+
+# ---- Unwinders ----
+# With _Unwind_ForcedUnwind alone the frames are those from the one on whose routine holds the
+# program counter, up to where that is 0; without one, all but 3.
+shows 'You must link with libunwind to use traceback functionality' LD_PRELOAD= ./process_pie error
+frames() { for pc in "$@"; do echo "Unknown $unknown 000000000000$pc"; done; }
+shows "stop 2
+$(frames 1010 2020 3030 4040)
+stop 2
+$(frames 3030 4040)
+stop 2
+$(frames 4040)
+stop 2" LD_PRELOAD=./object.so ./process_pie interrupted
 
 echo "$rows scenes, $failures not as expected"
 [ $failures -eq 0 ]

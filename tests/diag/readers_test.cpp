@@ -1,33 +1,37 @@
 // What the traceback's readers make of files: how much of one is read at most, lines of the process
-// map, and where an ELF file's segments say its bytes are.
+// map, where an ELF file's segments say its bytes are, and `.trace` sections that are damaged or
+// made to mislead: they cost names and nothing else.
 #include <elf.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "diag/byte_source.h"
 #include "diag/elf_image.h"
 #include "diag/process_files.h"
-#include "support/child.h"
-#include "support/name_of_row.h"
+#include "diag/trace_scan.h"
+#include "support/bytes.h"
+#include "support/guard_pages.h"
 
 namespace {
 
 using namespace zorvac::diag;
+using namespace std::string_literals;
 
 byte_source source;
 
+// The file ends at a page that nobody may touch.
 void open_text(const std::string& text) {
-  source.open_memory({reinterpret_cast<const unsigned char*>(text.data()), text.size()});
+  static const zorvac::test::guarded_block memory(1 << 14);
+  unsigned char* const begin = memory.end() - text.size();
+  std::copy(text.begin(), text.end(), begin);
+  source.open_memory({begin, text.size()});
 }
 
 // A file of holes, too large to be read: every block is looked into, the last ones in vain.
@@ -43,162 +47,209 @@ TEST(ByteSource, GivesAFileUpAfterSixtyFiveThousandBlocks) {
   close(file);
 }
 
-// Whatever stands under an image's name, opening it neither waits nor takes a terminal.
-TEST(ByteSource, DoesNotWaitForThePipeThatItOpens) {
-  const auto path = std::filesystem::temp_directory_path() / ("pipe" + std::to_string(getpid()));
-  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  const auto outcome = zorvac::test::run_in_child([&] {
-    alarm(10);
-    std::printf("opened: %d\n", source.open_file(path.c_str()));
-    std::printf("bytes: %zu\n", source.at(0).size());
-  });
-  EXPECT_EQ(outcome.standard_output, "opened: 1\nbytes: 0\n");
-  EXPECT_EQ(outcome.signal, 0);
-  std::filesystem::remove(path);
-}
-TEST(ByteSource, DoesNotTakeTheTerminalThatItOpens) {
-  const auto outcome = zorvac::test::run_in_child([] {
-    const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
-    if (grantpt(terminal) != 0 || unlockpt(terminal) != 0 || setsid() < 0) std::perror("terminal");
-    std::printf("opened: %d\n", source.open_file(ptsname(terminal)));
-    std::printf("controls: %d\n", open("/dev/tty", O_RDONLY) >= 0);
-  });
-  EXPECT_EQ(outcome.standard_output, "opened: 1\ncontrols: 0\n") << outcome.standard_error;
-}
+// ---- The process map ----
 
-struct map_text {
+const std::string inode = "fe:00 1234    ", long_path = "/" + std::string(9000, 'x');
+const struct {
   const char* name;
   std::string text;
   std::vector<std::string> lines;  // begin, end and offset in hexadecimal, and the path
-};
-std::ostream& operator<<(std::ostream& out, const map_text& row) { return out << row.name; }
-
-const std::string inode = "fe:00 1234    ", long_path = "/" + std::string(9000, 'x');
-const map_text map_texts[] = {
-    {"Empty", "", {}},
-    {"File", "1000-2000 r-xp 00003000 " + inode + "/lib/a.so\n", {"1000 2000 3000 /lib/a.so"}},
-    {"BlanksInThePath", "1-2 r--p 3 " + inode + "/a b/c (deleted)\n", {"1 2 3 /a b/c (deleted)"}},
-    {"NoFile", "1-2 rw-p 0 00:00 0\n3-4 r-xp 0 00:00 0 [vdso]\n", {"1 2 0 ", "3 4 0 "}},
-    {"NoEndOfTheLine", "1-2 r--p 3 " + inode + "/a", {"1 2 3 /a"}},
-    {"LargestNumbers",
+} map_texts[] = {
+    {"blanks in the path",
+     "1000-2000 r-xp 3000 " + inode + "/a b/c (deleted)\n",
+     {"1000 2000 3000 /a b/c (deleted)"}},
+    {"no file", "1-2 rw-p 0 00:00 0\n3-4 r-xp 0 00:00 0 [vdso]\n", {"1 2 0 ", "3 4 0 "}},
+    {"no end of the line", "1-2 r--p 3 " + inode + "/a", {"1 2 3 /a"}},
+    {"largest numbers",
      "ffffffffffff0000-ffffffffffffffff r--p ffffffffffff0000 " + inode + "/a\n",
      {"ffffffffffff0000 ffffffffffffffff ffffffffffff0000 /a"}},
-    {"TooLargeANumber", "10000000000000000-2 r--p 3 /a\n4-5 r--p 6 /b\n", {"4 5 6 /b"}},
-    {"NoLinesOfAMap",
+    {"too large a number", "10000000000000000-2 r--p 3 /a\n4-5 r--p 6 /b\n", {"4 5 6 /b"}},
+    {"no lines of a map",
      "\n \n-\n1\n1-\n1-2\n1-2 r--p\n1-2 r--p \nhello\n4-5 r--p 6 /b\n",
      {"4 5 6 /b"}},
-    {"TooLongALine",
+    {"too long a line",
      "1-2 r--p 3 " + long_path + "\n4-5 r--p 6 /b\n",
      {("1 2 3 " + long_path).substr(0, 8192 - 5), "4 5 6 /b"}},
 };
 
-class MapReader : public testing::TestWithParam<map_text> {};
+TEST(MapReader, TellsWhatIsMappedWhere) {
+  for (const auto& row : map_texts) {
+    open_text(row.text);
+    map_reader map(source);
+    std::vector<std::string> lines;
+    for (map_line line; map.next(line);) {
+      char numbers[64];
+      std::snprintf(numbers, sizeof numbers, "%lx %lx %lx ", line.begin, line.end, line.offset);
+      lines.push_back(numbers + std::string(line.path));
+    }
+    EXPECT_EQ(lines, row.lines) << row.name;
+  }
+}
 
-TEST_P(MapReader, TellsWhatIsMappedWhere) {
-  open_text(GetParam().text);
+// In ascending order, in one reading. Some lie between two lines.
+TEST(MapReader, FindsTheLineThatHoldsAnAddress) {
+  open_text("1000-2000 r--p 0 /a\n2000-3000 r--p 0 /b\n4000-5000 r--p 0 /c\n");
   map_reader map(source);
-  std::vector<std::string> lines;
-  for (map_line line; map.next(line);) {
-    char numbers[64];
-    std::snprintf(numbers, sizeof numbers, "%lx %lx %lx ", line.begin, line.end, line.offset);
-    lines.push_back(numbers + std::string(line.path));
+  const std::pair<std::uint64_t, const char*> paths[] = {
+      {0xfff, ""},  {0x1000, "/a"}, {0x1fff, "/a"}, {0x2000, "/b"}, {0x2fff, "/b"},
+      {0x3000, ""}, {0x3fff, ""},   {0x4000, "/c"}, {0x5000, ""}};
+  for (const auto& [address, path] : paths) {
+    map_line line;
+    const bool found = map.find(address, line);
+    EXPECT_STREQ(found ? line.path : "", path) << std::hex << address;
   }
-  EXPECT_EQ(lines, GetParam().lines);
-}
-INSTANTIATE_TEST_SUITE_P(Lines, MapReader, testing::ValuesIn(map_texts), zorvac::test::name_of_row);
-
-// What is at an address, in one short text.
-std::string found_at(map_reader& map, std::uint64_t address) {
-  map_line line;
-  if (!map.find(address, line) || *line.path == '\0') return "no file";
-  char numbers[64];
-  std::snprintf(numbers, sizeof numbers, "%lx %lx %lx ", line.begin, line.end, line.offset);
-  return numbers + std::string(line.path);
 }
 
-// Asking the kernel and reading its text tell the same of each mapping's first and last byte, and of
-// what is behind it.
-TEST(MapOfThisProcess, IsFoundInTheTextAsTheKernelTells) {
-  static char text[1 << 16];
-  static byte_source file, memory;
-  file.open_kernel_file("/proc/self/maps");
-  ASSERT_TRUE(file.read(0, text, 1));
-  std::size_t length = 0;
-  while (length < sizeof text && file.read(length, text + length, 1)) ++length;
-  memory.open_memory({reinterpret_cast<const unsigned char*>(text), length});
+// ---- Segments ----
 
-  std::vector<std::uint64_t> addresses;
-  map_reader lines(memory), in_text(memory), by_kernel(file);
-  for (map_line line; lines.next(line);)
-    addresses.insert(addresses.end(), {line.begin, line.end - 1, line.end});
-  std::size_t files = 0;
-  for (const std::uint64_t address : addresses) {
-    const std::string found = found_at(in_text, address);
-    EXPECT_EQ(found_at(by_kernel, address), found) << std::hex << address;
-    files += found != "no file";
-  }
-  EXPECT_GT(files, 10u);
-  file.close();
-}
-
-// The segments of a file: in the second, 0x2000 bytes of code from offset 0x1000 on, linked for
-// address 0x41000; then data whose bytes are the last of the code's, too.
+// In the last one, 0x2000 bytes of code from offset 0x1000 on, linked for address 0x41000; in front
+// of it in the table, data whose bytes are the last of the code's, too.
 constexpr Elf64_Phdr segments[] = {
     {PT_LOAD, PF_R, 0, 0x40000, 0, 0x1000, 0x1000, 0x1000},
     {PT_NOTE, PF_X, 0x1000, 0x77000, 0, 0x2000, 0x2000, 8},
     {PT_LOAD, PF_R | PF_W, 0x2f00, 0x53f00, 0, 0x200, 0x900, 0x1000},
     {PT_LOAD, PF_R | PF_X, 0x1000, 0x41000, 0, 0x2000, 0x2000, 0x1000},
 };
-constexpr std::uint64_t mapped = 0x7f0000000000;
+constexpr std::uint64_t begin_of_table = 8;
 
-struct placed_byte {
+const struct {
   const char* name;
   std::uint64_t offset;
   std::uint64_t address;  // in the file; 0: it is in no segment
-};
-std::ostream& operator<<(std::ostream& out, const placed_byte& row) { return out << row.name; }
-constexpr placed_byte placed_bytes[] = {
-    {"FirstOfTheFile", 0, 0x40000},      {"LastInFrontOfTheCode", 0xfff, 0x40fff},
-    {"FirstOfTheCode", 0x1000, 0x41000}, {"CodeBeforeData", 0x2fff, 0x42fff},
-    {"Data", 0x3000, 0x54000},           {"LastOfTheData", 0x30ff, 0x540ff},
-    {"BehindTheFile", 0x3100, 0},        {"FarBehind", UINT64_MAX, 0},
+  std::uint16_t entries = std::size(segments);
+} placed_bytes[] = {
+    {"first of the file", 0, 0x40000},
+    {"last in front of the code", 0xfff, 0x40fff},
+    {"first of the code", 0x1000, 0x41000},
+    {"code rather than data", 0x2fff, 0x42fff},
+    {"data", 0x3000, 0x54000},
+    {"last of the data", 0x30ff, 0x540ff},
+    {"behind the file", 0x3100, 0},
+    {"far behind", UINT64_MAX, 0},
+    {"a table that is not there", 0x4000, 0, UINT16_MAX},
 };
 
-class Segments : public testing::TestWithParam<placed_byte> {
- protected:
-  Segments() {
-    header.e_phoff = 8;
+TEST(Segments, SayWhatAddressAByteWasLinkedFor) {
+  constexpr std::uint64_t mapped = 0x7f0000000000;
+  std::string file(begin_of_table, '\0');
+  file.append(reinterpret_cast<const char*>(segments), sizeof segments);
+  open_text(file);
+  for (const auto& row : placed_bytes) {
+    Elf64_Ehdr header{};
+    header.e_phoff = begin_of_table;
     header.e_phentsize = sizeof segments[0];
-    header.e_phnum = std::size(segments);
-    text.assign(8, '\0');
-    text.append(reinterpret_cast<const char*>(segments), sizeof segments);
-    open_text(text);
+    header.e_phnum = row.entries;
+    std::uint64_t bias = 0;
+    const bool known = find_bias(source, header, row.offset, mapped + row.offset, bias);
+    EXPECT_EQ(known ? mapped + row.offset - bias : 0, row.address) << row.name;
   }
-  std::string text;
-  Elf64_Ehdr header{};
+}
+
+// ---- Sections ----
+
+// In front of a section, the record of a file. In it, what a linker and other writers may put:
+// padding, records that nobody knows, a routine without lines, a span of other addresses. Then the
+// example of docs/trace-format.md, byte for byte.
+const std::string names = "\0.trace\0"s, outside = "\x0b\1\1\0\0\0!"s;
+const std::string others =
+    "\0\x4d\1\1\0\0\0?\x0c\x09\0\0\0\0"s
+    "\x0a\2\0\x09\0\0\0\0\0\0\x10\0\0\0\1\0x"s
+    "\x0d\1\x14\0\0\0\0\x20\0\0\0\0\0\0\7\0\0\0\0\0\0\0\0\0\0\0"s;
+const std::string example =
+    "\x0b\1\x0b\0\0\0/src/area.c"s
+    "\x0d\1\x14\0\0\0\0\x10\0\0\0\0\0\0\7\0\0\0\0\0\0\0\x22\0\0\0"s
+    "\x0a\2\0\x10\0\0\0\0\0\0\7\0\0\0\4\0area"s
+    "\x0c\1\x08\0\0\0\1\x3f\0\2\6\5\6\1"s;
+
+// The section is the 33rd, and the last but one.
+constexpr std::size_t header_bytes = 64, trace_header = 33 * header_bytes;
+constexpr std::size_t names_header = trace_header + header_bytes;
+constexpr std::size_t end_of_headers = names_header + header_bytes;
+const std::size_t section_bytes = others.size() + example.size();
+
+std::string make_image() {
+  std::string file = std::string(end_of_headers, '\0') + names + outside + others + example;
+  auto& header = reinterpret_cast<Elf64_Ehdr&>(file[0]);
+  auto& trace = reinterpret_cast<Elf64_Shdr&>(file[trace_header]);
+  auto& name_table = reinterpret_cast<Elf64_Shdr&>(file[names_header]);
+  std::memcpy(header.e_ident, ELFMAG "\2", 5);
+  header.e_machine = EM_X86_64;
+  header.e_shoff = header_bytes;
+  header.e_shentsize = header_bytes;
+  header.e_shnum = 34;
+  header.e_shstrndx = 33;
+  trace.sh_name = 1;
+  trace.sh_offset = file.size() - section_bytes;
+  trace.sh_size = section_bytes;
+  name_table.sh_offset = end_of_headers;
+  name_table.sh_size = names.size();
+  return file;
+}
+const std::string image = make_image();
+const std::size_t at = image.size() - example.size();
+
+// Routine, source file and line.
+std::string found(const std::string& file, std::uint64_t address) {
+  open_text(file);
+  tbk_pc_info info{"Unknown", "Unknown", 0};
+  Elf64_Ehdr header;
+  if (read_elf_header(source, header))
+    scan_trace(source, find_trace_section(source, header), address, info);
+  return std::string(info.routine) + ' ' + info.file + ' ' + std::to_string(info.line);
+}
+
+// With one byte, at a place, of another value.
+const struct {
+  const char* name;
+  std::size_t place, value;
+  const char* found = "Unknown Unknown 0";  // at 0x1003
+} damages[] = {
+    {"none", 0, 0x7f, "area /src/area.c 7"},
+    {"no ELF file", EI_MAG3, 'f'},
+    {"for 32 bits", EI_CLASS, ELFCLASS32},
+    {"for another machine", offsetof(Elf64_Ehdr, e_machine), EM_386},
+    {"headers of another size", offsetof(Elf64_Ehdr, e_shentsize), 65},
+    {"not among the headers", offsetof(Elf64_Ehdr, e_shnum), 32},
+    {"names in another section", offsetof(Elf64_Ehdr, e_shstrndx), 32},
+    {"names cut short", names_header + offsetof(Elf64_Shdr, sh_size), 7},
+    {"a name behind the names", trace_header + offsetof(Elf64_Shdr, sh_name), 9},
+    {"no bytes in the file", trace_header + offsetof(Elf64_Shdr, sh_type), SHT_NOBITS},
+    {"compressed", trace_header + offsetof(Elf64_Shdr, sh_flags) + 1, SHF_COMPRESSED >> 8},
+    {"its end wraps", trace_header + offsetof(Elf64_Shdr, sh_offset) + 7, 0xff},
+    {"a span of other addresses", at + 0x18, 0x20},
+    {"a routine of another version", at + 0x2c, 3},
+    {"an end in the routine's name", trace_header + offsetof(Elf64_Shdr, sh_size),
+     section_bytes - (0x4d - 0x3d), "ar Unknown 0"},
+    {"an end in the lines", trace_header + offsetof(Elf64_Shdr, sh_size),
+     section_bytes - (0x4d - 0x49), "area /src/area.c 2"},
+    {"lines of another version", at + 0x40, 2, "area Unknown 0"},
+    {"more files than there are", at + 0x45, 99, "area Unknown 0"},
+    {"a file of another version", at + 1, 2, "area Unknown 7"},
+    {"a distance to no file", at + 0x46, 62, "area Unknown 7"},
+    {"a distance to a file in front of the section", at + 0x46,
+     0x3f + others.size() + outside.size(), "area Unknown 7"},
 };
 
-TEST_P(Segments, SayWhatAddressAByteWasLinkedFor) {
-  std::uint64_t bias = 0;
-  const std::uint64_t address = mapped + GetParam().offset;
-  const bool known = find_bias(source, header, GetParam().offset, address, bias);
-  EXPECT_EQ(known, GetParam().address != 0);
-  EXPECT_EQ(known ? address - bias : 0, GetParam().address);
+TEST(Section, LosesWhatADamagedByteTellsOf) {
+  EXPECT_EQ(found(image, 0x90f), "x Unknown 0");
+  EXPECT_EQ(found(image, 0x910), "Unknown Unknown 0");
+  for (const auto& row : damages) {
+    std::string file = image;
+    file[row.place] = static_cast<char>(row.value);
+    EXPECT_EQ(found(file, 0x1003), row.found) << row.name;
+  }
 }
-INSTANTIATE_TEST_SUITE_P(Bytes, Segments, testing::ValuesIn(placed_bytes),
-                         zorvac::test::name_of_row);
 
-TEST_F(Segments, AreNotThereWhereTheHeaderMisleads) {
-  std::uint64_t bias = 0;
-  Elf64_Ehdr wrong = header;
-  wrong.e_phentsize = 32;
-  EXPECT_FALSE(find_bias(source, wrong, 0, mapped, bias));
-  wrong = header;
-  wrong.e_phoff = UINT64_MAX - 8;  // the table's end wraps
-  EXPECT_FALSE(find_bias(source, wrong, 0, mapped, bias));
-  wrong = header;
-  wrong.e_phnum = UINT16_MAX;  // most of the table is not there
-  EXPECT_FALSE(find_bias(source, wrong, 0x4000, mapped, bias));
+// The page behind the file is not touched, and every reading ends.
+TEST(Section, MisleadsNobodyOutOfTheFile) {
+  for (std::size_t place = 0; place < image.size(); ++place) {
+    found(image.substr(0, place), 0x1003);
+    for (const char value : {'\x7f', '\x80', '\xff'}) {
+      std::string file = image;
+      file[place] = value;
+      found(file, 0x1003);
+    }
+  }
 }
 
 }  // namespace

@@ -1,56 +1,64 @@
 // The traceback from within: which frames are reported, what is written of them, what happens to
-// signals and memory. A second walk of the same stack says which frames there are. Layouts, names
-// and lines are in image_test.sh. Last comes its reader, on images and `.trace` sections that are
-// cut, damaged or made to mislead: they cost names and nothing else.
+// signals and memory. A second walk of the same stack says how many frames there are.
 //
-// The linker leads the library's calls of three routines to the end of this file, where they are
-// noted, and where a signal can be raised in the middle of a walk.
+// The linker leads the library's calls of five routines to the end of this file, where they are
+// noted, and where a signal can be raised in the middle of a traceback.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
+#include <ucontext.h>
 #include <unistd.h>
 #include <unwind.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstring>
-#include <sstream>
+#include <functional>
+#include <memory>
 #include <thread>
 
 #include "diag/images.h"
 #include "diag/tbk_backtrace.h"
-#include "diag/trace_scan.h"
+#include "support/bytes.h"
+#include "support/child.h"
 #include "support/guard_pages.h"
+#include "support/sanitized.h"
 
 namespace {
 
 using namespace zorvac::diag;
-using namespace std::string_literals;
+using namespace zorvac::test;
 using addresses = std::vector<std::uint64_t>;
-enum layout { frames, block, table };
-constexpr std::size_t null = SIZE_MAX, never = 1 << 20;
 
-// What a traceback is asked for, and what happens amid it.
+// ---- What a traceback is asked for, and what is seen of it ----
+
 struct scenario {
-  layout kind = frames;
-  std::size_t room = 1 << 14, beyond = 0;  // of the buffer: what there is, and what is promised
-  std::size_t fault = never;               // after so many events
-  std::size_t chunks = 1000;               // that malloc gives
   const void* context = nullptr;
   std::uint32_t skip = 1;
-  int hides = 2;                       // frames
-  std::int32_t answer = TBK_CONTINUE;  // to the 30th frame
+  std::size_t hidden = 2;               // so many frames are not to be shown
+  std::int32_t answer = TBK_CONTINUE;   // to the 30th frame
+  std::size_t chunks = 1000;            // that malloc gives
+  std::size_t signal_after = SIZE_MAX;  // events
 };
+std::ostream& operator<<(std::ostream& out, const scenario& s) {
+  return out << "skip " << s.skip << ", answer " << s.answer << ", " << s.chunks
+             << " chunks, a signal after " << s.signal_after << " events";
+}
 const scenario* planned = nullptr;  // during a traceback
 
+struct reported_frame {
+  std::uint64_t pc, return_address, frame_pointer, hidden;
+};
+
 // An event is one letter: i a frame is looked at, m memory is taken, c a frame is reported, f
-// memory is freed. There is room for all: nothing may be allocated on the way.
+// memory is freed. There is room for all of this: nothing may be allocated on the way.
 std::string events(1 << 15, ' ');
-addresses told(1 << 13);  // by the unwinder
-std::array<void*, 1000> blocks;
-std::size_t given = 0;
-const zorvac::test::guarded_block memory(1 << 14);  // for texts, which end at its end
+addresses looked_at(1 << 13);  // program counters, as the unwinder tells them
+std::vector<reported_frame> reported(1 << 13);
+std::vector<void*> blocks(1000);  // taken and not freed
 
 // Half of the signals are such as instructions raise; the others come from outside.
 bool is_fault(std::size_t event) { return event % 2 == 0; }
@@ -58,275 +66,381 @@ bool is_fault(std::size_t event) { return event % 2 == 0; }
 void note(char event) {
   if (planned == nullptr) return;
   events += event;
-  if (events.size() == planned->fault + 1) raise(is_fault(planned->fault) ? SIGSEGV : SIGRTMAX);
+  if (events.size() != planned->signal_after + 1) return;
+  raise(is_fault(planned->signal_after) ? SIGSEGV : SIGRTMAX);
 }
 
-// All that a traceback may not change: errno, the lowest descriptor that is free, the signal mask,
-// and every signal's action in the kernel's words (handler, flags, restorer, mask).
-std::array<long, 260> process() {
-  std::array<long, 260> all{errno, dup(2)};
-  close(static_cast<int>(all[1]));
-  syscall(SYS_rt_sigprocmask, SIG_BLOCK, nullptr, &all[2], 8);
-  for (std::size_t number = 1; number <= 64; ++number) {
-    long* const action = &all[4 * number];
-    syscall(SYS_rt_sigaction, number, nullptr, action, 8);
-    action[1] &= ~0x04000000, action[2] = 0;  // the C library gives a restorer to each that it sets
+void begin(const scenario& s) {
+  events.clear();
+  looked_at.clear();
+  reported.clear();
+  blocks.clear();
+  frame_count = 0;
+  planned = &s;
+}
+void end() {
+  planned = nullptr;
+  for (void* const left : blocks) std::free(left);
+  EXPECT_EQ(frame_count, looked_at.size());
+  EXPECT_STREQ(tbk_geterrorstring(), "No error");
+}
+
+// All that a traceback may not change.
+struct process_state {
+  struct signal_action {  // in the kernel's words
+    long handler, flags, restorer, mask;
+  };
+  int error = errno;
+  int free_descriptor = dup(STDERR_FILENO);  // the lowest one
+  long blocked = 0;
+  std::array<signal_action, 65> actions{};  // by the signal's number
+
+  process_state() {
+    close(free_descriptor);
+    syscall(SYS_rt_sigprocmask, SIG_BLOCK, nullptr, &blocked, sizeof blocked);
+    for (std::size_t number = 1; number < actions.size(); ++number) {
+      signal_action& action = actions.at(number);
+      syscall(SYS_rt_sigaction, number, nullptr, &action, sizeof action.mask);
+      action.restorer = 0;  // the C library gives one to each that it sets
+      action.flags &= ~0x04000000;
+    }
   }
-  return all;
+};
+void expect_unchanged(const process_state& before) {
+  const process_state now;
+  EXPECT_EQ(now.error, before.error);
+  EXPECT_EQ(now.free_descriptor, before.free_descriptor);
+  EXPECT_EQ(now.blocked, before.blocked);
+  EXPECT_ELEMENTS(now.actions, before.actions);
 }
 
-// The frames above its caller's.
-[[gnu::noinline]] addresses callers() {
-  told.clear();
-  const auto look = [](_Unwind_Context* at, void*) { return _Unwind_GetIP(at), _URC_NO_REASON; };
-  _Unwind_Backtrace(look, nullptr);
-  return {told.begin() + 2, told.end()};
+// How many frames are above its caller's.
+[[gnu::noinline]] std::size_t count_callers() {
+  std::size_t count = 0;
+  const auto look = [](_Unwind_Context*, void* counted) {
+    ++*static_cast<std::size_t*>(counted);
+    return _URC_NO_REASON;
+  };
+  _Unwind_Backtrace(look, &count);
+  return count - 2;
 }
 
-// Calls `body` from below that many frames of a new thread, whose stack is short.
+// Calls `body` from below that many frames.
 [[gnu::noinline]] void descend(int depth, void (*body)()) {
   depth > 0 ? descend(depth - 1, body) : body();
   asm volatile("" ::: "memory");  // something is left to do: the frame stays
 }
+// The same in a new thread, whose stack is short.
 void below(int depth, void (*body)()) { std::thread(descend, depth, body).join(); }
 
+// ---- The walk ----
+
+// 24 records are at hand, and each further 24 are taken from the heap.
+constexpr std::size_t chunk = 24;
+std::size_t most_frames(const scenario& s) { return chunk * (s.chunks + 1); }
+
+std::string undisturbed_events(const scenario& s, std::size_t frames) {
+  const std::size_t kept = std::min(frames, most_frames(s));
+  std::string all;
+  for (std::size_t n = 0; n < std::min(frames, kept + 1); ++n)
+    all += n != 0 && n % chunk == 0 ? "im" : "i";
+  all.append(s.answer == TBK_CONTINUE ? kept : 30, 'c');
+  return all.append((kept - 1) / chunk, 'f');
+}
+
+// A signal from outside that arrives within malloc or free waits until that returns; after a fault
+// within one of them neither is called any more.
+std::string expected_events(const scenario& s, std::size_t frames) {
+  std::string undisturbed = undisturbed_events(s, frames);
+  if (s.signal_after >= undisturbed.size()) return undisturbed;
+
+  std::string until_signal = undisturbed.substr(0, s.signal_after + 1);
+  const char last = until_signal.back();
+  if (is_fault(s.signal_after) && (last == 'm' || last == 'f')) return until_signal;
+  if (last == 'f') return undisturbed;
+  const auto taken =
+      static_cast<std::size_t>(std::count(until_signal.begin(), until_signal.end(), 'm'));
+  return until_signal + std::string(std::min(taken, s.chunks), 'f');
+}
+
+std::uint32_t expected_status(const scenario& s, std::size_t frames) {
+  if (s.signal_after < undisturbed_events(s, frames).size()) return TBK_FAULT;
+  if (s.answer == TBK_STOP) return TBK_SUCCESS;
+  if (s.answer == TBK_STOP_FULL) return TBK_BUFFER_FULL;
+  return frames > most_frames(s) ? TBK_FAULT : TBK_SUCCESS;  // the outermost ones are missing
+}
+
+// Of the frames that were looked at, those that were reported.
+std::vector<reported_frame> expected_frames(const scenario& s) {
+  std::vector<reported_frame> frames;
+  for (std::size_t n = 0; n < std::min(reported.size(), looked_at.size()); ++n) {
+    const bool is_last = n + 1 == looked_at.size();
+    frames.push_back({looked_at[n], is_last ? 0 : looked_at[n + 1], 0, n < s.hidden});
+  }
+  return frames;
+}
+
 std::int32_t record(const tbk_frame* frame, void* user, std::int32_t hidden) {
-  EXPECT_EQ(user, &told);
-  const auto n = std::count(events.begin(), events.end(), 'c');
-  const auto expected = told.begin() + n;
+  EXPECT_EQ(user, &reported);
+  if (reported.empty()) {
+    const process_state now;
+    const process_state::signal_action& action = now.actions[SIGTERM];
+    EXPECT_EQ(action.handler, reinterpret_cast<long>(&tbk_signal_handler));
+    EXPECT_EQ(action.flags, SA_SIGINFO | SA_NODEFER);
+    EXPECT_EQ(action.mask, 0);
+  }
+  reported.push_back({tbk_getPC(frame), tbk_getRetAddr(frame), tbk_getFramePtr(frame),
+                      static_cast<std::uint64_t>(hidden)});
   note('c');
-  EXPECT_EQ(hidden, n < planned->hides);
-  EXPECT_EQ(tbk_getPC(frame), *expected);
-  EXPECT_EQ(tbk_getRetAddr(frame), expected + 1 < told.end() ? expected[1] : 0);
-  EXPECT_EQ(tbk_getFramePtr(frame), 0u);
-  if (n != 0) return n + 1 == 30 ? planned->answer : TBK_CONTINUE;
-  const auto now = process();
-  EXPECT_EQ(now[4 * SIGTERM], reinterpret_cast<long>(&tbk_signal_handler));
-  EXPECT_TRUE(now[4 * SIGTERM + 1] == 0x40000004 && now[4 * SIGTERM + 3] == 0);
-  return TBK_CONTINUE;
+  return reported.size() == 30 ? planned->answer : TBK_CONTINUE;
 }
 
-std::size_t most_frames(const scenario& s) { return 24 * (s.chunks + 1); }
-
-// 24 records are at hand, and each further 24 are taken from the heap. A signal from outside that
-// arrives within malloc or free waits until that returns; after a fault within one of them neither
-// is called any more.
-std::string expected_events(const scenario& s, std::size_t all) {
-  std::string expected = "i";
-  const std::size_t kept = std::min(all, most_frames(s));
-  for (std::size_t n = 1; n < std::min(all, kept + 1); ++n) expected += n % 24 == 0 ? "im" : "i";
-  expected.append(s.answer == TBK_CONTINUE ? kept : 30, 'c');
-  const std::string freed(given, 'f');
-  std::string undisturbed = expected + freed;
-  if (s.fault >= undisturbed.size()) return undisturbed;
-
-  std::string until_signal = undisturbed.substr(0, s.fault + 1);
-  const bool in_heap = until_signal.back() == 'm' || until_signal.back() == 'f';
-  if (in_heap && is_fault(s.fault)) return until_signal;
-  return until_signal.back() == 'f' ? undisturbed : until_signal + freed;
+[[gnu::noinline]] void walk(const scenario& s) {
+  SCOPED_TRACE(s);
+  const std::size_t all = count_callers() + 3;  // two of the traceback, and this one
+  const process_state before;
+  begin(s);
+  const std::uint32_t status = tbk_trace_stack(s.context, &reported, record, s.skip);
+  end();
+  expect_unchanged(before);
+  EXPECT_EQ(status, expected_status(s, all));
+  EXPECT_ELEMENTS(events, expected_events(s, all));
+  EXPECT_ELEMENTS(reported, expected_frames(s));
 }
 
-std::uint32_t expected_status(const scenario& s, std::size_t all) {
-  if (s.fault < events.size()) return TBK_FAULT;
-  if (s.answer != TBK_CONTINUE) return s.answer == TBK_STOP_FULL ? TBK_BUFFER_FULL : TBK_SUCCESS;
-  return all > most_frames(s) ? TBK_FAULT : TBK_SUCCESS;  // the outermost ones are missing
+TEST(Walk, ReportsEveryFrameInOrder) {
+  for (int depth = 0; depth < 400; depth += 1 + depth / 32) below(depth, [] { walk({}); });
 }
 
-// The status or length, and the text.
-[[gnu::noinline]] std::pair<std::size_t, std::string> run(const scenario& s) {
-  char* const text = s.room == null ? nullptr : reinterpret_cast<char*>(memory.end() - s.room);
-  const std::size_t size = s.room + s.beyond;
-  const addresses above = callers();
-  std::signal(SIGUSR1, SIG_IGN);  // not the default action
-  const auto before = process();
-  events.clear(), told.clear(), given = 0, frame_count = 0, planned = &s;
-  const std::size_t result =
-      s.kind == frames ? tbk_trace_stack(s.context, &told, record, s.skip)
-                       : tbk_string_stack_signal(s.context, text, size, s.kind == table, s.skip);
-  planned = nullptr;
-  EXPECT_EQ(before, process());
-  EXPECT_STREQ(tbk_geterrorstring(), "No error");
-  EXPECT_EQ(frame_count, told.size());
-  std::for_each_n(blocks.begin(), given, std::free);
-
-  // The frames of the traceback and of this routine are in front.
-  const auto from = told.begin() + std::min(s.kind == frames ? 3l : 4l, std::ssize(told));
-  EXPECT_TRUE(std::equal(from, told.end(), above.begin()));
-  if (s.kind != frames) return {result, s.room + 1 > 1 ? text : ""};
-  EXPECT_EQ(events, expected_events(s, 3 + above.size()));
-  EXPECT_EQ(result, expected_status(s, 3 + above.size()));
-  return {};
-}
-
-TEST(Walk, ReportsEveryFrameInOrderUntilItEndsAndLeavesNothingBehind) {
-  for (int depth = 0; depth < 400; depth += 1 + depth / 32) below(depth, [] { run({}); });
+TEST(Walk, StopsWhenItIsTold) {
   below(80, [] {
-    for (const std::size_t chunks : {0u, 1u, 2u, 1000u})
-      for (std::size_t fault = 0; fault <= events.size(); ++fault)
-        run({.fault = fault, .chunks = chunks});
-    for (const std::int32_t answer : {TBK_STOP, TBK_STOP_FULL}) run({.answer = answer});
+    for (const std::int32_t answer : {TBK_STOP, TBK_STOP_FULL}) walk({.answer = answer});
   });
 }
 
-// From a handler on an alternate stack. Its own signal is blocked in it; a second fault must end
-// the traceback all the same.
-TEST(Walk, AndTextHideWhatTheContextAndTheSkipFlagSay) {
-  below(10, [] {
-    const zorvac::test::guarded_block stack(1 << 18);
-    stack_t alternate{stack.begin(), 0, stack.size()}, old_stack{};
-    sigaltstack(&alternate, &old_stack);
-    struct sigaction action {};
-    action.sa_flags = static_cast<int>(SA_SIGINFO | SA_ONSTACK | SA_RESETHAND);
-    action.sa_sigaction = [](int, siginfo_t*, void* interrupted) {
-      const ucontext_t none{};
-      for (const void* context : std::initializer_list<const void*>{nullptr, &none, interrupted})
-        for (const std::uint32_t skip : {0u, 1u, 2u})
-          for (const layout kind : {frames, block, table}) {
-            run({.kind = kind, .fault = 10, .context = context, .skip = skip});
-            const int hides = context == interrupted ? 0 : skip == 0 ? 5 : kind == frames ? 2 : 3;
-            const scenario s{.kind = kind, .context = context, .skip = skip, .hides = hides};
-            std::istringstream words(run(s).second);
-            addresses pcs, expected(told.begin() + hides, told.end());
-            for (std::string word; words >> word;)
-              if (word.find("0000") < 3) pcs.push_back(std::stoull(word, nullptr, 16));
-            std::erase(expected, 0);  // the outermost one may have no address
-            EXPECT_TRUE(kind == frames || pcs == expected) << words.str();
-          }
-    };
-    sigaction(SIGSEGV, &action, nullptr);
-    raise(SIGSEGV);
-    sigaltstack(&old_stack, nullptr);
-  });
-}
-
-// In a buffer of every size, and in one that ends before it should: at a page that faults.
-TEST(Text, IsWholeOrSaysWhyNot) {
-  below(0, [] {
-    const std::string overflow = "\nStack trace buffer overflow; further frames not shown.\n";
-    for (const layout kind : {block, table}) {
-      std::string whole;
-      for (const std::size_t beyond : {0u, 5000u})
-        for (std::size_t room = 1 << 14; room-- > 0; room = std::min(room, whole.size() + 70)) {
-          const std::size_t promised = room + beyond;
-          const std::size_t most = promised - std::min(promised, overflow.size() + 1);
-          std::string expected = whole.size() < most ? whole : whole.substr(0, most) + overflow;
-          if (beyond > 0 && room <= whole.size()) {  // the frames that there is room for
-            const std::size_t end = whole.rfind(kind == table ? "\n" : "\n---", room - 2) + 1;
-            expected = whole.substr(0, end) + "\nStack trace terminated abnormally.\n";
-            if (expected.size() >= room || room % 8 != 0) continue;
-          }
-          const auto [result, text] = run({.kind = kind, .room = room, .beyond = beyond});
-          if (whole.empty()) expected = whole = text;
-          ASSERT_EQ(result, std::min(expected.size(), room));
-          ASSERT_EQ(text, expected.substr(0, std::max(room, 1ul) - 1));
-        }
-      EXPECT_EQ(run({.kind = kind, .room = null}).first, whole.size() + overflow.size() + 2);
+TEST(Walk, IsCleanedUpAfterASignalAtAnyEventAndWithAnyMemory) {
+  below(80, [] {
+    for (const std::size_t chunks : {0u, 1u, 2u, 1000u}) {
+      walk({.chunks = chunks});
+      const std::size_t all = events.size();
+      for (std::size_t n = 0; n < all; ++n) walk({.chunks = chunks, .signal_after = n});
     }
   });
 }
 
-// Alone, then as in a traceback: a stack may go through more images than are kept open at a time.
-TEST(Services, NameAnImageAndGiveItsBias) {
-  const void* const places[] = {&planned, stderr, nullptr};  // here, in the C library, and nowhere
-  for (std::size_t n = 0; n < 60; ++n) {
-    if (n == 3) hold_images();
-    const auto pc = reinterpret_cast<std::uint64_t>(places[n % 3]);
-    Dl_info object{"Unknown", reinterpret_cast<void*>(77), nullptr, nullptr};
-    const bool known = dladdr(places[n % 3], &object) != 0;
-    const std::string path = object.dli_fname, name = path.substr(path.rfind('/') + 1);
-    char* const cut = reinterpret_cast<char*>(memory.end() - 1 - n % 20);
-    tbk_getModuleName(pc, cut, 1 + n % 20);
-    EXPECT_EQ(cut, name.substr(0, n % 20));
-    tbk_pc_info info;
-    std::uint64_t bias = 77;  // left alone where there is none
-    const auto look_up = n % 2 == 0 ? tbk_get_pc_info : tbk_get_pc_info_pie;
-    look_up((known ? name : "no image " + std::to_string(n)).c_str(), pc, &bias, &info);
-    EXPECT_EQ(bias, reinterpret_cast<std::uint64_t>(object.dli_fbase));
-  }
-  release_images();
+// As in a handler of that signal.
+TEST(Walk, EndsByAFaultWhoseSignalIsBlocked) {
+  sigset_t fault, before;
+  sigemptyset(&fault);
+  sigaddset(&fault, SIGSEGV);
+  pthread_sigmask(SIG_BLOCK, &fault, &before);
+  walk({.signal_after = 10});
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-TEST(Services, HandlerJumpsWithMinusOne) {
+// ---- The text ----
+
+enum layout : std::uint32_t { blocks_of_lines, table = 77 };
+
+[[gnu::format(printf, 1, 2)]] std::string printed(const char* format, ...) {
+  char text[1024];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  return text;
+}
+
+std::string file_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+// What the loader says of an address.
+Dl_info object_of(std::uint64_t pc) {
+  Dl_info object;
+  const bool known = dladdr(reinterpret_cast<void*>(pc), &object) != 0;  // NOLINT(*-int-to-ptr)
+  return known ? object : Dl_info{"Unknown", nullptr, nullptr, nullptr};
+}
+
+// What is to be written of the frames that were looked at, of which no image tells more than its
+// name: of those behind the hidden ones, and of so many at most.
+std::string text_of(layout kind, std::size_t hidden, std::size_t most = SIZE_MAX) {
+  std::string text = "\n\nTraceback symbolic or hex stack dump follows:\n\n";
+  if (kind == table) {
+    text = printed("%-19.19s%-18.18s%-19.19s%-12.12s%-19.19s\n", "Image", "PC", "Routine", "Line",
+                   "Source");
+  }
+  for (std::size_t n = 0; n < std::min(looked_at.size() - hidden, most); ++n) {
+    const std::uint64_t pc = looked_at[hidden + n];
+    if (pc == 0) break;
+    const std::string image = file_name(object_of(pc).dli_fname);
+    if (kind == table) {
+      text += printed("%-17.17s  %16.16lX  %-17.17s  %10.10s  %s\n", image.c_str(), pc, "Unknown",
+                      "Unknown", "Unknown");
+    } else {
+      text += printed(
+          "--------- Frame # %zu ---------------------------------------\n\n"
+          "Image:         %s\nPC:            0x%16.16lx\nRoutine name:  Unknown\n"
+          "Source file:   Unknown\nLine number:   Unknown\n\n",
+          n, image.c_str(), pc);
+    }
+  }
+  return text;
+}
+const std::string overflow = "\nStack trace buffer overflow; further frames not shown.\n";
+const std::string terminated = "\nStack trace terminated abnormally.\n";
+
+const guarded_block memory(1 << 14);  // for texts, which end at its end
+
+[[gnu::noinline]] std::size_t print(layout kind, char* text, std::size_t bytes,
+                                    const scenario& s = {}) {
+  const process_state before;
+  begin(s);
+  const std::size_t length = tbk_string_stack_signal(s.context, text, bytes, kind, s.skip);
+  end();
+  expect_unchanged(before);
+  return length;
+}
+
+class Text : public testing::TestWithParam<layout> {};
+
+TEST_P(Text, IsWholeOrSaysThatTheBufferIsFull) {
+  for (std::size_t bytes = 0, enough = 1; bytes < enough; ++bytes) {
+    char* const text = reinterpret_cast<char*>(memory.end() - bytes);
+    const std::size_t length = print(GetParam(), text, bytes);
+    const std::string whole = text_of(GetParam(), 3);
+    enough = whole.size() + overflow.size() + 10;
+    const std::size_t room = bytes - std::min(bytes, overflow.size() + 1);
+    const std::string expected = whole.size() < room ? whole : whole.substr(0, room) + overflow;
+    ASSERT_EQ(length, std::min(expected.size(), bytes)) << "in " << bytes << " bytes";
+    if (bytes == 0) continue;
+    ASSERT_EQ(text, expected.substr(0, bytes - 1)) << "in " << bytes << " bytes";
+  }
+  const std::size_t needed = print(GetParam(), nullptr, 0);
+  EXPECT_EQ(needed, text_of(GetParam(), 3).size() + overflow.size() + 2);
+}
+
+// Its buffer ends before it should, at a page that faults: what is in front of that stands.
+TEST_P(Text, SaysThatItWasTerminated) {
+  print(GetParam(), nullptr, 0);
+  for (std::size_t frames = 0; frames + 4 < looked_at.size(); ++frames) {
+    const std::size_t least = text_of(GetParam(), 3, frames).size() + terminated.size() + 1;
+    const std::size_t most = text_of(GetParam(), 3, frames + 1).size();  // without the zero byte
+    for (const std::size_t bytes : {least, most}) {
+      char* const text = reinterpret_cast<char*>(memory.end() - bytes);
+      const std::size_t length = print(GetParam(), text, bytes + 5000);
+      const std::string expected = text_of(GetParam(), 3, frames) + terminated;
+      EXPECT_EQ(length, expected.size());
+      EXPECT_EQ(text, expected) << "in " << bytes << " bytes";
+    }
+  }
+}
+INSTANTIATE_TEST_SUITE_P(In, Text, testing::Values(blocks_of_lines, table),
+                         [](const auto& kind) { return kind.param == table ? "Table" : "Blocks"; });
+
+TEST(WalkAndText, HideWhatTheContextAndTheSkipFlagSay) {
+  const ucontext_t nowhere{};
+  ucontext_t somewhere{};
+  somewhere.uc_mcontext.gregs[REG_RIP] = 1;
+  const struct {
+    const char* name;
+    const void* context;
+    std::uint32_t skip;
+    std::size_t hidden_by_walk, hidden_by_text;
+  } rows[] = {
+      {"no context, no skipping", nullptr, 0, 5, 5},
+      {"no context", nullptr, 1, 2, 3},
+      {"a context without an address", &nowhere, 2, 2, 3},
+      {"a context, no skipping", &somewhere, 0, 0, 0},
+      {"a context", &somewhere, 1, 0, 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const scenario s{.context = row.context, .skip = row.skip, .hidden = row.hidden_by_walk};
+    walk(s);
+    for (const layout kind : {blocks_of_lines, table}) {
+      char* const text = reinterpret_cast<char*>(memory.begin());
+      print(kind, text, memory.size(), s);
+      EXPECT_EQ(text, text_of(kind, row.hidden_by_text));
+    }
+  }
+}
+
+// ---- Signals that a process ignores, at any time ----
+
+int steps_to_signal = 0;  // calls that change signals; 0: no signal is raised
+
+int step(int result) {
+  if (--steps_to_signal == 0) raise(SIGUSR1);
+  return result;
+}
+
+// From another thread, which takes none itself. With two threads, the heap has a lock.
+void start_storm() {
+  sigset_t all, before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  std::thread([] {
+    for (;;) kill(getpid(), SIGUSR1);
+  }).detach();
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+std::int32_t go_on(const tbk_frame*, void*, std::int32_t) { return TBK_CONTINUE; }
+
+// A first traceback and later ones, with and without blocks of the heap, which can be used then.
+void expect_tracebacks(const std::function<void()>& prepare) {
+  const outcome o = run_in_child([&] {
+    alarm(60);
+    std::signal(SIGUSR1, SIG_IGN);
+    const process_state before;
+    prepare();
+    for (const int depth : {0, 33, 66, 99})
+      descend(depth, [] { EXPECT_LE(tbk_trace_stack(nullptr, nullptr, go_on, 1), TBK_FAULT); });
+    expect_unchanged(before);
+    for (std::size_t bytes = 1; bytes < 1 << 16; bytes *= 2) std::free(std::malloc(bytes));
+  });
+  EXPECT_EQ(o, (outcome{"", "", 0, 0}));
+}
+
+TEST(IgnoredSignals, DoNoHarm) {
+  if (sanitized) GTEST_SKIP() << "sanitizers hold signals back";
+  for (int n = 1; n < 150; ++n) {
+    SCOPED_TRACE("a signal after step " + std::to_string(n));
+    expect_tracebacks([n] { steps_to_signal = n; });
+  }
+  SCOPED_TRACE("a storm of signals");
+  for (int child = 0; child < 50; ++child) expect_tracebacks(start_storm);
+}
+
+TEST(Handler, JumpsWithMinusOne) {
   const int value = sigsetjmp(tbk__jmp_env, 1);
   if (value == 0) tbk_signal_handler(SIGSEGV, nullptr, nullptr);
   EXPECT_EQ(value, -1);
 }
 
-// In front of a section, the record of a file. In it, what a linker and other writers may put:
-// padding, records that nobody knows, a routine without lines, a span of other addresses. Then the
-// example of docs/trace-format.md, byte for byte.
-const std::string names = "\0.trace\0"s, around = "\x0b\1\1\0\0\0!"s;
-const std::string others =
-    "\0\x4d\1\1\0\0\0?\x0c\x09\0\0\0\0"s
-    "\x0a\2\0\x09\0\0\0\0\0\0\x10\0\0\0\1\0x"s
-    "\x0d\1\x14\0\0\0\0\x20\0\0\0\0\0\0\7\0\0\0\0\0\0\0\0\0\0\0"s;
-const std::string example =
-    "\x0b\1\x0b\0\0\0/src/area.c"s
-    "\x0d\1\x14\0\0\0\0\x10\0\0\0\0\0\0\7\0\0\0\0\0\0\0\x22\0\0\0"s
-    "\x0a\2\0\x10\0\0\0\0\0\0\7\0\0\0\4\0area"s
-    "\x0c\1\x08\0\0\0\1\x3f\0\2\6\5\6\1"s;
+// ---- Services, outside of a traceback ----
 
-// The section is the 33rd, and the last but one.
-constexpr std::size_t trace = 33 * 64, end_of_headers = 35 * 64;
-const std::size_t section_bytes = others.size() + example.size();
-const std::string image = [] {
-  std::string file = std::string(end_of_headers, '\0') + names + around + others + example;
-  auto& header = reinterpret_cast<Elf64_Ehdr&>(file[0]);
-  std::memcpy(header.e_ident, ELFMAG "\2", 5);
-  header.e_machine = EM_X86_64;
-  header.e_shoff = header.e_shentsize = 64;
-  header.e_shnum = 34, header.e_shstrndx = 33;
-  auto* const sections = reinterpret_cast<Elf64_Shdr*>(&file[trace]);
-  sections[0].sh_name = 1, sections[0].sh_size = section_bytes;
-  sections[0].sh_offset = file.size() - section_bytes;
-  sections[1].sh_offset = end_of_headers, sections[1].sh_size = names.size();
-  return file;
-}();
-const std::size_t at = image.size() - example.size();
-
-// What the library finds in a file: routine, source file and line.
-std::string found(const std::string& file, std::uint64_t address = 0x1003) {
-  static byte_source source;
-  source.open_memory({reinterpret_cast<const unsigned char*>(file.data()), file.size()});
-  tbk_pc_info info{"Unknown", "Unknown", 0};
-  Elf64_Ehdr header;
-  if (read_elf_header(source, header))
-    scan_trace(source, find_trace_section(source, header), address, info);
-  return std::string(info.routine) + ' ' + info.file + ' ' + std::to_string(info.line);
-}
-
-// What is still found with one byte, at a place, of another value.
-const std::pair<std::string, std::vector<std::pair<std::size_t, std::size_t>>> damages[] = {
-    // clang-format off
-    {"Unknown Unknown 0",
-     {{EI_MAG3, 'f'}, {EI_CLASS, ELFCLASS32}, {18, EM_386}, {58, 65}, {60, 32}, {62, 32},  // header
-      {trace + 0, 9}, {trace + 4, SHT_NOBITS}, {trace + 9, SHF_COMPRESSED >> 8},
-      {trace + 31, 0xff}, {trace + 64 + 32, 7}, {at + 0x18, 0x20}, {at + 0x2c, 3}}},
-    {"ar Unknown 0", {{trace + 32, section_bytes - (0x4d - 0x3d)}}},
-    {"area /src/area.c 2", {{trace + 32, section_bytes - (0x4d - 0x49)}}},
-    {"area Unknown 0", {{at + 0x40, 2}, {at + 0x45, 99}}},
-    // Not a file, and a distance to something else, and to the file in front of the section.
-    {"area Unknown 7", {{at + 1, 2}, {at + 0x46, 62}, {at + 0x46, 63 + (others + around).size()}}},
-    // clang-format on
-};
-
-TEST(Hostile, BytesAndCutsCostWhatTheyTellOf) {
-  EXPECT_EQ(found(image, 0x90f), "x Unknown 0");
-  for (const auto& [says, bytes] : damages)
-    for (const auto& [place, value] : bytes) {
-      std::string file = image;
-      file[place] = static_cast<char>(value);
-      EXPECT_EQ(found(file), says) << place;
+TEST(Services, NameAnImageAndGiveItsBias) {
+  const process_state before;
+  const std::unique_ptr<int> on_heap(new int);
+  const void* const places[] = {&planned, stderr, on_heap.get()};  // the program, the C library
+  for (const void* const place : places) {
+    const auto pc = reinterpret_cast<std::uint64_t>(place);
+    const Dl_info object = object_of(pc);
+    const std::string name = file_name(object.dli_fname);
+    SCOPED_TRACE(name);
+    for (const std::size_t bytes : {1u, 5u, 256u}) {
+      char* const seen = reinterpret_cast<char*>(memory.end() - bytes);
+      tbk_getModuleName(pc, seen, bytes);
+      EXPECT_EQ(seen, name.substr(0, bytes - 1)) << "in " << bytes << " bytes";
     }
-  for (std::size_t i = 0; i < image.size(); ++i) {
-    found(image.substr(0, i));
-    const bool is_around = i < image.size() - section_bytes && i >= end_of_headers + names.size();
-    for (const char value : {'\x7f', '\x80', '\xff'}) {
-      std::string file = image;
-      file[i] = value;
-      EXPECT_TRUE(found(file) == "area /src/area.c 7" || !is_around) << i;
+    for (const auto look_up : {tbk_get_pc_info, tbk_get_pc_info_pie}) {
+      tbk_pc_info info;
+      std::uint64_t bias = 0;
+      look_up(name.c_str(), pc, &bias, &info);
+      EXPECT_EQ(bias, reinterpret_cast<std::uint64_t>(object.dli_fbase));
     }
   }
+  expect_unchanged(before);
 }
 
 }  // namespace
@@ -335,20 +449,30 @@ extern "C" {
 void* __real_malloc(std::size_t bytes);
 void __real_free(void* block);
 std::uintptr_t __real__Unwind_GetIP(_Unwind_Context* frame);
+int __real_sigaction(int number, const struct sigaction* action, struct sigaction* old);
+int __real_sigprocmask(int how, const sigset_t* mask, sigset_t* old);
 
 void* __wrap_malloc(std::size_t bytes) {
   if (planned == nullptr) return __real_malloc(bytes);
   note('m');
-  if (given == planned->chunks) return nullptr;
-  return blocks.at(given++) = std::memset(__real_malloc(bytes), 0xaa, bytes);
+  const auto asked = static_cast<std::size_t>(std::count(events.begin(), events.end(), 'm'));
+  if (asked > planned->chunks) return nullptr;
+  blocks.push_back(std::memset(__real_malloc(bytes), 0xaa, bytes));
+  return blocks.back();
 }
 void __wrap_free(void* block) {
   note('f');
-  std::replace(blocks.begin(), blocks.end(), block, static_cast<void*>(nullptr));
+  std::erase(blocks, block);
   __real_free(block);
 }
 std::uintptr_t __wrap__Unwind_GetIP(_Unwind_Context* frame) {
   note('i');
-  return told.emplace_back(__real__Unwind_GetIP(frame));
+  return looked_at.emplace_back(__real__Unwind_GetIP(frame));
+}
+int __wrap_sigaction(int number, const struct sigaction* action, struct sigaction* old) {
+  return step(__real_sigaction(number, action, old));
+}
+int __wrap_sigprocmask(int how, const sigset_t* mask, sigset_t* old) {
+  return step(__real_sigprocmask(how, mask, old));
 }
 }
