@@ -6,13 +6,17 @@
 
 #include <algorithm>
 #include <cstring>
-#include <random>
-#include <regex>
 #include <set>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "cpu/fast_mem_ops.h"
 #include "mem/trace.h"
+#include "support/bytes.h"
+#include "support/campaign.h"
 #include "support/guard_pages.h"
+#include "support/masks.h"
 #include "support/name_of_row.h"
 #include "support/registers.h"
 #include "support/sanitized.h"
@@ -21,43 +25,64 @@
 namespace zorvac::test {
 namespace {
 
+// ---- The members --------------------------------------------------------------------------------
+
 enum class kind { zero, fill, copy, move, compare };  // a zero fill ignores its second argument
+
+// The code behind the names: which instructions, and what for.
+enum class worker {
+  sse2_copy,
+  ssse3_copy,
+  ssse3_rep_copy,
+  avx2_copy,
+  avx512_copy,
+  probing_copy,
+  sse2_fill,
+  avx2_fill,
+  avx512_fill,
+  probing_fill,
+  comparison,
+};
 
 // All take three words and return one, of which a comparison means the lower half.
 using routine = std::uintptr_t(void*, std::uintptr_t, std::size_t);
 struct member {
   std::string name;
   routine* entry;
+  worker of;
   kind what;
   int runs;           // on this processor
   std::size_t small;  // the largest count of its table; 0: it has none
 };
-#define MEMBER(name, ...) \
-  { #name, reinterpret_cast < routine*>(reinterpret_cast <void*>(name)), kind::__VA_ARGS__ }
+#define MEMBER(name, of, what, ...)                                                              \
+  {                                                                                              \
+#name, reinterpret_cast < routine*>(reinterpret_cast <void*>(name)), worker::of, kind::what, \
+        __VA_ARGS__                                                                              \
+  }
 const int ssse3 = __builtin_cpu_supports("ssse3"), avx2 = __builtin_cpu_supports("avx2"),
           avx512f = __builtin_cpu_supports("avx512f");
 const member members[] = {
-    MEMBER(__zorva_new_memcpy, copy, 1, 176),
-    MEMBER(__zorva_memcpy, copy, 1, 176),  // one routine, two names
-    MEMBER(__zorva_ssse3_memcpy, copy, ssse3, 79),
-    MEMBER(__zorva_ssse3_rep_memcpy, copy, ssse3, 143),
-    MEMBER(__zorva_avx_rep_memcpy, copy, avx2, 256),
-    MEMBER(__zorva_vpx_avx512f_memcpy, copy, avx512f, 127),
-    MEMBER(_VEC_memcpy, copy, 1, 0),
-    MEMBER(__zorva_VEC_memcpy, copy, 1, 0),
-    MEMBER(__zorva_new_memmove, move, 1, 176),
-    MEMBER(__zorva_ssse3_memmove, move, ssse3, 79),
-    MEMBER(__zorva_ssse3_rep_memmove, move, ssse3, 143),
-    MEMBER(__zorva_new_memset, fill, 1, 64),
-    MEMBER(__zorva_memset, fill, 1, 64),
-    MEMBER(__zorva_avx_rep_memset, fill, avx2, 128),
-    MEMBER(__zorva_vpx_avx512f_memset, fill, avx512f, 127),
-    MEMBER(_VEC_memset, fill, 1, 0),
-    MEMBER(__zorva_VEC_memset, fill, 1, 0),
-    MEMBER(_VEC_memzero, zero, 1, 0),
-    MEMBER(__zorva_VEC_memzero, zero, 1, 0),
-    MEMBER(__zorva_new_memcmp, compare, 1, 64),
-    MEMBER(_zorva_fast_memcmp, compare, 1, 0),
+    MEMBER(__zorva_new_memcpy, sse2_copy, copy, 1, 176),
+    MEMBER(__zorva_memcpy, sse2_copy, copy, 1, 176),  // one routine, two names
+    MEMBER(__zorva_ssse3_memcpy, ssse3_copy, copy, ssse3, 79),
+    MEMBER(__zorva_ssse3_rep_memcpy, ssse3_rep_copy, copy, ssse3, 143),
+    MEMBER(__zorva_avx_rep_memcpy, avx2_copy, copy, avx2, 256),
+    MEMBER(__zorva_vpx_avx512f_memcpy, avx512_copy, copy, avx512f, 127),
+    MEMBER(_VEC_memcpy, probing_copy, copy, 1, 0),
+    MEMBER(__zorva_VEC_memcpy, probing_copy, copy, 1, 0),
+    MEMBER(__zorva_new_memmove, sse2_copy, move, 1, 176),
+    MEMBER(__zorva_ssse3_memmove, ssse3_copy, move, ssse3, 79),
+    MEMBER(__zorva_ssse3_rep_memmove, ssse3_rep_copy, move, ssse3, 143),
+    MEMBER(__zorva_new_memset, sse2_fill, fill, 1, 64),
+    MEMBER(__zorva_memset, sse2_fill, fill, 1, 64),
+    MEMBER(__zorva_avx_rep_memset, avx2_fill, fill, avx2, 128),
+    MEMBER(__zorva_vpx_avx512f_memset, avx512_fill, fill, avx512f, 127),
+    MEMBER(_VEC_memset, probing_fill, fill, 1, 0),
+    MEMBER(__zorva_VEC_memset, probing_fill, fill, 1, 0),
+    MEMBER(_VEC_memzero, probing_fill, zero, 1, 0),
+    MEMBER(__zorva_VEC_memzero, probing_fill, zero, 1, 0),
+    MEMBER(__zorva_new_memcmp, comparison, compare, 1, 64),
+    MEMBER(_zorva_fast_memcmp, comparison, compare, 1, 0),
 };
 
 // The values that the library's initialiser leaves for the workers: bytes, and the copy method.
@@ -73,11 +98,13 @@ void set_caches(const cache_values& v) {
   __libvrt_mem_ops_method = v.method;
 }
 
+// ---- What comes out -----------------------------------------------------------------------------
+
 // Random bytes between two guard pages, and what they are to be.
 struct area {
-  explicit area(unsigned seed) : master(bytes) {
-    std::minstd_rand random(seed);
-    for (unsigned char& byte : master) byte = static_cast<unsigned char>(random() >> 8);
+  explicit area(std::uint64_t seed) : master(bytes) {
+    case_random random(seed);
+    for (unsigned char& byte : master) byte = static_cast<unsigned char>(random());
     std::copy(master.begin(), master.end(), block.begin());
   }
   static constexpr std::size_t bytes = 33 << 20, slack = 1 << 16;
@@ -85,8 +112,24 @@ struct area {
   std::vector<unsigned char> master;
 };
 
+struct attempt {
+  const area* destination;
+  std::size_t to;
+  const area* source;
+  std::size_t from, count;
+};
+std::ostream& operator<<(std::ostream& out, const attempt& a) {
+  return out << a.count << " bytes from offset " << a.from << " to offset " << a.to
+             << (a.destination == a.source ? " in one area" : "");
+}
+
 class Block : public testing::TestWithParam<member> {
  protected:
+  void SetUp() override {
+    if (GetParam().runs == 0) GTEST_SKIP() << "this processor cannot run it";
+  }
+  static bool fills() { return GetParam().what == kind::zero || GetParam().what == kind::fill; }
+
   // One call, of which one in 64 shows that what belongs to the caller survives: callee-saved
   // registers, the direction flag, and upper halves that were zero, since dirty ones slow down SSE
   // code.
@@ -99,58 +142,107 @@ class Block : public testing::TestWithParam<member> {
     for (auto& vector : in.vector) std::fill(vector.begin() + 16, vector.end(), 0);
     const auto out = call_with_registers(reinterpret_cast<void (*)()>(GetParam().entry), in);
     for (const gpr kept : {rbx, rbp, r12, r13, r14, r15})
-      EXPECT_EQ(out.general[kept], in.general[kept]) << kept;
-    EXPECT_EQ(out.flags & 0x400, 0u) << "direction flag";
+      EXPECT_EQ(out.general[kept], in.general[kept]) << "register " << kept;
+    EXPECT_EQ(out.flags & flags_bit::direction, 0u);
     for (std::size_t i = 0; i < 16; ++i)
-      EXPECT_EQ(std::count(out.vector[i].begin() + 16, out.vector[i].end(), 0), 48) << i;
+      EXPECT_EQ(std::count(out.vector[i].begin() + 16, out.vector[i].end(), 0), 48)
+          << "zeros in the upper part of vector " << i;
     return out.general[rax];
   }
 
-  // One try, which leaves the areas as they were. Only the low 8 bits of a fill's value count, or
-  // none. A comparison is of equal blocks, and of blocks that differ in one byte or two neighbours.
-  void expect_exact(const area& d, std::size_t to, const area& s, std::size_t from,
-                    std::size_t count) {
-    const kind what = GetParam().what;
-    unsigned char* const at = d.block.begin() + to;
-    const unsigned char* const source = s.master.data() + from;
-    const bool fills = what <= kind::fill;
-    const auto word = fills ? random_() : reinterpret_cast<std::uintptr_t>(s.block.begin() + from);
-    const auto value = static_cast<unsigned char>(what == kind::zero ? 0 : word);
-    bool good = true;
-    if (what == kind::compare) {
-      std::memcpy(at, source, count);
-      const std::size_t byte = random_() % (count + 1);
-      for (const std::size_t changed : {count, byte, byte + 1}) {
-        if (changed < count) at[changed] ^= static_cast<unsigned char>(random_() >> 8);
-        const int order = std::memcmp(at, source, count);
-        good &= static_cast<int>(call(at, word, count)) == (order > 0) - (order < 0);
-      }
-    } else {
-      good = call(at, word, count) == reinterpret_cast<std::uintptr_t>(at);
-      good &= fills ? count == 0 || (*at == value && std::memcmp(at, at + 1, count - 1) == 0)
-                    : std::memcmp(at, source, count) == 0;
+  // Only the low 8 bits of a fill's value count, or none.
+  void expect_fill(unsigned char* at, std::size_t count) {
+    const std::uint64_t value = random_();
+    std::memset(filled_.data(), GetParam().what == kind::zero ? 0 : static_cast<int>(value), count);
+    EXPECT_EQ(call(at, value, count), reinterpret_cast<std::uintptr_t>(at));
+    EXPECT_BYTES(bytes(at, count), bytes(filled_.data(), count));
+  }
+  void expect_copy(unsigned char* at, const attempt& a) {
+    const auto from = reinterpret_cast<std::uintptr_t>(a.source->block.begin() + a.from);
+    EXPECT_EQ(call(at, from, a.count), reinterpret_cast<std::uintptr_t>(at));
+    EXPECT_BYTES(bytes(at, a.count), bytes(a.source->master.data() + a.from, a.count));
+  }
+  // Equal blocks, blocks that differ in one byte, blocks that differ in it and its neighbour.
+  void expect_comparison(unsigned char* at, const attempt& a) {
+    const unsigned char* const source = a.source->block.begin() + a.from;
+    std::memcpy(at, source, a.count);
+    const std::size_t byte = random_.below(a.count + 1);
+    for (const std::size_t changed : {a.count, byte, byte + 1}) {
+      if (changed < a.count) at[changed] ^= static_cast<unsigned char>(random_());
+      const int order = std::memcmp(at, source, a.count);
+      const auto result = call(at, reinterpret_cast<std::uintptr_t>(source), a.count);
+      EXPECT_EQ(static_cast<int>(result), (order > 0) - (order < 0)) << "byte " << changed;
     }
-    std::memcpy(at, d.master.data() + to, count);
-    const std::size_t low = to - std::min<std::size_t>(to, 64),
-                      high = std::min(to + count + 64, area::bytes);
-    ASSERT_TRUE(good &&
-                std::equal(d.block.begin() + low, d.block.begin() + high, d.master.data() + low))
-        << count << " bytes from " << from << " to " << to << (&d == &s ? " in one" : "");
+  }
+
+  // One attempt, which leaves the areas as they were.
+  void expect_exact(const attempt& a) {
+    now_ = a;
+    const area& d = *a.destination;
+    unsigned char* const at = d.block.begin() + a.to;
+    if (fills())
+      expect_fill(at, a.count);
+    else if (GetParam().what == kind::compare)
+      expect_comparison(at, a);
+    else
+      expect_copy(at, a);
+    std::memcpy(at, d.master.data() + a.to, a.count);
+    const std::size_t before = std::min<std::size_t>(a.to, 64);
+    const std::size_t behind = std::min<std::size_t>(area::bytes - a.to - a.count, 64);
+    const std::size_t all = before + a.count + behind;
+    EXPECT_BYTES(bytes(at - before, all, before, behind),
+                 bytes(d.master.data() + a.to - before, all));
+    ASSERT_FALSE(HasFailure()) << a;
+  }
+
+  // All pairs of alignments for the smallest counts, and with them all distances of overlap; some
+  // for others. The count decides which.
+  void expect_exact_at_many_places(std::size_t count) {
+    random_ = case_random(count);
+    const bool is_all = count <= 300, is_small = count < 65536;
+    std::size_t tries = is_small ? 24 : 1;
+    if (is_all) tries = fills() ? 64 : 64 * 64;
+    for (std::size_t i = 0; i < tries; i += sanitized ? 1 + random_.below(31) : 1) {
+      const std::size_t pair = is_all ? i : random_();
+      const std::size_t line = is_small ? random_.below(64) * 64 : 0;
+      const std::size_t to = line + pair % 64, from = pair / 64 % 64;
+      expect_exact({&to_, to, &from_, from * 65, count});
+      if (GetParam().what != kind::move || i > 4 * count) continue;
+      const std::size_t apart =
+          is_all ? i % (count + 1) : random_.below(std::min(count, area::slack));
+      const std::size_t low = line + from, high = low + apart;
+      if (random_.one_in(2))
+        expect_exact({&from_, low, &from_, high, count});
+      else
+        expect_exact({&from_, high, &from_, low, count});
+    }
+  }
+
+  void expect_exact_at_page_ends(std::size_t count) {
+    for (const std::size_t to : {std::size_t{0}, area::bytes - count})
+      for (const std::size_t from : {std::size_t{0}, area::bytes - count})
+        expect_exact({&to_, to, &from_, from, count});
   }
 
   area to_{1}, from_{2};
-  std::minstd_rand random_{3};
+  std::vector<unsigned char> filled_ = std::vector<unsigned char>(area::bytes);
+  case_random random_{0};
   unsigned calls_ = 0;
+  attempt now_{};
 };
 
-constexpr cache_values settings[] = {
-    ordinary,
-    {2048, 512},          // streams, splits and repeats with small blocks
-    {0, 0},               // unknown caches
-    {0, 0, 0},            // and only general registers
-    {4096, 0, 1},         // only the largest level known, no vectors
-    {1024, 8192},         // nonsense must stay harmless
-    {32 << 20, 1 << 20},  // megabytes within the caches
+struct setting {
+  const char* name;
+  cache_values caches;
+};
+constexpr setting settings[] = {
+    {"ordinary", ordinary},
+    {"streams, splits and repeats with small blocks", {2048, 512}},
+    {"unknown caches", {0, 0}},
+    {"unknown caches, general registers only", {0, 0, 0}},
+    {"only the largest level known, no vectors", {4096, 0, 1}},
+    {"nonsense", {1024, 8192}},
+    {"megabytes within the caches", {32 << 20, 1 << 20}},
 };
 
 // Every small count, every iteration number of every bulk loop with every length of remainder, and
@@ -168,36 +260,24 @@ std::vector<std::size_t> counts_for(const cache_values& v) {
   return counts;
 }
 
-// All pairs of alignments for the smallest counts, and with them all distances of overlap; the ends
-// of pages.
 TEST_P(Block, IsExactAtEveryCountAlignmentAndOverlap) {
-  const member& m = GetParam();
-  if (m.runs == 0) GTEST_SKIP() << "this processor cannot run it";
-  for (const cache_values& caches : settings) {
-    SCOPED_TRACE(testing::Message() << "setting " << &caches - settings);
+  for (const auto& [name, caches] : settings) {
+    SCOPED_TRACE(name);
+    const fault_report report([this, setting = name] {
+      std::ostringstream text;
+      text << GetParam().name << ", " << setting << ": " << now_;
+      return text.str();
+    });
     set_caches(caches);
     for (const std::size_t count : counts_for(caches)) {
-      const bool all = count <= 300;
-      const std::size_t pairs = m.what <= kind::fill ? 64 : 64 * 64;
-      const std::size_t tries = all ? pairs : count < 65536 ? 24 : 1;
-      for (std::size_t i = 0; i < tries; i += sanitized ? 1 + random_() % 31 : 1) {
-        const std::size_t random = random_(), place = count < 65536 ? random % 64 * 64 : 0,
-                          pair = all ? i : random / 64, t = pair % 64, f = pair / 64 % 64;
-        expect_exact(to_, place + t, from_, f * 65, count);
-        if (m.what != kind::move || i > 4 * count) continue;
-        const std::size_t apart = all ? i % (count + 1) : random_() % std::min(count, area::slack);
-        const std::size_t low = place + f, high = low + apart;
-        expect_exact(from_, random % 2 ? low : high, from_, random % 2 ? high : low, count);
-      }
-      for (const std::size_t t : {std::size_t{0}, area::bytes - count})
-        for (const std::size_t f : {std::size_t{0}, area::bytes - count})
-          if (count < 65536) expect_exact(to_, t, from_, f, count);
+      expect_exact_at_many_places(count);
+      if (count < 65536) expect_exact_at_page_ends(count);
       if (HasFailure()) return;
     }
-    if (m.what == kind::compare) break;  // looks at no cache value
+    if (GetParam().what == kind::compare) break;  // looks at no cache value
   }
   for (const area* a : {&to_, &from_})
-    EXPECT_TRUE(std::equal(a->master.begin(), a->master.end(), a->block.begin()));
+    EXPECT_BYTES(bytes(a->block.begin(), area::bytes), a->master);
 }
 INSTANTIATE_TEST_SUITE_P(Members, Block, testing::ValuesIn(members), name_of_row);
 
@@ -208,159 +288,333 @@ TEST(Compare, ReadsNothingWhereNothingCounts) {
   EXPECT_EQ(_zorva_fast_memcmp(block.end(), block.end(), 100), 0);
 }
 
-// Where a way ends and the next one begins: with one byte less than `count` the path is `below`,
-// with as many `above`. Thresholds compare with what is left after alignment, which takes 8 bytes
-// off a copy to offset 8 of an SSE2 member, 16 off one to offset 16 of an SSSE3 member, whose loop
-// begins a register later, and 31 off one to offset 1 of an AVX2 member.
-struct edge {
-  std::string routines;
+// ---- Which way it goes --------------------------------------------------------------------------
+
+// A call to be traced: the offsets are from the start of a page.
+struct traced_call {
+  cache_values caches;
+  std::size_t to, from, count;
+  // How long it takes to read the destination's bytes 4096 and 12288.
+  std::uint64_t delay_at_quarter = 0, delay_at_three_quarters = 0;
+};
+
+// How a block went, as the instructions tell.
+struct path {
+  std::set<std::string> mnemonics;      // of those that tell the ways apart
+  std::vector<std::size_t> prefetched;  // bytes from the block's start, in source or destination
+  std::vector<std::size_t> probed;      // bytes of the destination read under the clock
+  bool loops = false;                   // an instruction ran again
+  int indirect_jumps = 0;
+  enum { nothing, low, high } first_half = nothing;  // of the destination that was touched
+  bool unfenced = false;                             // a streaming store came last
+  std::string misaligned;  // a store in a loop, or a load in one that merges blocks
+};
+
+bool tells_the_way(const std::string& mnemonic) {
+  static const std::set<std::string> telling{"lfence", "sfence", "movnti", "movntdq", "movsb",
+                                             "movsq",  "stosb",  "stosq",  "rdtsc"};
+  return telling.contains(mnemonic) || mnemonic.starts_with("prefetch");
+}
+
+path path_of(const member& m, const traced_call& c) {
+  static const guarded_block from_block(65536), to_block(65536);
+  const bool merges =
+      m.of == worker::sse2_copy || m.of == worker::ssse3_copy || m.of == worker::ssse3_rep_copy;
+  unsigned char* const from = from_block.begin() + c.from;
+  unsigned char* const to = m.what == kind::compare ? from : to_block.begin() + c.to;
+  const auto start = reinterpret_cast<std::uintptr_t>(to_block.begin());
+  const auto source = reinterpret_cast<std::uintptr_t>(from);
+  path p;
+  std::set<std::uintptr_t> seen;
+  int clock_readings = 0;
+  const auto observe = [&](const step& s) -> std::uint64_t {
+    const std::size_t at = s.operand - start;  // in the destination, if it is there
+    const bool in_destination = at < to_block.size();
+    const bool is_streamed = s.what.starts_with("movnt");
+    if (tells_the_way(s.what)) p.mnemonics.insert(s.what);
+    if (in_destination && p.first_half == path::nothing)
+      p.first_half = at < c.to + c.count / 2 ? path::low : path::high;
+    if (s.what.starts_with("prefetch"))
+      p.prefetched.push_back(in_destination ? at - c.to : s.operand - source);
+    if (is_streamed || s.what == "sfence") p.unfenced = is_streamed;
+    if (s.what == "jmp") ++p.indirect_jumps;
+
+    // A probe takes three readings: two to time a reading, and one after the load.
+    if (s.what == "rdtsc") ++clock_readings;
+    if (in_destination && clock_readings % 3 == 2) p.probed.push_back(at);
+
+    if (!seen.insert(s.address).second) {
+      p.loops = true;
+      const bool may_not = in_destination || (merges && !p.mnemonics.contains("movntdq"));
+      if (may_not && s.bytes >= 16 && s.operand % s.bytes != 0) p.misaligned = s.what;
+    }
+    if (at == 4096) return c.delay_at_quarter;
+    return at == 12288 ? c.delay_at_three_quarters : 0;
+  };
+  set_caches(c.caches);
+  trace(observe, m.entry, to, source, c.count);
+  EXPECT_FALSE(p.unfenced);
+  EXPECT_EQ(p.misaligned, "");
+  return p;
+}
+
+// The telling mnemonics, in the order of the alphabet.
+std::string way_of(const path& p) {
+  std::string text;
+  for (const std::string& mnemonic : p.mnemonics) text += (text.empty() ? "" : " ") + mnemonic;
+  return text;
+}
+const std::string plain,
+    streamed = "movntdq sfence", streamed_t0 = "movntdq prefetcht0 sfence",
+    streamed_t1 = "movntdq prefetcht1 sfence", streamed_nta = "movntdq prefetchnta sfence",
+    words_streamed = "movnti sfence", words_streamed_nta = "movnti prefetchnta sfence",
+    split = "lfence movntdq prefetchnta prefetcht0 sfence",
+    split_all = "lfence movntdq prefetcht0 sfence";
+
+std::vector<member> members_of(const std::set<worker>& workers) {
+  std::vector<member> chosen;
+  for (const member& m : members)
+    if (workers.contains(m.of)) chosen.push_back(m);
+  return chosen;
+}
+class Path : public testing::TestWithParam<member> {
+  void SetUp() override {
+#ifndef __OPTIMIZE__
+    GTEST_SKIP() << "not the code that is shipped";
+#endif
+    if (sanitized || counted) GTEST_SKIP() << "not the code that is shipped";
+    if (GetParam().runs == 0) GTEST_SKIP() << "this processor cannot run it";
+  }
+};
+
+// A limit at which a worker changes its way: with one byte less than `count` a block goes `below`,
+// from `count` on it goes `above`.
+//
+// To write a row, take the limit from the worker's source, and choose caches that put it between
+// its table of small counts and the 64 KB of the test. The limit is compared with what is left of
+// the block after alignment. So `count` is written as a sum: the limit, one more where the way
+// changes above it, and the bytes that alignment takes off. These are
+//
+//   SSE2      8 to offset 8
+//   SSSE3    16 to offset 16; 16 more and 1 where the loop has begun, a register later
+//            backwards, to the boundary below the end: 1 with `count` bytes, but 16 with one less
+//   AVX2     31 to offset 1, 32 to offset 0
+struct threshold {
+  const char* name;
+  worker of;
   cache_values caches;
   std::size_t to, from, count;
   std::string below, above;
-  std::vector<std::size_t> prefetched = {};  // by the path above: how many, nearest, farthest
-  std::uint64_t delays[2] = {};  // when it reads the destination at one quarter, at three quarters
+  // What the path above prefetches: how many times, and the nearest and the farthest byte.
+  std::vector<std::size_t> prefetched = {};
+};
+// clang-format off
+const threshold thresholds[] = {
+    // Method 2 alone has vectors.
+    {.name = "AboveHalfTheLargestCacheItStreams", .of = worker::sse2_copy,
+     .caches = {.largest = 2048, .data = 512}, .to = 8, .from = 3, .count = 1024 + 1 + 8,
+     .below = plain, .above = streamed_nta, .prefetched = {16, 392, 1352}},
+    {.name = "WithUnknownCachesItStreamsFromTheTableOn", .of = worker::sse2_copy,
+     .caches = {.largest = 0, .data = 0}, .to = 0, .from = 0, .count = 177,
+     .below = plain, .above = streamed_nta},
+    {.name = "WithoutMethod2ItStreamsWords", .of = worker::sse2_copy,
+     .caches = {.largest = 512, .data = 0, .method = 3}, .to = 0, .from = 0, .count = 256 + 1,
+     .below = plain, .above = words_streamed_nta, .prefetched = {4, 384, 576}},
+
+    {.name = "FromHalfTheFirstLevelOnItPrefetches", .of = worker::ssse3_copy,
+     .caches = {.largest = 65536, .data = 4096}, .to = 16, .from = 35, .count = 2048 + 16,
+     .below = plain, .above = "prefetcht0", .prefetched = {30, 480, 2464}},
+    {.name = "AboveHalfTheLargestCacheItStreams", .of = worker::ssse3_copy,
+     .caches = {.largest = 4096, .data = 1024}, .to = 16, .from = 32, .count = 2048 + 1 + 16,
+     .below = "prefetcht0", .above = streamed},
+    {.name = "BackwardsFromHalfTheFirstLevelOnItPrefetches", .of = worker::ssse3_copy,
+     .caches = {.largest = 65536, .data = 4096}, .to = 35, .from = 16, .count = 2048 + 14,
+     .below = plain, .above = "prefetcht0"},
+
+    {.name = "FromTheFirstLevelOnItIsLarge", .of = worker::ssse3_rep_copy,
+     .caches = {.largest = 2048, .data = 1024}, .to = 16, .from = 35, .count = 1024 + 16,
+     .below = "prefetcht0", .above = "prefetchnta", .prefetched = {28, 480, 1440}},
+    {.name = "AlignedItIsLargeFromHalfTheFirstLevelOnLessAPart", .of = worker::ssse3_rep_copy,
+     .caches = {.largest = 2048, .data = 1024}, .to = 16, .from = 32, .count = 512 - 1 + 16,
+     .below = plain, .above = "prefetchnta"},
+    {.name = "BackwardsItIsLargeAboveTwiceTheFirstLevel", .of = worker::ssse3_rep_copy,
+     .caches = {.largest = 2048, .data = 2048}, .to = 35, .from = 16, .count = 4096 + 14,
+     .below = "prefetcht0", .above = "prefetchnta"},
+    {.name = "FourKilobytesBeyondHalfTheLargestCacheAreStreamed", .of = worker::ssse3_rep_copy,
+     .caches = {.largest = 2048, .data = 512}, .to = 16, .from = 35,
+     .count = 1024 + 4096 + 1 + 16 + 16, .below = "prefetchnta", .above = split},
+    {.name = "BackwardsTheyAreToo", .of = worker::ssse3_rep_copy,
+     .caches = {.largest = 2048, .data = 512}, .to = 35, .from = 16,
+     .count = 1024 + 4096 + 14 + 16, .below = "prefetchnta", .above = split},
+    {.name = "AboveNineHalvesOfTheLargestCacheAllIsStreamed", .of = worker::ssse3_rep_copy,
+     .caches = {.largest = 2048, .data = 512}, .to = 16, .from = 35,
+     .count = 9 * 1024 + 1 + 16 + 16, .below = split, .above = split_all,
+     .prefetched = {144, 544, 9888}},
+
+    // It streams while an iteration leaves 768 bytes, and an iteration takes 256.
+    {.name = "FromThreeQuartersOfHalfTheFirstLevelOnItRepeats", .of = worker::avx2_copy,
+     .caches = {.largest = 8192, .data = 2048}, .to = 0, .from = 2, .count = 768 + 32,
+     .below = plain, .above = "movsb"},
+    {.name = "FromHalfTheLargestCacheOnItStreams", .of = worker::avx2_copy,
+     .caches = {.largest = 8192, .data = 2048}, .to = 1, .from = 2, .count = 4096 + 31,
+     .below = "movsb", .above = streamed_t0, .prefetched = {52, 543, 3807}},
+    {.name = "WithALargeFirstLevelItStreamsAtOnce", .of = worker::avx2_copy,
+     .caches = {.largest = 1024, .data = 8192}, .to = 1, .from = 2, .count = 3072 + 31,
+     .below = plain, .above = streamed_t0},
+    {.name = "WithUnknownCachesItFencesFromTheTableOn", .of = worker::avx2_copy,
+     .caches = {.largest = 0, .data = 0}, .to = 1, .from = 2, .count = 257,
+     .below = plain, .above = "sfence"},
+    {.name = "WithUnknownCachesItStreamsWhereItMayPrefetch", .of = worker::avx2_copy,
+     .caches = {.largest = 0, .data = 0}, .to = 1, .from = 2, .count = 256 + 768 + 31,
+     .below = "sfence", .above = streamed_t0},
+
+    {.name = "WhateverTheCachesItStreamsEveryIteration", .of = worker::avx512_copy,
+     .caches = {.largest = 1 << 30, .data = 0}, .to = 1, .from = 2, .count = 512 + 63,
+     .below = plain, .above = streamed_t1, .prefetched = {32, 63, 2047}},
+    {.name = "WhateverTheCachesItStreamsEveryIteration", .of = worker::avx512_fill,
+     .caches = {.largest = 1 << 30, .data = 0}, .to = 1, .from = 0, .count = 512 + 63,
+     .below = plain, .above = streamed},
+
+    // Fills compare with the whole largest cache. Methods below 2 take the path of words.
+    {.name = "AboveTheLargestCacheItStreams", .of = worker::sse2_fill,
+     .caches = {.largest = 2048, .data = 512, .method = 3}, .to = 0, .from = 0, .count = 2048 + 1,
+     .below = plain, .above = streamed},
+    {.name = "WithUnknownCachesItFencesFromTheTableOn", .of = worker::sse2_fill,
+     .caches = {.largest = 0, .data = 0}, .to = 0, .from = 0, .count = 65,
+     .below = plain, .above = "sfence"},
+    {.name = "AboveTheLargestCacheItStreamsWords", .of = worker::sse2_fill,
+     .caches = {.largest = 2048, .data = 0, .method = 1}, .to = 0, .from = 0, .count = 2048 + 1,
+     .below = plain, .above = words_streamed},
+    {.name = "WithUnknownCachesItStreamsNoWords", .of = worker::sse2_fill,
+     .caches = {.largest = 0, .data = 0, .method = 0}, .to = 0, .from = 0, .count = 3000,
+     .below = plain, .above = plain},
+
+    {.name = "FromFifteenSixteenthsOfTheFirstLevelOnItRepeats", .of = worker::avx2_fill,
+     .caches = {.largest = 1024, .data = 2048}, .to = 1, .from = 0, .count = 1920 + 31,
+     .below = plain, .above = "stosb"},
+    {.name = "WithUnknownCachesItRepeatsFromTheTableOn", .of = worker::avx2_fill,
+     .caches = {.largest = 0, .data = 0}, .to = 1, .from = 0, .count = 129,
+     .below = plain, .above = "stosb"},
+};
+// clang-format on
+
+class Thresholds : public Path {};
+TEST_P(Thresholds, ChangeTheWay) {
+  for (const threshold& row : thresholds) {
+    if (row.of != GetParam().of) continue;
+    SCOPED_TRACE(row.name);
+    const path below = path_of(GetParam(), {row.caches, row.to, row.from, row.count - 1});
+    EXPECT_EQ(way_of(below), row.below) << "with " << row.count - 1 << " bytes";
+    const path above = path_of(GetParam(), {row.caches, row.to, row.from, row.count});
+    EXPECT_EQ(way_of(above), row.above) << "with " << row.count << " bytes";
+    if (row.prefetched.empty()) continue;
+    ASSERT_FALSE(above.prefetched.empty());
+    const auto [nearest, farthest] =
+        std::minmax_element(above.prefetched.begin(), above.prefetched.end());
+    EXPECT_EQ(above.prefetched.size(), row.prefetched[0]) << "prefetches";
+    EXPECT_EQ(*nearest, row.prefetched[1]) << "the nearest byte";
+    EXPECT_EQ(*farthest, row.prefetched[2]) << "the farthest byte";
+  }
+}
+INSTANTIATE_TEST_SUITE_P(Members, Thresholds,
+                         testing::ValuesIn(members_of({worker::sse2_copy, worker::ssse3_copy,
+                                                       worker::ssse3_rep_copy, worker::avx2_copy,
+                                                       worker::avx512_copy, worker::sse2_fill,
+                                                       worker::avx2_fill, worker::avx512_fill})),
+                         name_of_row);
+
+// Cache values have no sign: under this one no block is streamed. A loop through the caches takes
+// 128 bytes and leaves less than 168.
+class Loops : public Path {};
+TEST_P(Loops, BeginWhereTheCachesAreBeyondEveryBlock) {
+  const cache_values unsigned_values{.largest = -2, .data = 512};
+  EXPECT_FALSE(path_of(GetParam(), {unsigned_values, 0, 0, 128 + 167}).loops);
+  EXPECT_TRUE(path_of(GetParam(), {unsigned_values, 0, 0, 128 + 168}).loops);
+}
+INSTANTIATE_TEST_SUITE_P(Members, Loops, testing::ValuesIn(members_of({worker::sse2_copy})),
+                         name_of_row);
+
+// The SSSE3 copies choose their direction by the low bytes of the addresses, as signed numbers:
+// forwards when the source's is greater.
+struct direction {
+  const char* name;
+  std::size_t to, from;
+  decltype(path::first_half) first;
+};
+constexpr direction directions[] = {
+    {"SourceIsLess", 0x00, 0x80, path::high},
+    {"SourceIsGreater", 0x80, 0x00, path::low},
+    {"BothAreEqual", 0x35, 0x35, path::high},
+    {"BothAreNegative", 0xff, 0x80, path::high},
+};
+class Directions : public Path {};
+TEST_P(Directions, FollowTheLowBytes) {
+  for (const direction& row : directions)
+    for (const std::size_t count : {GetParam().small + 1, std::size_t{144}, std::size_t{145}})
+      EXPECT_EQ(path_of(GetParam(), {ordinary, row.to, row.from, count}).first_half, row.first)
+          << row.name << ", " << count << " bytes";
+}
+INSTANTIATE_TEST_SUITE_P(
+    Members, Directions,
+    testing::ValuesIn(members_of({worker::ssse3_copy, worker::ssse3_rep_copy})), name_of_row);
+
+// The probing members leave up to 16384 bytes to string instructions. Beyond, they read the byte at
+// one quarter of the bulk, and if that takes more than three times as long as reading the clock the
+// one at three quarters; if that does too, the bulk is streamed. Differences of the clock have 32
+// bits. Where the destination is misaligned, all this is of what the bytes before its boundary
+// leave.
+struct probe {
+  const char* name;
+  std::size_t to, count;
+  std::uint64_t delay_at_quarter, delay_at_three_quarters;
+  std::vector<std::size_t> probed;
+  bool is_streamed = false;
 };
 constexpr std::uint64_t little = 2 * clock_reading, much = little + 1;
-const std::string streamed = "movntdq prefetcht0 sfence",
-                  streamed_nta = "movntdq prefetchnta sfence",
-                  split = "lfence movntdq prefetcht0 sfence",
-                  split_nta = "lfence movntdq prefetchnta prefetcht0 sfence",
-                  missed = "12288 4096 movntdq rdtsc sfence";
-const edge edges[] = {
-    // Above half the largest cache it streams, after alignment. Method 2 alone has vectors. Cache
-    // values have no sign. A loop through the caches leaves less than 168 bytes.
-    {"new_mem(cpy|move)", {2048, 512}, 8, 3, 1033, "", streamed_nta, {16, 392, 1352}},
-    {"new_mem(cpy|move)", {0, 0}, 0, 0, 177, "", streamed_nta},
-    {"new_mem(cpy|move)", {512, 0, 3}, 0, 0, 257, "", "movnti prefetchnta sfence", {4, 384, 576}},
-    {"new_mem(cpy|move)", {-2, 512}, 0, 0, 296, "", "loop"},
-
-    // From half the first level on it prefetches, above half the largest it streams; forwards, from
-    // sources that are misaligned and not, then backwards.
-    {"ssse3_mem", {65536, 4096}, 16, 35, 2064, "", "prefetcht0", {30, 480, 2464}},
-    {"ssse3_mem", {4096, 1024}, 16, 32, 2065, "prefetcht0", "movntdq sfence"},
-    {"ssse3_mem", {65536, 4096}, 35, 16, 2062, "", "prefetcht0"},
-
-    // Large from the first level on, or when aligned from about half of it; backwards above twice.
-    // Then the part beyond half the largest cache is streamed, unless it is small or nearly all.
-    {"ssse3_rep", {2048, 1024}, 16, 35, 1040, "prefetcht0", "prefetchnta", {28, 480, 1440}},
-    {"ssse3_rep", {2048, 1024}, 16, 32, 527, "", "prefetchnta"},
-    {"ssse3_rep", {2048, 2048}, 35, 16, 4110, "prefetcht0", "prefetchnta"},
-    {"ssse3_rep", {2048, 512}, 16, 35, 5153, "prefetchnta", split_nta},
-    {"ssse3_rep", {2048, 512}, 35, 16, 5150, "prefetchnta", split_nta},
-    {"ssse3_rep", {2048, 512}, 16, 35, 9249, split_nta, split, {144, 544, 9888}},
-
-    // Both choose the direction by the low bytes of the addresses, as signed numbers.
-    {"ssse3", ordinary, 0x00, 0x80, 145, "down", "down"},
-    {"ssse3", ordinary, 0x80, 0x00, 145, "up", "up"},
-    {"ssse3", ordinary, 0x35, 0x35, 145, "down", "down"},
-    {"ssse3_mem", ordinary, 0xff, 0x80, 81, "down", "down"},
-
-    // Three quarters of half the first level: the string instruction; half the largest: streaming,
-    // while an iteration leaves 768 bytes. An aligned destination moves on by 32 bytes too.
-    {"avx_rep_memcpy", {8192, 2048}, 0, 2, 800, "", "movsb"},
-    {"avx_rep_memcpy", {8192, 2048}, 1, 2, 4127, "movsb", streamed, {52, 543, 3807}},
-    {"avx_rep_memcpy", {1024, 8192}, 1, 2, 3103, "", streamed},
-    {"avx_rep_memcpy", {0, 0}, 1, 2, 257, "", "sfence"},
-    {"avx_rep_memcpy", {0, 0}, 1, 2, 1055, "sfence", streamed},
-
-    // Every bulk is streamed, whatever the caches.
-    {"avx512f_memcpy", {1 << 30, 0}, 1, 2, 575, "", "movntdq prefetcht1 sfence", {32, 63, 2047}},
-    {"avx512f_memset", {1 << 30, 0}, 1, 0, 575, "", "movntdq sfence"},
-
-    // Fills compare with the whole largest cache; an unknown one stops streaming on the word path
-    // alone, which methods below 2 take.
-    {"new_memset", {2048, 512, 3}, 0, 0, 2049, "", "movntdq sfence"},
-    {"new_memset", {0, 0}, 0, 0, 65, "", "sfence"},
-    {"new_memset", {2048, 0, 1}, 0, 0, 2049, "", "movnti sfence"},
-    {"new_memset", {0, 0, 0}, 0, 0, 3000, "", ""},
-
-    // Fifteen sixteenths of the first level: the string instruction. Never streams.
-    {"avx_rep_memset", {1024, 2048}, 1, 0, 1951, "", "stosb"},
-    {"avx_rep_memset", {0, 0}, 1, 0, 129, "", "stosb"},
-
-    // String instructions alone up to 16384 bytes, then a probe: of what the 13 bytes before the
-    // boundary leave, where the destination is misaligned.
-    {"VEC_memcpy", ordinary, 0, 0, 16385, "movsb movsq", "4096 rdtsc"},
-    {"VEC_memcpy", ordinary, 3, 3, 16398, "movsb movsq", "4112 rdtsc"},
-    {"VEC_mem[sz]", ordinary, 3, 0, 16398, "stosb stosq", "4112 rdtsc"},
-
-    // The byte at one quarter of the bulk, and if that takes more than three times as long as
-    // reading the clock the one at three quarters; if that does too, the bulk is streamed.
-    // Differences of the clock have 32 bits.
-    {"VEC", ordinary, 0, 0, 16400, "12288 4096 rdtsc", "12288 4096 rdtsc", {}, {much, little}},
-    {"VEC", ordinary, 0, 0, 16400, missed, missed, {}, {much, much}},
-    {"VEC", ordinary, 0, 0, 16400, "4096 rdtsc", "4096 rdtsc", {}, {little, much}},
-    {"VEC", ordinary, 0, 0, 16400, "4096 rdtsc", "4096 rdtsc", {}, {much << 32, much}},
+const probe probes[] = {
+    {"StringInstructionsSuffice", 0, 16384, 0, 0, {}},
+    {"TooMuchForStringInstructions", 0, 16384 + 1, 0, 0, {4096}},
+    {"MisalignedStringInstructionsSuffice", 3, 16384 + 13, 0, 0, {}},
+    {"MisalignedAndTooMuchForStringInstructions", 3, 16384 + 13 + 1, 0, 0, {4112}},
+    {"BothAreSlow", 0, 16400, much, much, {4096, 12288}, true},
+    {"OnlyTheFirstIsSlow", 0, 16400, much, little, {4096, 12288}},
+    {"OnlyTheSecondIsSlow", 0, 16400, little, much, {4096}},
+    {"TheFirstIsSlowerThan32Bits", 0, 16400, much << 32, much, {4096}},
 };
-
-// A path is told by some of its instructions, by the places in the destination that are probed, and
-// by what it should not do: leave what it streamed unfenced, or misalign the stores of loops, or
-// their loads where blocks are merged. An edge may also ask whether any instruction runs again
-// (loop), whether the call begins in the lower (up) or upper half of its destination (down), and
-// whether it takes one indirect jump to code that never comes back (once).
-void expect_path(const member& m, const edge& e, std::size_t count) {
-  static const std::regex telling("[ls]fence|movnt.*|(mov|sto)s[bq]|prefetch.*|rdtsc"),
-      merging("__zorva_(new|ssse3)_.*");
-  static const guarded_block from_block(65536), to_block(65536);
-  unsigned char* const from = from_block.begin() + e.from;
-  unsigned char* const to = m.what == kind::compare ? from : to_block.begin() + e.to;
-  const auto start = reinterpret_cast<std::uintptr_t>(to_block.begin()),
-             source = reinterpret_cast<std::uintptr_t>(from);
-  std::set<std::string> words;
-  std::vector<std::size_t> prefetched;  // from the start of either block on
-  std::set<std::uintptr_t> seen;
-  int jumps = 0, clock_readings = 0;
-  set_caches(e.caches);
-  const auto observe = [&](const step& s) {
-    const std::size_t at = s.operand - start;
-    const bool in_destination = at < to_block.size();
-    if (std::regex_match(s.what, telling)) words.insert(s.what);
-    if (in_destination && !words.contains("up") && !words.contains("down"))
-      words.insert(at < e.to + count / 2 ? "up" : "down");
-    if (in_destination && clock_readings % 3 == 2) words.insert(std::to_string(at));
-    if (s.what.starts_with("prefetch"))
-      prefetched.push_back(in_destination ? at - e.to : s.operand - source);
-    if (s.what.starts_with("movnt")) words.insert("unfenced");
-    if (s.what == "sfence") words.erase("unfenced");
-    clock_readings += s.what == "rdtsc";
-    jumps += s.what == "jmp";
-    if (!seen.insert(s.address).second) {
-      words.insert("loop");
-      if (s.bytes >= 16 && s.operand % s.bytes != 0 &&
-          (in_destination || (std::regex_match(m.name, merging) && !words.contains("movntdq"))))
-        words.insert("misaligned");
-    }
-    return at == 4096 ? e.delays[0] : at == 12288 ? e.delays[1] : 0;
-  };
-  trace(observe, m.entry, to, source, count);
-  if (jumps == 1 && !words.contains("loop")) words.insert("once");
-  std::string told;
-  for (const std::string& word : words)
-    if (!std::regex_match(word, std::regex("down|loop|once|up")) ||
-        (e.below + e.above).find(word) != std::string::npos)
-      told += (told.empty() ? "" : " ") + word;
-  ASSERT_EQ(told, count < e.count ? e.below : e.above);
-  if (count < e.count || e.prefetched.empty()) return;
-  const auto [nearest, farthest] = std::minmax_element(prefetched.begin(), prefetched.end());
-  EXPECT_EQ((std::vector{prefetched.size(), *nearest, *farthest}), e.prefetched);
+class Probes : public Path {};
+TEST_P(Probes, DecideWhatIsStreamed) {
+  const std::string repeated = GetParam().what == kind::copy ? "movsb movsq" : "stosb stosq";
+  for (const probe& row : probes) {
+    SCOPED_TRACE(row.name);
+    const std::size_t from = row.to;
+    const path seen = path_of(GetParam(), {ordinary, row.to, from, row.count, row.delay_at_quarter,
+                                           row.delay_at_three_quarters});
+    EXPECT_EQ(seen.probed, row.probed);
+    const std::string timed = row.is_streamed ? "movntdq rdtsc sfence" : "rdtsc";
+    EXPECT_EQ(way_of(seen), row.probed.empty() ? repeated : timed);
+  }
 }
+INSTANTIATE_TEST_SUITE_P(
+    Members, Probes, testing::ValuesIn(members_of({worker::probing_copy, worker::probing_fill})),
+    name_of_row);
 
-TEST(Paths, ChangeAtTheirEdges) {
-#ifndef __OPTIMIZE__
-  GTEST_SKIP() << "not the code that is shipped";
-#endif
-  if (sanitized || counted) GTEST_SKIP() << "not the code that is shipped";
-  std::vector<edge> all(std::begin(edges), std::end(edges));
-  for (const member& m : members)
-    for (std::size_t n = m.small; n > 2; n -= 2)
-      all.push_back({"^" + m.name, ordinary, 64, 64 + n % 64, n, "once", "once"});
-  for (const edge& e : all)
-    for (const member& m : members)
-      for (const std::size_t n : {e.count - 1, e.count}) {
-        SCOPED_TRACE(testing::Message() << m.name << ' ' << n << ", row " << &e - all.data());
-        if (m.runs != 0 && std::regex_search(m.name, std::regex(e.routines))) expect_path(m, e, n);
-      }
+// A table of small counts: one indirect jump to code that never comes back.
+class SmallCounts : public Path {};
+TEST_P(SmallCounts, TakeOneJump) {
+  for (std::size_t count = GetParam().small; count > 0; --count) {
+    const path seen = path_of(GetParam(), {ordinary, 64, 64 + count % 64, count});
+    EXPECT_EQ(seen.indirect_jumps, 1) << count << " bytes";
+    EXPECT_FALSE(seen.loops) << count << " bytes";
+    EXPECT_EQ(way_of(seen), plain) << count << " bytes";
+  }
 }
+std::vector<member> members_with_tables() {
+  std::vector<member> chosen(std::begin(members), std::end(members));
+  std::erase_if(chosen, [](const member& m) { return m.small == 0; });
+  return chosen;
+}
+INSTANTIATE_TEST_SUITE_P(Members, SmallCounts, testing::ValuesIn(members_with_tables()),
+                         name_of_row);
 
 }  // namespace
 }  // namespace zorvac::test
