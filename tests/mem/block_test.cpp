@@ -224,8 +224,16 @@ class Block : public testing::TestWithParam<member> {
         expect_exact({&to_, to, &from_, from, count});
   }
 
-  area to_{1}, from_{2};
-  std::vector<unsigned char> filled_ = std::vector<unsigned char>(area::bytes);
+  struct areas {
+    area to{1}, from{2};
+    std::vector<unsigned char> filled = std::vector<unsigned char>(area::bytes);
+  };
+  static areas& shared() {  // by all members: they leave the areas as they were
+    static areas all;
+    return all;
+  }
+  area &to_ = shared().to, &from_ = shared().from;
+  std::vector<unsigned char>& filled_ = shared().filled;
   case_random random_{0};
   unsigned calls_ = 0;
   attempt now_{};
