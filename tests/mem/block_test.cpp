@@ -54,13 +54,15 @@ struct member {
   int runs;           // on this processor
   std::size_t small;  // the largest count of its table; 0: it has none
 };
-#define MEMBER(name, of, what, ...)                                                              \
-  {                                                                                              \
-#name, reinterpret_cast < routine*>(reinterpret_cast <void*>(name)), worker::of, kind::what, \
-        __VA_ARGS__                                                                              \
-  }
-const int ssse3 = __builtin_cpu_supports("ssse3"), avx2 = __builtin_cpu_supports("avx2"),
-          avx512f = __builtin_cpu_supports("avx512f");
+void PrintTo(const member& m, std::ostream* out) { *out << m.name; }
+// clang-format off
+#define MEMBER(name, of, what, ...)                                                           \
+  {#name, reinterpret_cast<routine*>(reinterpret_cast<void*>(name)), worker::of, kind::what,  \
+   __VA_ARGS__}
+// clang-format on
+const int ssse3 = __builtin_cpu_supports("ssse3");
+const int avx2 = __builtin_cpu_supports("avx2");
+const int avx512f = __builtin_cpu_supports("avx512f");
 const member members[] = {
     MEMBER(__zorva_new_memcpy, sse2_copy, copy, 1, 176),
     MEMBER(__zorva_memcpy, sse2_copy, copy, 1, 176),  // one routine, two names
