@@ -30,19 +30,13 @@ namespace {
 enum class kind { zero, fill, copy, move, compare };  // a zero fill ignores its second argument
 
 // The code behind the names: which instructions, and what for.
+// clang-format off
 enum class worker {
-  sse2_copy,
-  ssse3_copy,
-  ssse3_rep_copy,
-  avx2_copy,
-  avx512_copy,
-  probing_copy,
-  sse2_fill,
-  avx2_fill,
-  avx512_fill,
-  probing_fill,
-  comparison,
+  sse2_copy, ssse3_copy, ssse3_rep_copy, avx2_copy, avx512_copy, probing_copy,
+  sse2_fill, avx2_fill, avx512_fill, probing_fill, comparison
 };
+// clang-format on
+using enum worker;
 
 // All take three words and return one, of which a comparison means the lower half.
 using routine = std::uintptr_t(void*, std::uintptr_t, std::size_t);
@@ -57,7 +51,7 @@ struct member {
 void PrintTo(const member& m, std::ostream* out) { *out << m.name; }
 // clang-format off
 #define MEMBER(name, of, what, ...)                                                           \
-  {#name, reinterpret_cast<routine*>(reinterpret_cast<void*>(name)), worker::of, kind::what,  \
+  {#name, reinterpret_cast<routine*>(reinterpret_cast<void*>(name)), of, kind::what,  \
    __VA_ARGS__}
 // clang-format on
 const int ssse3 = __builtin_cpu_supports("ssse3");
@@ -328,8 +322,7 @@ bool tells_the_way(const std::string& mnemonic) {
 
 path path_of(const member& m, const traced_call& c) {
   static const guarded_block from_block(65536), to_block(65536);
-  const bool merges =
-      m.of == worker::sse2_copy || m.of == worker::ssse3_copy || m.of == worker::ssse3_rep_copy;
+  const bool merges = m.of == sse2_copy || m.of == ssse3_copy || m.of == ssse3_rep_copy;
   unsigned char* const from = from_block.begin() + c.from;
   unsigned char* const to = m.what == kind::compare ? from : to_block.begin() + c.to;
   const auto start = reinterpret_cast<std::uintptr_t>(to_block.begin());
@@ -374,12 +367,13 @@ std::string way_of(const path& p) {
   for (const std::string& mnemonic : p.mnemonics) text += (text.empty() ? "" : " ") + mnemonic;
   return text;
 }
-const std::string plain,
-    streamed = "movntdq sfence", streamed_t0 = "movntdq prefetcht0 sfence",
-    streamed_t1 = "movntdq prefetcht1 sfence", streamed_nta = "movntdq prefetchnta sfence",
-    words_streamed = "movnti sfence", words_streamed_nta = "movnti prefetchnta sfence",
-    split = "lfence movntdq prefetchnta prefetcht0 sfence",
-    split_all = "lfence movntdq prefetcht0 sfence";
+const std::string plain, streamed = "movntdq sfence", streamed_t0 = "movntdq prefetcht0 sfence",
+                         streamed_t1 = "movntdq prefetcht1 sfence",
+                         streamed_nta = "movntdq prefetchnta sfence", prefetched_t0 = "prefetcht0",
+                         prefetched_nta = "prefetchnta", words_streamed = "movnti sfence",
+                         words_streamed_nta = "movnti prefetchnta sfence",
+                         split = "lfence movntdq prefetchnta prefetcht0 sfence",
+                         split_all = "lfence movntdq prefetcht0 sfence";
 
 std::vector<member> members_of(const std::set<worker>& workers) {
   std::vector<member> chosen;
@@ -406,105 +400,82 @@ class Path : public testing::TestWithParam<member> {
 // changes above it, and the bytes that alignment takes off. These are
 //
 //   SSE2      8 to offset 8
-//   SSSE3    16 to offset 16; 16 more and 1 where the loop has begun, a register later
-//            backwards, to the boundary below the end: 1 with `count` bytes, but 16 with one less
+//   SSSE3    16 to offset 16, and 16 more where the loop has begun, a register later;
+//            backwards, down to the boundary below the end: 1, but 16 with one byte less
 //   AVX2     31 to offset 1, 32 to offset 0
+//   AVX-512  63 to offset 1
+struct prefetches {
+  std::size_t count = 0, nearest = 0, farthest = 0;  // none: not looked at
+};
 struct threshold {
   const char* name;
   worker of;
-  cache_values caches;
+  cache_values caches;  // largest, data, method
   std::size_t to, from, count;
   std::string below, above;
-  // What the path above prefetches: how many times, and the nearest and the farthest byte.
-  std::vector<std::size_t> prefetched = {};
+  prefetches by_above = {};
 };
 // clang-format off
 const threshold thresholds[] = {
     // Method 2 alone has vectors.
-    {.name = "AboveHalfTheLargestCacheItStreams", .of = worker::sse2_copy,
-     .caches = {.largest = 2048, .data = 512}, .to = 8, .from = 3, .count = 1024 + 1 + 8,
-     .below = plain, .above = streamed_nta, .prefetched = {16, 392, 1352}},
-    {.name = "WithUnknownCachesItStreamsFromTheTableOn", .of = worker::sse2_copy,
-     .caches = {.largest = 0, .data = 0}, .to = 0, .from = 0, .count = 177,
-     .below = plain, .above = streamed_nta},
-    {.name = "WithoutMethod2ItStreamsWords", .of = worker::sse2_copy,
-     .caches = {.largest = 512, .data = 0, .method = 3}, .to = 0, .from = 0, .count = 256 + 1,
-     .below = plain, .above = words_streamed_nta, .prefetched = {4, 384, 576}},
+    {"AboveHalfTheLargestCacheItStreams", sse2_copy, {2048, 512},
+     8, 3, 1024 + 1 + 8, plain, streamed_nta, {16, 392, 1352}},
+    {"WithUnknownCachesItStreamsFromTheTableOn", sse2_copy, {0, 0},
+     0, 0, 176 + 1, plain, streamed_nta},
+    {"WithoutMethod2ItStreamsWords", sse2_copy, {512, 0, 3},
+     0, 0, 256 + 1, plain, words_streamed_nta, {4, 384, 576}},
 
-    {.name = "FromHalfTheFirstLevelOnItPrefetches", .of = worker::ssse3_copy,
-     .caches = {.largest = 65536, .data = 4096}, .to = 16, .from = 35, .count = 2048 + 16,
-     .below = plain, .above = "prefetcht0", .prefetched = {30, 480, 2464}},
-    {.name = "AboveHalfTheLargestCacheItStreams", .of = worker::ssse3_copy,
-     .caches = {.largest = 4096, .data = 1024}, .to = 16, .from = 32, .count = 2048 + 1 + 16,
-     .below = "prefetcht0", .above = streamed},
-    {.name = "BackwardsFromHalfTheFirstLevelOnItPrefetches", .of = worker::ssse3_copy,
-     .caches = {.largest = 65536, .data = 4096}, .to = 35, .from = 16, .count = 2048 + 14,
-     .below = plain, .above = "prefetcht0"},
+    {"FromHalfTheFirstLevelOnItPrefetches", ssse3_copy, {65536, 4096},
+     16, 35, 2048 + 16, plain, prefetched_t0, {30, 480, 2464}},
+    {"AboveHalfTheLargestCacheItStreams", ssse3_copy, {4096, 1024},
+     16, 32, 2048 + 1 + 16, prefetched_t0, streamed},
+    {"BackwardsFromHalfTheFirstLevelOnItPrefetches", ssse3_copy, {65536, 4096},
+     35, 16, 2048 - 2 + 16, plain, prefetched_t0},
 
-    {.name = "FromTheFirstLevelOnItIsLarge", .of = worker::ssse3_rep_copy,
-     .caches = {.largest = 2048, .data = 1024}, .to = 16, .from = 35, .count = 1024 + 16,
-     .below = "prefetcht0", .above = "prefetchnta", .prefetched = {28, 480, 1440}},
-    {.name = "AlignedItIsLargeFromHalfTheFirstLevelOnLessAPart", .of = worker::ssse3_rep_copy,
-     .caches = {.largest = 2048, .data = 1024}, .to = 16, .from = 32, .count = 512 - 1 + 16,
-     .below = plain, .above = "prefetchnta"},
-    {.name = "BackwardsItIsLargeAboveTwiceTheFirstLevel", .of = worker::ssse3_rep_copy,
-     .caches = {.largest = 2048, .data = 2048}, .to = 35, .from = 16, .count = 4096 + 14,
-     .below = "prefetcht0", .above = "prefetchnta"},
-    {.name = "FourKilobytesBeyondHalfTheLargestCacheAreStreamed", .of = worker::ssse3_rep_copy,
-     .caches = {.largest = 2048, .data = 512}, .to = 16, .from = 35,
-     .count = 1024 + 4096 + 1 + 16 + 16, .below = "prefetchnta", .above = split},
-    {.name = "BackwardsTheyAreToo", .of = worker::ssse3_rep_copy,
-     .caches = {.largest = 2048, .data = 512}, .to = 35, .from = 16,
-     .count = 1024 + 4096 + 14 + 16, .below = "prefetchnta", .above = split},
-    {.name = "AboveNineHalvesOfTheLargestCacheAllIsStreamed", .of = worker::ssse3_rep_copy,
-     .caches = {.largest = 2048, .data = 512}, .to = 16, .from = 35,
-     .count = 9 * 1024 + 1 + 16 + 16, .below = split, .above = split_all,
-     .prefetched = {144, 544, 9888}},
+    {"FromTheFirstLevelOnItIsLarge", ssse3_rep_copy, {2048, 1024},
+     16, 35, 1024 + 16, prefetched_t0, prefetched_nta, {28, 480, 1440}},
+    {"AlignedItIsLargeAPartBelowHalfTheFirstLevel", ssse3_rep_copy, {2048, 1024},
+     16, 32, 512 - 1 + 16, plain, prefetched_nta},
+    {"BackwardsItIsLargeAboveTwiceTheFirstLevel", ssse3_rep_copy, {2048, 2048},
+     35, 16, 4096 - 2 + 16, prefetched_t0, prefetched_nta},
+    {"FourKilobytesBeyondHalfTheLargestCacheAreStreamed", ssse3_rep_copy, {2048, 512},
+     16, 35, 1024 + 4096 + 1 + 16 + 16, prefetched_nta, split},
+    {"BackwardsTheyAreToo", ssse3_rep_copy, {2048, 512},
+     35, 16, 1024 + 4096 - 2 + 16 + 16, prefetched_nta, split},
+    {"AboveNineHalvesOfTheLargestCacheAllIsStreamed", ssse3_rep_copy, {2048, 512},
+     16, 35, 9 * 1024 + 1 + 16 + 16, split, split_all, {144, 544, 9888}},
 
-    // It streams while an iteration leaves 768 bytes, and an iteration takes 256.
-    {.name = "FromThreeQuartersOfHalfTheFirstLevelOnItRepeats", .of = worker::avx2_copy,
-     .caches = {.largest = 8192, .data = 2048}, .to = 0, .from = 2, .count = 768 + 32,
-     .below = plain, .above = "movsb"},
-    {.name = "FromHalfTheLargestCacheOnItStreams", .of = worker::avx2_copy,
-     .caches = {.largest = 8192, .data = 2048}, .to = 1, .from = 2, .count = 4096 + 31,
-     .below = "movsb", .above = streamed_t0, .prefetched = {52, 543, 3807}},
-    {.name = "WithALargeFirstLevelItStreamsAtOnce", .of = worker::avx2_copy,
-     .caches = {.largest = 1024, .data = 8192}, .to = 1, .from = 2, .count = 3072 + 31,
-     .below = plain, .above = streamed_t0},
-    {.name = "WithUnknownCachesItFencesFromTheTableOn", .of = worker::avx2_copy,
-     .caches = {.largest = 0, .data = 0}, .to = 1, .from = 2, .count = 257,
-     .below = plain, .above = "sfence"},
-    {.name = "WithUnknownCachesItStreamsWhereItMayPrefetch", .of = worker::avx2_copy,
-     .caches = {.largest = 0, .data = 0}, .to = 1, .from = 2, .count = 256 + 768 + 31,
-     .below = "sfence", .above = streamed_t0},
+    // It streams while an iteration, of 256 bytes, leaves 768.
+    {"FromThreeQuartersOfHalfTheFirstLevelOnItRepeats", avx2_copy, {8192, 2048},
+     0, 2, 768 + 32, plain, "movsb"},
+    {"FromHalfTheLargestCacheOnItStreams", avx2_copy, {8192, 2048},
+     1, 2, 4096 + 31, "movsb", streamed_t0, {52, 543, 3807}},
+    {"WithALargeFirstLevelItStreamsAtOnce", avx2_copy, {1024, 8192},
+     1, 2, 3072 + 31, plain, streamed_t0},
+    {"WithUnknownCachesItFencesFromTheTableOn", avx2_copy, {0, 0},
+     1, 2, 256 + 1, plain, "sfence"},
+    {"WithUnknownCachesItStreamsWhereItMayPrefetch", avx2_copy, {0, 0},
+     1, 2, 256 + 768 + 31, "sfence", streamed_t0},
 
-    {.name = "WhateverTheCachesItStreamsEveryIteration", .of = worker::avx512_copy,
-     .caches = {.largest = 1 << 30, .data = 0}, .to = 1, .from = 2, .count = 512 + 63,
-     .below = plain, .above = streamed_t1, .prefetched = {32, 63, 2047}},
-    {.name = "WhateverTheCachesItStreamsEveryIteration", .of = worker::avx512_fill,
-     .caches = {.largest = 1 << 30, .data = 0}, .to = 1, .from = 0, .count = 512 + 63,
-     .below = plain, .above = streamed},
+    {"WhateverTheCachesItStreamsEveryIteration", avx512_copy, {1 << 30, 0},
+     1, 2, 512 + 63, plain, streamed_t1, {32, 63, 2047}},
+    {"WhateverTheCachesItStreamsEveryIteration", avx512_fill, {1 << 30, 0},
+     1, 0, 512 + 63, plain, streamed},
 
     // Fills compare with the whole largest cache. Methods below 2 take the path of words.
-    {.name = "AboveTheLargestCacheItStreams", .of = worker::sse2_fill,
-     .caches = {.largest = 2048, .data = 512, .method = 3}, .to = 0, .from = 0, .count = 2048 + 1,
-     .below = plain, .above = streamed},
-    {.name = "WithUnknownCachesItFencesFromTheTableOn", .of = worker::sse2_fill,
-     .caches = {.largest = 0, .data = 0}, .to = 0, .from = 0, .count = 65,
-     .below = plain, .above = "sfence"},
-    {.name = "AboveTheLargestCacheItStreamsWords", .of = worker::sse2_fill,
-     .caches = {.largest = 2048, .data = 0, .method = 1}, .to = 0, .from = 0, .count = 2048 + 1,
-     .below = plain, .above = words_streamed},
-    {.name = "WithUnknownCachesItStreamsNoWords", .of = worker::sse2_fill,
-     .caches = {.largest = 0, .data = 0, .method = 0}, .to = 0, .from = 0, .count = 3000,
-     .below = plain, .above = plain},
+    {"AboveTheLargestCacheItStreams", sse2_fill, {2048, 512, 3},
+     0, 0, 2048 + 1, plain, streamed},
+    {"WithUnknownCachesItFencesFromTheTableOn", sse2_fill, {0, 0},
+     0, 0, 64 + 1, plain, "sfence"},
+    {"AboveTheLargestCacheItStreamsWords", sse2_fill, {2048, 0, 1},
+     0, 0, 2048 + 1, plain, words_streamed},
+    {"WithUnknownCachesItStreamsNoWords", sse2_fill, {0, 0, 0},
+     0, 0, 3000, plain, plain},
 
-    {.name = "FromFifteenSixteenthsOfTheFirstLevelOnItRepeats", .of = worker::avx2_fill,
-     .caches = {.largest = 1024, .data = 2048}, .to = 1, .from = 0, .count = 1920 + 31,
-     .below = plain, .above = "stosb"},
-    {.name = "WithUnknownCachesItRepeatsFromTheTableOn", .of = worker::avx2_fill,
-     .caches = {.largest = 0, .data = 0}, .to = 1, .from = 0, .count = 129,
-     .below = plain, .above = "stosb"},
+    {"FromFifteenSixteenthsOfTheFirstLevelOnItRepeats", avx2_fill, {1024, 2048},
+     1, 0, 1920 + 31, plain, "stosb"},
+    {"WithUnknownCachesItRepeatsFromTheTableOn", avx2_fill, {0, 0},
+     1, 0, 128 + 1, plain, "stosb"},
 };
 // clang-format on
 
@@ -517,20 +488,16 @@ TEST_P(Thresholds, ChangeTheWay) {
     EXPECT_EQ(way_of(below), row.below) << "with " << row.count - 1 << " bytes";
     const path above = path_of(GetParam(), {row.caches, row.to, row.from, row.count});
     EXPECT_EQ(way_of(above), row.above) << "with " << row.count << " bytes";
-    if (row.prefetched.empty()) continue;
-    ASSERT_FALSE(above.prefetched.empty());
-    const auto [nearest, farthest] =
-        std::minmax_element(above.prefetched.begin(), above.prefetched.end());
-    EXPECT_EQ(above.prefetched.size(), row.prefetched[0]) << "prefetches";
-    EXPECT_EQ(*nearest, row.prefetched[1]) << "the nearest byte";
-    EXPECT_EQ(*farthest, row.prefetched[2]) << "the farthest byte";
+    if (row.by_above.count == 0) continue;
+    ASSERT_EQ(above.prefetched.size(), row.by_above.count) << "prefetches";
+    EXPECT_EQ(std::ranges::min(above.prefetched), row.by_above.nearest) << "nearest prefetch";
+    EXPECT_EQ(std::ranges::max(above.prefetched), row.by_above.farthest) << "farthest prefetch";
   }
 }
 INSTANTIATE_TEST_SUITE_P(Members, Thresholds,
-                         testing::ValuesIn(members_of({worker::sse2_copy, worker::ssse3_copy,
-                                                       worker::ssse3_rep_copy, worker::avx2_copy,
-                                                       worker::avx512_copy, worker::sse2_fill,
-                                                       worker::avx2_fill, worker::avx512_fill})),
+                         testing::ValuesIn(members_of({sse2_copy, ssse3_copy, ssse3_rep_copy,
+                                                       avx2_copy, avx512_copy, sse2_fill, avx2_fill,
+                                                       avx512_fill})),
                          name_of_row);
 
 // Cache values have no sign: under this one no block is streamed. A loop through the caches takes
@@ -541,8 +508,7 @@ TEST_P(Loops, BeginWhereTheCachesAreBeyondEveryBlock) {
   EXPECT_FALSE(path_of(GetParam(), {unsigned_values, 0, 0, 128 + 167}).loops);
   EXPECT_TRUE(path_of(GetParam(), {unsigned_values, 0, 0, 128 + 168}).loops);
 }
-INSTANTIATE_TEST_SUITE_P(Members, Loops, testing::ValuesIn(members_of({worker::sse2_copy})),
-                         name_of_row);
+INSTANTIATE_TEST_SUITE_P(Members, Loops, testing::ValuesIn(members_of({sse2_copy})), name_of_row);
 
 // The SSSE3 copies choose their direction by the low bytes of the addresses, as signed numbers:
 // forwards when the source's is greater.
@@ -564,9 +530,8 @@ TEST_P(Directions, FollowTheLowBytes) {
       EXPECT_EQ(path_of(GetParam(), {ordinary, row.to, row.from, count}).first_half, row.first)
           << row.name << ", " << count << " bytes";
 }
-INSTANTIATE_TEST_SUITE_P(
-    Members, Directions,
-    testing::ValuesIn(members_of({worker::ssse3_copy, worker::ssse3_rep_copy})), name_of_row);
+INSTANTIATE_TEST_SUITE_P(Members, Directions,
+                         testing::ValuesIn(members_of({ssse3_copy, ssse3_rep_copy})), name_of_row);
 
 // The probing members leave up to 16384 bytes to string instructions. Beyond, they read the byte at
 // one quarter of the bulk, and if that takes more than three times as long as reading the clock the
@@ -604,13 +569,13 @@ TEST_P(Probes, DecideWhatIsStreamed) {
     EXPECT_EQ(way_of(seen), row.probed.empty() ? repeated : timed);
   }
 }
-INSTANTIATE_TEST_SUITE_P(
-    Members, Probes, testing::ValuesIn(members_of({worker::probing_copy, worker::probing_fill})),
-    name_of_row);
+INSTANTIATE_TEST_SUITE_P(Members, Probes,
+                         testing::ValuesIn(members_of({probing_copy, probing_fill})), name_of_row);
 
 // A table of small counts: one indirect jump to code that never comes back.
 class SmallCounts : public Path {};
 TEST_P(SmallCounts, TakeOneJump) {
+  if (GetParam().small == 0) GTEST_SKIP() << "it has no table";
   for (std::size_t count = GetParam().small; count > 0; --count) {
     const path seen = path_of(GetParam(), {ordinary, 64, 64 + count % 64, count});
     EXPECT_EQ(seen.indirect_jumps, 1) << count << " bytes";
@@ -618,12 +583,10 @@ TEST_P(SmallCounts, TakeOneJump) {
     EXPECT_EQ(way_of(seen), plain) << count << " bytes";
   }
 }
-std::vector<member> members_with_tables() {
-  std::vector<member> chosen(std::begin(members), std::end(members));
-  std::erase_if(chosen, [](const member& m) { return m.small == 0; });
-  return chosen;
-}
-INSTANTIATE_TEST_SUITE_P(Members, SmallCounts, testing::ValuesIn(members_with_tables()),
+INSTANTIATE_TEST_SUITE_P(Members, SmallCounts,
+                         testing::ValuesIn(members_of({sse2_copy, ssse3_copy, ssse3_rep_copy,
+                                                       avx2_copy, avx512_copy, sse2_fill, avx2_fill,
+                                                       avx512_fill, comparison})),
                          name_of_row);
 
 }  // namespace

@@ -61,22 +61,13 @@ struct operands {
   int character;
   std::size_t count;
 };
+// What a routine takes. `tail` and `seek` are the rest of a scan whose first block has been looked
+// at.
+// clang-format off
 enum class kind {
-  tail,       // strlen, strend: the rest of a scan whose first block has been looked at
-  seek,       // strchr: such a rest, too
-  find,       // strrchr
-  limit,      // strnlen
-  field,      // strncpy, stpncpy
-  append,     // strncat
-  order,      // strncmp
-  copy,       // strcpy, stpcpy
-  concat,     // strcat
-  duplicate,  // strdup
-  set,        // strspn, strcspn, strpbrk
-  tokens,     // strtok
-  int64,      // atol, atoll
-  int32,      // atoi
+  tail, seek, find, limit, field, append, order, copy, concat, duplicate, set, tokens, int64, int32
 };
+// clang-format on
 bool stops_at_count(kind how) {
   return how == kind::limit || how == kind::field || how == kind::append || how == kind::order;
 }
@@ -198,7 +189,6 @@ constexpr std::size_t most = SIZE_MAX;
 // clang-format off
 const scene scenes[] = {
     {.name = "Empty", .text = "", .partner = "", .character = 'a', .count = 1},
-    {.name = "EmptyBesideSomething", .text = "", .partner = "a", .count = 3},
     {.name = "OneCharacter", .text = "a", .partner = "a", .character = 'a', .count = 1},
     {.name = "StopsInTheFirstBlock", .text = "a,b", .partner = ",", .character = ',', .count = 2},
     {.name = "LiesAgainstTheFirstPage", .text = forty, .partner = "N", .count = 50, .where = front},
@@ -214,11 +204,9 @@ const scene scenes[] = {
     {.name = "LimitIsTheLargestNumber", .text = forty, .partner = forty, .count = most},
     {.name = "LimitIsOnlyNegative", .text = forty, .partner = "abd", .count = most / 2 + 1},
     {.name = "LimitEndsIt", .text = forty, .partner = forty, .count = 40, .where = cut_off},
-    {.name = "LimitEndsItEarly", .text = forty, .partner = a_z, .count = 17, .where = cut_off},
     {.name = "LimitEndsASingleByte", .text = "a", .partner = "a", .count = 1, .where = cut_off},
 
     {.name = "CharacterIsMissing", .text = forty, .character = '?'},
-    {.name = "CharacterIsFirst", .text = forty, .character = 'a'},
     {.name = "CharacterIsLast", .text = forty, .character = 'N'},
     {.name = "CharacterComesOften", .text = "-a-" + forty + "-" + forty + "-z", .character = '-'},
     {.name = "CharacterIsTheTerminator", .text = forty, .character = 0},
@@ -228,13 +216,10 @@ const scene scenes[] = {
 
     {.name = "DestinationEndsAtThePage", .text = forty, .partner = a_z, .count = 40,
      .partner_where = back},
-    {.name = "FieldEndsAtThePage", .text = a_z, .partner = a_z, .count = 100,
-     .partner_where = back},
     {.name = "DestinationCrossesAPageEnd", .text = forty, .partner = forty, .count = 90,
      .partner_where = across},
     {.name = "NoMemoryIsLeft", .text = forty, .memory_is_left = false},
 
-    {.name = "OtherIsEqual", .text = forty, .partner = forty, .count = 300},
     {.name = "OtherIsShorter", .text = forty, .partner = a_z, .count = 300},
     {.name = "OtherIsLonger", .text = a_z, .partner = forty, .count = 300},
     {.name = "OtherDiffersAtTheLimit", .text = a_z + "a", .partner = a_z + "b", .count = 27},
@@ -246,7 +231,6 @@ const scene scenes[] = {
      .where = across, .partner_where = across, .partner_gap = 16},
 
     {.name = "SetIsEmpty", .text = forty, .partner = ""},
-    {.name = "SetHasOneMember", .text = a_z, .partner = "q"},
     {.name = "SetHasAllOfIt", .text = forty + forty, .partner = forty},
     {.name = "SetHasNoneOfIt", .text = forty, .partner = digits},
     {.name = "SetFillsABlock", .text = forty + "!" + forty, .partner = "!0123456789?-+()"},
@@ -255,12 +239,9 @@ const scene scenes[] = {
     {.name = "SetEndsAtThePage", .text = forty, .partner = "xyz", .partner_where = back},
     {.name = "SetCrossesAPageEnd", .text = forty, .partner = "xyz", .partner_where = across,
      .partner_gap = 1},
-    {.name = "SetLiesInBothHalves", .text = a_z + '\xff', .partner = "\x80\xff\x7f"},
     {.name = "TokensHaveSeparatorsAround", .text = ",;a,,b;c;,", .partner = ",;"},
     {.name = "TokensAreSeparatorsOnly", .text = ",,;;,,", .partner = ",;"},
-    {.name = "TokensCrossBlocks", .text = forty + "," + forty + "," + a_z, .partner = ","},
 
-    {.name = "NumberIsZero", .text = "0"},
     {.name = "NumberFollowsEverySpace", .text = white_space + "42"},
     {.name = "NumberFollowsManySpaces", .text = std::string(33, ' ') + "-42"},
     {.name = "NumberIsPositive", .text = "+42"},
@@ -273,11 +254,9 @@ const scene scenes[] = {
     {.name = "NumberStopsAboveDigits", .text = "12:3"},
     {.name = "NumberHasEightDigits", .text = "98765432"},
     {.name = "NumberHasTenDigits", .text = "2147483647"},
-    {.name = "NumberHasElevenDigits", .text = "12345678901"},
     {.name = "NumberHasSixteenDigits", .text = "-9876543210987654"},
     {.name = "NumberHasSeventeenDigits", .text = "98765432109876543"},
     {.name = "NumberHasManyZeros", .text = std::string(40, '0') + "7"},
-    {.name = "NumberIsTheLeastInt", .text = "-2147483648"},
     {.name = "NumberOverflowsInt", .text = "4294967301"},
     {.name = "NumberIsTheLeastLong", .text = "-9223372036854775808"},
     {.name = "NumberOverflowsLong", .text = "9223372036854775808"},
@@ -402,17 +381,9 @@ bool registers_can_ask(const routine& r, const operands& o) {
 }
 
 word second_input(const routine& r, const operands& o) {
-  switch (r.how) {
-    case kind::tail:
-    case kind::seek:
-      return word(o.string);
-    case kind::find:
-      return word(o.character);
-    case kind::limit:
-      return o.count;
-    default:
-      return word(o.partner);
-  }
+  if (r.how == kind::tail || r.how == kind::seek) return word(o.string);
+  if (r.how == kind::find) return word(o.character);
+  return r.how == kind::limit ? o.count : word(o.partner);
 }
 
 // The answer by the registers of the interface, of which the preserved ones are looked at.
