@@ -73,11 +73,11 @@ bool stops_at_count(kind how) {
 }
 bool is_number(kind how) { return how == kind::int64 || how == kind::int32; }
 
-enum level { sse2, ssse3, sse4 };
+enum instruction_set { sse2, ssse3, sse4 };
 const bool runs[] = {true, __builtin_cpu_supports("ssse3") != 0,
                      __builtin_cpu_supports("sse4.2") != 0};
 struct routine {
-  level instructions;
+  instruction_set instructions;
   const char* name;
   void* address;
   kind how;

@@ -1,7 +1,7 @@
 #ifndef ZORVAC_TESTS_SUPPORT_GUARD_PAGES_H
 #define ZORVAC_TESTS_SUPPORT_GUARD_PAGES_H
 // A block of memory between two pages that nobody may touch: a read or write one byte outside the
-// block, on the side that lies against its page, ends the test at once. The test says at which case.
+// block, on the side that lies against its page, ends the test at once, which then names the case.
 #include <sys/mman.h>
 
 #include <csignal>
