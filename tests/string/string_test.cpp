@@ -360,7 +360,6 @@ stage lay_out(const routine& r, scene s) {
   restore(noise);
   no_memory = !s.memory_is_left;
   const bool is_cut = s.where == cut_off;
-  if (r.how == kind::field) s.count = std::min<std::size_t>(s.count, 300);  // it is filled
   std::size_t needed = partner_bytes(r.how, s);
   if (is_cut && r.how == kind::order) {
     s.partner_where = cut_off;
@@ -466,7 +465,8 @@ class String : public testing::TestWithParam<routine> {
   void SetUp() override {
     if (!runs[GetParam().instructions]) GTEST_SKIP() << "this processor cannot run it";
   }
-  void play(const scene& s, way how) {
+  void play(scene s, way how) {
+    if (GetParam().how == kind::field) s.count = std::min<std::size_t>(s.count, 300);  // is filled
     scene_ = &s;
     way_ = how;
     expect_the_c_librarys(GetParam(), s, how);
