@@ -297,8 +297,8 @@ scene drawn_scene(const routine& r, std::uint64_t seed) {
   const std::size_t from = random.below(200), taken = random.below(41);
   const std::string members = letters.substr(from, taken);
   const std::string others = letters.substr(from + taken, 1 + random.below(20));
-  const std::string words = some(random, head, random.one_in(2) ? members : others) +
-                            some(random, length - head, letters);
+  std::string words = some(random, head, random.one_in(2) ? members : others);
+  words += some(random, length - head, letters);
 
   scene s{.name = "seed " + std::to_string(seed),
           .text = is_number(r.how) ? drawn_number(random, length) : words};
@@ -467,20 +467,19 @@ class String : public testing::TestWithParam<routine> {
   }
   void play(scene s, way how) {
     if (GetParam().how == kind::field) s.count = std::min<std::size_t>(s.count, 300);  // is filled
-    scene_ = &s;
+    scene_ = std::move(s);
     way_ = how;
-    expect_the_c_librarys(GetParam(), s, how);
+    expect_the_c_librarys(GetParam(), scene_, how);
     ASSERT_FALSE(HasFailure()) << case_at_hand();
   }
 
  private:
   [[nodiscard]] std::string case_at_hand() const {
     std::ostringstream text;
-    text << GetParam().name << (way_ == way::registers ? " by registers, " : " inline, ")
-         << *scene_;
+    text << GetParam().name << (way_ == way::registers ? " by registers, " : " inline, ") << scene_;
     return text.str();
   }
-  const scene* scene_ = nullptr;
+  scene scene_{};
   way way_{};
   fault_report report_{[this] { return case_at_hand(); }};
 };
