@@ -10,7 +10,6 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
-#include <utility>
 
 namespace zorvac::test {
 
@@ -42,22 +41,17 @@ class guarded_block {
 // print, in general; here there is nothing left to break.)
 class fault_report {
  public:
-  explicit fault_report(std::function<std::string()> case_at_hand) {
-    tell() = std::move(case_at_hand);
+  explicit fault_report(const std::function<std::string()>& case_at_hand) {
+    tell_ = case_at_hand;
     std::signal(SIGSEGV, [](int signal) {
-      std::fprintf(stderr, "fault in case: %s\n", tell()().c_str());
+      std::fprintf(stderr, "fault in case: %s\n", tell_().c_str());
       std::signal(signal, SIG_DFL);  // it comes again
     });
   }
   ~fault_report() { std::signal(SIGSEGV, SIG_DFL); }
-  fault_report(const fault_report&) = delete;
-  fault_report& operator=(const fault_report&) = delete;
 
  private:
-  static std::function<std::string()>& tell() {
-    static std::function<std::string()> function;
-    return function;
-  }
+  static inline std::function<std::string()> tell_;
 };
 
 }  // namespace zorvac::test

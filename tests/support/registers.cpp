@@ -8,10 +8,10 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstring>
 #include <random>
 
 #include "core/processor.h"
+#include "support/masks.h"
 
 namespace zorvac::test {
 namespace {
@@ -21,16 +21,14 @@ void (*next)();                 // the routine, until it has been called
 std::uint64_t* return_address;  // where the routine finds it
 
 void exchange(void* frame, void* mine, std::size_t bytes) {
-  char framed[128];
-  std::memcpy(framed, frame, bytes);
-  std::memcpy(frame, mine, bytes);
-  std::memcpy(mine, framed, bytes);
+  auto* const framed = static_cast<char*>(frame);
+  std::swap_ranges(framed, framed + bytes, static_cast<char*>(mine));
 }
 
 // The parts of the vector state by number: XMM, the upper halves of YMM, masks, the upper halves of
-// ZMM, the other 16 ZMM. The kernel tells in the words that FXSAVE leaves to software which parts a
-// frame has; the header behind them tells which are to be loaded. Masks have 64 bits from AVX512BW
-// on.
+// ZMM, the other 16 ZMM. The kernel tells which parts a frame has, in the last words of what FXSAVE
+// writes, which are left to software; the header behind them tells which parts are to be loaded.
+// Masks have 64 bits from AVX512BW on.
 void exchange_vectors(_xstate& frame) {
   const auto place = [](std::uint32_t part) { return hardware_processor::cpuid(0xd, part).ebx; };
   static const struct {
@@ -43,10 +41,7 @@ void exchange_vectors(_xstate& frame) {
                {5, place(5), &file.mask, __builtin_cpu_supports("avx512bw") != 0, 64},
                {6, place(6), &file.vector[0][32], 16, 32},
                {7, place(7), &file.vector[16][0], 16, 64}};
-  _fpx_sw_bytes of_kernel;
-  const auto& software = frame.fpstate.__glibc_reserved1;  // 24 words, of which it has the last
-  std::memcpy(&of_kernel, std::end(software) - sizeof of_kernel / sizeof software[0],
-              sizeof of_kernel);
+  const auto& of_kernel = reinterpret_cast<const _fpx_sw_bytes*>(&frame.fpstate + 1)[-1];
   auto* const bytes = reinterpret_cast<unsigned char*>(&frame);
   for (const auto& p : parts) {
     if ((of_kernel.xstate_bv >> p.part & 1) == 0) continue;
@@ -108,6 +103,7 @@ std::vector<std::string> changed_registers(const register_file& before,
   if (before.above != after.above) changed.push_back("stack above the return address");
   if (before.mxcsr != after.mxcsr) changed.push_back("mxcsr");
   if (before.x87_control != after.x87_control) changed.push_back("x87 control word");
+  if ((after.flags & flags_bit::direction) != 0) changed.push_back("direction flag");
   return changed;
 }
 
