@@ -6,12 +6,15 @@
 
 #include <algorithm>
 #include <cstring>
-#include <random>
-#include <regex>
 #include <set>
+#include <span>
+#include <string>
+#include <vector>
 
 #include "cpu/fast_mem_ops.h"
 #include "mem/trace.h"
+#include "support/bytes.h"
+#include "support/campaign.h"
 #include "support/guard_pages.h"
 #include "support/name_of_row.h"
 #include "support/registers.h"
@@ -21,43 +24,60 @@
 namespace zorvac::test {
 namespace {
 
+// ---- The members --------------------------------------------------------------------------------
+
 enum class kind { zero, fill, copy, move, compare };  // a zero fill ignores its second argument
+
+// The code behind the names: which instructions, and what for.
+// clang-format off
+enum class worker {
+  sse2_copy, ssse3_copy, ssse3_rep_copy, avx2_copy, avx512_copy, probing_copy,
+  sse2_fill, avx2_fill, avx512_fill, probing_fill, sse2_comparison, comparison
+};
+// clang-format on
+using enum worker;
 
 // All take three words and return one, of which a comparison means the lower half.
 using routine = std::uintptr_t(void*, std::uintptr_t, std::size_t);
 struct member {
   std::string name;
   routine* entry;
+  worker of;
   kind what;
   int runs;           // on this processor
   std::size_t small;  // the largest count of its table; 0: it has none
 };
-#define MEMBER(name, ...) \
-  { #name, reinterpret_cast < routine*>(reinterpret_cast <void*>(name)), kind::__VA_ARGS__ }
-const int ssse3 = __builtin_cpu_supports("ssse3"), avx2 = __builtin_cpu_supports("avx2"),
-          avx512f = __builtin_cpu_supports("avx512f");
+void PrintTo(const member& m, std::ostream* out) { *out << m.name; }
+// clang-format off
+#define MEMBER(name, of, what, ...)                                                           \
+  {#name, reinterpret_cast<routine*>(reinterpret_cast<void*>(name)), of, kind::what,  \
+   __VA_ARGS__}
+// clang-format on
+const int ssse3 = __builtin_cpu_supports("ssse3");
+const int avx2 = __builtin_cpu_supports("avx2");
+const int avx512f = __builtin_cpu_supports("avx512f");
 const member members[] = {
-    MEMBER(__zorva_new_memcpy, copy, 1, 176),
-    MEMBER(__zorva_memcpy, copy, 1, 176),  // one routine, two names
-    MEMBER(__zorva_ssse3_memcpy, copy, ssse3, 79),
-    MEMBER(__zorva_ssse3_rep_memcpy, copy, ssse3, 143),
-    MEMBER(__zorva_avx_rep_memcpy, copy, avx2, 256),
-    MEMBER(__zorva_vpx_avx512f_memcpy, copy, avx512f, 127),
-    MEMBER(_VEC_memcpy, copy, 1, 0),
-    MEMBER(__zorva_VEC_memcpy, copy, 1, 0),
-    MEMBER(__zorva_new_memmove, move, 1, 176),
-    MEMBER(__zorva_ssse3_memmove, move, ssse3, 79),
-    MEMBER(__zorva_ssse3_rep_memmove, move, ssse3, 143),
-    MEMBER(__zorva_new_memset, fill, 1, 64),
-    MEMBER(__zorva_memset, fill, 1, 64),
-    MEMBER(__zorva_avx_rep_memset, fill, avx2, 128),
-    MEMBER(__zorva_vpx_avx512f_memset, fill, avx512f, 127),
-    MEMBER(_VEC_memset, fill, 1, 0),
-    MEMBER(__zorva_VEC_memset, fill, 1, 0),
-    MEMBER(_VEC_memzero, zero, 1, 0),
-    MEMBER(__zorva_VEC_memzero, zero, 1, 0),
-    MEMBER(__zorva_new_memcmp, compare, 1, 64),
-    MEMBER(_zorva_fast_memcmp, compare, 1, 0),
+    MEMBER(__zorva_new_memcpy, sse2_copy, copy, 1, 176),
+    MEMBER(__zorva_memcpy, sse2_copy, copy, 1, 176),  // one routine, two names
+    MEMBER(__zorva_ssse3_memcpy, ssse3_copy, copy, ssse3, 79),
+    MEMBER(__zorva_ssse3_rep_memcpy, ssse3_rep_copy, copy, ssse3, 143),
+    MEMBER(__zorva_avx_rep_memcpy, avx2_copy, copy, avx2, 256),
+    MEMBER(__zorva_vpx_avx512f_memcpy, avx512_copy, copy, avx512f, 127),
+    MEMBER(_VEC_memcpy, probing_copy, copy, 1, 0),
+    MEMBER(__zorva_VEC_memcpy, probing_copy, copy, 1, 0),
+    MEMBER(__zorva_new_memmove, sse2_copy, move, 1, 176),
+    MEMBER(__zorva_ssse3_memmove, ssse3_copy, move, ssse3, 79),
+    MEMBER(__zorva_ssse3_rep_memmove, ssse3_rep_copy, move, ssse3, 143),
+    MEMBER(__zorva_new_memset, sse2_fill, fill, 1, 64),
+    MEMBER(__zorva_memset, sse2_fill, fill, 1, 64),
+    MEMBER(__zorva_avx_rep_memset, avx2_fill, fill, avx2, 128),
+    MEMBER(__zorva_vpx_avx512f_memset, avx512_fill, fill, avx512f, 127),
+    MEMBER(_VEC_memset, probing_fill, fill, 1, 0),
+    MEMBER(__zorva_VEC_memset, probing_fill, fill, 1, 0),
+    MEMBER(_VEC_memzero, probing_fill, zero, 1, 0),
+    MEMBER(__zorva_VEC_memzero, probing_fill, zero, 1, 0),
+    MEMBER(__zorva_new_memcmp, sse2_comparison, compare, 1, 64),
+    MEMBER(_zorva_fast_memcmp, comparison, compare, 1, 0),
 };
 
 // The values that the library's initialiser leaves for the workers: bytes, and the copy method.
@@ -73,20 +93,40 @@ void set_caches(const cache_values& v) {
   __libvrt_mem_ops_method = v.method;
 }
 
-// Random bytes between two guard pages, and what they are to be.
+// ---- What comes out -----------------------------------------------------------------------------
+
+// Random bytes between two guard pages, and what they are to be. Every attempt leaves them so.
 struct area {
-  explicit area(unsigned seed) : master(bytes) {
-    std::minstd_rand random(seed);
-    for (unsigned char& byte : master) byte = static_cast<unsigned char>(random() >> 8);
+  explicit area(std::uint64_t seed) : master(bytes) {
+    case_random random(seed);
+    for (unsigned char& byte : master) byte = static_cast<unsigned char>(random());
     std::copy(master.begin(), master.end(), block.begin());
   }
   static constexpr std::size_t bytes = 33 << 20, slack = 1 << 16;
   guarded_block block{bytes};
   std::vector<unsigned char> master;
 };
+const area to_area(1), from_area(2);
+std::vector<unsigned char> expected(area::bytes);
+
+struct attempt {
+  const area* destination;
+  std::size_t to;
+  const area* source;
+  std::size_t from, count;
+};
+std::ostream& operator<<(std::ostream& out, const attempt& a) {
+  return out << a.count << " bytes from offset " << a.from << " to offset " << a.to
+             << (a.destination == a.source ? " in one area" : "");
+}
 
 class Block : public testing::TestWithParam<member> {
  protected:
+  void SetUp() override {
+    if (GetParam().runs == 0) GTEST_SKIP() << "this processor cannot run it";
+  }
+  static bool fills() { return GetParam().what == kind::zero || GetParam().what == kind::fill; }
+
   // One call, of which one in 64 shows that what belongs to the caller survives: callee-saved
   // registers, the direction flag, and upper halves that were zero, since dirty ones slow down SSE
   // code.
@@ -98,59 +138,103 @@ class Block : public testing::TestWithParam<member> {
     in.general[rdx] = count;
     for (auto& vector : in.vector) std::fill(vector.begin() + 16, vector.end(), 0);
     const auto out = call_with_registers(reinterpret_cast<void (*)()>(GetParam().entry), in);
-    for (const gpr kept : {rbx, rbp, r12, r13, r14, r15})
-      EXPECT_EQ(out.general[kept], in.general[kept]) << kept;
-    EXPECT_EQ(out.flags & 0x400, 0u) << "direction flag";
-    for (std::size_t i = 0; i < 16; ++i)
-      EXPECT_EQ(std::count(out.vector[i].begin() + 16, out.vector[i].end(), 0), 48) << i;
+    for (const gpr i : {rax, rcx, rdx, rsi, rdi, r8, r9}) in.general[i] = out.general[i];
+    for (std::size_t i = 0; i < 32; ++i)
+      std::copy_n(out.vector[i].begin(), i < 16 ? 16 : 64, in.vector[i].begin());
+    in.mask = out.mask;
+    EXPECT_EQ(changed_registers(in, out), std::vector<std::string>{});
     return out.general[rax];
   }
 
-  // One try, which leaves the areas as they were. Only the low 8 bits of a fill's value count, or
-  // none. A comparison is of equal blocks, and of blocks that differ in one byte or two neighbours.
-  void expect_exact(const area& d, std::size_t to, const area& s, std::size_t from,
-                    std::size_t count) {
-    const kind what = GetParam().what;
-    unsigned char* const at = d.block.begin() + to;
-    const unsigned char* const source = s.master.data() + from;
-    const bool fills = what <= kind::fill;
-    const auto word = fills ? random_() : reinterpret_cast<std::uintptr_t>(s.block.begin() + from);
-    const auto value = static_cast<unsigned char>(what == kind::zero ? 0 : word);
-    bool good = true;
-    if (what == kind::compare) {
-      std::memcpy(at, source, count);
-      const std::size_t byte = random_() % (count + 1);
-      for (const std::size_t changed : {count, byte, byte + 1}) {
-        if (changed < count) at[changed] ^= static_cast<unsigned char>(random_() >> 8);
-        const int order = std::memcmp(at, source, count);
-        good &= static_cast<int>(call(at, word, count)) == (order > 0) - (order < 0);
-      }
+  // What the C library does at `oracle` is expected at `at`. Only the low 8 bits of a fill's value
+  // count, or none.
+  void write(unsigned char* at, unsigned char* oracle, const attempt& a) {
+    std::uintptr_t second = reinterpret_cast<std::uintptr_t>(a.source->block.begin() + a.from);
+    if (fills()) {
+      second = random_();
+      std::memset(oracle, GetParam().what == kind::zero ? 0 : static_cast<int>(second), a.count);
     } else {
-      good = call(at, word, count) == reinterpret_cast<std::uintptr_t>(at);
-      good &= fills ? count == 0 || (*at == value && std::memcmp(at, at + 1, count - 1) == 0)
-                    : std::memcmp(at, source, count) == 0;
+      std::memcpy(oracle, a.source->master.data() + a.from, a.count);
     }
-    std::memcpy(at, d.master.data() + to, count);
-    const std::size_t low = to - std::min<std::size_t>(to, 64),
-                      high = std::min(to + count + 64, area::bytes);
-    ASSERT_TRUE(good &&
-                std::equal(d.block.begin() + low, d.block.begin() + high, d.master.data() + low))
-        << count << " bytes from " << from << " to " << to << (&d == &s ? " in one" : "");
+    EXPECT_EQ(call(at, second, a.count), reinterpret_cast<std::uintptr_t>(at));
+  }
+  // Equal blocks, blocks that differ in one byte, blocks that differ in it and its neighbour.
+  void compare(unsigned char* at, unsigned char* oracle, const attempt& a) {
+    const unsigned char* const source = a.source->block.begin() + a.from;
+    std::memcpy(at, source, a.count);
+    const std::size_t byte = random_.below(a.count + 1);
+    for (const std::size_t changed : {a.count, byte, byte + 1}) {
+      if (changed < a.count) at[changed] ^= static_cast<unsigned char>(random_());
+      std::memcpy(oracle, at, a.count);
+      const int order = std::memcmp(oracle, source, a.count);
+      const auto result = call(at, reinterpret_cast<std::uintptr_t>(source), a.count);
+      EXPECT_EQ(static_cast<int>(result), (order > 0) - (order < 0)) << "byte " << changed;
+    }
   }
 
-  area to_{1}, from_{2};
-  std::minstd_rand random_{3};
+  void expect_exact(const attempt& a) {
+    now_ = a;
+    const area& d = *a.destination;
+    unsigned char* const at = d.block.begin() + a.to;
+    const std::size_t before = std::min<std::size_t>(a.to, 64);
+    const std::size_t behind = std::min<std::size_t>(area::bytes - a.to - a.count, 64);
+    const std::size_t all = before + a.count + behind;
+    std::memcpy(expected.data(), d.master.data() + a.to - before, all);
+    if (GetParam().what == kind::compare)
+      compare(at, expected.data() + before, a);
+    else
+      write(at, expected.data() + before, a);
+    EXPECT_BYTES(bytes(at - before, all, before, behind), bytes(expected.data(), all));
+    std::memcpy(at, d.master.data() + a.to, a.count);
+    ASSERT_FALSE(HasFailure()) << setting_ << ": " << a;
+  }
+
+  // All pairs of alignments for the smallest counts, and with them all distances of overlap; some
+  // for others. The count decides which.
+  void expect_exact_at_many_places(std::size_t count) {
+    random_ = case_random(count);
+    const bool is_all = count <= 300, is_small = count < 65536;
+    std::size_t tries = is_small ? 24 : 1;
+    if (is_all) tries = fills() ? 64 : 64 * 64;
+    for (std::size_t i = 0; i < tries; i += sanitized ? 1 + random_.below(31) : 1) {
+      const std::size_t pair = is_all ? i : random_();
+      const std::size_t line = is_small ? random_.below(64) * 64 : 0;
+      const std::size_t to = line + pair % 64, from = pair / 64 % 64;
+      expect_exact({&to_area, to, &from_area, from * 65, count});
+      if (GetParam().what != kind::move || i > 4 * count) continue;
+      const std::size_t apart =
+          is_all ? i % (count + 1) : random_.below(std::min(count, area::slack));
+      std::size_t places[] = {line + from, line + from + apart};
+      if (random_.one_in(2)) std::swap(places[0], places[1]);
+      expect_exact({&from_area, places[0], &from_area, places[1], count});
+    }
+  }
+
+  void expect_exact_at_page_ends(std::size_t count) {
+    for (const std::size_t to : {std::size_t{0}, area::bytes - count})
+      for (const std::size_t from : {std::size_t{0}, area::bytes - count})
+        expect_exact({&to_area, to, &from_area, from, count});
+  }
+
+  case_random random_{0};
   unsigned calls_ = 0;
+  std::string setting_;
+  attempt now_{};
+  fault_report report_{[this] { return setting_ + ": " + testing::PrintToString(now_); }};
 };
 
-constexpr cache_values settings[] = {
-    ordinary,
-    {2048, 512},          // streams, splits and repeats with small blocks
-    {0, 0},               // unknown caches
-    {0, 0, 0},            // and only general registers
-    {4096, 0, 1},         // only the largest level known, no vectors
-    {1024, 8192},         // nonsense must stay harmless
-    {32 << 20, 1 << 20},  // megabytes within the caches
+struct setting {
+  const char* name;
+  cache_values caches;
+};
+constexpr setting settings[] = {
+    {"ordinary", ordinary},
+    {"streams, splits and repeats with small blocks", {2048, 512}},
+    {"unknown caches", {0, 0}},
+    {"unknown caches, general registers only", {0, 0, 0}},
+    {"only the largest level known, no vectors", {4096, 0, 1}},
+    {"nonsense", {1024, 8192}},
+    {"megabytes within the caches", {32 << 20, 1 << 20}},
 };
 
 // Every small count, every iteration number of every bulk loop with every length of remainder, and
@@ -168,36 +252,19 @@ std::vector<std::size_t> counts_for(const cache_values& v) {
   return counts;
 }
 
-// All pairs of alignments for the smallest counts, and with them all distances of overlap; the ends
-// of pages.
 TEST_P(Block, IsExactAtEveryCountAlignmentAndOverlap) {
-  const member& m = GetParam();
-  if (m.runs == 0) GTEST_SKIP() << "this processor cannot run it";
-  for (const cache_values& caches : settings) {
-    SCOPED_TRACE(testing::Message() << "setting " << &caches - settings);
+  for (const auto& [name, caches] : settings) {
+    setting_ = name;
     set_caches(caches);
     for (const std::size_t count : counts_for(caches)) {
-      const bool all = count <= 300;
-      const std::size_t pairs = m.what <= kind::fill ? 64 : 64 * 64;
-      const std::size_t tries = all ? pairs : count < 65536 ? 24 : 1;
-      for (std::size_t i = 0; i < tries; i += sanitized ? 1 + random_() % 31 : 1) {
-        const std::size_t random = random_(), place = count < 65536 ? random % 64 * 64 : 0,
-                          pair = all ? i : random / 64, t = pair % 64, f = pair / 64 % 64;
-        expect_exact(to_, place + t, from_, f * 65, count);
-        if (m.what != kind::move || i > 4 * count) continue;
-        const std::size_t apart = all ? i % (count + 1) : random_() % std::min(count, area::slack);
-        const std::size_t low = place + f, high = low + apart;
-        expect_exact(from_, random % 2 ? low : high, from_, random % 2 ? high : low, count);
-      }
-      for (const std::size_t t : {std::size_t{0}, area::bytes - count})
-        for (const std::size_t f : {std::size_t{0}, area::bytes - count})
-          if (count < 65536) expect_exact(to_, t, from_, f, count);
+      expect_exact_at_many_places(count);
+      if (count < 65536) expect_exact_at_page_ends(count);
       if (HasFailure()) return;
     }
-    if (m.what == kind::compare) break;  // looks at no cache value
+    if (GetParam().what == kind::compare) break;  // looks at no cache value
   }
-  for (const area* a : {&to_, &from_})
-    EXPECT_TRUE(std::equal(a->master.begin(), a->master.end(), a->block.begin()));
+  for (const area* a : {&to_area, &from_area})
+    EXPECT_BYTES(bytes(a->block.begin(), area::bytes), a->master);
 }
 INSTANTIATE_TEST_SUITE_P(Members, Block, testing::ValuesIn(members), name_of_row);
 
@@ -208,159 +275,261 @@ TEST(Compare, ReadsNothingWhereNothingCounts) {
   EXPECT_EQ(_zorva_fast_memcmp(block.end(), block.end(), 100), 0);
 }
 
-// Where a way ends and the next one begins: with one byte less than `count` the path is `below`,
-// with as many `above`. Thresholds compare with what is left after alignment, which takes 8 bytes
-// off a copy to offset 8 of an SSE2 member, 16 off one to offset 16 of an SSSE3 member, whose loop
-// begins a register later, and 31 off one to offset 1 of an AVX2 member.
-struct edge {
-  std::string routines;
+// ---- Which way it goes --------------------------------------------------------------------------
+
+// A call to be traced: the offsets are from the start of a page.
+struct traced_call {
   cache_values caches;
   std::size_t to, from, count;
+  // How long it takes to read the destination's bytes 4096 and 12288.
+  std::uint64_t delay_at_quarter = 0, delay_at_three_quarters = 0;
+};
+
+// How a block went, as the instructions tell.
+struct path {
+  std::set<std::string> mnemonics;      // of those that tell the ways apart
+  std::vector<std::size_t> prefetched;  // bytes from the block's start, in source or destination
+  std::vector<std::size_t> probed;      // bytes of the destination read under the clock
+  bool loops = false;                   // an instruction ran again
+  int indirect_jumps = 0;
+  enum { nothing, low, high } first_half = nothing;  // of the destination that was touched
+  bool unfenced = false;                             // a streaming store came last
+  std::string misaligned;  // a store in a loop, or a load in one that merges blocks
+
+  // The telling mnemonics, in the order of the alphabet; without any, whether there is a loop.
+  [[nodiscard]] std::string way() const {
+    if (mnemonics.empty()) return loops ? "loop" : "straight";
+    std::string text;
+    for (const std::string& mnemonic : mnemonics) text += (text.empty() ? "" : " ") + mnemonic;
+    return text;
+  }
+};
+const std::set<std::string> telling_mnemonics{
+    "lfence", "sfence", "movnti",      "movntdq",    "movsb",      "movsq",     "stosb",
+    "stosq",  "rdtsc",  "prefetchnta", "prefetcht0", "prefetcht1", "prefetcht2"};
+
+path path_of(const member& m, const traced_call& c) {
+  static const guarded_block from_block(65536), to_block(65536);
+  const bool merges = m.of == sse2_copy || m.of == ssse3_copy || m.of == ssse3_rep_copy;
+  unsigned char* const from = from_block.begin() + c.from;
+  unsigned char* const to = m.what == kind::compare ? from : to_block.begin() + c.to;
+  const auto start = reinterpret_cast<std::uintptr_t>(to_block.begin());
+  const auto source = reinterpret_cast<std::uintptr_t>(from);
+  path p;
+  std::set<std::uintptr_t> seen;
+  int clock_readings = 0;
+  const auto observe = [&](const step& s) -> std::uint64_t {
+    const std::size_t at = s.operand - start;  // in the destination, if it is there
+    const bool in_destination = at < to_block.size();
+    const bool is_streamed = s.what.starts_with("movnt");
+    if (telling_mnemonics.contains(s.what)) p.mnemonics.insert(s.what);
+    if (in_destination && p.first_half == path::nothing)
+      p.first_half = at < c.to + c.count / 2 ? path::low : path::high;
+    if (s.what.starts_with("prefetch"))
+      p.prefetched.push_back(in_destination ? at - c.to : s.operand - source);
+    if (is_streamed || s.what == "sfence") p.unfenced = is_streamed;
+    if (s.what == "jmp") ++p.indirect_jumps;
+
+    // A probe takes three readings: two to time a reading, and one after the load.
+    if (s.what == "rdtsc") ++clock_readings;
+    if (in_destination && clock_readings % 3 == 2) p.probed.push_back(at);
+
+    if (!seen.insert(s.address).second) {
+      p.loops = true;
+      const bool may_not = in_destination || (merges && !p.mnemonics.contains("movntdq"));
+      if (may_not && s.bytes >= 16 && s.operand % s.bytes != 0) p.misaligned = s.what;
+    }
+    if (at == 4096) return c.delay_at_quarter;
+    return at == 12288 ? c.delay_at_three_quarters : 0;
+  };
+  set_caches(c.caches);
+  trace(observe, m.entry, to, source, c.count);
+  EXPECT_FALSE(p.unfenced);
+  EXPECT_EQ(p.misaligned, "");
+  return p;
+}
+
+std::vector<member> members_of(const std::set<worker>& workers) {
+  std::vector<member> chosen;
+  for (const member& m : members)
+    if (workers.contains(m.of)) chosen.push_back(m);
+  return chosen;
+}
+class Path : public testing::TestWithParam<member> {
+  void SetUp() override {
+#ifndef __OPTIMIZE__
+    GTEST_SKIP() << "not the code that is shipped";
+#endif
+    if (sanitized || counted) GTEST_SKIP() << "not the code that is shipped";
+    if (GetParam().runs == 0) GTEST_SKIP() << "this processor cannot run it";
+  }
+};
+
+// A limit at which a worker changes its way: with one byte less than `count` a block goes `below`,
+// from `count` on it goes `above`.
+//
+// To write a row, take the limit from the worker's source, and choose caches that put it between
+// its table of small counts and the 64 KB of the test. The limit is compared with what is left of
+// the block after alignment. So `count` is written as a sum: the limit, one more where the way
+// changes above it, and the bytes that alignment takes off. These are
+//
+//   SSE2      8 to offset 8
+//   SSSE3    16 to offset 16, and 16 more where the loop has begun, a register later;
+//            backwards, down to the boundary below the end: 16 where it ends at one
+//   AVX2     31 to offset 1, 32 to offset 0
+//   AVX-512  63 to offset 1
+struct threshold {
+  const char* name;
+  worker of;
+  cache_values caches;  // largest, data, method
+  std::size_t to, from, count;
   std::string below, above;
-  std::vector<std::size_t> prefetched = {};  // by the path above: how many, nearest, farthest
-  std::uint64_t delays[2] = {};  // when it reads the destination at one quarter, at three quarters
+  struct {
+    std::size_t count = 0, nearest = 0, farthest = 0;
+  } prefetches = {};  // above; none: not looked at
+};
+const std::string split = "lfence movntdq prefetchnta prefetcht0 sfence";
+// clang-format off
+const threshold thresholds[] = {
+    // Method 2 alone has vectors. A loop through the caches takes 128 bytes and leaves less than
+    // 168.
+    {"AboveHalfTheLargestCacheItStreams", sse2_copy, {2048, 512},
+     8, 3, 1024 + 1 + 8, "loop", "movntdq prefetchnta sfence", {16, 392, 1352}},
+    {"CacheValuesHaveNoSign", sse2_copy, {-2, 512}, 0, 0, 128 + 168, "straight", "loop"},
+    {"WithoutMethod2ItStreamsWords", sse2_copy, {512, 0, 3},
+     0, 0, 256 + 1, "loop", "movnti prefetchnta sfence", {4, 384, 576}},
+
+    {"FromHalfTheFirstLevelOnItPrefetches", ssse3_copy, {65536, 4096},
+     16, 35, 2048 + 16, "loop", "prefetcht0", {30, 480, 2464}},
+    {"AboveHalfTheLargestCacheItStreams", ssse3_copy, {4096, 1024},
+     16, 32, 2048 + 1 + 16, "prefetcht0", "movntdq sfence"},
+
+    {"FromTheFirstLevelOnItIsLarge", ssse3_rep_copy, {2048, 1024},
+     16, 35, 1024 + 16, "prefetcht0", "prefetchnta", {28, 480, 1440}},
+    {"AlignedItIsLargeAPartBelowHalfTheFirstLevel", ssse3_rep_copy, {2048, 1024},
+     16, 32, 512 - 1 + 16, "loop", "prefetchnta"},
+    {"BackwardsItIsLargeAboveTwiceTheFirstLevel", ssse3_rep_copy, {2048, 2048},
+     32, 19, 4096 + 16 + 1, "prefetcht0", "prefetchnta"},
+    {"FourKilobytesBeyondHalfTheLargestCacheAreStreamed", ssse3_rep_copy, {2048, 512},
+     16, 35, 1024 + 4096 + 1 + 16 + 16, "prefetchnta", split},
+    {"AboveNineHalvesOfTheLargestCacheAllIsStreamed", ssse3_rep_copy, {2048, 512},
+     16, 35, 9 * 1024 + 1 + 16 + 16, split, "lfence movntdq prefetcht0 sfence", {144, 544, 9888}},
+
+    // It streams while an iteration, of 256 bytes, leaves 768. With unknown caches it fences at
+    // once.
+    {"FromThreeEighthsOfLevel1ItRepeats", avx2_copy, {8192, 2048}, 0, 2, 768 + 32, "loop", "movsb"},
+    {"FromHalfTheLargestCacheOnItStreams", avx2_copy, {8192, 2048},
+     1, 2, 4096 + 31, "movsb", "movntdq prefetcht0 sfence", {52, 543, 3807}},
+    {"WithALargeFirstLevelItStreamsAtOnce", avx2_copy, {1024, 8192},
+     1, 2, 3072 + 31, "loop", "movntdq prefetcht0 sfence"},
+    {"WithUnknownCachesItStreamsWhereItMayPrefetch", avx2_copy, {0, 0},
+     1, 2, 256 + 768 + 31, "sfence", "movntdq prefetcht0 sfence"},
+
+    {"ItAlwaysStreams", avx512_copy, {1 << 30, 0},
+     1, 2, 512 + 63, "straight", "movntdq prefetcht1 sfence", {32, 63, 2047}},
+    {"ItAlwaysStreams", avx512_fill, {1 << 30, 0}, 1, 0, 512 + 63, "straight", "movntdq sfence"},
+
+    // Fills compare with the whole largest cache. Methods below 2 take the path of words.
+    {"AboveLargestItStreams", sse2_fill, {2048, 512, 3}, 0, 0, 2048 + 1, "loop", "movntdq sfence"},
+    {"WithUnknownCachesItFences", sse2_fill, {0, 0}, 0, 0, 64 + 1, "straight", "sfence"},
+    {"WordsStreamAboveLargest", sse2_fill, {2048, 0, 1}, 0, 0, 2048 + 1, "loop", "movnti sfence"},
+    {"WithUnknownCachesItStreamsNoWords", sse2_fill, {0, 0, 0}, 0, 0, 3000, "loop", "loop"},
+
+    // From fifteen sixteenths of the first level on.
+    {"CloseToLevel1ItRepeats", avx2_fill, {1024, 2048}, 1, 0, 1920 + 31, "loop", "stosb"},
+
+    // It takes 64 bytes at a time, and never streams.
+    {"AboveTwoIterationsItLoops", sse2_comparison, {0, 0}, 0, 0, 128 + 1, "straight", "loop"},
+};
+// clang-format on
+
+// The members with a table of small counts.
+class Ways : public Path {};
+TEST_P(Ways, ChangeAtThresholds) {
+  for (const threshold& row : thresholds) {
+    if (row.of != GetParam().of) continue;
+    SCOPED_TRACE(row.name);
+    const path below = path_of(GetParam(), {row.caches, row.to, row.from, row.count - 1});
+    EXPECT_EQ(below.way(), row.below) << "with " << row.count - 1 << " bytes";
+    const path above = path_of(GetParam(), {row.caches, row.to, row.from, row.count});
+    EXPECT_EQ(above.way(), row.above) << "with " << row.count << " bytes";
+    if (row.prefetches.count == 0) continue;
+    ASSERT_EQ(above.prefetched.size(), row.prefetches.count) << "prefetches";
+    EXPECT_EQ(std::ranges::min(above.prefetched), row.prefetches.nearest) << "nearest prefetch";
+    EXPECT_EQ(std::ranges::max(above.prefetched), row.prefetches.farthest) << "farthest prefetch";
+  }
+}
+// A table is one indirect jump to code that never comes back.
+TEST_P(Ways, AreOneJumpForSmallCounts) {
+  for (std::size_t count = GetParam().small; count > 0; --count) {
+    const path seen = path_of(GetParam(), {ordinary, 64, 64 + count % 64, count});
+    EXPECT_EQ(seen.indirect_jumps, 1) << count << " bytes";
+    EXPECT_EQ(seen.way(), "straight") << count << " bytes";
+  }
+}
+INSTANTIATE_TEST_SUITE_P(Members, Ways,
+                         testing::ValuesIn(members_of({sse2_copy, ssse3_copy, ssse3_rep_copy,
+                                                       avx2_copy, avx512_copy, sse2_fill, avx2_fill,
+                                                       avx512_fill, sse2_comparison})),
+                         name_of_row);
+
+// The SSSE3 copies choose their direction by the low bytes of the addresses, as signed numbers:
+// forwards when the source's is greater.
+struct direction {
+  const char* name;
+  std::size_t to, from;
+  decltype(path::first_half) first;
+};
+constexpr direction directions[] = {
+    {"SourceIsLess", 0x00, 0x80, path::high},
+    {"SourceIsGreater", 0x80, 0x00, path::low},
+    {"BothAreEqual", 0x35, 0x35, path::high},
+};
+class Directions : public Path {};
+TEST_P(Directions, FollowTheLowBytes) {
+  for (const auto& [name, to, from, first] : directions)
+    for (const std::size_t count : {GetParam().small + 1, std::size_t{145}})
+      EXPECT_EQ(path_of(GetParam(), {ordinary, to, from, count}).first_half, first)
+          << name << ", " << count << " bytes";
+}
+INSTANTIATE_TEST_SUITE_P(Members, Directions,
+                         testing::ValuesIn(members_of({ssse3_copy, ssse3_rep_copy})), name_of_row);
+
+// The probing members leave up to 16384 bytes to string instructions. Beyond, they read the byte at
+// one quarter of the bulk, and if that takes more than three times as long as reading the clock the
+// one at three quarters; if that does too, the bulk is streamed. Differences of the clock have 32
+// bits. Where the destination is misaligned, all this is of what the bytes before its boundary
+// leave.
+struct probe {
+  const char* name;
+  std::size_t to, count;
+  std::uint64_t delay_at_quarter, delay_at_three_quarters;
+  std::vector<std::size_t> probed;
+  std::string way = "rdtsc";
 };
 constexpr std::uint64_t little = 2 * clock_reading, much = little + 1;
-const std::string streamed = "movntdq prefetcht0 sfence",
-                  streamed_nta = "movntdq prefetchnta sfence",
-                  split = "lfence movntdq prefetcht0 sfence",
-                  split_nta = "lfence movntdq prefetchnta prefetcht0 sfence",
-                  missed = "12288 4096 movntdq rdtsc sfence";
-const edge edges[] = {
-    // Above half the largest cache it streams, after alignment. Method 2 alone has vectors. Cache
-    // values have no sign. A loop through the caches leaves less than 168 bytes.
-    {"new_mem(cpy|move)", {2048, 512}, 8, 3, 1033, "", streamed_nta, {16, 392, 1352}},
-    {"new_mem(cpy|move)", {0, 0}, 0, 0, 177, "", streamed_nta},
-    {"new_mem(cpy|move)", {512, 0, 3}, 0, 0, 257, "", "movnti prefetchnta sfence", {4, 384, 576}},
-    {"new_mem(cpy|move)", {-2, 512}, 0, 0, 296, "", "loop"},
-
-    // From half the first level on it prefetches, above half the largest it streams; forwards, from
-    // sources that are misaligned and not, then backwards.
-    {"ssse3_mem", {65536, 4096}, 16, 35, 2064, "", "prefetcht0", {30, 480, 2464}},
-    {"ssse3_mem", {4096, 1024}, 16, 32, 2065, "prefetcht0", "movntdq sfence"},
-    {"ssse3_mem", {65536, 4096}, 35, 16, 2062, "", "prefetcht0"},
-
-    // Large from the first level on, or when aligned from about half of it; backwards above twice.
-    // Then the part beyond half the largest cache is streamed, unless it is small or nearly all.
-    {"ssse3_rep", {2048, 1024}, 16, 35, 1040, "prefetcht0", "prefetchnta", {28, 480, 1440}},
-    {"ssse3_rep", {2048, 1024}, 16, 32, 527, "", "prefetchnta"},
-    {"ssse3_rep", {2048, 2048}, 35, 16, 4110, "prefetcht0", "prefetchnta"},
-    {"ssse3_rep", {2048, 512}, 16, 35, 5153, "prefetchnta", split_nta},
-    {"ssse3_rep", {2048, 512}, 35, 16, 5150, "prefetchnta", split_nta},
-    {"ssse3_rep", {2048, 512}, 16, 35, 9249, split_nta, split, {144, 544, 9888}},
-
-    // Both choose the direction by the low bytes of the addresses, as signed numbers.
-    {"ssse3", ordinary, 0x00, 0x80, 145, "down", "down"},
-    {"ssse3", ordinary, 0x80, 0x00, 145, "up", "up"},
-    {"ssse3", ordinary, 0x35, 0x35, 145, "down", "down"},
-    {"ssse3_mem", ordinary, 0xff, 0x80, 81, "down", "down"},
-
-    // Three quarters of half the first level: the string instruction; half the largest: streaming,
-    // while an iteration leaves 768 bytes. An aligned destination moves on by 32 bytes too.
-    {"avx_rep_memcpy", {8192, 2048}, 0, 2, 800, "", "movsb"},
-    {"avx_rep_memcpy", {8192, 2048}, 1, 2, 4127, "movsb", streamed, {52, 543, 3807}},
-    {"avx_rep_memcpy", {1024, 8192}, 1, 2, 3103, "", streamed},
-    {"avx_rep_memcpy", {0, 0}, 1, 2, 257, "", "sfence"},
-    {"avx_rep_memcpy", {0, 0}, 1, 2, 1055, "sfence", streamed},
-
-    // Every bulk is streamed, whatever the caches.
-    {"avx512f_memcpy", {1 << 30, 0}, 1, 2, 575, "", "movntdq prefetcht1 sfence", {32, 63, 2047}},
-    {"avx512f_memset", {1 << 30, 0}, 1, 0, 575, "", "movntdq sfence"},
-
-    // Fills compare with the whole largest cache; an unknown one stops streaming on the word path
-    // alone, which methods below 2 take.
-    {"new_memset", {2048, 512, 3}, 0, 0, 2049, "", "movntdq sfence"},
-    {"new_memset", {0, 0}, 0, 0, 65, "", "sfence"},
-    {"new_memset", {2048, 0, 1}, 0, 0, 2049, "", "movnti sfence"},
-    {"new_memset", {0, 0, 0}, 0, 0, 3000, "", ""},
-
-    // Fifteen sixteenths of the first level: the string instruction. Never streams.
-    {"avx_rep_memset", {1024, 2048}, 1, 0, 1951, "", "stosb"},
-    {"avx_rep_memset", {0, 0}, 1, 0, 129, "", "stosb"},
-
-    // String instructions alone up to 16384 bytes, then a probe: of what the 13 bytes before the
-    // boundary leave, where the destination is misaligned.
-    {"VEC_memcpy", ordinary, 0, 0, 16385, "movsb movsq", "4096 rdtsc"},
-    {"VEC_memcpy", ordinary, 3, 3, 16398, "movsb movsq", "4112 rdtsc"},
-    {"VEC_mem[sz]", ordinary, 3, 0, 16398, "stosb stosq", "4112 rdtsc"},
-
-    // The byte at one quarter of the bulk, and if that takes more than three times as long as
-    // reading the clock the one at three quarters; if that does too, the bulk is streamed.
-    // Differences of the clock have 32 bits.
-    {"VEC", ordinary, 0, 0, 16400, "12288 4096 rdtsc", "12288 4096 rdtsc", {}, {much, little}},
-    {"VEC", ordinary, 0, 0, 16400, missed, missed, {}, {much, much}},
-    {"VEC", ordinary, 0, 0, 16400, "4096 rdtsc", "4096 rdtsc", {}, {little, much}},
-    {"VEC", ordinary, 0, 0, 16400, "4096 rdtsc", "4096 rdtsc", {}, {much << 32, much}},
+const probe probes[] = {
+    {"TooMuchForStringInstructions", 0, 16384 + 1, 0, 0, {4096}},
+    {"MisalignedAndTooMuchForStringInstructions", 3, 16384 + 13 + 1, 0, 0, {4112}},
+    {"BothAreSlow", 0, 16400, much, much, {4096, 12288}, "movntdq rdtsc sfence"},
+    {"OnlyTheFirstIsSlow", 0, 16400, much, little, {4096, 12288}},
+    {"TheFirstIsSlowerThan32Bits", 0, 16400, much << 32, much, {4096}},
 };
-
-// A path is told by some of its instructions, by the places in the destination that are probed, and
-// by what it should not do: leave what it streamed unfenced, or misalign the stores of loops, or
-// their loads where blocks are merged. An edge may also ask whether any instruction runs again
-// (loop), whether the call begins in the lower (up) or upper half of its destination (down), and
-// whether it takes one indirect jump to code that never comes back (once).
-void expect_path(const member& m, const edge& e, std::size_t count) {
-  static const std::regex telling("[ls]fence|movnt.*|(mov|sto)s[bq]|prefetch.*|rdtsc"),
-      merging("__zorva_(new|ssse3)_.*");
-  static const guarded_block from_block(65536), to_block(65536);
-  unsigned char* const from = from_block.begin() + e.from;
-  unsigned char* const to = m.what == kind::compare ? from : to_block.begin() + e.to;
-  const auto start = reinterpret_cast<std::uintptr_t>(to_block.begin()),
-             source = reinterpret_cast<std::uintptr_t>(from);
-  std::set<std::string> words;
-  std::vector<std::size_t> prefetched;  // from the start of either block on
-  std::set<std::uintptr_t> seen;
-  int jumps = 0, clock_readings = 0;
-  set_caches(e.caches);
-  const auto observe = [&](const step& s) {
-    const std::size_t at = s.operand - start;
-    const bool in_destination = at < to_block.size();
-    if (std::regex_match(s.what, telling)) words.insert(s.what);
-    if (in_destination && !words.contains("up") && !words.contains("down"))
-      words.insert(at < e.to + count / 2 ? "up" : "down");
-    if (in_destination && clock_readings % 3 == 2) words.insert(std::to_string(at));
-    if (s.what.starts_with("prefetch"))
-      prefetched.push_back(in_destination ? at - e.to : s.operand - source);
-    if (s.what.starts_with("movnt")) words.insert("unfenced");
-    if (s.what == "sfence") words.erase("unfenced");
-    clock_readings += s.what == "rdtsc";
-    jumps += s.what == "jmp";
-    if (!seen.insert(s.address).second) {
-      words.insert("loop");
-      if (s.bytes >= 16 && s.operand % s.bytes != 0 &&
-          (in_destination || (std::regex_match(m.name, merging) && !words.contains("movntdq"))))
-        words.insert("misaligned");
-    }
-    return at == 4096 ? e.delays[0] : at == 12288 ? e.delays[1] : 0;
-  };
-  trace(observe, m.entry, to, source, count);
-  if (jumps == 1 && !words.contains("loop")) words.insert("once");
-  std::string told;
-  for (const std::string& word : words)
-    if (!std::regex_match(word, std::regex("down|loop|once|up")) ||
-        (e.below + e.above).find(word) != std::string::npos)
-      told += (told.empty() ? "" : " ") + word;
-  ASSERT_EQ(told, count < e.count ? e.below : e.above);
-  if (count < e.count || e.prefetched.empty()) return;
-  const auto [nearest, farthest] = std::minmax_element(prefetched.begin(), prefetched.end());
-  EXPECT_EQ((std::vector{prefetched.size(), *nearest, *farthest}), e.prefetched);
+class Probes : public Path {};
+TEST_P(Probes, DecideWhatIsStreamed) {
+  for (const auto& [name, to, count, at_quarter, at_three_quarters, probed, way] : probes) {
+    const path seen = path_of(GetParam(), {ordinary, to, to, count, at_quarter, at_three_quarters});
+    EXPECT_ELEMENTS(seen.probed, probed) << name;
+    EXPECT_EQ(seen.way(), way) << name;
+  }
 }
-
-TEST(Paths, ChangeAtTheirEdges) {
-#ifndef __OPTIMIZE__
-  GTEST_SKIP() << "not the code that is shipped";
-#endif
-  if (sanitized || counted) GTEST_SKIP() << "not the code that is shipped";
-  std::vector<edge> all(std::begin(edges), std::end(edges));
-  for (const member& m : members)
-    for (std::size_t n = m.small; n > 2; n -= 2)
-      all.push_back({"^" + m.name, ordinary, 64, 64 + n % 64, n, "once", "once"});
-  for (const edge& e : all)
-    for (const member& m : members)
-      for (const std::size_t n : {e.count - 1, e.count}) {
-        SCOPED_TRACE(testing::Message() << m.name << ' ' << n << ", row " << &e - all.data());
-        if (m.runs != 0 && std::regex_search(m.name, std::regex(e.routines))) expect_path(m, e, n);
-      }
+TEST_P(Probes, AreNotMadeWhereStringInstructionsSuffice) {
+  const std::string repeated = GetParam().what == kind::copy ? "movsb movsq" : "stosb stosq";
+  EXPECT_EQ(path_of(GetParam(), {ordinary, 0, 0, 16384}).way(), repeated);
+  EXPECT_EQ(path_of(GetParam(), {ordinary, 3, 3, 16384 + 13}).way(), repeated) << "misaligned";
 }
+INSTANTIATE_TEST_SUITE_P(Members, Probes,
+                         testing::ValuesIn(members_of({probing_copy, probing_fill})), name_of_row);
 
 }  // namespace
 }  // namespace zorvac::test

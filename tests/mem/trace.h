@@ -9,6 +9,8 @@
 #include <functional>
 #include <string>
 
+#include "support/masks.h"
+
 namespace zorvac::test {
 
 struct step {
@@ -78,9 +80,9 @@ void trace(const observer& observe, Routine* entry, Arguments... arguments) {
   action.sa_sigaction = on_step;
   action.sa_flags = SA_SIGINFO;
   sigaction(SIGTRAP, &action, nullptr);
-  asm volatile("pushfq\n\t orq $0x100, (%%rsp)\n\t popfq" ::: "memory", "cc");
+  asm volatile("pushfq\n\t orq %0, (%%rsp)\n\t popfq" ::"i"(flags_bit::trap) : "memory", "cc");
   entry(arguments...);
-  asm volatile("pushfq\n\t andq $~0x100, (%%rsp)\n\t popfq" ::: "memory", "cc");
+  asm volatile("pushfq\n\t andq %0, (%%rsp)\n\t popfq" ::"i"(~flags_bit::trap) : "memory", "cc");
 }
 
 }  // namespace zorvac::test

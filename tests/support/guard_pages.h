@@ -1,11 +1,15 @@
 #ifndef ZORVAC_TESTS_SUPPORT_GUARD_PAGES_H
 #define ZORVAC_TESTS_SUPPORT_GUARD_PAGES_H
 // A block of memory between two pages that nobody may touch: a read or write one byte outside the
-// block, on the side that lies against its page, ends the test at once.
+// block, on the side that lies against its page, ends the test at once, which then names the case.
 #include <sys/mman.h>
 
+#include <csignal>
 #include <cstddef>
+#include <cstdio>
+#include <functional>
 #include <stdexcept>
+#include <string>
 
 namespace zorvac::test {
 
@@ -31,6 +35,23 @@ class guarded_block {
   static constexpr std::size_t page = 4096;
   std::size_t bytes_;
   unsigned char* begin_;
+};
+
+// While it lives, a fault prints the case at hand before it ends the process. (A handler may not
+// print, in general; here there is nothing left to break.)
+class fault_report {
+ public:
+  explicit fault_report(const std::function<std::string()>& case_at_hand) {
+    tell_ = case_at_hand;
+    std::signal(SIGSEGV, [](int signal) {
+      std::fprintf(stderr, "fault in case: %s\n", tell_().c_str());
+      std::signal(signal, SIG_DFL);  // it comes again
+    });
+  }
+  ~fault_report() { std::signal(SIGSEGV, SIG_DFL); }
+
+ private:
+  static inline std::function<std::string()> tell_;
 };
 
 }  // namespace zorvac::test

@@ -8,10 +8,10 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstring>
 #include <random>
 
 #include "core/processor.h"
+#include "support/masks.h"
 
 namespace zorvac::test {
 namespace {
@@ -21,31 +21,33 @@ void (*next)();                 // the routine, until it has been called
 std::uint64_t* return_address;  // where the routine finds it
 
 void exchange(void* frame, void* mine, std::size_t bytes) {
-  char framed[128];
-  std::memcpy(framed, frame, bytes);
-  std::memcpy(frame, mine, bytes);
-  std::memcpy(mine, framed, bytes);
+  auto* const framed = static_cast<char*>(frame);
+  std::swap_ranges(framed, framed + bytes, static_cast<char*>(mine));
 }
 
 // The parts of the vector state by number: XMM, the upper halves of YMM, masks, the upper halves of
-// ZMM, the other 16 ZMM. Byte 472 of a frame says which it has, byte 512 which are to be loaded.
+// ZMM, the other 16 ZMM. The kernel tells which parts a frame has, in the last words of what FXSAVE
+// writes, which are left to software; the header behind them tells which parts are to be loaded.
 // Masks have 64 bits from AVX512BW on.
-void exchange_vectors(unsigned char* frame) {
+void exchange_vectors(_xstate& frame) {
   const auto place = [](std::uint32_t part) { return hardware_processor::cpuid(0xd, part).ebx; };
   static const struct {
-    std::uint32_t part, place;
+    std::uint32_t part;
+    std::size_t place;
     void* mine;
     std::size_t count, bytes;
-  } parts[] = {{1, 160, &file.vector[0][0], 16, 16},
+  } parts[] = {{1, offsetof(_fpstate, _xmm), &file.vector[0][0], 16, 16},
                {2, place(2), &file.vector[0][16], 16, 16},
                {5, place(5), &file.mask, __builtin_cpu_supports("avx512bw") != 0, 64},
                {6, place(6), &file.vector[0][32], 16, 32},
                {7, place(7), &file.vector[16][0], 16, 64}};
+  const auto& of_kernel = reinterpret_cast<const _fpx_sw_bytes*>(&frame.fpstate + 1)[-1];
+  auto* const bytes = reinterpret_cast<unsigned char*>(&frame);
   for (const auto& p : parts) {
-    if ((frame[472] >> p.part & 1) == 0) continue;
-    frame[512] = static_cast<unsigned char>(frame[512] | 1 << p.part);
+    if ((of_kernel.xstate_bv >> p.part & 1) == 0) continue;
+    frame.xstate_hdr.xstate_bv |= std::uint64_t{1} << p.part;
     for (std::size_t i = 0; i < p.count; ++i)
-      exchange(frame + p.place + i * p.bytes, static_cast<char*>(p.mine) + i * 64, p.bytes);
+      exchange(bytes + p.place + i * p.bytes, static_cast<char*>(p.mine) + i * 64, p.bytes);
   }
 }
 
@@ -55,7 +57,7 @@ void exchange_all(int, siginfo_t*, void* context) {
   exchange(&general[REG_EFL], &file.flags, sizeof file.flags);
   exchange(&vectors->mxcsr, &file.mxcsr, sizeof file.mxcsr);
   exchange(&vectors->cwd, &file.x87_control, sizeof file.x87_control);
-  exchange_vectors(reinterpret_cast<unsigned char*>(vectors));
+  exchange_vectors(reinterpret_cast<_xstate&>(*vectors));
   if (next == nullptr) return;
   *return_address = static_cast<std::uint64_t>(general[REG_RIP]);
   general[REG_RIP] = reinterpret_cast<greg_t>(next);
@@ -101,6 +103,7 @@ std::vector<std::string> changed_registers(const register_file& before,
   if (before.above != after.above) changed.push_back("stack above the return address");
   if (before.mxcsr != after.mxcsr) changed.push_back("mxcsr");
   if (before.x87_control != after.x87_control) changed.push_back("x87 control word");
+  if ((after.flags & flags_bit::direction) != 0) changed.push_back("direction flag");
   return changed;
 }
 
