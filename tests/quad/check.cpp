@@ -1,10 +1,9 @@
-// How a routine is tried: on which operands, and the one place that calls and compares.
+// The one place that calls routines, and compares.
 #include <ucontext.h>
 
 #include <algorithm>
-#include <bit>
 #include <csignal>
-#include <random>
+#include <iomanip>
 #include <sstream>
 
 #include "quads.h"
@@ -25,81 +24,24 @@ registers current() {
   return r;
 }
 
+std::string names_of(unsigned flags) {
+  constexpr const char* names[] = {"invalid",  "denormal",  "division-by-zero",
+                                   "overflow", "underflow", "inexact"};
+  std::string text;
+  for (unsigned i = 0; i < std::size(names); ++i)
+    if ((flags >> i & 1) != 0) text += (text.empty() ? "" : " ") + std::string(names[i]);
+  return text.empty() ? "none" : text;
+}
+
+std::string hex(word value, int digits) {
+  std::ostringstream text;
+  text << std::hex << std::setfill('0') << "0x";
+  if (digits > 16) text << std::setw(digits - 16) << static_cast<std::uint64_t>(value >> 64) << "'";
+  text << std::setw(std::min(digits, 16)) << static_cast<std::uint64_t>(value);
+  return text.str();
+}
+
 namespace {
-
-using enum kind;
-
-constexpr word ones(int n) { return n == 0 ? 0 : ~word{0} >> (128 - n); }
-
-struct generator {
-  kind takes;
-  bool is_32 = takes == binary32, is_64 = takes == binary64;
-  int fraction_bits = is_32 ? 23 : is_64 ? 52 : takes == extended ? 63 : 112;
-  int special = is_32 ? 0xff : is_64 ? 0x7ff : 0x7fff;  // infinity's exponent
-  std::mt19937_64 random{4};
-
-  operands operator()() {
-    const auto [ar, br] = related();
-    const auto [ai, bi] = related();
-    if (takes == four) return {ar, ai, br, bi};
-    if (takes == pair) return {ar, br};
-    return {operand(), static_cast<word>(below(6) - 1)};  // modes of rounding, two of them unknown
-  }
-
-  int below(int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); }
-  word any() { return word{random()} << 64 | random(); }
-
-  // As it lies in memory: in the x87's format with the leading one, now and then the wrong one;
-  // above a narrow number anything.
-  word number(bool negative, int exponent, word fraction) {
-    const bool leading_one = takes == extended && (exponent != 0) != (below(32) == 0);
-    const int exponent_at = fraction_bits + (takes == extended),
-              sign_at = exponent_at + std::popcount(static_cast<unsigned>(special));
-    return (any() << 1 | word{negative}) << sign_at | static_cast<word>(exponent) << exponent_at |
-           word{leading_one} << fraction_bits | (fraction & ones(fraction_bits));
-  }
-
-  // Single bits, runs of ones, and few leading bits, with a tie behind them, or what lies beside.
-  word digits(int width) {
-    const word bit = word{1} << below(width), other = word{1} << below(width),
-               run = ones(below(width + 1)) ^ ones(below(width + 1)),
-               beside = static_cast<word>(below(5) - 2);
-    const word shapes[] = {0, bit, bit ^ other, ~bit, run, any() * bit, any() * bit, any()};
-    return (shapes[below(8)] + (below(2) != 0 ? beside : 0)) & ones(width);
-  }
-
-  // At or near the ends of the range, of this format and of narrower ones, and where integers are.
-  int exponent() {
-    const int bias = special / 2, reach = below(2) == 0 ? 2 : 135;
-    const int centres[] = {0,         bias - 1074, bias - 149,  bias,
-                           bias + 64, bias + 127,  bias + 1023, special};
-    const int near = centres[below(8)] + below(2 * reach + 1) - reach;
-    return below(8) == 0 ? below(special) : std::clamp(near, 0, special);
-  }
-
-  word operand() {
-    if (takes != integer) return number(below(2) != 0, exponent(), digits(fraction_bits));
-    const word n = digits(1 + below(128));
-    return below(2) != 0 ? n : -n;
-  }
-
-  // Two quads that may meet where an operation is delicate.
-  std::array<word, 2> related() {
-    const word a = operand(), b = operand();
-    const int ea = static_cast<int>(magnitude(a) >> 112), near = below(261) - 130;
-    const int bias = special / 2, huge = special + bias - ea;
-    // Sums; products, tiny and huge; quotients.
-    const int exponents[] = {ea + near, bias - ea + near, huge + near / 32, bias + ea + near,
-                             ea - bias - near / 32};
-    const int eb = exponents[below(5)];
-    const word met = eb < 0 || eb > special ? b : number(b >> 127 != 0, eb, below(2) != 0 ? a : b),
-               product = bits(load<__float128>(&a) * load<__float128>(&b)),  // of a quotient
-        almost = product + static_cast<word>(below(5) - 2);
-    const std::array<word, 2> pairs[] = {
-        {a, a}, {a, a ^ word{1} << below(128)}, {almost, b}, {a, b}, {a, met}};
-    return pairs[std::min(below(10), 4)];
-  }
-};
 
 // 24-bit precision, rounding up, all exceptions masked: nothing may look at it, nor change it.
 constexpr std::uint16_t unlikely_control = 0x087f;
@@ -117,76 +59,125 @@ int catch_traps() {
 // Room for a result of two quads, four operands, and the distance from the end of the block.
 constexpr std::size_t span = 160, result_size = 32, inner_place = 40;
 
-// That memory as words, and the registers.
-using outcome = std::array<std::uint64_t, span / 8 + 1>;
+// That memory, and the registers.
+struct outcome {
+  std::array<std::uint64_t, span / 8> memory;
+  registers after;
+  bool operator==(const outcome&) const = default;
+};
 
-template <class T>
-std::string words(const T& value) {
-  std::ostringstream text;
-  for (const auto w : load<std::array<std::uint64_t, sizeof value / 8>>(&value))
-    text << ' ' << std::hex << w;
-  return text.str();
+// Where in the block operands and result begin.
+struct places {
+  std::size_t operands, result;
+
+  places(kind takes, const layout& lies) {
+    const auto count = static_cast<std::size_t>(operand_count(takes));
+    operands = span - 16 * count - (lies.at_page_end ? 0 : inner_place);
+    result = lies.result_over == 0 ? operands - result_size
+                                   : operands + 16 * static_cast<std::size_t>(lies.result_over - 1);
+  }
+  [[nodiscard]] std::string name_of_word(std::size_t at) const {
+    const auto within = [at](const std::string& name, std::size_t start) {
+      return name + ", bytes from " + std::to_string(at - start);
+    };
+    if (at >= result && at < result + result_size) return within("the result", result);
+    if (at >= operands && at < span) return within("the operands and behind", operands);
+    return within("the memory before", 0);
+  }
+};
+
+// The first difference between two outcomes.
+std::string difference(const outcome& expected, const outcome& seen, const places& in_block) {
+  const auto told = [](const std::string& what, const std::string& e, const std::string& s) {
+    return what + ": expected " + e + ", seen " + s;
+  };
+  const auto numbers = [&](const std::string& what, std::uint64_t e, std::uint64_t s, int digits) {
+    return told(what, hex(e, digits), hex(s, digits));
+  };
+  for (std::size_t i = 0; i < expected.memory.size(); ++i)
+    if (const std::uint64_t e = expected.memory[i], s = seen.memory[i]; e != s)
+      return numbers(in_block.name_of_word(8 * i), e, s, 16);
+  const registers &e = expected.after, &s = seen.after;
+  if (const unsigned x = e.mxcsr & all_flags, y = s.mxcsr & all_flags; x != y)
+    return told("flags in MXCSR", names_of(x), names_of(y));
+  if (e.status != s.status) return told("flags in the x87", names_of(e.status), names_of(s.status));
+  if (const unsigned x = e.mxcsr & all_masked, y = s.mxcsr & all_masked; x != y)
+    return told("unmasked and not trapped", names_of(~x >> mask_shift), names_of(~y >> mask_shift));
+  if (e.mxcsr != s.mxcsr) return numbers("MXCSR", e.mxcsr, s.mxcsr, 4);
+  return numbers("x87 control word", e.control, s.control, 4);
+}
+
+std::string description(const operands& in, int count, const circumstances& when) {
+  constexpr const char* roundings[] = {"to nearest", "down", "up", "toward zero"};
+  std::string text = std::string("  rounding ") + roundings[when.rounding] + ", " +
+                     when.lies->name + ", processor " + when.on->name +
+                     "\n  raised before: " + names_of(when.raised_before) +
+                     "; unmasked: " + names_of(when.unmasked);
+  if ((when.flush & mxcsr_bit::flush_to_zero) != 0) text += "; flush-to-zero";
+  if ((when.flush & mxcsr_bit::denormals_are_zero) != 0) text += "; denormals-are-zero";
+  for (int i = 0; i < count; ++i)
+    text += "\n  operand " + std::to_string(i + 1) + ": " + hex(in[static_cast<unsigned>(i)], 32);
+  return text;
+}
+
+// The flags that a routine raises where the processor flushes. The operation that raises the
+// denormal flag alone has a tiny result, which is exact until it is flushed.
+unsigned with_flushing(unsigned flags, unsigned flush) {
+  if ((flush & mxcsr_bit::denormals_are_zero) != 0)
+    return (flags & of_tiny_operands) != 0 ? 0 : flags & ~denormal;
+  const bool flushed = (flush & mxcsr_bit::flush_to_zero) != 0 && (flags & denormal) != 0;
+  return flushed ? flags | underflow | inexact : flags;
 }
 
 }  // namespace
 
-std::function<operands()> operands_for(kind takes) { return generator{takes}; }
-
-// What a routine should not depend on varies from call to call: where operands and result lie,
-// flags raised before, flush modes, the exception that is unmasked, the processor's class.
-std::string check(const routine& r, unsigned rounding_mode, const operands& in) {
+std::string check(const routine& r, const operands& in, const circumstances& when) {
   static const guarded_block block(1);
   [[maybe_unused]] static const int catching = catch_traps();
-  word mixed = rounding_mode + 1;
-  for (const word w : in) mixed = (mixed ^ w ^ w >> 64) * 0x9e37'79b9'7f4a'7c15;
-  const auto choice = static_cast<std::uint32_t>(mixed >> 64);
-  __zorva_cpu_feature_indicator = choice >> 31 != 0 ? 0xff : 1;
-
-  // The operands end where the block does, or lie aligned to 8 bytes only, the result before or
-  // anywhere among them.
-  const std::size_t count = r.takes == four ? 4 : r.takes == pair || r.takes == with_mode ? 2 : 1;
   unsigned char* const start = block.end() - span;
-  unsigned char *at = block.end() - 16 * count, *result = at - result_size;
-  if (choice % 2 != 0) {
-    at -= inner_place;
-    result = choice % 4 == 1 ? result - inner_place : at + 16 * (choice / 4 % count);
-  }
+  const places at(r.takes, *when.lies);
   const auto observed = [&](const registers& begin, auto entry) {
     std::memset(start, 0x55, span);
-    std::memcpy(at, in.data(), 16 * count);
+    std::memcpy(start + at.operands, in.data(), static_cast<unsigned>(16 * operand_count(r.takes)));
     set(begin);
-    entry(result, at);
-    outcome all{};
-    store(&all.back(), current());
+    entry(start + at.result, start + at.operands);
+    outcome all{{}, current()};
     set(initial);
-    std::memcpy(&all, start, span);
+    std::memcpy(&all.memory, start, span);
     return all;
   };
+  __zorva_cpu_feature_indicator = when.on->indicator;
 
-  // The oracle may use the x87, which then rounds alike.
-  registers begin{all_masked | rounding_mode << rounding_shift,
-                  static_cast<std::uint16_t>(initial.control | rounding_mode << 10), 0};
+  // The oracle may use the x87, which then rounds alike. Those of complex operations are made of
+  // this library's real ones, and so know by themselves what raises which flag.
+  const bool composed = r.takes == kind::four;
+  registers begin{all_masked | when.rounding << rounding_shift | (composed ? when.flush : 0),
+                  static_cast<std::uint16_t>(initial.control | when.rounding << 10), 0};
   unsigned flags = 0;
   outcome expected = observed(begin, [&](auto... places) { flags = r.expected(places...); });
-  begin.control = unlikely_control;
-  const std::uint32_t variation = choice / 16 % 16, bit = 1U << choice / 256 % 6;
-  const bool flushing = variation == 0;  // is for the processor's own formats; flags may not appear
-  if (flushing) begin.mxcsr |= flush_modes;
-  if (variation == 1) begin.mxcsr |= choice / 256 & all_flags;
-  if (variation == 2 && r.takes != four) begin.mxcsr &= ~(bit << mask_shift);
-  const unsigned trapping = bit == underflow ? bit | denormal | exact_underflow : bit;
-  registers after{begin.mxcsr | (flushing ? 0 : flags & all_flags), unlikely_control,
-                  static_cast<std::uint16_t>(flags >> x87_flags_shift & all_flags)};
-  if ((begin.mxcsr & bit << mask_shift) == 0 && (flags & trapping) != 0)
-    after.mxcsr |= all_masked | bit;
-  store(&expected.back(), after);
+  if (!composed) flags = with_flushing(flags, when.flush);
+
+  begin = {all_masked | when.rounding << rounding_shift | when.flush | when.raised_before,
+           unlikely_control, 0};
+  begin.mxcsr &= ~(when.unmasked << mask_shift);
+  expected.after = {begin.mxcsr | (flags & all_flags), unlikely_control,
+                    static_cast<std::uint16_t>(flags >> x87_flags_shift & all_flags)};
+  // A subnormal operand traps as underflow too, since the operation that raises it has a tiny
+  // result. What traps is done again, all exceptions masked.
+  const unsigned trapping =
+      when.unmasked == underflow ? underflow | denormal | exact_underflow : when.unmasked;
+  if ((flags & trapping) != 0) {
+    expected.after.mxcsr |= all_masked | when.unmasked;
+    if ((flags & trapping & exact_underflow) != 0 && (when.flush & mxcsr_bit::flush_to_zero) != 0)
+      expected.after.mxcsr |= inexact;
+  }
 
   for (std::size_t i = 0; i < r.entries.size(); ++i) {
-    outcome got = observed(begin, r.entries[i]);
-    if (flushing) got.back() &= ~std::uint64_t{all_flags};  // of MXCSR
-    if (got != expected)
-      return r.name + words(in) + ": entry " + std::to_string(i) + " from" + words(begin) +
-             "\n     got" + words(got) + "\nexpected" + words(expected);
+    const outcome seen = observed(begin, r.entries[i]);
+    if (seen == expected) continue;
+    return std::string(r.name) + ", entry " + std::to_string(i + 1) + " of its row\n" +
+           description(in, operand_count(r.takes), when) + "\nfirst difference in " +
+           difference(expected, seen, at);
   }
   return {};
 }

@@ -1,7 +1,8 @@
 #ifndef ZORVAC_TESTS_QUAD_QUADS_H
 #define ZORVAC_TESTS_QUAD_QUADS_H
 // What the quad tests and the fuzzer share: quads as words of 128 bits, the registers of the
-// floating-point environment, and the table of all routines with what each is held against.
+// floating-point environment, the table of all routines with what each is held against, and the
+// circumstances of a call.
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -10,6 +11,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/masks.h"
+
 namespace zorvac::test {
 
 __extension__ using word = unsigned __int128;
@@ -17,6 +20,7 @@ __extension__ using int128 = __int128;
 
 constexpr word sign = word{1} << 127, infinity = word{0x7fff} << 112, one = word{0x3fff} << 112,
                quiet_bit = word{1} << 111;
+constexpr word indefinite = sign | infinity | quiet_bit;  // of invalid operations
 constexpr word magnitude(word q) { return q & ~sign; }
 constexpr bool is_nan(word q) { return magnitude(q) > infinity; }
 constexpr bool is_signalling(word q) { return is_nan(q) && (q & quiet_bit) == 0; }
@@ -46,7 +50,8 @@ word bits(const T& value) {
 constexpr unsigned invalid = 1, denormal = 2, division_by_zero = 4, overflow = 8, underflow = 16,
                    inexact = 32, all_flags = 63;
 constexpr int mask_shift = 7, rounding_shift = 13;  // to nearest, down, up, toward zero
-constexpr std::uint32_t all_masked = all_flags << mask_shift, flush_modes = 0x8040;
+constexpr std::uint32_t all_masked = all_flags << mask_shift;
+enum rounding_mode : unsigned { to_nearest, down, up, toward_zero };
 
 struct registers {
   std::uint32_t mxcsr;
@@ -62,32 +67,72 @@ registers current();
 using call = void(unsigned char* result, const unsigned char* in);
 
 // Stores what the call should and tells the flags that it should raise: those of MXCSR, from bit 6
-// on those of the x87, and whether an underflow that raises no flag traps where it is unmasked. It
-// runs in the rounding mode in question, with all flags clear.
+// on those of the x87, and the two below. It runs in the rounding mode in question, with all flags
+// clear.
 using oracle = unsigned(unsigned char* result, const unsigned char* in);
 constexpr int x87_flags_shift = 6;
-constexpr unsigned exact_underflow = 1 << 12;
+constexpr unsigned exact_underflow = 1 << 12;   // traps where underflow is unmasked
+constexpr unsigned of_tiny_operands = 1 << 13;  // all flags go where denormals are zero
 
 // What a routine takes: as many quads, a quad and a rounding argument, or a value.
 enum class kind { quad, pair, with_mode, four, binary32, binary64, extended, integer };
+constexpr int operand_count(kind takes) {
+  return takes == kind::four ? 4 : takes == kind::pair || takes == kind::with_mode ? 2 : 1;
+}
 
 struct routine {
   const char* name;
   kind takes;
   std::vector<call*> entries;
-  oracle* expected;
+  std::function<oracle> expected;
 };
 extern const std::vector<routine> routines;
+using operands = std::array<word, 4>;
+
+// Where operands and result lie.
+struct layout {
+  const char* name;
+  bool at_page_end;  // the operands, against a page that nobody may touch; else aligned to 8 bytes
+  int result_over;   // the number of an operand, or 0: apart
+};
+constexpr layout layouts[] = {
+    {"operands at the end of a page", true, 0}, {"operands and result aligned to 8", false, 0},
+    {"result over operand 1", false, 1},        {"result over operand 2", false, 2},
+    {"result over operand 3", false, 3},        {"result over operand 4", false, 4},
+};
+constexpr int layout_count(kind takes) { return 2 + operand_count(takes); }
+
+struct processor_class {
+  const char* name;
+  std::uint64_t indicator;
+};
+constexpr processor_class processor_classes[] = {{"generic", level::generic},
+                                                 {"SSE3", level::sse3}};
+
+// In what circumstances a routine is called. None changes the result, nor the flags but as the
+// documents say (docs/quad.md).
+struct circumstances {
+  unsigned rounding = to_nearest;
+  const layout* lies = &layouts[0];
+  const processor_class* on = &processor_classes[0];
+  unsigned raised_before = 0;  // flags
+  unsigned unmasked = 0;       // an exception's flag
+  unsigned flush = 0;          // MXCSR's flush-to-zero, denormals-are-zero
+};
 
 // Calls every entry and compares all that it could change with the oracle: memory around operands
 // and result, both registers, and the trap where an exception is unmasked. Returns what was wrong.
-using operands = std::array<word, 4>;
-std::string check(const routine& r, unsigned rounding_mode, const operands& in);
+std::string check(const routine& r, const operands& in, const circumstances& when);
 
-// Seeded random operands where arithmetic and conversion can go wrong, in the manner of the
-// classical test suites: boundary exponents with sparse significands, ties and what lies beside
-// them, pairs that meet where an operation is delicate.
-std::function<operands()> operands_for(kind takes);
+// For messages.
+std::string names_of(unsigned flags);
+std::string hex(word value, int digits = 32);
+
+// Random operands where arithmetic and conversion can go wrong, in the manner of the classical test
+// suites: boundary exponents with sparse significands, ties and what lies beside them, pairs that
+// meet where an operation is delicate. Each seed gives operands, and circumstances, of its own.
+operands random_operands(kind takes, std::uint64_t seed);
+circumstances random_circumstances(kind takes, unsigned rounding, std::uint64_t seed);
 
 }  // namespace zorvac::test
 #endif

@@ -22,7 +22,7 @@ constexpr std::uint64_t avx512_er_pf = 0x7'389d'97ff;
 constexpr std::uint64_t avx512_dq_vl = 0x40'099d'97ff;
 }  // namespace level
 
-// Bits of MXCSR (Software Developer's Manual, volume 1, 10.2.3).
+// Bits of MXCSR, the control and status register of SSE.
 namespace mxcsr_bit {
 constexpr std::uint32_t denormals_are_zero = 0x40;
 constexpr std::uint32_t all_exceptions_masked = 0x1f80;  // as a process begins
@@ -30,7 +30,7 @@ constexpr std::uint32_t flush_to_zero = 0x8000;
 constexpr std::uint32_t misaligned_exceptions_masked = 0x2'0000;
 }  // namespace mxcsr_bit
 
-// Bits of RFLAGS (the same manual, 3.4.3).
+// Bits of RFLAGS.
 namespace flags_bit {
 constexpr std::uint64_t trap = 0x100;
 constexpr std::uint64_t direction = 0x400;
