@@ -108,9 +108,7 @@ circumstances random_circumstances(kind takes, unsigned rounding, std::uint64_t 
   circumstances when{.rounding = rounding};
   when.lies = &layouts[random.below(layout_count(takes))];
   when.on = &processor_classes[random.below(2)];
-  constexpr unsigned flush_modes[] = {mxcsr_bit::flush_to_zero, mxcsr_bit::denormals_are_zero,
-                                      mxcsr_bit::flush_to_zero | mxcsr_bit::denormals_are_zero};
-  if (random.below(8) == 0) when.flush = flush_modes[random.below(3)];
+  if (random.below(8) == 0) when.flush = flush_modes[random.below(4)];
   if (random.below(8) == 0) when.raised_before = random() & all_flags;
   if (random.below(8) == 0) when.unmasked = 1U << random.below(6);
   // What the oracles of complex operations do not know: whether a step underflowed exactly.

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -86,6 +87,7 @@ struct routine {
   std::vector<call*> entries;
   std::function<oracle> expected;
 };
+inline std::ostream& operator<<(std::ostream& out, const routine& r) { return out << r.name; }
 extern const std::vector<routine> routines;
 using operands = std::array<word, 4>;
 
@@ -109,6 +111,9 @@ struct processor_class {
 constexpr processor_class processor_classes[] = {{"generic", level::generic},
                                                  {"SSE3", level::sse3}};
 
+constexpr unsigned flush_modes[] = {0, mxcsr_bit::flush_to_zero, mxcsr_bit::denormals_are_zero,
+                                    mxcsr_bit::flush_to_zero | mxcsr_bit::denormals_are_zero};
+
 // In what circumstances a routine is called. None changes the result, nor the flags but as the
 // documents say (docs/quad.md).
 struct circumstances {
@@ -117,7 +122,7 @@ struct circumstances {
   const processor_class* on = &processor_classes[0];
   unsigned raised_before = 0;  // flags
   unsigned unmasked = 0;       // an exception's flag
-  unsigned flush = 0;          // MXCSR's flush-to-zero, denormals-are-zero
+  unsigned flush = 0;          // one of flush_modes
 };
 
 // Calls every entry and compares all that it could change with the oracle: memory around operands
