@@ -75,10 +75,11 @@ class matrix {
   void expect(const std::vector<E>& expected) const {
     const std::string all = image(expected);
     if (std::memcmp(block.begin(), all.data(), all.size()) == 0) return;
-    std::vector<E> seen(expected.size());
-    for (u64 i = 0; i < seen.size(); ++i) std::memcpy(&seen[i], place(i), sizeof(E));
-    EXPECT_MATRIX(seen, expected, rows);
-    EXPECT_BYTES(bytes(block.begin(), block.size(), block.size() - from_end, behind), all);
+    std::vector<E> elements(expected.size());
+    for (u64 i = 0; i < elements.size(); ++i) std::memcpy(&elements[i], place(i), sizeof(E));
+    EXPECT_MATRIX(elements, expected, rows);
+    const bytes memory(block.begin(), block.size(), block.size() - from_end, behind);
+    EXPECT_BYTES(memory, image(elements)) << "around or between the elements";
   }
 
  private:

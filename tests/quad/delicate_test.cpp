@@ -391,10 +391,10 @@ TEST_P(Delicate, IsDoneAsStated) {
   for (const unsigned rounding : {to_nearest, down, up, toward_zero}) {
     if ((c.roundings >> rounding & 1) == 0) continue;
     const std::string wrong_by_oracle = check(*known, c.in, {.rounding = rounding});
-    ASSERT_TRUE(wrong_by_oracle.empty()) << "by the campaign's oracle: " << wrong_by_oracle;
+    if (!wrong_by_oracle.empty()) FAIL() << "By the campaign's oracle: " << wrong_by_oracle;
     for (const circumstances& when : all_circumstances(stated.takes, rounding)) {
       const std::string wrong = check(stated, c.in, when);
-      ASSERT_TRUE(wrong.empty()) << wrong;
+      if (!wrong.empty()) FAIL() << wrong;
     }
   }
 }

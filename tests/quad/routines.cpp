@@ -156,7 +156,7 @@ unsigned complex(unsigned char* result, const unsigned char* in) {
   const unsigned flags = raised();
   const auto by_compiler = formula<F, __float128>(in);
   store(result, parts);
-  for (const std::size_t i : {0, 1}) {
+  for (std::size_t i = 0; i < parts.size(); ++i) {
     const word q = bits(parts[i]), other = bits(by_compiler[i]);
     if (q != other && !(is_nan(q) && is_nan(other))) return no_agreement;
   }
