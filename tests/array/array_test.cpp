@@ -262,36 +262,19 @@ void expect_products(const std::string& type, const problem<E>& x) {
 template <class E>
 void expect_type(const std::string& type) {
   // Rows of A, terms, columns of B.
+  // clang-format off
   std::vector<problem<E>> shapes{
       // The least that is blocked, and what is just too small for that.
-      {34, 38, 38},
-      {33, 113, 38},
-      {34, 37, 38},
-      {34, 38, 37},
+      {34, 38, 38}, {33, 113, 38}, {34, 37, 38}, {34, 38, 37},
       // Blocks of 112 terms, alone and with a rest; tiles of 4 by 4, with rows and columns left.
-      {36, 112, 40},
-      {37, 113, 43},
-      {47, 224, 43},
-      {44, 225, 45},
+      {36, 112, 40}, {37, 113, 43}, {47, 224, 43}, {44, 225, 45},
       // Blocks of 260 rows; panels of 2000 columns.
-      {260, 112, 40},
-      {261, 113, 41},
-      {521, 38, 40},
-      {34, 38, 2000},
-      {35, 39, 2001},
-      {36, 40, 2006},
-      // The general kernels' blocks of 128 terms, and of 64 and of 24 columns.
-      {129, 129, 70},
-      {16, 337, 90},
-      {20, 109, 72},
-      {130, 257, 1},
+      {260, 112, 40}, {261, 113, 41}, {521, 38, 40}, {34, 38, 2000}, {35, 39, 2001}, {36, 40, 2006},
+      // The general kernels' blocks of 128 terms and 64 columns, and few columns.
+      {129, 129, 70}, {16, 337, 90}, {20, 109, 72}, {130, 257, 1},
       // Long in one extent, or short.
-      {300, 3, 90},
-      {3, 300, 300},
-      {1000, 1, 1},
-      {1, 1000, 1},
-      {1, 1, 1000},
-  };
+      {300, 3, 90}, {3, 300, 300}, {1000, 1, 1}, {1, 1000, 1}, {1, 1, 1000}};
+  // clang-format on
   for (const u64 m : {0u, 1u, 2u, 3u, 4u, 5u, 8u, 11u, 17u, 22u, 31u})
     for (const u64 n : {0u, 1u, 2u, 3u, 4u, 9u})
       for (const u64 k : {0u, 1u, 4u, 9u}) shapes.push_back({m, k, n});

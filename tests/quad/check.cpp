@@ -155,6 +155,10 @@ std::string check(const routine& r, const operands& in, const circumstances& whe
                   static_cast<std::uint16_t>(initial.control | when.rounding << 10), 0};
   unsigned flags = 0;
   outcome expected = observed(begin, [&](auto... places) { flags = r.expected(places...); });
+  const auto report = [&](const std::string& what, const std::string& wrong) {
+    return r.name + what + "\n" + description(in, operand_count(r.takes), when) + "\n" + wrong;
+  };
+  if (flags == no_agreement) return report("", "two oracles disagree");
   if (!composed) flags = with_flushing(flags, when.flush);
 
   begin = {all_masked | when.rounding << rounding_shift | when.flush | when.raised_before,
@@ -175,9 +179,8 @@ std::string check(const routine& r, const operands& in, const circumstances& whe
   for (std::size_t i = 0; i < r.entries.size(); ++i) {
     const outcome seen = observed(begin, r.entries[i]);
     if (seen == expected) continue;
-    return std::string(r.name) + ", entry " + std::to_string(i + 1) + " of its row\n" +
-           description(in, operand_count(r.takes), when) + "\nfirst difference in " +
-           difference(expected, seen, at);
+    return report(", entry " + std::to_string(i + 1) + " of its row",
+                  "first difference in " + difference(expected, seen, at));
   }
   return {};
 }

@@ -68,12 +68,13 @@ registers current();
 using call = void(unsigned char* result, const unsigned char* in);
 
 // Stores what the call should and tells the flags that it should raise: those of MXCSR, from bit 6
-// on those of the x87, and the two below. It runs in the rounding mode in question, with all flags
+// on those of the x87, and what is below. It runs in the rounding mode in question, with all flags
 // clear.
 using oracle = unsigned(unsigned char* result, const unsigned char* in);
 constexpr int x87_flags_shift = 6;
 constexpr unsigned exact_underflow = 1 << 12;   // traps where underflow is unmasked
 constexpr unsigned of_tiny_operands = 1 << 13;  // all flags go where denormals are zero
+constexpr unsigned no_agreement = ~0U;          // of two oracles: the case fails
 
 // What a routine takes: as many quads, a quad and a rounding argument, or a value.
 enum class kind { quad, pair, with_mode, four, binary32, binary64, extended, integer };

@@ -66,9 +66,6 @@ unsigned raised() {
   return (now.mxcsr | (now.status & ~denormal)) & all_flags;
 }
 
-// Of two oracles. Nothing raises all these flags, so no outcome is the expected one.
-constexpr unsigned no_agreement = ~0U;
-
 // The numbers of binary128 as MPFR's manual does it for IEEE formats (mpfr_subnormalize): its
 // significands are below 1, and exponents reach down to that of the smallest subnormal number.
 template <int Operation(mpfr_t, const mpfr_t, const mpfr_t, mpfr_rnd_t)>
