@@ -196,9 +196,9 @@ const row rows[] = {
     {"WideLongNanIsQuieted", "ltoq", any, {word{0x7fff} << 64 | 0x8000'0000'0000'0001},
      quiet_nan(bit(49)), invalid << x87_flags_shift},
 
-    // Complex numbers. With A = 1 + 3/2^57 and B = 1 + 1/2^57, AB lies three quarters between the
-    // neighbours L = 1 + 4/2^57 and H. (-A + iA)(B + iB) is -AB - AB + i(-AB + AB), of products that
-    // are rounded to L or H; -H - L is a tie.
+    // Complex numbers. With A = 1 + 3/2^57 and B = 1 + 1/2^57, AB lies three quarters of the way
+    // from L = 1 + 4/2^57 to its neighbour H. The parts of (-A + iA)(B + iB) are -AB - AB and
+    // -AB + AB, of products that are rounded to L or H; -H - L is a tie.
     {"ComplexNearest", "cmulq", nearest, {minus(a), a, b, b},
      complex{minus(twice(h)), zero}, inexact},
     {"ComplexDownward", "cmulq", downward, {minus(a), a, b, b},

@@ -1,5 +1,5 @@
-// Comparisons of complex quads call the real ones, which a program may replace: this program has, to
-// see how often, with which operands, and what becomes of their answers.
+// Comparisons of complex quads call the real ones, which a program may replace. This program has,
+// to see how often they are called, with which operands, and what becomes of their answers.
 #include <gtest/gtest.h>
 
 #include <string>
