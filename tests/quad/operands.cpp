@@ -1,4 +1,4 @@
-// Operands and circumstances, each drawn from a seed.
+// Operands, drawn from a seed.
 #include <algorithm>
 #include <bit>
 
@@ -9,20 +9,6 @@ namespace {
 
 using enum kind;
 
-// Words from a seed, as cheap to start as to go on: SplitMix64 (Steele, Lea and Flood, Fast
-// Splittable Pseudorandom Number Generators, 2014).
-struct random_words {
-  std::uint64_t state;
-
-  std::uint64_t operator()() {
-    std::uint64_t z = state += 0x9e37'79b9'7f4a'7c15;
-    z = (z ^ z >> 30) * 0xbf58'476d'1ce4'e5b9;
-    z = (z ^ z >> 27) * 0x94d0'49bb'1331'11eb;
-    return z ^ z >> 31;
-  }
-  int below(int n) { return static_cast<int>((*this)() % static_cast<unsigned>(n)); }
-};
-
 constexpr word ones(int n) { return n == 0 ? 0 : ~word{0} >> (128 - n); }
 
 struct generator {
@@ -30,18 +16,17 @@ struct generator {
   bool is_32 = takes == binary32, is_64 = takes == binary64;
   int fraction_bits = is_32 ? 23 : is_64 ? 52 : takes == extended ? 63 : 112;
   int special = is_32 ? 0xff : is_64 ? 0x7ff : 0x7fff;  // infinity's exponent
-  random_words random;
+  case_random random;
 
   operands any_operands() {
-    if (takes != four && takes != pair)  // and a mode of rounding: of six, two are unknown
-      return {operand(), static_cast<word>(below(6) - 1)};
     const auto [ar, br] = related();
-    if (takes == pair) return {ar, br};
     const auto [ai, bi] = related();
-    return {ar, ai, br, bi};
+    if (takes == four) return {ar, ai, br, bi};
+    if (takes == pair) return {ar, br};
+    return {operand(), static_cast<word>(below(6) - 1)};  // modes of rounding, two of them unknown
   }
 
-  int below(int n) { return random.below(n); }
+  int below(int n) { return static_cast<int>(random.below(static_cast<unsigned>(n))); }
   word any() { return word{random()} << 64 | random(); }
 
   // As it lies in memory: in the x87's format with the leading one, now and then the wrong one;
@@ -99,21 +84,7 @@ struct generator {
 }  // namespace
 
 operands random_operands(kind takes, std::uint64_t seed) {
-  return generator{.takes = takes, .random = {seed}}.any_operands();
-}
-
-// Most calls are made with nothing unusual but where operands lie.
-circumstances random_circumstances(kind takes, unsigned rounding, std::uint64_t seed) {
-  random_words random{~(4 * seed + rounding)};
-  circumstances when{.rounding = rounding};
-  when.lies = &layouts[random.below(layout_count(takes))];
-  when.on = &processor_classes[random.below(2)];
-  if (random.below(8) == 0) when.flush = flush_modes[random.below(4)];
-  if (random.below(8) == 0) when.raised_before = random() & all_flags;
-  if (random.below(8) == 0) when.unmasked = 1U << random.below(6);
-  // What the oracles of complex operations do not know: whether a step underflowed exactly.
-  if (takes == four && when.unmasked == underflow) when.unmasked = 0;
-  return when;
+  return generator{.takes = takes, .random = case_random(seed)}.any_operands();
 }
 
 }  // namespace zorvac::test
