@@ -337,19 +337,18 @@ std::vector<T> operands(u64 count, u32 op) {
   return result;
 }
 
-// Folds a partial array into a target, then initialises the target. The stride is one of the partial
-// array, in elements; one that is not to count is passed as such.
+// Folds a partial array into a target, then initialises the target. The stride is that of the
+// partial array, in elements.
 constexpr std::int32_t not_to_count = 7;
 template <class T>
 void expect_fold(u32 type, u32 op, u64 count, std::int32_t stride) {
   SCOPED_TRACE(testing::Message() << stated<T>(op, 0, 0).name << " of type " << type << ", count "
                                   << count << ", stride " << stride);
-  const bool strided = stride != not_to_count;
   // Each case has values of its own, whatever was tried before.
   random_bits.seed(((type * 16 + op) * 64 + count) * 16 + static_cast<u32>(stride + 3));
   const bool is_complex = type >= complex_float, is_product = is_complex && op == product_code;
   const u64 parts = is_complex ? 2 * count : count;
-  const std::int32_t step = is_product || !strided ? 1 : stride;
+  const std::int32_t step = is_product || stride == not_to_count ? 1 : stride;
   const std::vector<T> t = operands<T>(parts, op), p = operands<T>(parts, op);
   const matrix<T> target(parts, 1, parts, t, random_bits() % 18);
   const matrix<T> partial(1, parts, static_cast<u64>(std::abs(step)), p, random_bits() % 18);
@@ -364,7 +363,8 @@ void expect_fold(u32 type, u32 op, u64 count, std::int32_t stride) {
     filled[i] = is_complex && i % 2 != 0 ? T{} : start;
   }
   const T* const first = partial.data() + begin * partial.ld;
-  __zorva_simd_reduction_final_array(target.data(), first, count, stride, strided, op, type);
+  __zorva_simd_reduction_final_array(target.data(), first, count, stride, stride != not_to_count,
+                                     op, type);
   target.expect(folded, "what is folded");
   partial.expect(p, "the partial array, afterwards");
   __zorva_reduction_init_array(target.data(), count, op, type);

@@ -99,11 +99,11 @@ struct circumstances {
 std::string description(const operands& in, const circumstances& when) {
   constexpr const char* roundings[] = {"to nearest", "down", "up", "toward zero"};
   std::string text = std::string("  rounding ") + roundings[when.rounding] +
-                     "; flags before: " + names_of(when.raised_before) +
-                     "; unmasked: " + names_of(when.unmasked) + "; indicator " +
-                     hex(when.indicator, 1) + (when.flushes ? "; flushing" : "") +
-                     (when.at_page_end ? "; at a page's end" : "");
-  if (when.result_over != 0) text += "; result over operand " + std::to_string(when.result_over);
+                     ", result over operand " + std::to_string(when.result_over) + ", indicator " +
+                     hex(when.indicator, 1) + "\n  raised before: " + names_of(when.raised_before) +
+                     "; unmasked: " + names_of(when.unmasked);
+  if (when.flushes) text += "; flushing";
+  if (when.at_page_end) text += "; operands at a page's end";
   for (unsigned i = 0; i < operand_count(when.takes); ++i)
     text += "\n  operand " + std::to_string(i + 1) + ": " + hex(in[i]);
   return text;

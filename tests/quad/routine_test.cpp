@@ -13,11 +13,9 @@
 #include "zorvac/quad.hpp"
 
 // Not every compiler's headers declare them.
-extern "C" {
-__float128 c_library_read(const char* text, char** end) __asm__("strtof128");
-int c_library_write(char* to, std::size_t size, const char* format,
-                    __float128 value) __asm__("strfromf128");
-}
+extern "C" __float128 c_library_read(const char* text, char** end) __asm__("strtof128");
+extern "C" int c_library_write(char* to, std::size_t size, const char* format,
+                               __float128 value) __asm__("strfromf128");
 
 namespace zorvac::test {
 namespace {
@@ -65,7 +63,6 @@ const row rows[] = {
      {quiet_nan(bit(49))}, invalid << x87_flags_shift},
     {"SignallingIsUnequal", "neq", any, {signalling_nan(5), signalling_nan(5)}, {1}, 0},
     {"NanIsNotOrdered", "compareq", any, {one, quiet_nan(5)}, {0}, invalid},
-    {"InfinityMinusItself", "subq", any, {infinity, infinity}, {indefinite}, invalid},
 
     // Subnormal numbers. Where the processor flushes results but takes operands as they are, exact
     // operations on subnormal operands raise UE and PE.
@@ -74,16 +71,13 @@ const row rows[] = {
     {"ProductFlushed", "mulq", any, {smallest, one}, {smallest}, tiny, flush_to_zero},
     {"QuotientFlushed", "divq", any, {smallest, one}, {smallest}, tiny, flush_to_zero},
     {"NarrowFlushed", "qtol", any, {bit(111)}, {bit(62)}, tiny, flush_to_zero},
-    {"ProductOfTwo", "mulq", nearest, {smallest, smallest}, {0}, tiny},
     {"ProductOfZeros", "mulq", nearest, {smallest, smallest}, {0}, 0, from_zero},
-    {"ZeroTimesSubnormal", "mulq", any, {0, minus(smallest)}, {minus(0)}, denormal},
     {"SubnormalByZero", "divq", any, {smallest, 0}, {infinity}, division_by_zero},
 
     // Unknown modes of rounding to integers, and where their ranges end.
     {"UnknownModeOf32", "qtoi", any, {two_and_a_half, 5}, {3}, inexact},
     {"UnknownModeOf64", "qtoj", any, {two_and_a_half, 5}, {2}, inexact},
     {"WrapsAt32", "qtou", any, {power(32) + 5 * bit(112 - 32)}, {5}, 0},
-    {"MinusOneToUnsigned", "qtok", any, {minus(one)}, {bit(63)}, invalid},
     {"LeastIsRefused", "qtom", any, {minus(power(127))}, {bit(127)}, invalid},
     {"BecomesInfiniteSilently", "ntof", nearest, {~word{0}}, {0x7f80'0000}, 0},
 
@@ -167,7 +161,7 @@ void expect_reading(const std::string& text) {
   EXPECT_EQ(end - text.data(), stop - text.data()) << "characters read";
   EXPECT_EQ(hex(bits(x)), hex(error == std::errc() ? expected : one));
   if (error == std::errc::result_out_of_range)
-    EXPECT_EQ(magnitude(expected) % infinity, 0U) << "is in range";
+    EXPECT_TRUE(magnitude(expected) == infinity || magnitude(expected) == 0) << "is in range";
   else
     EXPECT_EQ(error, stop == text.data() ? std::errc::invalid_argument : std::errc());
 }

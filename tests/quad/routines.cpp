@@ -11,10 +11,8 @@
 #include "zorvac/quad.hpp"
 
 // Which the header declares for compilers that call the type _Float128.
-extern "C" {
-int mpfr_set_float128(mpfr_ptr, __float128, mpfr_rnd_t);
-__float128 mpfr_get_float128(mpfr_srcptr, mpfr_rnd_t);
-}
+extern "C" int mpfr_set_float128(mpfr_ptr, __float128, mpfr_rnd_t);
+extern "C" __float128 mpfr_get_float128(mpfr_srcptr, mpfr_rnd_t);
 
 namespace zorvac::test {
 namespace {
@@ -205,11 +203,9 @@ unsigned to_integer(unsigned char* result, const unsigned char* in) {
   const bool fits_signed = n < limit || (n == limit && negative && width != 128),
              fits_unsigned = negative ? n == 0 : n >> (range - 1) < 2;
   const bool fits = small && (To(-1) < To(1) ? fits_signed : fits_unsigned);
-  if (!fits) {
-    store(result, static_cast<To>(limit));
-    return invalid;
-  }
-  store(result, static_cast<To>(negative ? -n : n));
+  const word value = negative ? -n : n;
+  store(result, static_cast<To>(fits ? value : limit));
+  if (!fits) return invalid;
   return exact ? 0 : inexact;
 }
 
