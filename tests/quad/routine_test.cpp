@@ -133,7 +133,8 @@ INSTANTIATE_TEST_SUITE_P(Quad, Routine, testing::ValuesIn(routines), name_of_row
 TEST_P(Routine, DoesAsItsOracleDoes) {
   const routine& r = GetParam();
   const bool binary = r.takes == kind::pair;  // a million cases, with the four modes
-  const auto [first, end] = seeds_of_cases(random_cases(binary ? 250'000 : 40'000));
+  const auto count = static_cast<std::uint64_t>(random_cases(binary ? 250'000 : 40'000));
+  const auto [first, end] = seeds_of_cases(count);
   for (std::uint64_t seed = first; seed < end; ++seed) {
     const operands in = random_operands(r.takes, seed);
     for (const unsigned rounding : {to_nearest, down, up, toward_zero}) {
