@@ -1,5 +1,5 @@
 // Every quad operation and conversion against its oracle, on operands that a fuzzer finds by looking
-// for new paths through the library: one byte of rounding mode, then two quads.
+// for new paths through the library: one byte of rounding mode and circumstances, then two quads.
 #include <cstddef>
 #include <cstdlib>
 #include <iostream>
@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size < 33) return 0;
   const auto a = load<word>(data + 1), b = load<word>(data + 17);
   for (const routine& r : routines) {
-    const std::string difference = check(r, data[0] & 3, {a, b, b, a});
+    const std::string difference = check(r, {a, b, b, a}, data[0] & 3, data[0] >> 2);
     if (difference.empty()) continue;
     std::cerr << difference << '\n';
     std::abort();

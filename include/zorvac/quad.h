@@ -22,7 +22,10 @@
  *             there; nothing else in MXCSR changes. An exception that the program has unmasked
  *             traps inside the call. The denormal-operand flag is the processor's; IEEE 754 does
  *             not know it. (The operation that raises it has a tiny result, so where underflow is
- *             unmasked a subnormal operand traps as underflow.) Abbreviated below: IE invalid,
+ *             unmasked a subnormal operand traps as underflow. Where MXCSR has flush-to-zero set
+ *             and denormals-are-zero clear, it raises UE and PE too. Where denormals-are-zero is
+ *             set, DE is not raised, and nothing is by the product of two subnormal numbers. The
+ *             flush modes do not change results.) Abbreviated below: IE invalid,
  *             DE denormal operand, ZE division by zero, OE overflow, UE underflow (tininess is
  *             detected after rounding), PE inexact.
  *  NaN:       an operation gives its NaN operand, quieted, with its sign and payload; of two, the

@@ -1,14 +1,18 @@
 #ifndef ZORVAC_TESTS_QUAD_QUADS_H
 #define ZORVAC_TESTS_QUAD_QUADS_H
 // What the quad tests and the fuzzer share: quads as words of 128 bits, the registers of the
-// floating-point environment, and the table of all routines with what each is held against.
+// floating-point environment, the table of all routines with what each is held against, and the
+// circumstances of a call.
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <functional>
+#include <ostream>
 #include <string>
 #include <type_traits>
 #include <vector>
+
+#include "support/campaign.h"
+#include "support/masks.h"
 
 namespace zorvac::test {
 
@@ -17,6 +21,7 @@ __extension__ using int128 = __int128;
 
 constexpr word sign = word{1} << 127, infinity = word{0x7fff} << 112, one = word{0x3fff} << 112,
                quiet_bit = word{1} << 111;
+constexpr word indefinite = sign | infinity | quiet_bit;  // of invalid operations
 constexpr word magnitude(word q) { return q & ~sign; }
 constexpr bool is_nan(word q) { return magnitude(q) > infinity; }
 constexpr bool is_signalling(word q) { return is_nan(q) && (q & quiet_bit) == 0; }
@@ -46,7 +51,8 @@ word bits(const T& value) {
 constexpr unsigned invalid = 1, denormal = 2, division_by_zero = 4, overflow = 8, underflow = 16,
                    inexact = 32, all_flags = 63;
 constexpr int mask_shift = 7, rounding_shift = 13;  // to nearest, down, up, toward zero
-constexpr std::uint32_t all_masked = all_flags << mask_shift, flush_modes = 0x8040;
+constexpr std::uint32_t all_masked = all_flags << mask_shift;
+enum rounding_mode : unsigned { to_nearest, down, up, toward_zero };
 
 struct registers {
   std::uint32_t mxcsr;
@@ -62,14 +68,18 @@ registers current();
 using call = void(unsigned char* result, const unsigned char* in);
 
 // Stores what the call should and tells the flags that it should raise: those of MXCSR, from bit 6
-// on those of the x87, and whether an underflow that raises no flag traps where it is unmasked. It
-// runs in the rounding mode in question, with all flags clear.
+// on those of the x87, and what is below. It runs in the rounding mode in question, with all flags
+// clear.
 using oracle = unsigned(unsigned char* result, const unsigned char* in);
 constexpr int x87_flags_shift = 6;
-constexpr unsigned exact_underflow = 1 << 12;
+constexpr unsigned exact_underflow = 1 << 12;  // no flag, but it traps where underflow is unmasked
 
 // What a routine takes: as many quads, a quad and a rounding argument, or a value.
 enum class kind { quad, pair, with_mode, four, binary32, binary64, extended, integer };
+constexpr unsigned operand_count(kind takes) {
+  if (takes == kind::four) return 4;
+  return takes == kind::pair || takes == kind::with_mode ? 2 : 1;
+}
 
 struct routine {
   const char* name;
@@ -77,17 +87,24 @@ struct routine {
   std::vector<call*> entries;
   oracle* expected;
 };
+inline std::ostream& operator<<(std::ostream& out, const routine& r) { return out << r.name; }
 extern const std::vector<routine> routines;
+using operands = std::array<word, 4>;
 
 // Calls every entry and compares all that it could change with the oracle: memory around operands
-// and result, both registers, and the trap where an exception is unmasked. Returns what was wrong.
-using operands = std::array<word, 4>;
-std::string check(const routine& r, unsigned rounding_mode, const operands& in);
+// and result, both registers, and the trap where an exception is unmasked. The seed decides on
+// circumstances that should not matter. Returns what was wrong.
+std::string check(const routine& r, const operands& in, unsigned rounding, std::uint64_t seed);
 
-// Seeded random operands where arithmetic and conversion can go wrong, in the manner of the
-// classical test suites: boundary exponents with sparse significands, ties and what lies beside
-// them, pairs that meet where an operation is delicate.
-std::function<operands()> operands_for(kind takes);
+// For messages. Where registers are alike, their difference is empty.
+std::string names_of(unsigned flags);
+std::string hex(word value, std::size_t bytes = sizeof(word));
+std::string difference(const registers& expected, const registers& seen);
+
+// Random operands where arithmetic and conversion can go wrong, in the manner of the classical test
+// suites: boundary exponents with sparse significands, ties and what lies beside them, pairs that
+// meet where an operation is delicate.
+operands random_operands(kind takes, std::uint64_t seed);
 
 }  // namespace zorvac::test
 #endif
