@@ -110,12 +110,12 @@ constexpr Elf64_Phdr segments[] = {
     {PT_LOAD, PF_R | PF_W, 0x2f00, 0x53f00, 0, 0x200, 0x900, 0x1000},
     {PT_LOAD, PF_R | PF_X, 0x1000, 0x41000, 0, 0x2000, 0x2000, 0x1000},
 };
-constexpr std::uint64_t begin_of_table = 8;
-
 const struct {
   const char* name;
   std::uint64_t offset;
   std::uint64_t address;  // in the file; 0: it is in no segment
+  std::uint64_t table = 0;
+  std::uint16_t entry_bytes = sizeof segments[0];
   std::uint16_t entries = std::size(segments);
 } placed_bytes[] = {
     {"first of the file", 0, 0x40000},
@@ -126,18 +126,18 @@ const struct {
     {"last of the data", 0x30ff, 0x540ff},
     {"behind the file", 0x3100, 0},
     {"far behind", UINT64_MAX, 0},
-    {"a table that is not there", 0x4000, 0, UINT16_MAX},
+    {"fewer entries than are told", 0x4000, 0, 0, sizeof segments[0], UINT16_MAX},
+    {"entries of another size", 0, 0, 0, sizeof segments[0] + 1},
+    {"a table whose end wraps", 0, 0, 0 - sizeof segments[0]},
 };
 
 TEST(Segments, SayWhatAddressAByteWasLinkedFor) {
   constexpr std::uint64_t mapped = 0x7f0000000000;
-  std::string file(begin_of_table, '\0');
-  file.append(reinterpret_cast<const char*>(segments), sizeof segments);
-  open_text(file);
+  source.open_memory({reinterpret_cast<const unsigned char*>(segments), sizeof segments});
   for (const auto& row : placed_bytes) {
     Elf64_Ehdr header{};
-    header.e_phoff = begin_of_table;
-    header.e_phentsize = sizeof segments[0];
+    header.e_phoff = row.table;
+    header.e_phentsize = row.entry_bytes;
     header.e_phnum = row.entries;
     std::uint64_t bias = 0;
     const bool known = find_bias(source, header, row.offset, mapped + row.offset, bias);
