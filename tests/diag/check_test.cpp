@@ -237,13 +237,11 @@ const struct {
     {INT_MIN, 1, {1, 0}, {2, 0}, "", "\tSI32 1 != 2\n"},
     {58, 1, {1, 0}, {2, 0}, std::string(uninitialized_at, 64), "\tSI32 1 != 2\n"},
 };
-std::string first_line(const std::string& kind) {
-  return "Constant propagation error (" + kind + " substitution):\n";
-}
-
 TEST(Constants, AreComparedAndReportedOnStandardOutput) {
   for (const auto& c : constants) {
-    const outcome expected = c.values.empty() ? passes : aborts(first_line(c.name) + c.values, "");
+    const std::string text =
+        "Constant propagation error (" + c.name + " substitution):\n" + c.values;
+    const outcome expected = c.values.empty() ? passes : aborts(text, "");
     const outcome o = run_check([&] { _IPO_Check_CP(c.kind, c.type, c.expected, c.actual); });
     EXPECT_EQ(o, expected) << "kind " << c.kind << ", type " << c.type;
   }
@@ -256,7 +254,7 @@ TEST(Constants, AreComparedAndReportedOnStandardOutput) {
 // The C library ends the process, and the kind is not lost.
 TEST(Constants, MayBeTooLongForAMessage) {
   const outcome o = run_check([] { _IPO_Check_CP(0, 5, {0x7feUL << 52, 0}, {0xffeUL << 52, 0}); });
-  EXPECT_EQ(o.standard_output, first_line("FORMAL"));
+  EXPECT_EQ(o.standard_output, "Constant propagation error (FORMAL substitution):\n");
 }
 
 }  // namespace

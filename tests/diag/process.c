@@ -174,27 +174,27 @@ enum { page = 4096 };
 
 static const char* program_path;
 
-// Of the object that is loaded last; a static program has none.
-static const char* volatile object_path;
-static char* volatile object_begin;
-static char* volatile object_routine;
+// `outer` of the object that is loaded last; a static program has none.
+Dl_info object;
 
 static void nothing(void) {}
 
-static void delete_image(void) { unlink(object_path == NULL ? program_path : object_path); }
+static void delete_image(void) {
+  unlink(object.dli_fname == NULL ? program_path : object.dli_fname);
+}
 
 // Maps the object's file once more in front of the object, as data: a page, then all of it.
 static void map_file(void) {
-  const int file = (int)syscall(SYS_openat, AT_FDCWD, object_path, O_RDONLY, 0);
+  const int file = (int)syscall(SYS_openat, AT_FDCWD, object.dli_fname, O_RDONLY, 0);
   char* const one = mmap(NULL, page, PROT_READ, MAP_PRIVATE, file, page);
   char* const all = mmap(NULL, 1 << 18, PROT_READ, MAP_PRIVATE, file, 0);
-  if (one > object_begin || all > one) fail("mmap");
+  if (one > (char*)object.dli_fbase || all > one) fail("mmap");
   close(file);
 }
 
 // As programs do that want their code on large pages.
 static void copy_code(void) {
-  char* const code = (char*)((uintptr_t)object_routine & -(uintptr_t)page);
+  char* const code = (char*)((uintptr_t)object.dli_saddr & -(uintptr_t)page);
   char* const copy = mmap(NULL, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   memcpy(copy, code, page);
   mprotect(copy, page, PROT_READ | PROT_EXEC);
@@ -275,14 +275,10 @@ static void load_objects(char** paths) { (void)paths; }
 #else
 static void load_objects(char** paths) {
   for (int i = 0; i < object_count; ++i) {
-    Dl_info object;
     void* const handle = dlopen(paths[i], RTLD_NOW);
     if (handle == NULL) puts(dlerror());
     *(void**)&routines[i] = dlsym(handle, "outer");
     if (dladdr(*(void**)&routines[i], &object) == 0) fail("dladdr");
-    object_path = paths[i];
-    object_begin = object.dli_fbase;
-    object_routine = *(void**)&routines[i];
   }
 }
 #endif
