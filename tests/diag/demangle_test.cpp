@@ -30,7 +30,6 @@ constexpr routine_name names[] = {
     {"_Z1fILi3EE1AIXgtT_Li2EEEv", "A<((3)>(2))> f<3>()", "f"},
     // Operators.
     {"_ZN1AclEi", "A::operator()(int)", "operator()"},
-    {"_ZN1AixEi", "A::operator[](int)", "operator[]"},
     {"_ZN1AptEv", "A::operator->()", "operator->"},
     {"_ZN1AgtERKS_", "A::operator>(A const&)", "operator>"},
     {"_ZN1AltIiEEbT_", "bool A::operator< <int>(int)", "operator<"},

@@ -105,20 +105,19 @@ static void print_stack(const void* context, uint32_t is_table) {
   (void)!write(STDOUT_FILENO, text, length);
 }
 
-static void show(void) { print_stack(NULL, 1); }
-static void show_blocks(void) { print_stack(NULL, 0); }
-static void show_error(void) {
-  show();
-  puts(tbk_geterrorstring());
+static void show(void) {
+  print_stack(NULL, 1);
+  const int few = 1500;  // for a hundred frames of one image
+  if (reads > few || wrong_flags != 0) printf("%d reads, %d wrong flags\n", reads, wrong_flags);
 }
 static void show_opened(void) {
   show();
-  printf("maps opened: %d, with other flags: %d\n", maps_opened, wrong_flags);
+  printf("maps opened: %d\n", maps_opened);
 }
-static void show_reads(void) {
-  show();
-  const int few = 1500;  // of a hundred frames of one image
-  if (reads > few) printf("%d reads\n", reads);
+static void show_blocks(void) { print_stack(NULL, 0); }
+static void show_error(void) {
+  print_stack(NULL, 1);
+  puts(tbk_geterrorstring());
 }
 
 // As if a signal had interrupted code of the made-up stack.
@@ -140,13 +139,6 @@ static void on_fatal(int number, siginfo_t* info, void* context) {
   _exit(0);
 }
 
-static void catch_fatal_signals(void) {
-  const struct sigaction fatal = {.sa_sigaction = on_fatal, .sa_flags = SA_SIGINFO};
-  sigaction(SIGABRT, &fatal, NULL);
-  sigaction(SIGILL, &fatal, NULL);
-  sigaction(SIGSEGV, &fatal, NULL);
-}
-
 // ---- The heap finds itself broken, and aborts with its lock held ----
 
 enum { large = 0x8000 };  // taken from the end of the heap
@@ -162,24 +154,19 @@ ROUTINE guilty_free(void) { free(block); }
 
 static void break_end_of_heap(void) {
   address_of_malloc = malloc;
-  catch_fatal_signals();
   block = malloc(large);
   size_t* const bytes_left = (size_t*)((char*)block + malloc_usable_size(block));
   *bytes_left = SIZE_MAX;
 }
 static void free_block(void) {
   address_of_free = free;
-  catch_fatal_signals();
   block = malloc(large);
   void* const volatile behind = malloc(large);
   (void)behind;
   free(block);
 }
 // Every allocator looks at what it keeps in front of a block, or on the page that the block is in.
-static void choose_wild_block(void) {
-  catch_fatal_signals();
-  block = (void*)0x123456789010;
-}
+static void choose_wild_block(void) { block = (void*)0x123456789010; }
 
 // ---- How a process is prepared, when the objects are loaded ----
 
@@ -187,28 +174,27 @@ enum { page = 4096 };
 
 static const char* program_path;
 
-// Of the object that is loaded last; a static program has none.
-static const char* volatile object_path;
-static char* volatile object_begin;
-static char* volatile object_routine;
+// `outer` of the object that is loaded last; a static program has none.
+Dl_info object;
 
 static void nothing(void) {}
 
-static void delete_image(void) { unlink(object_path == NULL ? program_path : object_path); }
+static void delete_image(void) {
+  unlink(object.dli_fname == NULL ? program_path : object.dli_fname);
+}
 
-// Maps so many bytes of the object's file in front of the object, as data; there may be fewer.
-static void map_file(off_t offset, size_t bytes) {
-  const int file = (int)syscall(SYS_openat, AT_FDCWD, object_path, O_RDONLY, 0);
-  char* const mapped = mmap(NULL, bytes, PROT_READ, MAP_PRIVATE, file, offset);
-  if (mapped == MAP_FAILED || mapped > object_begin) fail("mmap");
+// Maps the object's file once more in front of the object, as data: a page, then all of it.
+static void map_file(void) {
+  const int file = (int)syscall(SYS_openat, AT_FDCWD, object.dli_fname, O_RDONLY, 0);
+  char* const one = mmap(NULL, page, PROT_READ, MAP_PRIVATE, file, page);
+  char* const all = mmap(NULL, 1 << 18, PROT_READ, MAP_PRIVATE, file, 0);
+  if (one > (char*)object.dli_fbase || all > one) fail("mmap");
   close(file);
 }
-static void map_page(void) { map_file(page, page); }
-static void map_whole(void) { map_file(0, 1 << 18); }
 
 // As programs do that want their code on large pages.
 static void copy_code(void) {
-  char* const code = (char*)((uintptr_t)object_routine & -(uintptr_t)page);
+  char* const code = (char*)((uintptr_t)object.dli_saddr & -(uintptr_t)page);
   char* const copy = mmap(NULL, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   memcpy(copy, code, page);
   mprotect(copy, page, PROT_READ | PROT_EXEC);
@@ -248,20 +234,18 @@ static const struct scene scenes[] = {
     {"blocks", nothing, show_blocks, 0},
     {"error", nothing, show_error, 0},
     {"interrupted", nothing, show_interrupted, 0},
-    {"crash", catch_fatal_signals, crash, 0},
+    {"crash", nothing, crash, 0},
     {"malloc", break_end_of_heap, guilty_malloc, 30},
     {"calloc", break_end_of_heap, guilty_calloc, 30},
     {"realloc", break_end_of_heap, guilty_realloc, 30},
     {"free", free_block, guilty_free, 30},
     {"wild_free", choose_wild_block, guilty_free, 30},
     {"deleted", delete_image, show, 0},
-    {"page", map_page, show, 0},
-    {"whole", map_whole, show, 0},
+    {"mapped_file", map_file, show, 0},
     {"copied_code", copy_code, show, 0},
     {"other_user", change_user, show, 0},
     {"no_descriptors", use_up_descriptors, show, 0},
     {"opened", map_thousands, show_opened, 0},
-    {"reads", nothing, show_reads, 0},
 };
 
 static const struct scene* scene;
@@ -291,14 +275,10 @@ static void load_objects(char** paths) { (void)paths; }
 #else
 static void load_objects(char** paths) {
   for (int i = 0; i < object_count; ++i) {
-    Dl_info object;
     void* const handle = dlopen(paths[i], RTLD_NOW);
     if (handle == NULL) puts(dlerror());
     *(void**)&routines[i] = dlsym(handle, "outer");
     if (dladdr(*(void**)&routines[i], &object) == 0) fail("dladdr");
-    object_path = paths[i];
-    object_begin = object.dli_fbase;
-    object_routine = *(void**)&routines[i];
   }
 }
 #endif
@@ -320,6 +300,10 @@ int main(int argc, char** argv) {
   scene = scenes;
   while (strcmp(argv[1], scene->name) != 0) ++scene;
   scene->prepare();
+  const struct sigaction fatal = {.sa_sigaction = on_fatal, .sa_flags = SA_SIGINFO};
+  sigaction(SIGABRT, &fatal, NULL);
+  sigaction(SIGILL, &fatal, NULL);
+  sigaction(SIGSEGV, &fatal, NULL);
   next_object();
   return 0;
 }

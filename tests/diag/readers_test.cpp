@@ -91,7 +91,7 @@ TEST(MapReader, FindsTheLineThatHoldsAnAddress) {
   open_text("1000-2000 r--p 0 /a\n2000-3000 r--p 0 /b\n4000-5000 r--p 0 /c\n");
   map_reader map(source);
   const std::pair<std::uint64_t, const char*> paths[] = {
-      {0xfff, ""},  {0x1000, "/a"}, {0x1fff, "/a"}, {0x2000, "/b"}, {0x2fff, "/b"},
+      {0xfff, ""},  {0x1000, "/a"}, {0x1fff, "/a"}, {0x2000, "/b"},
       {0x3000, ""}, {0x3fff, ""},   {0x4000, "/c"}, {0x5000, ""}};
   for (const auto& [address, path] : paths) {
     map_line line;
@@ -110,12 +110,12 @@ constexpr Elf64_Phdr segments[] = {
     {PT_LOAD, PF_R | PF_W, 0x2f00, 0x53f00, 0, 0x200, 0x900, 0x1000},
     {PT_LOAD, PF_R | PF_X, 0x1000, 0x41000, 0, 0x2000, 0x2000, 0x1000},
 };
-constexpr std::uint64_t begin_of_table = 8;
-
 const struct {
   const char* name;
   std::uint64_t offset;
   std::uint64_t address;  // in the file; 0: it is in no segment
+  std::uint64_t table = 0;
+  std::uint16_t entry_bytes = sizeof segments[0];
   std::uint16_t entries = std::size(segments);
 } placed_bytes[] = {
     {"first of the file", 0, 0x40000},
@@ -126,18 +126,18 @@ const struct {
     {"last of the data", 0x30ff, 0x540ff},
     {"behind the file", 0x3100, 0},
     {"far behind", UINT64_MAX, 0},
-    {"a table that is not there", 0x4000, 0, UINT16_MAX},
+    {"fewer entries than are told", 0x4000, 0, 0, sizeof segments[0], UINT16_MAX},
+    {"entries of another size", 0, 0, 0, sizeof segments[0] + 1},
+    {"a table whose end wraps", 0, 0, 0 - sizeof segments[0]},
 };
 
 TEST(Segments, SayWhatAddressAByteWasLinkedFor) {
   constexpr std::uint64_t mapped = 0x7f0000000000;
-  std::string file(begin_of_table, '\0');
-  file.append(reinterpret_cast<const char*>(segments), sizeof segments);
-  open_text(file);
+  source.open_memory({reinterpret_cast<const unsigned char*>(segments), sizeof segments});
   for (const auto& row : placed_bytes) {
     Elf64_Ehdr header{};
-    header.e_phoff = begin_of_table;
-    header.e_phentsize = sizeof segments[0];
+    header.e_phoff = row.table;
+    header.e_phentsize = row.entry_bytes;
     header.e_phnum = row.entries;
     std::uint64_t bias = 0;
     const bool known = find_bias(source, header, row.offset, mapped + row.offset, bias);
@@ -163,6 +163,7 @@ const std::string example =
 
 // The section is the 33rd, and the last but one.
 constexpr std::size_t header_bytes = 64, trace_header = 33 * header_bytes;
+constexpr std::size_t size_field = trace_header + offsetof(Elf64_Shdr, sh_size);
 constexpr std::size_t names_header = trace_header + header_bytes;
 constexpr std::size_t end_of_headers = names_header + header_bytes;
 const std::size_t section_bytes = others.size() + example.size();
@@ -218,10 +219,8 @@ const struct {
     {"its end wraps", trace_header + offsetof(Elf64_Shdr, sh_offset) + 7, 0xff},
     {"a span of other addresses", at + 0x18, 0x20},
     {"a routine of another version", at + 0x2c, 3},
-    {"an end in the routine's name", trace_header + offsetof(Elf64_Shdr, sh_size),
-     section_bytes - (0x4d - 0x3d), "ar Unknown 0"},
-    {"an end in the lines", trace_header + offsetof(Elf64_Shdr, sh_size),
-     section_bytes - (0x4d - 0x49), "area /src/area.c 2"},
+    {"an end in the routine's name", size_field, section_bytes - (0x4d - 0x3d), "ar Unknown 0"},
+    {"an end in the lines", size_field, section_bytes - (0x4d - 0x49), "area /src/area.c 2"},
     {"lines of another version", at + 0x40, 2, "area Unknown 0"},
     {"more files than there are", at + 0x45, 99, "area Unknown 0"},
     {"a file of another version", at + 1, 2, "area Unknown 7"},

@@ -14,7 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -139,32 +139,28 @@ void below(int depth, void (*body)()) { std::thread(descend, depth, body).join()
 constexpr std::size_t chunk = 24;
 std::size_t most_frames(const scenario& s) { return chunk * (s.chunks + 1); }
 
-std::string undisturbed_events(const scenario& s, std::size_t frames) {
+// A signal from outside that arrives within malloc or free waits until that returns; after a fault
+// within one of them neither is called any more.
+std::string expected_events(const scenario& s, std::size_t frames) {
   const std::size_t kept = std::min(frames, most_frames(s));
   std::string all;
   for (std::size_t n = 0; n < std::min(frames, kept + 1); ++n)
     all += n != 0 && n % chunk == 0 ? "im" : "i";
   all.append(s.answer == TBK_CONTINUE ? kept : 30, 'c');
-  return all.append((kept - 1) / chunk, 'f');
-}
+  all.append((kept - 1) / chunk, 'f');
+  if (s.signal_after >= all.size()) return all;
 
-// A signal from outside that arrives within malloc or free waits until that returns; after a fault
-// within one of them neither is called any more.
-std::string expected_events(const scenario& s, std::size_t frames) {
-  std::string undisturbed = undisturbed_events(s, frames);
-  if (s.signal_after >= undisturbed.size()) return undisturbed;
-
-  std::string until_signal = undisturbed.substr(0, s.signal_after + 1);
+  std::string until_signal = all.substr(0, s.signal_after + 1);
   const char last = until_signal.back();
   if (is_fault(s.signal_after) && (last == 'm' || last == 'f')) return until_signal;
-  if (last == 'f') return undisturbed;
+  if (last == 'f') return all;
   const auto taken =
       static_cast<std::size_t>(std::count(until_signal.begin(), until_signal.end(), 'm'));
   return until_signal + std::string(std::min(taken, s.chunks), 'f');
 }
 
 std::uint32_t expected_status(const scenario& s, std::size_t frames) {
-  if (s.signal_after < undisturbed_events(s, frames).size()) return TBK_FAULT;
+  if (s.signal_after < events.size()) return TBK_FAULT;  // it was raised
   if (s.answer == TBK_STOP) return TBK_SUCCESS;
   if (s.answer == TBK_STOP_FULL) return TBK_BUFFER_FULL;
   return frames > most_frames(s) ? TBK_FAULT : TBK_SUCCESS;  // the outermost ones are missing
@@ -240,16 +236,21 @@ TEST(Walk, EndsByAFaultWhoseSignalIsBlocked) {
 
 // ---- The text ----
 
-enum layout : std::uint32_t { blocks_of_lines, table = 77 };
-
-[[gnu::format(printf, 1, 2)]] std::string printed(const char* format, ...) {
-  char text[1024];
-  va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
-  return text;
-}
+struct layout {
+  const char* name;
+  std::uint32_t number;
+  const char* head;
+  const char* frame;  // its image, program counter and number
+};
+const layout layouts[] = {
+    {"Blocks", 0, "\n\nTraceback symbolic or hex stack dump follows:\n\n",
+     "--------- Frame # %3$zu ---------------------------------------\n\n"
+     "Image:         %1$s\nPC:            0x%2$16.16lx\nRoutine name:  Unknown\n"
+     "Source file:   Unknown\nLine number:   Unknown\n\n"},
+    {"Table", 77,
+     "Image              PC                Routine            Line        Source             \n",
+     "%1$-17.17s  %2$16.16lX  Unknown               Unknown  Unknown\n"},
+};
 
 std::string file_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
@@ -262,26 +263,15 @@ Dl_info object_of(std::uint64_t pc) {
 
 // What is to be written of the frames that were looked at, of which no image tells more than its
 // name: of those behind the hidden ones, and of so many at most.
-std::string text_of(layout kind, std::size_t hidden, std::size_t most = SIZE_MAX) {
-  std::string text = "\n\nTraceback symbolic or hex stack dump follows:\n\n";
-  if (kind == table) {
-    text = printed("%-19.19s%-18.18s%-19.19s%-12.12s%-19.19s\n", "Image", "PC", "Routine", "Line",
-                   "Source");
-  }
+std::string text_of(const layout& in, std::size_t hidden, std::size_t most = SIZE_MAX) {
+  std::string text = in.head;
   for (std::size_t n = 0; n < std::min(looked_at.size() - hidden, most); ++n) {
     const std::uint64_t pc = looked_at[hidden + n];
     if (pc == 0) break;
+    char frame[512];
     const std::string image = file_name(object_of(pc).dli_fname);
-    if (kind == table) {
-      text += printed("%-17.17s  %16.16lX  %-17.17s  %10.10s  %s\n", image.c_str(), pc, "Unknown",
-                      "Unknown", "Unknown");
-    } else {
-      text += printed(
-          "--------- Frame # %zu ---------------------------------------\n\n"
-          "Image:         %s\nPC:            0x%16.16lx\nRoutine name:  Unknown\n"
-          "Source file:   Unknown\nLine number:   Unknown\n\n",
-          n, image.c_str(), pc);
-    }
+    std::snprintf(frame, sizeof frame, in.frame, image.c_str(), pc, n);
+    text += frame;
   }
   return text;
 }
@@ -290,11 +280,11 @@ const std::string terminated = "\nStack trace terminated abnormally.\n";
 
 const guarded_block memory(1 << 14);  // for texts, which end at its end
 
-[[gnu::noinline]] std::size_t print(layout kind, char* text, std::size_t bytes,
+[[gnu::noinline]] std::size_t print(const layout& in, char* text, std::size_t bytes,
                                     const scenario& s = {}) {
   const process_state before;
   begin(s);
-  const std::size_t length = tbk_string_stack_signal(s.context, text, bytes, kind, s.skip);
+  const std::size_t length = tbk_string_stack_signal(s.context, text, bytes, in.number, s.skip);
   end();
   expect_unchanged(before);
   return length;
@@ -333,8 +323,8 @@ TEST_P(Text, SaysThatItWasTerminated) {
     }
   }
 }
-INSTANTIATE_TEST_SUITE_P(In, Text, testing::Values(blocks_of_lines, table),
-                         [](const auto& kind) { return kind.param == table ? "Table" : "Blocks"; });
+INSTANTIATE_TEST_SUITE_P(In, Text, testing::ValuesIn(layouts),
+                         [](const auto& kind) { return kind.param.name; });
 
 TEST(WalkAndText, HideWhatTheContextAndTheSkipFlagSay) {
   const ucontext_t nowhere{};
@@ -356,10 +346,10 @@ TEST(WalkAndText, HideWhatTheContextAndTheSkipFlagSay) {
     SCOPED_TRACE(row.name);
     const scenario s{.context = row.context, .skip = row.skip, .hidden = row.hidden_by_walk};
     walk(s);
-    for (const layout kind : {blocks_of_lines, table}) {
+    for (const layout& in : layouts) {
       char* const text = reinterpret_cast<char*>(memory.begin());
-      print(kind, text, memory.size(), s);
-      EXPECT_EQ(text, text_of(kind, row.hidden_by_text));
+      print(in, text, memory.size(), s);
+      EXPECT_EQ(text, text_of(in, row.hidden_by_text));
     }
   }
 }
