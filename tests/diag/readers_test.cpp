@@ -218,6 +218,7 @@ const struct {
     {"compressed", trace_header + offsetof(Elf64_Shdr, sh_flags) + 1, SHF_COMPRESSED >> 8},
     {"its end wraps", trace_header + offsetof(Elf64_Shdr, sh_offset) + 7, 0xff},
     {"a span of other addresses", at + 0x18, 0x20},
+    {"no span", at + 0x12, 0x4d, "area /src/area.c 7"},
     {"a routine of another version", at + 0x2c, 3},
     {"an end in the routine's name", size_field, section_bytes - (0x4d - 0x3d), "ar Unknown 0"},
     {"an end in the lines", size_field, section_bytes - (0x4d - 0x49), "area /src/area.c 2"},
