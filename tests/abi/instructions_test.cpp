@@ -55,7 +55,6 @@ TEST(Instructions, PastTheBaselineStandOnlyInSourcesThatMayHaveThem) {
     for (const auto& [name, times] : found) permitted[name] += times;
   }
   EXPECT_EQ(past_baseline(LIBRARY), permitted);
-  EXPECT_GT(permitted.size(), 20u);
 }
 
 }  // namespace
