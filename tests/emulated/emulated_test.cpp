@@ -40,7 +40,7 @@ const processor processors[] = {
     {"Haswell,-bmi2", haswell ^ mask_of("BMI"), 0x40000, usual_caches, "P", "P", "J", "J"},
     {"Haswell,-xsave", haswell ^ mask_of("F16C, AVX, FMA, AVX2"), 0x10000, usual_caches,
      "P", "P", "J", "J"},
-    {"max,family=15", haswell | mask_of("ADX, MPX"), 0x800, usual_caches, "V", "P", "V", "J"},
+    {"Haswell,family=15", haswell, 0x800, usual_caches, "V", "P", "V", "J"},
     {"Haswell,vendor=OtherVendor!", haswell, 0x40000, usual_caches, "V", "P", "V", "J"},
     // clang-format on
 };
