@@ -186,9 +186,20 @@ static void delete_image(void) {
 // Maps the object's file once more in front of the object, as data: a page, then all of it.
 static void map_file(void) {
   const int file = (int)syscall(SYS_openat, AT_FDCWD, object.dli_fname, O_RDONLY, 0);
-  char* const one = mmap(NULL, page, PROT_READ, MAP_PRIVATE, file, page);
-  char* const all = mmap(NULL, 1 << 18, PROT_READ, MAP_PRIVATE, file, 0);
-  if (one > (char*)object.dli_fbase || all > one) fail("mmap");
+  const struct {
+    size_t bytes;
+    off_t offset;
+  } parts[] = {{page, page}, {64 * page, 0}};
+  char* place = object.dli_fbase;
+  for (size_t i = 0; i < sizeof parts / sizeof *parts; ++i) {
+    char* mapped = NULL;
+    do {
+      place -= parts[i].bytes;
+      mapped = mmap(place, parts[i].bytes, PROT_READ, MAP_PRIVATE | MAP_FIXED_NOREPLACE, file,
+                    parts[i].offset);
+    } while (mapped == MAP_FAILED && errno == EEXIST);
+    if (mapped != place) fail("mmap");
+  }
   close(file);
 }
 
