@@ -22,7 +22,8 @@ target_compile_options(zorvac_code INTERFACE -fcf-protection=return
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-ipa-icf>)
 target_link_libraries(zorvac_code INTERFACE zorvac_warnings zorvac_reproducible)
 if(ZORVAC_COVERAGE)
-  target_compile_options(zorvac_code INTERFACE $<$<COMPILE_LANGUAGE:CXX>:--coverage\;-fprofile-update=atomic>)
+  target_compile_options(zorvac_code INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:--coverage\;-fprofile-update=atomic>)
 endif()
 
 add_library(zorvac_common OBJECT ${ZORVAC_COMMON_SOURCES})

@@ -23,8 +23,8 @@
  *  processor (the MXCSR mask that FXSAVE stores) and leave out what it does not have. The others
  *  take for granted what their level suggests, without asking: bit 6 in all of them, bit 17 in _H,
  *  _G, _I and _E. Setting a bit that the processor does not have is a general-protection fault,
- *  which ends the process by SIGSEGV. Many processors do not have bit 17: give it to those four only in a
- *  program that runs where it exists. */
+ *  which ends the process by SIGSEGV. Many processors do not have bit 17: give it to those four
+ *  only in a program that runs where it exists. */
 enum {
   ZORVAC_FLUSH_TO_ZERO = 1,      /**< set MXCSR bit 15 */
   ZORVAC_DENORMALS_ARE_ZERO = 2, /**< set MXCSR bit 6 */

@@ -3,10 +3,10 @@
 // The inner kernels of the blocked products, on packed operands.
 //
 // A comes in panels of 4 rows, B in panels of 4 columns, each with the 4 values of one k side by
-// side. For pairs, a panel of B is first spread over a strip in which each value stands twice, so that
-// a pair of rows meets it with one aligned load; then the panels of A go by. Wide registers spread a
-// value while they load it and need no strip: they take several panels of A together, which stay in
-// the first-level cache while a group of panels of B goes by.
+// side. For pairs, a panel of B is first spread over a strip in which each value stands twice, so
+// that a pair of rows meets it with one aligned load; then the panels of A go by. Wide registers
+// spread a value while they load it and need no strip: they take several panels of A together, which
+// stay in the first-level cache while a group of panels of B goes by.
 #include <pmmintrin.h>
 
 #include "array/tile.h"
@@ -108,8 +108,8 @@ ZORVAC_INLINE inline void fill_strip(double* strip, const double* b, std::size_t
                   ZORVAC_INLINE { _mm_store_pd(strip + 2 * J, _mm_loaddup_pd(b + J)); });
 }
 
-// With tiles of at most `Rows` registers, and a loop of `Terms` terms a step: 1 or 2, whichever leaves
-// the compiler all sums in their registers.
+// With tiles of at most `Rows` registers, and a loop of `Terms` terms a step: 1 or 2, whichever
+// leaves the compiler all sums in their registers.
 template <class V, int Rows, int Terms>
 ZORVAC_INLINE inline void inner(const std::uint64_t* m, const std::uint64_t* n, std::size_t terms,
                                 const double* a, const double* b, double* c,

@@ -46,8 +46,9 @@ void store_word(void* p, Word word) {
 
 // What a level is:
 //   bytes                in a register
-//   tile_registers       of rows in a tile of C, for real and for complex elements: as many as leave
-//                        the accumulators, four columns of them, and what feeds them in registers
+//   tile_registers       of rows in a tile of C, for real and for complex elements: as many as
+//                        leave the accumulators, four columns of them, and what feeds them in
+//                        registers
 //   part<ElementBytes>   loads and stores the first few elements of a register
 //   has_masks            it does so in one instruction each
 //   spread               every lane the same

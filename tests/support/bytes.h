@@ -101,8 +101,6 @@ inline auto in_matrix(std::size_t rows) {
 #define ASSERT_BYTES(seen, expected) ASSERT_PRED_FORMAT2(::zorvac::test::same_bytes, seen, expected)
 #define EXPECT_ELEMENTS(seen, expected) \
   EXPECT_PRED_FORMAT3(::zorvac::test::same_values, seen, expected, ::zorvac::test::in_sequence)
-#define ASSERT_ELEMENTS(seen, expected) \
-  ASSERT_PRED_FORMAT3(::zorvac::test::same_values, seen, expected, ::zorvac::test::in_sequence)
 #define EXPECT_MATRIX(seen, expected, rows) \
   EXPECT_PRED_FORMAT3(::zorvac::test::same_values, seen, expected, ::zorvac::test::in_matrix(rows))
 #endif
