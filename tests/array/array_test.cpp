@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cfenv>
 #include <cmath>
 #include <complex>
 #include <csignal>
@@ -104,6 +105,7 @@ std::mt19937_64 random_bits;
 struct summation {
   u64 block;
   bool from_zero, last_block_first = false;
+  bool adds_negative = false;  // in complex products
 };
 
 // A and B, stored as they are or transposed, and what their product is added to.
@@ -126,7 +128,20 @@ struct problem {
   [[nodiscard]] E left(u64 i, u64 t) const { return a[ta ? t + i * k : i + t * m]; }
   [[nodiscard]] E right(u64 j, u64 t) const { return b[tb ? j + t * n : t + j * k]; }
 
-  // The product added to `c`, by a plain loop. Each product and each sum is rounded by itself.
+  // Each product and each sum is rounded by itself. The form of plain x86-64 adds a complex
+  // product's negative term where the others subtract it, as rounding up or down shows.
+  static E multiply(E x, E y, bool adds_negative) {
+    if constexpr (std::is_same_v<E, part>) {
+      return x * y;
+    } else {
+      const part straight = x.real() * y.real();
+      const part crossed = (adds_negative ? -x.imag() : x.imag()) * y.imag();
+      return {adds_negative ? straight + crossed : straight - crossed,
+              x.imag() * y.real() + x.real() * y.imag()};
+    }
+  }
+
+  // The product added to `c`, by a plain loop.
   [[nodiscard]] std::vector<E> added(std::vector<E> c, const summation& order) const {
     const u64 start = order.last_block_first ? (k - 1) / order.block * order.block : 0;
     for (u64 i = 0; i < c.size(); ++i) {
@@ -134,7 +149,7 @@ struct problem {
       for (u64 nth = 0; nth < k; ++nth) {
         const u64 t = (start + nth) % k;
         if (order.from_zero && t % order.block == 0) c[i] += std::exchange(sum, E{});
-        sum += left(i % m, t) * right(i / m, t);
+        sum += multiply(left(i % m, t), right(i / m, t), order.adds_negative);
       }
       c[i] = order.from_zero ? c[i] + sum : sum;
     }
@@ -193,10 +208,15 @@ void expect_products(const std::string& type, const problem<E>& x) {
   const matrix<E> sb(x.tb ? n : k, x.tb ? k : n, (x.tb ? n : k) + 3 - gap, x.b);
   const std::string a(1, "nt"[x.ta]), b(1, "nt"[x.tb]), name = type + '_' + a + '_' + b;
 
-  const summation order{x.ta && !x.tb ? 128 : k + 1, x.ta};
-  const std::vector<E> zeros(m * n), product = x.added(zeros, order),
-                                     added = x.added(x.onto, order);
-  std::vector<E> blocked = product;
+  const std::vector<E> zeros(m * n);
+  struct {
+    std::vector<E> product, added;
+  } sums[2];  // the second one where the negative term is added
+  for (const bool adds_negative : {false, true}) {
+    const summation order{x.ta && !x.tb ? 128 : k + 1, x.ta, false, adds_negative};
+    sums[adds_negative] = {x.added(zeros, order), x.added(x.onto, order)};
+  }
+  std::vector<E> blocked = sums[0].product;
   const bool packs = std::is_same_v<E, double> && m >= 34 && k >= 38 && n >= 38;
   if (packs) {
     const auto tiles = x.added(zeros, {112, true, true}), rest = x.added(zeros, {112, x.ta, true});
@@ -211,6 +231,7 @@ void expect_products(const std::string& type, const problem<E>& x) {
   for (u64 i = 0; i < known; ++i) {
     SCOPED_TRACE(testing::Message() << "indicator 0x" << std::hex << forms[i]);
     __zorva_cpu_feature_indicator = forms[i];
+    const auto& [product, added] = sums[forms[i] <= level::sse2];
     const bool blocks = packs && forms[i] != level::generic;
     const u64 memory = blocks ? std::min(n, u64{2000}) * 896 + 0x3f300 : 0;
     check(name, {}, blocks ? blocked : product, memory, k, n);
@@ -228,8 +249,17 @@ void expect_products(const std::string& type, const problem<E>& x) {
   }
 }
 
+constexpr struct {
+  int mode;
+  const char* name;
+} modes[] = {{FE_TONEAREST, "to nearest"},
+             {FE_DOWNWARD, "down"},
+             {FE_UPWARD, "up"},
+             {FE_TOWARDZERO, "toward zero"}};
+
 template <class E>
 void expect_type(const std::string& type) {
+  u32 run = 0;
   // Rows of A, terms, columns of B.
   // clang-format off
   std::vector<std::array<u64, 3>> shapes{
@@ -250,6 +280,7 @@ void expect_type(const std::string& type) {
   for (const auto& [m, k, n] : shapes) {
     if (n >= 2000 && !std::is_same_v<E, double>) continue;  // panels are of the blocked kernels
     random_bits.seed(m << 40 | k << 20 | n);                // each shape has its own values
+    ++run;                                                  // so that a storage meets every mode
     problem<E> x{m, k, n};
     // What is not finite stays in its row or column of C, and no zero hides it. The NaN is the one
     // that processors make themselves, so that the bits of all are alike.
@@ -260,8 +291,12 @@ void expect_type(const std::string& type) {
     for (const u32 storage : {0u, 1u, 2u, 3u}) {
       x.ta = storage / 2 != 0;
       x.tb = storage % 2 != 0;
-      SCOPED_TRACE(testing::Message() << m << " x " << k << " times " << k << " x " << n);
+      const auto& [mode, rounding] = modes[++run % std::size(modes)];
+      SCOPED_TRACE(testing::Message()
+                   << m << " x " << k << " times " << k << " x " << n << ", rounded " << rounding);
+      std::fesetround(mode);
       expect_products(type, x);
+      std::fesetround(FE_TONEAREST);
       if (testing::Test::HasFailure()) return;
     }
   }
