@@ -118,7 +118,7 @@ template <processor Processor>
     indicator = ZORVAC_INITIALISED;
     return;
   }
-  const std::uint64_t word = feature_word(p);
+  const std::uint64_t word = cpu::feature_word(p);
   if (vendor_checked) indicator = word;
   indicator_x = word;
 }

@@ -69,7 +69,7 @@ constexpr const char *own_vendor = "GenuineZorva", *second_vendor = "AuthenticAM
 // ---- Features and classes -----------------------------------------------------------------------
 
 // By the published table, of which all rows of a feature must be fulfilled.
-std::uint64_t feature_word(const fake_processor& p) {
+std::uint64_t published_word(const fake_processor& p) {
   const cpuid_answer one = p.cpuid(1, 0), seven = p.cpuid(7, 0), extended = p.cpuid(0x80000001, 0);
   const std::uint32_t model = one.eax & 0xf00f0;
   const bool in_order = model == 0x100c0 || model == 0x20060 || model == 0x20070;
@@ -108,9 +108,9 @@ constexpr struct {
     {0x2000000, mask_of("AVX, AVX512F, AVX512ER, AVX512PF, AVX512CD")},
     {0x4000000, mask_of("AVX, AVX512F, AVX512DQ, AVX512BW, AVX512VL")}};
 // clang-format on
-std::uint32_t processor_class(fake_processor p) {
+std::uint32_t published_class(fake_processor p) {
   p.leaf(1).edx |= 1 << 24;
-  const std::uint64_t word = feature_word(p);
+  const std::uint64_t word = published_word(p);
   const std::uint32_t family = p.leaf(1).eax >> 8 & 0xf;
   std::uint32_t last = 1;
   for (const auto& c : classes) {
@@ -154,13 +154,13 @@ TEST(Identification, IsWhatTheTablesSayOnRandomProcessors) {
       p.leaf(leaf) = {.eax = bits(), .ebx = bits(), .ecx = bits(), .edx = bits()};
     if (!one_in(3)) p.leaf(1).eax = families[draw() % std::size(families)];
 
-    const std::uint64_t word = feature_word(p);
+    const std::uint64_t word = published_word(p);
     const bool accepted = maximum_leaf != 0 && (!foreign || rule.accepts_any());
     EXPECT_ELEMENTS(detected(p, cpu::detection_mode::any_vendor, rule),
                     (maximum_leaf == 0 ? words{1, untouched} : words{untouched, word}));
     EXPECT_ELEMENTS(detected(p, cpu::detection_mode::vendor_checked, rule),
                     (accepted ? words{word, word} : words{1, untouched}));
-    const std::uint32_t expected = accepted ? processor_class(p) : 1;
+    const std::uint32_t expected = accepted ? published_class(p) : 1;
     EXPECT_EQ(cpu::classify(p, rule), expected);
     ++met[expected];
     p.cpuid_exists = false;
