@@ -307,6 +307,20 @@ TEST(Product, IsSummedInTheStatedOrder_r8) { expect_type<double>("_MATMUL_r8"); 
 TEST(Product, IsSummedInTheStatedOrder_c4) { expect_type<std::complex<float>>("_MATMUL_c4"); }
 TEST(Product, IsSummedInTheStatedOrder_c8) { expect_type<std::complex<double>>("_MATMUL_c8"); }
 
+// A form that were taken by a part of its mask would end by SIGILL here, on a processor that lacks
+// the rest.
+TEST(Product, TakesAFormByItsWholeMask) {
+  for (const u64 takes : {level::avx2, level::avx512_dq_vl})
+    for (u64 bit = 1; bit != 0; bit <<= 1) {
+      if ((takes & bit) == 0) continue;
+      __zorva_cpu_feature_indicator = takes ^ bit;
+      SCOPED_TRACE(testing::Message() << "indicator 0x" << std::hex << (takes ^ bit));
+      const matrix<double> a(4, 1, 4, {1, 2, 3, 4}), b(1, 1, 1, {5}), c(4, 1, 4, {1, 1, 1, 1});
+      expect("_MATMUL_r8_n_n_pst_General", c, {6, 11, 16, 21}, a.data(), b.data(), c.data(), 4L, 1L,
+             1L, 4L, 1L, 4L);
+    }
+}
+
 TEST(Product, OfNoRowsIsDoneAtOnceForAnyNumberOfColumns) {
   for (const char* const name : {"_MATMUL_r4_n_n.A", "_MATMUL_r8_t_n.A", "_MATMUL_c8_t_t.A"})
     expect<float>(name, {0, 0, 0}, {}, nullptr, nullptr, nullptr, 0L, 3L, 1L << 40, 3L, 3L, 3L);
