@@ -1,6 +1,7 @@
-// The text of an editor: one buffer with a gap where the cursor is, so that typing moves nothing and
-// a step of the cursor moves what it passes over. The blocks on either side of a small gap overlap
-// when they move, so it takes the library's move; what is typed comes from elsewhere, so a copy does.
+// The text of an editor: one buffer with a gap where the cursor is, so that typing moves nothing
+// and a step of the cursor moves what it passes over. The blocks on either side of a small gap
+// overlap when they move, so it takes the library's move; what is typed comes from elsewhere, so a
+// copy does.
 #include <zorvac/mem.h>
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // Conversions that must not lose anything, in C++: a cast that checks, at the cost of one call, and
-// only where the types could lose something. Run without an argument every value fits; with one, the
-// program tries the number and may be stopped by a report.
+// only where the types could lose something. Run without an argument every value fits; with one,
+// the program tries the number and may be stopped by a report.
 #include <zorvac/diag.h>
 
 #include <cstdint>

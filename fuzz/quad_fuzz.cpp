@@ -1,5 +1,6 @@
-// Every quad operation and conversion against its oracle, on operands that a fuzzer finds by looking
-// for new paths through the library: one byte of rounding mode and circumstances, then two quads.
+// Every quad operation and conversion against its oracle, on operands that a fuzzer finds by
+// looking for new paths through the library: one byte of rounding mode and circumstances, then two
+// quads.
 #include <cstddef>
 #include <cstdlib>
 #include <iostream>

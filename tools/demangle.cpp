@@ -1,4 +1,5 @@
-// The full form is that of the C++ run-time library. The last component is found in it, by brackets:
+// The full form is that of the C++ run-time library. The last component is found in it, by
+// brackets:
 //
 //   std::enable_if<(2)>(1), int>::type ns::vec<int>::operator<< <int>(int) const::inner<char>(char)
 //                                                                             -----

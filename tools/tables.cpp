@@ -101,8 +101,8 @@ void add_symbols(tables& t, std::vector<symbol> symbols, const code_sections& co
   }
 }
 
-// Sections that are compressed, which libdw reads nothing from, and is silent about, where it cannot
-// expand them.
+// Sections that are compressed, which libdw reads nothing from, and is silent about, where it
+// cannot expand them.
 void expand_sections(Elf* elf) {
   std::size_t names = 0;
   elf_getshdrstrndx(elf, &names);
@@ -117,9 +117,9 @@ void expand_sections(Elf* elf) {
   }
 }
 
-// The entries of a unit in the order of the file, whatever they lie in. To ask for the sibling of an
-// entry would lead through everything in it once more; so the way back up goes from the last child,
-// behind which its parent ends, too.
+// The entries of a unit in the order of the file, whatever they lie in. To ask for the sibling of
+// an entry would lead through everything in it once more; so the way back up goes from the last
+// child, behind which its parent ends, too.
 class entry_walk {
  public:
   explicit entry_walk(const Dwarf_Die& unit) : entry_{unit} {}
@@ -322,8 +322,8 @@ void order(std::vector<row>& rows) {
 
 }  // namespace
 
-// A step either fills a gap or passes over all that is taken up to the next one: ranges that overlap
-// without end cost no more than others.
+// A step either fills a gap or passes over all that is taken up to the next one: ranges that
+// overlap without end cost no more than others.
 void routine_map::add(std::uint64_t start, std::uint64_t end, const std::string& name) {
   constexpr std::uint64_t longest = std::numeric_limits<std::uint32_t>::max();
   while (start < end) {

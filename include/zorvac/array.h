@@ -72,8 +72,8 @@ void _MATMUL_c8_n_n_pst_init(void* c, uint64_t m, uint64_t n, uint64_t ldc);
  *
  *  They choose among forms for different processors, all of the same bits, but for complex
  *  products in the rounding modes up and down: without SSE3 a product of imaginary parts is negated
- *  before it is rounded, with SSE3 after that. The complex kernels run feature detection when it has
- *  not run yet. */
+ *  before it is rounded, with SSE3 after that. The complex kernels run feature detection when it
+ *  has not run yet. */
 #define ZORVAC_MATMUL_KERNEL(name)                                                     \
   void name(const void* a, const void* b, void* c, uint64_t m, uint64_t n, uint64_t k, \
             uint64_t lda, uint64_t ldb, uint64_t ldc);

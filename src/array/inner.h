@@ -5,8 +5,8 @@
 // A comes in panels of 4 rows, B in panels of 4 columns, each with the 4 values of one k side by
 // side. For pairs, a panel of B is first spread over a strip in which each value stands twice, so
 // that a pair of rows meets it with one aligned load; then the panels of A go by. Wide registers
-// spread a value while they load it and need no strip: they take several panels of A together, which
-// stay in the first-level cache while a group of panels of B goes by.
+// spread a value while they load it and need no strip: they take several panels of A together,
+// which stay in the first-level cache while a group of panels of B goes by.
 #include <pmmintrin.h>
 
 #include "array/tile.h"

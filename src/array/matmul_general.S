@@ -1,5 +1,5 @@
-// Which form of a matrix kernel runs. The forms give the same bits; only the complex kernels promise
-// to detect the processor where nobody has yet.
+// Which form of a matrix kernel runs. The forms give the same bits; only the complex kernels
+// promise to detect the processor where nobody has yet.
 #include "core/dispatch.inc"
 
 .macro real_kernel name

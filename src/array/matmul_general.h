@@ -1,11 +1,11 @@
 #ifndef ZORVAC_ARRAY_MATMUL_GENERAL_H
 #define ZORVAC_ARRAY_MATMUL_GENERAL_H
-// The general kernels, C := C + op(A) op(B): one template over the element type at a processor level
-// and the storage of A and B. docs/kernels.md states the order of every sum.
+// The general kernels, C := C + op(A) op(B): one template over the element type at a processor
+// level and the storage of A and B. docs/kernels.md states the order of every sum.
 //
 // Columns and terms are cut into blocks of B that stay in the cache while panels of A, a few
-// registers of rows each, go by. A panel of A that is not stored in columns, or that many columns are
-// going to meet, is first copied to where its rows lie side by side.
+// registers of rows each, go by. A panel of A that is not stored in columns, or that many columns
+// are going to meet, is first copied to where its rows lie side by side.
 #include "array/tile.h"
 
 namespace zorvac::array {

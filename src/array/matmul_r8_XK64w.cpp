@@ -1,8 +1,8 @@
 // The blocked kernels for binary64, C := op(A) op(B): one template over the copy routines, the
 // general kernel and the matrix-vector routine of each storage.
 //
-// Terms come in blocks, the short block first: its inner kernel overwrites C, so nothing else has to
-// clear it, and every later block has the length that the accumulating kernel is made for.
+// Terms come in blocks, the short block first: its inner kernel overwrites C, so nothing else has
+// to clear it, and every later block has the length that the accumulating kernel is made for.
 //
 //           N4 columns, in panels      leftover
 //     M4    packed A x packed B,       columns,

@@ -1,11 +1,11 @@
 #ifndef ZORVAC_ARRAY_PACK_H
 #define ZORVAC_ARRAY_PACK_H
-// Packing a block of A or B into panels of 4 rows or columns, "lanes" here: for each k in order, the
-// 4 values side by side, then zeros up to a multiple of 4 terms. Lanes past the last whole panel are
-// left out.
+// Packing a block of A or B into panels of 4 rows or columns, "lanes" here: for each k in order,
+// the 4 values side by side, then zeros up to a multiple of 4 terms. Lanes past the last whole
+// panel are left out.
 //
-// A panel is too short a stream for the processor to see the next one coming, so that is prefetched;
-// what lies past the last one does no harm.
+// A panel is too short a stream for the processor to see the next one coming, so that is
+// prefetched; what lies past the last one does no harm.
 #include <emmintrin.h>
 
 #include <cstddef>

@@ -19,9 +19,10 @@ cpu::cache_table __libvrt_cache_tbl;
 }
 
 // The library's one constructor: runs when the library is loaded, before any entry point is called.
-// In a program that is linked with the archive it also precedes the program's own constructors, which
-// may call entry points: no priority comes before 0. (Those below 101 are the implementation's, which
-// this library is part of. g++ takes the priority from the first declaration alone.)
+// In a program that is linked with the archive it also precedes the program's own constructors,
+// which may call entry points: no priority comes before 0. (Those below 101 are the
+// implementation's, which this library is part of. g++ takes the priority from the first
+// declaration alone.)
 [[gnu::constructor(0)]] void load_time_initialiser() __asm__("__sti__$E");
 
 void load_time_initialiser() {

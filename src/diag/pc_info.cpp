@@ -10,8 +10,8 @@
 #include "diag/trace_scan.h"
 
 // Weak, and in the version that it has had from the beginning: a version that is needed must exist,
-// even where the symbol need not, and the newest one is of glibc 2.34. Before that the routine was in
-// a library of its own, which a program may have loaded or not.
+// even where the symbol need not, and the newest one is of glibc 2.34. Before that the routine was
+// in a library of its own, which a program may have loaded or not.
 #pragma weak dladdr
 __asm__(".symver dladdr, dladdr@GLIBC_2.2.5");
 

@@ -18,7 +18,7 @@ fi
 if comm -23 <(rows exports.txt) <(rows released.txt) |
   awk -v version="$version" 'NR == FNR { released[$2]; next } $2 != version || $2 in released' \
     <(rows released.txt) - | grep .; then
-  echo "abi_test.sh: these exports are new: their version is the next release's, and so is the project's"
+  echo "abi_test.sh: new exports have the version of the next release, and so has the project"
   false
 fi
 

@@ -96,7 +96,8 @@ done
 
 # With the other flavour, the same program finds the features of any processor checked.
 if [ -n "$any" ]; then
-  features=$(LD_LIBRARY_PATH=${lib/root/root-any} ./by-cmake | sed -n 's/^features, vendor checked *//p')
+  features=$(LD_LIBRARY_PATH=${lib/root/root-any} ./by-cmake |
+    sed -n 's/^features, vendor checked *//p')
   (((features & 0x3f) == 0x3f)) || fail "of any vendor: features $features"
 fi
 

@@ -14,7 +14,8 @@ fail() { echo "$*" && exit 1; }
 # What a compiler makes of one routine has one name, as has a routine whose constraint (Q and an
 # operator) is part of its name for newer compilers; without a line, the file does not count.
 plain() {
-  sed -E '/:[0-9?]+( |$)/!s/\..*//; s/([CD]I?)[0-2]/\1/g; s/Q(aa|oo|eq|ne)[a-z].*//; s/ \(.*//; s/.*:[?0]$/?:0/'
+  sed -E -e '/:[0-9?]+( |$)/!s/\..*//; s/([CD]I?)[0-2]/\1/g' \
+    -e 's/Q(aa|oo|eq|ne)[a-z].*//; s/ \(.*//; s/.*:[?0]$/?:0/'
 }
 
 # Compares every STEPth address of every symbol of code of the image, and of the rows of its dump.
