@@ -1,7 +1,7 @@
 // Crashes three calls deep in a shared object, and prints its traceback from the signal's handler
-// in both layouts: all frames as a table, then as many as the buffer holds as blocks. Without the
-// signal's context the traceback begins with the handler; with it, the library's own frames are
-// shown as well. The handler calls nothing that allocates: the heap may be what is broken.
+// in both layouts: as a table, and as blocks. Without the signal's context the traceback begins
+// with the handler; with it, the library's own frames are shown as well. The handler calls nothing
+// that allocates: the heap may be what is broken.
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -10,7 +10,7 @@
 int sum_of_orders(const char* file);  // of the shared object
 
 static void on_fatal(int number, siginfo_t* info, void* context) {
-  static char table[65536], blocks[1000];
+  static char table[65536], blocks[65536];
   (void)info;
   (void)context;
   size_t length = tbk_string_stack_signal(NULL, table, sizeof table, 1, 1);

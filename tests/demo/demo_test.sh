@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Compares the output of scripts/demo with the README's block of it. What differs from machine to
-# machine and from run to run is masked in both: measured figures and addresses.
+# Compares the output of scripts/demo with the block of it in docs/demo.md. What differs from
+# machine to machine and from run to run is masked in both: measured figures and addresses.
 #
-#   demo_test.sh SOURCE_DIR BUILD_DIR [--update]     (--update: puts the output into the README)
+#   demo_test.sh SOURCE_DIR BUILD_DIR [--update]     (--update: puts the output there)
 set -euo pipefail
+page=$(realpath "$1/docs/demo.md") demo=$(realpath "$1/scripts/demo") build=$(realpath "$2")
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
@@ -11,9 +12,9 @@ mask() {
   sed -E -e 's/(PC: +0x)[0-9a-f]{16}/\1#/; s/\b[0-9A-F]{16}\b/#/' \
     -e 's/ *[0-9]+(\.[0-9]+)? *(GFLOP\/s|[GM]B\/s|ns|us|ms|s|seconds|times)\b/ # \2/g' "$1"
 }
-# The README up to the mark, the fence behind it, the block, the rest.
-csplit -s "$1/README.md" '/^<!-- scripts.demo prints this/' '/^```/+1' '/^```/'
-"$1/scripts/demo" --build "$2" >now
-[ "${3:-}" != --update ] || { cat xx00 xx01 now xx03 >"$1/README.md" && exit; }
+# The page up to the mark, the fence behind it, the block, the rest.
+csplit -s "$page" '/^<!-- scripts.demo prints this/' '/^```/+1' '/^```/'
+"$demo" --build "$build" >now
+[ "${3:-}" != --update ] || { cat xx00 xx01 now xx03 >"$page" && exit; }
 diff -u <(mask xx02) <(mask now) ||
-  { echo "the README tells another story; $0 $1 $2 --update corrects it"; exit 1; }
+  { echo "$page tells another story; $0 $1 $2 --update corrects it"; exit 1; }
