@@ -4,6 +4,8 @@
  * and defines one name, which is local to the object. When the program is linked, zorvac.specs has
  * it compiled once more: that word tells what the options of the link command stand for. The check
  * in level.o reads the words before the program's first constructor runs. */
+#ifndef ZORVAC_LEVEL_H
+#define ZORVAC_LEVEL_H
 #pragma GCC system_header
 #if !defined __x86_64__ || defined __ILP32__
 #error "zorvac.specs and zorvac/level.h are for 64-bit x86 programs only"
@@ -109,3 +111,4 @@ static const __UINT64_TYPE__ zorvac_level_of_this_file
     ;
 /* clang-format on */
 #undef ZORVAC_LEVEL_SECTION
+#endif
