@@ -19,7 +19,7 @@ fail() { echo "FAILED: $*" && failures=1; }
 cat >traces.c <<'C'
 #include <unistd.h>
 #define SHOW(text) (void)!write(1, text "\n", sizeof text)
-__attribute__((constructor)) static void first(void) { SHOW("constructor"); }
+__attribute__((constructor(101))) static void first(void) { SHOW("constructor"); }
 __attribute__((destructor)) static void last(void) { SHOW("destructor"); }
 C
 { sed '/^__attr/d' traces.c && echo 'int main(void) { return SHOW("main"), 0; }'; } >main.c
@@ -114,7 +114,7 @@ gcc -mbmi -mhle *.c -o program
 gcc $all_options *.c -o program
   core2duo,-ssse3,-sse3         @ $all
 
-gcc -march=native *.c -o program
+plain gcc -c *.c; gcc -march=native *.o -o program
   here                          @ -
 
 gcc -march=x86-64-v3 -no-pie *.c -o program
@@ -140,7 +140,7 @@ gcc -march=x86-64-v3 -Wl,--gc-sections,-z,start-stop-gc *.c -o program
 gcc -specs=zorvac.specs -march=x86-64-v3 -pipe -ansi -pedantic -Wall -Wextra -Werror *.c -o program
   Nehalem                       @ $v3
 
-g++ -march=x86-64-v3 -std=c++20 -save-temps=obj *.cpp -o program
+g++ -march=x86-64-v3 -std=c++20 -save-temps -c *.cpp; g++ -static *.o -o program
   Nehalem                       @ $v3
   Haswell                       @ -
 
@@ -160,7 +160,7 @@ checked_clang -march=x86-64-v3 *.c $object -o program
   Nehalem                       @ $v3
   Haswell                       @ -
 
-gcc -march=x86-64-v3 -c *.c; gcc *.o -o program
+gcc -march=x86-64-v3 -O2 -c *.c; gcc *.o -o program
   Nehalem                       @ $v3
 
 plain gcc -c *.c; gcc -march=x86-64-v3 *.o -o program
