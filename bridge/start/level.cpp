@@ -1,9 +1,9 @@
 // The start-up check of a program of any compiler: before the first constructor runs, it tells the
 // library's check of feature masks what the program was compiled for.
 //
-// The program needs what the options of its link command stand for, and what all of its files were
-// compiled for. A file that has more than the others, for a choice between variants at run time,
-// asks for nothing: the program runs where that variant is not taken.
+// A program needs what the options of its link command stand for, and what all of its files were
+// compiled for. Where one file may use more than the others, the program chooses at run time
+// whether it calls that file, and so does not need it.
 #include <unistd.h>
 
 #include <cstdint>
@@ -21,8 +21,8 @@ extern const std::uint64_t __start_zorvac_level_of_link[], __stop_zorvac_level_o
 
 namespace {
 
-// A word of our own in each, which changes no result: the linker defines no bounds of a section that
-// no object has. No file has all bits, some of which stand for nothing.
+// A word of our own in each, which changes no result: where no object has a section, the linker
+// defines no bounds of it. No file has all bits, since some of them stand for nothing.
 constexpr std::uint64_t all_bits = ~std::uint64_t{0};
 [[gnu::section("zorvac_level_of_files"), gnu::used]] const std::uint64_t no_file = all_bits;
 [[gnu::section("zorvac_level_of_link"), gnu::used]] const std::uint64_t no_option = 0;

@@ -33,7 +33,7 @@ for compiler in gcc g++ gfortran; do
 done
 plain() { command "$@"; }
 checked_clang() { clang -include "$folder_of_specs/zorvac/level.h" "$@"; }
-object=$folder_of_specs/zorvac/level.o with_traces="-Wl,--no-as-needed,-rpath,$PWD ./libtraces.so"
+object=$folder_of_specs/zorvac/level.o traces="-Wl,--no-as-needed,-rpath,$PWD ./libtraces.so"
 
 # on PROCESSOR PROGRAM MISSING: its output, errors and status are those of a program that starts, or
 # of one that misses these features. qemu's models come with their maker's name; for a vendor of our
@@ -152,7 +152,7 @@ plain gcc -c traces.c && gfortran -march=x86-64-v3 -static main.F90 traces.o -o 
   Nehalem                       @ $v3
   Haswell                       @ -
 
-gcc -march=x86-64-v3 -shared -fPIC traces.c -o libtraces.so; plain gcc main.c -o program $with_traces
+gcc -march=x86-64-v3 -shared -fPIC traces.c -o libtraces.so; plain gcc main.c $traces -o program
   Nehalem                       @ $v3
   Haswell                       @ -
 
@@ -176,7 +176,10 @@ gcc -march=x86-64-v3 -c traces.c; gcc -mpopcnt main.c traces.o assembler.S -o pr
 ROWS
 
 # is NAME EXPECTED SEEN
-is() { diff <(echo "$2") <(echo "$3") >differences || fail "$1 (< expected, > seen):"$'\n'"$(<differences)"; }
+is() {
+  diff <(echo "$2") <(echo "$3") >differences ||
+    fail "$1 (< expected, > seen):"$'\n'"$(<differences)"
+}
 
 # A plug-in that may not run here ends the program, whose handlers run and whose output is not lost.
 cat >host.c <<'C'
