@@ -165,10 +165,11 @@ zorvac_bridge_library(crash libzorvac-crash1
   "-Wl,--push-state,--no-as-needed -lzorvac_crash -Wl,--pop-state")
 if(TARGET zorvac_level)
   set(start ${PROJECT_BINARY_DIR}/bridge/start)
-  install(FILES ${start}/zorvac.specs DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
+  # gcc looks for a specs file in lib, not in the folder of one architecture; for the others in both.
+  install(FILES ${start}/zorvac.specs DESTINATION lib COMPONENT dev)
   install(FILES ${start}/zorvac/level.h ${start}/zorvac/level.o ${start}/zorvac/level-shared.o
           DESTINATION ${CMAKE_INSTALL_LIBDIR}/zorvac COMPONENT dev)
-  set(level "-B\${libdir}/ -specs=zorvac.specs")
+  set(level "-B\${libdir}/ -B\${prefix}/lib/ -specs=zorvac.specs")
   zorvac_pkg_config(level "a check before a program's first constructor" "${level}" "${level}")
 endif()
 zorvac_compress(docs/man/zorvac-bridge.7 zorvac-bridge.7.gz)
