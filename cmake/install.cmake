@@ -114,4 +114,65 @@ if(TARGET zorvac-mktrace AND ZORVAC_TOOLS)
   zorvac_package(tools zorvac-tools devel
                  "This package has zorvac-mktrace, which lets tracebacks name lines.")
 endif()
+
+# For programs of other compilers: a library each, and the start-up check. A library's package has
+# its SONAME for a name; what programs are built with is in the package for development.
+#
+# zorvac_pkg_config(<name> <description> <Cflags> <Libs>)
+function(zorvac_pkg_config name description cflags libs)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/zorvac-bridge.pc.in
+                 ${PROJECT_BINARY_DIR}/zorvac-${name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/zorvac-${name}.pc
+          DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+endfunction()
+
+# zorvac_bridge_library(<name> <package name> <purpose> <Libs>): the target zorvac_<name>, and
+# zorvac_<name>_static where there is one, become zorvac::<name> and zorvac::<name>_static.
+macro(zorvac_bridge_library name package purpose libs)
+  if(TARGET zorvac_${name})
+    install(TARGETS zorvac_${name} EXPORT zorvac-targets
+      LIBRARY COMPONENT ${name} NAMELINK_COMPONENT dev)
+    foreach(flavour IN ITEMS ${name} ${name}_static)
+      if(TARGET zorvac_${flavour})
+        set_target_properties(zorvac_${flavour} PROPERTIES EXPORT_NAME ${flavour})
+        # How our own code is compiled does not matter to who links it.
+        get_target_property(linked zorvac_${flavour} INTERFACE_LINK_LIBRARIES)
+        list(FILTER linked EXCLUDE REGEX "zorvac_(code|warnings|reproducible)|NOTFOUND")
+        set_target_properties(zorvac_${flavour} PROPERTIES INTERFACE_LINK_LIBRARIES "${linked}")
+      endif()
+    endforeach()
+    if(TARGET zorvac_${name}_static)
+      install(TARGETS zorvac_${name}_static EXPORT zorvac-targets ARCHIVE COMPONENT dev)
+    endif()
+    zorvac_pkg_config(${name} "${purpose}" "" "-L\${libdir} ${libs}")
+
+    get_target_property(soversion zorvac_${name} SOVERSION)
+    set(control ${PROJECT_BINARY_DIR}/control-${name})
+    file(WRITE ${control}/shlibs
+         "libzorvac_${name} ${soversion} ${package} (>= ${PROJECT_VERSION})\n")
+    file(COPY ${PROJECT_BINARY_DIR}/triggers DESTINATION ${control})
+    zorvac_package(${name} ${package} libs
+                   "This package has a library for programs of other compilers:\n${purpose}.")
+    string(TOUPPER ${name} upper)
+    set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA ${control}/triggers ${control}/shlibs)
+    string(APPEND CPACK_DEBIAN_DEV_PACKAGE_DEPENDS ", ${package} (= ${PROJECT_VERSION})")
+  endif()
+endmacro()
+zorvac_bridge_library(float128 libzorvac-float128-1
+  "the compiler's own binary128 arithmetic, faster" "-lzorvac_float128")
+zorvac_bridge_library(crash libzorvac-crash1
+  "what happened and the traceback, printed on a fatal signal"
+  "-Wl,--push-state,--no-as-needed -lzorvac_crash -Wl,--pop-state")
+if(TARGET zorvac_level)
+  set(start ${PROJECT_BINARY_DIR}/bridge/start)
+  # gcc looks for a specs file in lib, not in the folder of one architecture; for the others in both.
+  install(FILES ${start}/zorvac.specs DESTINATION lib COMPONENT dev)
+  install(FILES ${start}/zorvac/level.h ${start}/zorvac/level.o ${start}/zorvac/level-shared.o
+          DESTINATION ${CMAKE_INSTALL_LIBDIR}/zorvac COMPONENT dev)
+  set(level "-B\${libdir}/ -B\${prefix}/lib/ -specs=zorvac.specs")
+  zorvac_pkg_config(level "a check before a program's first constructor" "${level}" "${level}")
+endif()
+zorvac_compress(docs/man/zorvac-bridge.7 zorvac-bridge.7.gz)
+install(FILES ${PROJECT_BINARY_DIR}/zorvac-bridge.7.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man7
+        COMPONENT dev)
 include(CPack)

@@ -116,7 +116,7 @@ nl_catd open_catalog() {
   if (is_open(catalog) || lang == nullptr) return catalog;
 
   char language[128] = {};
-  std::strncpy(language, lang, sizeof language - 1);
+  std::memcpy(language, lang, strnlen(lang, sizeof language - 1));
   char* codeset = std::strchr(language, '.');
   if (codeset == nullptr) return catalog;
   *codeset = '\0';

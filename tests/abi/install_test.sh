@@ -2,10 +2,13 @@
 # Installs the Debian packages into an empty system, looks at what is there, and builds programs
 # against it in each way that the README names.
 #
-#   install_test.sh SOURCE_DIR BUILD_DIR C_COMPILER GENERATOR
+#   install_test.sh SOURCE_DIR BUILD_DIR C_COMPILER GENERATOR [PART]...
+#
+# PART: level, float128, crash: a part for programs of other compilers that the build has
 set -euo pipefail
 export LC_ALL=C CMAKE_GENERATOR=$4
 exports=$1/abi/exports.txt example=$1/examples/processor.c build_dir=$2 cc=$3
+parts=" ${*:5} "
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
@@ -28,7 +31,7 @@ install() { # ROOT PACKAGE...
 }
 mkdir -p root/var/lib/dpkg/{info,updates}
 for package in packages/*.deb; do dpkg-deb -f "$package" Depends; done | tr ',|' '\n' |
-  sed 's/(.*//; s/ //g; /zorvac/d' | sort -u |
+  sed 's/(.*//; s/ //g; /zorvac/d; /^$/d' | sort -u |
   while read -r package; do dpkg-query -s "$package"; echo; done >root/var/lib/dpkg/status
 mapfile -t usual < <(find packages -name '*.deb' ! -path "$any")
 install root "${usual[@]}"
@@ -46,7 +49,11 @@ for package in packages/*.deb; do
   gzip -dc "$doc/changelog.gz" >changelog
   [ "$(dpkg-parsechangelog -l changelog -S Version)" = "$(dpkg-deb -f "$package" Version)" ] ||
     fail "$package: the changelog is of another version"
-  [ "$(dpkg-deb -f "$package" Section Maintainer Depends | wc -l)" = 3 ] || fail "$package: fields"
+  fields=(Section Maintainer Depends) # the arithmetic alone may call nothing of the C library
+  [[ $package != *float128* ]] || unset 'fields[2]'
+  for field in "${fields[@]}"; do
+    [ -n "$(dpkg-deb -f "$package" "$field")" ] || fail "$package: no $field"
+  done
   if dpkg-deb --ctrl-tarfile "$package" | tar -t | grep -E '(pre|post)(inst|rm)$'; then
     fail "$package: it brings scripts"
   fi
@@ -62,9 +69,11 @@ done
 rm -r root*/var # what dpkg keeps
 prefix=$folder/root/usr lib=$folder/root/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 if find root*/* ! -path 'root*/usr*' -o ! -type l -perm /022 | grep .; then fail "place or mode"; fi
-if find root*/usr/lib/* -prune ! -name "${lib##*/}" | grep .; then fail "outside ${lib##*/}"; fi
+if find root*/usr/lib/* -prune ! -name "${lib##*/}" ! -name zorvac.specs | grep .; then
+  fail "outside ${lib##*/}"
+fi
 [ "$(readlink "$lib/libzorvac.so")" = libzorvac.so.5 ] || fail "no link for the linker"
-gzip -t "$prefix"/share/man/man7/zorvac.7.gz
+gzip -t "$prefix"/share/man/man7/zorvac{,-bridge}.7.gz
 if readelf -WS "$lib/libzorvac.a" | grep -m 1 '\.debug'; then fail "debug information"; fi
 
 # A program: pkg-config, plainly static, CMake with a .trace section where the tool is installed.
@@ -106,3 +115,55 @@ dpkg-deb -R "$runtime" runtime && rm runtime/DEBIAN/shlibs
 mkdir debian
 printf 'Source: client\n\nPackage: client\nArchitecture: any\n' >debian/control
 dpkg-shlibdeps -O -Sruntime -l"${lib/root/runtime}" by-cmake | grep -F 'libzorvac5 (>= 5.0.0)'
+
+# Programs of other compilers. Their package is told by the library that they need.
+part() { [[ $parts = *" $1 "* ]]; }
+by_pkg_config() { # NAME COMPILER [OPTION]...: builds ./NAME of NAME.c
+  read -ra flags <<<"$(PKG_CONFIG_LIBDIR=$lib/pkgconfig pkg-config --cflags --libs "zorvac-$1")"
+  "${@:2}" -o "$1" "$1.c" "${flags[@]}"
+}
+by_cmake() { # NAME: builds client/NAME
+  mkdir -p client
+  cat >client/CMakeLists.txt <<CMAKE
+cmake_minimum_required(VERSION 3.21)
+project(client C)
+find_package(zorvac 5 REQUIRED)
+add_executable($1 ../$1.c)
+target_link_libraries($1 PRIVATE zorvac::$1)
+CMAKE
+  cmake -B client -S client -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" >/dev/null
+  cmake --build client >/dev/null
+}
+needs() { # PROGRAM LIBRARY PACKAGE
+  readelf -d "$1" | grep -F "Shared library: [$2]" >/dev/null || fail "$1 does not need $2"
+  dpkg-deb -I "packages/$3"_* shlibs | grep -x "${2%.so*} ${2##*.} $3 (>= 5.0.0)" ||
+    fail "$3 is not what needs $2"
+}
+if part level; then
+  echo 'int main(void) { return 0; }' >level.c
+  by_pkg_config level gcc
+  gcc -B"$prefix/lib/" -specs=zorvac.specs level.c -o level-by-folder # as gcc looks into /usr/lib
+  for program in ./level ./level-by-folder; do
+    $program || fail "$program does not run"
+    nm $program | grep -w zorvac_level_of_this_file >/dev/null || fail "$program is not checked"
+  done
+fi
+if part float128; then
+  echo 'volatile __float128 third = 3; int main(void) { return third / 3 != 1; }' >float128.c
+  by_pkg_config float128 "$cc" && by_cmake float128
+  for program in ./float128 client/float128; do
+    needs $program libzorvac_float128.so.1 libzorvac-float128-1
+    LD_LIBRARY_PATH=$lib $program || fail "$program: a wrong quotient"
+  done
+  "$cc" float128.c -o static "$lib/libzorvac_float128.a"
+  ./static || fail "the static library: a wrong quotient"
+fi
+if part crash; then
+  echo 'int main(void) { return *(volatile int *)8; }' >crash.c
+  by_pkg_config crash "$cc" && by_cmake crash
+  for program in ./crash client/crash; do
+    needs $program libzorvac_crash.so.1 libzorvac-crash1
+    LD_LIBRARY_PATH=$lib $program 2>report && fail "$program survives"
+    grep SIGSEGV report >/dev/null || fail "$program: no report"
+  done
+fi

@@ -15,7 +15,7 @@ fail() { echo "$*" && exit 1; }
 # parent NAME HOW OPTION...: configures a parent that has the library in the way that HOW says.
 parent() {
   mkdir -p "$1/sources"
-  cp -r "$source"/{CMakeLists.txt,CHANGELOG.md,abi,cmake,docs,include,src,tools} "$1/sources"
+  cp -r "$source"/{CMakeLists.txt,CHANGELOG.md,abi,bridge,cmake,docs,include,src,tools} "$1/sources"
   cat >"$1/CMakeLists.txt" <<CMAKE
 cmake_minimum_required(VERSION 3.21)
 project(parent VERSION 1 LANGUAGES C CXX)

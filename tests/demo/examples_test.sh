@@ -6,10 +6,15 @@ set -euo pipefail
 cd "$1"
 vendor=$2
 
-# Whether the library serves the maker of this machine, and it has these features.
+# Whether the library serves the maker of this machine, or any-maker is served, and it has these
+# features.
 maker=$(sed -n 's/^vendor_id.*: //p;/^vendor_id/q' /proc/cpuinfo)
 serves() {
-  [ "$vendor" = any ] || [ "$vendor" = "$maker" ] || return
+  if [ "$1" = any-maker ]; then
+    shift
+  else
+    [ "$vendor" = any ] || [ "$vendor" = "$maker" ] || return
+  fi
   for feature; do grep -qw "^flags.* $feature" /proc/cpuinfo || return; done
 }
 
@@ -23,6 +28,8 @@ startup_sse3   | 0   | pni | ^built for SSE3: started$
 startup_sse3   | 1   | | ^The allowed processors are: .*SSE3.* instruction support\.$
 startup_avx2   | 0   | avx2 bmi1 bmi2 fma f16c abm popcnt | ^built for AVX2: started$
 startup_avx2   | 1   | | AVX2.* instructions\.$
+level          | 0   | any-maker avx2 bmi1 bmi2 fma f16c abm movbe | ^started: .* to 328350$
+level          | 1   | | instructions\.$
 early_check    | 0   | ssse3 | ^started: the sine of 30 degrees is 0\.500$
 early_check    | 1   | | SSE3 and SSSE3 instructions\.$
 memory         | 0   | sse4_2 popcnt | ^move  by _zorva_fast_memmove\.P .*"the brown fox"$

@@ -1,0 +1,239 @@
+#!/usr/bin/env bash
+# Programs that gcc, g++, gfortran and clang build for a level, on emulated processors of several
+# makers: which of them start, and what is printed by those that do not.
+#
+#   level_test.sh SOURCE_DIR FOLDER_OF_SPECS STATIC_LIBRARY
+set -euo pipefail
+export LC_ALL=C
+emulate=$1/scripts/emulate examples=$1/examples headers=$1/include
+folder_of_specs=$2 archive=$3
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+cd "$folder"
+mkdir temporary
+export TMPDIR=$PWD/temporary # for compilers, which leave nothing there
+failures=0
+fail() { echo "FAILED: $*" && failures=1; }
+
+# A program shows what runs of it.
+cat >traces.c <<'C'
+#include <unistd.h>
+#define SHOW(text) (void)!write(1, text "\n", sizeof text)
+__attribute__((constructor(101))) static void first(void) { SHOW("constructor"); }
+__attribute__((destructor)) static void last(void) { SHOW("destructor"); }
+C
+{ sed '/^__attr/d' traces.c && echo 'int main(void) { return SHOW("main"), 0; }'; } >main.c
+printf "print '(a)', 'main'\nflush(6)\nend\n" >main.f90
+cp traces.c traces.cpp && cp main.c main.cpp && cp main.f90 main.F90
+echo '.section .note.GNU-stack,""' >assembler.S
+
+# The compilers as a user of the check calls them. Some work needs them as they are.
+for compiler in gcc g++ gfortran; do
+  eval "$compiler() { command $compiler -B'$folder_of_specs/' -specs=zorvac.specs \"\$@\"; }"
+done
+plain() { command "$@"; }
+checked_clang() { clang -include "$folder_of_specs/zorvac/level.h" "$@"; }
+object=$folder_of_specs/zorvac/level.o traces="-Wl,--no-as-needed,-rpath,$PWD ./libtraces.so"
+
+# on PROCESSOR PROGRAM MISSING: its output, errors and status are those of a program that starts, or
+# of one that misses these features. qemu's models come with their maker's name; for a vendor of our
+# own, scripts/emulate runs the program.
+on() {
+  local launcher=(qemu-x86_64 -cpu "$1") expected=$'constructor\nmain\ndestructor\nstatus 0'
+  case $1 in *vendor=*) launcher=("$emulate" "$1") ;; here) launcher=() ;; esac
+  [ "$3" = - ] || expected="
+Please verify that both the operating system and the processor support Zorva(R) $3 instructions.
+
+status 1"
+  "${launcher[@]}" "$2" >out 2>err && echo status 0 >>err || echo "status $?" >>err
+  grep -v "warning: TCG doesn't support" err >>out
+  diff <(echo "$expected") out >differences ||
+    fail "$built, on $1 (< expected, > seen):"$'\n'"$(<differences)"
+}
+
+v2='SSE4_1, SSE4_2 and POPCNT'
+v3='MOVBE, F16C, AVX, FMA, BMI, LZCNT and AVX2'
+v4='AVX512DQ, AVX512F, AVX512CD, AVX512BW and AVX512VL'
+haswell='MOVBE, PCLMULQDQ, F16C, AVX, RDRND, FMA, BMI, LZCNT and AVX2'
+all='SSE3, SSSE3, SSE4_1, SSE4_2, MOVBE, POPCNT, PCLMULQDQ, AES, F16C, AVX, RDRND, FMA, BMI, LZCNT'
+all+=', RTM, AVX2, AVX512DQ, AVX512F, ADX, RDSEED, AVX512IFMA52, AVX512ER, AVX512PF, AVX512CD, SHA'
+all+=', AVX512BW, AVX512VL and AVX512VBMI'
+all_options='-march=haswell -maes -mrtm -mhle -mavx512dq -madx -mrdseed -mavx512ifma -mavx512cd'
+all_options+=' -msha -mavx512bw -mavx512vl -mavx512vbmi'
+all_options+=' -D__AVX512ER__ -D__AVX512PF__' # for which the compilers of today have no option
+
+# A row is a command that builds ./program, or a processor and what the program misses there.
+while IFS= read -r row; do
+  case $row in
+    '') ;;
+    ' '*)
+      read -r processor missing <<<"${row/@/}"
+      [ -z "$built" ] || on "$processor" ./program "$missing"
+      ;;
+    *)
+      built=$row
+      rm -f ./*.o program
+      eval "$row" || { fail "$row" && built=; }
+      ;;
+  esac
+done <<ROWS
+gcc -march=x86-64 *.c -o program
+  core2duo,-ssse3,-sse3         @ -
+
+gcc -march=x86-64-v2 *.c -o program
+  core2duo                      @ $v2
+  Opteron_G3                    @ SSSE3, SSE4_1 and SSE4_2
+  Nehalem                       @ -
+
+gcc -march=x86-64-v3 *.c -o program
+  Nehalem                       @ $v3
+  Opteron_G5                    @ MOVBE, BMI and AVX2
+  Haswell,-bmi2                 @ BMI
+  Haswell,-xsave                @ F16C, AVX, FMA and AVX2
+  Haswell                       @ -
+  Haswell,vendor=OtherVendor!   @ -
+  EPYC                          @ -
+
+gcc -march=x86-64-v4 *.c -o program
+  EPYC                          @ $v4
+
+gcc -march=haswell *.c -o program
+  Nehalem                       @ $haswell
+  Haswell                       @ -
+
+gcc -march=znver3 -mno-sha -mno-rdseed *.c -o program
+  Haswell                       @ ADX
+  EPYC                          @ -
+
+gcc -mavx2 *.c -o program
+  Nehalem                       @ AVX and AVX2
+
+gcc -mbmi -mhle *.c -o program
+  Nehalem                       @ -
+
+gcc $all_options *.c -o program
+  core2duo,-ssse3,-sse3         @ $all
+
+plain gcc -c *.c; gcc -march=native *.o -o program
+  here                          @ -
+
+gcc -march=x86-64-v3 -no-pie *.c -o program
+  Nehalem                       @ $v3
+  Haswell                       @ -
+
+gcc -march=x86-64-v3 -static *.c -o program
+  Nehalem                       @ $v3
+  Haswell                       @ -
+
+gcc -march=x86-64-v3 -static-pie *.c -o program
+  Nehalem                       @ $v3
+  Haswell                       @ -
+
+gcc -march=x86-64-v3 -O2 -flto *.c -o program
+  Nehalem                       @ $v3
+  Haswell                       @ -
+
+gcc -march=x86-64-v3 -Wl,--gc-sections,-z,start-stop-gc *.c -o program
+  Nehalem                       @ $v3
+  Haswell                       @ -
+
+gcc -specs=zorvac.specs -march=x86-64-v3 -pipe -ansi -pedantic -Wall -Wextra -Werror *.c -o program
+  Nehalem                       @ $v3
+
+g++ -march=x86-64-v3 -std=c++20 -save-temps -c *.cpp; g++ -static *.o -o program
+  Nehalem                       @ $v3
+  Haswell                       @ -
+
+gfortran -march=x86-64-v3 main.f90 traces.c -o program
+  Nehalem                       @ $v3
+  Haswell                       @ -
+
+plain gcc -c traces.c && gfortran -march=x86-64-v3 -static main.F90 traces.o -o program
+  Nehalem                       @ $v3
+  Haswell                       @ -
+
+gcc -march=x86-64-v3 -shared -fPIC traces.c -o libtraces.so; plain gcc main.c $traces -o program
+  Nehalem                       @ $v3
+  Haswell                       @ -
+
+checked_clang -march=x86-64-v3 *.c $object -o program
+  Nehalem                       @ $v3
+  Haswell                       @ -
+
+gcc -march=x86-64-v3 -O2 -c *.c; gcc *.o -o program
+  Nehalem                       @ $v3
+
+plain gcc -c *.c; gcc -march=x86-64-v3 *.o -o program
+  Nehalem                       @ $v3
+
+gcc -march=x86-64-v2 -c main.c; gcc -march=x86-64-v3 -c traces.c; gcc *.o assembler.S -o program
+  core2duo                      @ $v2
+  Nehalem                       @ -
+
+gcc -march=x86-64-v3 -c traces.c; gcc -mpopcnt main.c traces.o assembler.S -o program
+  core2duo                      @ POPCNT
+  Nehalem                       @ -
+ROWS
+
+# is NAME EXPECTED SEEN
+is() {
+  diff <(echo "$2") <(echo "$3") >differences ||
+    fail "$1 (< expected, > seen):"$'\n'"$(<differences)"
+}
+
+# A plug-in that may not run here ends the program, whose handlers run and whose output is not lost.
+cat >host.c <<'C'
+#include <dlfcn.h>
+#include <stdio.h>
+#include <stdlib.h>
+static void leave(void) { puts("handler"); }
+int main(void) {
+  atexit(leave);
+  puts("host");
+  puts(dlopen("./libplugin.so", RTLD_NOW) ? "opened" : dlerror());
+  return 0;
+}
+C
+echo 'int plugin;' | gcc -march=x86-64-v3 -shared -fPIC -xc - -o libplugin.so
+plain gcc host.c -o host -ldl
+is plug-in $'host\nhandler\nstatus 1' \
+  "$(qemu-x86_64 -cpu Nehalem ./host 2>/dev/null || echo "status $?")"
+
+# The message comes from the catalogue that the environment chooses, before the C library is set up.
+printf '%s\n' "\$set 1" '56 Es fehlt: %s' '57  und ' | gencat vrt_msg.cat
+gcc -mavx2 main.c -o program
+is catalogue $'\nEs fehlt: AVX und AVX2' \
+  "$(LANG=de_DE NLSPATH=$PWD/%N qemu-x86_64 -cpu Nehalem ./program 2>&1 | grep -v TCG)"
+
+# The check beside the library itself, of which it has parts of its own.
+plain gcc -I"$headers" -c "$examples/processor.c" -o example.o
+gcc -march=x86-64-v2 -static example.o "$archive" -o program
+qemu-x86_64 -cpu Nehalem ./program | grep 'class' >/dev/null || fail "with libzorvac.a: not running"
+
+# An example that computes before main.
+gcc -march=native "$examples/level.c" -o program
+is 'example level' 'started: the first 100 squares add up to 328350' "$(./program)"
+
+# What the check adds to a program, in bytes.
+plain gcc main.c -s -o unchecked && gcc -march=haswell main.c -s -o checked
+growth=$(($(stat -c %s checked) - $(stat -c %s unchecked)))
+[ $growth -le 16384 ] || fail "a program grows by $growth bytes"
+
+# Compilers that cannot do it say so; work that links nothing is as ever.
+says() { # WORDS COMMAND...
+  "${@:2}" >log 2>&1 || true
+  grep -F -- "$1" log >/dev/null || fail "${*:2} does not say: $1"$'\n'"$(<log)"
+}
+says 'zorvac/level.h are for 64-bit x86 programs only' gcc -m32 -c main.c
+says 'zorvac/level.h: No such file' plain gcc -specs="$folder_of_specs/zorvac.specs" -c main.c
+says "argument unused during compilation: '-specs=zorvac.specs'" clang -specs=zorvac.specs -c main.c
+echo '#define IN_PCH 1' >all.h && gcc all.h
+says '! ./all.h.gch' gcc -H -include all.h -fsyntax-only main.c
+for option in -E -S -M -fsyntax-only; do
+  gcc $option main.c -o/dev/null || fail "$option"
+done
+echo 'export module m;' >m.cpp
+g++ -std=c++20 -fmodules-ts -c m.cpp || fail "a C++ module"
+is 'left behind' '' "$(ls temporary)"
+
+[ $failures = 0 ]
