@@ -1,0 +1,331 @@
+// Stands in the way of fatal signals: reports one, then lets it take its course.
+//
+// To the program, the default action of these signals is still the default one. A program that asks
+// for the action is told so, one that sets it to the default gets the report back, and one that has
+// a handler of its own has that alone.
+#include <dlfcn.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <threads.h>
+#include <time.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/text_buffer.h"
+#include "diag/texts.h"
+#include "report.h"
+
+extern "C" {
+// The C library's sigaction(), by a name that nothing stands in front of.
+int __sigaction(int number, const struct sigaction* action, struct sigaction* previous) noexcept;
+
+// Calls `routine` on another stack, which ends at `stack`. Unwinders find the way back.
+void zorvac_crash_call_on(void* stack, void (*routine)(int, siginfo_t*, ucontext_t*), int number,
+                          siginfo_t* info, ucontext_t* context);
+}
+__asm__(R"(
+  .text
+  .type zorvac_crash_call_on, @function
+zorvac_crash_call_on:
+  .cfi_startproc
+  pushq %rbp
+  .cfi_def_cfa_offset 16
+  .cfi_offset %rbp, -16
+  movq %rsp, %rbp
+  .cfi_def_cfa_register %rbp
+  movq %rdi, %rsp
+  movq %rsi, %rax
+  movl %edx, %edi
+  movq %rcx, %rsi
+  movq %r8, %rdx
+  call *%rax
+  leave
+  .cfi_def_cfa %rsp, 8
+  ret
+  .cfi_endproc
+  .size zorvac_crash_call_on, . - zorvac_crash_call_on
+)");
+
+namespace zorvac::crash {
+namespace {
+
+bool enabled;  // set once, before the program begins
+
+// ---- The handler ----
+
+// Who reports, or has reported: the ids of process and thread. One of another process is nobody: a
+// fork may have been made amid a report.
+std::atomic<std::uint64_t> reporter;
+constexpr std::uint64_t is_done = 1u << 31;  // thread ids are smaller
+std::uint64_t process_of(std::uint64_t thread) { return thread >> 32; }
+std::uint64_t this_thread() {
+  return static_cast<std::uint64_t>(getpid()) << 32 |
+         static_cast<std::uint64_t>(syscall(SYS_gettid));
+}
+
+void on_signal(int number, siginfo_t* info, void* context);
+
+// While it runs, only what a report itself may raise gets through.
+struct sigaction reporting_action() {
+  struct sigaction action = {};
+  action.sa_sigaction = on_signal;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
+  sigfillset(&action.sa_mask);
+  for (const int number : fatal_signals) sigdelset(&action.sa_mask, number);
+  sigdelset(&action.sa_mask, time_is_over);
+  return action;
+}
+bool is_ours(const struct sigaction& action) { return action.sa_sigaction == on_signal; }
+bool is_fatal(int number) {
+  for (const int fatal : fatal_signals)
+    if (number == fatal) return true;
+  return false;
+}
+
+void sleep_milliseconds(long count) {
+  const timespec time{.tv_sec = count / 1000, .tv_nsec = count % 1000 * 1'000'000};
+  nanosleep(&time, nullptr);
+}
+
+// Runs on a stack of its own, as the program's own signal stack may be small. On that one, further
+// signals would overwrite the frame of this one: they come here.
+void report_on_own_stack(int number, siginfo_t* info, ucontext_t* context) {
+  const stack_t none{.ss_sp = nullptr, .ss_flags = SS_DISABLE, .ss_size = 0};
+  sigaltstack(&none, nullptr);  // the return from the handler puts back what was
+  const struct sigaction action = reporting_action();
+  for (const int fatal : fatal_signals) __sigaction(fatal, &action, nullptr);
+  __sigaction(time_is_over, &action, nullptr);
+  struct sigaction ignored = {};
+  ignored.sa_handler = SIG_IGN;
+  __sigaction(SIGPIPE, &ignored, nullptr);
+  report(number, *info, *context);
+}
+
+// The signal is sent once more, as it was, to be taken by the default action as soon as the handler
+// has returned to where it came: registers, cause and status are those of a process without this
+// library. No other signal may come first. A process that signals do not end (the first one of a
+// container) executes the faulting instruction again, and that ends it.
+void let_take_its_course(int number, const siginfo_t& info, ucontext_t& context) {
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_SETMASK, &all, nullptr);
+  struct sigaction standard = {};
+  standard.sa_handler = SIG_DFL;
+  __sigaction(number, &standard, nullptr);
+  const pid_t thread = static_cast<pid_t>(syscall(SYS_gettid));
+  if (syscall(SYS_rt_tgsigqueueinfo, getpid(), thread, number, &info) != 0) raise(number);
+  constexpr std::size_t kernel_bytes = 8;  // of a signal set; behind it are other things
+  sigdelset(&all, number);
+  std::memcpy(&context.uc_sigmask, &all, kernel_bytes);
+}
+
+// A second thread that fails waits for the report of the first, and the end that comes with it.
+void wait_for_report() {
+  while ((reporter.load() & is_done) == 0) sleep_milliseconds(10);
+  sleep_milliseconds(1000);
+}
+
+void on_signal(int number, siginfo_t* info, void* opaque_context) {
+  alignas(16) static char stack[1 << 16];
+  auto* const context = static_cast<ucontext_t*>(opaque_context);
+  const std::uint64_t self = this_thread();
+  std::uint64_t owner = reporter.load();
+  // Reading and writing files are places where a thread may be cancelled.
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  if (owner == self) leave_step();
+  if (process_of(owner) != process_of(self) && reporter.compare_exchange_strong(owner, self)) {
+    zorvac_crash_call_on(stack + sizeof stack, report_on_own_stack, number, info, context);
+    reporter.store(self | is_done);
+  } else if (owner != (self | is_done)) {
+    wait_for_report();
+  }
+  let_take_its_course(number, *info, *context);
+}
+
+// Where nobody else handles the signal, or ignores it.
+void report_if_default(int number) {
+  struct sigaction now;
+  if (__sigaction(number, nullptr, &now) != 0 || now.sa_handler != SIG_DFL) return;
+  const struct sigaction action = reporting_action();
+  __sigaction(number, &action, nullptr);
+}
+
+// Of signal() and its like: what the program is to know of the previous handler.
+template <class Handler>
+Handler after_change(int number, Handler handler, Handler previous) {
+  if (enabled && is_fatal(number) && previous != SIG_ERR && handler == SIG_DFL)
+    report_if_default(number);
+  const bool was_ours =
+      reinterpret_cast<std::uintptr_t>(previous) == reinterpret_cast<std::uintptr_t>(on_signal);
+  return was_ours ? SIG_DFL : previous;
+}
+
+// ---- The signal stack of each thread ----
+
+// A handler cannot run on a stack that is used up. Programs with SA_ONSTACK in their actions get
+// this stack, too, so there is room for more than the report.
+//
+//   | guard | stack, which grows down | thread_start |
+struct thread_start {
+  void* routine;  // of one of the types below
+  void* argument;
+};
+constexpr std::size_t guard_bytes = 4096, mapped_bytes = guard_bytes + (1 << 16);
+
+pthread_key_t key_of_stack;  // its destructor runs however a thread ends
+
+char* begin_of_mapping(thread_start* start) {
+  return reinterpret_cast<char*>(start + 1) - mapped_bytes;
+}
+
+thread_start* map_signal_stack() {
+  void* const begin =
+      mmap(nullptr, mapped_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (begin == MAP_FAILED) return nullptr;
+  mprotect(begin, guard_bytes, PROT_NONE);
+  return reinterpret_cast<thread_start*>(static_cast<char*>(begin) + mapped_bytes) - 1;
+}
+
+void use_signal_stack(thread_start* start) {
+  char* const begin = begin_of_mapping(start) + guard_bytes;
+  const stack_t stack{.ss_sp = begin,
+                      .ss_flags = 0,
+                      .ss_size = static_cast<std::size_t>(reinterpret_cast<char*>(start) - begin)};
+  sigaltstack(&stack, nullptr);
+}
+
+// A thread that ends in a handler, on this stack, keeps it.
+void unmap_signal_stack(void* opaque_start) {
+  auto* const start = static_cast<thread_start*>(opaque_start);
+  char* const begin = begin_of_mapping(start);
+  stack_t now;
+  sigaltstack(nullptr, &now);
+  if ((now.ss_flags & SS_ONSTACK) != 0) return;
+  if (now.ss_sp == begin + guard_bytes) {
+    now.ss_flags = SS_DISABLE;
+    sigaltstack(&now, nullptr);
+  }
+  munmap(begin, mapped_bytes);
+}
+
+template <class Result>
+Result run_thread(void* opaque_start) {
+  auto* const start = static_cast<thread_start*>(opaque_start);
+  pthread_setspecific(key_of_stack, start);
+  use_signal_stack(start);
+  return reinterpret_cast<Result (*)(void*)>(start->routine)(start->argument);
+}
+
+// `create` starts a thread that runs a routine with an argument; its result is 0 where it does.
+template <class Result, class Create>
+int create_thread(Result (*routine)(void*), void* argument, const Create& create) {
+  thread_start* const start = enabled ? map_signal_stack() : nullptr;
+  if (start == nullptr) return create(routine, argument);
+  *start = {reinterpret_cast<void*>(routine), argument};
+  const int status = create(run_thread<Result>, start);
+  if (status != 0) munmap(begin_of_mapping(start), mapped_bytes);
+  return status;
+}
+
+// The next definition of a routine that this library stands in front of. Looked up when the library
+// is loaded: later, the loader's lock may be taken.
+template <class Routine>
+class next_definition {
+ public:
+  explicit constexpr next_definition(const char* name) : name_{name} {}
+  Routine* get() {
+    Routine* found = found_.load(std::memory_order_relaxed);
+    if (found != nullptr) return found;
+    found = reinterpret_cast<Routine*>(dlsym(RTLD_NEXT, name_));
+    found_.store(found, std::memory_order_relaxed);
+    return found;
+  }
+
+ private:
+  const char* const name_;
+  std::atomic<Routine*> found_{};
+};
+constinit next_definition<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>
+    next_pthread_create("pthread_create");
+constinit next_definition<int(thrd_t*, int (*)(void*), void*)> next_thrd_create("thrd_create");
+
+// ---- The start ----
+
+void tell_unknown(const char* value) {
+  text_buffer<256> shown;
+  shown.append(value);
+  char name[256];
+  diag::put_text(shown.c_str(), name, sizeof name);
+  diag::hide_commands(name);
+  write_text("ZORVAC_CRASH is neither \"on\" nor \"off\": \"");
+  write_text(name);
+  write_text("\". Crashes are reported.\n");
+}
+
+[[gnu::constructor]] void start() {
+  next_pthread_create.get();
+  next_thrd_create.get();
+  const char* const value = std::getenv("ZORVAC_CRASH");
+  if (value != nullptr) {
+    if (std::strcmp(value, "off") == 0) return;
+    if (*value != '\0' && std::strcmp(value, "on") != 0) tell_unknown(value);
+  }
+  enabled = pthread_key_create(&key_of_stack, unmap_signal_stack) == 0;
+  stack_t stack;
+  sigaltstack(nullptr, &stack);
+  if ((stack.ss_flags & SS_DISABLE) != 0)
+    if (thread_start* const mapped = map_signal_stack()) use_signal_stack(mapped);
+  for (const int number : fatal_signals) report_if_default(number);
+}
+
+}  // namespace
+}  // namespace zorvac::crash
+
+// ---- What programs call ----
+
+using namespace zorvac::crash;
+
+extern "C" {
+#pragma GCC visibility push(default)
+
+int sigaction(int number, const struct sigaction* action, struct sigaction* previous) noexcept {
+  struct sigaction reporting;
+  if (enabled && is_fatal(number) && action != nullptr && action->sa_handler == SIG_DFL) {
+    reporting = reporting_action();
+    action = &reporting;
+  }
+  const int status = __sigaction(number, action, previous);
+  if (status == 0 && previous != nullptr && is_ours(*previous)) *previous = {};
+  return status;
+}
+
+sighandler_t signal(int number, sighandler_t handler) noexcept {
+  return after_change(number, handler, ssignal(number, handler));
+}
+
+sighandler_t __sysv_signal(int number, sighandler_t handler) noexcept {
+  return after_change(number, handler, sysv_signal(number, handler));
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
+                   void* argument) noexcept {
+  return create_thread(routine, argument, [=](void* (*run)(void*), void* given) {
+    return next_pthread_create.get()(thread, attributes, run, given);
+  });
+}
+
+int thrd_create(thrd_t* thread, int (*routine)(void*), void* argument) {
+  return create_thread(routine, argument, [=](int (*run)(void*), void* given) {
+    return next_thrd_create.get()(thread, run, given);
+  });
+}
+
+#pragma GCC visibility pop
+}
