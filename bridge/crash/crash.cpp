@@ -149,21 +149,26 @@ void on_signal(int number, siginfo_t* info, void* opaque_context) {
   let_take_its_course(number, *info, *context);
 }
 
+// What the program is told of an action of ours: the default one, as it was set.
+struct sigaction& default_action(int number) {
+  static struct sigaction actions[_NSIG];
+  return actions[number];
+}
+
 // Where nobody else handles the signal, or ignores it.
 void report_if_default(int number) {
   struct sigaction now;
   if (__sigaction(number, nullptr, &now) != 0 || now.sa_handler != SIG_DFL) return;
+  default_action(number) = now;
   const struct sigaction action = reporting_action();
   __sigaction(number, &action, nullptr);
 }
 
 // Of signal() and its like: what the program is to know of the previous handler.
-template <class Handler>
-Handler after_change(int number, Handler handler, Handler previous) {
-  if (enabled && is_fatal(number) && previous != SIG_ERR && handler == SIG_DFL)
-    report_if_default(number);
+sighandler_t after_change(int number, sighandler_t previous) {
   const bool was_ours =
       reinterpret_cast<std::uintptr_t>(previous) == reinterpret_cast<std::uintptr_t>(on_signal);
+  if (enabled && is_fatal(number)) report_if_default(number);
   return was_ours ? SIG_DFL : previous;
 }
 
@@ -296,22 +301,19 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 int sigaction(int number, const struct sigaction* action, struct sigaction* previous) noexcept {
-  struct sigaction reporting;
-  if (enabled && is_fatal(number) && action != nullptr && action->sa_handler == SIG_DFL) {
-    reporting = reporting_action();
-    action = &reporting;
-  }
   const int status = __sigaction(number, action, previous);
-  if (status == 0 && previous != nullptr && is_ours(*previous)) *previous = {};
+  if (status != 0) return status;
+  if (previous != nullptr && is_ours(*previous)) *previous = default_action(number);
+  if (enabled && action != nullptr && is_fatal(number)) report_if_default(number);
   return status;
 }
 
 sighandler_t signal(int number, sighandler_t handler) noexcept {
-  return after_change(number, handler, ssignal(number, handler));
+  return after_change(number, ssignal(number, handler));
 }
 
 sighandler_t __sysv_signal(int number, sighandler_t handler) noexcept {
-  return after_change(number, handler, sysv_signal(number, handler));
+  return after_change(number, sysv_signal(number, handler));
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),

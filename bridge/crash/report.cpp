@@ -292,7 +292,7 @@ volatile std::size_t steps_begun;
 class time_limit {
  public:
   time_limit() {
-    constexpr itimerspec limits{.it_interval = {0, 200'000'000}, .it_value = {10, 0}};
+    constexpr itimerspec limits{.it_interval = {0, 200'000'000}, .it_value = {5, 0}};
     sigevent event{};
     event.sigev_notify = SIGEV_THREAD_ID;
     event.sigev_signo = time_is_over;
