@@ -72,14 +72,11 @@ std::uint64_t this_thread() {
 
 void on_signal(int number, siginfo_t* info, void* context);
 
-// While it runs, only what a report itself may raise gets through.
 struct sigaction reporting_action() {
   struct sigaction action = {};
   action.sa_sigaction = on_signal;
-  action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK;
   sigfillset(&action.sa_mask);
-  for (const int number : fatal_signals) sigdelset(&action.sa_mask, number);
-  sigdelset(&action.sa_mask, time_is_over);
   return action;
 }
 bool is_ours(const struct sigaction& action) { return action.sa_sigaction == on_signal; }
@@ -102,9 +99,6 @@ void report_on_own_stack(int number, siginfo_t* info, ucontext_t* context) {
   const struct sigaction action = reporting_action();
   for (const int fatal : fatal_signals) __sigaction(fatal, &action, nullptr);
   __sigaction(time_is_over, &action, nullptr);
-  struct sigaction ignored = {};
-  ignored.sa_handler = SIG_IGN;
-  __sigaction(SIGPIPE, &ignored, nullptr);
   report(number, *info, *context);
 }
 

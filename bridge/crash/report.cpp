@@ -309,6 +309,19 @@ class time_limit {
   int timer_ = -1;
 };
 
+void block_all_signals() {
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_SETMASK, &all, nullptr);
+}
+void allow_signals_of_steps() {
+  sigset_t allowed;
+  sigemptyset(&allowed);
+  for (const int number : fatal_signals) sigaddset(&allowed, number);
+  sigaddset(&allowed, time_is_over);
+  sigprocmask(SIG_UNBLOCK, &allowed, nullptr);
+}
+
 // False where there is none of this number.
 bool take_step(std::size_t step, int number, const siginfo_t& info, ucontext_t& context) {
   constexpr std::size_t first_frame = 3;
@@ -354,7 +367,9 @@ void report(int number, const siginfo_t& info, ucontext_t& context) {
     const time_limit limit;
     frames.count = 0;
     steps_begun = 0;
+    // A jump leads here, with all signals blocked.
     volatile bool was_left = sigsetjmp(next_step, 0) != 0;
+    allow_signals_of_steps();
     for (bool more = true; more;) {
       const std::size_t step = steps_begun;
       steps_begun = step + 1;
@@ -363,6 +378,7 @@ void report(int number, const siginfo_t& info, ucontext_t& context) {
       was_left = false;
       more = take_step(step, number, info, context);
     }
+    block_all_signals();
   }
   diag::release_images();
   context.uc_mcontext.gregs[REG_RIP] = pc;

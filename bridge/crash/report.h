@@ -11,8 +11,8 @@ inline constexpr int fatal_signals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP
 // The kernel sends it to nobody, so that it can tell a report that its time is over.
 inline constexpr int time_is_over = SIGSTKFLT;
 
-// Writes the report, one step after the other. Uses static memory only, so one at a time. What it
-// changes in the context it puts back.
+// Writes the report, one step after the other. Uses static memory only, so one at a time. Called
+// with all signals blocked, and returns so. What it changes in the context it puts back.
 void report(int number, const siginfo_t& info, ucontext_t& context);
 
 // Called by the handler of a signal that a step has raised, or that ends its time: goes on with the
