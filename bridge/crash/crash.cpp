@@ -184,7 +184,13 @@ char* begin_of_mapping(thread_start* start) {
   return reinterpret_cast<char*>(start + 1) - mapped_bytes;
 }
 
+// A few stacks of threads that have ended wait here for the next ones, as the C library has it with
+// the stacks that threads run on.
+std::atomic<thread_start*> unused_stacks[16];
+
 thread_start* map_signal_stack() {
+  for (std::atomic<thread_start*>& unused : unused_stacks)
+    if (thread_start* const start = unused.exchange(nullptr)) return start;
   void* const begin =
       mmap(nullptr, mapped_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (begin == MAP_FAILED) return nullptr;
@@ -200,18 +206,25 @@ void use_signal_stack(thread_start* start) {
   sigaltstack(&stack, nullptr);
 }
 
+void unmap_signal_stack(thread_start* start) {
+  for (std::atomic<thread_start*>& unused : unused_stacks) {
+    thread_start* nothing = nullptr;
+    if (unused.compare_exchange_strong(nothing, start)) return;
+  }
+  munmap(begin_of_mapping(start), mapped_bytes);
+}
+
 // A thread that ends in a handler, on this stack, keeps it.
-void unmap_signal_stack(void* opaque_start) {
+void end_thread(void* opaque_start) {
   auto* const start = static_cast<thread_start*>(opaque_start);
-  char* const begin = begin_of_mapping(start);
   stack_t now;
   sigaltstack(nullptr, &now);
   if ((now.ss_flags & SS_ONSTACK) != 0) return;
-  if (now.ss_sp == begin + guard_bytes) {
+  if (now.ss_sp == begin_of_mapping(start) + guard_bytes) {
     now.ss_flags = SS_DISABLE;
     sigaltstack(&now, nullptr);
   }
-  munmap(begin, mapped_bytes);
+  unmap_signal_stack(start);
 }
 
 template <class Result>
@@ -229,7 +242,7 @@ int create_thread(Result (*routine)(void*), void* argument, const Create& create
   if (start == nullptr) return create(routine, argument);
   *start = {reinterpret_cast<void*>(routine), argument};
   const int status = create(run_thread<Result>, start);
-  if (status != 0) munmap(begin_of_mapping(start), mapped_bytes);
+  if (status != 0) unmap_signal_stack(start);
   return status;
 }
 
@@ -276,7 +289,7 @@ void tell_unknown(const char* value) {
     if (std::strcmp(value, "off") == 0) return;
     if (*value != '\0' && std::strcmp(value, "on") != 0) tell_unknown(value);
   }
-  enabled = pthread_key_create(&key_of_stack, unmap_signal_stack) == 0;
+  enabled = pthread_key_create(&key_of_stack, end_thread) == 0;
   stack_t stack;
   sigaltstack(nullptr, &stack);
   if ((stack.ss_flags & SS_DISABLE) != 0)

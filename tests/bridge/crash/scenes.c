@@ -260,6 +260,7 @@ static int count_mappings(void) {
   return lines;
 }
 static void* end_thread(void* how) {
+  pthread_barrier_wait(&all_are_there);
   if (how == &file) pthread_exit(NULL);
   if (how != NULL) {
     pthread_cancel(pthread_self());
@@ -268,12 +269,12 @@ static void* end_thread(void* how) {
   return NULL;
 }
 static void end_threads(void) {
+  enum { threads = 40 };
   void* const ways[] = {NULL, (void*)&file, (void*)&block};
-  for (int i = 0; i < 30; ++i) {
-    pthread_t thread;
-    start(&thread, end_thread, ways[i % 3]);
-    pthread_join(thread, NULL);
-  }
+  pthread_t all[threads];
+  pthread_barrier_init(&all_are_there, NULL, threads);
+  for (int i = 0; i < threads; ++i) start(&all[i], end_thread, ways[i % 3]);
+  for (int i = 0; i < threads; ++i) pthread_join(all[i], NULL);
 }
 static void count_stacks(void) {
   end_threads();
