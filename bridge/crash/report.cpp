@@ -9,6 +9,7 @@
 #include "report.h"
 
 #include <dlfcn.h>
+#include <link.h>
 #include <poll.h>
 #include <setjmp.h>
 #include <sys/syscall.h>
@@ -92,7 +93,7 @@ constexpr reason reasons[] = {
 };
 
 const char* name_of(int number) {
-  constexpr const char* names[] = {"SIGSEGV", "SIGBUS",  "SIGILL", "SIGFPE",
+  constexpr const char* names[] = {"SIGSEGV", "SIGBUS", "SIGILL", "SIGFPE",
                                    "SIGTRAP", "SIGSYS", "SIGABRT"};
   static_assert(std::size(names) == std::size(fatal_signals));
   for (std::size_t i = 0; i < std::size(names); ++i)
@@ -165,6 +166,16 @@ void tell_what_happened(int number, const siginfo_t& info, const ucontext_t& con
 
 // ---- The walk ----
 
+void* pointer_to(std::uint64_t address) {
+  return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
+}
+
+// The loaded object that holds an address, or null. This takes no lock.
+const link_map* object_of(std::uint64_t address) {
+  dl_find_object found;
+  return _dl_find_object(pointer_to(address), &found) == 0 ? found.dlfo_link_map : nullptr;
+}
+
 struct frame {
   std::uint64_t pc;
   bool is_interrupted;     // there, by a signal; and not in a call that returns there
@@ -176,12 +187,8 @@ constexpr std::size_t innermost = 64, outermost = 32;
 struct {
   std::size_t count;
   frame first[innermost], last[outermost];
-  frame& at(std::size_t i) {
-    return i < innermost ? first[i] : last[(i - innermost) % outermost];
-  }
-  [[nodiscard]] bool has(std::size_t i) const {
-    return i < innermost || i + outermost >= count;
-  }
+  frame& at(std::size_t i) { return i < innermost ? first[i] : last[(i - innermost) % outermost]; }
+  [[nodiscard]] bool has(std::size_t i) const { return i < innermost || i + outermost >= count; }
 } frames;
 
 bool is_own(std::uint64_t pc) {
@@ -213,11 +220,8 @@ void take_back_call(ucontext_t& context) {
   const std::uint64_t stack = value_of(context, REG_RSP);
   if (!is_readable(stack)) return;
   std::uint64_t returns_to = 0;
-  std::memcpy(&returns_to, reinterpret_cast<const void*>(stack),  // NOLINT(*-int-to-ptr)
-              sizeof returns_to);
-  dl_find_object object;
-  if (_dl_find_object(reinterpret_cast<void*>(returns_to), &object) != 0)  // NOLINT(*-int-to-ptr)
-    return;
+  std::memcpy(&returns_to, pointer_to(stack), sizeof returns_to);
+  if (object_of(returns_to) == nullptr) return;
   context.uc_mcontext.gregs[REG_RIP] = static_cast<greg_t>(returns_to - 1);
   context.uc_mcontext.gregs[REG_RSP] += sizeof returns_to;
 }
@@ -245,8 +249,7 @@ void prepare_names() {
 // The name of the dynamic symbol whose routine holds an address, if there is any.
 void find_exported_name(std::uint64_t place, tbk_pc_info& info) {
   Dl_info symbol;
-  const bool known = dladdr(reinterpret_cast<void*>(place), &symbol) != 0;  // NOLINT(*-int-to-ptr)
-  if (known && symbol.dli_sname != nullptr)
+  if (dladdr(pointer_to(place), &symbol) != 0 && symbol.dli_sname != nullptr)
     diag::put_text(symbol.dli_sname, info.routine, sizeof info.routine);
 }
 
@@ -264,18 +267,17 @@ void tell_frame(std::size_t number) {
     return;
   }
   const std::uint64_t place = place_of(it);
-  std::uint64_t bias = 0;
   tbk_getModuleName(place, image, sizeof image);
-  tbk_get_pc_info_pie(image, place, &bias, &info);
+  tbk_get_pc_info(image, place, nullptr, &info);
   if (is_unknown(info.routine)) find_exported_name(place, info);
   for (char* const name : {image, info.routine, info.file}) diag::hide_commands(name);
   text.put(info.routine);
   if (!is_unknown(info.file)) text.put(" at ").put(info.file);
   if (info.line != 0) text.put(":").put(info.line);
-  if (is_unknown(image)) {
-    text.put(" (").put_address(it.pc).put(")").write();
+  if (const link_map* const object = object_of(place)) {
+    text.put(" (").put(image).put("+").put_address(place - object->l_addr).put(")").write();
   } else {
-    text.put(" (").put(image).put("+").put_address(place - bias).put(")").write();
+    text.put(" (").put_address(it.pc).put(")").write();
   }
 }
 

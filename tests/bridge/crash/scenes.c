@@ -121,9 +121,7 @@ static void call_data(void) {
   call_target();
 }
 
-ROUTINE return_wild(void) {
-  __asm__ volatile("pushq $0; pushq $0x123456; ret");
-}
+ROUTINE return_wild(void) { __asm__ volatile("pushq $0; pushq $0x123456; ret"); }
 
 // The walk faults with the stack.
 ROUTINE lose_stack(void) {
@@ -327,7 +325,8 @@ static void restore_previous(void) {
   struct sigaction previous, again;
   sigaction(SIGSEGV, &own, &previous);
   sigaction(SIGSEGV, &previous, &again);
-  printf("default %d, own %d\n", previous.sa_handler == SIG_DFL, again.sa_handler == end_in_handler);
+  printf("default %d, own %d\n", previous.sa_handler == SIG_DFL,
+         again.sa_handler == end_in_handler);
   printf("default %d", signal(SIGFPE, end_in_handler) == SIG_DFL);
   printf(", own %d", signal(SIGFPE, SIG_DFL) == end_in_handler);
   printf(", default %d\n", signal(SIGFPE, SIG_DFL) == SIG_DFL);
