@@ -49,7 +49,7 @@ in_short() {
       next
     }
     /^#[0-9]+ .* \(crash_plugin/ { add($2); next }
-    /^#[0-9]+ +[^ ]+ \(.*\)$/ { next }
+    /^#[0-9]+ +[^ ]+ \(.*\)$/ && !/libzorvac_crash/ { next }
     { print }
     END { if (text != "") print text }'
 }
@@ -143,7 +143,7 @@ ulimit -S -c "$(ulimit -H -c)"
 plays "$null main" null
 for preloaded in '' "$library"; do
   rm -f core*
-  LD_PRELOAD=$preloaded ./crash_scenes null 2>/dev/null || true
+  LD_PRELOAD=$preloaded ./crash_scenes call_null 2>/dev/null || true
   for core in core*; do
     [ -e "$core" ] || continue
     # The end of an address is the same wherever the program is loaded.

@@ -344,14 +344,11 @@ static void load_library_late(void) {
 
 // Room for the signal's frame, and for a handler that calls next to nothing.
 static void own_small_stack(void) {
-  const size_t page = 4096;
-  const size_t bytes = ((size_t)sysconf(_SC_MINSIGSTKSZ) + 2 * page - 1) & -page;
+  const size_t page = 4096, used = (size_t)sysconf(_SC_MINSIGSTKSZ) + 1024;
   char* const mapped =
-      mmap(NULL, bytes + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      mmap(NULL, page + used, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   mprotect(mapped, page, PROT_NONE);
-  const size_t used = (size_t)sysconf(_SC_MINSIGSTKSZ) + 1024;
-  const stack_t own = {.ss_sp = mapped + page + bytes - used, .ss_size = used};
-  memset(own.ss_sp, 0, used);
+  const stack_t own = {.ss_sp = mapped + page, .ss_size = used};
   if (sigaltstack(&own, NULL) != 0) fail("sigaltstack");
   stack_t now;
   sigaltstack(NULL, &now);
