@@ -4,12 +4,11 @@
 // for the action is told so, one that sets it to the default gets the report back, and one that has
 // a handler of its own has that alone.
 #include <dlfcn.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <threads.h>
-#include <time.h>
 #include <ucontext.h>
 #include <unistd.h>
 
@@ -18,40 +17,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/text_buffer.h"
 #include "diag/texts.h"
 #include "report.h"
 
 extern "C" {
 // The C library's sigaction(), by a name that nothing stands in front of.
 int __sigaction(int number, const struct sigaction* action, struct sigaction* previous) noexcept;
-
-// Calls `routine` on another stack, which ends at `stack`. Unwinders find the way back.
-void zorvac_crash_call_on(void* stack, void (*routine)(int, siginfo_t*, ucontext_t*), int number,
-                          siginfo_t* info, ucontext_t* context);
 }
-__asm__(R"(
-  .text
-  .type zorvac_crash_call_on, @function
-zorvac_crash_call_on:
-  .cfi_startproc
-  pushq %rbp
-  .cfi_def_cfa_offset 16
-  .cfi_offset %rbp, -16
-  movq %rsp, %rbp
-  .cfi_def_cfa_register %rbp
-  movq %rdi, %rsp
-  movq %rsi, %rax
-  movl %edx, %edi
-  movq %rcx, %rsi
-  movq %r8, %rdx
-  call *%rax
-  leave
-  .cfi_def_cfa %rsp, 8
-  ret
-  .cfi_endproc
-  .size zorvac_crash_call_on, . - zorvac_crash_call_on
-)");
 
 namespace zorvac::crash {
 namespace {
@@ -86,22 +58,6 @@ bool is_fatal(int number) {
   return false;
 }
 
-void sleep_milliseconds(long count) {
-  const timespec time{.tv_sec = count / 1000, .tv_nsec = count % 1000 * 1'000'000};
-  nanosleep(&time, nullptr);
-}
-
-// Runs on a stack of its own, as the program's own signal stack may be small. On that one, further
-// signals would overwrite the frame of this one: they come here.
-void report_on_own_stack(int number, siginfo_t* info, ucontext_t* context) {
-  const stack_t none{.ss_sp = nullptr, .ss_flags = SS_DISABLE, .ss_size = 0};
-  sigaltstack(&none, nullptr);  // the return from the handler puts back what was
-  const struct sigaction action = reporting_action();
-  for (const int fatal : fatal_signals) __sigaction(fatal, &action, nullptr);
-  __sigaction(time_is_over, &action, nullptr);
-  report(number, *info, *context);
-}
-
 // The signal is sent once more, as it was, to be taken by the default action as soon as the handler
 // has returned to where it came: registers, cause and status are those of a process without this
 // library. No other signal may come first. A process that signals do not end (the first one of a
@@ -120,27 +76,25 @@ void let_take_its_course(int number, const siginfo_t& info, ucontext_t& context)
   std::memcpy(&context.uc_sigmask, &all, kernel_bytes);
 }
 
-// A second thread that fails waits for the report of the first, and the end that comes with it.
-void wait_for_report() {
-  while ((reporter.load() & is_done) == 0) sleep_milliseconds(10);
-  sleep_milliseconds(1000);
-}
-
 void on_signal(int number, siginfo_t* info, void* opaque_context) {
-  alignas(16) static char stack[1 << 16];
-  auto* const context = static_cast<ucontext_t*>(opaque_context);
   const std::uint64_t self = this_thread();
   std::uint64_t owner = reporter.load();
   // Reading and writing files are places where a thread may be cancelled.
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   if (owner == self) leave_step();
+  ucontext_t& context = *static_cast<ucontext_t*>(opaque_context);
   if (process_of(owner) != process_of(self) && reporter.compare_exchange_strong(owner, self)) {
-    zorvac_crash_call_on(stack + sizeof stack, report_on_own_stack, number, info, context);
+    const struct sigaction action = reporting_action();
+    for (const int fatal : fatal_signals) __sigaction(fatal, &action, nullptr);
+    __sigaction(time_is_over, &action, nullptr);
+    report(number, *info, context);
     reporter.store(self | is_done);
   } else if (owner != (self | is_done)) {
-    wait_for_report();
+    // The report of another thread, and the end of the process that comes with it.
+    while ((reporter.load() & is_done) == 0) poll(nullptr, 0, 10);
+    poll(nullptr, 0, 1000);
   }
-  let_take_its_course(number, *info, *context);
+  let_take_its_course(number, *info, context);
 }
 
 // What the program is told of an action of ours: the default one, as it was set.
@@ -173,7 +127,7 @@ sighandler_t after_change(int number, sighandler_t previous) {
 //
 //   | guard | stack, which grows down | thread_start |
 struct thread_start {
-  void* routine;  // of one of the types below
+  void* (*routine)(void*);
   void* argument;
 };
 constexpr std::size_t guard_bytes = 4096, mapped_bytes = guard_bytes + (1 << 16);
@@ -227,54 +181,29 @@ void end_thread(void* opaque_start) {
   unmap_signal_stack(start);
 }
 
-template <class Result>
-Result run_thread(void* opaque_start) {
+void* run_thread(void* opaque_start) {
   auto* const start = static_cast<thread_start*>(opaque_start);
   pthread_setspecific(key_of_stack, start);
   use_signal_stack(start);
-  return reinterpret_cast<Result (*)(void*)>(start->routine)(start->argument);
+  return start->routine(start->argument);
 }
 
-// `create` starts a thread that runs a routine with an argument; its result is 0 where it does.
-template <class Result, class Create>
-int create_thread(Result (*routine)(void*), void* argument, const Create& create) {
-  thread_start* const start = enabled ? map_signal_stack() : nullptr;
-  if (start == nullptr) return create(routine, argument);
-  *start = {reinterpret_cast<void*>(routine), argument};
-  const int status = create(run_thread<Result>, start);
-  if (status != 0) unmap_signal_stack(start);
-  return status;
+// The C library's. It is looked up when this library is loaded: later, a thread may wait for the
+// lock of the loader.
+using pthread_create_routine = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+std::atomic<pthread_create_routine*> next_pthread_create;
+pthread_create_routine* find_pthread_create() {
+  if (next_pthread_create == nullptr)
+    next_pthread_create =
+        reinterpret_cast<pthread_create_routine*>(dlsym(RTLD_NEXT, "pthread_create"));
+  return next_pthread_create;
 }
-
-// The next definition of a routine that this library stands in front of. Looked up when the library
-// is loaded: later, the loader's lock may be taken.
-template <class Routine>
-class next_definition {
- public:
-  explicit constexpr next_definition(const char* name) : name_{name} {}
-  Routine* get() {
-    Routine* found = found_.load(std::memory_order_relaxed);
-    if (found != nullptr) return found;
-    found = reinterpret_cast<Routine*>(dlsym(RTLD_NEXT, name_));
-    found_.store(found, std::memory_order_relaxed);
-    return found;
-  }
-
- private:
-  const char* const name_;
-  std::atomic<Routine*> found_{};
-};
-constinit next_definition<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>
-    next_pthread_create("pthread_create");
-constinit next_definition<int(thrd_t*, int (*)(void*), void*)> next_thrd_create("thrd_create");
 
 // ---- The start ----
 
 void tell_unknown(const char* value) {
-  text_buffer<256> shown;
-  shown.append(value);
   char name[256];
-  diag::put_text(shown.c_str(), name, sizeof name);
+  diag::put_text(value, name, sizeof name);
   diag::hide_commands(name);
   write_text("ZORVAC_CRASH is neither \"on\" nor \"off\": \"");
   write_text(name);
@@ -282,8 +211,7 @@ void tell_unknown(const char* value) {
 }
 
 [[gnu::constructor]] void start() {
-  next_pthread_create.get();
-  next_thrd_create.get();
+  find_pthread_create();
   const char* const value = std::getenv("ZORVAC_CRASH");
   if (value != nullptr) {
     if (std::strcmp(value, "off") == 0) return;
@@ -325,15 +253,13 @@ sighandler_t __sysv_signal(int number, sighandler_t handler) noexcept {
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
                    void* argument) noexcept {
-  return create_thread(routine, argument, [=](void* (*run)(void*), void* given) {
-    return next_pthread_create.get()(thread, attributes, run, given);
-  });
-}
-
-int thrd_create(thrd_t* thread, int (*routine)(void*), void* argument) {
-  return create_thread(routine, argument, [=](int (*run)(void*), void* given) {
-    return next_thrd_create.get()(thread, run, given);
-  });
+  pthread_create_routine* const create = find_pthread_create();
+  thread_start* const start = enabled ? map_signal_stack() : nullptr;
+  if (start == nullptr) return create(thread, attributes, routine, argument);
+  *start = {routine, argument};
+  const int status = create(thread, attributes, run_thread, start);
+  if (status != 0) unmap_signal_stack(start);
+  return status;
 }
 
 #pragma GCC visibility pop

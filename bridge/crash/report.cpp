@@ -92,15 +92,6 @@ constexpr reason reasons[] = {
     {SIGSYS, any_code, "system call not permitted"},
 };
 
-const char* name_of(int number) {
-  constexpr const char* names[] = {"SIGSEGV", "SIGBUS", "SIGILL", "SIGFPE",
-                                   "SIGTRAP", "SIGSYS", "SIGABRT"};
-  static_assert(std::size(names) == std::size(fatal_signals));
-  for (std::size_t i = 0; i < std::size(names); ++i)
-    if (fatal_signals[i] == number) return names[i];
-  return diag::tbk__default_unknown;
-}
-
 std::uint64_t address_in(const siginfo_t& info) {
   return reinterpret_cast<std::uintptr_t>(info.si_addr);
 }
@@ -143,7 +134,10 @@ const char* words_of_fault(int number, const siginfo_t& info, const ucontext_t& 
 
 void tell_what_happened(int number, const siginfo_t& info, const ucontext_t& context) {
   line& text = new_line();
-  text.put("Fatal signal ").put(static_cast<unsigned>(number)).put(" (").put(name_of(number));
+  text.put("Fatal signal ")
+      .put(static_cast<unsigned>(number))
+      .put(" (SIG")
+      .put(sigabbrev_np(number));
   text.put(") in process ").put(static_cast<unsigned>(getpid()));
   text.put(", thread ").put(static_cast<std::uint64_t>(syscall(SYS_gettid))).put(": ");
   const int code = info.si_code;
@@ -290,38 +284,18 @@ void tell_of_gap() {
 sigjmp_buf next_step;
 volatile std::size_t steps_begun;
 
-// Each step has its time, those after a step that was left little.
-class time_limit {
- public:
-  time_limit() {
-    constexpr itimerspec limits{.it_interval = {0, 200'000'000}, .it_value = {5, 0}};
-    sigevent event{};
-    event.sigev_notify = SIGEV_THREAD_ID;
-    event.sigev_signo = time_is_over;
-    event._sigev_un._tid = static_cast<pid_t>(syscall(SYS_gettid));
-    // The C library's routines of these names allocate.
-    syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &timer_);
-    syscall(SYS_timer_settime, timer_, 0, &limits, nullptr);
-  }
-  ~time_limit() { syscall(SYS_timer_delete, timer_); }
-  time_limit(const time_limit&) = delete;
-  time_limit& operator=(const time_limit&) = delete;
-
- private:
-  int timer_ = -1;
-};
-
-void block_all_signals() {
-  sigset_t all;
-  sigfillset(&all);
-  sigprocmask(SIG_SETMASK, &all, nullptr);
-}
-void allow_signals_of_steps() {
-  sigset_t allowed;
-  sigemptyset(&allowed);
-  for (const int number : fatal_signals) sigaddset(&allowed, number);
-  sigaddset(&allowed, time_is_over);
-  sigprocmask(SIG_UNBLOCK, &allowed, nullptr);
+// Ends each step that takes too long; those after such a step have little time.
+int start_clock() {
+  constexpr itimerspec limits{.it_interval = {0, 200'000'000}, .it_value = {5, 0}};
+  sigevent event{};
+  event.sigev_notify = SIGEV_THREAD_ID;
+  event.sigev_signo = time_is_over;
+  event._sigev_un._tid = static_cast<pid_t>(syscall(SYS_gettid));
+  int clock = -1;
+  // The C library's routines of these names allocate.
+  syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &clock);
+  syscall(SYS_timer_settime, clock, 0, &limits, nullptr);
+  return clock;
 }
 
 // False where there is none of this number.
@@ -365,23 +339,26 @@ void write_text(const char* text) {
 void report(int number, const siginfo_t& info, ucontext_t& context) {
   const greg_t pc = context.uc_mcontext.gregs[REG_RIP];
   const greg_t stack = context.uc_mcontext.gregs[REG_RSP];
-  {
-    const time_limit limit;
-    frames.count = 0;
-    steps_begun = 0;
-    // A jump leads here, with all signals blocked.
-    volatile bool was_left = sigsetjmp(next_step, 0) != 0;
-    allow_signals_of_steps();
-    for (bool more = true; more;) {
-      const std::size_t step = steps_begun;
-      steps_begun = step + 1;
-      // What was looked up so far may be half of what it should be.
-      if (was_left) diag::hold_images();
-      was_left = false;
-      more = take_step(step, number, info, context);
-    }
-    block_all_signals();
+  sigset_t of_steps;
+  sigemptyset(&of_steps);
+  for (const int fatal : fatal_signals) sigaddset(&of_steps, fatal);
+  sigaddset(&of_steps, time_is_over);
+  frames.count = 0;
+  steps_begun = 0;
+  const int clock = start_clock();
+  // A jump leads here, with all signals blocked. What was looked up so far may then be half of what
+  // it should be.
+  volatile bool was_left = sigsetjmp(next_step, 0) != 0;
+  sigprocmask(SIG_UNBLOCK, &of_steps, nullptr);
+  for (bool more = true; more;) {
+    const std::size_t step = steps_begun;
+    steps_begun = step + 1;
+    if (was_left) diag::hold_images();
+    was_left = false;
+    more = take_step(step, number, info, context);
   }
+  sigprocmask(SIG_BLOCK, &of_steps, nullptr);
+  syscall(SYS_timer_delete, clock);
   diag::release_images();
   context.uc_mcontext.gregs[REG_RIP] = pc;
   context.uc_mcontext.gregs[REG_RSP] = stack;

@@ -73,12 +73,9 @@ plays() {
 
 # ---- What happened, and where ----
 plays 'SIGSEGV, memory not mapped, address 0x8: store_null main' null
-plays 'SIGSEGV, access not permitted: write_constant main' constant
 plays 'SIGFPE, integer division by zero, or with a quotient too large: divide main' divide
 plays 'SIGILL, illegal instruction: execute_nothing main' illegal
-plays 'SIGTRAP, breakpoint: stop_at_breakpoint main' breakpoint
 plays 'SIGBUS, mapped memory is missing: past the end of its file?: read_past_file main' past_file
-plays 'SIGABRT, raised by the program itself: abort_here main' abort
 plays 'SIGBUS, sent by another process: be_killed main' killed
 plays 'SIGABRT, raised by the program itself: allocate deeper ... deeper break_heap main' heap
 (
@@ -91,7 +88,6 @@ plays 'SIGABRT, raised by the program itself: allocate deeper ... deeper break_h
 plays 'SIGSEGV, stack overflow: recurse ... recurse overflow main' overflow
 plays 'SIGSEGV, stack overflow: overflow_at_once main' overflow_at_once
 plays 'SIGSEGV, stack overflow: recurse ... recurse overflow run_in_thread' overflow_thread
-plays 'SIGSEGV, stack overflow: recurse ... recurse overflow run_in_c11_thread' overflow_c11_thread
 plays 'SIGSEGV, stack overflow: recurse ... recurse overflow own_small_stack main' own_stack
 plays '' stacks
 
@@ -99,7 +95,6 @@ plays '' stacks
 no_code='SIGSEGV, no code to execute'
 plays "$no_code, address 0x0: call_target call_null main" call_null
 plays "$no_code, address 0x123456: call_target call_wild main" call_wild
-plays "$no_code: call_target call_data main" call_data
 plays "$no_code, address 0x123456:" return_wild
 plays 'SIGILL, illegal instruction: lose_stack' lose_stack
 

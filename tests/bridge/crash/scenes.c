@@ -18,7 +18,6 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
-#include <threads.h>
 #include <unistd.h>
 
 #define ROUTINE __attribute__((noinline)) void
@@ -56,12 +55,6 @@ static void fail(const char* what) {
 
 // ---- Faults ----
 
-ROUTINE write_constant(void) {
-  static const char constant[] = "constant";
-  *(volatile char*)(uintptr_t)constant = 'C';  // dies
-  STAY;
-}
-
 static volatile int zero;
 ROUTINE divide(void) {
   zero = 1000 / zero;  // dies
@@ -70,11 +63,6 @@ ROUTINE divide(void) {
 
 ROUTINE execute_nothing(void) {
   __asm__ volatile("ud2");  // dies
-  STAY;
-}
-
-ROUTINE stop_at_breakpoint(void) {
-  __asm__ volatile("int3; nop");  // dies
   STAY;
 }
 
@@ -116,11 +104,6 @@ static void call_wild(void) {
   target = (void (*)(void))0x123456;
   call_target();
 }
-static void call_data(void) {
-  target = (void (*)(void))(uintptr_t)&target;
-  call_target();
-}
-
 ROUTINE return_wild(void) { __asm__ volatile("pushq $0; pushq $0x123456; ret"); }
 
 // The walk faults with the stack.
@@ -163,10 +146,6 @@ static void break_heap(void) {
 
 // ---- Signals that are sent ----
 
-ROUTINE abort_here(void) {
-  abort();  // dies
-}
-
 ROUTINE be_killed(void) {
   const pid_t here = getpid();
   sigset_t set;
@@ -200,11 +179,6 @@ static void* run_in_thread(void* routine) {
   ((void (*)(void))routine)();
   return NULL;
 }
-static int run_in_c11_thread(void* routine) {
-  ((void (*)(void))routine)();
-  return 0;
-}
-
 static void start(pthread_t* thread, void* (*routine)(void*), void* argument) {
   if (pthread_create(thread, NULL, routine, argument) != 0) fail("pthread_create");
 }
@@ -214,12 +188,6 @@ static void overflow_thread(void) {
   start(&thread, run_in_thread, (void*)overflow);
   pthread_join(thread, NULL);
 }
-static void overflow_c11_thread(void) {
-  thrd_t thread;
-  if (thrd_create(&thread, run_in_c11_thread, (void*)overflow) != thrd_success) fail("thrd_create");
-  thrd_join(thread, NULL);
-}
-
 static void die_cancelled(void) {
   pthread_cancel(pthread_self());
   store_null();
@@ -342,13 +310,13 @@ static void load_library_late(void) {
   store_null();
 }
 
-// Room for the signal's frame, and for a handler that calls next to nothing.
+// As small as a signal stack of 8 KB, beside a page without access.
 static void own_small_stack(void) {
-  const size_t page = 4096, used = (size_t)sysconf(_SC_MINSIGSTKSZ) + 1024;
+  const size_t page = 4096, bytes = 2 * page;
   char* const mapped =
-      mmap(NULL, page + used, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      mmap(NULL, page + bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   mprotect(mapped, page, PROT_NONE);
-  const stack_t own = {.ss_sp = mapped + page, .ss_size = used};
+  const stack_t own = {.ss_sp = mapped + page, .ss_size = bytes};
   if (sigaltstack(&own, NULL) != 0) fail("sigaltstack");
   stack_t now;
   sigaltstack(NULL, &now);
@@ -381,22 +349,17 @@ struct scene {
 
 static const struct scene scenes[] = {
     {"null", store_null},
-    {"constant", write_constant},
     {"divide", divide},
     {"illegal", execute_nothing},
-    {"breakpoint", stop_at_breakpoint},
     {"past_file", read_past_file},
     {"overflow", overflow},
     {"overflow_at_once", overflow_at_once},
     {"overflow_thread", overflow_thread},
-    {"overflow_c11_thread", overflow_c11_thread},
     {"call_null", call_null},
     {"call_wild", call_wild},
-    {"call_data", call_data},
     {"return_wild", return_wild},
     {"lose_stack", lose_stack},
     {"heap", break_heap},
-    {"abort", abort_here},
     {"killed", be_killed},
     {"raise", raise_fault},
     {"no_reader", lose_reader},
