@@ -2,10 +2,10 @@
 // is about to die any of them may fault, or wait for a lock that is never given back (of the dynamic
 // loader, say). Such a step is left where it is, and the next one begins.
 //
-// The names are the traceback's: what it looks up by address, it looks up in static memory, and it
-// stands being left at any place. The walk is not: it takes over all signals of the process, while
-// other threads go on here; and it takes memory for deep stacks, of which only the two ends are kept
-// here. The unwinder is linked into this library, so that C programs have one.
+// Names and lines are looked up by the traceback's readers: they use static memory, and may be left
+// at any point. Its walk is not used: it takes over all signals of the process, while other threads
+// go on here; and it allocates for deep stacks, of which only the two ends are kept here. The
+// unwinder is linked into this library, so that C programs have one.
 #include "report.h"
 
 #include <dlfcn.h>

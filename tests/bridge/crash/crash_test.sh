@@ -88,7 +88,7 @@ plays 'SIGABRT, raised by the program itself: allocate deeper ... deeper break_h
 plays 'SIGSEGV, stack overflow: recurse ... recurse overflow main' overflow
 plays 'SIGSEGV, stack overflow: overflow_at_once main' overflow_at_once
 plays 'SIGSEGV, stack overflow: recurse ... recurse overflow run_in_thread' overflow_thread
-plays 'SIGSEGV, stack overflow: recurse ... recurse overflow own_small_stack main' own_stack
+plays 'SIGSEGV, stack overflow: push_forever' own_stack
 plays '' stacks
 
 # ---- Calls of what is no code, and a stack that is lost ----

@@ -85,6 +85,11 @@ ROUTINE overflow(void) {
   STAY;
 }
 
+// Fails with the stack pointer still in the stack.
+ROUTINE push_forever(void) {
+  __asm__ volatile("1: push %rax; jmp 1b");  // dies
+}
+
 // Its stack pointer is far below the end of the stack before anything is stored.
 ROUTINE overflow_at_once(void) {
   volatile char room[1 << 28];
@@ -322,7 +327,7 @@ static void own_small_stack(void) {
   sigaltstack(NULL, &now);
   printf("own stack %d\n", now.ss_sp == own.ss_sp && now.ss_size == own.ss_size);
   fflush(stdout);
-  overflow();
+  push_forever();
 }
 
 // ---- Other processes and objects ----
