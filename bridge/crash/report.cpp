@@ -1,6 +1,6 @@
 // The report is a row of steps: what happened, the walk, and each of the frames. In a process that
-// is about to die any of them may fault, or wait for a lock that is never given back (of the dynamic
-// loader, say). Such a step is left where it is, and the next one begins.
+// is about to die any of them may fault, or wait for a lock that is never given back, such as the
+// loader's. Such a step is left where it is, and the next one begins.
 //
 // Names and lines are looked up by the traceback's readers: they use static memory, and may be left
 // at any point. Its walk is not used: it takes over all signals of the process, while other threads
