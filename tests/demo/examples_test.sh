@@ -52,6 +52,7 @@ checks narrow  | 134 | | ^Conversion Run-Time Check Failure$
 narrow         | 0   | | ^60000 is 60000 in four bytes, 60000 in two$
 narrow 65536   | 134 | | ^Conversion Run-Time Check Failure$
 failure        | 0   | | ^failure +[0-9A-F]{16}  _ZL13harmonic_mea +34  failure\.cpp$
+crash          | 134 | | ^#[0-9]+   average at .*crash\.c:14 \(crash\+0x[0-9a-f]+\)$
 traceback      | 139 | | ^liborders\.so +[0-9A-F]{16}  add_order +18  traceback_orders\.c$'
 
 diff <(find . -maxdepth 1 -type f -executable ! -name '*.so' -printf '%f\n' | sort) \

@@ -1,0 +1,266 @@
+// Stands in the way of fatal signals: reports one, then lets it take its course.
+//
+// To the program, the default action of these signals is still the default one. A program that asks
+// for the action is told so, one that sets it to the default gets the report back, and one that has
+// a handler of its own has that alone.
+#include <dlfcn.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "diag/texts.h"
+#include "report.h"
+
+extern "C" {
+// The C library's sigaction(), by a name that nothing stands in front of.
+int __sigaction(int number, const struct sigaction* action, struct sigaction* previous) noexcept;
+}
+
+namespace zorvac::crash {
+namespace {
+
+bool enabled;  // set once, before the program begins
+
+// ---- The handler ----
+
+// Who reports, or has reported: the ids of process and thread. One of another process is nobody: a
+// fork may have been made amid a report.
+std::atomic<std::uint64_t> reporter;
+constexpr std::uint64_t is_done = 1u << 31;  // thread ids are smaller
+std::uint64_t process_of(std::uint64_t thread) { return thread >> 32; }
+std::uint64_t this_thread() {
+  return static_cast<std::uint64_t>(getpid()) << 32 |
+         static_cast<std::uint64_t>(syscall(SYS_gettid));
+}
+
+void on_signal(int number, siginfo_t* info, void* context);
+
+struct sigaction reporting_action() {
+  struct sigaction action = {};
+  action.sa_sigaction = on_signal;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+  sigfillset(&action.sa_mask);
+  return action;
+}
+bool is_ours(const struct sigaction& action) { return action.sa_sigaction == on_signal; }
+bool is_fatal(int number) {
+  for (const int fatal : fatal_signals)
+    if (number == fatal) return true;
+  return false;
+}
+
+// The signal is sent once more, as it was, to be taken by the default action as soon as the handler
+// has returned to where it came: registers, cause and status are those of a process without this
+// library. No other signal may come first. A process that signals do not end (the first one of a
+// container) executes the faulting instruction again, and that ends it.
+void let_take_its_course(int number, const siginfo_t& info, ucontext_t& context) {
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_SETMASK, &all, nullptr);
+  struct sigaction standard = {};
+  standard.sa_handler = SIG_DFL;
+  __sigaction(number, &standard, nullptr);
+  const pid_t thread = static_cast<pid_t>(syscall(SYS_gettid));
+  if (syscall(SYS_rt_tgsigqueueinfo, getpid(), thread, number, &info) != 0) raise(number);
+  constexpr std::size_t kernel_bytes = 8;  // of a signal set; behind it are other things
+  sigdelset(&all, number);
+  std::memcpy(&context.uc_sigmask, &all, kernel_bytes);
+}
+
+void on_signal(int number, siginfo_t* info, void* opaque_context) {
+  const std::uint64_t self = this_thread();
+  std::uint64_t owner = reporter.load();
+  // Reading and writing files are places where a thread may be cancelled.
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  if (owner == self) leave_step();
+  ucontext_t& context = *static_cast<ucontext_t*>(opaque_context);
+  if (process_of(owner) != process_of(self) && reporter.compare_exchange_strong(owner, self)) {
+    const struct sigaction action = reporting_action();
+    for (const int fatal : fatal_signals) __sigaction(fatal, &action, nullptr);
+    __sigaction(time_is_over, &action, nullptr);
+    report(number, *info, context);
+    reporter.store(self | is_done);
+  } else if (owner != (self | is_done)) {
+    // The report of another thread, and the end of the process that comes with it.
+    while ((reporter.load() & is_done) == 0) poll(nullptr, 0, 10);
+    poll(nullptr, 0, 1000);
+  }
+  let_take_its_course(number, *info, context);
+}
+
+// What the program is told of an action of ours: the default one, as it was set.
+struct sigaction& default_action(int number) {
+  static struct sigaction actions[_NSIG];
+  return actions[number];
+}
+
+// Where nobody else handles the signal, or ignores it.
+void report_if_default(int number) {
+  struct sigaction now;
+  if (__sigaction(number, nullptr, &now) != 0 || now.sa_handler != SIG_DFL) return;
+  default_action(number) = now;
+  const struct sigaction action = reporting_action();
+  __sigaction(number, &action, nullptr);
+}
+
+// Of signal() and its like: what the program is to know of the previous handler.
+sighandler_t after_change(int number, sighandler_t previous) {
+  const bool was_ours =
+      reinterpret_cast<std::uintptr_t>(previous) == reinterpret_cast<std::uintptr_t>(on_signal);
+  if (enabled && is_fatal(number)) report_if_default(number);
+  return was_ours ? SIG_DFL : previous;
+}
+
+// ---- The signal stack of each thread ----
+
+// A handler cannot run on a stack that is used up. Programs with SA_ONSTACK in their actions get
+// this stack, too, so there is room for more than the report.
+//
+//   | guard | stack, which grows down | thread_start |
+struct thread_start {
+  void* (*routine)(void*);
+  void* argument;
+};
+constexpr std::size_t guard_bytes = 4096, mapped_bytes = guard_bytes + (1 << 16);
+
+pthread_key_t key_of_stack;  // its destructor runs however a thread ends
+
+char* begin_of_mapping(thread_start* start) {
+  return reinterpret_cast<char*>(start + 1) - mapped_bytes;
+}
+
+// A few stacks of threads that have ended wait here for the next ones, as the C library has it with
+// the stacks that threads run on.
+std::atomic<thread_start*> unused_stacks[16];
+
+thread_start* map_signal_stack() {
+  for (std::atomic<thread_start*>& unused : unused_stacks)
+    if (thread_start* const start = unused.exchange(nullptr)) return start;
+  void* const begin =
+      mmap(nullptr, mapped_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (begin == MAP_FAILED) return nullptr;
+  mprotect(begin, guard_bytes, PROT_NONE);
+  return reinterpret_cast<thread_start*>(static_cast<char*>(begin) + mapped_bytes) - 1;
+}
+
+void use_signal_stack(thread_start* start) {
+  char* const begin = begin_of_mapping(start) + guard_bytes;
+  const stack_t stack{.ss_sp = begin,
+                      .ss_flags = 0,
+                      .ss_size = static_cast<std::size_t>(reinterpret_cast<char*>(start) - begin)};
+  sigaltstack(&stack, nullptr);
+}
+
+void unmap_signal_stack(thread_start* start) {
+  for (std::atomic<thread_start*>& unused : unused_stacks) {
+    thread_start* nothing = nullptr;
+    if (unused.compare_exchange_strong(nothing, start)) return;
+  }
+  munmap(begin_of_mapping(start), mapped_bytes);
+}
+
+// A thread that ends in a handler, on this stack, keeps it.
+void end_thread(void* opaque_start) {
+  auto* const start = static_cast<thread_start*>(opaque_start);
+  stack_t now;
+  sigaltstack(nullptr, &now);
+  if ((now.ss_flags & SS_ONSTACK) != 0) return;
+  if (now.ss_sp == begin_of_mapping(start) + guard_bytes) {
+    now.ss_flags = SS_DISABLE;
+    sigaltstack(&now, nullptr);
+  }
+  unmap_signal_stack(start);
+}
+
+void* run_thread(void* opaque_start) {
+  auto* const start = static_cast<thread_start*>(opaque_start);
+  pthread_setspecific(key_of_stack, start);
+  use_signal_stack(start);
+  return start->routine(start->argument);
+}
+
+// The C library's. It is looked up when this library is loaded: later, a thread may wait for the
+// lock of the loader.
+using pthread_create_routine = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+std::atomic<pthread_create_routine*> next_pthread_create;
+pthread_create_routine* find_pthread_create() {
+  if (next_pthread_create == nullptr)
+    next_pthread_create =
+        reinterpret_cast<pthread_create_routine*>(dlsym(RTLD_NEXT, "pthread_create"));
+  return next_pthread_create;
+}
+
+// ---- The start ----
+
+void tell_unknown(const char* value) {
+  char name[256];
+  diag::put_text(value, name, sizeof name);
+  diag::hide_commands(name);
+  write_text("ZORVAC_CRASH is neither \"on\" nor \"off\": \"");
+  write_text(name);
+  write_text("\". Crashes are reported.\n");
+}
+
+[[gnu::constructor]] void start() {
+  find_pthread_create();
+  const char* const value = std::getenv("ZORVAC_CRASH");
+  if (value != nullptr) {
+    if (std::strcmp(value, "off") == 0) return;
+    if (*value != '\0' && std::strcmp(value, "on") != 0) tell_unknown(value);
+  }
+  enabled = pthread_key_create(&key_of_stack, end_thread) == 0;
+  stack_t stack;
+  sigaltstack(nullptr, &stack);
+  if ((stack.ss_flags & SS_DISABLE) != 0)
+    if (thread_start* const mapped = map_signal_stack()) use_signal_stack(mapped);
+  for (const int number : fatal_signals) report_if_default(number);
+}
+
+}  // namespace
+}  // namespace zorvac::crash
+
+// ---- What programs call ----
+
+using namespace zorvac::crash;
+
+extern "C" {
+#pragma GCC visibility push(default)
+
+int sigaction(int number, const struct sigaction* action, struct sigaction* previous) noexcept {
+  const int status = __sigaction(number, action, previous);
+  if (status != 0) return status;
+  if (previous != nullptr && is_ours(*previous)) *previous = default_action(number);
+  if (enabled && action != nullptr && is_fatal(number)) report_if_default(number);
+  return status;
+}
+
+sighandler_t signal(int number, sighandler_t handler) noexcept {
+  return after_change(number, ssignal(number, handler));
+}
+
+sighandler_t __sysv_signal(int number, sighandler_t handler) noexcept {
+  return after_change(number, sysv_signal(number, handler));
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
+                   void* argument) noexcept {
+  pthread_create_routine* const create = find_pthread_create();
+  thread_start* const start = enabled ? map_signal_stack() : nullptr;
+  if (start == nullptr) return create(thread, attributes, routine, argument);
+  *start = {routine, argument};
+  const int status = create(thread, attributes, run_thread, start);
+  if (status != 0) unmap_signal_stack(start);
+  return status;
+}
+
+#pragma GCC visibility pop
+}
