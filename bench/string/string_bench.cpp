@@ -102,14 +102,13 @@ std::size_t freed(char* copy) {
 
 // A routine of ours beside the C library's. Both take the same arguments, in terms of `a`; `result`
 // is what is done with the result.
-#define MEMBER_WITH(result, level, routine, lists, ...)                                   \
-  for (const texts& list : lists) {                                                       \
-    add_row(#routine, list, "zorvac_" #level,                                             \
-            [](arguments a) { return result(zorvac_##level##_##routine(__VA_ARGS__)); }); \
-    add_row(#routine, list, libc().name,                                                  \
-            [](arguments a) { return result(routine(__VA_ARGS__)); });                    \
+#define MEMBER_WITH(result, peer, level, routine, lists, ...)                                \
+  for (const texts& list : lists) {                                                          \
+    add_row(#routine, list, "zorvac_" #level,                                                \
+            [](arguments a) { return result(zorvac_##level##_##routine(__VA_ARGS__)); });    \
+    add_row(#routine, list, peer, [](arguments a) { return result(routine(__VA_ARGS__)); }); \
   }
-#define MEMBER(...) MEMBER_WITH(, __VA_ARGS__)
+#define MEMBER(...) MEMBER_WITH(, libc().name, __VA_ARGS__)
 #define COPIES(level)                                               \
   MEMBER(level, strrchr, some, a.text, 'x')                         \
   MEMBER(level, strcpy, some, a.destination, a.text)                \
@@ -123,7 +122,7 @@ std::size_t freed(char* copy) {
   MEMBER(level, strnlen, some, a.text, a.length + 8)                \
   MEMBER(level, strcat, some, a.destination, a.text)                \
   MEMBER(level, strncat, some, a.destination, a.text, a.length + 8) \
-  MEMBER_WITH(freed, level, strdup, some, a.text)                   \
+  MEMBER_WITH(freed, libc().name, level, strdup, some, a.text)      \
   MEMBER(level, strncmp, some, a.text, a.twin, a.length + 8)        \
   MEMBER(level, strspn, some, a.text, "abc ")                       \
   MEMBER(level, strcspn, some, a.text, " ,;\n")                     \
@@ -147,13 +146,16 @@ void add_all() {
     COPIES(sse2)
     MEMBERS(sse2)
   }
-  if (level == ssse3 && __builtin_cpu_supports("ssse3")) COPIES(ssse3)
+  if (level == ssse3 && __builtin_cpu_supports("ssse3")) {
+    COPIES(ssse3)
+  }
   if (level == sse4 && __builtin_cpu_supports("sse4.2")) {
     COPIES(sse4)
     MEMBERS(sse4)
-    MEMBER(sse4, atoi, numbers, a.text)
-    MEMBER(sse4, atol, numbers, a.text)
-    MEMBER(sse4, atoll, numbers, a.text)
+    // Of these the C library has one variant.
+    MEMBER_WITH(, "libc", sse4, atoi, numbers, a.text)
+    MEMBER_WITH(, "libc", sse4, atol, numbers, a.text)
+    MEMBER_WITH(, "libc", sse4, atoll, numbers, a.text)
   }
   tell_libc();
   tell_variant<std::size_t(const char*)>("libc strlen", std::strlen);
