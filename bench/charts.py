@@ -1,8 +1,8 @@
-"""Charts of ratios as SVG text, a panel for each processor: lines over a logarithmic size, and bars.
+"""Charts of ratios as SVG text, a panel for each processor: lines over a logarithmic size, or bars.
 
 The scale of ratios is logarithmic, so that 1.2 times as fast is as far from 1 as 1.2 times as slow,
-and can be seen. The background is the chart's own: no colour of text has enough contrast on white and
-on a dark page both.
+and can be seen. The background is the chart's own: no colour of text has enough contrast on white
+and on a dark page both.
 """
 import math
 from xml.sax.saxutils import escape
@@ -112,7 +112,7 @@ def lines(title, x_label, panels):
 
 
 def bars(title, panels):
-    """Draws {processor: {series: {row: ratio}}}: rows one below the other, a panel beside the other,
+    """Draws {processor: {series: {row: ratio}}}: rows one below the other, panels side by side,
     each bar from 1 to its ratio with the figure behind it."""
     styles = colours(panels)
     parts, top = head(title, "to the right", styles)

@@ -1,17 +1,17 @@
 """The one table of what scripts/bench measures and what docs/performance.md shows of it.
 
-A family is a program. One that has no row here runs once as it is and has a section of its own under
-its name, so a new benchmark is on the page before anybody has thought of it. All rows count in the
-tables; charts are what a family has besides.
+A family is a program. One that has no row here runs once as it is and has a section of its own
+under its name, so a new benchmark is on the page before anybody has thought of it. All rows count
+in the tables; charts are what a family has besides.
 """
 from dataclasses import dataclass, field
 
 
 @dataclass(frozen=True)
 class Chart:
-    """A picture of ratios, a panel for each processor. Of the rows that match, the group `size` is the
-    x axis of lines, and what the group `bar` holds has a bar each; a mean, where it is of several
-    rows. `pairs` are the contenders to show, "ours beside peer" by their labels."""
+    """A picture of ratios, a panel for each processor. Of the rows that match, the group `size` is
+    the x axis of lines, and what the group `bar` holds has a bar each; a mean, where it is of
+    several rows. `pairs` are the contenders to show, "ours beside peer" by their labels."""
     file: str
     title: str
     rows: str = r"(?P<bar>[^/]+)/"
@@ -21,15 +21,15 @@ class Chart:
 
 @dataclass(frozen=True, eq=False)
 class Family:
-    name: str  # and that of its rows, <processor>/<name>.csv, and of its note, bench/notes/<name>.md
+    name: str  # and that of its rows, <processor>/<name>.csv, and of its note, notes/<name>.md
     program: str
     title: str
-    sources: tuple = ("src",)  # of what it measures: rows older than a change of these are marked
+    sources: tuple = ("src",)  # of what it measures: rows older than a change here are marked
     runs: dict = field(default_factory=lambda: {"": {}})  # {name: environment}
-    parts: tuple = ()  # (title, rows): lines of their own in the tables; what matches none has one, too
-    front: tuple = ()  # of these contenders, the first that a processor has stands in the first table
+    parts: tuple = ()  # (title, rows): lines of their own in the tables; what is left has one, too
+    front: tuple = ()  # the first of these that a processor has is ours in the first table
     figures: str = "$^"  # rows of one contender alone, which have a time and no ratio
-    reasons: tuple = ()  # (what is found in "row/ours peer", why it is behind): the first that fits
+    reasons: tuple = ()  # (what "row/ours peer" contains, why it is behind): the first that fits
     charts: tuple = ()
 
 
@@ -52,7 +52,8 @@ LABELS = {
     "zorvac_avx512f": "AVX-512 member", "zorvac_new": "SSE2 member",
     "zorvac_ssse3": "SSSE3 member", "zorvac_ssse3_rep": "SSE4.2 member", "zorvac_vec": "VEC member",
     "zorvac_sse2": "SSE2 members", "zorvac_sse4": "SSE4.2 members",
-    "zorvac-pair": "SSE2 kernels", "zorvac-avx2": "AVX2 kernels", "zorvac-avx512": "AVX-512 kernels",
+    "zorvac-pair": "SSE2 kernels", "zorvac-avx2": "AVX2 kernels",
+    "zorvac-avx512": "AVX-512 kernels",
     "zorvac-general-pair": "general kernels, SSE2", "zorvac-general-avx2": "general kernels, AVX2",
     "zorvac-general-avx512": "general kernels, AVX-512",
     "zorvac-calls": "the C routines", "zorvac-class": "the C++ class", "zorvac": "zorvac",
@@ -84,7 +85,8 @@ FAMILIES = (
                  (r"^move/.*zorvac_fast", "no AVX2 move: the SSSE3 worker's fifteen loops"),
                  (r"avx512f", "streams whatever the size"),
                  (r"vec", "REP MOVSQ and REP STOSQ up to 16384 bytes"),
-                 (r"(fixed-(1|2|4|8|16|32|64|128)|mixed|service)-", "the indirect jump of small counts"),
+                 (r"(fixed-(1|2|4|8|16|32|64|128)|mixed|service)-",
+                  "the indirect jump of small counts"),
                  (r"(new|ssse3)", "fifteen merging loops"),
                  (r"", "see [memory](#memory)")),
         charts=(Chart("mixes", "Blocks of sizes that nobody can predict, unaligned",
@@ -164,7 +166,8 @@ FAMILIES = (
         ("src/cpu", "src/core", "src/mem"),
         figures="detect/",
         parts=(("Dispatch", "dispatch"), ("Loading the library", "load")),
-        reasons=((r"^load", "an empty library has nothing to do"), (r"", "two jumps, a load and a test")),
+        reasons=((r"^load", "an empty library has nothing to do"),
+                 (r"", "two jumps, a load and a test")),
         charts=(Chart("dispatch", "What a dispatcher and the constructor cost",
                       r"(?P<bar>[^/]+/[^/]+)$"),)),
 )
@@ -172,8 +175,8 @@ FAMILIES = (
 
 def family_called(name):
     """Returns the family that has no row in the table: a program's, or a file's of rows."""
-    return Family(name, f"{name}_bench", name.replace("_", " ").capitalize(),
-                  charts=(Chart(name, name.replace("_", " ").capitalize()),))
+    title = name.replace("_", " ").capitalize()
+    return Family(name, f"{name}_bench", title, figures="", charts=(Chart(name, title),))
 
 
 def families_of(names):

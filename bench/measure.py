@@ -4,10 +4,10 @@ rows of each family in a CSV file, with what they were measured on.
 
 usage: measure.py [--quick] [--only FAMILY] BUILD_FOLDER RESULTS_FOLDER
 
-The files are in a folder for the processor; a family that is not measured keeps its file. Nothing is
-filtered: a program decides by its run what to register, and each row that it registers is measured.
-Repetitions are interleaved, since no machine is quiet; a row is a median. --quick measures every row
-once and briefly.
+The files are in a folder for the processor; a family that is not measured keeps its file. Nothing
+is filtered: a program decides by its run what to register, and each row that it registers is
+measured. Repetitions are interleaved, since no machine is quiet; a row is a median. --quick
+measures every row once and briefly.
 """
 import argparse
 import datetime
@@ -45,7 +45,7 @@ def folder_name(processor):
 
 
 def commit():
-    """Returns the commit that was measured, with a plus sign where what is built differs from it."""
+    """Returns the commit that was measured, with a plus sign where what is built differs."""
     git = ("git", "-C", pathlib.Path(__file__).parent.parent)
     try:
         changes = output(*git, "status", "--porcelain", "--untracked-files=no", "--",
@@ -82,8 +82,8 @@ def machine(build, processor):
 
 
 def rates(run):
-    """Returns (nanoseconds of an item, GFLOP/s) of one repetition; an iteration is an item where the
-    program does not count."""
+    """Returns (nanoseconds of an item, GFLOP/s) of one repetition; an iteration is an item where
+    the program does not count."""
     ns = run["cpu_time"] * TO_NANOSECONDS[run["time_unit"]]
     if run.get("items_per_second"):
         ns = 1e9 / run["items_per_second"]
@@ -91,8 +91,8 @@ def rates(run):
 
 
 def rows_of(report, run_name):
-    """Returns the rows of a program's report, {(run, row): {contender: {column: text}}}, in the order
-    in which the program registered them."""
+    """Returns the rows of a program's report, {(run, row): {contender: {column: text}}}, in the
+    order in which the program registered them."""
     runs = [r for r in report["benchmarks"] if r.get("run_type") != "aggregate"]
     for run in runs:
         if run.get("error_occurred"):
@@ -129,7 +129,7 @@ def measure(program, environment, options):
 
 
 def tell_lost(file, results):
-    """Says which rows of the file were not measured again: by a mistake, or because they are gone."""
+    """Says which rows of the file were not measured again, by a mistake or because they went."""
     before = read(file).rows if file.exists() else {}
     for (run, row), contenders in before.items():
         for contender in contenders.keys() - results.rows.get((run, row), {}).keys():

@@ -3,9 +3,9 @@
 
 usage: page.py RESULTS_FOLDER NOTES_FOLDER PAGE.md
 
-Every figure of the tables and charts comes from the rows; the reasons come from families.py and from
-the notes, one small file a family. A family that loses a row to a peer must have a note, and a
-contender that stands in no table is an error.
+Every figure of the tables and charts comes from the rows; the reasons come from families.py and
+from the notes, one small file a family. A family that loses a row to a peer must have a note, and
+a contender that stands in no table is an error.
 """
 import pathlib
 import re
@@ -19,20 +19,20 @@ from report import geometric_mean, is_ours, ratios, read, size_order
 
 INTRODUCTION = """# Performance
 
-Written by `scripts/bench` from the rows in [bench/results](../bench/results); do not edit. A ratio is
-the peer's time divided by ours: **above 1, zorvac is faster**. A column is a processor, maker and
-family/model; its figures are geometric means over all rows of a kind, one beside each peer. A peer
-that is not held to a level takes its best. Ours and the peer were measured in one process,
-interleaved; times are medians of processor time. On a machine that others share, single rows move by
-a tenth from run to run, those of a mebibyte and more by more. † The code has changed since these rows
-were measured.
+Written by `scripts/bench` from the rows in [bench/results](../bench/results); do not edit. A ratio
+is the peer's time divided by ours: **above 1, zorvac is faster**. A column is a processor, maker
+and family/model; its figures are geometric means over all rows of a kind, one beside each peer. A
+peer that is not held to a level takes its best. Ours and the peer were measured in one process,
+interleaved; times are medians of processor time. On a machine that others share, single rows move
+by a tenth from run to run, those of a mebibyte and more by more. † The code has changed since
+these rows were measured.
 """
-LIBRARY = """The library measured is the any-vendor build (`libzorvac-any`): it takes the members that a
-processor of the accepted vendor with the same features would take. The default build accepts that
-vendor alone. On each of these processors its feature indicator stays {default}, so it takes the members
-for every processor: the C library's block routines, the general kernels.
+LIBRARY = """The library measured is the any-vendor build (`libzorvac-any`): it takes the members
+that a processor of the accepted vendor with the same features would take. The default build
+accepts that vendor alone. On each of these processors its feature indicator stays {default}, so it
+takes the members for every processor: the C library's block routines, the general kernels.
 """
-HIDDEN = ("Date", "Commit", "Processor")  # of the facts: the table of processors says them its own way
+HIDDEN = ("Date", "Commit", "Processor")  # of the facts: the table says them in its own way
 
 
 def behind(ratio):
@@ -60,14 +60,14 @@ def table(head, lines):
 
 
 def is_old(commit, sources):
-    """Says whether any of the sources, comments aside, differs from the commit; so it is taken to be
-    where nobody can tell."""
+    """Says whether any of the sources, comments aside, differs from the commit; so it is taken to
+    be where nobody can tell."""
     if commit.endswith("+"):
         return True
+    git = ["git", "-C", pathlib.Path(__file__).parent.parent]
     try:
-        difference = subprocess.run(
-            ["git", "-C", pathlib.Path(__file__).parent.parent, "diff", "-I", r"^\s*//", "-I", r"^$",
-             commit, "--", *sources], capture_output=True, check=True)
+        difference = subprocess.run([*git, "diff", "-I", r"^\s*//", "-I", r"^$", commit, "--",
+                                     *sources], capture_output=True, check=True)
     except (OSError, subprocess.CalledProcessError):
         return True
     return bool(difference.stdout)
@@ -101,7 +101,8 @@ def part_of(family, row):
 
 
 def ratio_lines(family, measured, front):
-    """Returns {(part, ours): {(peer, processor): ratios}} of what is in the first table, or is not."""
+    """Returns {(part, ours): {(peer, processor): ratios}} of what the first table has, or of the
+    rest."""
     grouped = defaultdict(lambda: defaultdict(list))
     for m in measured:
         for r in m.ratios:
@@ -113,15 +114,15 @@ def ratio_lines(family, measured, front):
 
 
 def cells(measured, of_line, processors):
-    """Returns the peers, the geometric mean beside each on each processor, and the worst row; and that
-    row's ratio."""
+    """Returns the peers, the geometric mean beside each on each processor, and the worst row; and
+    that row's ratio."""
     peers = sorted({peer for peer, _ in of_line})
     old = {m.processor for m in measured if m.old}
 
     def means(processor):
         columns = [of_line.get((peer, processor)) for peer in peers]
-        words = " / ".join(f"{geometric_mean(r.value for r in c):.2f}" if c else "–" for c in columns)
-        return "" if not any(columns) else words + " †" * (processor in old)
+        words = (f"{geometric_mean(r.value for r in c):.2f}" if c else "–" for c in columns)
+        return " / ".join(words) + " †" * (processor in old) if any(columns) else ""
     worst, peer, processor = min(((r, *key) for key, column in of_line.items() for r in column),
                                  key=lambda found: found[0].value)
     where = [peer] * (len(peers) > 1) + [processor] * (len(processors) > 1)
@@ -186,7 +187,9 @@ def draw(chart, measured):
                                    for name, series in points.items()}
     if not panels:
         return None
-    return charts.lines(chart.title, chart.x, panels) if chart.x else charts.bars(chart.title, panels)
+    if chart.x:
+        return charts.lines(chart.title, chart.x, panels)
+    return charts.bars(chart.title, panels)
 
 
 def section(family, measured, processors, notes, charts_folder):

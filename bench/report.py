@@ -3,9 +3,9 @@
 
 usage: report.py RESULTS.csv...
 
-A benchmark is named <operation>/<row...>/<contender>. A contender whose name begins with "zorvac" is
-ours; every other one in the same row of the same run is its peer. A ratio is peer / ours: above 1,
-ours is faster.
+A benchmark is named <operation>/<row...>/<contender>. A contender whose name begins with "zorvac"
+is ours; every other one in the same row of the same run is its peer. A ratio is peer / ours: above
+1, ours is faster.
 """
 import csv
 import math
@@ -28,7 +28,8 @@ class Ratio:
 
 @dataclass
 class Results:
-    """What one file holds: what it was measured on, and {(run, row): {contender: {column: text}}}."""
+    """What one file holds: what it was measured on, and its rows, {(run, row): {contender: {column:
+    text}}}."""
     facts: dict
     rows: dict
 

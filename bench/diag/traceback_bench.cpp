@@ -3,7 +3,8 @@
 // and line: from debug information that it has to read first, or has read before ("libdw-warm").
 //
 // Then what a process may have more of: frames through up to 16 shared objects, and up to 4,000
-// mappings. Their peer is backtrace_symbols_fd, which like ours needs no heap; it writes to nowhere.
+// mappings. Their peer is backtrace_symbols_fd, which like ours needs no heap; it writes to
+// nowhere.
 //
 // The program is given a .trace section when it is linked, so our frames are found, too. What
 // protecting the walk costs (65 signal actions installed and put back) stands beside it.

@@ -2,8 +2,8 @@
 // predict, aligned and not. Rows are <operation>/<sizes>/<contender>; names of ours begin with
 // "zorvac". All calls go through a pointer, so each contender pays for the same indirect call.
 //
-// Members stand beside the C library held to their level, and those that have the best level besides
-// beside its best: a run of the program for each (support/libc_peer.h).
+// Members stand beside the C library held to their level, and those of the best level beside its
+// best, too: a run of the program for each (support/libc_peer.h).
 #include <benchmark/benchmark.h>
 #include <zorvac/cpu.h>
 #include <zorvac/mem.h>

@@ -37,8 +37,8 @@ inline block_mix fixed_blocks(std::string name, std::uint32_t bytes, bool aligne
           calls * bytes};
 }
 
-// Sizes of a distribution, drawn by the function; the blocks stay in the first-level cache. The list
-// is as long as it is because a branch predictor of today learns one of 32768 calls by heart.
+// Sizes of a distribution, drawn by the function; the blocks stay in the first-level cache. The
+// list is as long as it is because a branch predictor of today learns one of 32768 calls by heart.
 template <class Draw>
 block_mix drawn_blocks(std::string name, std::uint32_t most, bool aligned, Draw draw) {
   constexpr std::uint32_t area = 8192;

@@ -1,7 +1,7 @@
-// Whole programs in quads: a dot product, the LU factors of a matrix, planets, a Mandelbrot set. Each
-// is written once, over what computes: direct calls of the C routines, as a compiler emits them
-// (zorvac-calls), the C++ class over them (zorvac-class), and the compiler's own __float128, whose
-// arithmetic is libgcc's. All must come to the same bits. Times are of a whole program.
+// Whole programs in quads: a dot product, the LU factors of a matrix, planets, a Mandelbrot set.
+// Each is written once, over what computes: direct calls of the C routines, as a compiler emits
+// them (zorvac-calls), the C++ class over them (zorvac-class), and the compiler's own __float128,
+// whose arithmetic is libgcc's. All must come to the same bits. Times are of a whole program.
 #include <benchmark/benchmark.h>
 
 #include <array>

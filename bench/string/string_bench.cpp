@@ -62,8 +62,8 @@ texts numbers_of(std::size_t least, std::size_t most) {
   return list;
 }
 
-// What a routine is called with. The twin is an equal string at another place; the destination holds
-// a string of eight characters before each call.
+// What a routine is called with. The twin is an equal string at another place; the destination
+// holds a string of eight characters before each call.
 struct arguments {
   const char* text;
   std::size_t length;

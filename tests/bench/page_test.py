@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""page_test.py BENCH_FOLDER: what would make the performance page lie, from known rows; and what would
-lose a row while it is measured, from a known program."""
+"""page_test.py BENCH_FOLDER: what would make the performance page lie, from known rows; and what
+would lose a row while it is measured, from a known program."""
 import os
 import pathlib
 import re
@@ -11,7 +11,8 @@ import unittest
 import xml.etree.ElementTree as xml
 
 BENCH = pathlib.Path(sys.argv.pop(1)).resolve()
-HEAD = "# Date: 2026-01-02\n# Commit: {commit}\n# peer C library: glibc 2.99\nrun,row,contender,ns,gflops\n"
+HEAD = ("# Date: 2026-01-02\n# Commit: {commit}\n# peer C library: glibc 2.99\n"
+        "run,row,contender,ns,gflops\n")
 AMD = {  # {family: rows}
     "memory": ",copy/fixed-512-unaligned,zorvac_fast,2,\n"
               ",copy/fixed-512-unaligned,libc,5,\n"
@@ -74,8 +75,8 @@ class Scratch(unittest.TestCase):
         file.chmod(0o755)
 
     def run_script(self, name, *arguments, **environment):
-        path = f"{self.folder / 'bin'}:{os.environ['PATH']}"
-        return subprocess.run([BENCH / name, *arguments], env=os.environ | {"PATH": path} | environment,
+        environment |= {"PATH": f"{self.folder / 'bin'}:{os.environ['PATH']}"}
+        return subprocess.run([BENCH / name, *arguments], env=os.environ | environment,
                               capture_output=True, text=True, check=False)
 
 
@@ -111,7 +112,8 @@ class Page(Scratch):
         refused = {
             "a peer without ours": ("amd-25-1/memory.csv", ",copy/fixed-2K-aligned,libc,3,\n",
                                     "copy/fixed-2K-aligned : no table shows libc;"),
-            "ours without a peer": ("amd-25-1/memory.csv", ",copy/fixed-2K-aligned,zorvac_fast,3,\n",
+            "ours without a peer": ("amd-25-1/memory.csv",
+                                    ",copy/fixed-2K-aligned,zorvac_fast,3,\n",
                                     "no table shows zorvac_fast;"),
             "a peer in another run": ("amd-25-1/memory.csv",
                                       "held to AVX2,copy/fixed-512-unaligned,zorvac_fast,3,\n",
@@ -138,8 +140,8 @@ class Page(Scratch):
             for e in root.iter():
                 if e.tag.endswith("text"):
                     self.assertGreaterEqual(contrast(e.get("fill"), paper), 4.5, (file, e.text))
-        expected = {"copy": {"upwards: zorvac is faster", "dispatcher beside C library", "512", "64",
-                             "0.8", "1.25"},
+        expected = {"copy": {"upwards: zorvac is faster", "dispatcher beside C library", "512",
+                             "64", "0.8", "1.25"},
                     "new_thing": {"to the right: zorvac is faster", "zorvac_new_way beside oldlib",
                                   "work", "3.00"}}
         for name, words in expected.items():
