@@ -61,6 +61,11 @@ LABELS = {
     "clang_rt": "clang's library", "loop": "a compiled loop", "libdw-warm": "libdw, files read",
     "direct": "the variant itself", "worker": "the worker itself",
     "empty-library": "an empty library",
+    # Parts of rows' names.
+    "pair": "freed at once", "crowd": "10,000 blocks alive", "handover": "handed over",
+    "foreign": "the C library's block",
+    "r8_n_n": "doubles", "r8_t_n": "doubles, A transposed", "r8_n_t": "doubles, B transposed",
+    "r4_n_n": "floats", "c4_n_n": "complex floats", "c8_n_n": "complex doubles",
 }
 
 
@@ -97,9 +102,10 @@ FAMILIES = (
         runs={"held to SSE4.2": held(*TO_SSE4), "held to SSSE3": held(*TO_SSSE3),
               "held to SSE2": held(*TO_SSE2)},
         parts=(("Decimal numbers", r"ato"),),
-        reasons=((r"mixed", "the first block costs a branch of its own"),
-                 (r"^ato", "more than ten digits take a second round"),
-                 (r"", "see [strings](#strings)")),
+        reasons=((r"^ato", "more than ten digits take a second round"),
+                 (r"^str(len|end|chr)/", "the first block costs a branch of its own"),
+                 (r"^str.?spn|strpbrk|strtok", "see [strings](#strings)"),
+                 (r"", "one block of 16 bytes at a time")),
         charts=(Chart("strings", "String routines, all lengths"),
                 Chart("strlen", "strlen by length", r"strlen/(?P<size>\d+)$", x="size in bytes"),
                 Chart("numbers", "Decimal numbers by digits", r"ato(i|ll)/(?P<size>\d+)$",
@@ -128,7 +134,7 @@ FAMILIES = (
         reasons=((r"clang_rt", "looks at no rounding mode, raises no flag"),
                  (r"", "see [quad arithmetic](#quad-arithmetic)")),
         charts=(Chart("quad", "Quad operations, one call after the other",
-                      r"(?P<bar>\w+)/throughput"),
+                      r"(?P<bar>\w+)/(?!latency)"),
                 Chart("quad-latency", "Quad operations, each waiting for the one before",
                       r"(?P<bar>\w+)/latency"))),
     Family(

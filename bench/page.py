@@ -50,8 +50,10 @@ def label(contender):
 
 
 def readable(row):
-    row = re.sub(r"(\d)-(\d)", r"\1 to \2", row.replace("fixed-", "").replace("/", ", "))
-    return re.sub(r"[-_]", " ", row)
+    """copy/mixed-1-16-aligned is copy, mixed 1 to 16 aligned."""
+    parts = (LABELS.get(part) or re.sub(r"[-_]", " ", re.sub(r"(\d)-(\d)", r"\1 to \2", part))
+             for part in row.replace("fixed-", "").split("/"))
+    return ", ".join(parts)
 
 
 def table(head, lines):

@@ -199,7 +199,7 @@ const int registered = [] {
     const body run = text_row.run;
     add("32-frames", [run](benchmark::State& state) { descend(32 - 10, run, state); });
     for (const int images : {1, 4, most_images}) {
-      add(std::to_string(images) + "-images",
+      add(std::to_string(images) + (images == 1 ? "-image" : "-images"),
           [=](benchmark::State& state) { run_below_images(images, run, state); });
     }
     for (const int mappings : {100, 1000, 4000}) {

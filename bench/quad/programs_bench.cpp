@@ -171,7 +171,8 @@ typename By::number mandelbrot() {
   const auto four = By::exact(4);
   for (int point = 0; point < side * side; ++point) {
     const auto x0 = By::exact(point % side * (2.5 / side) - 2);
-    const auto y0 = By::exact(point / side * (2.5 / side) - 1.25);
+    const int line = point / side;
+    const auto y0 = By::exact(line * (2.5 / side) - 1.25);
     auto x = x0, y = y0, xx = x, yy = x, sum = x;
     for (int step = 0; step < most; ++step, ++steps) {
       By::multiply(xx, x, x);
