@@ -104,9 +104,11 @@ class Page(Scratch):
             with self.subTest(name):
                 self.assertIn(line, page)
 
-    def test_marks_rows_of_a_commit_that_nobody_knows(self):
-        self.rows("intel-6-207", INTEL, "gone")
-        self.assertIn("| 2.00 † |", self.page())
+    def test_marks_rows_of_code_that_nobody_knows(self):
+        for commit in "gone", "1st+":
+            with self.subTest(commit):
+                self.rows("intel-6-207", INTEL, commit)
+                self.assertIn("| 2.00 † |", self.page())
 
     def test_refuses(self):
         refused = {
@@ -131,21 +133,27 @@ class Page(Scratch):
                 self.assertFalse((self.folder / "page.md").exists())
 
     def test_draws_ratios_that_can_be_read(self):
+        (self.folder / "charts").mkdir()
+        (self.folder / "charts/of_a_family_that_went.svg").write_text("<svg/>")
         self.page()
-        drawn = {}
+        drawn = {}  # {chart: {text: where}}
         for file in self.folder.glob("charts/*.svg"):
             root = xml.parse(file).getroot()
-            drawn[file.stem] = {e.text for e in root.iter() if e.tag.endswith("text")}
             paper = next(e for e in root if e.tag.endswith("rect")).get("fill")
-            for e in root.iter():
-                if e.tag.endswith("text"):
-                    self.assertGreaterEqual(contrast(e.get("fill"), paper), 4.5, (file, e.text))
+            texts = [e for e in root.iter() if e.tag.endswith("text")]
+            drawn[file.stem] = {e.text: (float(e.get("x")), float(e.get("y"))) for e in texts}
+            for e in texts:
+                self.assertGreaterEqual(contrast(e.get("fill"), paper), 4.5, (file, e.text))
+        self.assertNotIn("of_a_family_that_went", drawn)
         expected = {"copy": {"upwards: zorvac is faster", "dispatcher beside C library", "512",
                              "64", "0.8", "1.25"},
                     "new_thing": {"to the right: zorvac is faster", "zorvac_new_way beside oldlib",
                                   "work", "3.00"}}
         for name, words in expected.items():
-            self.assertEqual(words - drawn.get(name, set()), set(), name)
+            self.assertEqual(words - drawn.get(name, {}).keys(), set(), name)
+        for chart, axis, way in ("copy", 1, -1), ("new_thing", 0, 1):  # a fifth can be seen
+            (slower, faster) = (drawn[chart][tick][axis] for tick in ("1", "1.25"))
+            self.assertGreater(way * (faster - slower), 8, chart)
 
 
 class Measuring(Scratch):
