@@ -124,8 +124,8 @@ FAMILIES = (
                  (r"", "see [pools](#pools)")),
         charts=(Chart("pool", "Blocks of 64 bytes from one pool: by threads and by who frees",
                       r"(?P<bar>\w+/\w+-threads?)$"),
-                Chart("pools", "A pair of allocation and free, by the number of pools",
-                      r"pair/(?P<bar>one-thread(-\w+-pools)?)$"))),
+                Chart("pools", "Blocks of 64 bytes on one thread, by the number of pools",
+                      r"(?P<bar>(pair|crowd|handover)/one-thread(-\w+-pools)?)$"))),
     Family(
         "quad", "quad_bench", "Quad arithmetic", ("src/quad",),
         figures="empty/",

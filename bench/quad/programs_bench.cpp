@@ -12,7 +12,9 @@
 #include <random>
 #include <string>
 #include <vector>
-#include <zorvac/quad.hpp>
+
+#include "support/libc_peer.h"
+#include "zorvac/quad.hpp"
 
 namespace zorvac::bench {
 namespace {
@@ -213,7 +215,7 @@ const bool registered = [] {
   add_rows<calls>("zorvac-calls");
   add_rows<operators<quad>>("zorvac-class");
   add_rows<operators<__float128>>("libgcc");
-  benchmark::AddCustomContext("peer libgcc", "of g++ " __VERSION__);
+  tell_libgcc();
   return true;
 }();
 

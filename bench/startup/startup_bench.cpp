@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <string>
+#include <type_traits>
 
 #include "mixes/blocks.h"
 #include "zorvac/cpu.h"

@@ -43,6 +43,13 @@ inline void tell_peer(const std::string& name, const std::string& version) {
   benchmark::AddCustomContext("peer " + name, version);
 }
 inline void tell_libc() { tell_peer("C library", std::string("glibc ") + gnu_get_libc_version()); }
+inline void tell_libgcc() {
+#ifdef __clang__
+  tell_peer("libgcc", "the one that clang " __clang_version__ "takes");
+#else
+  tell_peer("libgcc", "of g++ " __VERSION__);
+#endif
+}
 
 // To be told which one of overloaded functions is meant by its type.
 template <class Function>
