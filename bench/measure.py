@@ -147,10 +147,7 @@ def main():
 
     programs = {p.name: p for p in sorted((arguments.build / "bench").glob("*_bench"))}
     families = families_of(programs)
-    for missing in {f.program for f in families} - programs.keys():
-        print(f"not built, so not measured: {missing}", file=sys.stderr)
-    wanted = [f for f in families if f.program in programs
-              and arguments.only in ("", f.name, f.program)]
+    wanted = [f for f in families if arguments.only in ("", f.name, f.program)]
     if not wanted:
         sys.exit(f"no family or program is called {arguments.only}: "
                  + ", ".join(f.name for f in families))
@@ -160,6 +157,9 @@ def main():
     folder = arguments.results / folder_name(processor)
     folder.mkdir(parents=True, exist_ok=True)
     for family in wanted:
+        if family.program not in programs:
+            print(f"not built, so not measured: {family.program}", file=sys.stderr)
+            continue
         results = Results(machine(arguments.build, processor), {})
         for run, environment in family.runs.items():
             print(f"measuring {family.name} {run}".rstrip(), file=sys.stderr)
