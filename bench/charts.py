@@ -8,6 +8,7 @@ import math
 from xml.sax.saxutils import escape
 
 WIDTH, MARGIN = 800, 12
+PANEL = 260  # the width of one of bars, at least
 PAPER, INK, GRID = "#ffffff", "#24292f", "#d0d7de"
 COLOURS = ("#0b5fc1", "#b45309", "#1a7f37", "#7c3aed", "#b91c1c", "#0f766e", "#7c5a10", "#57606a")
 TICKS = (1 / 16, 1 / 8, 1 / 4, 1 / 2, 0.8, 1, 1.25, 2, 4, 8, 16)
@@ -45,8 +46,8 @@ class RatioScale:
 def head(title, direction, series):
     """Returns the title with the legend below it, and where they end."""
     parts = [text(MARGIN, 22, title, extra='font-size="15" font-weight="bold"'),
-             text(WIDTH - MARGIN, 22, f"{direction}: zorvac is faster", "end")]
-    x, y = MARGIN, 42
+             text(MARGIN, 40, f"times as fast as the peer; {direction}: zorvac is faster")]
+    x, y = MARGIN, 60
     for name, colour in series.items():
         width = 30 + 6.6 * len(name)
         if x + width > WIDTH - MARGIN and x > MARGIN:
@@ -57,10 +58,10 @@ def head(title, direction, series):
     return parts, y + 8
 
 
-def svg(parts, height):
+def svg(parts, height, width=WIDTH):
     body = "\n".join(parts)
-    return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height:.0f}" '
-            f'width="{WIDTH}" height="{height:.0f}" font-family="sans-serif" font-size="12">\n'
+    return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width:.0f} {height:.0f}" '
+            f'width="{width:.0f}" height="{height:.0f}" font-family="sans-serif" font-size="12">\n'
             f'<rect width="100%" height="100%" fill="{PAPER}"/>\n{body}\n</svg>\n')
 
 
@@ -94,8 +95,7 @@ def lines(title, x_label, panels):
     for processor, series in panels.items():
         top += 22
         height = RatioScale(values(panels), top + tall, top)
-        parts.append(text(left, top - 5, f"{processor}: times as fast as the peer, by {x_label} "
-                                         "(both scales logarithmic)"))
+        parts.append(text(left, top - 5, f"{processor}, by {x_label} (logarithmic)"))
         for tick in height.ticks:
             parts.append(path(f"{left} {height(tick):.1f}H{right}", INK if tick == 1 else GRID, 1))
             parts.append(text(left - 5, height(tick) + 4, tick_name(tick), "end"))
@@ -121,14 +121,14 @@ def bars(title, panels):
             for row in dict.fromkeys(r for series in panels.values() for points in series.values()
                                      for r in points)}
     left = MARGIN + 6.8 * max(map(len, rows))
-    panel = (WIDTH - MARGIN - left) / len(panels)
+    panel = max((WIDTH - MARGIN - left) / len(panels), PANEL)
     top += 40
     bar = 12
     bottom = top + sum(bar * len(names) + 8 for names in rows.values())
     for p, (processor, series) in enumerate(panels.items()):
         start = left + panel * p + 34
         scale = RatioScale(values(panels), start, start + panel - 68)
-        parts.append(text(start, top - 22, f"{processor}: times as fast as the peer"))
+        parts.append(text(start, top - 22, processor))
         for tick in scale.ticks:
             parts.append(path(f"{scale(tick):.1f} {top}V{bottom}", INK if tick == 1 else GRID, 1))
             if tick not in (0.8, 1.25) or scale(1.25) - scale(1) > 25:
@@ -148,4 +148,4 @@ def bars(title, panels):
                                       'font-size="10"'))
                 y += bar
             y += 8
-    return svg(parts, bottom + MARGIN)
+    return svg(parts, bottom + MARGIN, left + panel * len(panels) + MARGIN)

@@ -73,7 +73,7 @@ AT_THEIR_LEVEL = r"^(dispatcher|SSE2 member|SSSE3 member) "
 
 
 def by_size(operation):
-    return Chart(operation, f"{operation} by size, unaligned",
+    return Chart(operation, f"{operation.capitalize()} by size, unaligned",
                  rf"{operation}/fixed-(?P<size>\d+[KM]?)-unaligned",
                  AT_THEIR_LEVEL, x="size in bytes")
 

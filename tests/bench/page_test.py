@@ -145,10 +145,10 @@ class Page(Scratch):
             for e in texts:
                 self.assertGreaterEqual(contrast(e.get("fill"), paper), 4.5, (file, e.text))
         self.assertNotIn("of_a_family_that_went", drawn)
-        expected = {"copy": {"upwards: zorvac is faster", "dispatcher beside C library", "512",
-                             "64", "0.8", "1.25"},
-                    "new_thing": {"to the right: zorvac is faster", "zorvac_new_way beside oldlib",
-                                  "work", "3.00"}}
+        expected = {"copy": {"times as fast as the peer; upwards: zorvac is faster",
+                             "dispatcher beside C library", "512", "64", "0.8", "1.25"},
+                    "new_thing": {"times as fast as the peer; to the right: zorvac is faster",
+                                  "zorvac_new_way beside oldlib", "work", "3.00"}}
         for name, words in expected.items():
             self.assertEqual(words - drawn.get(name, {}).keys(), set(), name)
         for chart, axis, way in ("copy", 1, -1), ("new_thing", 0, 1):  # a fifth can be seen
