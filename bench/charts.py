@@ -1,43 +1,77 @@
-"""Charts as SVG text: lines over a logarithmic size, and groups of bars.
+"""Charts of ratios as SVG text, a panel for each processor: lines over a logarithmic size, or bars.
 
-The colours keep their contrast on a white and on a dark page, and text and axes are a grey between;
-the background is the page's. Ours are drawn first and thicker.
+The scale of ratios is logarithmic, so that 1.2 times as fast is as far from 1 as 1.2 times as slow,
+and can be seen. The background is the chart's own: no colour of text has enough contrast on white
+and on a dark page both.
 """
 import math
 from xml.sax.saxutils import escape
 
-WIDTH, HEIGHT = 760, 380
-LEFT, RIGHT, TOP, BOTTOM = 62, 170, 34, 52
-INK, GRID = "#808080", "#80808040"
-OURS = ("#2f81f7", "#1f9d8f", "#8957e5", "#5aa9e6", "#b07aff")
-PEERS = ("#e0823d", "#d1504b", "#b59a1d", "#c0569b", "#8c8c5a")
+WIDTH, MARGIN = 800, 12
+PANEL = 260  # the width of one of bars, at least
+PAPER, INK, GRID = "#ffffff", "#24292f", "#d0d7de"
+COLOURS = ("#0b5fc1", "#b45309", "#1a7f37", "#7c3aed", "#b91c1c", "#0f766e", "#7c5a10", "#57606a")
+TICKS = (1 / 16, 1 / 8, 1 / 4, 1 / 2, 0.8, 1, 1.25, 2, 4, 8, 16)
+LINE = 17  # from one line of text to the next
 
 
-def colours(series):
-    """Returns {name: (colour, line width)}."""
-    ours = [s for s in series if s.startswith("zorvac")]
-    peers = [s for s in series if not s.startswith("zorvac")]
-    return ({s: (OURS[i % len(OURS)], 2.4) for i, s in enumerate(ours)} |
-            {s: (PEERS[i % len(PEERS)], 1.5) for i, s in enumerate(peers)})
+def tick_name(tick):
+    return f"1/{1 / tick:g}" if tick <= 0.5 else f"{tick:g}"
 
 
-def decades(lowest, highest):
-    """Returns the powers of ten from the one below the lowest to the one above the highest."""
-    exponents = range(math.floor(math.log10(lowest)), math.ceil(math.log10(highest)) + 1)
-    return [10.0 ** e for e in exponents]
-
-
-def steps(highest):
-    """Returns round values from 0 to just above the highest: at most six steps."""
-    raw = highest / 5
-    unit = 10.0 ** math.floor(math.log10(raw))
-    step = next(unit * m for m in (1, 2, 2.5, 5, 10) if unit * m >= raw)
-    return [step * i for i in range(math.ceil(highest / step) + 1)]
-
-
-def text(x, y, content, anchor="middle", extra=""):
-    return (f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" {extra}>'
+def text(x, y, content, anchor="start", extra=""):
+    return (f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" fill="{INK}" {extra}>'
             f"{escape(str(content))}</text>")
+
+
+def path(points, colour, width):
+    return (f'<path d="M{points}" fill="none" stroke="{colour}" stroke-width="{width}"/>')
+
+
+class RatioScale:
+    """Ratios on a stretch of the page. What is beyond the last tick is drawn there."""
+
+    def __init__(self, ratios, start, end):
+        ratios = list(ratios)
+        self.ticks = [t for t in TICKS if 0.4 < t < 2.5
+                      or min(ratios) < t * 2 and t < 1 or max(ratios) > t / 2 and t > 1]
+        self.start, self.end = start, end
+
+    def __call__(self, ratio):
+        first, last = math.log(self.ticks[0]), math.log(self.ticks[-1])
+        part = (min(max(math.log(ratio), first), last) - first) / (last - first)
+        return self.start + (self.end - self.start) * part
+
+
+def head(title, direction, series):
+    """Returns the title with the legend below it, and where they end."""
+    parts = [text(MARGIN, 22, title, extra='font-size="15" font-weight="bold"'),
+             text(MARGIN, 40, f"times as fast as the peer; {direction}: zorvac is faster")]
+    x, y = MARGIN, 60
+    for name, colour in series.items():
+        width = 30 + 6.6 * len(name)
+        if x + width > WIDTH - MARGIN and x > MARGIN:
+            x, y = MARGIN, y + LINE
+        parts.append(f'<rect x="{x}" y="{y - 9}" width="14" height="10" fill="{colour}"/>')
+        parts.append(text(x + 19, y, name))
+        x += width
+    return parts, y + 8
+
+
+def svg(parts, height, width=WIDTH):
+    body = "\n".join(parts)
+    return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width:.0f} {height:.0f}" '
+            f'width="{width:.0f}" height="{height:.0f}" font-family="sans-serif" font-size="12">\n'
+            f'<rect width="100%" height="100%" fill="{PAPER}"/>\n{body}\n</svg>\n')
+
+
+def colours(panels):
+    names = dict.fromkeys(name for series in panels.values() for name in series)
+    return {name: COLOURS[i % len(COLOURS)] for i, name in enumerate(names)}
+
+
+def values(panels):
+    return [v for series in panels.values() for points in series.values() for v in points.values()]
 
 
 def size_name(size):
@@ -47,94 +81,71 @@ def size_name(size):
     return str(size)
 
 
-def frame(title, y_label, x_label, ticks):
-    """Returns the parts that all charts have, and the function from values to heights, which is
-    logarithmic where the ticks do not begin at 0."""
-    bottom, right = HEIGHT - BOTTOM, WIDTH - RIGHT
-
-    def height(value):
-        part = (math.log(value / ticks[0]) / math.log(ticks[-1] / ticks[0]) if ticks[0] > 0
-                else value / ticks[-1])
-        return bottom - (bottom - TOP) * part
-    parts = [text(LEFT, 18, title, "start", 'font-size="14" font-weight="bold"'),
-             text((LEFT + right) / 2, HEIGHT - 8, x_label),
-             text(0, 0, y_label,
-                  extra=f'transform="translate(14 {(TOP + bottom) / 2}) rotate(-90)"')]
-    for tick in ticks:
-        parts.append(f'<path d="M{LEFT} {height(tick):.1f}H{right}" stroke="{GRID}"/>')
-        parts.append(text(LEFT - 6, height(tick) + 4, f"{tick:g}", "end"))
-    return parts, height
-
-
-def legend(parts, styles):
-    for i, (name, (colour, width)) in enumerate(styles.items()):
-        y = TOP + 8 + 18 * i
-        x = WIDTH - RIGHT + 14
-        parts.append(f'<path d="M{x} {y}h20" stroke="{colour}" stroke-width="{width}"/>')
-        parts.append(text(x + 26, y + 4, name, "start"))
-
-
-def svg(parts):
-    body = "\n".join(parts)
-    return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}" '
-            f'width="{WIDTH}" height="{HEIGHT}" font-family="sans-serif" font-size="11" '
-            f'fill="{INK}">\n'
-            f"{body}\n</svg>\n")
-
-
-def lines(title, x_label, y_label, series, limits, ratio_scale):
-    """Draws {contender: {size: value}}, sizes on a logarithmic axis, and {limit: value} across. On
-    a ratio scale equal ratios of values are equal distances."""
-    sizes = sorted({size for points in series.values() for size in points})
-    values = [v for points in series.values() for v in points.values()] + list(limits.values())
-    ticks = decades(min(values), max(values)) if ratio_scale else steps(max(values))
-    parts, height = frame(title, y_label, f"{x_label} (logarithmic)", ticks)
+def lines(title, x_label, panels):
+    """Draws {processor: {series: {size: ratio}}}: panels one below the other."""
+    styles = colours(panels)
+    parts, top = head(title, "upwards", styles)
+    sizes = sorted({size for series in panels.values() for points in series.values()
+                    for size in points})
+    left, right, tall = 44, WIDTH - MARGIN, 190
     first, last = math.log2(sizes[0]), math.log2(sizes[-1])
-    right, bottom = WIDTH - RIGHT, HEIGHT - BOTTOM
 
     def across(size):
-        return LEFT + (right - LEFT) * (math.log2(size) - first) / ((last - first) or 1)
-    labelled = -math.inf
-    for size in sizes:
-        x = across(size)
-        parts.append(f'<path d="M{x:.1f} {TOP}V{bottom}" stroke="{GRID}"/>')
-        if x - labelled >= 26:  # labels closer than this run into each other
-            parts.append(text(x, bottom + 16, size_name(size)))
-            labelled = x
-    for name, value in limits.items():
-        parts.append(text(LEFT + 4, height(value) - 4, name, "start"))
-        parts.append(f'<path d="M{LEFT} {height(value):.1f}H{right}" stroke="{INK}" '
-                     'stroke-width="1.5" stroke-dasharray="5 4"/>')
-    styles = colours(series)
-    for name, points in reversed(series.items()):
-        colour, width = styles[name]
-        path = "L".join(f"{across(s):.1f} {height(v):.1f}" for s, v in sorted(points.items()))
-        parts.append(f'<path d="M{path}" fill="none" stroke="{colour}" stroke-width="{width}"/>')
-        if len(points) == 1:
-            (s, v), = points.items()
-            parts.append(f'<circle cx="{across(s):.1f}" cy="{height(v):.1f}" r="3" '
-                         f'fill="{colour}"/>')
-    legend(parts, styles)
-    return svg(parts)
+        return left + 16 + (right - left - 32) * (math.log2(size) - first) / ((last - first) or 1)
+    for processor, series in panels.items():
+        top += 22
+        height = RatioScale(values(panels), top + tall, top)
+        parts.append(text(left, top - 5, f"{processor}, by {x_label} (logarithmic)"))
+        for tick in height.ticks:
+            parts.append(path(f"{left} {height(tick):.1f}H{right}", INK if tick == 1 else GRID, 1))
+            parts.append(text(left - 5, height(tick) + 4, tick_name(tick), "end"))
+        labelled = -math.inf
+        for size in sizes:
+            if across(size) - labelled >= 34:  # labels closer than this run into each other
+                parts.append(text(across(size), top + tall + 15, size_name(size), "middle"))
+                labelled = across(size)
+        for name, points in series.items():
+            track = "L".join(f"{across(s):.1f} {height(v):.1f}" for s, v in sorted(points.items()))
+            parts.append(path(track, styles[name], 2))
+        top += tall + 20
+    return svg(parts, top + 4)
 
 
-def bars(title, y_label, series):
-    """Draws {contender: {row: value}} as one group of bars a row."""
-    rows = list(dict.fromkeys(row for points in series.values() for row in points))
-    highest = max(v for points in series.values() for v in points.values())
-    parts, height = frame(title, y_label, "", steps(highest))
-    bottom = HEIGHT - BOTTOM
-    group = (WIDTH - RIGHT - LEFT) / len(rows)
-    bar = group * 0.8 / len(series)
-    styles = colours(series)
-    two_lines = len(rows) > 6  # of names, or they run into each other
-    for r, row in enumerate(rows):
-        left = LEFT + group * (r + 0.1)
-        parts.append(text(left + group * 0.4, bottom + 14 + 13 * (r % 2 if two_lines else 0), row))
-        for s, (name, points) in enumerate(series.items()):
-            if row in points:
-                y = height(points[row])
-                parts.append(f'<rect x="{left + bar * s:.1f}" y="{y:.1f}" width="{bar * 0.9:.1f}" '
-                             f'height="{bottom - y:.1f}" fill="{styles[name][0]}"/>')
-    legend(parts, styles)
-    return svg(parts)
+def bars(title, panels):
+    """Draws {processor: {series: {row: ratio}}}: rows one below the other, panels side by side,
+    each bar from 1 to its ratio with the figure behind it."""
+    styles = colours(panels)
+    parts, top = head(title, "to the right", styles)
+    rows = {row: [name for name in styles if any(row in series.get(name, ())
+                                                 for series in panels.values())]
+            for row in dict.fromkeys(r for series in panels.values() for points in series.values()
+                                     for r in points)}
+    left = MARGIN + 6.8 * max(map(len, rows))
+    panel = max((WIDTH - MARGIN - left) / len(panels), PANEL)
+    top += 40
+    bar = 12
+    bottom = top + sum(bar * len(names) + 8 for names in rows.values())
+    for p, (processor, series) in enumerate(panels.items()):
+        start = left + panel * p + 34
+        scale = RatioScale(values(panels), start, start + panel - 68)
+        parts.append(text(start, top - 22, processor))
+        for tick in scale.ticks:
+            parts.append(path(f"{scale(tick):.1f} {top}V{bottom}", INK if tick == 1 else GRID, 1))
+            if tick not in (0.8, 1.25) or scale(1.25) - scale(1) > 25:
+                parts.append(text(scale(tick), top - 6, tick_name(tick), "middle"))
+        y = top + 4
+        for row, names in rows.items():
+            if p == 0:
+                parts.append(text(left + 6, y + bar * len(names) / 2 + 4, row, "end"))
+            for name in names:
+                if row in (points := series.get(name, {})):
+                    low, high = sorted((scale(1), scale(points[row])))
+                    parts.append(f'<rect x="{low:.1f}" y="{y}" width="{max(high - low, 1):.1f}" '
+                                 f'height="{bar - 2}" fill="{styles[name]}"/>')
+                    behind = points[row] < 1
+                    parts.append(text(low - 3 if behind else high + 3, y + bar - 3,
+                                      f"{points[row]:.2f}", "end" if behind else "start",
+                                      'font-size="10"'))
+                y += bar
+            y += 8
+    return svg(parts, bottom + MARGIN, left + panel * len(panels) + MARGIN)

@@ -1,97 +1,192 @@
-"""The one table of what scripts/bench runs and what docs/performance.md shows of it.
+"""The one table of what scripts/bench measures and what docs/performance.md shows of it.
 
-A program that has no row in RUNS runs once as it is, and rows that no family claims come under the
-last one, so a new benchmark is on the page before anybody has thought of it.
+A family is a program. One that has no row here runs once as it is and has a section of its own
+under its name, so a new benchmark is on the page before anybody has thought of it. All rows count
+in the tables; charts are what a family has besides.
 """
-from dataclasses import dataclass
-
-
-@dataclass(frozen=True)
-class Run:
-    """One run of a program: the rows to measure and the environment to do it in."""
-    program: str
-    rows: str = "."
-    result: str = ""  # of the file with the results; the program's name where empty
-    environment: tuple = ()
+from dataclasses import dataclass, field
 
 
 @dataclass(frozen=True)
 class Chart:
-    """A picture of the rows that match. The group `size` of `rows` is the x axis; where there is a
-    group `series`, each of its texts gives lines of its own. A chart of bars has a group of bars
-    for each text of the group `row`. `hide` are contenders to leave out; rows that match `limits`
-    become lines across: the most that a contender can reach. On a ratio scale the y axis is
-    logarithmic, too."""
+    """A picture of ratios, a panel for each processor. Of the rows that match, the group `size` is
+    the x axis of lines, and what the group `bar` holds has a bar each; a mean, where it is of
+    several rows. `pairs` are the contenders to show, "ours beside peer" by their labels."""
     file: str
     title: str
-    rows: str
-    value: str = "ns"  # ns, GB/s or GFLOP/s
-    bars: bool = False
-    x: str = "bytes"
-    hide: str = "^$"
-    limits: str = "^$"
-    ratio_scale: bool = False
+    rows: str = r"(?P<bar>[^/]+)/"
+    pairs: str = ""
+    x: str = ""  # what the sizes are, on a chart of lines
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, eq=False)
 class Family:
-    name: str  # and that of its note, bench/notes/<name>.md
+    name: str  # and that of its rows, <processor>/<name>.csv, and of its note, notes/<name>.md
+    program: str
     title: str
-    rows: str
+    sources: tuple = ("src",)  # of what it measures: rows older than a change here are marked
+    runs: dict = field(default_factory=lambda: {"": {}})  # {name: environment}
+    parts: tuple = ()  # (title, rows): lines of their own in the tables; what is left has one, too
+    front: tuple = ()  # the first of these that a processor has is ours in the first table
+    figures: str = "$^"  # rows of one contender alone, which have a time and no ratio
+    reasons: tuple = ()  # (what "row/ours peer" contains, why it is behind): the first that fits
     charts: tuple = ()
 
 
-# The C library held to its variants of one level.
-WITHOUT_AVX = ("GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2,-AVX512F,-AVX512VL,-AVX_Fast_Unaligned_Load,"
-               "-ERMS,-FSRM,-SSE4_1,-SSE4_2,-MOVBE")
+def held(*missing):
+    """Returns the environment of a C library without these features."""
+    return {"GLIBC_TUNABLES": "glibc.cpu.hwcaps=" + ",".join("-" + name for name in missing)}
 
-RUNS = (
-    Run("block_bench", "/(zorvac_(fast|avx_rep|avx512f|vec)|worker|libc)(/|$)"),
-    Run("block_bench", "/(zorvac_ssse3|zorvac_ssse3_rep|libc-ssse3)(/|$)", "block_bench-ssse3",
-        (WITHOUT_AVX,)),
-    Run("block_bench", "/(zorvac_new|libc-sse2)(/|$)", "block_bench-sse2",
-        (WITHOUT_AVX + ",-SSSE3",)),
-    Run("string_bench", "(atoi|atoll)/"),
-    Run("string_bench", "(strlen|strchr)/", "string_bench-sse2",
-        (WITHOUT_AVX + ",-SSSE3,-BMI2",)),
-) + tuple(
-    Run("pool_bench", f"/{threads}-", f"pool_bench-{result}-{pools or 1}",
-        (f"ZORVAC_BENCH_POOLS={pools}",))
-    for pools in ("", "5", "50", "spent")
-    for threads, result in (("one", "one"), ("(two|four)", "several"))
-)
+
+# The C library held to its variants of a level.
+TO_AVX2 = ("AVX512F", "AVX512VL", "AVX512BW")
+TO_SSE4 = (*TO_AVX2, "AVX2", "AVX_Fast_Unaligned_Load", "ERMS", "FSRM", "MOVBE")
+TO_SSSE3 = (*TO_SSE4, "SSE4_1", "SSE4_2")
+TO_SSE2 = (*TO_SSSE3, "SSSE3", "BMI2")
+
+LABELS = {
+    "libc": "C library", "libc-avx2": "C library held to AVX2",
+    "libc-sse4": "C library held to SSE4.2", "libc-ssse3": "C library held to SSSE3",
+    "libc-sse2": "C library held to SSE2",
+    "zorvac_fast": "dispatcher", "zorvac_avx_rep": "AVX2 member",
+    "zorvac_avx512f": "AVX-512 member", "zorvac_new": "SSE2 member",
+    "zorvac_ssse3": "SSSE3 member", "zorvac_ssse3_rep": "SSE4.2 member", "zorvac_vec": "VEC member",
+    "zorvac_sse2": "SSE2 members", "zorvac_sse4": "SSE4.2 members",
+    "zorvac-pair": "SSE2 kernels", "zorvac-avx2": "AVX2 kernels",
+    "zorvac-avx512": "AVX-512 kernels",
+    "zorvac-general-pair": "general kernels, SSE2", "zorvac-general-avx2": "general kernels, AVX2",
+    "zorvac-general-avx512": "general kernels, AVX-512",
+    "zorvac-calls": "the C routines", "zorvac-class": "the C++ class", "zorvac": "zorvac",
+    "openblas": "OpenBLAS", "blis": "BLIS", "eigen": "Eigen", "matmul": "Fortran's MATMUL",
+    "clang_rt": "clang's library", "loop": "a compiled loop", "libdw-warm": "libdw, files read",
+    "direct": "the variant itself", "worker": "the worker itself",
+    "empty-library": "an empty library",
+    # Parts of rows' names.
+    "pair": "freed at once", "crowd": "10,000 blocks alive", "handover": "handed over",
+    "foreign": "the C library's block",
+    "r8_n_n": "doubles", "r8_t_n": "doubles, A transposed", "r8_n_t": "doubles, B transposed",
+    "r4_n_n": "floats", "c4_n_n": "complex floats", "c8_n_n": "complex doubles",
+}
+
+
+AT_THEIR_LEVEL = r"^(dispatcher|SSE2 member|SSSE3 member) "
 
 
 def by_size(operation):
-    return Chart(operation, f"{operation}: gigabytes a second by size, unaligned",
-                 rf"{operation}/fixed-(?P<size>\d+[KM]?)-unaligned", "GB/s",
-                 hide="_(avx512f|vec|ssse3)$|libc-ssse3", ratio_scale=True)
+    return Chart(operation, f"{operation.capitalize()} by size, unaligned",
+                 rf"{operation}/fixed-(?P<size>\d+[KM]?)-unaligned",
+                 AT_THEIR_LEVEL, x="size in bytes")
 
 
 FAMILIES = (
-    Family("memory", "Memory by size", r"(copy|move|fill|compare|dispatch-.*)/",
-           (by_size("copy"), by_size("move"), by_size("fill"), by_size("compare"))),
-    Family("strings", "Strings", r"(strlen|strchr|atoi|atoll)/",
-           (Chart("strlen", "strlen: time by length", r"strlen/(?P<size>\d+)$", ratio_scale=True),
-            Chart("numbers", "Decimal numbers: time by digits",
-                  r"(?P<series>ato\w+)/(?P<size>\d+)$", x="digits", ratio_scale=True))),
-    Family("pool", "Pools", r"(pair|crowd|handover|foreign)/",
-           (Chart("pool", "One allocation and one free of 64 bytes", r"(?P<row>\w+)/one-thread$",
-                  bars=True),)),
-    Family("quad", "Quad arithmetic",
-           r"(add|subtract|multiply|divide|equal|less|to_\w+|from_\w+)/(throughput|latency)$",
-           (Chart("quad", "Quad operations: time of a call, operands not predictable",
-                  r"(?P<row>\w+)/throughput$", bars=True),
-            Chart("quad-latency", "Quad operations: time of a call that waits for the one before",
-                  r"(?P<row>\w+)/latency$", bars=True))),
-    Family("matrices", "Matrices", r"([rc][48]_[nt]_[nt]|limit)/",
-           (Chart("matrices", "Products of square matrices of doubles, one thread",
-                  r"r8_n_n/(?P<size>\d+)x(?P=size)x(?P=size)$", "GFLOP/s", x="n", hide="general",
-                  limits=r"limit/separate/[28]"),)),
-    Family("reductions", "Reductions", r"(sum|product|maximum|minimum|equivalence)-\w+/"),
-    Family("traceback", "Traceback", r"(walk|text)/",
-           (Chart("traceback", "A traceback by the number of frames",
-                  r"(?P<series>walk|text)/(?P<size>\d+)-frames$", x="frames", ratio_scale=True),)),
-    Family("dispatch", "Dispatch and load", r"(dispatch|detect|load)/"),
-    Family("others", "Others", r"(?!empty/)"),
+    Family(
+        "memory", "block_bench", "Memory", ("src/mem", "src/cpu"),
+        runs={"": {}, "held to AVX2": held(*TO_AVX2), "held to SSSE3": held(*TO_SSSE3),
+              "held to SSE2": held(*TO_SSE2)},
+        parts=tuple((operation.capitalize(), f"{operation}/")
+                    for operation in ("copy", "move", "fill", "compare")),
+        front=("zorvac_fast",),
+        reasons=((r"^compare/", "compares by words, by its contract"),
+                 (r"^move/.*zorvac_fast", "no AVX2 move: the SSSE3 worker's fifteen loops"),
+                 (r"avx512f", "streams whatever the size"),
+                 (r"vec", "REP MOVSQ and REP STOSQ up to 16384 bytes"),
+                 (r"(fixed-(1|2|4|8|16|32|64|128)|mixed|service)-",
+                  "the indirect jump of small counts"),
+                 (r"(new|ssse3)", "fifteen merging loops"),
+                 (r"", "see [memory](#memory)")),
+        charts=(Chart("mixes", "Blocks of sizes that nobody can predict, unaligned",
+                      r"(?P<bar>\w+/(mixed-[\d-]+|service))-unaligned", AT_THEIR_LEVEL),
+                by_size("copy"), by_size("move"), by_size("fill"), by_size("compare"))),
+    Family(
+        "strings", "string_bench", "Strings", ("src/string",),
+        runs={"held to SSE4.2": held(*TO_SSE4), "held to SSSE3": held(*TO_SSSE3),
+              "held to SSE2": held(*TO_SSE2)},
+        parts=(("Decimal numbers", r"ato"),),
+        reasons=((r"^ato", "more than ten digits take a second round"),
+                 (r"^str(len|end|chr)/", "the first block costs a branch of its own"),
+                 (r"^str.?spn|strpbrk|strtok", "see [strings](#strings)"),
+                 (r"", "one block of 16 bytes at a time")),
+        charts=(Chart("strings", "String routines, all lengths"),
+                Chart("strlen", "strlen by length", r"strlen/(?P<size>\d+)$", x="size in bytes"),
+                Chart("numbers", "Decimal numbers by digits", r"ato(i|ll)/(?P<size>\d+)$",
+                      x="number of digits"))),
+    Family(
+        "pool", "pool_bench", "Pools", ("src/mem/imalloc.cpp",),
+        runs={f"{pools or 'one'} {threads}": {"ZORVAC_BENCH_POOLS": pools,
+                                              "ZORVAC_BENCH_THREADS": threads}
+              for pools in ("", "5", "50", "spent") for threads in ("one", "several")},
+        parts=(("Full pools, foreign blocks", "foreign/|[^/]+/.*spent-pools"),
+               ("Pools, one thread", "[^/]+/one-thread"),
+               ("Pools, several threads", "[^/]+/")),
+        reasons=((r"spent|foreign", "the look-up comes before the C library's work"),
+                 (r"two|four", "strict order: all threads share two counters"),
+                 (r"mimalloc", "hands out the block that was freed last, still cached"),
+                 (r"", "see [pools](#pools)")),
+        charts=(Chart("pool", "Blocks of 64 bytes from one pool: by threads and by who frees",
+                      r"(?P<bar>\w+/\w+-threads?)$"),
+                Chart("pools", "Blocks of 64 bytes on one thread, by the number of pools",
+                      r"(?P<bar>(pair|crowd|handover)/one-thread(-\w+-pools)?)$"))),
+    Family(
+        "quad", "quad_bench", "Quad arithmetic", ("src/quad",),
+        figures="empty/",
+        parts=(("Quad operations", r"(add|subtract|multiply|divide)/"),
+               ("Quad comparisons and conversions", r"")),
+        reasons=((r"clang_rt", "looks at no rounding mode, raises no flag"),
+                 (r"", "see [quad arithmetic](#quad-arithmetic)")),
+        charts=(Chart("quad", "Quad operations, one call after the other",
+                      r"(?P<bar>\w+)/(?!latency)"),
+                Chart("quad-latency", "Quad operations, each waiting for the one before",
+                      r"(?P<bar>\w+)/latency"))),
+    Family(
+        "programs", "programs_bench", "Programs in quads",
+        ("src/quad", "include/zorvac/quad.hpp"),
+        charts=(Chart("programs", "Programs in quads", r"program/(?P<bar>[^/]+)"),)),
+    Family(
+        "matrices", "matmul_bench", "Matrices", ("src/array",),
+        front=("zorvac-avx512", "zorvac-avx2", "zorvac-pair"),
+        figures="limit/",
+        parts=(("Matrices, real", "r"), ("Matrices, complex", "c")),
+        reasons=((r"x1/", "one column reads A once and does next to nothing with it"),
+                 (r"/(4|8|12|16)x", "small products pass two or three jumps"),
+                 (r"^c", "products are rounded before they are added"),
+                 (r"", "the order of sums; see [matrices](#matrices)")),
+        charts=(Chart("matrices", "Products of square matrices of doubles, one thread",
+                      r"r8_n_n/(?P<size>\d+)x(?P=size)x(?P=size)$", "^best", x="rows and columns"),
+                Chart("products", "Products by type and storage, all shapes",
+                      pairs="^best"))),
+    Family(
+        "reductions", "reduction_bench", "Reductions", ("src/array/omp_support.cpp",),
+        reasons=((r"/(8|64)/", "codes are looked up; 1 to 2 ns"), (r"", "")),
+        charts=(Chart("reductions", "Reductions of arrays of 8 to 65536 elements"),)),
+    Family(
+        "traceback", "traceback_bench", "Traceback", ("src/diag",),
+        figures="protection/",
+        parts=(("Walking the stack", "walk/"), ("Traceback with text", "text/")),
+        reasons=((r"^walk", "protects itself by 65 signal actions"),
+                 (r"_fd", "reads names and lines from the images"),
+                 (r"", "opens the images each time")),
+        charts=(Chart("traceback", "Tracebacks by frames, images and mappings",
+                      r"(?P<bar>\w+/[^/]+)$"),)),
+    Family(
+        "dispatch", "startup_bench", "Dispatch and load",
+        ("src/cpu", "src/core", "src/mem"),
+        figures="detect/",
+        parts=(("Dispatch", "dispatch"), ("Loading the library", "load")),
+        reasons=((r"^load", "an empty library has nothing to do"),
+                 (r"", "two jumps, a load and a test")),
+        charts=(Chart("dispatch", "What a dispatcher and the constructor cost",
+                      r"(?P<bar>[^/]+/[^/]+)$"),)),
 )
+
+
+def family_called(name):
+    """Returns the family that has no row in the table: a program's, or a file's of rows."""
+    title = name.replace("_", " ").capitalize()
+    return Family(name, f"{name}_bench", title, figures="", charts=(Chart(name, title),))
+
+
+def families_of(names):
+    """Returns the table's families and one for each other name of a family or a program."""
+    names = [name.removesuffix("_bench") for name in names]
+    tabled = {name for f in FAMILIES for name in (f.name, f.program.removesuffix("_bench"))}
+    return [*FAMILIES, *(family_called(name) for name in sorted(set(names) - tabled))]

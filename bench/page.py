@@ -1,185 +1,252 @@
 #!/usr/bin/env python3
-"""Writes the performance page and its charts from the results that measure.py kept.
+"""Writes the performance page and its charts from the rows of all processors.
 
 usage: page.py RESULTS_FOLDER NOTES_FOLDER PAGE.md
 
-Every figure of the tables and charts comes from the results; the reasons come from the notes, one
-small file a family. A family that loses a row to a peer must have a note. A page of another
-processor that is there is kept beside the new one, under that processor's name.
+Every figure of the tables and charts comes from the rows; the reasons come from families.py and
+from the notes, one small file a family. A family that loses a row to a peer must have a note, and
+a contender that stands in no table is an error.
 """
-import json
 import pathlib
 import re
-import shutil
+import subprocess
 import sys
+from collections import defaultdict
 
 import charts
-from families import FAMILIES
-from report import columns, geometric_mean, is_ours, ratios, read, size_order
+from families import FAMILIES, LABELS, families_of
+from report import geometric_mean, is_ours, ratios, read, size_order
 
 INTRODUCTION = """# Performance
 
-Written by `scripts/bench`; do not edit: the tables come from its measurements, the reasons from
-`bench/notes`. Each row was measured beside its peers in one process, interleaved; times are medians
-of processor time in nanoseconds, of a call where the program counts calls, else of an iteration. A
-ratio is peer / ours: above 1, ours is faster. On a machine that others share single rows move by a
-tenth from run to run, those of a mebibyte and more by more.
+Written by `scripts/bench` from the rows in [bench/results](../bench/results); do not edit. A ratio
+is the peer's time divided by ours: **above 1, zorvac is faster**. A column is a processor, maker
+and family/model; its figures are geometric means over all rows of a kind, one beside each peer. A
+peer that is not held to a level takes its best. Ours and the peer were measured in one process,
+interleaved; times are medians of processor time. On a machine that others share, single rows move
+by a tenth from run to run, those of a mebibyte and more by more. † The code has changed since
+these rows were measured.
 """
+LIBRARY = """The library measured is the any-vendor build (`libzorvac-any`): it takes the members
+that a processor of the accepted vendor with the same features would take. The default build
+accepts that vendor alone. On each of these processors its feature indicator stays {default}, so it
+takes the members for every processor: the C library's block routines, the general kernels.
+"""
+HIDDEN = ("Date", "Commit", "Processor")  # of the facts: the table says them in its own way
+
+
+def behind(ratio):
+    return ratio < 0.995
+
+
+def title_of(folder):
+    """amd-25-1 is AMD 25/1."""
+    maker, *numbers = folder.split("-")
+    return f"{ {'amd': 'AMD', 'intel': 'Intel'}.get(maker, maker)} {'/'.join(numbers)}"
+
+
+def label(contender):
+    return LABELS.get(contender, contender)
+
+
+def readable(row):
+    """copy/mixed-1-16-aligned is copy, mixed 1 to 16 aligned."""
+    parts = (LABELS.get(part) or re.sub(r"[-_]", " ", re.sub(r"(\d)-(\d)", r"\1 to \2", part))
+             for part in row.replace("fixed-", "").split("/"))
+    return ", ".join(parts)
 
 
 def table(head, lines):
-    rule = ["---"] + ["---:"] * (len(head) - 1)
-    return "\n".join("| " + " | ".join(cells) + " |" for cells in [head, rule, *lines]) + "\n"
+    rows = [head, ["---"] * len(head), *lines]
+    return "\n".join("| " + " | ".join(cells) + " |" for cells in rows) + "\n"
 
 
-def figure(value):
-    return f"{value:.1f}" if value < 1000 else f"{value:.0f}"
+def is_old(commit, sources):
+    """Says whether any of the sources, comments aside, differs from the commit; so it is taken to
+    be where nobody can tell."""
+    if commit.endswith("+"):
+        return True
+    git = ["git", "-C", pathlib.Path(__file__).parent.parent]
+    try:
+        difference = subprocess.run([*git, "diff", "-I", r"^\s*//", "-I", r"^$", commit, "--",
+                                     *sources], capture_output=True, check=True)
+    except (OSError, subprocess.CalledProcessError):
+        return True
+    return bool(difference.stdout)
 
 
-def detail(rows):
-    """Returns a table for each of ours in rows {row: {contender: Measured}}: times and ratios."""
-    contenders = sorted({c for row in rows.values() for c in row})
-    peers = [c for c in contenders if not is_ours(c)]
-    tables = []
-    for ours in filter(is_ours, contenders):
-        lines = []
-        for row in sorted((r for r in rows if ours in rows[r]), key=size_order):
-            cells = rows[row]
-            line = [row, figure(cells[ours].ns)]
-            for peer in peers:
-                line += ([figure(cells[peer].ns), f"{cells[peer].ns / cells[ours].ns:.2f}"]
-                         if peer in cells else ["", ""])
-            lines.append(line)
-        head = ["row", ours, *(title for peer in peers for title in (peer, "ratio"))]
-        tables.append(table(head, lines))
-    return "\n".join(tables)
+class Measured:
+    """The rows of one family on one processor."""
+
+    def __init__(self, family, file):
+        self.processor = title_of(file.parent.name)
+        self.facts, rows = (results := read(file)).facts, results.rows
+        self.old = is_old(self.facts.get("Commit", "unknown"), family.sources)
+        self.ratios = ratios(rows)
+        shown = {(run, row) for run, row in rows
+                 if len({is_ours(c) for c in rows[run, row]}) == 2}
+        self.figures = {key: rows[key] for key in rows if re.match(family.figures, key[1])}
+        for run, row in rows.keys() - shown - self.figures.keys():
+            sys.exit(f"{file}: {row} {run}: no table shows {', '.join(rows[run, row])}; ours and a "
+                     "peer make a ratio, and what has no peer stands among the family's figures")
+        contenders = {r.ours for r in self.ratios}
+        self.front = next(({c} for c in family.front if c in contenders), contenders)
+        self.best = self.front if len(family.front) > 1 else ()
+
+    def pair(self, ratio):
+        """Returns ours and the peer as a reader knows them."""
+        return "best level" if ratio.ours in self.best else label(ratio.ours), label(ratio.peer)
 
 
-def value_of(measured, unit):
-    return {"ns": measured.ns, "GB/s": measured.gigabytes, "GFLOP/s": measured.gigaflops}[unit]
+def part_of(family, row):
+    return next((title for title, rows in family.parts if re.match(rows, row)), family.title)
 
 
-def draw(chart, files):
-    """Returns the SVG of a chart over the rows of all files, or None where no row matches."""
-    series, limits = {}, {}
-    for rows in files:
-        for row, contenders in rows.items():
-            found = re.match(chart.rows, row)
-            for contender, measured in contenders.items():
-                value = value_of(measured, chart.value)
-                if value is None or re.search(chart.hide, contender):
-                    continue
-                if re.match(chart.limits, f"{row}/{contender}"):
-                    limits[f"{row}/{contender}"] = value
-                elif found and chart.bars:
-                    series.setdefault(contender, {})[found["row"]] = value
-                elif found:
-                    name = " ".join([contender, *found.groupdict().get("series", "").split()])
-                    series.setdefault(name, {})[size_order(found["size"])[1]] = value
-    if not series:
+def ratio_lines(family, measured, front):
+    """Returns {(part, ours): {(peer, processor): ratios}} of what the first table has, or of the
+    rest."""
+    grouped = defaultdict(lambda: defaultdict(list))
+    for m in measured:
+        for r in m.ratios:
+            if (r.ours in m.front) == front:
+                ours, peer = m.pair(r)
+                grouped[part_of(family, r.row), ours][peer, m.processor].append(r)
+    order = [family.title, *(title for title, _ in family.parts)]
+    return dict(sorted(grouped.items(), key=lambda item: (order.index(item[0][0]), item[0])))
+
+
+def cells(measured, of_line, processors):
+    """Returns the peers, the geometric mean beside each on each processor, and the worst row; and
+    that row's ratio."""
+    peers = sorted({peer for peer, _ in of_line})
+    old = {m.processor for m in measured if m.old}
+
+    def means(processor):
+        columns = [of_line.get((peer, processor)) for peer in peers]
+        words = (f"{geometric_mean(r.value for r in c):.2f}" if c else "–" for c in columns)
+        return " / ".join(words) + " †" * (processor in old) if any(columns) else ""
+    worst, peer, processor = min(((r, *key) for key, column in of_line.items() for r in column),
+                                 key=lambda found: found[0].value)
+    where = [peer] * (len(peers) > 1) + [processor] * (len(processors) > 1)
+    place = f" ({', '.join(where)})" if where else ""
+    return [" / ".join(peers), *map(means, processors),
+            f"{worst.value:.2f} {readable(worst.row)}{place}"], worst
+
+
+def reason(family, worst):
+    if not behind(worst.value):
+        return ""
+    known = f"{worst.row}/{worst.ours} {worst.peer}"
+    return next((words for place, words in family.reasons if re.search(place, known)), "")
+
+
+def overview(sections, processors):
+    lines = []
+    for family, measured in sections.items():
+        for (part, ours), of_line in ratio_lines(family, measured, True).items():
+            of_peers, worst = cells(measured, of_line, processors)
+            link = f"[{part}](#{family.title.lower().replace(' ', '-')})"
+            lines.append([link, ours, *of_peers, reason(family, worst)])
+    return table(["", "ours", "beside", *processors, "worst row", "why"], lines)
+
+
+def other_members(family, measured, processors):
+    lines = [[f"{part}: {ours}", *cells(measured, of_line, processors)[0]]
+             for (part, ours), of_line in ratio_lines(family, measured, False).items()]
+    return table(["also measured", "beside", *processors, "worst row"], lines) if lines else ""
+
+
+def figure(entry):
+    if entry["gflops"]:
+        return f"{float(entry['gflops']):.1f} GFLOP/s"
+    ns = float(entry["ns"])
+    return f"{ns:.1f} ns" if ns < 1000 else f"{ns / 1000:.1f} µs"
+
+
+def figures(measured, processors):
+    found = defaultdict(dict)
+    for m in measured:
+        for (_, row), contenders in m.figures.items():
+            for contender, entry in contenders.items():
+                found[f"{row}/{contender}"][m.processor] = figure(entry)
+    lines = [[readable(name), *(of_row.get(p, "") for p in processors)]
+             for name, of_row in sorted(found.items(), key=lambda item: size_order(item[0]))]
+    return table(["alone", *processors], lines) if lines else ""
+
+
+def draw(chart, measured):
+    """Returns the SVG of a chart, or None where no row matches."""
+    panels = {}
+    for m in measured:
+        points = defaultdict(lambda: defaultdict(list))
+        for r in m.ratios:
+            found, pair = re.match(chart.rows, r.row), " beside ".join(m.pair(r))
+            if found and re.search(chart.pairs, pair):
+                at = size_order(found["size"])[1] if chart.x else readable(found["bar"])
+                points[pair][at].append(r.value)
+        if points:
+            panels[m.processor] = {name: {at: geometric_mean(v) for at, v in series.items()}
+                                   for name, series in points.items()}
+    if not panels:
         return None
-    series = dict(sorted(series.items()))
-    if chart.bars:
-        return charts.bars(chart.title, chart.value, series)
-    return charts.lines(chart.title, chart.x, chart.value, series, limits, chart.ratio_scale)
+    if chart.x:
+        return charts.lines(chart.title, chart.x, panels)
+    return charts.bars(chart.title, panels)
 
 
-def overview(column_table):
-    """Returns a row for each of ours and peer: the mean, how many rows are below 1, the extremes."""
-    cells = []
-    for (family, ours, peer), column in column_table.items():
-        ordered = sorted(column, key=lambda r: r.value)
-        worst, best = (f"{r.value:.2f} {r.row.removeprefix(family + '/')}"
-                       for r in (ordered[0], ordered[-1]))
-        cells.append([f"{family} `{ours}`", peer, f"{geometric_mean(column):.2f}",
-                      f"{sum(map(behind, column))} of {len(column)}", worst, best])
-    return cells
-
-
-def behind(row):
-    return row.value < 0.995
-
-
-def section(family, files, notes, charts_folder):
-    """Returns the text of one family and its row of the overview; draws its charts."""
+def section(family, measured, processors, notes, charts_folder):
+    """Returns the text of one family; draws its charts."""
     text = [f"## {family.title}\n"]
     note = notes / f"{family.name}.md"
     if note.exists():
         text.append(note.read_text(encoding="utf-8"))
+    elif any(behind(r.value) for m in measured for r in m.ratios):
+        sys.exit(f"{note} is missing: it says why rows of this family are below 1")
     for chart in family.charts:
-        if svg := draw(chart, files):
+        if svg := draw(chart, measured):
             (charts_folder / f"{chart.file}.svg").write_text(svg, encoding="utf-8")
             text.append(f"![{chart.title}](charts/{chart.file}.svg)\n")
-    column_table = columns([r for rows in files for r in ratios(rows)])
-    if column_table:
-        text.append(table(["", "beside", "geometric mean", "rows below 1", "worst row", "best row"],
-                          overview(column_table)))
-    if any(behind(r) for column in column_table.values() for r in column) and not note.exists():
-        sys.exit(f"{note} is missing: it says why rows of this family are below 1")
-    for rows in files:
-        for name in dict.fromkeys(row.split("/")[0] for row in rows):
-            if tables := detail({r: c for r, c in rows.items() if r.split("/")[0] == name}):
-                text.append(f"<details><summary>All rows of {name}</summary>\n\n"
-                            f"{tables}\n</details>\n")
+    text += filter(None, [other_members(family, measured, processors),
+                          figures(measured, processors)])
     return "\n".join(text)
 
 
-def claim(results):
-    """Returns {family: [rows of a file, ...]}: each row goes to the first family that matches."""
-    claimed = {family: [] for family in FAMILIES}
-    for file in sorted(results.glob("*.json")):
-        if file.name == "machine.json":
-            continue
-        of_file = {}
-        for row, contenders in read(file).items():
-            family = next((f for f in FAMILIES if re.match(f.rows, row)), None)
-            if family:
-                of_file.setdefault(family, {})[row] = contenders
-        for family, rows in of_file.items():
-            claimed[family].append(rows)
-    return claimed
-
-
-def processor_of(page):
-    return re.search(r"^\| Processor \| (.*) \|$", page.read_text(encoding="utf-8"), re.M)[1]
-
-
-def kept(page, processor):
-    """Returns where the page of a processor is kept while another one's is the page."""
-    return page.with_stem(page.stem + "-" + re.sub(r"\W+", "-", processor.lower()).strip("-"))
-
-
-def make_room(page, charts_folder, processor):
-    """Keeps the page that is there, with its charts, unless it is of the same processor."""
-    kept(page, processor).unlink(missing_ok=True)
-    shutil.rmtree(charts_folder / kept(page, processor).stem, ignore_errors=True)
-    if page.exists() and processor_of(page) != processor:
-        old = kept(page, processor_of(page))
-        text = page.read_text(encoding="utf-8").replace("](charts/", f"](charts/{old.stem}/")
-        old.write_text(text, encoding="utf-8")
-        (charts_folder / old.stem).mkdir()
-        for chart in charts_folder.glob("*.svg"):
-            chart.rename(charts_folder / old.stem / chart.name)
-    for chart in charts_folder.glob("*.svg"):
-        chart.unlink()
-
-
-def other_pages(page):
-    pages = sorted(page.parent.glob(page.stem + "-*.md"))
-    links = [f"[{processor_of(other)}]({other.name})" for other in pages]
-    return f"Other processors, each as of its own date: {', '.join(links)}.\n" if links else ""
+def facts_table(sections, processors):
+    """Returns what was measured on what: a column for each processor, its newest facts."""
+    facts, dates = defaultdict(dict), defaultdict(set)
+    for m in sorted((m for measured in sections.values() for m in measured),
+                    key=lambda m: m.facts.get("Date", "")):
+        facts[m.processor] |= m.facts
+        dates[m.processor].add(f"{m.facts.get('Date', '?')} at {m.facts.get('Commit', '?')}")
+    names = dict.fromkeys(name for of_one in facts.values() for name in of_one)
+    lines = [["Measured on", *(facts[p].get("Processor", "") for p in processors)],
+             ["Rows of", *(", ".join(sorted(dates[p])) for p in processors)]]
+    lines += [[name.removeprefix("peer ").replace("indicator", "Indicator, build"),
+               *(facts[p].get(name, "not recorded") for p in processors)]
+              for name in names if name not in HIDDEN]
+    default = {facts[p].get("indicator default", "0x1") for p in processors}
+    return table(["", *processors], lines), LIBRARY.format(default=" or ".join(sorted(default)))
 
 
 def main():
     results, notes, page = map(pathlib.Path, sys.argv[1:4])
     charts_folder = page.parent / "charts"
     charts_folder.mkdir(parents=True, exist_ok=True)
-    facts = json.loads((results / "machine.json").read_text(encoding="utf-8"))
-    make_room(page, charts_folder, facts["Processor"])
-    text = [INTRODUCTION, table(["Measured on", ""], [[k, v] for k, v in facts.items()]),
-            other_pages(page)]
-    text += [section(family, files, notes, charts_folder)
-             for family, files in claim(results).items() if files]
+    for chart in charts_folder.glob("*.svg"):
+        chart.unlink()
+    files = sorted(results.glob("*/*.csv"), key=lambda f: size_order(f.parent.name))
+    sections = {family: [Measured(family, f) for f in files if f.stem == family.name]
+                for family in families_of({f.stem for f in files} - {f.name for f in FAMILIES})}
+    sections = {family: measured for family, measured in sections.items() if measured}
+    processors = list(dict.fromkeys(m.processor for ms in sections.values() for m in ms))
+    facts, library = facts_table(sections, processors)
+    rules = notes / "rules.md"
+    text = [INTRODUCTION, overview(sections, processors)]
+    text += [section(family, measured, processors, notes, charts_folder)
+             for family, measured in sections.items()]
+    if rules.exists():
+        text.append(rules.read_text(encoding="utf-8"))
+    text += ["## What was measured\n", library, facts]
     page.write_text("\n".join(text), encoding="utf-8")
 
 

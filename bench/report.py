@@ -1,16 +1,13 @@
 #!/usr/bin/env python3
-"""Reads Google Benchmark results (JSON) and compares ours with the peers; run, prints the ratios.
+"""Reads the rows that measure.py kept and compares ours with the peers; run, prints the ratios.
 
-usage: report.py [--only REGEX] RESULTS.json...
+usage: report.py RESULTS.csv...
 
-A benchmark is named <family>/<row...>/<contender>. A contender whose name begins with "zorvac" is
-ours; every other one in the same row of the same file is its peer. The time of a row is the median
-of the CPU time of a call, or of an iteration where calls are not counted, over all repetitions;
-where a file has aggregates only, its own median.
-A ratio is peer / ours: above 1, ours is faster.
+A benchmark is named <operation>/<row...>/<contender>. A contender whose name begins with "zorvac"
+is ours; every other one in the same row of the same run is its peer. A ratio is peer / ours: above
+1, ours is faster.
 """
-import argparse
-import json
+import csv
 import math
 import re
 import statistics
@@ -18,15 +15,7 @@ import sys
 from collections import defaultdict
 from dataclasses import dataclass
 
-TO_NANOSECONDS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
-
-
-@dataclass(frozen=True)
-class Measured:
-    """One contender in one row: medians. Rates are None where the program does not count."""
-    ns: float  # of one item where the program counts items, of one iteration otherwise
-    gigabytes: float | None  # a second
-    gigaflops: float | None  # a second
+COLUMNS = ("run", "row", "contender", "ns", "gflops")
 
 
 @dataclass(frozen=True)
@@ -37,39 +26,34 @@ class Ratio:
     value: float
 
 
-def rates(run):
-    """Returns (nanoseconds of an item, GB/s, GFLOP/s) of one repetition."""
-    ns = run["cpu_time"] * TO_NANOSECONDS[run["time_unit"]]
-    if run.get("items_per_second"):
-        ns = 1e9 / run["items_per_second"]
-    bytes_rate = run.get("bytes_per_second")
-    # A counter of operations says its unit in its name: FLOP/s, GFLOP/s, flops.
-    flops = next((value / (1 if name[0] == "G" else 1e9) for name, value in run.items()
-                  if re.fullmatch(r"G?flop(s|/s|_per_second)?", name, re.IGNORECASE)), None)
-    return ns, bytes_rate / 1e9 if bytes_rate else None, flops
+@dataclass
+class Results:
+    """What one file holds: what it was measured on, and its rows, {(run, row): {contender: {column:
+    text}}}."""
+    facts: dict
+    rows: dict
 
 
 def read(file):
-    """Returns {row: {contender: Measured}} of one file, in its order; rows carry their family."""
-    with open(file, encoding="utf-8") as stream:
-        runs = [r for r in json.load(stream)["benchmarks"] if not r.get("error_occurred")]
-    # As the program registered them: interleaving reports them in any order.
-    runs.sort(key=lambda r: (r.get("family_index", 0), r.get("per_family_instance_index", 0)))
-    single = [r for r in runs if r.get("run_type") != "aggregate"]
-    samples = defaultdict(lambda: defaultdict(list))
-    for run in single or [r for r in runs if r["aggregate_name"] == "median"]:
-        # Options such as min_time follow the name that the benchmark was given.
-        name = re.sub(r"(/((min_time|min_warmup_time|iterations|repeats|threads):[^/]+"
-                      r"|real_time|process_time|manual_time))+$", "",
-                      run.get("run_name", run["name"]))
-        row, _, contender = name.rpartition("/")
-        samples[row][contender].append(rates(run))
+    facts, rows = {}, defaultdict(dict)
+    with open(file, encoding="utf-8", newline="") as stream:
+        lines = list(stream)
+    head = [line for line in lines if line.startswith("# ")]
+    for line in head:
+        key, _, value = line[2:].rstrip("\n").partition(": ")
+        facts[key] = value
+    for entry in csv.DictReader(lines[len(head):]):
+        rows[entry["run"], entry["row"]][entry["contender"]] = entry
+    return Results(facts, dict(rows))
 
-    def median(values):
-        return None if None in values else statistics.median(values)
-    return {row: {contender: Measured(*map(median, zip(*repetitions)))
-                  for contender, repetitions in contenders.items()}
-            for row, contenders in samples.items()}
+
+def write(file, results):
+    with open(file, "w", encoding="utf-8", newline="") as stream:
+        stream.writelines(f"# {key}: {value}\n" for key, value in results.facts.items())
+        table = csv.DictWriter(stream, COLUMNS, lineterminator="\n")
+        table.writeheader()
+        for contenders in results.rows.values():
+            table.writerows(contenders.values())
 
 
 def size_order(text):
@@ -84,41 +68,30 @@ def is_ours(contender):
 
 
 def ratios(rows):
-    """Returns the Ratio of each of ours beside each peer, over rows as read() gives them."""
-    return [Ratio(row, ours, peer, of_peer.ns / of_ours.ns)
-            for row, contenders in rows.items()
+    """Returns the Ratio of each of ours beside each peer of its row and run."""
+    return [Ratio(row, ours, peer, float(of_peer["ns"]) / float(of_ours["ns"]))
+            for (_, row), contenders in rows.items()
             for ours, of_ours in contenders.items() if is_ours(ours)
             for peer, of_peer in contenders.items() if not is_ours(peer)]
 
 
-def geometric_mean(ratio_list):
-    return math.exp(statistics.fmean(math.log(r.value) for r in ratio_list))
-
-
-def columns(ratio_list):
-    """Returns {(family, ours, peer): ratios of that column}."""
-    grouped = defaultdict(list)
-    for r in ratio_list:
-        grouped[r.row.split("/")[0], r.ours, r.peer].append(r)
-    return dict(sorted(grouped.items()))
+def geometric_mean(values):
+    return math.exp(statistics.fmean(map(math.log, values)))
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__,
-                                     formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("results", nargs="+")
-    parser.add_argument("--only", default="", help="rows that match this regular expression")
-    arguments = parser.parse_args()
-    found = [r for file in arguments.results for r in ratios(read(file))
-             if re.search(arguments.only, f"{r.row}/{r.ours}")]
-    if not found:
-        sys.exit("no row of ours has a peer")
-    for (family, ours, peer), column in columns(found).items():
-        print(f"\n{family}: {ours} against {peer}, above 1 ours is faster")
+    if len(sys.argv) < 2:
+        sys.exit(__doc__)
+    columns = defaultdict(list)
+    for file in sys.argv[1:]:
+        for r in ratios(read(file).rows):
+            columns[r.row.split("/")[0], r.ours, r.peer].append(r)
+    for (operation, ours, peer), column in sorted(columns.items()):
+        print(f"\n{operation}: {ours} beside {peer}, above 1 ours is faster")
         width = max(len(r.row) for r in column)
         for r in sorted(column, key=lambda r: size_order(r.row)):
             print(f"  {r.row.ljust(width)} {r.value:7.2f}")
-        print(f"  {'geometric mean'.ljust(width)} {geometric_mean(column):7.2f}")
+        print(f"  {'geometric mean'.ljust(width)} {geometric_mean(r.value for r in column):7.2f}")
 
 
 if __name__ == "__main__":

@@ -36,4 +36,9 @@ void eigen_product(const problem& p, const void* a, const void* b, void* c) {
   if (p.type == "c8") multiply<std::complex<double>>(p, a, b, c);
 }
 
+std::string eigen_version() {
+  return std::to_string(EIGEN_WORLD_VERSION) + '.' + std::to_string(EIGEN_MAJOR_VERSION) + '.' +
+         std::to_string(EIGEN_MINOR_VERSION);
+}
+
 }  // namespace zorvac::bench

@@ -5,12 +5,14 @@
 // the general kernels, zorvac-general-*. The counter is GFLOP/s: 8 for a complex product of
 // numbers. limit/* are the machine's own limits for doubles.
 //
-// What an OpenBLAS of an older processor does takes a process of its own:
-//   OPENBLAS_CORETYPE=Nehalem matmul_bench --benchmark_filter='openblas|zorvac-pair'
-//   OPENBLAS_CORETYPE=Sandybridge matmul_bench --benchmark_filter='openblas|zorvac-avx2'
+// OpenBLAS chooses a core by family and model. Where it does not know them it may take one of a
+// processor twenty years old; the program then sets the core by what the processor can do, and
+// starts again. OPENBLAS_CORETYPE=Nehalem shows what OpenBLAS does on an older processor.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -19,6 +21,7 @@
 #include <vector>
 
 #include "array/products.h"
+#include "support/libc_peer.h"
 #include "zorvac/array.h"
 #include "zorvac/cpu.h"
 
@@ -68,12 +71,57 @@ class blas {
     };
   }
 
+  // What a function without arguments, such as the one that tells the version, says.
+  [[nodiscard]] std::string say(const char* function) const {
+    const auto words = reinterpret_cast<const char* (*)()>(dlsym(library_, function));
+    return words != nullptr ? words() : "unknown";
+  }
+
  private:
   using gemm_fn = void(const char*, const char*, const int* m, const int* n, const int* k,
                        const void* alpha, const void* a, const int* lda, const void* b,
                        const int* ldb, const void* beta, void* c, const int* ldc);
   void* library_;
 };
+
+// The core that OpenBLAS is to have where the one it chose uses less than the processor has, or
+// nothing. A core that the environment names is taken as it is.
+std::string better_core(const std::string& chosen) {
+  const auto is_one_of = [&](std::initializer_list<const char*> cores) {
+    return std::any_of(cores.begin(), cores.end(), [&](auto core) { return chosen == core; });
+  };
+  if (std::getenv("OPENBLAS_CORETYPE") != nullptr) return "";
+  if (__builtin_cpu_supports("avx512vl"))
+    return is_one_of({"SkylakeX", "Cooperlake", "Sapphirerapids", "Zen"}) ? "" : "SkylakeX";
+  if (__builtin_cpu_supports("avx2"))
+    return is_one_of({"Haswell", "Zen", "Excavator"}) ? "" : "Haswell";
+  return "";
+}
+
+// Starts the program again where OpenBLAS needs another core: it chooses when it is loaded.
+void set_core(const blas& openblas, char** argv) {
+  const std::string chosen = openblas.say("openblas_get_corename"), better = better_core(chosen);
+  if (better.empty()) return;
+  setenv("OPENBLAS_CORETYPE", better.c_str(), 1);
+  setenv("ZORVAC_BENCH_OPENBLAS_CHOSE", chosen.c_str(), 1);
+  execv("/proc/self/exe", argv);
+  std::perror("/proc/self/exe");
+  std::exit(1);
+}
+
+void tell_peers(const blas& openblas, const blas& blis) {
+  const std::string config = openblas.say("openblas_get_config");  // "OpenBLAS 0.3.21 ..."
+  const char* const chose = std::getenv("ZORVAC_BENCH_OPENBLAS_CHOSE");
+  tell_peer("OpenBLAS",
+            config.substr(9, config.find(' ', 9) - 9) + ", core " +
+                openblas.say("openblas_get_corename") +
+                (chose != nullptr ? std::string(", set by us: it chose ") + chose : ""));
+  tell_peer("BLIS", blis.say("bli_info_get_version_str"));
+  tell_peer("Eigen", eigen_version());
+#ifdef ZORVAC_BENCH_FORTRAN
+  tell_peer("MATMUL", "gfortran " ZORVAC_BENCH_FORTRAN);
+#endif
+}
 
 // An entry of ours, under the features of a level.
 template <class Entry>
@@ -94,13 +142,19 @@ using buffer = std::unique_ptr<void, decltype(&std::free)>;
 buffer random_matrix(const problem& p, std::uint64_t elements) {
   const std::size_t parts = elements * (p.is_complex() ? 2 : 1);
   buffer b(std::aligned_alloc(4096, (parts * 8 + 4095) / 4096 * 4096), std::free);
-  std::mt19937_64 random(elements);
-  std::uniform_real_distribution<double> part(-1, 1);
-  for (std::size_t i = 0; i < parts; ++i) {
+  static const std::vector<double> numbers = [] {  // again and again: every run makes its matrices
+    std::mt19937_64 random(1);
+    std::uniform_real_distribution<double> part(-1, 1);
+    std::vector<double> list(65537);
+    for (double& x : list) x = part(random);
+    return list;
+  }();
+  for (std::size_t i = 0, next = elements % numbers.size(); i < parts; ++i) {
     if (p.type[1] == '4')
-      static_cast<float*>(b.get())[i] = static_cast<float>(part(random));
+      static_cast<float*>(b.get())[i] = static_cast<float>(numbers[next]);
     else
-      static_cast<double*>(b.get())[i] = part(random);
+      static_cast<double*>(b.get())[i] = numbers[next];
+    if (++next == numbers.size()) next = 0;
   }
   return b;
 }
@@ -123,9 +177,7 @@ struct level {
 };
 
 void add_rows(const std::string& type, const std::string& storages, auto* entry, fortran_fn* matmul,
-              const std::vector<problem>& sizes) {
-  static const blas openblas(OPENBLAS, "openblas_set_num_threads"),
-      blis(BLIS, "bli_thread_set_num_threads");
+              const std::vector<problem>& sizes, const blas& openblas, const blas& blis) {
   constexpr std::uint64_t avx2 = 0x9d97ff;
   static const level levels[] = {
       {"pair", 0xff, true},
@@ -160,9 +212,13 @@ void add_rows(const std::string& type, const std::string& storages, auto* entry,
 #define MATMUL(name) static_cast<fortran_fn*>(nullptr)
 #endif
 
-const bool registered = [] {
+void add_all(char** argv) {
   for (const char* threads : {"OPENBLAS_NUM_THREADS", "BLIS_NUM_THREADS", "OMP_NUM_THREADS"})
     setenv(threads, "1", 1);
+  static const blas openblas(OPENBLAS, "openblas_set_num_threads"),
+      blis(BLIS, "bli_thread_set_num_threads");
+  set_core(openblas, argv);
+  tell_peers(openblas, blis);
   std::vector<problem> all, some;
   for (const std::uint64_t n : std::initializer_list<std::uint64_t>{
            4, 8, 12, 16, 24, 32, 48, 64, 96, 128, 192, 256, 384, 512, 768, 1024, 1536})
@@ -175,14 +231,20 @@ const bool registered = [] {
                               {"", "", 1000, 1000, 1},
                               {"", "", 200, 3000, 40}})
     all.push_back(thin), some.push_back(thin);
-  add_rows("r8", "n_n", _MATMUL_r8_n_n, MATMUL(r8_n_n), all);
-  add_rows("r8", "t_n", _MATMUL_r8_t_n, MATMUL(r8_t_n), some);
-  add_rows("r8", "n_t", _MATMUL_r8_n_t, MATMUL(r8_n_t), some);
-  add_rows("r4", "n_n", _MATMUL_r4_n_n, MATMUL(r4_n_n), some);
-  add_rows("c4", "n_n", _MATMUL_c4_n_n, MATMUL(c4_n_n), some);
-  add_rows("c8", "n_n", _MATMUL_c8_n_n, MATMUL(c8_n_n), some);
-  return true;
-}();
+  add_rows("r8", "n_n", _MATMUL_r8_n_n, MATMUL(r8_n_n), all, openblas, blis);
+  add_rows("r8", "t_n", _MATMUL_r8_t_n, MATMUL(r8_t_n), some, openblas, blis);
+  add_rows("r8", "n_t", _MATMUL_r8_n_t, MATMUL(r8_n_t), some, openblas, blis);
+  add_rows("r4", "n_n", _MATMUL_r4_n_n, MATMUL(r4_n_n), some, openblas, blis);
+  add_rows("c4", "n_n", _MATMUL_c4_n_n, MATMUL(c4_n_n), some, openblas, blis);
+  add_rows("c8", "n_n", _MATMUL_c8_n_n, MATMUL(c8_n_n), some, openblas, blis);
+}
 
 }  // namespace
 }  // namespace zorvac::bench
+
+int main(int argc, char** argv) {
+  zorvac::bench::add_all(argv);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+}

@@ -23,6 +23,7 @@ struct problem {
 };
 
 void eigen_product(const problem& p, const void* a, const void* b, void* c);
+std::string eigen_version();
 
 }  // namespace zorvac::bench
 #endif

@@ -2,8 +2,9 @@
 // walks, its backtrace_symbols adds exported names, and libdw adds what ours does, routine, file
 // and line: from debug information that it has to read first, or has read before ("libdw-warm").
 //
-// Then what a process may have more of: frames through 16 shared objects, and 4,000 mappings. Their
-// peer is backtrace_symbols_fd, which like ours needs no heap; it writes to nowhere.
+// Then what a process may have more of: frames through up to 16 shared objects, and up to 4,000
+// mappings. Their peer is backtrace_symbols_fd, which like ours needs no heap; it writes to
+// nowhere.
 //
 // The program is given a .trace section when it is linked, so our frames are found, too. What
 // protecting the walk costs (65 signal actions installed and put back) stands beside it.
@@ -20,7 +21,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
+#include "support/libc_peer.h"
 #include "zorvac/diag.h"
 
 namespace {
@@ -70,26 +73,26 @@ void write_text_to_file_peer(benchmark::State& state) {
   close(nowhere);
 }
 
-// Runs the body's loop below three frames of each of the objects.
-constexpr int image_count = 16;
+// Runs the body's loop below three frames of each of so many objects.
+constexpr int most_images = 16;
 using pass_fn = void (*)(void (*next)(void*), void* argument);
 struct image_chain {
-  std::array<pass_fn, image_count> passes{};
-  int passed = 0;
+  std::array<pass_fn, most_images> passes{};
+  int images = 0, passed = 0;
   body run = nullptr;
   benchmark::State* state = nullptr;
 };
 void next_image(void* argument) {
   auto& chain = *static_cast<image_chain*>(argument);
-  if (chain.passed == image_count)
+  if (chain.passed == chain.images)
     chain.run(*chain.state);
   else
     chain.passes.at(static_cast<std::size_t>(chain.passed++))(next_image, argument);
   asm volatile("" ::: "memory");
 }
-void run_below_images(body run, benchmark::State& state) {
-  image_chain chain{.run = run, .state = &state};
-  for (int i = 0; i < image_count; ++i) {
+void run_below_images(int images, body run, benchmark::State& state) {
+  image_chain chain{.images = images, .run = run, .state = &state};
+  for (int i = 0; i < images; ++i) {
     const std::string path = ZORVAC_BENCH_IMAGES "/traceback_image" + std::to_string(i) + ".so";
     void* const image = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     void* const pass = image != nullptr ? dlsym(image, "pass") : nullptr;
@@ -100,12 +103,12 @@ void run_below_images(body run, benchmark::State& state) {
 }
 
 // Runs it while the process has so many more mappings. Neighbours differ, or they would be one.
-void run_beside_mappings(body run, benchmark::State& state) {
-  constexpr std::size_t count = 4000, page = 4096;
-  static std::array<void*, count> mappings;
-  for (std::size_t i = 0; i < count; ++i) {
+void run_beside_mappings(int count, body run, benchmark::State& state) {
+  constexpr std::size_t page = 4096;
+  std::vector<void*> mappings;
+  for (int i = 0; i < count; ++i) {
     const int access = i % 2 == 0 ? PROT_READ : PROT_READ | PROT_WRITE;
-    mappings.at(i) = mmap(nullptr, page, access, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    mappings.push_back(mmap(nullptr, page, access, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
   }
   descend(32 - 10, run, state);
   for (void* const mapping : mappings) munmap(mapping, page);
@@ -162,6 +165,8 @@ void protect(benchmark::State& state) {
 
 // The stack above descend has about ten frames of its own.
 const int registered = [] {
+  zorvac::bench::tell_libc();
+  zorvac::bench::tell_peer("libdw", dwfl_version(nullptr));
   const struct {
     const char* family;
     const char* contender;
@@ -169,7 +174,6 @@ const int registered = [] {
   } rows[] = {
       {"walk", "zorvac", walk},
       {"walk", "backtrace", walk_peer},
-      {"walk", "signals-alone", protect},
       {"text", "zorvac", write_text},
       {"text", "backtrace_symbols", write_text_peer},
       {"text", "libdw", write_text_libdw},
@@ -183,6 +187,7 @@ const int registered = [] {
           [row, depth](benchmark::State& state) { descend(depth - 10, row.run, state); });
     }
   }
+  benchmark::RegisterBenchmark("protection/65-signals/alone", protect);
   const struct {
     const char* contender;
     body run;
@@ -193,8 +198,14 @@ const int registered = [] {
     };
     const body run = text_row.run;
     add("32-frames", [run](benchmark::State& state) { descend(32 - 10, run, state); });
-    add("16-images", [run](benchmark::State& state) { run_below_images(run, state); });
-    add("4000-mappings", [run](benchmark::State& state) { run_beside_mappings(run, state); });
+    for (const int images : {1, 4, most_images}) {
+      add(std::to_string(images) + (images == 1 ? "-image" : "-images"),
+          [=](benchmark::State& state) { run_below_images(images, run, state); });
+    }
+    for (const int mappings : {100, 1000, 4000}) {
+      add(std::to_string(mappings) + "-mappings",
+          [=](benchmark::State& state) { run_beside_mappings(mappings, run, state); });
+    }
   }
   return 0;
 }();

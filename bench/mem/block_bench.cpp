@@ -2,7 +2,8 @@
 // predict, aligned and not. Rows are <operation>/<sizes>/<contender>; names of ours begin with
 // "zorvac". All calls go through a pointer, so each contender pays for the same indirect call.
 //
-// The peer of the SSE2 and SSSE3 members is the C library held to its own variants of that level.
+// Members stand beside the C library held to their level, and those of the best level beside its
+// best, too: a run of the program for each (support/libc_peer.h).
 #include <benchmark/benchmark.h>
 #include <zorvac/cpu.h>
 #include <zorvac/mem.h>
@@ -14,13 +15,15 @@ namespace zorvac::bench {
 namespace {
 
 // What a contender needs of the processor.
-const bool ssse3 = __builtin_cpu_supports("ssse3") != 0, avx2 = __builtin_cpu_supports("avx2") != 0,
-           avx512f = __builtin_cpu_supports("avx512f") != 0;
+const bool has_ssse3 = __builtin_cpu_supports("ssse3") != 0,
+           has_avx2 = __builtin_cpu_supports("avx2") != 0,
+           has_avx512f = __builtin_cpu_supports("avx512f") != 0;
 
 template <class Function>
 struct contender {
   std::string name;
   Function* call;
+  unsigned beside;   // of libc_level
   bool runs = true;  // on this processor
 };
 using copy_function = void*(void*, const void*, std::size_t);
@@ -44,7 +47,7 @@ void add_rows(const std::string& operation, const std::vector<block_mix>& mixes,
               const std::vector<contender<Function>>& contenders) {
   for (const block_mix& mix : mixes) {
     for (const contender<Function>& c : contenders) {
-      if (!c.runs) continue;
+      if (!c.runs || (c.beside & libc().level) == 0) continue;
       const auto run = [call = c.call, &mix](benchmark::State& state) {
         // Comparisons run over equal blocks, whatever was copied before.
         const auto used = std::min(block_ground::bytes, 4 * mix.bytes + std::size_t{4} * page);
@@ -56,53 +59,41 @@ void add_rows(const std::string& operation, const std::vector<block_mix>& mixes,
         state.SetBytesProcessed(turns * static_cast<std::int64_t>(mix.bytes));
         state.SetItemsProcessed(turns * static_cast<std::int64_t>(mix.calls.size()));
       };
-      benchmark::RegisterBenchmark((operation + "/" + mix.name + "/" + c.name).c_str(), run)
-          ->MinTime(0.02);
+      benchmark::RegisterBenchmark((operation + "/" + mix.name + "/" + c.name).c_str(), run);
     }
   }
 }
 
 void add_all() {
   static const std::vector<block_mix> mixes = block_mixes();
-  const std::string peer = libc_name();
+  const std::string peer = libc().name;
   add_rows<copy_function>("copy", mixes,
-                          {{"zorvac_fast", _zorva_fast_memcpy},
-                           {"zorvac_avx_rep", __zorva_avx_rep_memcpy, avx2},
-                           {"zorvac_avx512f", __zorva_vpx_avx512f_memcpy, avx512f},
-                           {"zorvac_new", __zorva_new_memcpy},
-                           {"zorvac_ssse3", __zorva_ssse3_memcpy, ssse3},
-                           {"zorvac_ssse3_rep", __zorva_ssse3_rep_memcpy, ssse3},
-                           {"zorvac_vec", _VEC_memcpy},
-                           {peer, std::memcpy}});
+                          {{"zorvac_fast", _zorva_fast_memcpy, best | avx2},
+                           {"zorvac_avx_rep", __zorva_avx_rep_memcpy, best | avx2, has_avx2},
+                           {"zorvac_avx512f", __zorva_vpx_avx512f_memcpy, best, has_avx512f},
+                           {"zorvac_new", __zorva_new_memcpy, sse2},
+                           {"zorvac_ssse3", __zorva_ssse3_memcpy, ssse3, has_ssse3},
+                           {"zorvac_ssse3_rep", __zorva_ssse3_rep_memcpy, ssse3, has_ssse3},
+                           {"zorvac_vec", _VEC_memcpy, best | sse2},
+                           {peer, std::memcpy, any}});
   add_rows<copy_function>("move", mixes,
-                          {{"zorvac_fast", _zorva_fast_memmove},
-                           {"zorvac_new", __zorva_new_memmove},
-                           {"zorvac_ssse3", __zorva_ssse3_memmove, ssse3},
-                           {"zorvac_ssse3_rep", __zorva_ssse3_rep_memmove, ssse3},
-                           {peer, std::memmove}});
+                          {{"zorvac_fast", _zorva_fast_memmove, best | avx2},
+                           {"zorvac_new", __zorva_new_memmove, sse2},
+                           {"zorvac_ssse3", __zorva_ssse3_memmove, ssse3, has_ssse3},
+                           {"zorvac_ssse3_rep", __zorva_ssse3_rep_memmove, ssse3, has_ssse3},
+                           {peer, std::memmove, any}});
   add_rows<fill_function>("fill", mixes,
-                          {{"zorvac_fast", _zorva_fast_memset},
-                           {"zorvac_avx_rep", __zorva_avx_rep_memset, avx2},
-                           {"zorvac_avx512f", __zorva_vpx_avx512f_memset, avx512f},
-                           {"zorvac_new", __zorva_new_memset},
-                           {"zorvac_vec", _VEC_memset},
-                           {peer, std::memset}});
+                          {{"zorvac_fast", _zorva_fast_memset, best | avx2},
+                           {"zorvac_avx_rep", __zorva_avx_rep_memset, best | avx2, has_avx2},
+                           {"zorvac_avx512f", __zorva_vpx_avx512f_memset, best, has_avx512f},
+                           {"zorvac_new", __zorva_new_memset, sse2},
+                           {"zorvac_vec", _VEC_memset, best | sse2},
+                           {peer, std::memset, best | avx2 | sse2}});
   add_rows<compare_function>("compare", mixes,
-                             {{"zorvac_fast", _zorva_fast_memcmp},
-                              {"zorvac_new", __zorva_new_memcmp},
-                              {peer, std::memcmp}});
-
-  // What the two jumps in front of a worker cost: the same worker called directly is the peer.
-  static const std::vector<block_mix> small{fixed_blocks("fixed-16", 16, true),
-                                            mixed_blocks("mixed-1-64", 1, 64, false)};
-  if ((__zorva_cpu_feature_indicator & ZORVAC_FEATURE_AVX2) != 0) {
-    add_rows<copy_function>(
-        "dispatch-copy", small,
-        {{"zorvac_fast", _zorva_fast_memcpy}, {"worker", __zorva_avx_rep_memcpy}});
-    add_rows<fill_function>(
-        "dispatch-fill", small,
-        {{"zorvac_fast", _zorva_fast_memset}, {"worker", __zorva_avx_rep_memset}});
-  }
+                             {{"zorvac_fast", _zorva_fast_memcmp, best | avx2},
+                              {"zorvac_new", __zorva_new_memcmp, sse2},
+                              {peer, std::memcmp, best | avx2 | sse2}});
+  tell_libc();
   tell_variant<copy_function>("libc memcpy", std::memcpy);
   tell_variant<copy_function>("libc memmove", std::memmove);
   tell_variant<fill_function>("libc memset", std::memset);

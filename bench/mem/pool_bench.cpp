@@ -10,14 +10,16 @@
 // names: nothing (one pool), 5 or 50 (as many sizes with a pool each, of which ours is the oldest),
 // or "spent": all 50 pools are of our size and full, so that the C library serves the requests.
 //
-// Rows with one thread are to run in a process without the others: once there has been a second
-// thread, the pools' counters and the C library's own allocator take locked instructions.
+// ZORVAC_BENCH_THREADS=several gives the rows of two and four threads instead of those of one: once
+// there has been a second thread, the pools' counters and the C library's own allocator take locked
+// instructions, so rows of one thread have a process of their own.
 //
 // Every contender is called through pointers, so each pays for the same indirect calls. mimalloc
 // and jemalloc stand beside the C library's malloc, not in its place: both are reached by their own
 // names alone, and the program refuses to measure where malloc is not the C library's.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
+#include <jemalloc/jemalloc.h>
 #include <zorvac/mem.h>
 
 #include <array>
@@ -29,10 +31,7 @@
 #include <utility>
 #include <vector>
 
-extern "C" {
-void* mallocx(std::size_t bytes, int flags);
-void dallocx(void* block, int flags);
-}
+#include "support/libc_peer.h"
 
 namespace zorvac::bench {
 namespace {
@@ -99,8 +98,11 @@ std::string make_pools(const std::string& which) {
 void add_rows(const std::string& family, const std::string& pools,
               void (*work)(benchmark::State&, const allocator&),
               const std::vector<allocator>& allocators) {
-  const std::pair<int, const char*> rows[] = {
-      {1, "/one-thread"}, {2, "/two-threads"}, {4, "/four-threads"}};
+  using thread_rows = std::vector<std::pair<int, const char*>>;
+  const char* const set = std::getenv("ZORVAC_BENCH_THREADS");
+  const thread_rows rows = set != nullptr && std::string(set) == "several"
+                               ? thread_rows{{2, "/two-threads"}, {4, "/four-threads"}}
+                               : thread_rows{{1, "/one-thread"}};
   for (const auto& [threads, row] : rows) {
     for (const allocator& a : allocators) {
       const std::string name = family + row + pools + '/' + a.name;
@@ -123,6 +125,7 @@ std::vector<allocator> contenders() {
     std::exit(1);
   }
   const auto mi_malloc = reinterpret_cast<void* (*)(std::size_t)>(dlsym(mimalloc, "mi_malloc"));
+  const auto mi_version = reinterpret_cast<int (*)()>(dlsym(mimalloc, "mi_version"));
   const auto mi_free = reinterpret_cast<void (*)(void*)>(dlsym(mimalloc, "mi_free"));
   for (void* const function :
        {reinterpret_cast<void*>(std::malloc), reinterpret_cast<void*>(std::free)}) {
@@ -131,6 +134,11 @@ std::vector<allocator> contenders() {
       std::exit(1);
     }
   }
+  const std::string digits = std::to_string(mi_version());  // 2.0.9 is 209
+  tell_libc();
+  tell_peer("mimalloc", digits.substr(0, 1) + '.' + digits[1] + '.' + digits.substr(2));
+  const std::string release = JEMALLOC_VERSION;  // with a commit behind it
+  tell_peer("jemalloc", release.substr(0, release.find('-')));
   return {{"zorvac",
            [](std::size_t bytes) { return __i_pool_malloc(static_cast<std::uint32_t>(bytes)); },
            __i_pool_free},

@@ -1,10 +1,16 @@
-// What a dispatch costs beside a direct call of the variant it ends at, and what loading the library
+// What a dispatch costs beside a direct call of what it ends at, and what loading the library
 // costs beside loading an empty one: its constructor, most of whose time CPUID takes (on a virtual
 // machine each execution is a visit to the hypervisor), looking up its symbols, relocating it.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 
+#include <cstdio>
+#include <string>
+#include <type_traits>
+
+#include "mixes/blocks.h"
 #include "zorvac/cpu.h"
+#include "zorvac/mem.h"
 #include "zorvac/startup.h"
 
 extern "C" {
@@ -12,6 +18,7 @@ void avx2_variant(int) __asm__("__zorva_new_proc_init_E.V");
 void sse2_variant(int) __asm__("__zorva_new_proc_init_B.K");
 }
 
+namespace zorvac::bench {
 namespace {
 
 template <void (*Routine)(int), std::uint64_t Indicator>
@@ -23,6 +30,37 @@ BENCHMARK(call<avx2_variant, 0x9d97ff>)->Name("dispatch/first-row/direct");
 BENCHMARK(call<__zorva_new_proc_init_E, 0x9d97ff>)->Name("dispatch/first-row/zorvac");
 BENCHMARK(call<sse2_variant, 0x7f>)->Name("dispatch/second-row/direct");
 BENCHMARK(call<__zorva_new_proc_init_B, 0x7f>)->Name("dispatch/second-row/zorvac");
+
+// What the two jumps in front of a worker cost calls as programs have them.
+const block_ground ground;
+std::uint64_t detected = 0;
+template <auto* Routine>
+void operate(const block_call& c) {
+  if constexpr (std::is_invocable_v<decltype(Routine), void*, int, std::size_t>)
+    benchmark::DoNotOptimize(Routine(ground.to + c.to, 0x5a, c.bytes));
+  else
+    benchmark::DoNotOptimize(Routine(ground.to + c.to, ground.from + c.from, c.bytes));
+}
+template <auto* Routine>
+void blocks(benchmark::State& state, const block_mix& mix) {
+  __zorva_cpu_feature_indicator = detected;
+  for (auto _ : state)
+    for (const block_call& c : mix.calls) operate<Routine>(c);
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(mix.calls.size()));
+}
+void add_blocks() {
+  static const block_mix mixes[] = {fixed_blocks("fixed-16", 16, true),
+                                    mixed_blocks("mixed-1-64", 1, 64, false)};
+  for (const block_mix& mix : mixes) {
+    const auto add = [&](const std::string& row, void (*run)(benchmark::State&, const block_mix&)) {
+      benchmark::RegisterBenchmark(row.c_str(), [&, run](benchmark::State& s) { run(s, mix); });
+    };
+    add("dispatch-copy/" + mix.name + "/zorvac_fast", blocks<_zorva_fast_memcpy>);
+    add("dispatch-copy/" + mix.name + "/worker", blocks<__zorva_avx_rep_memcpy>);
+    add("dispatch-fill/" + mix.name + "/zorvac_fast", blocks<_zorva_fast_memset>);
+    add("dispatch-fill/" + mix.name + "/worker", blocks<__zorva_avx_rep_memset>);
+  }
+}
 
 template <void (*Routine)()>
 void detect(benchmark::State& state) {
@@ -44,4 +82,33 @@ void load(benchmark::State& state, const char* file) {
 BENCHMARK_CAPTURE(load, empty, EMPTY_LIBRARY)->Name("load/constructor/empty-library");
 BENCHMARK_CAPTURE(load, zorvac, LIBRARY)->Name("load/constructor/zorvac");
 
+// What the library measured, and the build that accepts its own vendor alone, take this processor
+// for: the page's list says so.
+void tell_indicator(const std::string& library, const std::uint64_t& indicator) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%#llx", static_cast<unsigned long long>(indicator));
+  benchmark::AddCustomContext("indicator " + library, text);
+}
+void tell_indicators() {
+  __zorva_cpu_features_init();
+  detected = __zorva_cpu_feature_indicator;
+  tell_indicator("any-vendor", detected);
+  void* const other = dlopen(LIBRARY, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
+  if (other == nullptr) return;
+  const auto init = reinterpret_cast<void (*)()>(dlsym(other, "__zorva_cpu_features_init"));
+  init();
+  tell_indicator("default",
+                 *static_cast<std::uint64_t*>(dlsym(other, "__zorva_cpu_feature_indicator")));
+  dlclose(other);
+}
+
 }  // namespace
+}  // namespace zorvac::bench
+
+int main(int argc, char** argv) {
+  zorvac::bench::tell_indicators();
+  if (__builtin_cpu_supports("avx2")) zorvac::bench::add_blocks();
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+}

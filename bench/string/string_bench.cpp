@@ -1,8 +1,10 @@
-// Scan tails and decimal conversions beside the C library's, in one process. Rows are
-// <operation>/<lengths>/<contender>; names of ours begin with "zorvac". A scan of ours is what a
+// The string routines beside the C library's, in one process. Rows are
+// <routine>/<lengths>/<contender>; names of ours begin with "zorvac". A scan of ours is what a
 // compiler emits: the first block inline, then the tail.
 //
-// The peer of the scans is the C library held to its SSE2 variants.
+// Members of a level stand beside the C library held to it: a run of the program for each level
+// (support/libc_peer.h). The file is compiled without built-in functions, or the compiler would do
+// some of the C library's work.
 #include <benchmark/benchmark.h>
 #include <zorvac/string.h>
 
@@ -19,12 +21,15 @@ namespace {
 
 // Strings one behind the other, and where each begins.
 struct texts {
+  struct place {
+    std::size_t begin, length;
+  };
   std::string name;
   std::string bytes;
-  std::vector<std::size_t> begins;
+  std::vector<place> places;
   void add(const std::string& text, std::size_t gap) {
     bytes.append(gap, '.');
-    begins.push_back(bytes.size());
+    places.push_back({bytes.size(), text.size()});
     bytes.append(text.c_str(), text.size() + 1);
   }
 };
@@ -57,55 +62,102 @@ texts numbers_of(std::size_t least, std::size_t most) {
   return list;
 }
 
+// What a routine is called with. The twin is an equal string at another place; the destination
+// holds a string of eight characters before each call.
+struct arguments {
+  const char* text;
+  std::size_t length;
+  const char* twin;
+  char* destination;
+};
+constexpr std::size_t begun = 8, room = 1 << 17;
+
 template <class Call>
-void add_row(const std::string& operation, const texts& list, const std::string& contender,
+void add_row(const std::string& routine, const texts& list, const std::string& contender,
              Call call) {
   const auto run = [call, &list](benchmark::State& state) {
-    for (auto _ : state)
-      for (const std::size_t begin : list.begins)
-        benchmark::DoNotOptimize(call(list.bytes.data() + begin));
+    const std::string twins = "....." + list.bytes;
+    std::vector<char> destination(room, 'x');
+    for (auto _ : state) {
+      for (const auto& [begin, length] : list.places) {
+        destination[begun] = '\0';
+        benchmark::DoNotOptimize(call(arguments{list.bytes.data() + begin, length,
+                                                twins.data() + 5 + begin, destination.data()}));
+      }
+    }
     const auto turns = static_cast<std::int64_t>(state.iterations());
-    state.SetItemsProcessed(turns * static_cast<std::int64_t>(list.begins.size()));
+    state.SetItemsProcessed(turns * static_cast<std::int64_t>(list.places.size()));
   };
-  benchmark::RegisterBenchmark((operation + "/" + list.name + "/" + contender).c_str(), run)
-      ->MinTime(0.02);
+  benchmark::RegisterBenchmark((routine + "/" + list.name + "/" + contender).c_str(), run);
 }
 
+const char* strend(const char* s) { return static_cast<const char*>(rawmemchr(s, 0)); }
+
+// A copy is given back.
+std::size_t freed(char* copy) {
+  const std::size_t first = static_cast<unsigned char>(*copy);
+  std::free(copy);
+  return first;
+}
+
+// A routine of ours beside the C library's. Both take the same arguments, in terms of `a`; `result`
+// is what is done with the result.
+#define MEMBER_WITH(result, peer, level, routine, lists, ...)                                \
+  for (const texts& list : lists) {                                                          \
+    add_row(#routine, list, "zorvac_" #level,                                                \
+            [](arguments a) { return result(zorvac_##level##_##routine(__VA_ARGS__)); });    \
+    add_row(#routine, list, peer, [](arguments a) { return result(routine(__VA_ARGS__)); }); \
+  }
+#define MEMBER(...) MEMBER_WITH(, libc().name, __VA_ARGS__)
+#define COPIES(level)                                               \
+  MEMBER(level, strrchr, some, a.text, 'x')                         \
+  MEMBER(level, strcpy, some, a.destination, a.text)                \
+  MEMBER(level, stpcpy, some, a.destination, a.text)                \
+  MEMBER(level, strncpy, some, a.destination, a.text, a.length + 8) \
+  MEMBER(level, stpncpy, some, a.destination, a.text, a.length + 8)
+#define MEMBERS(level)                                              \
+  MEMBER(level, strlen, all, a.text)                                \
+  MEMBER(level, strend, some, a.text)                               \
+  MEMBER(level, strchr, all, a.text, 'x')                           \
+  MEMBER(level, strnlen, some, a.text, a.length + 8)                \
+  MEMBER(level, strcat, some, a.destination, a.text)                \
+  MEMBER(level, strncat, some, a.destination, a.text, a.length + 8) \
+  MEMBER_WITH(freed, libc().name, level, strdup, some, a.text)      \
+  MEMBER(level, strncmp, some, a.text, a.twin, a.length + 8)        \
+  MEMBER(level, strspn, some, a.text, "abc ")                       \
+  MEMBER(level, strcspn, some, a.text, " ,;\n")                     \
+  MEMBER(level, strpbrk, some, a.text, " ,;\n")                     \
+  MEMBER(level, strtok, some, const_cast<char*>(a.text), " ,;\n")
+
 void add_all() {
-  static std::vector<texts> scans, numbers;
+  static std::vector<texts> all, some, numbers;
   for (const std::size_t length : {16u, 32u, 64u, 100u, 256u, 1024u, 4096u, 65536u})
-    scans.push_back(strings_of(length));
-  for (const std::size_t most : {64u, 256u}) scans.push_back(strings_up_to(most));
+    all.push_back(strings_of(length));
+  for (const std::size_t most : {64u, 256u}) all.push_back(strings_up_to(most));
+  for (const std::size_t length : {16u, 64u, 1024u}) some.push_back(strings_of(length));
+  some.push_back(strings_up_to(64));
   for (const std::size_t count : {1u, 4u, 8u, 10u, 12u, 16u})
     numbers.push_back(numbers_of(count, count));
   numbers.push_back(numbers_of(4, 10));
   numbers.push_back(numbers_of(4, 16));
 
-  const std::string peer = libc_name();
-  const bool has_sse4 = __builtin_cpu_supports("sse4.2") != 0;
-  // The C library's through pointers, or the compiler would do some of the work.
-  static std::size_t (*volatile const length)(const char*) = std::strlen;
-  static const char* (*volatile const find)(const char*, int) = std::strchr;
-  for (const texts& list : scans) {
-    add_row("strlen", list, "zorvac_sse2", [](const char* s) { return zorvac_sse2_strlen(s); });
-    if (has_sse4)
-      add_row("strlen", list, "zorvac_sse4", [](const char* s) { return zorvac_sse4_strlen(s); });
-    add_row("strlen", list, peer, [](const char* s) { return length(s); });
-    add_row("strchr", list, "zorvac_sse2",
-            [](const char* s) { return zorvac_sse2_strchr(s, 'x'); });
-    if (has_sse4)
-      add_row("strchr", list, "zorvac_sse4",
-              [](const char* s) { return zorvac_sse4_strchr(s, 'x'); });
-    add_row("strchr", list, peer, [](const char* s) { return find(s, 'x'); });
+  const libc_level level = libc().level;
+  if (level == sse2) {
+    COPIES(sse2)
+    MEMBERS(sse2)
   }
-  if (has_sse4) {
-    for (const texts& list : numbers) {
-      add_row("atoi", list, "zorvac_sse4", [](const char* s) { return zorvac_sse4_atoi(s); });
-      add_row("atoi", list, peer, [](const char* s) { return std::atoi(s); });
-      add_row("atoll", list, "zorvac_sse4", [](const char* s) { return zorvac_sse4_atoll(s); });
-      add_row("atoll", list, peer, [](const char* s) { return std::strtoll(s, nullptr, 10); });
-    }
+  if (level == ssse3 && __builtin_cpu_supports("ssse3")) {
+    COPIES(ssse3)
   }
+  if (level == sse4 && __builtin_cpu_supports("sse4.2")) {
+    COPIES(sse4)
+    MEMBERS(sse4)
+    // Of these the C library has one variant.
+    MEMBER_WITH(, "libc", sse4, atoi, numbers, a.text)
+    MEMBER_WITH(, "libc", sse4, atol, numbers, a.text)
+    MEMBER_WITH(, "libc", sse4, atoll, numbers, a.text)
+  }
+  tell_libc();
   tell_variant<std::size_t(const char*)>("libc strlen", std::strlen);
   tell_variant<const char*(const char*, int)>("libc strchr", std::strchr);
 }

@@ -1,29 +1,54 @@
 #ifndef ZORVAC_BENCH_SUPPORT_LIBC_PEER_H
 #define ZORVAC_BENCH_SUPPORT_LIBC_PEER_H
-// The C library as a peer. By itself it takes its best variant for the processor; for the members
-// of a lower level it is held to its variants of that level, in one more run of the same program,
-// whose rows name the peer "libc-ssse3" or "libc-sse2":
-//
-//   export GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2,-AVX512F,-AVX512VL,-AVX_Fast_Unaligned_Load
-//   GLIBC_TUNABLES=$GLIBC_TUNABLES,-ERMS,-FSRM,-SSE4_1,-SSE4_2,-MOVBE <program>
-//   GLIBC_TUNABLES=$GLIBC_TUNABLES,-ERMS,-FSRM,-SSE4_1,-SSE4_2,-MOVBE,-SSSE3,-BMI2 <program>
+// The C library as a peer. By itself it takes its best variant for the processor. Like is compared
+// with like, so a program is run once more for each lower level, with the C library held to its
+// variants of that level (GLIBC_TUNABLES; bench/families.py has the values). Each run registers the
+// members that stand beside what the C library is held to, and names the peer after it.
 //
 // The context of the results tells where in the C library its routines lie, so that a disassembler
 // can show that the restriction took effect.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
+#include <gnu/libc-version.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
+#include <string_view>
 
 namespace zorvac::bench {
 
-inline std::string libc_name() {
-  const char* const tunables = std::getenv("GLIBC_TUNABLES");
-  if (tunables == nullptr || std::strstr(tunables, "-AVX2") == nullptr) return "libc";
-  return std::strstr(tunables, "-SSSE3") == nullptr ? "libc-ssse3" : "libc-sse2";
+// What the C library may be held to; a member names all that it stands beside.
+enum libc_level : unsigned { best = 1, avx2 = 2, sse4 = 4, ssse3 = 8, sse2 = 16, any = 31 };
+
+struct libc_peer {
+  std::string name;
+  libc_level level;
+};
+
+// The levels from the lowest on: the first whose lack of a feature shows is the one.
+inline libc_peer libc() {
+  const char* const set = std::getenv("GLIBC_TUNABLES");
+  const std::string_view tunables = set != nullptr ? set : "";
+  const auto without = [&](std::string_view f) { return tunables.find(f) != tunables.npos; };
+  if (without("-SSSE3")) return {"libc-sse2", sse2};
+  if (without("-SSE4_2")) return {"libc-ssse3", ssse3};
+  if (without("-AVX2")) return {"libc-sse4", sse4};
+  if (without("-AVX512F")) return {"libc-avx2", avx2};
+  return {"libc", best};
+}
+
+// A line of the page's list of peers.
+inline void tell_peer(const std::string& name, const std::string& version) {
+  benchmark::AddCustomContext("peer " + name, version);
+}
+inline void tell_libc() { tell_peer("C library", std::string("glibc ") + gnu_get_libc_version()); }
+inline void tell_libgcc() {
+#ifdef __clang__
+  tell_peer("libgcc", "the one that clang " __clang_version__ "takes");
+#else
+  tell_peer("libgcc", "of g++ " __VERSION__);
+#endif
 }
 
 // To be told which one of overloaded functions is meant by its type.

@@ -1,0 +1,14 @@
+// Tells the page which run-time libraries quad_bench compares with.
+#include "support/libc_peer.h"
+
+namespace {
+
+const bool told = [] {
+  zorvac::bench::tell_libgcc();
+#ifdef ZORVAC_BENCH_CLANG_RT
+  zorvac::bench::tell_peer("clang's library", "compiler-rt " ZORVAC_BENCH_CLANG_RT);
+#endif
+  return true;
+}();
+
+}  // namespace
