@@ -81,7 +81,8 @@ struct dividend_and_divisor {
 
   // Of normal numbers.
   [[gnu::always_inline]] static dividend_and_divisor of(uint128 a, uint128 b) {
-    return {uint64_t{1} << 63 | high(a) << 15 | low(a) >> 49, low(a),
+    return {uint64_t{1} << 63 | high(a) << 15 | low(a) >> 49,
+            low(a),
             {uint64_t{1} << 62 | high(b) << 16 >> 2 | low(b) >> 50, low(b) << 14}};
   }
 

@@ -19,14 +19,12 @@ constexpr double d_tiny = 4.9406564584124654e-324;  // smallest subnormal number
 constexpr double d_zero = 0.0;
 constexpr double d_half = 0.5;
 
-// Two numbers to add to 1, for a result that is exact and for one that is not: hardly anything, and
-// three quarters of the distance from 1 to the next number. Those of the first kind raise nothing.
-struct addends {
-  double next_to_nothing, most_of_ulp;
-};
-constexpr addends d_addends[2] = {{0, 1}, {d_norm, 0.75 * 0x1p-52}};
+// Pairs of numbers to add to 1, two places apart: for a result that is not exact next to nothing and
+// three quarters of the distance from 1 to the next number; for an exact one what raises nothing.
+constexpr double d_addends[] = {d_norm, d_zero, 0.75 * 0x1p-52, d_one};
 
-[[maybe_unused]] const addends* const volatile p_addends = d_addends;
+// At that of an exact result; that of another one lies before it.
+[[maybe_unused]] const double* const volatile p_addends = &d_addends[1];
 [[maybe_unused]] const double* const volatile p_one = &d_one;
 [[maybe_unused]] const double* const volatile p_norm = &d_norm;
 [[maybe_unused]] const double* const volatile p_huge = &d_huge;

@@ -1,7 +1,6 @@
 // Smaller floating-point formats to quads, by address.
-#include "quad/widen.h"
-
 #include "quad/nan.h"
+#include "quad/widen.h"
 #include "zorvac/quad.h"
 
 using namespace zorvac::softfp;

@@ -67,21 +67,24 @@ template <class Integer, rounding Otherwise>
 template <class Integer>
 constexpr int end_of_range = q::bias + (width<Integer> == 32 ? 33 : width<Integer>);
 
-// 1 for a number that an unsigned integer cannot be.
 template <class Integer>
-[[gnu::always_inline]] constexpr uint64_t is_out_of_range(uint128 w) {
+[[gnu::always_inline]] constexpr bool is_out_of_range(uint128 w) {
   const int exponent = q::exponent(w);
-  return uint64_t{exponent >= end_of_range<Integer>} |
-         (uint64_t{exponent >= q::bias} & uint64_t{q::negative(w)});
+  return exponent >= q::bias && (exponent >= end_of_range<Integer> || q::negative(w));
 }
 
 // Any number.
 template <class Integer>
-[[gnu::cold, gnu::noinline]] Integer truncate_to_unsigned(uint128 w) {
-  if (is_out_of_range<Integer>(w) != 0) return indefinite<Integer>();
-  if (q::exponent(w) != 0) return static_cast<Integer>(truncate(w));
+[[gnu::always_inline]] inline Integer truncate_to_unsigned(uint128 w) {
+  if (is_out_of_range<Integer>(w)) [[unlikely]]
+    return indefinite<Integer>();
+  if (q::exponent(w) != 0) [[likely]]
+    return static_cast<Integer>(truncate(w));
   if (q::fraction(w) != 0) raise_inexact();
   return 0;
+}
+[[gnu::cold, gnu::noinline]] std::uint32_t to_unsigned_slowly(uint128 w) {
+  return truncate_to_unsigned<std::uint32_t>(w);
 }
 
 }  // namespace
@@ -99,18 +102,16 @@ std::int64_t __qtoj(const void* a, int mode) {
   return round_to_signed<std::int64_t, rounding::toward_zero>(w, mode);
 }
 
-// What is out of range becomes a NaN, without a branch: the sign may be unpredictable.
+// What is out of range becomes a NaN, and that without a branch: the sign may be unpredictable.
 std::uint32_t __qtou(const void* a) {
   const uint128 w = load(a);
   if (!has_sticky_double(w)) [[unlikely]]
-    return truncate_to_unsigned<std::uint32_t>(w);
-  const auto wide = static_cast<uint64_t>(truncate_by_processor<std::int64_t>(
-      sticky_double_word(w) | -is_out_of_range<std::uint32_t>(w)));
+    return to_unsigned_slowly(w);
+  const int exponent = q::exponent(w);
+  const bool refused =
+      (exponent >= end_of_range<std::uint32_t>) | ((exponent >= q::bias) & q::negative(w));
+  const auto wide = static_cast<uint64_t>(
+      truncate_by_processor<std::int64_t>(sticky_double_word(w) | -uint64_t{refused}));
   return static_cast<std::uint32_t>(wide | (wide >> 63 << 31));
 }
-std::uint64_t __qtok(const void* a) {
-  const uint128 w = load(a);
-  if (q::exponent(w) == 0 || is_out_of_range<uint64_t>(w) != 0) [[unlikely]]
-    return truncate_to_unsigned<uint64_t>(w);
-  return truncate(w);
-}
+std::uint64_t __qtok(const void* a) { return truncate_to_unsigned<uint64_t>(load(a)); }

@@ -52,11 +52,13 @@ constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard)
 // mode shows in what the sum that raises PE comes out as, beside a second one: only when rounding
 // to nearest is 1 + 3/4 ulp more than 1 + (next to nothing). So MXCSR itself is stored for the
 // other modes only.
-[[gnu::always_inline]] inline bool raise_inexact_to_nearest(bool inexact = true) {
-  const double one = *p_one;
-  const addends& addend = p_addends[inexact];
-  const double by_next_to_nothing = one + addend.next_to_nothing;
-  const double by_most_of_ulp = one + addend.most_of_ulp;
+[[gnu::always_inline]] inline bool raise_inexact_to_nearest(
+    uint64_t all_ones_if_inexact = ~uint64_t{0}) {
+  const double* const at_exact = p_addends;
+  const double* const addends = at_exact + static_cast<std::int64_t>(all_ones_if_inexact);
+  const double one = at_exact[2];
+  const double by_next_to_nothing = one + addends[0];
+  const double by_most_of_ulp = one + addends[2];
   perform(by_next_to_nothing);
   return by_most_of_ulp > by_next_to_nothing;
 }
@@ -85,10 +87,9 @@ template <class F>
 [[maybe_unused, gnu::always_inline]] inline uint128 rounded_half(uint64_t head, uint128 doubled,
                                                                  uint64_t rest) {
   const uint64_t below = low(doubled);
-  const bool inexact = (rest | (below & 1)) != 0;
-  const uint64_t no_tie = -uint64_t{rest != 0};
-  uint64_t last = below & (below >> 1 | ~uint64_t{1} | no_tie);  // a tie goes to the even number
-  if (!raise_inexact_to_nearest(inexact)) [[unlikely]]
+  const uint64_t kept = all_ones_unless_zero(rest) | ~uint64_t{1};
+  uint64_t last = below & (below >> 1 | kept);  // a tie goes to the even number
+  if (!raise_inexact_to_nearest(all_ones_unless_zero(rest | (below & 1)))) [[unlikely]]
     last = (below & ~uint64_t{1}) | rounds_up_directed(head >> 63 != 0);
   return add_half(head, make_uint128(high(doubled), last));
 }

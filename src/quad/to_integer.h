@@ -27,7 +27,8 @@ namespace {
 
 // Whether a number is normal and below 2^bits.
 [[gnu::always_inline]] constexpr bool is_normal_below(uint128 w, int bits) {
-  return static_cast<unsigned>(binary128::exponent(w) - 1) < static_cast<unsigned>(binary128::bias + bits - 1);
+  return static_cast<unsigned>(binary128::exponent(w) - 1) <
+         static_cast<unsigned>(binary128::bias + bits - 1);
 }
 
 // The integer part of a number that has a sticky double, by the processor: in range with PE for any

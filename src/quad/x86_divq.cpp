@@ -1,7 +1,6 @@
 // Division by address. One body serves both processor classes.
-#include "quad/divide.h"
-
 #include "core/export.h"
+#include "quad/divide.h"
 
 using namespace zorvac::softfp;
 

@@ -1,7 +1,6 @@
 // Multiplication by address. One body serves both processor classes.
-#include "quad/multiply.h"
-
 #include "core/export.h"
+#include "quad/multiply.h"
 
 using namespace zorvac::softfp;
 
