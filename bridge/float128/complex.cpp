@@ -1,0 +1,168 @@
+// Powers with an integer exponent and complex products and quotients of binary128 numbers, as
+// compilers call them. Each is a few operations of this library, in words.
+#include "compiler_rules.h"
+#include "quad/add.h"
+#include "quad/compare.h"
+#include "quad/divide.h"
+#include "quad/multiply.h"
+
+using namespace zorvac::softfp;
+
+namespace {
+
+using f = binary128;
+
+struct number {
+  uint128 word;
+};
+[[gnu::noinline]] number operator+(number a, number b) {
+  return {add<first_rules>(to_words{}, in_words{a.word}, in_words{b.word}, 0)};
+}
+[[gnu::noinline]] number operator*(number a, number b) {
+  return {multiply<first_rules>(to_words{}, in_words{a.word}, in_words{b.word})};
+}
+[[gnu::noinline]] number operator/(number a, number b) {
+  return {divide<second_rules>(to_words{}, in_words{a.word}, in_words{b.word})};
+}
+[[gnu::noinline]] number operator-(number a, number b) {
+  return {add<second_rules>(to_words{}, in_words{a.word}, in_words{b.word}, high(f::sign_bit))};
+}
+
+constexpr number power_of_2(int n) { return {uint128(f::bias + n) << f::fraction_bits}; }
+constexpr number one = power_of_2(0), infinity = {f::infinity};
+
+bool is_nan(number x) { return zorvac::softfp::is_nan<f>(x.word); }
+bool is_infinite(number x) { return zorvac::softfp::is_infinite(x.word); }
+bool is_finite(number x) { return f::exponent(x.word) != f::special_exponent; }
+bool is_zero(number x) { return zorvac::softfp::is_zero(x.word); }
+number signed_as(number sign, number x) { return {x.word | (sign.word & f::sign_bit)}; }
+number box(number x) { return signed_as(x, is_infinite(x) ? one : number{0}); }
+number zero_for_nan(number x) { return is_nan(x) ? signed_as(x, number{0}) : x; }
+
+// Of magnitudes; NaNs raise IE.
+struct less {
+  using rules = first_rules;
+  static constexpr bool unordered = false;
+  static bool of(int sign) { return sign < 0; }
+};
+[[gnu::noinline]] bool is_less(number a, number b) {
+  return compare<less>(in_words{f::magnitude(a.word)}, in_words{f::magnitude(b.word)});
+}
+
+struct complex_number {
+  number real, imaginary;
+};
+struct complex_result {  // in memory, by a hidden address
+  xmm real, imaginary;
+};
+[[gnu::always_inline]] inline complex_result result_of(complex_number z) {
+  return {to_xmm{}(z.real.word), to_xmm{}(z.imaginary.word)};
+}
+[[gnu::always_inline]] inline number number_in(xmm x) { return {in_xmm{x}.word()}; }
+
+// A product of which both parts are NaNs may be an infinity that its parts do not show (C11, G.5.1,
+// example 1).
+complex_number rescue_product(number a, number b, number c, number d, complex_number product,
+                              bool partial_infinity) {
+  bool again = false;
+  if (is_infinite(a) || is_infinite(b)) {
+    a = box(a), b = box(b), c = zero_for_nan(c), d = zero_for_nan(d);
+    again = true;
+  }
+  if (is_infinite(c) || is_infinite(d)) {
+    c = box(c), d = box(d), a = zero_for_nan(a), b = zero_for_nan(b);
+    again = true;
+  }
+  if (!again && partial_infinity) {
+    a = zero_for_nan(a), b = zero_for_nan(b), c = zero_for_nan(c), d = zero_for_nan(d);
+    again = true;
+  }
+  if (!again) return product;
+  return {infinity * (a * c - b * d), infinity * (a * d + b * c)};
+}
+
+// The quotient of (a + ib) by (c + id), or of (b + ia) by (d + ic) where `swapped`; |c| is not more
+// than |d|. By Smith's method with the care of Baudin and Smith (A robust complex division in
+// Scilab, 2012): operands are scaled where the denominator or a product could leave the range, and
+// where the ratio underflows the order of the operations changes.
+complex_number divide_by_larger(number a, number b, number c, number d, bool swapped) {
+  constexpr number half_of_largest = {f::largest - f::leading_one}, least_normal = {f::leading_one},
+                   epsilon = power_of_2(-f::fraction_bits), up = power_of_2(f::fraction_bits),
+                   down = power_of_2(-1),
+                   big = {half_of_largest.word - uint128{f::fraction_bits} * f::leading_one};
+  const auto scale = [&](number by) { a = a * by, b = b * by, c = c * by, d = d * by; };
+  const auto tiny_beside = [&](number x, number y) {
+    return is_less(x, least_normal) && is_less(y, big) && is_less(d, big);
+  };
+  if (!is_less(d, half_of_largest)) scale(down);
+  if (is_less(d, epsilon) || tiny_beside(a, b) || tiny_beside(b, a)) scale(up);
+
+  const number ratio = c / d, denominator = c * ratio + d;
+  const bool in_range = is_less(least_normal, ratio);
+  const number sum = in_range ? a * ratio : c * (a / d);
+  const number difference = in_range ? b * ratio : c * (b / d);
+  return {(sum + b) / denominator, (swapped ? a - difference : difference - a) / denominator};
+}
+
+// And C11, G.5.1, example 2.
+complex_number rescue_quotient(number a, number b, number c, number d, complex_number quotient) {
+  if (is_zero(c) && is_zero(d) && (!is_nan(a) || !is_nan(b))) {
+    const number signed_infinity = signed_as(c, infinity);
+    return {signed_infinity * a, signed_infinity * b};
+  }
+  if ((is_infinite(a) || is_infinite(b)) && is_finite(c) && is_finite(d)) {
+    a = box(a), b = box(b);
+    return {infinity * (a * c + b * d), infinity * (b * c - a * d)};
+  }
+  if ((is_infinite(c) || is_infinite(d)) && is_finite(a) && is_finite(b)) {
+    c = box(c), d = box(d);
+    const number zero = {0};
+    return {zero * (a * c + b * d), zero * (b * c - a * d)};
+  }
+  return quotient;
+}
+
+}  // namespace
+
+#pragma GCC visibility push(default)
+extern "C" {
+
+xmm __powitf2(xmm base, int exponent) {
+  auto n = static_cast<unsigned>(exponent);
+  if (exponent < 0) n = -n;
+  number square = number_in(base), power = n % 2 != 0 ? square : one;
+  while ((n >>= 1) != 0) {
+    square = square * square;
+    if (n % 2 != 0) power = power * square;
+  }
+  return to_xmm{}((exponent < 0 ? one / power : power).word);
+}
+
+// Compilers declare these two themselves, with a type that C++ does not have.
+complex_result multiply_complex(xmm, xmm, xmm, xmm) __asm__("__multc3");
+complex_result divide_complex(xmm, xmm, xmm, xmm) __asm__("__divtc3");
+
+complex_result multiply_complex(xmm a_part, xmm b_part, xmm c_part, xmm d_part) {
+  const number a = number_in(a_part), b = number_in(b_part), c = number_in(c_part),
+               d = number_in(d_part);
+  const number ac = a * c, bd = b * d, ad = a * d, bc = b * c;
+  complex_number product = {ac - bd, ad + bc};
+  if (is_nan(product.real) && is_nan(product.imaginary)) [[unlikely]]
+    product =
+        rescue_product(a, b, c, d, product,
+                       is_infinite(ac) || is_infinite(bd) || is_infinite(ad) || is_infinite(bc));
+  return result_of(product);
+}
+
+complex_result divide_complex(xmm a_part, xmm b_part, xmm c_part, xmm d_part) {
+  const number a = number_in(a_part), b = number_in(b_part), c = number_in(c_part),
+               d = number_in(d_part);
+  complex_number quotient =
+      is_less(c, d) ? divide_by_larger(a, b, c, d, false) : divide_by_larger(b, a, d, c, true);
+  if (is_nan(quotient.real) && is_nan(quotient.imaginary)) [[unlikely]]
+    quotient = rescue_quotient(a, b, c, d, quotient);
+  return result_of(quotient);
+}
+
+}  // extern "C"
+#pragma GCC visibility pop
