@@ -31,23 +31,41 @@ struct number {
 constexpr number power_of_2(int n) { return {uint128(f::bias + n) << f::fraction_bits}; }
 constexpr number one = power_of_2(0), infinity = {f::infinity};
 
-bool is_nan(number x) { return zorvac::softfp::is_nan<f>(x.word); }
-bool is_infinite(number x) { return zorvac::softfp::is_infinite(x.word); }
-bool is_finite(number x) { return f::exponent(x.word) != f::special_exponent; }
+// Tests that raise DE for a subnormal number, as comparisons do.
+bool is_nan(number x) {
+  first_rules::look_at(x.word, x.word);
+  return zorvac::softfp::is_nan<f>(x.word);
+}
+bool is_infinite(number x) {
+  first_rules::look_at(x.word, x.word);
+  return zorvac::softfp::is_infinite(x.word);
+}
+bool is_finite(number x) {
+  first_rules::look_at(x.word, x.word);
+  return f::exponent(x.word) != f::special_exponent;
+}
 bool is_zero(number x) { return zorvac::softfp::is_zero(x.word); }
 number signed_as(number sign, number x) { return {x.word | (sign.word & f::sign_bit)}; }
 number box(number x) { return signed_as(x, is_infinite(x) ? one : number{0}); }
 number zero_for_nan(number x) { return is_nan(x) ? signed_as(x, number{0}) : x; }
 
-// Of magnitudes; NaNs raise IE.
-struct less {
+// Orders of magnitudes. NaNs raise IE and are in none.
+struct relation {
   using rules = first_rules;
   static constexpr bool unordered = false;
+};
+struct less : relation {
   static bool of(int sign) { return sign < 0; }
 };
-[[gnu::noinline]] bool is_less(number a, number b) {
-  return compare<less>(in_words{f::magnitude(a.word)}, in_words{f::magnitude(b.word)});
+struct at_least : relation {
+  static bool of(int sign) { return sign >= 0; }
+};
+template <class Relation>
+[[gnu::noinline]] bool has(number a, number b) {
+  return compare<Relation>(in_words{f::magnitude(a.word)}, in_words{f::magnitude(b.word)});
 }
+bool is_less(number a, number b) { return has<less>(a, b); }
+bool is_at_least(number a, number b) { return has<at_least>(a, b); }
 
 struct complex_number {
   number real, imaginary;
@@ -81,21 +99,28 @@ complex_number rescue_product(number a, number b, number c, number d, complex_nu
   return {infinity * (a * c - b * d), infinity * (a * d + b * c)};
 }
 
-// The quotient of (a + ib) by (c + id), or of (b + ia) by (d + ic) where `swapped`; |c| is not more
-// than |d|. By Smith's method with the care of Baudin and Smith (A robust complex division in
-// Scilab, 2012): operands are scaled where the denominator or a product could leave the range, and
-// where the ratio underflows the order of the operations changes.
-complex_number divide_by_larger(number a, number b, number c, number d, bool swapped) {
+struct fraction {
+  number a, b, c, d;  // (a + ib) / (c + id)
+
+  void scale(number by) { a = a * by, b = b * by, c = c * by, d = d * by; }
+};
+
+// By Smith's method with the care of Baudin and Smith (A robust complex division in Scilab, 2012):
+// operands are scaled where the denominator or a product could leave the range, and where the ratio
+// underflows the order of the operations changes. Written for |c| less than |d|; `swapped`, for
+// (b + ia) / (d + ic).
+complex_number divide(fraction& x, bool swapped) {
   constexpr number half_of_largest = {f::largest - f::leading_one}, least_normal = {f::leading_one},
                    epsilon = power_of_2(-f::fraction_bits), up = power_of_2(f::fraction_bits),
                    down = power_of_2(-1),
                    big = {half_of_largest.word - uint128{f::fraction_bits} * f::leading_one};
-  const auto scale = [&](number by) { a = a * by, b = b * by, c = c * by, d = d * by; };
-  const auto tiny_beside = [&](number x, number y) {
-    return is_less(x, least_normal) && is_less(y, big) && is_less(d, big);
+  number &a = swapped ? x.b : x.a, &b = swapped ? x.a : x.b, &c = swapped ? x.d : x.c,
+         &d = swapped ? x.c : x.d;
+  const auto tiny_beside = [&](number p, number q) {
+    return is_less(p, least_normal) && is_less(q, big) && is_less(d, big);
   };
-  if (!is_less(d, half_of_largest)) scale(down);
-  if (is_less(d, epsilon) || tiny_beside(a, b) || tiny_beside(b, a)) scale(up);
+  if (is_at_least(d, half_of_largest)) x.scale(down);
+  if (is_less(d, epsilon) || tiny_beside(x.a, x.b) || tiny_beside(x.b, x.a)) x.scale(up);
 
   const number ratio = c / d, denominator = c * ratio + d;
   const bool in_range = is_less(least_normal, ratio);
@@ -104,8 +129,9 @@ complex_number divide_by_larger(number a, number b, number c, number d, bool swa
   return {(sum + b) / denominator, (swapped ? a - difference : difference - a) / denominator};
 }
 
-// And C11, G.5.1, example 2.
-complex_number rescue_quotient(number a, number b, number c, number d, complex_number quotient) {
+// A quotient of two NaNs, by the operands as they were scaled (C11, G.5.1, example 2).
+complex_number rescue_quotient(const fraction& x, complex_number quotient) {
+  auto [a, b, c, d] = x;
   if (is_zero(c) && is_zero(d) && (!is_nan(a) || !is_nan(b))) {
     const number signed_infinity = signed_as(c, infinity);
     return {signed_infinity * a, signed_infinity * b};
@@ -145,7 +171,7 @@ complex_result divide_complex(xmm, xmm, xmm, xmm) __asm__("__divtc3");
 complex_result multiply_complex(xmm a_part, xmm b_part, xmm c_part, xmm d_part) {
   const number a = number_in(a_part), b = number_in(b_part), c = number_in(c_part),
                d = number_in(d_part);
-  const number ac = a * c, bd = b * d, ad = a * d, bc = b * c;
+  const number ac = a * c, bd = b * d, ad = a * d, bc = c * b;
   complex_number product = {ac - bd, ad + bc};
   if (is_nan(product.real) && is_nan(product.imaginary)) [[unlikely]]
     product =
@@ -155,12 +181,10 @@ complex_result multiply_complex(xmm a_part, xmm b_part, xmm c_part, xmm d_part) 
 }
 
 complex_result divide_complex(xmm a_part, xmm b_part, xmm c_part, xmm d_part) {
-  const number a = number_in(a_part), b = number_in(b_part), c = number_in(c_part),
-               d = number_in(d_part);
-  complex_number quotient =
-      is_less(c, d) ? divide_by_larger(a, b, c, d, false) : divide_by_larger(b, a, d, c, true);
+  fraction x = {number_in(a_part), number_in(b_part), number_in(c_part), number_in(d_part)};
+  complex_number quotient = divide(x, !is_less(x.c, x.d));
   if (is_nan(quotient.real) && is_nan(quotient.imaginary)) [[unlikely]]
-    quotient = rescue_quotient(a, b, c, d, quotient);
+    quotient = rescue_quotient(x, quotient);
   return result_of(quotient);
 }
 
