@@ -94,7 +94,7 @@ constexpr int place = f::fraction_bits - 64;  // of the leading one, in the high
 // The common path ordered the operands by their high words alone and had no more than 65 bits left
 // of a difference, in the low word and at the top of the guard word, and these exact. Where it is
 // below 0, the high word being all ones, the order was wrong. `head` is the larger one's sign and
-// exponent, in their places.
+// exponent, less 1, in their places.
 template <class Result>
 [[gnu::cold, gnu::noinline]] auto cancelled(Result result, uint64_t head, uint64_t sum_high,
                                             uint64_t sum_low, uint64_t sum_guard) {
@@ -107,7 +107,7 @@ template <class Result>
   }
   const int zeros = leading_zeros(rest);  // besides the place + 1 above that the high word had
   const uint128 significand = rest << zeros >> (128 - f::precision);
-  head -= static_cast<uint64_t>(place + 2 + zeros) << place;  // the leading one adds 1
+  head -= static_cast<uint64_t>(place + 1 + zeros) << place;  // the leading one adds 1
   return result(make_uint128(head + high(significand), low(significand)));
 }
 
@@ -135,19 +135,19 @@ template <class Rules, class Result, class Operand>
   if (exponent - first > last - first || distance >= 64) [[unlikely]]
     return add_slowly<Rules>(result, a, b, negate_b);
 
-  const uint64_t fraction = high(f::fraction(larger));
+  const uint64_t significand = high(f::fraction(larger)) | high(f::leading_one);
+  const uint64_t head = high(larger) - significand;
   const uint64_t all_ones_if_signs_differ =
       static_cast<uint64_t>(static_cast<std::int64_t>(high(larger) ^ high(smaller)) >> 63);
   const two_words addend = {high(f::fraction(smaller)) | high(f::leading_one), low(smaller)};
-  const three_words sum = add_or_subtract(
-      make_uint128(fraction | high(f::leading_one), low(larger)),
-      shift_into_guard(addend, static_cast<unsigned>(distance)), all_ones_if_signs_differ);
+  const three_words sum = add_or_subtract(make_uint128(significand, low(larger)),
+                                          shift_into_guard(addend, static_cast<unsigned>(distance)),
+                                          all_ones_if_signs_differ);
   if (static_cast<std::int64_t>(sum.high) <= 0) [[unlikely]]
-    return cancelled(result, high(larger) - fraction, sum.high, sum.low, sum.guard);
-  const auto shift = static_cast<unsigned>(place + 1 - highest_bit(sum.high));
-  const three_words doubled = sum << shift;
-  return result(rounded_half(high(larger) - (fraction + (uint64_t{shift} << place)),
-                             doubled.significand(), doubled.guard));
+    return cancelled(result, head, sum.high, sum.low, sum.guard);
+  const int leading = highest_bit(sum.high);
+  const three_words doubled = sum << static_cast<unsigned>(place + 1 - leading);
+  return result(rounded_half(head + (static_cast<uint64_t>(leading - place) << place), doubled));
 }
 
 }  // namespace addition

@@ -141,13 +141,15 @@ template <class Rules, class Result, class Operand>
 // the quotient's, and what is borrowed beyond them is shifted out. The bits below those that are kept
 // and the first one below them only tell whether the quotient is exact or half way between two.
 [[gnu::always_inline]] inline uint128 round_quotient(uint128 a, uint128 b, two_words quotient,
-                                                     bool known_inexact) {
+                                                     bool neither_exact_nor_tie) {
   const uint64_t from_one_up = quotient.high >> 58;
   const auto surplus = 8 + static_cast<int>(from_one_up);
   const two_words doubled = quotient >> surplus;
-  const uint64_t head = head_of(a) - head_of(b) + from_one_up + (f::bias - 2);
-  return rounded_half(head << (f::fraction_bits - 64), make_uint128(doubled.high, doubled.low),
-                      known_inexact ? 1 : quotient.low << (64 - surplus));
+  const uint64_t head = (head_of(a) - head_of(b) + from_one_up + (f::bias - 2))
+                        << (f::fraction_bits - 64);
+  if (neither_exact_nor_tie)
+    return rounded_half_inexact(head, make_uint128(doubled.high, doubled.low));
+  return rounded_half(head, {doubled.high, doubled.low, quotient.low << (64 - surplus)});
 }
 
 // The end of the common path where the second digit decides on more than it tells.

@@ -80,17 +80,22 @@ template <class F>
   return add_top_bit(packed, guard);
 }
 
-// The same for a quad whose significand comes doubled, its leading one still in it, so that bit 0
-// takes the place of the guard word's top bit and `rest` that of the bits below. `head` is the sign
-// and the exponent, less 1, in their places. Halving and rounding are one step then. Sums are exact
-// too often, and not often enough, for a branch on it.
-[[maybe_unused, gnu::always_inline]] inline uint128 rounded_half(uint64_t head, uint128 doubled,
-                                                                 uint64_t rest) {
-  const uint64_t below = low(doubled);
-  const uint64_t kept = all_ones_unless_zero(rest) | ~uint64_t{1};
-  uint64_t last = below & (below >> 1 | kept);  // a tie goes to the even number
-  if (!raise_inexact_to_nearest(all_ones_unless_zero(rest | (below & 1)))) [[unlikely]]
-    last = (below & ~uint64_t{1}) | rounds_up_directed(head >> 63 != 0);
+// The same for a quad whose significand comes doubled, its leading one still in it. `head` is the
+// sign and the exponent, less 1, in their places. Sums are exact too often, and not often enough,
+// for a branch on it.
+[[maybe_unused, gnu::always_inline]] inline uint128 rounded_half(uint64_t head,
+                                                                 three_words doubled) {
+  three_words x = halved(doubled);
+  if (!raise_inexact_to_nearest(all_ones_unless_zero(x.guard))) [[unlikely]]
+    x.guard = -rounds_up_directed(head >> 63 != 0);
+  return add_rounded(head, x);
+}
+// And of one that is neither exact nor a tie.
+[[maybe_unused, gnu::always_inline]] inline uint128 rounded_half_inexact(uint64_t head,
+                                                                         uint128 doubled) {
+  uint64_t last = low(doubled);
+  if (!raise_inexact_to_nearest()) [[unlikely]]
+    last = (last & ~uint64_t{1}) | rounds_up_directed(head >> 63 != 0);
   return add_half(head, make_uint128(high(doubled), last));
 }
 
