@@ -31,7 +31,8 @@ struct number {
 constexpr number power_of_2(int n) { return {uint128(f::bias + n) << f::fraction_bits}; }
 constexpr number one = power_of_2(0), infinity = {f::infinity};
 
-// Tests that raise DE for a subnormal number, as comparisons do.
+// Tests that raise DE for a subnormal number, as comparisons do. So it shows which are made: of a
+// product both parts are looked at, of a quotient the imaginary one only if the real one is a NaN.
 bool is_nan(number x) {
   first_rules::look_at(x.word, x.word);
   return zorvac::softfp::is_nan<f>(x.word);
@@ -173,7 +174,8 @@ complex_result multiply_complex(xmm a_part, xmm b_part, xmm c_part, xmm d_part) 
                d = number_in(d_part);
   const number ac = a * c, bd = b * d, ad = a * d, bc = c * b;
   complex_number product = {ac - bd, ad + bc};
-  if (is_nan(product.real) && is_nan(product.imaginary)) [[unlikely]]
+  const bool no_real = is_nan(product.real), no_imaginary = is_nan(product.imaginary);
+  if (no_real && no_imaginary) [[unlikely]]
     product =
         rescue_product(a, b, c, d, product,
                        is_infinite(ac) || is_infinite(bd) || is_infinite(ad) || is_infinite(bc));

@@ -174,7 +174,15 @@ TEST_P(Float128, DoesOnSpecialOperandsAsTheCompilers) {
   const bool takes_quads = GetParam().takes == quad || count != 1;
   if (!takes_quads || GetParam().takes == with_mode) return;
   constexpr word largest = infinity - 1, smallest_normal = word{1} << 112;
-  const std::vector<word> few = {0, 1, one, largest, infinity, infinity | quiet_bit | 5};
+  // The last two have a subnormal difference.
+  const std::vector<word> few = {0,
+                                 1,
+                                 one,
+                                 largest,
+                                 infinity,
+                                 infinity | quiet_bit | 5,
+                                 (word{6} << 112) + 5,
+                                 (word{6} << 112) + 4};
   std::vector<word> specials = few;
   if (count != 4)
     specials.insert(specials.end(), {smallest_normal, infinity | 5, infinity | 9,
