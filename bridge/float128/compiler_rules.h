@@ -45,7 +45,7 @@ using xmm = __m128i;
 struct in_xmm {
   xmm value;
   [[gnu::always_inline]] uint128 word() const {
-    xmm above = _mm_unpackhi_epi64(value, value);
+    xmm above = _mm_shuffle_epi32(value, 0xee);
     asm("" : "+x"(above));
     auto low_word = static_cast<uint64_t>(_mm_cvtsi128_si64(value));
     auto high_word = static_cast<uint64_t>(_mm_cvtsi128_si64(above));

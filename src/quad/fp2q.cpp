@@ -8,10 +8,11 @@ using namespace zorvac::softfp;
 namespace {
 
 // What the x87 makes of a number multiplied by 1 with a significand of 64 bits, whatever precision
-// the program has set: signalling NaNs become quiet and the x87 raises its own flags.
+// the program has set: signalling NaNs become quiet and the x87 raises its own flags. A normal number
+// stays as it is, and nothing is raised.
 const long double __l_one = 1.0L;
 
-inline long double through_x87(long double value) {
+[[gnu::cold, gnu::noinline]] long double through_x87(long double value) {
   constexpr std::uint16_t full_precision = 0x300;  // of the control word's field
   std::uint16_t saved;
   asm volatile("fnstcw %0" : "=m"(saved));
@@ -30,6 +31,13 @@ inline long double through_x87(long double value) {
   return product;
 }
 
+bool is_normal(long double value) {
+  x87_image image;
+  std::memcpy(&image, &value, 10);
+  const int exponent = image.sign_and_exponent & x87::special_exponent;
+  return exponent != 0 && exponent != x87::special_exponent && image.significand >> 63 != 0;
+}
+
 }  // namespace
 
 void __ftoq(void* destination, float value) {
@@ -39,5 +47,7 @@ void __dtoq(void* destination, double value) {
   widen<binary64, own_rules>(to_address{destination}, word_of(value));
 }
 void __ltoq(void* destination, long double value) {
-  store(destination, widened(word_of(through_x87(value))));
+  if (!is_normal(value)) [[unlikely]]
+    value = through_x87(value);
+  store(destination, widened(word_of(value)));
 }
