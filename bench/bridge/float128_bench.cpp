@@ -5,8 +5,9 @@
 #include <benchmark/benchmark.h>
 
 #include <array>
+#include <bit>
 #include <cmath>
-#include <cstring>
+#include <cstdint>
 #include <random>
 #include <vector>
 
@@ -73,11 +74,12 @@ Number lu_factors() {
   static const auto numbers = random_numbers<Number>(n * n);
   auto a = numbers;
   for (std::size_t i = 0; i < n; ++i) a[i * n + i] = a[i * n + i] + Number(n);
-  for (std::size_t k = 0; k < n; ++k)
+  for (std::size_t k = 0; k < n; ++k) {
     for (std::size_t i = k + 1; i < n; ++i) {
       const Number factor = a[i * n + k] / a[k * n + k];
       for (std::size_t j = k + 1; j < n; ++j) a[i * n + j] = a[i * n + j] - factor * a[k * n + j];
     }
+  }
   return a.back();
 }
 
@@ -106,7 +108,7 @@ Number planets() {
   }
   const Number time = 1.0 / 1024;
   for (std::size_t step = 0; step < steps; ++step) {
-    for (std::size_t i = 0; i < bodies; ++i)
+    for (std::size_t i = 0; i < bodies; ++i) {
       for (std::size_t j = i + 1; j < bodies; ++j) {
         std::array<Number, 3> away;
         Number square = 1.0 / 16;  // softened, so that none come too near
@@ -121,9 +123,11 @@ Number planets() {
           all[j].speed[axis] = all[j].speed[axis] + change * all[i].mass;
         }
       }
-    for (body& b : all)
+    }
+    for (body& b : all) {
       for (std::size_t axis = 0; axis < 3; ++axis)
         b.place[axis] = b.place[axis] + b.speed[axis] * time;
+    }
   }
   return all[0].place[0];
 }
@@ -134,7 +138,8 @@ Number mandelbrot() {
   constexpr int side = 32, most = 50;
   int steps = 0;
   for (int point = 0; point < side * side; ++point) {
-    const Number x0 = point % side * (2.5 / side) - 2, y0 = point / side * (2.5 / side) - 1.25;
+    const int column = point % side, row = point / side;
+    const Number x0 = column * (2.5 / side) - 2, y0 = row * (2.5 / side) - 1.25;
     Number x = x0, y = y0;
     for (int step = 0; step < most; ++step, ++steps) {
       const Number xx = x * x, yy = y * y;
@@ -150,8 +155,8 @@ template <class Number, Number Run(), auto Peer>
 void program(benchmark::State& state) {
   Number result;
   for (auto _ : state) benchmark::DoNotOptimize(result = Run());
-  const auto expected = Peer();
-  if (std::memcmp(&result, &expected, sizeof result) != 0)
+  using bits = std::array<std::uint64_t, 2>;
+  if (std::bit_cast<bits>(result) != std::bit_cast<bits>(Peer()))
     state.SkipWithError("another result than the other contender's");
 }
 #define PROGRAM(function, name)                                           \

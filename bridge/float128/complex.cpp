@@ -175,10 +175,10 @@ complex_result multiply_complex(xmm a_part, xmm b_part, xmm c_part, xmm d_part) 
   const number ac = a * c, bd = b * d, ad = a * d, bc = c * b;
   complex_number product = {ac - bd, ad + bc};
   const bool no_real = is_nan(product.real), no_imaginary = is_nan(product.imaginary);
-  if (no_real && no_imaginary) [[unlikely]]
-    product =
-        rescue_product(a, b, c, d, product,
-                       is_infinite(ac) || is_infinite(bd) || is_infinite(ad) || is_infinite(bc));
+  if (no_real && no_imaginary) [[unlikely]] {
+    const bool overflow = is_infinite(ac) || is_infinite(bd) || is_infinite(ad) || is_infinite(bc);
+    product = rescue_product(a, b, c, d, product, overflow);
+  }
   return result_of(product);
 }
 
