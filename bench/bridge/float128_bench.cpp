@@ -1,7 +1,7 @@
 // Whole programs in __float128, with the arithmetic of libgcc and of libzorvac_float128: a dot
-// product, the LU factors of a matrix, planets, a Mandelbrot set. Both are linked into this program,
-// and every operation is a call with operands and result in XMM registers, as compilers emit it.
-// Both must come to the same bits. Times are of a whole program.
+// product, the LU factors of a matrix, planets, a Mandelbrot set. Both are linked into this
+// program, and every operation is a call with operands and result in XMM registers, as compilers
+// emit it. Both must come to the same bits. Times are of a whole program.
 #include <benchmark/benchmark.h>
 
 #include <array>

@@ -3,9 +3,9 @@
 //
 // Times are per call, of operands with random signs, significands and exponents that differ by at
 // most 20. Throughput: 1024 pairs again and again, which a branch predictor learns, as it does in a
-// loop over the same data. Fresh: so many pairs that it cannot. Latency: every call waits for the one
-// before; for arithmetic the result is the next operand, otherwise the place of the next operands
-// depends on it.
+// loop over the same data. Fresh: so many pairs that it cannot. Latency: every call waits for the
+// one before; for arithmetic the result is the next operand, otherwise the place of the next
+// operands depends on it.
 #include <benchmark/benchmark.h>
 
 #include <array>

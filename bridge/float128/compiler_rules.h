@@ -12,8 +12,8 @@
 namespace zorvac::softfp {
 namespace {
 
-// Of two NaNs that differ in sign at most, sums and products are the first, differences and quotients
-// the second.
+// Of two NaNs that differ in sign at most, sums and products are the first, differences and
+// quotients the second.
 enum class equal_nans { first, second };
 
 template <equal_nans Preferred>

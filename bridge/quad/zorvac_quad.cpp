@@ -1,13 +1,13 @@
 // Quad arithmetic by value: operands and results in general registers, so that the C++ class
-// zorvac::quad stays in registers between operations. The bits, the flags and the traps are those of
-// the exported routines of the same stems.
+// zorvac::quad stays in registers between operations. The bits, the flags and the traps are those
+// of the exported routines of the same stems.
 #include "quad/add.h"
 #include "quad/compare.h"
 #include "quad/divide.h"
 #include "quad/from_integer.h"
 #include "quad/multiply.h"
-#include "quad/narrow.h"
 #include "quad/nan.h"
+#include "quad/narrow.h"
 #include "quad/places.h"
 #include "quad/widen.h"
 

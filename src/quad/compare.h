@@ -12,7 +12,8 @@ namespace {
   return ((high(a) | high(b)) << 1 | low(a) | low(b)) == 0;
 }
 
-// Quiet, and without a branch. A NaN that is not the other operand bit for bit is different already.
+// Quiet, and without a branch. A NaN that is not the other operand bit for bit is different
+// already.
 [[gnu::always_inline]] inline bool equal(uint128 a, uint128 b) {
   return (a == b && !is_nan<binary128>(a)) || both_zero(a, b);
 }

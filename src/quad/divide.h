@@ -138,8 +138,9 @@ template <class Rules, class Result, class Operand>
 }
 
 // A quotient from its digits. Sign and exponent are computed in one: the difference of the signs is
-// the quotient's, and what is borrowed beyond them is shifted out. The bits below those that are kept
-// and the first one below them only tell whether the quotient is exact or half way between two.
+// the quotient's, and what is borrowed beyond them is shifted out. The bits below those that are
+// kept and the first one below them only tell whether the quotient is exact or half way between
+// two.
 [[gnu::always_inline]] inline uint128 round_quotient(uint128 a, uint128 b, two_words quotient,
                                                      bool neither_exact_nor_tie) {
   const uint64_t from_one_up = quotient.high >> 58;

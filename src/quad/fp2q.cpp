@@ -8,8 +8,8 @@ using namespace zorvac::softfp;
 namespace {
 
 // What the x87 makes of a number multiplied by 1 with a significand of 64 bits, whatever precision
-// the program has set: signalling NaNs become quiet and the x87 raises its own flags. A normal number
-// stays as it is, and nothing is raised.
+// the program has set: signalling NaNs become quiet and the x87 raises its own flags. A normal
+// number stays as it is, and nothing is raised.
 const long double __l_one = 1.0L;
 
 [[gnu::cold, gnu::noinline]] long double through_x87(long double value) {

@@ -47,17 +47,15 @@ template <class F, class Operand>
 // A number well inside the target's range, which a special one's exponent never is.
 //
 // To a float, the processor rounds. Where the guard word comes from the low word alone, one shift
-// puts exponent and fraction in place: after its bias is changed, the exponent's top bits are zeros,
-// and the shift drops them and the sign.
+// puts exponent and fraction in place: after its bias is changed, the exponent's top bits are
+// zeros, and the shift drops them and the sign.
 template <class F, class Operand>
 [[gnu::always_inline]] inline auto narrow(Operand operand) {
   const uint128 w = operand.word();
   if (!is_safe_exponent<F>(q::exponent(w) - q::bias + F::bias)) [[unlikely]]
     return narrow_slowly<F>(operand);
   if constexpr (std::is_same_v<F, binary32>) {
-    const auto value = static_cast<float>(sticky_double(w));
-    perform(value);
-    return value;
+    return static_cast<float>(sticky_double(w));
   } else if constexpr (lost_bits<F> < 64 && sizeof(typename F::word) == sizeof(uint64_t)) {
     constexpr int up = 64 - lost_bits<F>;
     constexpr uint64_t bias_change = static_cast<uint64_t>(F::bias - q::bias) << F::fraction_bits;

@@ -62,8 +62,8 @@ template <class Integer, rounding Otherwise>
   return signed_integer<Integer>(negative, magnitude + increment);
 }
 
-// The range is judged by the exponent alone, and of 32 bits one binade wider than the type: compiled
-// programs rely on 33-bit values wrapping.
+// The range is judged by the exponent alone, and of 32 bits one binade wider than the type:
+// compiled programs rely on 33-bit values wrapping.
 template <class Integer>
 constexpr int end_of_range = q::bias + (width<Integer> == 32 ? 33 : width<Integer>);
 

@@ -1,5 +1,5 @@
-// Comparison by address. The quiet predicates never raise a flag; the ordering ones raise IE for any
-// NaN and are false.
+// Comparison by address. The quiet predicates never raise a flag; the ordering ones raise IE for
+// any NaN and are false.
 #include "quad/compare.h"
 #include "quad/nan.h"
 #include "zorvac/quad.h"

@@ -45,8 +45,9 @@ constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard)
   return rounding_control() == (negative ? rounding::down : rounding::up);
 }
 
-// Raises PE where a result is not exact, and tells whether it is to be rounded to nearest. An exact
-// one may be, as rounding does not change it; whether it is one makes no branch.
+// Raises PE where a result is not exact, and tells whether it is to be rounded to nearest. For an
+// exact result the answer is yes, in every mode: rounding does not change it. Whether it is exact
+// decides on the addends, not on a branch.
 //
 // Storing MXCSR may stall a processor for as long as all the rest of an addition takes. But the
 // mode shows in what the sum that raises PE comes out as, beside a second one: only when rounding
@@ -63,8 +64,8 @@ constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard)
   return by_most_of_ulp > by_next_to_nothing;
 }
 
-// Rounds `packed`, a result put together already, raising PE where it is not exact. What lies
-// below the guard word may come in `beyond`, of which only matters whether it is 0.
+// Rounds `packed`, a result put together already, raising PE where it is not exact. `beyond` holds
+// the bits below the guard word. Only whether it is zero matters.
 //
 // The usual case, neither exact nor a tie, is rounded to nearest by the guard word's top bit; for
 // all others that bit is set to what they need.
@@ -81,8 +82,8 @@ template <class F>
 }
 
 // The same for a quad whose significand comes doubled, its leading one still in it. `head` is the
-// sign and the exponent, less 1, in their places. Sums are exact too often, and not often enough,
-// for a branch on it.
+// sign and the exponent, less 1, in their places. There is no branch for exact results: about one
+// sum in ten is exact, which no predictor foresees.
 [[maybe_unused, gnu::always_inline]] inline uint128 rounded_half(uint64_t head,
                                                                  three_words doubled) {
   three_words x = halved(doubled);

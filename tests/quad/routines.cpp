@@ -1,6 +1,6 @@
-// The table of routines, and the oracles. The four operations are computed by MPFR. All else is what
-// the compiler makes of it on its own __float128, rounded and flagged by MXCSR as ours is. Around
-// both are this library's own rules: which NaN, and when the denormal flag.
+// The table of routines, and the oracles. The four operations are computed by MPFR. All else is
+// what the compiler makes of it on its own __float128, rounded and flagged by MXCSR as ours is.
+// Around both are this library's own rules: which NaN, and when the denormal flag.
 #include <mpfr.h>
 
 #include <limits>

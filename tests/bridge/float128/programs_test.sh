@@ -1,6 +1,6 @@
 #!/bin/sh
-# Links programs with libzorvac_float128 as its page says, and sees from the loader's own account that
-# the arithmetic is this library's. The library exports what its list says, and needs no other.
+# Links programs with libzorvac_float128 as its page says, and sees from the loader's own account
+# that the arithmetic is this library's. The library exports what its list says, and needs no other.
 #
 # programs_test.sh SOURCES LIBRARIES EXPORTS C-COMPILER C++-COMPILER [FORTRAN-COMPILER]
 set -eu
