@@ -1,6 +1,8 @@
 #ifndef ZORVAC_QUAD_NARROW_H
 #define ZORVAC_QUAD_NARROW_H
 // Quads to smaller floating-point formats: one conversion over the target's format.
+#include <type_traits>
+
 #include "quad/nan.h"
 #include "quad/operands.h"
 #include "quad/places.h"
@@ -55,7 +57,7 @@ template <class F, class Operand>
   if (!is_safe_exponent<F>(q::exponent(w) - q::bias + F::bias)) [[unlikely]]
     return narrow_slowly<F>(operand);
   if constexpr (std::is_same_v<F, binary32>) {
-    return static_cast<float>(sticky_double(w));
+    return round_by_processor(sticky_double_word(w));
   } else if constexpr (lost_bits<F> < 64 && sizeof(typename F::word) == sizeof(uint64_t)) {
     constexpr int up = 64 - lost_bits<F>;
     constexpr uint64_t bias_change = static_cast<uint64_t>(F::bias - q::bias) << F::fraction_bits;

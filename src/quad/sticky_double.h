@@ -27,8 +27,26 @@ namespace {
   const uint64_t magnitude = (high(w) << up) + bias_change;  // the sign and the exponent's top go
   return (magnitude & (to::sign_bit - 1)) | (high(w) & to::sign_bit) | uint64_t{low(w) != 0};
 }
-[[gnu::always_inline]] inline double sticky_double(uint128 w) {
-  return std::bit_cast<double>(sticky_double_word(w));
+// Its integer part: in range with PE for any fraction, else with IE the most negative integer. A
+// 64-bit one is right below 2^48 only. The statement is volatile: it may trap.
+template <class Integer>
+[[gnu::always_inline]] inline Integer truncate_by_processor(uint64_t sticky_double) {
+  Integer integer;
+  asm volatile("cvttsd2si %[value], %[integer]"
+               : [integer] "=r"(integer)
+               : [value] "x"(std::bit_cast<double>(sticky_double))
+               : "memory");
+  return integer;
+}
+
+// And the nearest float, of a number that is normal as one.
+[[maybe_unused, gnu::always_inline]] inline float round_by_processor(uint64_t sticky_double) {
+  float nearest = 0;  // the rest of the register stays, and so is waited for
+  asm volatile("cvtsd2ss %[value], %[nearest]"
+               : [nearest] "+x"(nearest)
+               : [value] "x"(std::bit_cast<double>(sticky_double))
+               : "memory");
+  return nearest;
 }
 
 }  // namespace

@@ -31,18 +31,6 @@ namespace {
          static_cast<unsigned>(binary128::bias + bits - 1);
 }
 
-// The integer part of a number that has a sticky double, by the processor: in range with PE for any
-// fraction, else with IE the most negative integer. A 64-bit one is right below 2^48 only.
-template <class Integer>
-[[gnu::always_inline]] inline Integer truncate_by_processor(uint64_t sticky_double) {
-  Integer integer;
-  asm volatile("cvttsd2si %[value], %[integer]"
-               : [integer] "=r"(integer)
-               : [value] "x"(std::bit_cast<double>(sticky_double))
-               : "memory");
-  return integer;
-}
-
 template <class Integer>
 [[gnu::always_inline]] constexpr Integer signed_integer(bool negative, uint64_t magnitude) {
   const uint64_t mask = -uint64_t{negative};
