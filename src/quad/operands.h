@@ -27,9 +27,9 @@ template <class F>
   return static_cast<unsigned>(exponent - 1) < unsigned{F::special_exponent - 2};
 }
 
-// Whether two operands need no more care than the common path of multiplication and division
-// takes. Those that are not moderate both may still be neither special nor have a result, with the
-// exponent that `exponent_of` tells or 1 more, that is.
+// Whether two operands need no more care than the common path of multiplication and division takes.
+// Operands outside the moderate range may still be finite and non-zero, and their result may still be
+// a normal number. Its exponent is then `exponent_of` or one more.
 template <class ExponentOf>
 [[gnu::always_inline]] constexpr bool is_common_case(binary128::word a, binary128::word b,
                                                      ExponentOf exponent_of) {

@@ -45,23 +45,27 @@ constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard)
   return rounding_control() == (negative ? rounding::down : rounding::up);
 }
 
-// Raises PE, and tells whether the rounding mode is to nearest.
+// Raises PE where a result is not exact, and tells whether it is to be rounded to nearest. For an
+// exact result the answer is yes, in every mode: rounding does not change it. Whether it is exact
+// decides on the addends, not on a branch.
 //
 // Storing MXCSR may stall a processor for as long as all the rest of an addition takes. But the
 // mode shows in what the sum that raises PE comes out as, beside a second one: only when rounding
 // to nearest is 1 + 3/4 ulp more than 1 + (next to nothing). So MXCSR itself is stored for the
 // other modes only.
-[[gnu::always_inline]] inline bool raise_inexact_to_nearest() {
-  constexpr double most_of_ulp = 0.75 * 0x1p-52;
-  const double one = *p_one;
-  const double by_next_to_nothing = one + *p_norm;
-  const double by_most_of_ulp = one + most_of_ulp;
+[[gnu::always_inline]] inline bool raise_inexact_to_nearest(
+    uint64_t all_ones_if_inexact = ~uint64_t{0}) {
+  const double* const at_exact = p_addends;
+  const double* const addends = at_exact + static_cast<std::int64_t>(all_ones_if_inexact);
+  const double one = at_exact[2];
+  const double by_next_to_nothing = one + addends[0];
+  const double by_most_of_ulp = one + addends[2];
   perform(by_next_to_nothing);
   return by_most_of_ulp > by_next_to_nothing;
 }
 
-// Rounds `packed`, a result put together already, raising PE where it is not exact. What lies
-// below the guard word may come in `beyond`, of which only matters whether it is 0.
+// Rounds `packed`, a result put together already, raising PE where it is not exact. `beyond` holds
+// the bits below the guard word. Only whether it is zero matters.
 //
 // The usual case, neither exact nor a tie, is rounded to nearest by the guard word's top bit; for
 // all others that bit is set to what they need.
@@ -77,16 +81,20 @@ template <class F>
   return add_top_bit(packed, guard);
 }
 
-// The same for a quad whose significand comes doubled, its leading one still in it, so that bit 0
-// takes the place of the guard word's top bit and `rest` that of the bits below. `head` is the sign
-// and the exponent, less 1, in their places. Halving and rounding are one step then.
-[[maybe_unused, gnu::always_inline]] inline uint128 rounded_half(uint64_t head, uint128 doubled,
-                                                                 uint64_t rest) {
+// The same for a quad whose significand comes doubled, its leading one still in it. `head` is the
+// sign and the exponent, less 1, in their places. There is no branch for exact results: about one
+// sum in ten is exact, which no predictor foresees.
+[[maybe_unused, gnu::always_inline]] inline uint128 rounded_half(uint64_t head,
+                                                                 three_words doubled) {
+  three_words x = halved(doubled);
+  if (!raise_inexact_to_nearest(all_ones_unless_zero(x.guard))) [[unlikely]]
+    x.guard = -rounds_up_directed(head >> 63 != 0);
+  return add_rounded(head, x);
+}
+// And of one that is neither exact nor a tie.
+[[maybe_unused, gnu::always_inline]] inline uint128 rounded_half_inexact(uint64_t head,
+                                                                         uint128 doubled) {
   uint64_t last = low(doubled);
-  if (rest == 0) [[unlikely]] {
-    if ((last & 1) == 0) return add_half(head, doubled);
-    last &= last >> 1 | ~uint64_t{1};
-  }
   if (!raise_inexact_to_nearest()) [[unlikely]]
     last = (last & ~uint64_t{1}) | rounds_up_directed(head >> 63 != 0);
   return add_half(head, make_uint128(high(doubled), last));

@@ -15,6 +15,16 @@ struct two_words {
   uint64_t high, low;
 };
 
+// Without a branch, in two steps that compilers do not know.
+[[gnu::always_inline]] inline uint64_t all_ones_unless_zero(uint64_t x) {
+  asm("neg %[x]\n\t"
+      "sbb %[x], %[x]"
+      : [x] "+r"(x)
+      :
+      : "cc");
+  return x;
+}
+
 // Compilers want a product of two words side by side, and empty other registers for it.
 [[gnu::always_inline]] inline two_words multiply_words(uint64_t a, uint64_t b) {
   two_words product;
@@ -160,6 +170,31 @@ template <int Place>
 }
 [[gnu::always_inline]] inline uint64_t add_top_bit(uint64_t x, uint64_t guard) {
   return x + (guard >> 63);
+}
+
+// Half of `x`. Its lowest bit is to be 0.
+[[gnu::always_inline]] inline three_words halved(three_words x) {
+  asm("shr %[high]\n\t"
+      "rcr %[low]\n\t"
+      "rcr %[guard]"
+      : [high] "+&r"(x.high), [low] "+&r"(x.low), [guard] "+r"(x.guard)
+      :
+      : "cc");
+  return x;
+}
+
+// `x` rounded to an integer by its guard word, a tie to the even one, and `head` on top of the high
+// word: 1 is added where the guard word is more than a half or, to an odd number, as much.
+[[gnu::always_inline]] inline uint128 add_rounded(uint64_t head, three_words x) {
+  uint64_t half = uint64_t{1} << 63;
+  asm("bt $0, %[low]\n\t"
+      "sbb %[guard], %[half]\n\t"
+      "adc $0, %[low]\n\t"
+      "adc %[high], %[head]"
+      : [head] "+&r"(head), [low] "+&r"(x.low), [half] "+&r"(half)
+      : [high] "r"(x.high), [guard] "r"(x.guard)
+      : "cc");
+  return make_uint128(head, x.low);
 }
 
 // Half of `x`, a half rounded up, and `head` on top of the high word.

@@ -1,0 +1,172 @@
+// Whole programs in __float128, with the arithmetic of libgcc and of libzorvac_float128: a dot
+// product, the LU factors of a matrix, planets, a Mandelbrot set. Both are linked into this
+// program, and every operation is a call with operands and result in XMM registers, as compilers
+// emit it. Both must come to the same bits. Times are of a whole program.
+#include <benchmark/benchmark.h>
+
+#include <array>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+using binary128 = __float128;
+
+// A number type over the routines with this prefix before their names.
+#define NUMBER(type, prefix)                                                                       \
+  extern "C" {                                                                                     \
+  binary128 prefix##__addtf3(binary128, binary128);                                                \
+  binary128 prefix##__subtf3(binary128, binary128);                                                \
+  binary128 prefix##__multf3(binary128, binary128);                                                \
+  binary128 prefix##__divtf3(binary128, binary128);                                                \
+  long prefix##__gttf2(binary128, binary128);                                                      \
+  binary128 prefix##__extenddftf2(double);                                                         \
+  double prefix##__trunctfdf2(binary128);                                                          \
+  }                                                                                                \
+  struct type {                                                                                    \
+    binary128 value;                                                                               \
+    type() = default;                                                                              \
+    type(double x) : value(prefix##__extenddftf2(x)) {}                                            \
+    static type of(binary128 x) {                                                                  \
+      type number;                                                                                 \
+      number.value = x;                                                                            \
+      return number;                                                                               \
+    }                                                                                              \
+    explicit operator double() const { return prefix##__trunctfdf2(value); }                       \
+    friend type operator+(type a, type b) { return type::of(prefix##__addtf3(a.value, b.value)); } \
+    friend type operator-(type a, type b) { return type::of(prefix##__subtf3(a.value, b.value)); } \
+    friend type operator*(type a, type b) { return type::of(prefix##__multf3(a.value, b.value)); } \
+    friend type operator/(type a, type b) { return type::of(prefix##__divtf3(a.value, b.value)); } \
+    friend bool operator>(type a, type b) { return prefix##__gttf2(a.value, b.value) > 0; }        \
+  };
+NUMBER(by_libgcc, )
+NUMBER(by_zorvac, zorvac)
+
+namespace {
+
+// Numbers of 113 bits between 0 and 1: sums of two doubles.
+template <class Number>
+std::vector<Number> random_numbers(std::size_t count) {
+  std::mt19937_64 random(1);
+  std::uniform_real_distribution<double> part(0, 1);
+  std::vector<Number> numbers(count);
+  for (Number& x : numbers) {
+    x = part(random);
+    x = x + Number(std::ldexp(part(random), -60));
+  }
+  return numbers;
+}
+
+template <class Number>
+Number dot_product() {
+  constexpr std::size_t count = 1000;
+  static const auto a = random_numbers<Number>(2 * count);
+  Number sum = 0;
+  for (std::size_t i = 0; i < count; ++i) sum = sum + a[i] * a[count + i];
+  return sum;
+}
+
+// Without exchanging rows: the diagonal is made large. Returns the last pivot.
+template <class Number>
+Number lu_factors() {
+  constexpr std::size_t n = 200;
+  static const auto numbers = random_numbers<Number>(n * n);
+  auto a = numbers;
+  for (std::size_t i = 0; i < n; ++i) a[i * n + i] = a[i * n + i] + Number(n);
+  for (std::size_t k = 0; k < n; ++k) {
+    for (std::size_t i = k + 1; i < n; ++i) {
+      const Number factor = a[i * n + k] / a[k * n + k];
+      for (std::size_t j = k + 1; j < n; ++j) a[i * n + j] = a[i * n + j] - factor * a[k * n + j];
+    }
+  }
+  return a.back();
+}
+
+// 1 / sqrt(x): two steps of Newton's method from the double, which double its correct bits.
+template <class Number>
+Number inverse_root(Number x) {
+  Number root = 1 / std::sqrt(static_cast<double>(x));
+  for (int step = 0; step < 2; ++step)
+    root = root + root * (Number(1) - x * root * root) * Number(0.5);
+  return root;
+}
+
+// Five bodies that attract each other, by the symplectic Euler method. Returns a coordinate.
+template <class Number>
+Number planets() {
+  constexpr std::size_t bodies = 5, steps = 100;
+  static const auto numbers = random_numbers<Number>(bodies * 7);
+  struct body {
+    std::array<Number, 3> place, speed;
+    Number mass;
+  };
+  std::array<body, bodies> all;
+  for (std::size_t i = 0; i < bodies; ++i) {
+    const Number* const n = &numbers[7 * i];
+    all[i] = {{n[0], n[1], n[2]}, {n[3], n[4], n[5]}, n[6]};
+  }
+  const Number time = 1.0 / 1024;
+  for (std::size_t step = 0; step < steps; ++step) {
+    for (std::size_t i = 0; i < bodies; ++i) {
+      for (std::size_t j = i + 1; j < bodies; ++j) {
+        std::array<Number, 3> away;
+        Number square = 1.0 / 16;  // softened, so that none come too near
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+          away[axis] = all[i].place[axis] - all[j].place[axis];
+          square = square + away[axis] * away[axis];
+        }
+        const Number inverse = inverse_root(square), pull = inverse * inverse * inverse * time;
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+          const Number change = away[axis] * pull;
+          all[i].speed[axis] = all[i].speed[axis] - change * all[j].mass;
+          all[j].speed[axis] = all[j].speed[axis] + change * all[i].mass;
+        }
+      }
+    }
+    for (body& b : all) {
+      for (std::size_t axis = 0; axis < 3; ++axis)
+        b.place[axis] = b.place[axis] + b.speed[axis] * time;
+    }
+  }
+  return all[0].place[0];
+}
+
+// The number of steps that all points of a grid take to leave the circle of radius 2, at most 50.
+template <class Number>
+Number mandelbrot() {
+  constexpr int side = 32, most = 50;
+  int steps = 0;
+  for (int point = 0; point < side * side; ++point) {
+    const int column = point % side, row = point / side;
+    const Number x0 = column * (2.5 / side) - 2, y0 = row * (2.5 / side) - 1.25;
+    Number x = x0, y = y0;
+    for (int step = 0; step < most; ++step, ++steps) {
+      const Number xx = x * x, yy = y * y;
+      if (xx + yy > Number(4)) break;
+      y = Number(2) * x * y + y0;
+      x = xx - yy + x0;
+    }
+  }
+  return steps;
+}
+
+template <class Number, Number Run(), auto Peer>
+void program(benchmark::State& state) {
+  Number result;
+  for (auto _ : state) benchmark::DoNotOptimize(result = Run());
+  using bits = std::array<std::uint64_t, 2>;
+  if (std::bit_cast<bits>(result) != std::bit_cast<bits>(Peer()))
+    state.SkipWithError("another result than the other contender's");
+}
+#define PROGRAM(function, name)                                           \
+  BENCHMARK(program<by_zorvac, function<by_zorvac>, function<by_libgcc>>) \
+      ->Name("float128/" name "/zorvac");                                 \
+  BENCHMARK(program<by_libgcc, function<by_libgcc>, function<by_zorvac>>) \
+      ->Name("float128/" name "/libgcc");
+PROGRAM(dot_product, "dot-product-1000")
+PROGRAM(lu_factors, "lu-factors-200")
+PROGRAM(planets, "planets-5")
+PROGRAM(mandelbrot, "mandelbrot-32")
+
+}  // namespace

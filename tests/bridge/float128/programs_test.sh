@@ -1,0 +1,67 @@
+#!/bin/sh
+# Links programs with libzorvac_float128 as its page says, and sees from the loader's own account
+# that the arithmetic is this library's. The library exports what its list says, and needs no other.
+#
+# programs_test.sh SOURCES LIBRARIES EXPORTS C-COMPILER C++-COMPILER [FORTRAN-COMPILER]
+set -eu
+sources=$1 libraries=$2 exports=$3 cc=$4 cxx=$5 fc=${6-}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+fail() {
+  echo "$1" >&2
+  exit 1
+}
+
+# Runs a program. It prints 1, and who calls what is in the loader's account.
+run() {
+  printed=$(LD_DEBUG=bindings LD_DEBUG_OUTPUT=bindings LD_BIND_NOW=1 "$@") || fail "$*: it fails"
+  [ "$printed" = 1 ] || fail "$*: expected 1, printed $printed"
+  cat bindings.* >account
+  rm bindings.*
+}
+# bound CALLER ROUTINE: whether the routine that a program or library calls is the shared library's.
+bound() {
+  grep -q "file [^ ]*$1 .* to [^ ]*libzorvac_float128\.so\.1 .*\`$2'" account ||
+    fail "$1: $2 is not of libzorvac_float128.so.1"
+}
+
+shared=$libraries/libzorvac_float128.so.1
+nm -D --defined-only --format=posix "$shared" | cut -d' ' -f1 | sort >seen
+grep -v '^#' "$exports" | sort | diff - seen || fail "exports: expected the first, seen the second"
+nm --defined-only "$libraries/libzorvac_float128.a" | sed -n 's/.* [A-Z] //p' | sort | diff seen - ||
+  fail "the archive's names: expected the first, seen the second"
+readelf --dynamic "$shared" >dynamic
+grep -q 'soname: \[libzorvac_float128\.so\.1\]' dynamic || fail "SONAME: $(grep SONAME dynamic)"
+if grep NEEDED dynamic; then fail "the library needs others"; fi
+
+"$cc" "$sources/sum.c" -o plain
+run ./plain
+for compiler in "$cc" "$cxx"; do
+  language=c
+  [ "$compiler" = "$cc" ] || language=c++
+  "$compiler" -x $language "$sources/sum.c" -x none -L"$libraries" -lzorvac_float128 -o shared
+  LD_LIBRARY_PATH=$libraries run ./shared
+  for routine in __addtf3 __multf3 __divtf3 __lttf2 __fixtfdi; do bound ./shared $routine; done
+
+  "$compiler" -x $language "$sources/sum.c" -x none "$libraries/libzorvac_float128.a" -o static
+  run ./static
+  nm static >names
+  grep -q "zorvac6softfp" names || fail "$language: the static library is not in the program"
+  "$compiler" -static -x $language "$sources/sum.c" -x none -L"$libraries" -lzorvac_float128 \
+    -o all_static
+  [ "$(./all_static)" = 1 ] || fail "$language: a static program fails"
+done
+
+[ -n "$fc" ] || exit 0
+"$fc" "$sources/sum.f90" -L"$libraries" -lzorvac_float128 -o fortran_shared
+LD_LIBRARY_PATH=$libraries run ./fortran_shared
+bound ./fortran_shared __divtf3
+bound 'libgfortran\.so\.5' __multf3
+"$fc" "$sources/sum.f90" "$libraries/libzorvac_float128.a" -o fortran_static
+run ./fortran_static
+"$fc" "$sources/sum.f90" -o fortran
+LD_PRELOAD=$shared run ./fortran
+bound 'libgfortran\.so\.5' __multf3
+bound 'libgfortran\.so\.5' __addtf3
