@@ -14,7 +14,7 @@
  *    alignment  none required
  *    errors     none
  *    registers  System V AMD64; the direction flag must be clear and stays clear; MXCSR and the x87
- *               state are not changed, and no upper half of a vector register is left non-zero
+ *               state are not changed, and no upper half of a vector register is left dirty
  *    memory     allocates nothing; reads may reach beyond the source within the 16-byte blocks that
  *               hold its first and last byte, and never fault there; writes nothing beyond the
  *               destination
