@@ -1,5 +1,5 @@
-# Writes CHANGELOG.md as Debian's policy has it. An entry there is headed "## VERSION (DATE)" and
-# has paragraphs and items; variable `maintainer` is who signs them here.
+# Writes CHANGELOG.md in the form of Debian's policy. An entry of CHANGELOG.md has the heading
+# "## VERSION (DATE)", paragraphs and items. The variable `maintainer` is who signs the entries.
 function sign() { if (date) print "\n -- " maintainer "  " date "\n" }
 /^## / {
   sign()

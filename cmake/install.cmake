@@ -5,7 +5,7 @@ install(TARGETS zorvac EXPORT zorvac-targets
   LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev)
 install(TARGETS zorvac_static EXPORT zorvac-targets ARCHIVE COMPONENT dev)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/zorvac TYPE INCLUDE COMPONENT dev)
-# In the place of the other flavour, and so only where its component is asked for.
+# Replaces the other flavour, and so is installed only if its component is asked for.
 install(TARGETS zorvac_any LIBRARY COMPONENT runtime_any NAMELINK_SKIP EXCLUDE_FROM_ALL)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zorvac)
@@ -20,15 +20,16 @@ install(FILES ${PROJECT_BINARY_DIR}/zorvac-config.cmake
               ${PROJECT_SOURCE_DIR}/cmake/zorvac-trace.cmake
         DESTINATION ${package_dir} COMPONENT dev)
 
-# The prefix is told relative to the file, which so stays right wherever a package puts it.
+# The prefix is relative to the file, so it stays right wherever a package puts the file.
 file(RELATIVE_PATH pc_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/zorvac.pc.in ${PROJECT_BINARY_DIR}/zorvac.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zorvac.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT dev)
 
-# Manual pages and the changelog are installed compressed as Debian's policy asks, without a time,
-# so that the same sources make the same packages: zorvac_compress(<file in the project> <its copy>
-# [<command that writes what is compressed>...])
+# Manual pages and the changelog are installed compressed, as Debian's policy requires. They are
+# compressed without a time, so that the same sources make the same packages.
+#
+# zorvac_compress(<file in the project> <its copy> [<command that writes what is compressed>...])
 function(zorvac_compress from to)
   set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${from})
   set(writer ${ARGN})
@@ -48,8 +49,7 @@ if(TARGET zorvac-mktrace AND ZORVAC_TOOLS)
           DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 endif()
 
-# The Debian packages. A component is one row here; its files are installed under
-# its name.
+# The Debian packages. Each component is one row here, and its files are installed under its name.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "The libzorvac developers")
 set(CPACK_PACKAGE_CONTACT "The libzorvac developers <libzorvac@localhost>")
@@ -63,7 +63,7 @@ it, copies and fills memory, allocates from pools, computes in binary128
 and 128-bit integers, and multiplies matrices. Compilers emit the calls.")
 
 # zorvac_package(<component> <package name> <section> <what this package holds>
-#                [<option of install>])
+#                [<option of install>...])
 macro(zorvac_package component name section holds)
   string(TOUPPER ${component} upper)
   list(APPEND CPACK_COMPONENTS_ALL ${component})
@@ -76,13 +76,13 @@ endmacro()
 zorvac_compress(CHANGELOG.md changelog.gz
                 awk -v maintainer=${CPACK_PACKAGE_CONTACT}
                 -f ${PROJECT_SOURCE_DIR}/cmake/changelog.awk)
-# The date of the last release, which all files in a package have.
+# The date of the last release. All files in a package get this date.
 file(STRINGS ${PROJECT_SOURCE_DIR}/CHANGELOG.md released REGEX "^## " LIMIT_COUNT 1)
 string(REGEX REPLACE ".*\\((.*)\\)" "\\1" CPACK_ZORVAC_DATE "${released}")
 
-# A package of the library gives what programs that use it are told to depend on: by library in the
-# shlibs file, by exported name in the symbols file. Both name the runtime package, whose place the
-# flavour for any vendor can take.
+# A package of the library says what programs that use it must depend on: for the library in the
+# shlibs file, for each exported name in the symbols file. Both name the runtime package, which the
+# flavour for any vendor can replace.
 set(runtime_package libzorvac${PROJECT_VERSION_MAJOR})
 set(symbols "libzorvac.so.${PROJECT_VERSION_MAJOR} ${runtime_package} #MINVER#\n")
 foreach(export IN LISTS exports)
@@ -115,8 +115,9 @@ if(TARGET zorvac-mktrace AND ZORVAC_TOOLS)
                  "This package has zorvac-mktrace, which lets tracebacks name lines.")
 endif()
 
-# For programs of other compilers: a library each, and the start-up check. A library's package has
-# its SONAME for a name; what programs are built with is in the package for development.
+# For programs of other compilers: one library for each purpose, and the start-up check. The name of
+# a library's package comes from its SONAME. The files for building programs are in the development
+# package.
 #
 # zorvac_pkg_config(<name> <description> <Cflags> <Libs>)
 function(zorvac_pkg_config name description cflags libs)
@@ -135,7 +136,7 @@ macro(zorvac_bridge_library name package purpose libs)
     foreach(flavour IN ITEMS ${name} ${name}_static)
       if(TARGET zorvac_${flavour})
         set_target_properties(zorvac_${flavour} PROPERTIES EXPORT_NAME ${flavour})
-        # How our own code is compiled does not matter to who links it.
+        # The options for our own code do not matter to programs that link it.
         get_target_property(linked zorvac_${flavour} INTERFACE_LINK_LIBRARIES)
         list(FILTER linked EXCLUDE REGEX "zorvac_(code|warnings|reproducible)|NOTFOUND")
         set_target_properties(zorvac_${flavour} PROPERTIES INTERFACE_LINK_LIBRARIES "${linked}")
@@ -165,7 +166,7 @@ zorvac_bridge_library(crash libzorvac-crash1
   "-Wl,--push-state,--no-as-needed -lzorvac_crash -Wl,--pop-state")
 if(TARGET zorvac_level)
   set(start ${PROJECT_BINARY_DIR}/bridge/start)
-  # gcc looks for a specs file in lib, not in the folder of one architecture; for the others in both.
+  # gcc looks for a specs file in lib only, for the other files also in the architecture's folder.
   install(FILES ${start}/zorvac.specs DESTINATION lib COMPONENT dev)
   install(FILES ${start}/zorvac/level.h ${start}/zorvac/level.o ${start}/zorvac/level-shared.o
           DESTINATION ${CMAKE_INSTALL_LIBDIR}/zorvac COMPONENT dev)

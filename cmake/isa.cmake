@@ -1,10 +1,10 @@
 # The one table of the library's sources and the instructions that each may use.
 #
-# "baseline" is plain x86-64. "general" is less: no vector register, for routines that promise to
-# leave them alone. A source that needs more than the baseline stands under the name of its
-# instruction set, and nothing it instantiates may have external linkage besides what it defines
-# on purpose. The ABI tests read the same table: only objects of the last kind may contain VEX or
-# EVEX instructions, and none of those may have a weak symbol.
+# "baseline" is plain x86-64. "general" is less: no vector registers, for routines that promise not
+# to change them. A source that needs more than the baseline is listed under the name of its
+# instruction set. Only the names that it exports on purpose may have external linkage, and nothing
+# that it instantiates. The ABI tests read the same table: only objects of this last kind may
+# contain instructions beyond SSE2, and none of them may have a weak symbol.
 
 set(ZORVAC_FLAGS_baseline "")
 # No sanitizer: its calls would change registers. No sibling calls: clang restores the argument
@@ -28,12 +28,12 @@ function(zorvac_sources list isa)
   endif()
 endfunction()
 
-# What the vendor rule enters into; everything else is the same in every flavour of the library.
+# The sources that use the vendor rule. All others are the same in every flavour of the library.
 zorvac_sources(ZORVAC_IDENTIFICATION_SOURCES general
   cpu/cpu_disp.cpp
   cpu/cpu_feature_disp.cpp)
 zorvac_sources(ZORVAC_IDENTIFICATION_SOURCES baseline cpu/fast_mem_ops.cpp)
-# Its constructor has a priority of the implementation's, of which g++ warns everybody else.
+# Its constructor has a priority that is reserved for the implementation. g++ warns about that.
 set_property(SOURCE ${PROJECT_SOURCE_DIR}/src/cpu/fast_mem_ops.cpp APPEND PROPERTY COMPILE_OPTIONS
   $<$<CXX_COMPILER_ID:GNU>:-Wno-prio-ctor-dtor>)
 
@@ -48,10 +48,10 @@ zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   startup/proc_init_utils.cpp
   startup/vrt_msg_support.cpp)
 
-# Block copies, moves, fills and comparisons. A loop of theirs must not become a call of the very
-# routine that it belongs to, and which registers a block travels in is decided by the source.
-# Their entries begin on a cache line, or a handful of instructions would cost what the neighbours
-# make of their place.
+# Block copies, moves, fills and comparisons. The compiler must not turn a loop into a call of the
+# routine that the loop belongs to, and the source decides which registers hold a block. Entries
+# begin on a cache line: otherwise the time of a few instructions would depend on the place that
+# the code before them leaves.
 zorvac_sources(ZORVAC_MEMORY_SOURCES baseline
   mem/fastmemcpy.S
   mem/fastmemmove.S
@@ -81,8 +81,8 @@ set_property(SOURCE ${ZORVAC_MEMORY_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-tree-loop-distribute-patterns>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_MEMORY_SOURCES})
 
-# These call themselves by their exported names, of which clang would make a loop that no program's
-# own routine can take the place of.
+# These call themselves by their exported names, so that a program's own routine can replace the
+# callee. clang would turn such a call into a loop.
 set_property(SOURCE
   ${PROJECT_SOURCE_DIR}/src/mem/ivecmemcpy.cpp
   ${PROJECT_SOURCE_DIR}/src/mem/ivecmemset.cpp
@@ -92,7 +92,8 @@ set_property(SOURCE
   ${PROJECT_SOURCE_DIR}/src/mem/vecmemzero.cpp
   APPEND PROPERTY COMPILE_OPTIONS $<$<CXX_COMPILER_ID:Clang>:-fno-optimize-sibling-calls>)
 
-# These read the aligned blocks that hold the ends of a source, which sanitizers take for overruns.
+# These read the whole aligned blocks that hold the ends of a source. Sanitizers would report that
+# as an overrun.
 if(ZORVAC_SANITIZE)
   set_property(SOURCE
     ${PROJECT_SOURCE_DIR}/src/mem/zorva_new_copy.cpp
@@ -101,9 +102,9 @@ if(ZORVAC_SANITIZE)
     APPEND PROPERTY COMPILE_OPTIONS -fno-sanitize=address,thread)
 endif()
 
-# Allocation. To the compiler malloc is a routine like any other: it must not conclude that the word
-# in front of a block is nobody's, nor make one call of an allocation and a fill. Entries begin on a
-# cache line here, too.
+# Allocation. The compiler must treat malloc like any other routine (-fno-builtin): it must not
+# assume that the word in front of a block is inaccessible, nor combine an allocation and a fill
+# into one call. Entries begin on a cache line here, too.
 zorvac_sources(ZORVAC_ALLOCATION_SOURCES baseline
   mem/fastcalloc.cpp
   mem/imalloc.cpp
@@ -115,8 +116,8 @@ set_property(SOURCE ${ZORVAC_ALLOCATION_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_ALLOCATION_SOURCES})
 
 # The string routines, one source each. They are optimised in every build: a compiler that does not
-# optimise keeps the arguments of these in the 32 bytes above the return address, which belong to a
-# caller who need not know. They read whole blocks around strings, which sanitizers would object to.
+# optimise stores their arguments in the 32 bytes above the return address, which belong to the
+# caller here. They read whole blocks around strings, which sanitizers would report.
 zorvac_sources(ZORVAC_STRING_SOURCES baseline
   string/faststring_util.cpp
   string/sse2_stpcpy.cpp
@@ -188,8 +189,8 @@ set_property(SOURCE ${ZORVAC_QUAD_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   $<$<COMPILE_LANGUAGE:CXX>:-falign-functions=64>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_QUAD_SOURCES})
 
-# The alternate and complex entry points of quad arithmetic: one tiny source each, so that a program
-# linked with the static library gets what it calls and may define the rest itself.
+# The alternate and complex entry points of quad arithmetic, one small source each: a program that
+# is linked with the static library gets only the entries that it calls, and may define the others.
 zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   quad/w_addq.S quad/w_compareq.S quad/w_cqtod.S quad/w_cqtof.S quad/w_ctoq.S quad/w_divq.S
   quad/w_dtoq.S quad/w_eqq.S quad/w_ftoq.S quad/w_geq.S quad/w_gtq.S quad/w_itoq.S quad/w_jtoq.S
@@ -202,15 +203,16 @@ zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   quad/w_csubq.cpp quad/w_ctocq.cpp quad/w_dtocq.cpp quad/w_ftocq.cpp quad/w_itocq.cpp
   quad/w_jtocq.cpp quad/w_qtocq.cpp quad/w_stocq.cpp)
 
-# Reductions of arrays, whose loops the compiler vectorises wherever it optimises. They are a
-# handful of instructions, and half as fast where one lies across the end of a cache line.
+# Reductions of arrays. The compiler vectorises their loops whenever it optimises. A loop has a few
+# instructions, and is half as fast if it crosses the end of a cache line.
 zorvac_sources(ZORVAC_REDUCTION_SOURCES baseline array/omp_support.cpp)
 set_property(SOURCE ${ZORVAC_REDUCTION_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   $<$<CXX_COMPILER_ID:GNU>:-ftree-vectorize\;-fvect-cost-model=dynamic\;-falign-loops=32>)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_REDUCTION_SOURCES})
 
-# Matrix products. Registers are used as the source says, and clearing must not become a call of the
-# C library's routine. Optimised in every build: the kernels are loops of small pieces.
+# Matrix products. The source decides how registers are used, and the compiler must not turn the
+# clearing into a call of the C library's routine. They are optimised in every build, because the
+# kernels are loops of small pieces.
 zorvac_sources(ZORVAC_MATMUL_SOURCES baseline
   array/dgcopyan.cpp
   array/dgcopyat.cpp
@@ -227,8 +229,9 @@ zorvac_sources(ZORVAC_MATMUL_SOURCES avx512dq_vl array/matmul_avx512.cpp)
 set_property(SOURCE ${ZORVAC_MATMUL_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   $<$<COMPILE_LANGUAGE:CXX>:-O2\;-fno-builtin\;-fno-tree-vectorize\;-fno-tree-slp-vectorize>
   $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-tree-loop-distribute-patterns>)
-# Every form is sixteen kernels of one template: with both sanitizers, and optimised as they are
-# shipped, each would compile for minutes. The pair form is, and shows what is undefined in all.
+# Every form is sixteen kernels of one template. With both sanitizers and the shipped optimisation,
+# each form would compile for minutes. The pair form is compiled so, and shows undefined behaviour
+# of the template that all forms share.
 if(ZORVAC_SANITIZE)
   set_property(SOURCE
     ${PROJECT_SOURCE_DIR}/src/array/matmul_sse3.cpp
@@ -238,14 +241,14 @@ if(ZORVAC_SANITIZE)
 endif()
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_MATMUL_SOURCES})
 
-# Checks that compiled code makes at run time.
+# Checks that compiled code does at run time.
 zorvac_sources(ZORVAC_COMMON_SOURCES baseline
   diag/cpcheck.cpp
   diag/rt_check.S)
 zorvac_sources(ZORVAC_COMMON_SOURCES general diag/rt_check.cpp)
 
-# The traceback. Frames that it hides are counted, so each of its routines on the way to the
-# unwinder is exactly one frame, and has a description that the unwinder finds.
+# The traceback. It hides a fixed number of frames, so each of its routines on the way to the
+# unwinder must be exactly one frame, and must have an unwind table.
 zorvac_sources(ZORVAC_TRACEBACK_SOURCES baseline
   diag/byte_source.cpp
   diag/elf_image.cpp

@@ -1,17 +1,18 @@
-# The library: its object files, the shared and the static library made of them, and a function
-# that links further flavours of the shared library for tests and benchmarks.
+# The library: its object files, the shared and the static library made from them, and a function
+# that links further flavours of the shared library, for packages and benchmarks.
 
-# What is shipped tells nothing of the folders that it was built in: the same sources make the same
-# bytes anywhere. Debuggers find the sources from the project's folder.
+# What is shipped does not contain the names of the folders that it was built in: the same sources
+# make the same bytes anywhere. Debuggers find the sources from the project's folder.
 add_library(zorvac_reproducible INTERFACE)
 target_compile_options(zorvac_reproducible INTERFACE
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${CMAKE_BINARY_DIR}=.)
 
-# How our own code is compiled. Calls between exported routines must stay replaceable by a program's
-# own definitions: g++ sees to that in position-independent code, clang only when told. No C++
-# run-time library and no unwinder may creep in, and no multiply and add may be fused. g++ would
-# make one of two exported routines of the same code a jump into the other. Objects are marked fit
-# for shadow stacks, which costs nothing; docs/decisions/control-flow.md tells why for no more.
+# How our own code is compiled. A program must be able to replace calls between exported routines by
+# its own definitions: g++ allows that in position-independent code, clang only with an option. The
+# code must need no C++ run-time library and no unwinder, and no multiplication and addition may be
+# fused. -fno-ipa-icf: of two exported routines with the same code, g++ would make one a jump to the
+# other. Objects are marked as fit for shadow stacks, which costs nothing;
+# docs/decisions/control-flow.md says why not also for branch tracking.
 add_library(zorvac_code INTERFACE)
 target_include_directories(zorvac_code INTERFACE ${PROJECT_SOURCE_DIR}/src
                                                  ${PROJECT_SOURCE_DIR}/include)
@@ -29,7 +30,7 @@ endif()
 add_library(zorvac_common OBJECT ${ZORVAC_COMMON_SOURCES})
 target_link_libraries(zorvac_common PRIVATE zorvac_code)
 
-# zorvac_identification_objects(<target> <vendor>): the objects that the vendor rule enters into.
+# zorvac_identification_objects(<target> <vendor>): the objects that use the vendor rule.
 function(zorvac_identification_objects target vendor)
   add_library(${target} OBJECT ${ZORVAC_IDENTIFICATION_SOURCES})
   target_link_libraries(${target} PRIVATE zorvac_code)
@@ -49,15 +50,16 @@ foreach(export IN LISTS exports)
 endforeach()
 file(CONFIGURE OUTPUT ${export_map} @ONLY CONTENT "{\n  global:\n@export_names@  local: *;\n};\n")
 
-# The C driver links the library, and CMake is to add nothing for the C++ objects in it.
+# The C driver links the library. CMake must add nothing for the C++ objects in it.
 set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
 
 # zorvac_shared_library(<target> <vendor objects>): links one flavour. Addresses are bound when it
-# is loaded, so that no resolver ever runs between a caller and its worker. What the load-time
-# initialiser writes comes first of the data, on a page that relocation has written to already.
+# is loaded, so that no resolver ever runs between a caller and its worker. The vendor objects come
+# first, so that the data that the load-time initialiser writes is on a page to which relocation has
+# already written.
 #
-# The linker marks the library fit for shadow stacks even where the C library's start files, which
-# just call and return, are not marked.
+# The linker marks the library as fit for shadow stacks even if the C library's start files are not
+# marked. Those only call and return.
 function(zorvac_shared_library target identification)
   add_library(${target} SHARED $<TARGET_OBJECTS:${identification}> $<TARGET_OBJECTS:zorvac_common>)
   set_target_properties(${target} PROPERTIES
@@ -74,9 +76,9 @@ function(zorvac_shared_library target identification)
 endfunction()
 zorvac_shared_library(zorvac zorvac_identification)
 
-# In the archive, what has a plain word for a name is local to its one source: a program may use the
-# name itself. And what is asked of the C library in a version of our choice (.symver) has its plain
-# name, as a static program has no other.
+# In the archive, names that are plain words are local to their source, so that a program may use
+# them itself. Names that refer to a chosen version of the C library (.symver) become plain names,
+# because a static program has no versions.
 add_library(zorvac_static STATIC $<TARGET_OBJECTS:zorvac_identification>
                                  $<TARGET_OBJECTS:zorvac_common>)
 set_target_properties(zorvac_static PROPERTIES OUTPUT_NAME zorvac LINKER_LANGUAGE C)
@@ -90,7 +92,7 @@ add_custom_command(TARGET zorvac_static POST_BUILD VERBATIM COMMAND ${CMAKE_OBJC
 target_include_directories(zorvac_static INTERFACE
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
-# The same objects for unit tests and benchmarks, which reach what the shared library hides.
+# The same objects for unit tests and benchmarks that use what the shared library hides.
 add_library(zorvac_internal INTERFACE)
 target_sources(zorvac_internal INTERFACE $<TARGET_OBJECTS:zorvac_common>
                                          $<TARGET_OBJECTS:zorvac_identification>)
@@ -98,7 +100,7 @@ target_include_directories(zorvac_internal INTERFACE ${PROJECT_SOURCE_DIR}/src
                                                      ${PROJECT_SOURCE_DIR}/include)
 target_compile_definitions(zorvac_internal INTERFACE ZORVAC_CPU_VENDOR="${ZORVAC_CPU_VENDOR}")
 
-# A flavour whose fast variants are reachable on every processor: packaged, and for benchmarks.
+# A flavour whose fast variants run on processors of every vendor: packaged, and for benchmarks.
 zorvac_identification_objects(zorvac_identification_any any)
 zorvac_shared_library(zorvac_any zorvac_identification_any)
 set_target_properties(zorvac_any PROPERTIES

@@ -1,5 +1,6 @@
-# What CPack does between installing the components and packing them.
-# All times in the packages, also those that CPack writes.
+# What CPack does after it has installed the components and before it packs them.
+
+# One time for everything in the packages, including what CPack writes.
 if(NOT DEFINED ENV{SOURCE_DATE_EPOCH})
   execute_process(COMMAND date --utc --date ${CPACK_ZORVAC_DATE} +%s
     OUTPUT_VARIABLE epoch OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
@@ -10,15 +11,15 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   string(TOUPPER ${component} upper)
   set(folder ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/${component})
 
-  # CPack strips programs and shared libraries, but no archives.
+  # CPack strips programs and shared libraries, but not archives.
   file(GLOB_RECURSE archives ${folder}/*.a)
   foreach(archive IN LISTS archives)
     execute_process(COMMAND strip --strip-debug --enable-deterministic-archives ${archive}
                     COMMAND_ERROR_IS_FATAL ANY)
   endforeach()
 
-  # What the programs and libraries of the component depend on. (CPack would ask the same, and then
-  # call ldconfig beside the trigger.)
+  # What the programs and libraries of the component depend on. (CPack could find this itself, but
+  # would then also call ldconfig, for which there is a trigger.)
   file(GLOB linked LIST_DIRECTORIES OFF ${folder}/usr/bin/* ${folder}/usr/lib/*/*.so.*.*)
   if(linked)
     list(TRANSFORM linked PREPEND -e)

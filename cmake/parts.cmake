@@ -1,8 +1,9 @@
-# Parts of the build need what not every machine has. A part is left out where that is missing; one
-# line at the end says which parts and why, and with ZORVAC_COMPLETE it is an error.
+# Parts of the build need packages, libraries or programs that not every machine has. A part is left
+# out if something is missing. One line at the end says which parts and why. With ZORVAC_COMPLETE
+# that is an error.
 
 # zorvac_part(<result> <part> [PACKAGES <package>...] [LIBRARIES <library>...]
-#             [PROGRAMS <program>...]): whether all that the part needs is there.
+#             [PROGRAMS <program>...]): sets <result> to whether the part has all that it needs.
 function(zorvac_part result part)
   cmake_parse_arguments(PARSE_ARGV 2 needs "" "" "PACKAGES;LIBRARIES;PROGRAMS")
   set(missing "")

@@ -1,12 +1,12 @@
 # zorvac_add_trace(<target>... [DEMANGLE full|short]): gives the executables and shared libraries a
 # .trace section when they are linked, so that a traceback through them names routines, files and
-# lines. They are compiled with debug information for this. The targets must be of the calling
+# lines. They are compiled with debug information for this. The targets must belong to the calling
 # folder.
 #
-# DEMANGLE has the names of C++ routines as their source has them: full, or the last component only.
+# DEMANGLE writes the names of C++ routines as in the source: full, or the last component only.
 #
-# GNU strip leaves the section, and so does `cmake --install --strip`; other strip tools, run by
-# hand, need --keep-section=.trace.
+# GNU strip keeps the section, and so does `cmake --install --strip`. Other strip tools that are run
+# by hand need --keep-section=.trace.
 function(zorvac_add_trace)
   cmake_parse_arguments(PARSE_ARGV 0 arg "" DEMANGLE "")
   if(DEFINED arg_DEMANGLE AND NOT arg_DEMANGLE MATCHES "^(full|short)$"
@@ -31,8 +31,8 @@ function(zorvac_add_trace)
   zorvac_keep_trace()
 endfunction()
 
-# Installing with --strip runs the tool in CMAKE_STRIP, without options. Where that is one that
-# removes the section, a script that tells it not to takes its place in the calling folder.
+# Installing with --strip runs the tool in CMAKE_STRIP, without options. If that tool would remove
+# the section, the calling folder uses a script instead, which adds the option to keep the section.
 function(zorvac_keep_trace)
   execute_process(COMMAND "${CMAKE_STRIP}" --version OUTPUT_VARIABLE version ERROR_QUIET)
   if(CMAKE_STRIP AND NOT version MATCHES "^GNU strip")
@@ -41,7 +41,7 @@ function(zorvac_keep_trace)
          CONTENT "#!/bin/sh\nexec '@CMAKE_STRIP@' --keep-section=.trace \"$@\"\n")
     file(CHMOD ${script} PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
                                      GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-    # CMake reads the variable when the folder is done. EVAL gives the call the path as it is now.
+    # CMake reads the variable at the end of the folder. EVAL puts the path into the call now.
     cmake_language(EVAL CODE "cmake_language(DEFER CALL set CMAKE_STRIP [[${script}]])")
   endif()
 endfunction()

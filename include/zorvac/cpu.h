@@ -7,15 +7,16 @@
  *  variant that needs them; otherwise, if bit 0 is set, take the fallback; otherwise call
  *  __zorva_cpu_features_init() and test again.
  *
- *  C (C99 and later), C++ (C++11 and later) and assembler source may include this header; assembler
- *  sees the feature bits alone.
+ *  C (C99 and later), C++ (C++11 and later) and assembler source may include this header. Assembler
+ *  sources get only the feature bits.
  */
 
-/** ZORVAC_FEATURE_AVX2 and so on: the mask of each feature in the indicator words. Constants
- *  everywhere: of type uint64_t in C and C++, where #if understands them too; in assembler numbers.
+/** ZORVAC_FEATURE_AVX2 and so on: the mask of each feature in the indicator words. In C and C++
+ *  these are constants of type uint64_t, which may also be used in #if; in assembler they are plain
+ *  numbers.
  *
- *  A bit is set only where the operating system has also enabled the register state it needs.
- *  Bits 25 and 26 are never set by detection, bits 40 to 63 do not exist.
+ *  A bit is set only if the operating system has also enabled the register state that the feature
+ *  needs. Detection never sets bits 25 and 26. Bits 40 to 63 do not exist.
  *  Source of the bits: the CPUID instruction's leaves 1, 7 and 0x80000001 as documented in the
  *  processor makers' architecture manuals. */
 #ifdef __ASSEMBLER__
@@ -65,7 +66,7 @@
 #define ZORVAC_FEATURE_AVX512VL ZORVAC_FEATURE_BIT(38)
 #define ZORVAC_FEATURE_AVX512VBMI ZORVAC_FEATURE_BIT(39)
 
-/** The same as a table, bit by bit: X(bit, identifier, name in messages). */
+/** The same as a table, one row for each bit: X(bit, identifier, name in messages). */
 #define ZORVAC_FEATURES(X)                                  \
   X(0, GENERIC_X86, "GENERIC_X86")                          \
   X(1, X87, "X87")                                          \
@@ -114,17 +115,17 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/** Features of this processor; the word that every dispatch tests. 0 until detection has run, then
- *  bit 0 is set. Exactly 1 on a processor of another vendor than the one the library was built
- *  for, and on one without CPUID leaf 1. Read it directly. In the library only detection writes
- *  it; a program may store a mask of its own, which every dispatch from then on goes by. */
+/** Features of this processor; the word that every dispatch tests. It is 0 until detection has run;
+ *  then bit 0 is set. It is exactly 1 on a processor of another vendor than the one the library was
+ *  built for, and on one without CPUID leaf 1. Read it directly. In the library only detection
+ *  writes it; a program may store a mask of its own, which every later dispatch then uses. */
 extern uint64_t __zorva_cpu_feature_indicator;
 
-/** The same word whatever the vendor, filled by __zorva_cpu_features_init_x() and, on a processor
- *  of the accepted vendor, by __zorva_cpu_features_init(). 0 until then. */
+/** The same word for a processor of any vendor. __zorva_cpu_features_init_x() fills it, and on a
+ *  processor of the accepted vendor __zorva_cpu_features_init() does too. 0 until then. */
 extern uint64_t __zorva_cpu_feature_indicator_x;
 
-/** Class of this processor for older dispatch code: 0 until __zorva_cpu_indicator_init() has run,
+/** Class of this processor, for older dispatch code. 0 until __zorva_cpu_indicator_init() has run,
  *  then exactly one bit: 0x1 generic, 0x800 SSE3, 0x1000 SSSE3, 0x4000 MOVBE without SSE4.1,
  *  0x2000 SSE4.1, 0x8000 SSE4.2 and POPCNT, 0x10000 PCLMULQDQ and AES, 0x20000 AVX, 0x40000 AVX
  *  and F16C, 0x200000 AVX2 with BMI, LZCNT, FMA, HLE and RTM, 0x800000 ADX and RDSEED, 0x2000000
@@ -133,27 +134,27 @@ extern uint32_t __zorva_cpu_indicator;
 
 /** Detects the processor's features, with the vendor test, and stores the indicator word(s).
  *
- *  Registers: changes R10, R11 and the flags at most; every other integer register and every
- *             vector and mask register survives, so a dispatch stub may call it between receiving
- *             and forwarding its arguments.
+ *  Registers: changes at most R10, R11 and the flags. It preserves every other integer register and
+ *             every vector and mask register, so a dispatch stub may call it between receiving and
+ *             forwarding its arguments.
  *  Threads:   any thread, any number of times; every call stores the same whole words.
  *  Errors:    none. */
 void __zorva_cpu_features_init(void);
 
-/** Detects the features of a processor of any vendor into __zorva_cpu_feature_indicator_x alone.
- *  On a processor without CPUID leaf 1 that word stays as it is, and
- *  __zorva_cpu_feature_indicator becomes 1. Registers, threads, errors: as above. */
+/** Detects the features of a processor of any vendor and stores them into
+ *  __zorva_cpu_feature_indicator_x only. On a processor without CPUID leaf 1 that word stays as it
+ *  is, and __zorva_cpu_feature_indicator becomes 1. Registers, threads, errors: as above. */
 void __zorva_cpu_features_init_x(void);
 
 /** Computes the processor's class and stores it into __zorva_cpu_indicator. Independent of the
  *  feature indicators. Registers, threads, errors: as __zorva_cpu_features_init(). */
 void __zorva_cpu_indicator_init(void);
 
-/** Called by a dispatch stub that found no code for the processor's class: ends the process by
+/** A dispatch stub calls this if it has no code for the processor's class. Ends the process by
  *  writing to address zero, without a message. Does not return. */
 void __zorva_cpu_dispatch_fail(void) __attribute__((noreturn));
 
-/** Size in KB of this processor's data or unified cache of a level.
+/** Size in KB of this processor's data or unified cache at a level.
  *
  *  level   1, 2 or 3
  *  returns KB (1024 bytes); 0 for any other level, a level that does not exist, or a processor

@@ -1,8 +1,8 @@
 #ifndef ZORVAC_STRING_H
 #define ZORVAC_STRING_H
 /** Strings: the routines that compiled programs call for the C library's string functions, in three
- *  instruction-set levels: sse2, ssse3 and sse4 (SSE4.2). There is no dispatcher; whoever calls one
- *  knows the processor. Calling one on a processor without those instructions raises the
+ *  instruction-set levels: sse2, ssse3 and sse4 (SSE4.2). There is no dispatcher: the caller must
+ *  know the processor. Calling a routine on a processor without its instructions raises the
  *  illegal-instruction signal.
  *
  *    level  members
@@ -11,33 +11,33 @@
  *    ssse3  strrchr  strcpy strncpy stpcpy stpncpy
  *    sse4   those of sse2, and atoi atol atoll
  *
- *  The exported routines take their arguments in registers of their own (below, and member by
- *  member in docs/strings.md). For C and C++ programs, each has an inline function here with the
- *  arguments of the C library's function of the same name: zorvac_sse2_strlen(string) for
- *  __zorva_sse2_strlen. strend(string) gives the address of the terminating zero.
+ *  The exported routines have their own register convention (see below; docs/strings.md lists the
+ *  registers of each member). For C and C++ programs, this header has an inline function for each,
+ *  with the arguments of the C library's function of the same name: zorvac_sse2_strlen(string) for
+ *  __zorva_sse2_strlen. strend(string) returns the address of the terminating zero.
  *
  *  For every routine here:
- *    contract   that of the C library's function, results included; the exceptions are the overflow
- *               of atoi, atol and atoll, which wraps modulo 2^32 or 2^64, and a strtok(NULL, set)
- *               that has nothing to continue, which returns a null pointer
- *    errors     none; strdup returns a null pointer when malloc does
- *    memory     strings are read in whole 16-byte blocks aligned to 16 (64 by the scan tails),
- *               which reach beyond a string's ends but never into a page that holds none of it;
- *               nothing is written beyond the destination. strdup allocates with malloc, the
- *               others nothing
- *    threads    re-entrant, but for strtok: as the C library's, its state belongs to the process,
- *               and both levels share one
+ *    contract   that of the C library's function, including the result, with two exceptions:
+ *               overflow in atoi, atol and atoll wraps modulo 2^32 or 2^64, and a strtok(NULL, set)
+ *               that has nothing to continue returns a null pointer
+ *    errors     none; strdup returns a null pointer if malloc does
+ *    memory     strings are read in whole 16-byte blocks aligned to 16, and by the scan tails also
+ *               in 64 bytes at once; these reads may reach beyond a string's ends, but never into a
+ *               page that holds none of it; nothing is written beyond the destination. strdup
+ *               allocates with malloc, the others nothing
+ *    threads    re-entrant, except strtok: its state belongs to the process, as in the C library,
+ *               and both levels share it
  *    source     the C standard (C11), 7.24 (string.h) and 7.22.1.2 (atoi); POSIX.1-2017 for
  *               strnlen, stpcpy, stpncpy and strdup
  */
 #include <stddef.h>
 #include <stdint.h>
 
-/** Registers of all members but the scan tails: RCX is the source or the string, RDX the second
+/** Registers of all members except the scan tails: RCX is the source or the string, RDX the second
  *  input (destination, other string, set, character, limit), R8 the third (count); the result is in
- *  RAX. RBX, RBP, RSI, RDI, R12 to R15 and XMM6 to XMM15 are preserved. To a compiler that is the
- *  64-bit Windows convention, except that no routine here uses the 32 bytes above its return
- *  address, so that other callers need not provide them. */
+ *  RAX. RBX, RBP, RSI, RDI, R12 to R15 and XMM6 to XMM15 are preserved. Compilers know this as the
+ *  64-bit Windows convention. There is one difference: no routine here uses the 32 bytes above its
+ *  return address, so callers that are not compiled from C need not provide them. */
 #define ZORVAC_STRING_CALL __attribute__((ms_abi))
 
 #ifdef __cplusplus
@@ -45,8 +45,8 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/** The copies continue what the caller may have begun: source and destination are the positions
- *  reached, and what returns the destination returns the one it was given. */
+/** The copies may continue a copy that the caller has begun: source and destination are the
+ *  positions reached. A routine that returns the destination returns the one that it was given. */
 #define ZORVAC_STRING_COPIES(level)                                                         \
   ZORVAC_STRING_CALL char* __zorva_##level##_strcpy(const char* source, char* destination); \
   ZORVAC_STRING_CALL char* __zorva_##level##_stpcpy(const char* source, char* destination); \
@@ -120,9 +120,9 @@ ZORVAC_STRING_MEMBERS(sse2)
 ZORVAC_STRING_MEMBERS(sse4)
 #undef ZORVAC_STRING_MEMBERS
 
-/** Decimal numbers: white space, a sign, digits, and whatever follows them. A string without digits
- *  gives 0. A value too great for the result is taken modulo 2^32 (atoi) or 2^64, as two's
- *  complement, however many digits there are. */
+/** Decimal numbers: optional white space, an optional sign, digits, then any other characters. A
+ *  string without digits gives 0. A value that does not fit the result is taken modulo 2^32 (atoi)
+ *  or 2^64, as two's complement, for any number of digits. */
 ZORVAC_STRING_CALL int __zorva_sse4_atoi(const char* string);
 ZORVAC_STRING_CALL long __zorva_sse4_atol(const char* string);
 ZORVAC_STRING_CALL long long __zorva_sse4_atoll(const char* string);
@@ -130,9 +130,9 @@ static inline int zorvac_sse4_atoi(const char* string) { return __zorva_sse4_ato
 static inline long zorvac_sse4_atol(const char* string) { return __zorva_sse4_atol(string); }
 static inline long long zorvac_sse4_atoll(const char* string) { return __zorva_sse4_atoll(string); }
 
-/** Scan tails: the rest of a scan whose first, partial block the caller has examined without
- *  success. Declared for their addresses; C cannot call them. The inline functions below do what
- *  compiled code does: examine the first block, call.
+/** Scan tails: the rest of a scan. The caller has examined the first, partial block and found
+ *  nothing there. The declarations are for taking addresses; C cannot call these routines. The
+ *  inline functions below do what compiled code does: they examine the first block, then call.
  *
  *    RAX   [in]  the 16-byte-aligned block already examined; the scan starts with the next
  *    RDX   [in]  strlen: the start of the string
@@ -149,12 +149,12 @@ void __zorva_sse4_strlen(void);
 void __zorva_sse4_strend(void);
 void __zorva_sse4_strchr(void);
 
-#ifdef __SSE2__ /* not where vector registers may not be used */
+#ifdef __SSE2__ /* only where vector registers may be used */
 
-/* Calls a scan tail with RAX, RDX and XMM1 and leaves its result in rax. The stack pointer steps
- * over the 128 bytes below it, which may hold locals of the function that this is inlined into, and
- * down to the alignment of a call; it is kept in a register that the tails preserve, as all are
- * that are not named here. */
+/* Calls a scan tail with RAX, RDX and XMM1 and leaves its result in rax. The stack pointer first
+ * skips the 128 bytes below it, which may hold locals of the function that this is inlined into,
+ * and is then aligned for a call. Its old value is kept in a register that the tails preserve; they
+ * preserve all registers that are not named here. */
 #define ZORVAC_CALL_SCAN_TAIL(symbol, rax, rdx, xmm1)                                            \
   do {                                                                                           \
     uintptr_t zorvac_stack;                                                                      \
@@ -172,15 +172,16 @@ void __zorva_sse4_strchr(void);
           "memory");                                                                             \
   } while (0)
 
-/* The whole block is read: bytes that are none of a sanitizer's business. */
+/* The whole block is read, including bytes outside of the string, which a sanitizer would report.
+ */
 #define ZORVAC_READS_BLOCKS __attribute__((no_sanitize("address"), no_sanitize("thread")))
 
-/* Sixteen bytes, in an XMM register. <emmintrin.h> would bring in a static _mm_malloc, which is not
- * the one of <zorvac/mem.h>. */
+/* Sixteen bytes, in an XMM register. <emmintrin.h> is not included because it would bring in a
+ * static _mm_malloc, which is not the one of <zorvac/mem.h>. */
 typedef char zorvac_block __attribute__((vector_size(16), may_alias));
 
 /* The bytes of the first block, from the start of the string on, that equal those of `sought` or
- * are zero. */
+ * are zero: bit i stands for byte i of the string. */
 ZORVAC_READS_BLOCKS static inline unsigned zorvac_in_first_block(const char* string,
                                                                  zorvac_block sought) {
   const uintptr_t skip = (uintptr_t)string % 16;

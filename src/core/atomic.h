@@ -1,8 +1,8 @@
 #ifndef ZORVAC_CORE_ATOMIC_H
 #define ZORVAC_CORE_ATOMIC_H
-// A value that threads share, with the orderings that the library uses. The C++ library's
-// std::atomic has default visibility, and so has its every small function: in a library whose
-// functions a program may replace, clang calls them instead of inlining them.
+// A value that threads share, with the memory orderings that the library uses. std::atomic does not
+// serve: all of its small functions have default visibility, and in a library whose functions a
+// program may replace, clang calls such functions instead of inlining them.
 
 namespace zorvac {
 
@@ -19,13 +19,13 @@ class atomic {
   void store_relaxed(T value) { __atomic_store_n(&value_, value, __ATOMIC_RELAXED); }
   void store_release(T value) { __atomic_store_n(&value_, value, __ATOMIC_RELEASE); }
 
-  // Stores `value` where `expected` is found, and acquires. Otherwise, or for no reason, leaves
-  // what there is in `expected`.
+  // If the value equals `expected`, stores `value` with acquire ordering and returns true.
+  // Otherwise, or spuriously, copies the value that it found to `expected` and returns false.
   bool try_replace_acquire(T& expected, T value) {
     return __atomic_compare_exchange_n(&value_, &expected, value, true, __ATOMIC_ACQUIRE,
                                        __ATOMIC_RELAXED);
   }
-  // Returns the sum; acquires and releases.
+  // Returns the sum. Acquire and release ordering.
   T add(T summand) { return __atomic_add_fetch(&value_, summand, __ATOMIC_ACQ_REL); }
 
  private:

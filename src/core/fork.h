@@ -1,9 +1,9 @@
 #ifndef ZORVAC_CORE_FORK_H
 #define ZORVAC_CORE_FORK_H
-// Handlers around a fork. The routine is the one under pthread_atfork, which the C library links
-// into each shared object: by that object's own handle the handlers go when it is unloaded. Both
-// names are weak: a program without fork need not have the one, nor one without the compiler's
-// start-up files the other.
+// Handlers around a fork. __register_atfork is the routine that pthread_atfork calls. It takes the
+// handle of the shared object (__dso_handle), so the handlers are removed when the object is
+// unloaded. Both names are weak: a static program without fork has no __register_atfork, and a
+// program that is linked without the compiler's start-up files has no __dso_handle.
 
 extern "C" {
 [[gnu::weak]] int __register_atfork(void (*prepare)(), void (*parent)(), void (*child)(),
@@ -13,7 +13,8 @@ extern "C" {
 
 namespace zorvac {
 
-// Has `prepare` called before each fork, and one of the others after it. Each may be null.
+// Registers handlers: `prepare` runs before each fork, then `parent` or `child` in that process.
+// Each may be null.
 inline void at_fork(void (*prepare)(), void (*parent)(), void (*child)()) {
   if (__register_atfork != nullptr) __register_atfork(prepare, parent, child, &__dso_handle);
 }

@@ -1,11 +1,11 @@
 #ifndef ZORVAC_CORE_LEVELS_H
 #define ZORVAC_CORE_LEVELS_H
-// The processor levels that dispatchers require, each the level below it and some more features;
-// one definition for C++ and for assembler source.
+// The processor levels that dispatchers require. Each level is the level below it plus some
+// features. C++ and assembler sources share these definitions.
 //
 // The sets are contracts with compiled programs, not descriptions of a processor: MOVBE is in none
-// of them, and one AVX-512 level asks for the exponential and prefetch extensions, which only one
-// processor line has. The other is for the matrix kernels alone.
+// of them, and one AVX-512 level requires the exponential and prefetch extensions, which only one
+// processor line has. The other AVX-512 level is used by the matrix kernels only.
 #include "zorvac/cpu.h"
 
 // clang-format off

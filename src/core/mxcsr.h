@@ -5,7 +5,7 @@
 
 namespace zorvac::mxcsr {
 
-// The exception flags. An exception's mask stands mask_shift places above its flag.
+// The exception flags. The mask bit of an exception is mask_shift places above its flag.
 inline constexpr std::uint32_t invalid = 1 << 0;
 inline constexpr std::uint32_t denormal = 1 << 1;
 inline constexpr std::uint32_t divide_by_zero = 1 << 2;

@@ -1,10 +1,10 @@
 #ifndef ZORVAC_CORE_PROCESSOR_H
 #define ZORVAC_CORE_PROCESSOR_H
-// What the library asks a processor. Detection is written over the concept, so that tests can put
-// tables of CPUID answers in place of the hardware.
+// The questions that the library asks a processor. Detection is a template over this concept, so
+// tests can use tables of CPUID answers instead of the hardware.
 //
-// Everything here is forced inline: detection must not leave the translation unit that is built
-// for general registers only.
+// Everything here is forced inline: detection must not call code outside its translation unit,
+// which is built for general registers only.
 #include <concepts>
 #include <cstdint>
 
@@ -24,8 +24,8 @@ concept processor = requires(const Processor& p, std::uint32_t leaf, std::uint32
 namespace {
 
 struct hardware_processor {
-  // CPUID exists where software can change the ID flag, bit 21. The stack pointer first steps over
-  // the red zone, where the compiler may keep values of the surrounding function.
+  // CPUID exists if software can change the ID flag, bit 21. The stack pointer first skips the red
+  // zone, where the compiler may keep values of the surrounding function.
   [[gnu::always_inline]] static inline bool has_cpuid() {
     std::uint64_t before, flipped;
     asm volatile(
@@ -72,10 +72,10 @@ template <class Word>
   return (word & bits) == bits;
 }
 
-// XCR0 state components, by the register state whose use the operating system has enabled
-// (processor architecture manuals, "Managing state using the XSAVE feature set").
+// XCR0 state components: the operating system has enabled the use of these registers (processor
+// architecture manuals, "Managing state using the XSAVE feature set").
 inline constexpr std::uint64_t xcr0_ymm = 1 << 1 | 1 << 2;  // SSE and AVX state
-inline constexpr std::uint64_t xcr0_mpx = 1 << 3 | 1 << 4;  // bound registers, their control
+inline constexpr std::uint64_t xcr0_mpx = 1 << 3 | 1 << 4;  // bound registers, bound control
 inline constexpr std::uint64_t xcr0_zmm = 1 << 5 | 1 << 6 | 1 << 7;  // masks, ZMM halves, ZMM16-31
 
 }  // namespace zorvac

@@ -1,6 +1,6 @@
 #ifndef ZORVAC_CORE_TEXT_BUFFER_H
 #define ZORVAC_CORE_TEXT_BUFFER_H
-// A text of bounded length in a buffer of its own, always terminated.
+// A text of limited length in a buffer of its own, always terminated.
 #include <cstddef>
 
 namespace zorvac {
@@ -8,7 +8,7 @@ namespace zorvac {
 template <std::size_t Bytes>
 class text_buffer {
  public:
-  // Appends as much of `text` as there is room for.
+  // Appends `text`, or as much of it as fits.
   void append(const char* text) {
     while (*text != '\0' && length_ + 1 < Bytes) text_[length_++] = *text++;
     text_[length_] = '\0';

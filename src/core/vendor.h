@@ -1,7 +1,7 @@
 #ifndef ZORVAC_CORE_VENDOR_H
 #define ZORVAC_CORE_VENDOR_H
-// The one rule that keeps fast variants to processors of one maker, chosen when the library is
-// built: CPUID's vendor string, or "any".
+// The vendor rule: which maker's processors get the fast variants. It is chosen when the library is
+// built, as CPUID's vendor string or as "any". All code that looks at the vendor asks this rule.
 #include <cstdint>
 
 #include "core/processor.h"
@@ -35,7 +35,7 @@ class vendor_rule {
     return word;
   }
 
-  // Not constexpr: naming it makes the compiler reject the string.
+  // Not constexpr: a call of it makes the compiler reject the string.
   static void a_vendor_string_has_12_characters();
 
   bool any_;

@@ -2,8 +2,8 @@
 #define ZORVAC_CORE_X87_H
 // The control and status words of the x87 unit, and its whole state.
 //
-// The instructions with an N do not wait for pending exceptions; the others trap when there is one
-// that is unmasked.
+// The instructions that begin with FN do not check for pending exceptions. FLDCW, FSTSW and FRSTOR
+// trap when an unmasked exception is pending.
 #include <cstdint>
 
 namespace zorvac::x87 {
@@ -35,7 +35,7 @@ struct state {
 }
 [[gnu::always_inline]] inline void clear_exceptions() { asm volatile("fnclex"); }
 
-// Saving also puts the unit into its initial state.
+// FNSAVE also sets the unit to its initial state.
 [[gnu::always_inline]] inline void save(state& to) { asm volatile("fnsave %0" : "=m"(to)); }
 [[gnu::always_inline]] inline void restore(const state& from) {
   asm volatile("frstor %0" : : "m"(from));

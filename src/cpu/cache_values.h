@@ -1,7 +1,7 @@
 #ifndef ZORVAC_CPU_CACHE_VALUES_H
 #define ZORVAC_CPU_CACHE_VALUES_H
-// The load-time values, zero until the library is loaded; the block workers read them as they are.
-// Sizes are in bytes, the method is 0, 1 (MMX) or 2 (SSE2).
+// The values that are computed when the library is loaded, and are zero before that. The block
+// workers read them directly. Sizes are in bytes; the method is 0, 1 (MMX) or 2 (SSE2).
 #include <cstdint>
 
 #pragma GCC visibility push(hidden)

@@ -1,5 +1,5 @@
-// The legacy processor indicator. Like feature detection it is called from dispatch stubs, and
-// keeps every register in the same way: general registers only, everything inlined.
+// The legacy processor indicator. Dispatch stubs call this routine, as they call feature detection,
+// and it preserves all registers in the same way: general registers only, everything inlined.
 #include "cpu/cpu_disp.h"
 
 #include "core/export.h"

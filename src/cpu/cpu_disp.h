@@ -1,12 +1,12 @@
 #ifndef ZORVAC_CPU_CPU_DISP_H
 #define ZORVAC_CPU_CPU_DISP_H
-// The class of a processor, for dispatch code that compares one word instead of testing masks.
+// The class of a processor, for dispatch code that compares one word and tests no masks.
 #include "core/processor.h"
 #include "core/vendor.h"
 
 namespace zorvac::cpu {
 
-// The values are the interface; they are not in the order of capability.
+// The values are part of the interface. They are not in the order of capability.
 namespace processor_class {
 inline constexpr std::uint32_t generic = 0x1;
 inline constexpr std::uint32_t sse3 = 0x800;
@@ -23,7 +23,7 @@ inline constexpr std::uint32_t avx512_er_pf = 0x2000000;
 inline constexpr std::uint32_t avx512_bw_vl = 0x4000000;
 }  // namespace processor_class
 
-// CPUID feature bits; a name says the leaf and the register.
+// CPUID feature bits. The namespace gives the leaf and the register.
 namespace leaf1_ecx {
 inline constexpr std::uint32_t sse3 = 1 << 0, pclmulqdq = 1 << 1, ssse3 = 1 << 9, fma = 1 << 12,
                                sse4_1 = 1 << 19, sse4_2 = 1 << 20, movbe = 1 << 22,
@@ -41,8 +41,8 @@ namespace extended_ecx {
 inline constexpr std::uint32_t lzcnt = 1 << 5;
 }
 
-// The best class below AVX: each test that passes replaces the class outright, so a processor may
-// skip a step, and MOVBE counts only where SSE4.1 is missing.
+// The best class below AVX. Each test that passes replaces the class, whatever the tests before it
+// gave: a processor may skip a step, and MOVBE counts only if SSE4.1 is missing.
 [[gnu::always_inline]] constexpr std::uint32_t sse_class(std::uint32_t ecx) {
   using namespace leaf1_ecx;
   std::uint32_t best = processor_class::generic;
@@ -55,8 +55,8 @@ inline constexpr std::uint32_t lzcnt = 1 << 5;
   return best;
 }
 
-// The class of a processor with AVX, enabled by the operating system. ADX with RDSEED outranks the
-// AVX2 group without requiring it.
+// The class of a processor with AVX that the operating system has enabled. ADX with RDSEED outranks
+// the AVX2 group and does not require it.
 template <processor Processor>
 [[gnu::always_inline]] constexpr std::uint32_t avx_class(const Processor& p, std::uint32_t ecx,
                                                          std::uint64_t xcr0) {
@@ -76,7 +76,7 @@ template <processor Processor>
   return best;
 }
 
-// Exactly one bit. The extended family does not count, and family 15 is told apart by SSE3 alone.
+// Returns exactly one bit. The extended family is ignored, and in family 15 only SSE3 is looked at.
 template <processor Processor>
 [[gnu::always_inline]] constexpr std::uint32_t classify(const Processor& p,
                                                         const vendor_rule& vendor) {

@@ -1,8 +1,8 @@
 // The feature indicators and the routines that fill them.
 //
-// Dispatch stubs call detection while they hold their caller's arguments, so it preserves every
-// register. This source is built for general registers only (see cmake/isa.cmake), and what it
-// calls is inlined, so the compiler enforces the promise.
+// Dispatch stubs call detection while the registers hold their caller's arguments, so it preserves
+// every register. This source is built for general registers only (see cmake/isa.cmake), and
+// everything that it calls is inlined, so the compiler enforces the promise.
 #include "cpu/cpu_feature_disp.h"
 
 #include "core/export.h"

@@ -1,7 +1,7 @@
 #ifndef ZORVAC_CPU_CPU_FEATURE_DISP_H
 #define ZORVAC_CPU_CPU_FEATURE_DISP_H
-// Feature detection as a function of a processor's answers: a table of where each bit of the
-// feature indicator comes from, and the four conditions that may hold a bit back.
+// Feature detection as a function of a processor's answers: a table says which CPUID bits each bit
+// of the feature indicator comes from, and which of four further conditions it needs.
 #include "core/levels.h"
 #include "core/processor.h"
 #include "core/vendor.h"
@@ -14,8 +14,8 @@ enum class detection_mode : int { any_vendor = 0, vendor_checked = 1 };
 enum class source : std::uint8_t { leaf1_edx, leaf1_ecx, leaf7_ebx, leaf7_ecx, extended_ecx };
 inline constexpr int sources = 5;
 
-// What must hold besides the CPUID bit. The register-state gates are the operating system's word
-// that it saves the state; they are independent of FXSAVE.
+// What must hold besides the CPUID bit. The register-state gates say that the operating system
+// saves the state. They are independent of FXSAVE.
 enum class gate : std::uint8_t { none, fxsave, ymm_state, mpx_state, zmm_state };
 
 struct feature_rule {
@@ -67,14 +67,14 @@ inline constexpr feature_rule feature_rules[] = {
     {ZORVAC_FEATURE_AVX512VBMI, source::leaf7_ecx, bit(1), gate::zmm_state},
 };
 
-// Whether leaf 1's signature is one of the in-order models. The family is not consulted.
+// Whether leaf 1's signature is one of the in-order models. The family is ignored.
 [[gnu::always_inline]] constexpr bool is_in_order(std::uint32_t signature) {
   const std::uint32_t model = (signature >> 16 & 0xf) << 4 | (signature >> 4 & 0xf);
   return model == 0x1c || model == 0x26 || model == 0x27;
 }
 
-// The feature word of a processor that has leaf 1. Leaves 7 and 0x80000001 are read without a look
-// at the highest supported leaf: a processor without them answers harmlessly.
+// The feature word of a processor that has leaf 1. Leaves 7 and 0x80000001 are read without a check
+// of the highest supported leaf.
 template <processor Processor>
 [[gnu::always_inline]] constexpr std::uint64_t feature_word(const Processor& p) {
   const cpuid_answer leaf1 = p.cpuid(1, 0);
@@ -103,10 +103,10 @@ template <processor Processor>
   return word;
 }
 
-// Stores whole words, never parts: running it again, in any thread, gives the same words.
+// Stores whole words, never parts of them. Every run, in any thread, stores the same words.
 //
-// A processor without leaf 1 sets the vendor-checked word in both modes, so that a dispatcher never
-// finds it undetected; the other word is then left alone.
+// On a processor without leaf 1 both modes store the vendor-checked word, so that no dispatcher
+// waits for detection for ever. The other word stays as it is.
 template <processor Processor>
 [[gnu::always_inline]] constexpr void detect_features(const Processor& p, detection_mode mode,
                                                       const vendor_rule& vendor,

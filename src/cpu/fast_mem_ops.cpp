@@ -1,5 +1,6 @@
-// Cache detection on the processor at hand: the query, and the initialiser that runs at load.
-// Whichever comes first does the work. Two threads that come first together store the same words.
+// Cache detection on this processor: the query, and the initialiser that runs when the library is
+// loaded. Whichever runs first does the detection. If two threads do it at once, both store the
+// same words.
 #include "cpu/fast_mem_ops.h"
 
 #include "zorvac/cpu.h"
@@ -18,11 +19,11 @@ std::int32_t __libvrt_tmp;
 cpu::cache_table __libvrt_cache_tbl;
 }
 
-// The library's one constructor: runs when the library is loaded, before any entry point is called.
-// In a program that is linked with the archive it also precedes the program's own constructors,
-// which may call entry points: no priority comes before 0. (Those below 101 are the
-// implementation's, which this library is part of. g++ takes the priority from the first
-// declaration alone.)
+// The library's only constructor. It runs when the library is loaded, before any entry point is
+// called. In a program that is linked with the archive it also runs before the program's own
+// constructors, which may call entry points: 0 is the first priority. (Priorities below 101 are
+// reserved for the implementation, which this library is part of. g++ takes the priority from the
+// first declaration only.)
 [[gnu::constructor(0)]] void load_time_initialiser() __asm__("__sti__$E");
 
 void load_time_initialiser() {

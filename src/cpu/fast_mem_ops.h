@@ -1,7 +1,7 @@
 #ifndef ZORVAC_CPU_FAST_MEM_OPS_H
 #define ZORVAC_CPU_FAST_MEM_OPS_H
-// Cache sizes as a function of a processor's answers, and the values that the block copy, move and
-// fill routines take their thresholds from.
+// Cache sizes as a function of a processor's answers, and the values from which the block copy,
+// move and fill routines take their thresholds.
 #include <cstdint>
 #include <initializer_list>
 
@@ -18,8 +18,8 @@ struct cache_record {
   std::uint32_t ways;
 };
 
-// Four records of four words: the first is for bookkeeping, the others are the cache levels. All
-// fields of an unknown level are zero.
+// Four records of four words. The first holds the state of the table; the others are the cache
+// levels. All fields of an unknown level are zero.
 struct cache_table {
   std::uint32_t vendor_accepted;
   std::uint32_t maximum_leaf;  // only for an accepted vendor
@@ -33,7 +33,7 @@ struct cache_table {
 };
 static_assert(sizeof(cache_table) == 4 * sizeof(cache_record));
 
-// What the loader's call of the initialiser leaves for the block workers, in bytes.
+// What the load-time initialiser computes for the block workers, in bytes.
 struct cache_thresholds {
   std::int32_t largest_cache_size;
   std::int32_t largest_cache_size_half;
@@ -43,9 +43,10 @@ struct cache_thresholds {
   std::int32_t mem_ops_method;  // 0 neither MMX nor SSE2, 1 MMX, 2 SSE2
 };
 
-// A cache as a CPUID leaf 2 descriptor byte names it, packed into two words: level in bits 0 to 2
-// (0: the descriptor names no data or unified cache), line bytes in bits 3 to 14, lines per sector
-// in bits 15 to 21, ways in bits 22 to 31; then the size in KB.
+// The cache that a CPUID leaf 2 descriptor byte stands for, in two words. The first has the level
+// in bits 0 to 2 (0: the descriptor names no data or unified cache), the line bytes in bits 3 to
+// 14, the lines per sector in bits 15 to 21 and the ways in bits 22 to 31. The second is the size
+// in KB.
 struct packed_descriptor {
   std::uint32_t geometry, size_kb;
 
@@ -59,8 +60,8 @@ struct packed_descriptors {
   packed_descriptor entry[256];
 };
 
-// Source: the descriptor encodings in the processor makers' description of CPUID leaf 2. 0x4c says
-// 12228 KB where the published size is 12288; callers have come to see that value, so it stays.
+// Source: the descriptor encodings in the processor makers' description of CPUID leaf 2. For 0x4c
+// the table has 12228 KB instead of the published 12288. That value is part of the interface.
 consteval packed_descriptors make_descriptor_table() {
   struct descriptor {
     std::uint8_t code;
@@ -104,16 +105,16 @@ consteval packed_descriptors make_descriptor_table() {
 }
 inline constexpr packed_descriptors cpuid2_cache_tbl = make_descriptor_table();
 
-// Whether leaf 1's signature is family 15, model 6: there descriptor 0x49 is a level 3 cache.
+// Whether leaf 1's signature is family 15, model 6. On those, descriptor 0x49 is a level 3 cache.
 constexpr bool is_family_15_model_6(std::uint32_t signature) {
   const bool family_15 = (signature >> 8 & 0xf) == 15 && (signature >> 24 & 0xf) == 0;
   const std::uint32_t model = (signature >> 16 & 0xf) << 4 | (signature >> 4 & 0xf);
   return family_15 && model == 6;
 }
 
-// Reads the caches that a leaf describes one a sub-leaf: at most 8, up to the first of type 0. A
-// later cache of the same level replaces an earlier one. The levels that have no record, 0 and
-// those above 3, are passed over. Returns whether the leaf lists any cache at all.
+// Reads the caches of a leaf that describes one cache per sub-leaf: at most 8 sub-leaves, up to the
+// first of type 0. A later cache of the same level replaces an earlier one. Levels without a
+// record, which are 0 and those above 3, are skipped. Returns whether the leaf lists any cache.
 template <processor Processor>
 constexpr bool read_deterministic_caches(const Processor& p, std::uint32_t leaf,
                                          cache_table& table) {
@@ -134,9 +135,9 @@ constexpr bool read_deterministic_caches(const Processor& p, std::uint32_t leaf,
   return any;
 }
 
-// Reads the caches from the descriptor bytes of leaf 2. The lowest byte of the first answer is the
-// number of times that the leaf wants to be executed (we stop at 4) and otherwise counts as a
-// descriptor that names nothing.
+// Reads the caches from the descriptor bytes of leaf 2. The lowest byte of the first answer says
+// how often the leaf is to be executed (at most 4 times here). That byte is looked up like a
+// descriptor, too; the counts 1 to 4 are descriptors that name no cache.
 template <processor Processor>
 constexpr void read_cache_descriptors(const Processor& p, cache_table& table) {
   constexpr std::uint32_t most_runs = 4;
@@ -150,7 +151,7 @@ constexpr void read_cache_descriptors(const Processor& p, cache_table& table) {
       if (word >> 31 != 0) continue;  // this register carries no descriptors
       for (int shift = 0; shift < 32; shift += 8) {
         const std::uint32_t code = word >> shift & 0xff;
-        if (code == 0xff) {  // "see leaf 4", which has given nothing
+        if (code == 0xff) {  // "see leaf 4", which has listed no level 1 cache
           for (cache_record& record : table.levels) record = {};
           return;
         }
@@ -164,8 +165,8 @@ constexpr void read_cache_descriptors(const Processor& p, cache_table& table) {
   }
 }
 
-// Finds the caches of an accepted vendor. Where every vendor is accepted, a processor that lists
-// its caches under leaf 0x8000001D, in the layout of leaf 4, is understood as well.
+// Finds the caches of an accepted vendor's processor. If every vendor is accepted and leaf 4 lists
+// nothing, leaf 0x8000001D is read too, which has the layout of leaf 4.
 template <processor Processor>
 constexpr void find_caches(const Processor& p, const vendor_rule& vendor, cache_table& table) {
   if (!p.has_cpuid()) return;
@@ -180,8 +181,8 @@ constexpr void find_caches(const Processor& p, const vendor_rule& vendor, cache_
   if (table.level(1).size_kb == 0 && leaf0.eax >= 2) read_cache_descriptors(p, table);
 }
 
-// A processor that is asked once whether it has CPUID and who made it: on a virtual machine each
-// execution of CPUID is a visit to the hypervisor, and both steps at load want to know.
+// A processor that remembers whether it has CPUID, and its leaf 0. Both steps at load time need
+// these answers, and on a virtual machine each CPUID instruction is a call of the hypervisor.
 template <processor Processor>
 class introduced {
  public:
@@ -211,8 +212,8 @@ constexpr std::int32_t kilobytes(std::uint32_t count) {
   return static_cast<std::int32_t>(count * 1024);
 }
 
-// Computes the load-time values from a computed table. The second vendor is served on its own: its
-// method deliberately stops at MMX, and only its level 2 cache is known.
+// Computes the load-time values from a computed table. The second vendor has a case of its own: its
+// method deliberately stops at MMX, and only its level 2 cache is read.
 template <processor Processor>
 constexpr cache_thresholds derive_thresholds(const Processor& p, cache_table& table) {
   constexpr std::uint32_t mmx = 1 << 23, sse2 = 1 << 26;  // leaf 1 EDX
@@ -243,8 +244,8 @@ constexpr cache_thresholds derive_thresholds(const Processor& p, cache_table& ta
   return t;
 }
 
-// What the library does when it is loaded: fills the table, unless a query has done so already, and
-// derives the load-time values.
+// What the library does when it is loaded: it fills the table, unless a query has already done so,
+// and derives the load-time values.
 template <processor Processor>
 constexpr cache_thresholds thresholds_at_load(const Processor& hardware, const vendor_rule& vendor,
                                               cache_table& table) {
@@ -255,7 +256,7 @@ constexpr cache_thresholds thresholds_at_load(const Processor& hardware, const v
 
 }  // namespace zorvac::cpu
 
-// Load-time values that nothing in the library reads, and the table.
+// Two load-time values that nothing in the library reads, and the table.
 extern "C" {
 extern std::int32_t __libvrt_largest_cachelinesize;
 extern std::int32_t __libvrt_tmp;  // a copy of the method

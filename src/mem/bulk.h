@@ -1,13 +1,13 @@
 #ifndef ZORVAC_MEM_BULK_H
 #define ZORVAC_MEM_BULK_H
-// Large blocks: what is left of one, the step to an aligned destination, and the loops.
+// Large blocks: the part that is left to do, the step to an aligned destination, and the loops.
 #include "cpu/cache_values.h"
 #include "mem/small_block.h"
 
 namespace zorvac::mem {
 namespace {
 
-// A cache value as counts are compared with it: the 32 bits as they are, without a sign.
+// A cache value, for comparisons with counts: its 32 bits read as an unsigned number.
 inline std::size_t bytes_of(std::int32_t cache_value) {
   return static_cast<std::uint32_t>(cache_value);
 }
@@ -18,12 +18,13 @@ inline std::size_t misalignment(const char* p, std::size_t boundary) {
 
 enum class way { forwards, backwards };
 
-// What is left to copy. Forwards it is taken from its start, backwards from its end; an edge is the
-// place where that happens, and every loop below is written once for both directions.
+// The part of a block that is left to copy. A forward copy takes bytes from its start, a backward
+// copy from its end. The edge is the place from which the next bytes are taken. Every loop below is
+// written once for both directions.
 //
-// Either direction is exact for blocks that do not overlap. If they do, forwards is for a
-// destination below its source and backwards for one above: what an iteration stores then lies on
-// source bytes that have been loaded, in that iteration or before.
+// If the blocks do not overlap, both directions are exact. If they overlap, a destination below its
+// source needs the forward direction, and one above its source the backward direction: each
+// iteration then stores only over source bytes that this or an earlier iteration has loaded.
 template <way Way>
 struct remainder {
   static constexpr way direction = Way;
@@ -40,7 +41,7 @@ struct remainder {
     count -= bytes;
   }
   [[nodiscard]] const char* source_edge() const { return from + next(0); }
-  // How far the source lies ahead of an edge, in bytes; the other way round when backwards.
+  // The address `distance` bytes ahead of an edge, in the direction of the copy.
   [[nodiscard]] static const char* ahead(const char* edge, std::size_t distance) {
     return Way == way::forwards ? edge + distance : edge - distance;
   }
@@ -52,7 +53,8 @@ struct remainder {
   [[nodiscard]] copying action() const { return {to, from}; }
 };
 
-// What a loop prefetches in every iteration: lines at these distances ahead of the source's edge.
+// What a loop prefetches in every iteration: the lines at these distances ahead of the source's
+// edge.
 struct no_prefetch {
   template <class Rest>
   [[gnu::always_inline]] static void run(const Rest&) {}
@@ -83,7 +85,7 @@ template <std::size_t Count, auto Load, auto Store, class Rest>
   rest.take(bytes);
 }
 
-// Copies `Count` registers an iteration while at least `least` bytes remain.
+// Copies `Count` registers per iteration while at least `least` bytes remain.
 template <std::size_t Count, auto Load, auto Store, class Prefetch, class Rest>
 [[gnu::always_inline]] inline void copy_loop(Rest& rest, std::size_t least) {
   while (rest.count >= least) {
@@ -92,9 +94,9 @@ template <std::size_t Count, auto Load, auto Store, class Prefetch, class Rest>
   }
 }
 
-// Copies the `distance` bytes to the destination's next boundary, for blocks that do not overlap:
-// as a whole register, whose other bytes the loop then stores again. One piece of code serves every
-// distance, so there is nothing to choose by a jump.
+// Copies the `distance` bytes up to the destination's next boundary, for blocks that do not
+// overlap. It stores a whole register; the loop then stores the other bytes of it again. The same
+// code serves every distance, so no jump depends on the distance.
 template <class V, class Rest>
 [[gnu::always_inline]] inline void copy_to_boundary(Rest& rest, std::size_t distance) {
   const std::size_t at = rest.next(V::width);
@@ -102,8 +104,8 @@ template <class V, class Rest>
   rest.take(distance);
 }
 
-// The same for blocks that may overlap, together with the first aligned register: both are loaded
-// before the aligned one and then the unaligned one are stored.
+// The same for blocks that may overlap, together with the first aligned register. Both registers
+// are loaded first. Then the aligned one is stored, and then the unaligned one.
 template <class V, class Rest>
 [[gnu::always_inline]] inline void copy_past_boundary(Rest& rest) {
   const std::size_t at = rest.next(V::width);
@@ -116,9 +118,9 @@ template <class V, class Rest>
   rest.take(V::width);
 }
 
-// Copies the remainder of fewer than `Count` registers after a bulk of more, for blocks that do not
-// overlap: the last `Count` registers as a whole, some of which the loop has stored. Every
-// remainder takes this code, so there is nothing to choose by a jump.
+// Copies the remainder, which is less than `Count` registers and follows a larger bulk, for blocks
+// that do not overlap. It copies the last `Count` registers of the block, part of which the loop
+// has already stored. The same code serves every remainder, so no jump depends on it.
 template <class V, std::size_t Count, class Rest>
 [[gnu::always_inline]] inline void copy_last(const Rest& rest) {
   constexpr std::size_t bytes = Count * V::width;
@@ -133,8 +135,9 @@ template <class V, auto Store, std::size_t... I>
   (Store(to + I * V::width, block), ...);
 }
 
-// Fills the remainder of fewer than 2 * `Count` registers after at least `Count`: `Count` of them
-// from its start, but not beyond the end, and `Count` up to the end. One piece of code again.
+// Fills the remainder, which is less than 2 * `Count` registers and follows at least `Count` filled
+// ones: `Count` registers from its start, moved back where they would reach beyond the end, and
+// `Count` up to the end. The same code serves every remainder.
 template <class V, std::size_t Count>
 [[gnu::always_inline]] inline void fill_last(char* to, std::size_t count, std::uint64_t pattern) {
   const auto block = V::replicate(pattern);
@@ -143,7 +146,7 @@ template <class V, std::size_t Count>
   fill_registers<V, V::store>(last, block, std::make_index_sequence<Count>());
 }
 
-// Stores `Count` registers an iteration while that many remain.
+// Stores `Count` registers per iteration while that many remain.
 template <std::size_t Count, class V, auto Store>
 [[gnu::always_inline]] inline void fill_loop(char*& to, std::size_t& count, std::uint64_t pattern) {
   constexpr std::size_t bytes = Count * V::width;
@@ -152,7 +155,8 @@ template <std::size_t Count, class V, auto Store>
     fill_registers<V, Store>(to, block, std::make_index_sequence<Count>());
 }
 
-// Fills up to the destination's next boundary, by a whole register in the same way.
+// Fills up to the destination's next boundary. It stores a whole register, as copy_to_boundary
+// does.
 template <class V>
 [[gnu::always_inline]] inline void fill_to_boundary(char*& to, std::size_t& count,
                                                     std::uint64_t pattern) {
@@ -162,7 +166,7 @@ template <class V>
   count -= distance;
 }
 
-// The byte that a fill was given, in every byte of a word.
+// The byte that a fill was given, repeated in every byte of a word.
 inline std::uint64_t pattern_of(int value) {
   return static_cast<std::uint8_t>(value) * 0x0101010101010101u;
 }

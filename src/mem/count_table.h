@@ -5,9 +5,9 @@
 //   asm goto(ZORVAC_JUMP_BY_COUNT(ZORVAC_ENTRIES("1", nothing) ZORVAC_ENTRIES("%c[n]", something))
 //            : : [count] "r"(count), [n] "i"(63) : "r10", "r11", "cc" : nothing, something);
 //
-// The table holds 32-bit distances from its own start, so it needs no relocation. It is written in
-// assembler because a compiler turns a switch of many cases but few targets into comparisons, and
-// because nothing checks the count: it is below the number of entries.
+// The table holds 32-bit distances from its own start, so it needs no relocation. The count must be
+// below the number of entries; nothing checks it. The jump is written in assembler because a
+// compiler turns a switch with many cases and few targets into comparisons, and adds a check.
 #include <cstddef>
 
 #define ZORVAC_JUMP_BY_COUNT(entries)      \
@@ -18,13 +18,13 @@
   ".pushsection .rodata\n\t"               \
   ".balign 4\n"                            \
   "9:\n\t" entries ".popsection"
-// As many entries as `number` says, all to one label.
+// `number` entries, all to one label.
 #define ZORVAC_ENTRIES(number, label) ".rept " number "\n\t.long %l[" #label "] - 9b\n\t.endr\n\t"
 
 namespace zorvac::mem {
 namespace {
 
-// How many counts of a table from 0 to `limit` lie above `low` and not above `high`.
+// How many counts of a table from 0 to `limit` are above `low` and at most `high`.
 constexpr std::size_t entries(std::size_t limit, std::size_t low, std::size_t high) {
   return (high < limit ? high : limit) - (low < limit ? low : limit);
 }

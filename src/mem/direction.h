@@ -1,7 +1,7 @@
 #ifndef ZORVAC_MEM_DIRECTION_H
 #define ZORVAC_MEM_DIRECTION_H
-// In which direction a block is copied: as overlap demands, and where it leaves the choice, as the
-// low bytes of the two addresses say.
+// The direction of a copy. The overlap decides it; if both directions are exact, the low bytes of
+// the two addresses decide.
 #include <cstddef>
 #include <cstdint>
 
@@ -10,13 +10,14 @@
 namespace zorvac::mem {
 namespace {
 
-// Whether the destination begins inside the source, above its start: then only backwards is exact.
+// Whether the destination begins inside the source, above its start. Then only a backward copy is
+// exact.
 inline bool begins_inside(const char* to, const char* from, std::size_t count) {
   return reinterpret_cast<std::uintptr_t>(to) - reinterpret_cast<std::uintptr_t>(from) - 1 <
          count - 1;
 }
 
-// Forwards when the source's low byte, as a signed number, is greater than the destination's.
+// Forwards if the source's low byte, as a signed number, is greater than the destination's.
 inline way by_low_bytes(const char* to, const char* from) {
   const auto low = [](const char* p) {
     return static_cast<std::int8_t>(reinterpret_cast<std::uintptr_t>(p));

@@ -1,4 +1,4 @@
-// The dispatcher of block copies and its variants.
+// The dispatcher for block copies and its variants.
 #include "core/dispatch.inc"
 
 dispatch _zorva_fast_memcpy

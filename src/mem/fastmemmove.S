@@ -1,5 +1,5 @@
-// The dispatcher of overlapping moves and its variants. Below SSSE3 the C library's routine serves,
-// and processors above SSE4.2 have no variant of their own.
+// The dispatcher for moves, whose blocks may overlap, and its variants. Below SSSE3 it uses the C
+// library's routine. Processors above SSE4.2 use the SSE4.2 variant.
 #include "core/dispatch.inc"
 
 dispatch _zorva_fast_memmove

@@ -1,5 +1,5 @@
-// The dispatcher of fills and its variants. A fill has no misalignment to merge away, so the levels
-// between SSE2 and AVX2 have nothing to add.
+// The dispatcher for fills and its variants. A fill has no misaligned source, so the levels between
+// SSE2 and AVX2 would gain nothing.
 #include "core/dispatch.inc"
 
 dispatch _zorva_fast_memset

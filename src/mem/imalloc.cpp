@@ -1,11 +1,11 @@
-// The pool allocator: blocks of a few registered sizes, handed out in order and never reused one by
-// one. A pool starts over when all of its blocks have been freed.
+// The pool allocator. It hands out blocks of a few registered sizes in order, and never reuses a
+// single block: a pool starts over when all of its blocks have been freed.
 //
-// One lock guards everything rare: registration, new pools, draining, starting over. The two
-// frequent steps take none: a block is handed out by one compare-and-swap on the pool's counter,
-// and freed by one addition to another. Neither walks the list of pools: a registered size has its
-// first pool with room at hand, and a block's pool is found in a table in order of address.
-// docs/pool.md has the states and the proof.
+// One lock guards everything that is rare: registration, new pools, draining, starting over. The
+// two frequent steps take no lock: one compare-and-swap on a counter of the pool hands out a block,
+// and one addition to another counter frees it. Neither step walks the list of pools: each
+// registered size has a pointer to its first pool with room, and a table in order of address gives
+// the pool of a block. docs/pool.md has the states and the proof.
 #include "mem/imalloc.h"
 
 #include <cstdlib>
@@ -35,18 +35,18 @@ namespace {
 constexpr std::uint32_t usual_count = 30'000;
 constexpr std::uint32_t large_count = 300'000;  // for the sizes of small, very frequent objects
 
-// These stand where there is no pool: their size is nobody's, and no address lies in them.
+// Placeholders where there is no pool: no request has their size 0, and no address lies in them.
 constinit pool not_known;
 constinit pool none_left;
 
-// For each registered size, in the order of its list: the first pool in the list of pools that has
-// room; not_known where the list is yet to be walked; none_left where every pool is full and every
-// descriptor taken. Null, which no request finds, before the first registration. Written under the
-// lock. The first index is the kind, pool::zeroed.
+// For each registered size, in the order of the list of sizes: the first pool in the list of pools
+// that has room; not_known if the list must be walked first; none_left if every pool of the size is
+// full and every descriptor is taken. Null before the first registration, when no request finds an
+// entry. Written under the lock. The first index is the kind, pool::zeroed.
 constinit zorvac::atomic<pool*> first_with_room[2][max_sizes];
 
-// The tables that have been published, one for each pool that got its memory, and the one before
-// them. Null in place of a table where pools overlap: then the list is walked.
+// The address tables: an empty one, and one for each pool that got its memory. `located` is the
+// latest, or null if pools overlap; then the list is walked.
 constinit const address_table no_addresses = {1, {{0, &none_left}}};
 constinit address_table address_tables[max_pools];
 constinit zorvac::atomic<const address_table*> located = &no_addresses;
@@ -55,7 +55,7 @@ std::uint32_t count_for(std::uint32_t size) {
   return size == 40 || size == 48 || size == 96 ? large_count : usual_count;
 }
 
-// The thread that has the global lock; null where none has.
+// The thread that has the global lock; null if no thread has it.
 constinit zorvac::atomic<const void*> lock_holder;
 
 const void* this_thread() {
@@ -84,8 +84,8 @@ class global_lock {
 
 size_list& registered(std::uint32_t zeroed) { return zeroed != 0 ? Array_size_calloc : Array_size; }
 
-// Where `size` stands in the list; max_sizes where it does not. Size 0, which ends the list, never
-// does.
+// The index of `size` in the list; max_sizes if it is not there. Size 0 ends the list and is never
+// found.
 [[gnu::always_inline]] inline std::uint32_t index_of(const size_list& sizes, std::uint32_t size) {
   for (std::uint32_t i = 0; i < max_sizes; ++i) {
     const std::uint32_t entry = sizes[i].load_acquire();
@@ -95,7 +95,7 @@ size_list& registered(std::uint32_t zeroed) { return zeroed != 0 ? Array_size_ca
   return max_sizes;
 }
 
-// A descriptor that is in no list yet.
+// Initialises a descriptor that is in no list yet.
 void prepare(pool& p, std::uint32_t size, std::uint32_t count, std::uint32_t zeroed) {
   p.size = size;
   p.count = count;
@@ -107,8 +107,8 @@ void prepare(pool& p, std::uint32_t size, std::uint32_t count, std::uint32_t zer
   p.freed.store_relaxed(0);
 }
 
-// Puts a pool without memory, which looks full, at the head of the list. Under the global lock; not
-// all are taken.
+// Puts a pool without memory at the head of the list; it looks full. Under the global lock. The
+// caller has checked that a descriptor is free.
 pool& add_pool(std::uint32_t size, std::uint32_t zeroed) {
   pool& p = work_pool[last_pool_num++];
   prepare(p, size, count_for(size), zeroed);
@@ -118,8 +118,9 @@ pool& add_pool(std::uint32_t size, std::uint32_t zeroed) {
   return p;
 }
 
-// Publishes a table with `p` at `memory` in it. Under the global lock, once for each pool. Readers
-// may have any earlier table at hand, so none is ever changed.
+// Publishes a table that also has `p`, at `memory`. If the pool's blocks do not fit its memory, it
+// publishes null instead. Under the global lock, once for each pool. Readers may still use any
+// earlier table, so no table is ever changed.
 void locate(pool& p, const char* memory, bool fits) {
   const address_table* const old = located.load_relaxed();
   if (old == nullptr) return;
@@ -134,9 +135,9 @@ void locate(pool& p, const char* memory, bool fits) {
   located.store_release(&table);
 }
 
-// Whether malloc has just mapped the memory, and nothing has written to it since. An allocator that
-// fills what it gives (glibc's does under the tunable malloc.perturb) fills all of it, so both ends
-// tell. `bytes` is a multiple of 16.
+// Whether malloc has just mapped the memory and nothing has written to it since. An allocator that
+// fills its blocks (glibc's does under the tunable glibc.malloc.perturb) fills all of a block, so
+// it is enough to look at both ends. `bytes` is a multiple of 16.
 bool is_zero(const char* memory, std::size_t bytes) {
   if (bytes == 0 || !zorvac::mem::is_fresh(memory)) return false;
   const auto* const words = reinterpret_cast<const std::uint64_t*>(memory);
@@ -145,13 +146,13 @@ bool is_zero(const char* memory, std::size_t bytes) {
 
 // Starts a drained or new pool and returns its first block. Under the global lock.
 //
-// A new pool takes its memory from malloc. Where malloc has none, null is the answer, and the pool
-// stays without: the next request of its size comes here again.
+// A new pool takes its memory from malloc. If malloc returns null, this returns null, and the pool
+// stays without memory: the next request of its size comes here again.
 //
-// The counter of handed-out blocks is stored last: whoever sees it may take the second block at
-// once, so all else is done.
+// The counter of handed-out blocks is stored last: as soon as a thread sees it, that thread may
+// take the second block, so everything else must be done before.
 [[gnu::noinline, gnu::cold]] char* start(pool& p) {
-  // A 32-bit signed product; a negative one is more than malloc will ever give.
+  // A 32-bit signed product. A negative one becomes a size that malloc never has.
   const auto bytes = static_cast<std::size_t>(static_cast<std::int32_t>(p.count * p.size));
   char* memory = p.saved_base;
   bool clear = p.zeroed != 0;
@@ -169,7 +170,8 @@ bool is_zero(const char* memory, std::size_t bytes) {
   return memory;
 }
 
-// Adds 1 to a counter that is `index`. Otherwise, or for no reason, leaves what it is in `index`.
+// If the counter is `index`, adds 1 to it and returns true. Otherwise, or spuriously, copies the
+// counter to `index` and returns false.
 [[gnu::always_inline]] inline bool take(zorvac::atomic<std::uint32_t>& counter,
                                         std::uint32_t& index) {
   if (!zorvac::mem::is_single_threaded()) return counter.try_replace_acquire(index, index + 1);
@@ -177,8 +179,8 @@ bool is_zero(const char* memory, std::size_t bytes) {
   return true;
 }
 
-// The next block of a pool; null where it is full, as a drained pool looks, too. A block that is
-// taken keeps the pool from draining, so `base` is there.
+// The next block of a pool; null if the pool is full. A drained pool looks full too. A pool cannot
+// drain while a block of it is taken, so `base` is set.
 [[gnu::always_inline]] inline char* next_block(pool& p, std::uint32_t size) {
   std::uint32_t index = p.handed_out.load_relaxed();
   do {
@@ -188,12 +190,12 @@ bool is_zero(const char* memory, std::size_t bytes) {
 }
 
 struct answer {
-  bool from_pool;  // or else from the system
-  char* block;     // null where there is no memory
+  bool from_pool;  // false: the request goes to the system
+  char* block;     // null if there is no memory
 };
 
-// A block from the first pool that has one or is drained, or from a new pool. While the lock is
-// held a full pool stays full, so what is found is the first pool with room.
+// A block from the first pool that has room or is drained, or from a new pool. While the lock is
+// held, a full pool stays full, so the walk finds the first pool with room.
 [[gnu::noinline]] answer take_with_lock(std::uint32_t size, std::uint32_t zeroed) {
   const global_lock held;
   const std::uint32_t index = index_of(registered(zeroed), size);
@@ -223,8 +225,8 @@ template <class System>
   return a.from_pool ? a.block : from_system();
 }
 
-// Nearly every request ends at the first pool with room, and this much needs no stack frame. The
-// size is another one where there is no pool, or a registration has just replaced the list.
+// Nearly every request is served by the first pool with room, and this part needs no stack frame.
+// The pool's size differs if it is a placeholder, or if a registration has just replaced the list.
 template <class System>
 [[gnu::always_inline]] inline void* allocate(std::uint32_t size, std::uint32_t zeroed,
                                              System from_system) {
@@ -255,7 +257,8 @@ template <class System>
   const auto address = reinterpret_cast<std::uintptr_t>(block);
   const address_table* const table = located.load_acquire();
   if (table == nullptr) return walk_to_pool_of(address);
-  // The entry is one of `n` from `at` on. Without a branch: which half it is nobody can foresee.
+  // The entry is one of the `n` entries from `at` on. The choice of the half is computed without a
+  // branch, because it cannot be predicted.
   const address_table::entry* at = table->entries;
   for (std::uint32_t n = table->count; n > 1;) {
     const std::uint32_t half = n / 2;
@@ -265,7 +268,7 @@ template <class System>
   return holds(*at->owner, address) ? at->owner : nullptr;
 }
 
-// Under the global lock. The pool has room now, and may stand before the one at hand.
+// Under the global lock. The pool now has room, and may come before the stored first pool.
 void set_drained(pool& p) {
   char* const base = p.base.load_relaxed();
   if (base == nullptr) return;
@@ -288,11 +291,11 @@ void set_drained(pool& p) {
   return sum;
 }
 
-// Around a fork the forking thread has the lock, so that a child finds nothing half done under it.
-// It has it already where the fork is in a signal handler that interrupted it meanwhile: then the
-// interrupted frames will release it, in the child too.
-bool handles_forks = false;      // both under the lock
-unsigned forks_in_handlers = 0;  // between the handlers before them and after
+// The forking thread holds the lock during a fork, so that a child finds everything under the lock
+// complete. If the fork is in a signal handler that interrupted the thread while it held the lock,
+// the handlers do not take it: the interrupted code releases it, in the child too.
+bool handles_forks = false;      // this and the next: under the lock
+unsigned forks_in_handlers = 0;  // forks in signal handlers that are between their fork handlers
 
 void before_fork() {
   if (lock_holder.load_relaxed() == this_thread()) {
@@ -310,8 +313,8 @@ void after_fork_in_parent() {
   }
 }
 
-// A thread that has freed a pool's last block but not got the lock yet is not in the child, which
-// drains that pool in its place.
+// A thread of the parent may have freed a pool's last block without yet getting the lock. That
+// thread does not exist in the child, so the child drains the pool here.
 void after_fork_in_child() {
   for (pool& p : work_pool)
     if (forks_in_handlers == 0 && p.freed.load_relaxed() == p.count) set_drained(p);
@@ -328,10 +331,10 @@ void __fast_lock(std::uint32_t* lock) {
     }
 }
 
-// An exchange, and so a full barrier; for less, clang would make it a plain store.
+// An exchange, and so a full barrier. With a weaker order, clang would make it a plain store.
 void __fast_unlock(std::uint32_t* lock) { __atomic_exchange_n(lock, 0, __ATOMIC_SEQ_CST); }
 
-// Descriptors in the list keep what they have: their blocks are in the program's hands.
+// Descriptors that are in the list of pools stay as they are: the program uses their blocks.
 void __i_pool_init(const std::uint32_t* sizes, int for_calloc) {
   const global_lock held;
   if (!handles_forks) {

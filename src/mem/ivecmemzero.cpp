@@ -1,5 +1,5 @@
-// The probing fill with zeros under its second name. Its second argument stands where a fill has
-// its value.
+// The probing fill with zeros under its second name. It ignores its second argument, which is in
+// the place of a fill's value.
 #include "mem/probing.h"
 #include "zorvac/mem.h"
 

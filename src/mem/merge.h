@@ -1,23 +1,23 @@
 #ifndef ZORVAC_MEM_MERGE_H
 #define ZORVAC_MEM_MERGE_H
-// Copies between an aligned destination and a source that is not, with aligned accesses only: the
-// source is read in the 16-byte blocks it lies across, and each block of the destination is merged
-// from two neighbours.
+// Copies from a misaligned source to an aligned destination, with aligned accesses only. The source
+// is read in aligned 16-byte blocks, and each block of the destination is merged from two
+// neighbouring source blocks.
 //
 //     source blocks       |.....abcdefghijk|lmnopqrstuvwxyzA|BCD...      skip = 5
 //                               '---------+-----'
 //     destination blocks  |abcdefghijklmnop|qrstuvwxyzABCDEF|...
 //
-// The shift is part of the instruction, so each of the 15 misalignments has a loop of its own, and
-// the block that two iterations share stays in a register. A source block is read only if a byte of
-// it is wanted; since it is aligned, it lies in a page that the source has bytes in.
+// The shift is an immediate operand, so each of the 15 misalignments has a loop of its own. The
+// block that two iterations share stays in a register. A source block is read only if a byte of it
+// is needed. It is aligned, so it lies within a page that holds bytes of the source.
 #include "mem/bulk.h"
 
 namespace zorvac::mem {
 namespace {
 
-// Merges as many blocks as there are indices. The source block that was loaded before comes in as
-// `carried`, and the one that the next iteration shares goes out.
+// Merges as many blocks as there are indices. `carried` is the source block that the previous
+// iteration loaded; on return, it is the one that the next iteration shares.
 template <int Skip, way Way, std::size_t... I>
 [[gnu::always_inline]] inline void merge_blocks(char* to, const char* from, __m128i& carried,
                                                 std::index_sequence<I...>) {
@@ -44,7 +44,7 @@ template <int Skip, std::size_t Count, class Prefetch, class Rest>
   } while (rest.count >= bytes);
 }
 
-// Copies `Count` blocks an iteration while that many remain; the source is misaligned by `skip`, 1
+// Copies `Count` blocks per iteration while that many remain. The source is misaligned by `skip`, 1
 // to 15 bytes.
 template <std::size_t Count, class Prefetch, class Rest>
 [[gnu::always_inline]] inline void merge(Rest& rest, std::size_t skip) {
@@ -73,7 +73,8 @@ template <std::size_t Count, class Prefetch, class Rest>
   }
 }
 
-// Copies `Count` blocks an iteration while that many remain, as the source's alignment wants it.
+// Copies `Count` blocks per iteration while that many remain, by merging if the source is
+// misaligned.
 template <std::size_t Count, class Prefetch, class Rest>
 void copy_through_caches(Rest& rest) {
   const std::size_t skip = misalignment(rest.source_edge(), xmm::width);

@@ -1,14 +1,14 @@
 #ifndef ZORVAC_MEM_PROBING_H
 #define ZORVAC_MEM_PROBING_H
-// Copies and fills that ask the processor whether the destination is in its caches, by timing a
-// load, and store past the caches if it is not. Small blocks are left to the string instructions.
+// Copies and fills that time a load to find out whether the destination is in the caches. If it is
+// not, they store past the caches. Small blocks are done by the string instructions.
 #include "mem/bulk.h"
 #include "mem/string_instructions.h"
 
 namespace zorvac::mem {
 namespace {
 
-constexpr std::size_t unprobed = 16384;  // the largest count that string instructions do
+constexpr std::size_t unprobed = 16384;  // the largest count for the string instructions
 constexpr std::size_t registers = 8, iteration = registers * xmm::width;
 
 // The low half of the time-stamp counter.
@@ -18,7 +18,7 @@ inline std::uint32_t time_stamp() {
   return low;
 }
 
-// Whether reading this byte takes more than three times as long as reading the counter.
+// Whether a read of this byte takes more than three times as long as a read of the counter.
 inline bool misses(const char* p) {
   const std::uint32_t t0 = time_stamp(), t1 = time_stamp();
   static_cast<void>(*static_cast<const volatile char*>(p));
@@ -26,7 +26,7 @@ inline bool misses(const char* p) {
   return std::uint64_t{3} * (t1 - t0) < t2 - t1;
 }
 
-// Whether the destination is out of the caches, judged by two of its bytes.
+// Whether the destination is outside of the caches, judged by two of its bytes.
 inline bool is_uncached(const char* to, std::size_t bulk) {
   return misses(to + bulk / 4) && misses(to + bulk / 4 * 3);
 }
@@ -42,7 +42,8 @@ inline void finish(const Action& act, std::size_t count) {
 using copy_function = void*(void*, const void*, std::size_t);
 using fill_function = void*(void*, int, std::size_t);
 
-// `Self` is the routine itself, which does what follows the bytes that align the destination.
+// `Self` is the routine itself. If the destination is misaligned, the bytes up to its boundary are
+// copied here, and a call of `Self` copies the rest.
 template <copy_function* Self>
 void* probing_copy(void* const destination, const void* source, std::size_t count) {
   remainder<way::forwards> rest{static_cast<char*>(destination), static_cast<const char*>(source),

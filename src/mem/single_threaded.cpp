@@ -1,8 +1,8 @@
-// Where the C library says whether the process has one thread.
+// The variable in which the C library says whether the process has only one thread.
 //
-// The word is younger than the oldest C library that we run with, and the shared library would
-// insist on the version of the reference even though it is weak. A name that ends in an at sign
-// makes the linker refer to the word without a version.
+// The oldest C libraries that we support do not have it. The reference is weak, but the loader
+// would still require the version that the reference names. A symbol name that ends in "@" makes
+// the linker refer to the variable without a version.
 #include "mem/single_threaded.h"
 
 extern "C" {

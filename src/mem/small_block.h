@@ -3,18 +3,18 @@
 // Small blocks: one indirect jump, through a table indexed by the exact count, to straight-line
 // code.
 //
-// Many counts share their code, because it addresses the block from both ends. Two vectors at each
-// end serve every count up to four vectors; and with the inner pair moved in by a distance that is
-// computed, not branched on, the same code serves every count from one vector to four:
+// Many counts share the same code, because it addresses the block from both ends. The code handles
+// two vectors at each end. The inner two are moved in by a computed distance, without a branch, so
+// the same code serves every count from one vector to four:
 //
 //        0    w                      n-w   n            w = 16, n = 50
 //        |AAAA|                       |DDDD|
 //             |BBBB|             |CCCC|                 33 to 64: inner pair moved in by w
-//        |BBBB|                       |CCCC|            17 to 32: not moved, it repeats the outer
+//        |BBBB|                       |CCCC|            17 to 32: inner pair equal to the outer
 //
-// So there are few targets, and the jump is predicted well when counts are not: of random counts up
-// to 64, three in four take the same way. All that is copied is loaded before the first store;
-// source and destination may therefore overlap in any way.
+// So there are few targets, and the jump is predicted well even if the counts vary at random: of
+// the counts up to 64, three in four go to the same target. The whole block is loaded before the
+// first store, so source and destination may overlap in any way.
 #include <utility>
 
 #include "mem/count_table.h"
@@ -23,8 +23,8 @@
 namespace zorvac::mem {
 namespace {
 
-// What is done at a set of offsets of a block, in registers of type V: copying, which loads all of
-// them before it stores any, and filling.
+// The two actions on a block, at a set of offsets and in registers of type V: copying, which loads
+// all registers before it stores any, and filling.
 struct copying {
   char* to;
   const char* from;
@@ -45,7 +45,7 @@ struct copying {
 
 struct filling {
   char* to;
-  std::uint64_t pattern;  // the byte, eight times
+  std::uint64_t pattern;  // the byte, repeated eight times
 
   template <class V, std::size_t Count>
   [[gnu::always_inline]] void at(const std::size_t (&offset)[Count]) const {
@@ -61,7 +61,8 @@ struct filling {
   }
 };
 
-// K registers at each end of the block: counts from K to 2K registers.
+// Let K be the number of indices. K registers at each end of the block, for counts from K to 2K
+// registers.
 template <class V, class Action, std::size_t... K>
 [[gnu::always_inline]] inline void halves(const Action& act, std::size_t count,
                                           std::index_sequence<K...>) {
@@ -69,8 +70,9 @@ template <class V, class Action, std::size_t... K>
   act.template at<V>({K * V::width..., last + K * V::width...});
 }
 
-// K registers at each end and K beside them: counts from K to 4K registers. The inner ones are
-// moved in by K registers' width where the count exceeds twice that, a power of two.
+// K registers at each end and K inner ones beside them, for counts from K to 4K registers. `span`,
+// the width of K registers, is a power of two. The inner registers are moved in by `span` if the
+// count is above 2 * span.
 template <class V, class Action, std::size_t... K>
 [[gnu::always_inline]] inline void quarters(const Action& act, std::size_t count,
                                             std::index_sequence<K...>) {
@@ -80,9 +82,10 @@ template <class V, class Action, std::size_t... K>
                       last + K * V::width...});
 }
 
-// Eight registers, of which any number may coincide: counts from one register to eight. From the
-// start they lie at 0, a, b and a + b, where b is two registers above four of them and a is one
-// above two; from the end they mirror that.
+// Eight registers, some of which may coincide, for counts from one register to eight. Four of them
+// lie at the offsets 0, a, b and a + b from the start, and the other four mirror these from the
+// end. b is the width of two registers if the count is above four registers, otherwise 0. a is the
+// width of one register if the count is above two registers, otherwise 0.
 template <class V, class Action>
 [[gnu::always_inline]] inline void eighths(const Action& act, std::size_t count) {
   const std::size_t half = (count - 1) / 2, last = count - V::width;
@@ -90,9 +93,10 @@ template <class V, class Action>
   act.template at<V>({0, a, b, a + b, last - a - b, last - b, last - a, last});
 }
 
-// What a member does with counts above 16: the largest count of each of up to three classes, and
-// the shape of the class. Fewer classes are easier to predict, more take fewer registers; the
-// choices are those that bench/mem favoured, where counts cannot be predicted above all.
+// What a member does with counts above 16: up to three classes of counts, each with its largest
+// count and its code. Fewer classes make the jump easier to predict; more classes need fewer
+// registers for each count. The choices are those that were fastest in bench/mem, above all in its
+// rows with unpredictable counts.
 struct by_xmm {
   static constexpr std::size_t middle = 128, wide = 192, widest = wide;
   template <class Action>
@@ -101,7 +105,7 @@ struct by_xmm {
   }
   template <class Action>
   [[gnu::always_inline]] static void do_wide(const Action& act, std::size_t count) {
-    halves<xmm>(act, count, std::make_index_sequence<6>());  // 12 of the 16 registers
+    halves<xmm>(act, count, std::make_index_sequence<6>());  // uses 12 of the 16 registers
   }
 };
 

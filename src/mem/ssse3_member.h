@@ -1,18 +1,18 @@
 #ifndef ZORVAC_MEM_SSSE3_MEMBER_H
 #define ZORVAC_MEM_SSSE3_MEMBER_H
-// What the SSSE3 members share, copies and moves: all but the limit of their table and what they do
-// with blocks that the caches cannot hold. Those are a type, here called Member:
+// The code that the SSSE3 members share, copies and moves. They differ in the limit of their table
+// and in how they copy blocks that the caches cannot hold. A type, here called Member, has these:
 //
-//   small               the largest count that its table serves
-//   is_large            whether a block, whose aligned part has so many bytes, is to be
-//   copy_large_bulk     copied by this
+//   small               the largest count that the table serves
+//   is_large            whether copy_large_bulk copies a block whose aligned part has that count
+//   copy_large_bulk     copies the bulk of a block that the caches cannot hold
 #include "mem/direction.h"
 #include "mem/merge.h"
 
 namespace zorvac::mem {
 namespace {
 
-constexpr std::size_t registers = 8;  // an iteration copies 128 bytes
+constexpr std::size_t registers = 8;  // per iteration: 128 bytes
 constexpr std::size_t iteration = registers * xmm::width;
 
 template <class Member, way Way>
@@ -30,9 +30,9 @@ template <class Member, way Way>
   return to;
 }
 
-// One table serves both directions: its code addresses the block from both ends and has loaded all
-// of it before the first store, so a table that works backwards would have the same entries, and a
-// choice between the two by the addresses could only be mispredicted.
+// One table serves both directions. Its code addresses the block from both ends and loads all of it
+// before the first store, so a table for the backward direction would have the same entries. A
+// choice between the two would only add a branch that can be mispredicted.
 template <class Member>
 [[gnu::always_inline]] inline void* copy_small(char* to, const char* from, std::size_t count) {
   small_block<by_xmm, Member::small>(copying{to, from}, count);

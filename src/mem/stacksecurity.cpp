@@ -1,21 +1,23 @@
-// The guard of stack buffers. Compiled code puts the cookie between its buffers and its return
-// address on entry, and has the check compare it before it returns.
+// The guard of stack buffers. On entry, compiled code puts the cookie between its buffers and its
+// return address. Before it returns, it calls the check, which compares the cookie.
 //
-// The check stands between a result and its return, so it changes no register when it returns. The
-// public header declares both names; its inline functions need the registers that are off here.
+// When the check is called, the registers already hold the caller's result, so it changes no
+// register. The public header is not included here: its inline functions need vector registers,
+// which this source may not use.
 #include <cstdint>
 
 #include "core/export.h"
 #include "startup/vrt_msg_support.h"
 
-// Every way in which a string copy ends is in it: NUL, CR, LF and the end-of-file mark. As a string
-// it is empty, so that a copied string cannot reproduce it.
+// The value has the bytes that end a copy of a string or a line: NUL, LF, CR and 0xff, the
+// end-of-file mark. As a string it is empty, so a copied string cannot reproduce it.
 extern "C" {
 __attribute__((visibility("default"))) std::uint64_t __zorva_security_cookie = 0x0a0dff00;
 }
 
 namespace {
-// Promises what the check promises, so that the check need not save registers before it knows.
+// Has the same register promise as the check, so that the check saves no registers before the
+// comparison.
 [[noreturn, gnu::noinline, gnu::cold]] ZORVAC_PRESERVES_REGISTERS void report_overrun() {
   __libvrt_print(zorvac::startup::to_standard_error, zorvac::startup::message::buffer_overrun, 0);
   __builtin_abort();

@@ -1,7 +1,7 @@
 #ifndef ZORVAC_MEM_STRING_INSTRUCTIONS_H
 #define ZORVAC_MEM_STRING_INSTRUCTIONS_H
-// The repeated string instructions, upwards: the direction flag is clear between functions. Each
-// advances the pointers past what it has done.
+// The repeated string instructions, in the upward direction: the calling convention keeps the
+// direction flag clear. Each advances the pointers past what it has done.
 #include <cstddef>
 #include <cstdint>
 

@@ -1,10 +1,10 @@
 #ifndef ZORVAC_MEM_VECTORS_H
 #define ZORVAC_MEM_VECTORS_H
-// The registers that blocks travel in, from one byte to 64, with one interface: a worker is written
-// over such a type, and its processor level is the choice of it.
+// The registers that hold parts of blocks, from 1 byte to 64, all with the same interface. A worker
+// is a template over such a type, and the type determines its processor level.
 //
-// Everything in this folder's headers has internal linkage. A source compiled for AVX thus keeps
-// what it instantiates to itself; otherwise the linker might give its copy to everybody.
+// Everything in this folder's headers has internal linkage. A source that is compiled for AVX thus
+// keeps its instances to itself; otherwise the linker might choose its copy for all sources.
 #include <immintrin.h>
 
 #include <cstddef>
@@ -20,14 +20,14 @@ struct general {
   static constexpr std::size_t width = sizeof(Word);
   static reg load(const char* p) {
     reg word = *reinterpret_cast<const unaligned*>(p);
-    asm("" : "+r"(word));  // in this register: a compiler would pair adjacent words in a vector
+    asm("" : "+r"(word));  // a compiler would combine adjacent words into a vector
     return word;
   }
   static void store(char* p, reg v) { *reinterpret_cast<unaligned*>(p) = v; }
   static void stream(char* p, reg v) requires(width == 8) {
     _mm_stream_si64(reinterpret_cast<long long*>(p), static_cast<long long>(v));
   }
-  // A byte repeated in every byte of `pattern`, as a register full of it.
+  // A register full of the byte that `pattern` repeats.
   static reg replicate(std::uint64_t pattern) { return static_cast<reg>(pattern); }
 };
 using u8 = general<std::uint8_t>;
@@ -47,7 +47,7 @@ struct xmm {
   static reg replicate(std::uint64_t pattern) {
     return _mm_set1_epi64x(static_cast<long long>(pattern));
   }
-  // The 16 bytes that begin `Skip` bytes into `low` and end in `high`, its neighbour above.
+  // The 16 bytes that begin `Skip` bytes into `low` and end in `high`, the next block in memory.
   template <int Skip>
   static reg merge(reg low, reg high) {
 #ifdef __SSSE3__
@@ -87,7 +87,7 @@ struct zmm {
 };
 #endif
 
-// Prefetches, named after their instructions; the values are the compilers' measure of locality.
+// Prefetches, named after their instructions. The values are the locality argument of the builtin.
 enum class hint { nta = 0, t1 = 2, t0 = 3 };
 template <hint Hint>
 [[gnu::always_inline]] inline void prefetch(const char* p) {

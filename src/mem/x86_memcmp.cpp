@@ -1,5 +1,5 @@
-// Block comparison for every processor: words from the start, and at the first difference the words
-// reversed, so that the first byte in memory weighs most.
+// Block comparison for every processor. It compares words from the start. At the first difference
+// it reverses the bytes of both words, so that the first byte in memory is the most significant.
 #include <cstdint>
 
 #include "zorvac/mem.h"

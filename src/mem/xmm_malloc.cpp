@@ -1,5 +1,5 @@
-// Blocks at any alignment. In front of each stands the pointer that malloc gave; nothing records
-// size or alignment.
+// Blocks at any alignment. The pointer from malloc is stored in front of each block. Nothing
+// records the size or the alignment.
 //
 //   raw            result - 8    result
 //   | unused       | raw         | size bytes                    | unused
@@ -17,14 +17,14 @@ void* zorvac_mm_malloc(std::size_t size, std::size_t alignment) {
   void* const raw = std::malloc(total);
   if (raw == nullptr) return nullptr;
 
-  // Rounding down takes at most alignment - 1, so the result is at least raw + 8, and at most
-  // raw + 8 + (alignment - 1). Where the alignment was raised the block has no room for it and
-  // needs none: malloc's own alignment puts the result at raw + 8.
+  // Rounding down subtracts at most alignment - 1, so the result is at least raw + 8, and at most
+  // raw + 8 + (alignment - 1). If the alignment was raised to 8 here, the block has no room for it
+  // and needs none: malloc aligns to 16 bytes, so the result is raw + 8.
   if (alignment < word) alignment = word;
   const std::uintptr_t result =
       (reinterpret_cast<std::uintptr_t>(raw) + alignment + word - 1) & ~(alignment - 1);
   void** const block = reinterpret_cast<void**>(result);  // NOLINT(performance-no-int-to-ptr)
-  // An alignment that is no power of two may put the word anywhere.
+  // If the alignment is no power of two, the place of the word may be misaligned.
   __builtin_memcpy(block - 1, &raw, sizeof raw);
   return block;
 }

@@ -1,5 +1,5 @@
-// The copy for AVX2: a loop within the first-level cache, the string instruction beyond it, and
-// past the caches what they cannot hold.
+// The copy for AVX2: a loop for blocks within the first-level cache, the string instruction for
+// larger ones, and stores past the caches for blocks that these cannot hold.
 #include "mem/bulk.h"
 #include "mem/string_instructions.h"
 #include "zorvac/mem.h"
@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t small = 256;
 constexpr std::size_t registers = 8, iteration = registers * ymm::width;
-// A streamed iteration leaves at least this much, so that its prefetches stay within the block.
+// A streamed iteration leaves at least this many bytes, so its prefetches stay within the block.
 constexpr std::size_t prefetched = 768;
 using look_ahead = prefetch_source<hint::t0, 512, 576, 640, 704>;
 

@@ -1,4 +1,5 @@
-// The fill for AVX2: a loop within the first-level cache, the string instruction beyond it.
+// The fill for AVX2: a loop for blocks within the first-level cache, the string instruction for
+// larger ones.
 #include "mem/bulk.h"
 #include "mem/string_instructions.h"
 #include "zorvac/mem.h"

@@ -1,5 +1,5 @@
-// The copy and the move for SSE2; where the load-time method says so, the bulk goes through general
-// registers.
+// The copy and the move for SSE2. If the load-time method is not 2 (SSE2), the bulk goes through
+// general registers.
 #include "mem/direction.h"
 #include "mem/merge.h"
 #include "zorvac/mem.h"
@@ -11,7 +11,8 @@ namespace {
 constexpr std::size_t small = 176;
 using look_ahead = prefetch_source<hint::nta, 384>;
 
-// Past the caches. The whole registers that the loop leaves still find the destination aligned.
+// Copies past the caches. After the loop the destination is still aligned, so the remaining whole
+// registers are stored aligned.
 template <class Rest>
 void stream_registers(Rest& rest) {
   copy_loop<4, xmm::load, xmm::stream, look_ahead>(rest, 64);
@@ -45,9 +46,10 @@ void copy_by_words(Rest& rest) {
   _mm_sfence();
 }
 
-// Copies a block from the destination's next boundary on: the bulk, and what it leaves through the
-// table. The bytes up to the boundary are stored last, as part of a register that was loaded first.
-// So one piece of code serves every distance, none included, and is exact for blocks that overlap.
+// Copies a block. The bytes up to the destination's next boundary are part of a register that is
+// loaded first and stored last. In between, the bulk is copied from the boundary on, and the rest
+// through the table. The same code serves every distance to the boundary, including 0, and is exact
+// for blocks that overlap.
 template <class V, auto Bulk, class Rest>
 [[gnu::always_inline]] inline void copy_from_boundary(Rest& rest) {
   const std::size_t first = rest.next(V::width);
@@ -59,7 +61,7 @@ template <class V, auto Bulk, class Rest>
   V::store(to, saved);
 }
 
-// Whether a block is large is measured from the destination's word boundary on.
+// A block counts as large by its bytes from the destination's word boundary on.
 template <way Way>
 [[gnu::noinline]] void* copy_large(char* to, const char* from, std::size_t count) {
   remainder<Way> rest{to, from, count};

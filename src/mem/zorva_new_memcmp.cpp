@@ -1,5 +1,5 @@
-// The comparison: words in memory order, and for small counts an indirect jump by the count to as
-// many of them, straight on, as it takes.
+// The comparison: words in memory order. For small counts, an indirect jump by the count goes to
+// straight-line code for that number of words.
 #include <utility>
 
 #include "mem/count_table.h"
@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t small = 64;
 
-// -1 or +1, for words that differ, as their first bytes in memory that do.
+// The order of two words that differ, -1 or +1: that of their first bytes in memory that differ.
 int order(std::uint64_t x, std::uint64_t y) {
   return __builtin_bswap64(x) < __builtin_bswap64(y) ? -1 : 1;
 }
@@ -27,7 +27,8 @@ template <std::size_t Count, std::size_t... I>
   return differ ? order(x, y) : 0;
 }
 
-// The first word, then the last ones up to the end. They may overlap it: what it had is equal.
+// Compares the first word, then the last ones up to the end. These may overlap the first word,
+// whose bytes are equal by then.
 template <std::size_t... Last>
 [[gnu::always_inline]] inline int compare_to_end(const char* a, const char* b, std::size_t count,
                                                  std::index_sequence<Last...>) {
@@ -36,7 +37,7 @@ template <std::size_t... Last>
                        std::make_index_sequence<last + 1>());
 }
 
-// Fewer than 8 bytes, gathered into a word each, the first one lowest.
+// Compares fewer than 8 bytes, gathered into one word for each block, the first byte lowest.
 int compare_gathered(std::uint64_t x, std::uint64_t y) { return x == y ? 0 : order(x, y); }
 std::uint64_t three_bytes(const char* p, std::size_t count) {
   const std::uint64_t first = u8::load(p), middle = u8::load(p + count / 2),
@@ -88,7 +89,7 @@ to_64:
 extern "C" int __zorva_new_memcmp(const void* first, const void* second, std::size_t count) {
   const auto* a = static_cast<const char*>(first);
   const auto* b = static_cast<const char*>(second);
-  if (static_cast<std::ptrdiff_t>(count) < 1) return 0;  // the count is signed here
+  if (static_cast<std::ptrdiff_t>(count) < 1) return 0;  // here the count is signed
   while (count > small) {
     const int result =
         compare_words(a, b, {0, 8, 16, 24, 32, 40, 48, 56}, std::make_index_sequence<8>());

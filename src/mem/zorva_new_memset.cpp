@@ -1,4 +1,5 @@
-// The fill for SSE2; where the load-time method says so, the bulk goes through general registers.
+// The fill for SSE2. If the load-time method is below 2 (SSE2), the bulk goes through general
+// registers.
 #include "mem/bulk.h"
 #include "zorvac/mem.h"
 
@@ -17,7 +18,7 @@ void fill_by_registers(char*& to, std::size_t& count, std::uint64_t pattern) {
   _mm_sfence();
 }
 
-// Here an unknown cache size, 0, rules streaming out.
+// Here an unknown cache size, 0, means that nothing is streamed.
 void fill_by_words(char*& to, std::size_t& count, std::uint64_t pattern) {
   fill_to_boundary<u64>(to, count, pattern);
   const std::size_t cache = bytes_of(__libvrt_largest_cache_size);

@@ -1,4 +1,4 @@
-// The copy and the move for SSSE3, which merges two neighbouring blocks in one instruction.
+// The copy and the move for SSSE3, which has an instruction that merges two neighbouring blocks.
 #include "mem/ssse3_member.h"
 #include "zorvac/mem.h"
 
@@ -6,7 +6,7 @@ using namespace zorvac::mem;
 
 namespace {
 
-// Streams whatever exceeds half the largest cache.
+// Streams blocks larger than half the largest cache.
 struct member {
   static constexpr std::size_t small = 79;
 

@@ -1,6 +1,6 @@
-// The copy and the move for SSE4.2 processors. A block that the caches cannot hold is split: its
-// first part is stored past them, and the part copied last, which is likely to be used next, is
-// copied through them.
+// The copy and the move for SSE4.2 processors. A block that the caches cannot hold is split. The
+// part that is copied first is stored past the caches. The part that is copied last goes through
+// them, because it is likely to be used next.
 //
 //     forwards    |--------- streamed ---------|---- through the caches ----|
 //     backwards   |---- through the caches ----|--------- streamed ---------|
@@ -11,7 +11,7 @@ using namespace zorvac::mem;
 
 namespace {
 
-constexpr std::size_t least_streamed = 4096;  // not worth the fence up to here
+constexpr std::size_t least_streamed = 4096;  // up to here, streaming is not worth its fence
 
 // Prefetches ahead of the source and of the destination.
 template <hint Hint, std::size_t... Distance>
@@ -23,7 +23,7 @@ struct prefetch_both {
   }
 };
 
-// The load fence keeps the loads of an iteration together, ahead of its stores.
+// The load fence completes all loads of an iteration before its stores.
 template <std::size_t... I>
 [[gnu::always_inline]] inline void stream_registers(char* to, const char* from,
                                                     std::index_sequence<I...>) {
@@ -43,7 +43,7 @@ void stream(Rest& rest, std::size_t count) {
   _mm_sfence();
 }
 
-// How many bytes of a large block to store past the caches.
+// How many bytes of a large block are stored past the caches.
 std::size_t part_to_stream(std::size_t count) {
   const std::size_t half = bytes_of(__libvrt_largest_cache_size_half);
   const std::size_t cached = count < half ? count : half, rest = count - cached;
@@ -54,7 +54,7 @@ std::size_t part_to_stream(std::size_t count) {
 struct member {
   static constexpr std::size_t small = 143;
 
-  // Whether a block is so large that the split is considered.
+  // Whether a block is large enough for a split to be considered.
   template <class Rest>
   static bool is_large(const Rest& rest, std::size_t aligned_count) {
     if (Rest::direction == way::backwards)

@@ -1,4 +1,4 @@
-// The copy for AVX-512: whatever has a bulk is stored past the caches.
+// The copy for AVX-512. The bulk, from 512 bytes on, is stored past the caches.
 #include "mem/bulk.h"
 #include "zorvac/mem.h"
 
@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::size_t small = 127;
 constexpr std::size_t registers = 8, iteration = registers * zmm::width;
-// Lines are prefetched this far ahead: before the loop the first ones, then one with each load.
+// How far ahead lines are prefetched: the first ones before the loop, then one with each load.
 constexpr std::size_t prefetched = 1536;
 
 template <std::size_t... Line>

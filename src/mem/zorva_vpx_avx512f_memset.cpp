@@ -1,4 +1,4 @@
-// The fill for AVX-512: whatever has a bulk is stored past the caches.
+// The fill for AVX-512. The bulk, from 512 bytes on, is stored past the caches.
 #include "mem/bulk.h"
 #include "zorvac/mem.h"
 

@@ -1,4 +1,4 @@
-// The refusal of a processor that a program was not built for.
+// Refuses a processor that the program was not built for.
 #include <cstdlib>
 
 #include "core/text_buffer.h"

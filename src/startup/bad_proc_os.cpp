@@ -1,4 +1,4 @@
-// The refusal of a processor, or of an operating system that does not enable all of it.
+// Refuses a processor, or an operating system that does not enable all of the processor's features.
 #include <cstdlib>
 
 #include "startup/proc_init_utils.h"

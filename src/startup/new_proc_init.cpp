@@ -1,4 +1,4 @@
-// The start-up check that takes the required features as a mask and names those that are missing.
+// The start-up check that takes the required features as a mask and names the missing ones.
 #include "startup/new_proc_init.h"
 
 #include <cstdlib>
@@ -14,8 +14,8 @@ using namespace zorvac::startup;
 extern "C" constexpr const char* c_feature_names[] = {"", ZORVAC_FEATURES(ZORVAC_NAME)};
 #undef ZORVAC_NAME
 
-// The latest name is held back, since only the end of the scan tells whether a comma or the
-// separator belongs before it.
+// The latest name is held back: only the next name, or the end of the scan, decides whether a comma
+// or the separator goes before it.
 bool zorvac::startup::list_features(std::uint64_t missing, const char* separator,
                                     feature_list& list) {
   constexpr std::size_t capacity = 1024;
@@ -46,7 +46,7 @@ bool zorvac::startup::list_features(std::uint64_t missing, const char* separator
 
 namespace {
 
-// Ends the process with one framed message.
+// Prints one message between two empty lines and ends the process.
 [[noreturn]] void refuse(int msgno, const char* substitution = nullptr) {
   __libvrt_print(to_standard_error, message::line_end, 0);
   __libvrt_print(to_standard_error, msgno, substitution != nullptr ? 1 : 0, substitution);

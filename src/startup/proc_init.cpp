@@ -1,7 +1,7 @@
 // The variants of the letter-coded start-up checks, made from the family's table.
 //
-// The older generation takes no argument; its variants are declared with the unused flags word all
-// the same, which costs a caller nothing.
+// The older generation takes no argument. Its variants are declared with the flags word too, and do
+// not use it, which costs a caller nothing.
 #include "core/export.h"
 #include "startup/proc_init_utils.h"
 

@@ -1,12 +1,12 @@
-// Setting the flush modes.
+// Sets the flush modes.
 #include "startup/proc_init_utils.h"
 
 using namespace zorvac;
 
 namespace {
 
-// The area is read and written: to a compiler that is told of the writing alone, its clearing would
-// be in vain.
+// The operand is "+m", read and written: for "=m" the compiler would remove the clearing of the
+// area.
 void fxsave(startup::fxsave_image& area) { asm volatile("fxsave64 %0" : "+m"(area)); }
 
 }  // namespace
@@ -17,8 +17,8 @@ std::uint32_t startup::supported_mxcsr_bits(void (*save)(fxsave_image& area)) {
   return area.words[fxsave_image::mxcsr_mask_word];
 }
 
-// A step each: a mode that faults, because it was said to be supported and is not, does so after
-// the ones before it have been set.
+// One step for each mode: a mode that was taken to be supported and is not causes a fault only
+// after the modes before it have been set.
 extern "C" void __zorva_proc_init_ftzdazule(int known, int flags) {
   const int granted =
       startup::supported_modes(known, flags, [] { return startup::supported_mxcsr_bits(fxsave); });

@@ -1,6 +1,6 @@
 #ifndef ZORVAC_STARTUP_PROC_INIT_UTILS_H
 #define ZORVAC_STARTUP_PROC_INIT_UTILS_H
-// What every start-up check ends in: setting the flush modes, or refusing to start.
+// How every start-up check ends: it sets the flush modes, or it refuses to start.
 #include <cstdint>
 
 #include "core/mxcsr.h"
@@ -8,7 +8,7 @@
 
 namespace zorvac::startup {
 
-// Optional MXCSR bits that need no probe, in the places of the flags word.
+// Optional MXCSR bits that need no probe, as bits of the flags word.
 inline constexpr int nothing_known = 0;
 inline constexpr int daz_known = ZORVAC_DENORMALS_ARE_ZERO;
 inline constexpr int daz_and_17_known = ZORVAC_DENORMALS_ARE_ZERO | ZORVAC_MXCSR_BIT_17;
@@ -16,8 +16,9 @@ inline constexpr int daz_and_17_known = ZORVAC_DENORMALS_ARE_ZERO | ZORVAC_MXCSR
 // The flags word of the older generation.
 inline constexpr int ftz_and_daz = ZORVAC_FLUSH_TO_ZERO | ZORVAC_DENORMALS_ARE_ZERO;
 
-// The optional bits of `flags` that may be set: those known to be supported, and those that the
-// mask of supported MXCSR bits has. `supported` gives the mask; it is asked only when it matters.
+// The optional bits of `flags` that may be set. If all of them are in `known`, that is all of them;
+// otherwise it is those in the mask of supported MXCSR bits. `supported` returns that mask and is
+// called only in the second case.
 template <class SupportedBits>
 constexpr int supported_modes(int known, int flags, SupportedBits supported) {
   constexpr int optional = ZORVAC_DENORMALS_ARE_ZERO | ZORVAC_MXCSR_BIT_17;
@@ -36,8 +37,8 @@ struct alignas(16) fxsave_image {
   std::uint32_t words[128];
 };
 
-// The MXCSR bits that may be set without a fault, by the image that `save` stores into a cleared
-// area. A processor that stores 0 for them, or nothing, supports none of the optional ones.
+// The MXCSR bits that can be set without a fault, from the image that `save` stores into a cleared
+// area. A processor that stores 0 for them, or nothing, supports none of the optional bits.
 std::uint32_t supported_mxcsr_bits(void (*save)(fxsave_image& area));
 
 }  // namespace zorvac::startup

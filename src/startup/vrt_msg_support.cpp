@@ -1,11 +1,12 @@
 // The message table, its catalogue and the print routine.
 //
-// Everything here is for diagnostics shortly before a process ends: static buffers, no lock, no
-// allocation of our own. Formatting goes through the C library's overflow-checked routine, which
-// ends the process rather than write past the buffer.
+// All of this serves diagnostics shortly before a process ends: static buffers, no lock, and no
+// allocation by this source. Texts are formatted by the C library's overflow-checked routine, which
+// ends the process if a text does not fit the buffer.
 //
-// A child of fork has the forking thread alone. Where another thread was opening the catalogue, the
-// child's first message puts LANG back and opens it anew; all else is either as before or whole.
+// A child of fork has only the thread that forked. If another thread was opening the catalogue, the
+// child's first message restores LANG and opens the catalogue again. Everything else is consistent
+// in the child.
 #include "startup/vrt_msg_support.h"
 
 #include <nl_types.h>
@@ -21,8 +22,8 @@
 using zorvac::startup::message_buffer_bytes;
 using zorvac::startup::to_standard_error;
 
-// Entries that no routine prints keep their place: the catalogue is shared with companion tools
-// and with builds for other systems. No routine reads the categories.
+// Entries that no routine prints keep their number: companion tools and builds for other systems
+// use the same catalogue. No routine reads the categories.
 // clang-format off
 extern "C" constexpr zorvac::startup::table_entry vrt_msgtab[] = {
     {0, 1, "\n"},
@@ -95,11 +96,11 @@ namespace {
 constexpr char catalog_name[] = "vrt_msg.cat";
 constexpr int catalog_set = 1;
 
-bool first_msg = true;  // until the catalogue has been tried
+bool first_msg = true;  // until the first attempt to open the catalogue
 bool use_internal_msg = true;
 nl_catd message_catalog;
-zorvac::atomic<pid_t> opener;  // the process with a thread in open_catalog, or 0
-// LANG as it was, while the environment may have less of it.
+zorvac::atomic<pid_t> opener;  // the process in which a thread is in open_catalog, or 0
+// The original LANG, while the environment may have it without its codeset; otherwise null.
 zorvac::atomic<const char*> whole_lang;
 char get_msg_buf[message_buffer_bytes];
 char print_buf[message_buffer_bytes];
@@ -108,8 +109,8 @@ bool is_open(nl_catd catalog) {
   return catalog != reinterpret_cast<nl_catd>(-1);  // NOLINT(performance-no-int-to-ptr)
 }
 
-// Opens the catalogue for the LANG of the environment; where there is none, for LANG without its
-// codeset ("de_DE.UTF-8" as "de_DE"), with LANG as it was again afterwards.
+// Opens the catalogue for LANG. If there is none, opens the one for LANG without its codeset
+// ("de_DE" for "de_DE.UTF-8") and restores LANG afterwards.
 nl_catd open_catalog() {
   nl_catd catalog = catopen(catalog_name, 0);
   const char* lang = std::getenv("LANG");
@@ -123,18 +124,20 @@ nl_catd open_catalog() {
   whole_lang.store_release(lang);
   setenv("LANG", language, 1);
   nl_catd second = catopen(catalog_name, 0);
-  // The C library never frees a value that setenv replaces, so the whole old text, which may be
-  // longer than our copy, is still there.
+  // The C library never frees a value that setenv replaces, so the old text still exists. It may be
+  // longer than our copy.
   setenv("LANG", lang, 1);
   whole_lang.store_release(nullptr);
   return second;
 }
 
-// In a child of fork, undoes what a thread of the parent was in the midst of. Not by setenv, whose
-// lock such a thread may have held; `whole_lang` points into the entry that the environment had.
+// In a child of fork, undoes what a thread of the parent had not finished. It does not use setenv,
+// because that thread may have held setenv's lock. `whole_lang` points into the environment's
+// original entry.
 //
-// This is found by the process id when a message is due. A handler of forks would have to be
-// registered at load, for every program: later, the C library may hold the lock of its handlers.
+// The case is recognised by the process id when a message is printed. A fork handler would have to
+// be registered at load time, for every program: later, the C library may hold the lock of its
+// handlers.
 void give_up_opening_of_parent() {
   first_msg = true;
   use_internal_msg = true;
@@ -148,7 +151,7 @@ void give_up_opening_of_parent() {
   whole_lang.store_relaxed(nullptr);
 }
 
-// `number` is not range-checked: it comes from the library, never from a program.
+// `number` is not checked: it comes from the library, never from a program.
 const char* look_up(int number) {
   const pid_t opening = opener.load_acquire();
   if (opening != 0 && opening != getpid()) give_up_opening_of_parent();
@@ -161,7 +164,7 @@ const char* look_up(int number) {
   }
   const char* built_in = vrt_msgtab[number].text;
   if (use_internal_msg) return built_in;
-  // A catalogue that was cut short may have been opened all the same, and then gives empty texts.
+  // The C library may open a truncated catalogue, which then gives empty texts.
   const char* text = catgets(message_catalog, catalog_set, number, built_in);
   return *text != '\0' ? text : built_in;
 }
@@ -194,7 +197,7 @@ extern "C" void __libvrt_print(int dest, int msgno, int nargs, ...) {
       va_end(arguments);
       text = print_buf;
     }
-    // The text is the format, with no arguments: the catalogues are written for that.
+    // The text is itself the format, without arguments: the catalogues are written for that.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
     std::fprintf(stream, text);

@@ -1,7 +1,7 @@
 #ifndef ZORVAC_STARTUP_VRT_MSG_SUPPORT_H
 #define ZORVAC_STARTUP_VRT_MSG_SUPPORT_H
-// Numbered messages: looked up in the message catalogue where there is one, else in the built-in
-// table, and printed as whole lines. Every text that the library prints leaves through here.
+// Numbered messages. They are looked up in the message catalogue if there is one, otherwise in the
+// built-in table, and printed as whole lines. Every text that the library prints goes through here.
 #include <cstddef>
 #include <cstdint>
 
@@ -11,8 +11,8 @@ namespace zorvac::startup {
 namespace message {
 inline constexpr int line_end = 0;
 inline constexpr int constant_propagation_error = 1;
-inline constexpr int formal_argument = 2;  // the kinds of substitution follow one another
-inline constexpr int i32_values = 5;       // and so do the types of values
+inline constexpr int formal_argument = 2;  // the first of three kinds of substitution
+inline constexpr int i32_values = 5;       // the first of six types of values
 inline constexpr int bad_second_argument = 11;
 inline constexpr int not_built_for_processor = 23;
 inline constexpr int allowed_processors = 24;
@@ -38,10 +38,10 @@ struct table_entry {
 };
 inline constexpr int message_count = 61;
 
-// The longest text that formatting may produce, with its terminator.
+// The longest text that formatting may produce, including its terminator.
 inline constexpr std::size_t message_buffer_bytes = 512;
 
-// The streams of __libvrt_print: 1, and any other number.
+// The streams of __libvrt_print: 1 is standard error, any other number is standard output.
 inline constexpr int to_standard_output = 0;
 inline constexpr int to_standard_error = 1;
 
@@ -52,15 +52,15 @@ extern "C" {
 extern const zorvac::startup::table_entry vrt_msgtab[zorvac::startup::message_count];
 
 // The text of message `msgno`, 0 to 60; the empty text for 0. With nargs > 0 the text is a printf
-// format for the arguments that follow, and the result stands in a static buffer. Valid until the
-// next call. Ends the process, as the C library ends one on a buffer overflow, when the result
-// needs more than message_buffer_bytes. Not re-entrant.
+// format for the arguments that follow, and the result is in a static buffer. Valid until the next
+// call. If the result needs more than message_buffer_bytes, the C library ends the process as on a
+// buffer overflow. Not re-entrant.
 const char* __libvrt_get_msg(int msgno, int nargs, ...);
 
-// Prints message `msgno` and a newline on standard error (dest 1) or standard output; only the
-// newline for 0. With nargs > 0 it is formatted first, as above. The text printed is then itself
-// taken as a format: a per-cent sign in a substituted value would be interpreted again, so callers
-// substitute names and numbers that have none. Not re-entrant.
+// Prints message `msgno` and a newline on standard error (dest 1) or standard output; for 0, only
+// the newline. With nargs > 0 the text is formatted first, as above. The result is then printed as
+// a format itself: a percent sign in a substituted text would be interpreted again, so callers
+// double it (diag/substitution.h). Not re-entrant.
 void __libvrt_print(int dest, int msgno, int nargs, ...);
 }
 #endif

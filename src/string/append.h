@@ -1,6 +1,6 @@
 #ifndef ZORVAC_STRING_APPEND_H
 #define ZORVAC_STRING_APPEND_H
-// Copies to where there is to be room first: the end of another string, or new memory.
+// Copies whose destination has to be found first: the end of another string, or new memory.
 #include <cstdlib>
 
 #include "string/copy.h"
@@ -9,14 +9,14 @@
 namespace zorvac::string {
 namespace {
 
-// The zero that ends the result is the copied one, or the one behind `count` characters.
+// The terminating zero is the copied one, or one that is stored after `count` characters.
 template <class Level>
 ZORVAC_INLINE void append(char* to, const char* from, std::size_t count) {
   char* const end = to + (find_end<Level>(to) - to);
   *copy<Level>(end, from, count) = 0;
 }
 
-// A null pointer when there is no memory.
+// Returns a null pointer if there is no memory.
 template <class Level>
 ZORVAC_INLINE char* duplicate(const char* string) {
   const auto bytes = static_cast<std::size_t>(find_end<Level>(string) - string) + 1;

@@ -1,10 +1,11 @@
 #ifndef ZORVAC_STRING_BLOCK_H
 #define ZORVAC_STRING_BLOCK_H
-// The 16-byte block in which the string routines look at memory, and what plain x86-64 can do with
-// it. Whatever looks for the end of a string loads whole aligned blocks: such a load stays within
-// one page, so that reading before the start or past the end cannot fault.
+// The 16-byte block, which is the unit in which the string routines read memory, and the operations
+// on it that every x86-64 processor has. A search for the end of a string loads whole aligned
+// blocks. Such a load stays within one page, so reading before the start or past the end cannot
+// fault.
 //
-// All of it is inlined into every routine. These headers are compiled at several instruction-set
+// Everything is inlined into every routine. These headers are compiled at several instruction-set
 // levels, and a routine that preserves vector registers must not call one that does not.
 #include <emmintrin.h>
 
@@ -48,8 +49,8 @@ ZORVAC_INLINE unsigned highest(unsigned set) {
   return 31 - static_cast<unsigned>(__builtin_clz(set));
 }
 
-// Ones in the first `count` lanes, 0 to 15: laid over the first block of a string, they keep a zero
-// that lies before the string from looking like its end.
+// Ones in the first `count` lanes, 0 to 15. They are ORed into the first block of a string, so that
+// a zero before the start of the string does not look like its end.
 alignas(16) inline constexpr unsigned char ones_then_zeros[2 * block_bytes] = {
     0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
 ZORVAC_INLINE block leading_ones(std::size_t count) {
@@ -59,8 +60,8 @@ ZORVAC_INLINE block first_block(const char* string) {
   return _mm_or_si128(load(block_of(string)), leading_ones(offset_in_block(string)));
 }
 
-// The shift instructions take their distance as part of the instruction: calls the instance of
-// `f` for one of the 16 distances.
+// Calls the instance of `f` for one of 16 distances. The shift instructions take the distance as an
+// immediate operand, so each distance needs an instance of its own.
 template <class F>
 ZORVAC_INLINE auto with_shift(std::size_t shift, F f) {
   switch (shift) {

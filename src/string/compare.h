@@ -1,10 +1,10 @@
 #ifndef ZORVAC_STRING_COMPARE_H
 #define ZORVAC_STRING_COMPARE_H
-// The comparison: aligned blocks of one string against 16 bytes of the other that are merged from
-// two aligned blocks.
+// The comparison. It compares aligned blocks of one string with 16 bytes of the other string, which
+// are merged from two aligned blocks.
 //
-// The string that lies lower in its block is the aligned one. Both comparisons start with the
-// blocks that hold the starts, and what lies before them is made equal:
+// The string whose start has the smaller offset in its block is the aligned one. The comparison
+// begins with the blocks that hold the starts. The bytes before the starts are made equal:
 //
 //   aligned  |--abcdefghijklmn|opqr...             offset 2
 //   other    |-----abcdefghijk|lmnopqr...          offset 5: shift 3
@@ -14,7 +14,7 @@
 namespace zorvac::string {
 namespace {
 
-// `other` lies `Shift` bytes into its block; `ignored` has ones in the lanes before the start, and
+// `other` is `Shift` bytes into its block. `ignored` has ones in the lanes before the start, and
 // `count` includes those lanes.
 template <class Level, int Shift>
 ZORVAC_INLINE int compare_blocks(const char* aligned, const char* other, block ignored,
@@ -29,7 +29,7 @@ ZORVAC_INLINE int compare_blocks(const char* aligned, const char* other, block i
     const block a = _mm_or_si128(load(aligned), ignored);
     block high = low;
     if constexpr (Shift != 0) {
-      // The second block is looked at only where the string reaches it.
+      // The second block is loaded only if the string reaches it.
       const block start = _mm_or_si128(_mm_srli_si128(low, Shift), ignored);
       const unsigned partings = sse2::parting_lanes(a, start) & ((1u << rest) - 1);
       if (partings != 0) return verdict(lowest(partings));
@@ -44,8 +44,8 @@ ZORVAC_INLINE int compare_blocks(const char* aligned, const char* other, block i
   }
 }
 
-// Below, equal to or above 0, as `a` comes before, is equal to or comes after `b` in its first
-// `count` characters.
+// Compares the first `count` characters. The result is below, equal to or above 0 if `a` comes
+// before `b`, is equal to it, or comes after it.
 template <class Level>
 ZORVAC_INLINE int compare(const char* a, const char* b, std::size_t count) {
   if (count == 0) return 0;
@@ -53,7 +53,7 @@ ZORVAC_INLINE int compare(const char* a, const char* b, std::size_t count) {
   const char* const aligned = swapped ? b : a;
   const char* const other = swapped ? a : b;
   const std::size_t skip = offset_in_block(aligned);
-  // No two strings in one address space are longer.
+  // No string in one address space is longer.
   count = (count < SIZE_MAX / 2 ? count : SIZE_MAX / 2) + skip;
   const int order =
       with_shift(offset_in_block(other) - skip, [&]<int Shift>() ZORVAC_INLINE_LAMBDA {

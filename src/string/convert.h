@@ -1,15 +1,15 @@
 #ifndef ZORVAC_STRING_CONVERT_H
 #define ZORVAC_STRING_CONVERT_H
-// Decimal conversion, up to sixteen digits at a time: PCMPISTRI counts the digits, and three steps
-// of multiply and add join them two by two, all positions at once.
+// Decimal conversion of up to sixteen digits at a time. PCMPISTRI counts the digits. Three steps of
+// multiply and add then join neighbours, at all positions at once.
 //
-//   characters   "1 2 3 4 5 6 7 8 9 x ..."           their values, zero behind the last
+//   characters   "1 2 3 4 5 6 7 8 9 x ..."           their values, zeros after the last digit
 //   PMADDUBSW     12  34  56  78  90  0 ...          by (10, 1)
 //   PMADDWD       1234    5678    90  ...            by (100, 1)
 //   PMULLD, PHADDD    12345678    90  ...            by (10000, 1)
 //
-// So digits stand at the left of a group of eight, and a group that lacks some is too great by a
-// power of ten, which divides it without a remainder.
+// The digits are at the left of each group of eight. The value of a group with fewer than eight
+// digits is too large by a power of ten, and is divisible by it.
 #include "string/faststring_util.h"
 #include "string/sse42.h"
 #include "zorvac/string.h"
@@ -22,7 +22,7 @@ ZORVAC_INLINE block vector_at(const Entry* table) {
   return load(reinterpret_cast<const char*>(table));
 }
 
-// The three steps: groups of eight digits in the first two 32-bit lanes.
+// The three steps. The results are two groups of eight digits, in the first two 32-bit lanes.
 ZORVAC_INLINE block eights(block digits, const std::int8_t* bytes, const std::int16_t* words,
                            const std::int32_t* dwords) {
   const block pairs = _mm_maddubs_epi16(digits, vector_at(bytes));
@@ -37,7 +37,7 @@ ZORVAC_INLINE std::uint32_t second_dword(block b) {
   return static_cast<std::uint32_t>(_mm_extract_epi32(b, 1));
 }
 
-// 32-bit results are made of up to ten digits at a time: eight and two.
+// For 32-bit results: up to ten digits at a time, as groups of eight and two.
 struct tens {
   using value = std::uint32_t;
   static constexpr unsigned most = 10;
@@ -51,7 +51,7 @@ struct tens {
   }
 };
 
-// 64-bit results of up to sixteen: eight and eight.
+// For 64-bit results: up to sixteen digits at a time, as groups of eight and eight.
 struct sixteens {
   using value = std::uint64_t;
   static constexpr unsigned most = 16;
@@ -72,12 +72,12 @@ struct sixteens {
 
 ZORVAC_INLINE bool is_digit(char c) { return static_cast<unsigned char>(c - '0') <= 9; }
 
-// The digits at the start of a string, up to so many as can be joined at once.
+// The digits at the start of a string, at most as many as can be joined at once.
 template <class Groups>
 struct group {
   unsigned count;
   typename Groups::value value;
-  bool more;  // there may be digits after them
+  bool more;  // more digits may follow
 };
 template <class Groups>
 ZORVAC_INLINE group<Groups> first_group(const char* string) {
@@ -101,8 +101,8 @@ ZORVAC_INLINE std::uint64_t signed_value(std::uint64_t value, bool negative) {
   return negative ? 0 - value : value;
 }
 
-// Appends further digits to a value and gives it its sign. Apart, and called last, so that numbers
-// of one group do without its registers.
+// Appends further digits to a value and applies the sign. This is a separate function, called last,
+// so that numbers of one group do not need its registers.
 template <class Groups>
 [[gnu::noinline]] ZORVAC_STRING_CALL std::uint64_t append_digits(const char* string,
                                                                  typename Groups::value value,
@@ -122,7 +122,7 @@ ZORVAC_INLINE const char* skip_spaces(const char* string) {
   }
 }
 
-// White space, a sign, digits. The result is modulo the range of the result type, negated too.
+// White space, a sign, digits. The result is taken modulo 2^32 or 2^64, after the sign is applied.
 template <class Groups>
 ZORVAC_INLINE std::uint64_t convert(const char* string) {
   bool negative = false;

@@ -1,11 +1,11 @@
 #ifndef ZORVAC_STRING_COPY_H
 #define ZORVAC_STRING_COPY_H
-// The copy: moves a string, at most so many bytes of it, and tells where its end came to lie.
+// The copy: copies a string, up to a number of bytes, and returns the end of the copy.
 //
-// The search for the end loads aligned blocks. Bytes that are known to be the string's are moved by
-// loads from anywhere, at the beginning and at the end, so that no byte is moved alone. In between,
-// a level either loads aligned and stores where that leads, or (PALIGNR) merges two aligned blocks
-// and stores aligned.
+// The search for the end loads aligned blocks. At the beginning and at the end, bytes that are
+// known to belong to the string are moved by unaligned loads, so no loop moves single bytes. In
+// between, a level either loads aligned blocks and stores them unaligned, or merges two aligned
+// blocks (PALIGNR) and stores them aligned.
 #include "string/block.h"
 
 namespace zorvac::string {
@@ -19,7 +19,7 @@ ZORVAC_INLINE void move_two(char* to, const char* from, std::size_t bytes) {
   __builtin_memcpy(to, &first, sizeof first);
   __builtin_memcpy(to + bytes - sizeof last, &last, sizeof last);
 }
-// 1 to 32 bytes: the first and the last half, which may overlap.
+// Moves 1 to 32 bytes as a first and a last piece, which may overlap.
 ZORVAC_INLINE void move_few(char* to, const char* from, std::size_t bytes) {
   if (bytes >= block_bytes) {
     const block first = load_anywhere(from), last = load_anywhere(from + bytes - block_bytes);
@@ -36,10 +36,10 @@ ZORVAC_INLINE void move_few(char* to, const char* from, std::size_t bytes) {
   }
 }
 
-// What a copy has to do with a block of which it may take `room` bytes, at least one.
+// What a copy does with a block of which it may copy at most `room` bytes; `room` is at least 1.
 struct ending {
   bool here;        // the copy ends in this block
-  bool terminated;  // with the terminating zero
+  bool terminated;  // it ends with the terminating zero
   std::size_t bytes;
 };
 template <class Level>
@@ -51,9 +51,9 @@ ZORVAC_INLINE ending ending_in(block b, std::size_t room) {
   return {room <= block_bytes, false, room};
 }
 
-// Copies on from `from`, which lies `Shift` bytes into a block without an end in the rest of it;
-// more than that rest may be copied. The 16 bytes before the end have been copied or will be
-// before the copy ends: the last move reaches back into them.
+// Continues a copy at `from`, which is `Shift` bytes into its block. The rest of that block holds
+// no end, and `count` is more than that rest. The last move copies the 16 bytes before the end of
+// the copy. Some of them may lie before `from`; the caller has copied those already.
 //
 //   source       |....from......|  next block  |  ...
 //   destination  to: 16 bytes: from ... and Shift bytes of the next block
@@ -76,7 +76,7 @@ ZORVAC_INLINE char* copy_blocks(char* to, const char* from, std::size_t count) {
 }
 
 // Copies the string with its terminating zero, but at most `count` bytes. Returns the address of
-// the zero in the copy, or the end of the copy where there is none.
+// the zero in the copy, or the end of the copy if it has no zero.
 template <class Level>
 ZORVAC_INLINE char* copy(char* to, const char* from, std::size_t count) {
   if (count == 0) return to;
@@ -93,7 +93,7 @@ ZORVAC_INLINE char* copy(char* to, const char* from, std::size_t count) {
     move_few(to, from, rest + end.bytes);
     return to + rest + end.bytes - (end.terminated ? 1 : 0);
   }
-  // No end within rest + 16 bytes: 16 of them now, and on from a place among them.
+  // There is no end within rest + 16 bytes. Copy 16 bytes now, and continue from a place in them.
   store_anywhere(to, load_anywhere(from));
   if constexpr (Level::realigns) {
     const std::size_t step = block_bytes - offset_in_block(to);
@@ -105,7 +105,7 @@ ZORVAC_INLINE char* copy(char* to, const char* from, std::size_t count) {
   }
 }
 
-// Fills up to `end`; the members that pad do so with zeros.
+// Fills up to `end` with zeros, as the members that pad require.
 ZORVAC_INLINE void fill_with_zeros(char* to, const char* end) {
   const block zeros = _mm_setzero_si128();
   for (; end - to >= static_cast<std::ptrdiff_t>(block_bytes); to += block_bytes)
@@ -113,7 +113,7 @@ ZORVAC_INLINE void fill_with_zeros(char* to, const char* end) {
   for (; to != end; ++to) *to = 0;
 }
 
-// Copies exactly `count` bytes: the string, and zeros after it. Returns as copy() does.
+// Writes exactly `count` bytes: the string, and zeros after it. Returns what copy() returns.
 template <class Level>
 ZORVAC_INLINE char* copy_padded(char* to, const char* from, std::size_t count) {
   char* const end = copy<Level>(to, from, count);

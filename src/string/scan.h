@@ -1,12 +1,12 @@
 #ifndef ZORVAC_STRING_SCAN_H
 #define ZORVAC_STRING_SCAN_H
-// The scan: looks through a string, block by block, for its end or for a character.
+// The scan: searches a string, block by block, for its end or for a character.
 #include "string/block.h"
 
 namespace zorvac::string {
 namespace {
 
-// Four blocks, aligned to their size: like a block, a group lies within one page.
+// Four blocks, aligned to 64 bytes. Like a block, a group lies within one page.
 inline constexpr std::size_t group_bytes = 4 * block_bytes;
 ZORVAC_INLINE std::size_t offset_in_group(const char* p) {
   return reinterpret_cast<std::uintptr_t>(p) % group_bytes;
@@ -16,8 +16,8 @@ ZORVAC_INLINE bool page_holds_group(const char* p) {
 }
 ZORVAC_INLINE block nth(const char* group, std::size_t n) { return load(group + n * block_bytes); }
 
-// The lanes of a group where a scan stops, bit i for byte i. One branch on them costs less than
-// four, one of which is mispredicted.
+// The lanes of a group where a scan stops, bit i for byte i. One branch on all of them costs less
+// than four branches, one of which would be mispredicted.
 template <class Target>
 ZORVAC_INLINE std::uint64_t stops_in_group(const char* group, const Target& target) {
   const auto stops = [&](std::size_t n) ZORVAC_INLINE_LAMBDA {
@@ -25,7 +25,7 @@ ZORVAC_INLINE std::uint64_t stops_in_group(const char* group, const Target& targ
   };
   return (stops(3) << 16 | stops(2)) << 32 | (stops(1) << 16 | stops(0));
 }
-// Whether there are any: the least of four bytes stands for all.
+// Whether a scan stops anywhere in a group. The minimum of four bytes is zero if one of them is.
 template <class Target>
 ZORVAC_INLINE bool stops_anywhere(const char* group, const Target& target) {
   block least = target.zero_at_stops(nth(group, 0));  // one after the other: few registers
@@ -34,9 +34,9 @@ ZORVAC_INLINE bool stops_anywhere(const char* group, const Target& target) {
   return zero_lanes(least) != 0;
 }
 
-// Continues a scan after the block `at`, which has been looked at already. Most strings end soon:
-// the level looks at the next two blocks, one by one. Then come four at once from wherever the scan
-// has got to, if that lies within a page, and from there on whole groups.
+// Continues a scan after the block `at`, which has already been examined. Most strings end soon, so
+// the level examines the next two blocks one by one. Then it examines four blocks at once, from the
+// current position if these lie within one page, and after them whole groups.
 template <class Target>
 ZORVAC_INLINE const char* scan_after(const char* at, const Target& target) {
   for (int i = 0; i < 2; ++i) {
@@ -52,7 +52,7 @@ ZORVAC_INLINE const char* scan_after(const char* at, const Target& target) {
   while (!stops_anywhere(group += group_bytes, target) &&
          !stops_anywhere(group += group_bytes, target)) {
   }
-  // Loads the group again: to keep it would take registers that have to be saved first.
+  // Loads the group again. Keeping it would need registers that must be saved first.
   __asm__("" : "+r"(group));
   return target.result(group + lowest(stops_in_group(group, target)));
 }
@@ -65,7 +65,7 @@ ZORVAC_INLINE const char* find_end(const char* string) {
   return scan_after(string - skip, typename Level::end_target{});
 }
 
-// The length of a string of which no more than `limit` bytes may be looked at.
+// The length of a string, or `limit` if none of its first `limit` bytes is the end.
 template <class Level>
 ZORVAC_INLINE std::size_t bounded_length(const char* string, std::size_t limit) {
   if (limit == 0) return 0;
@@ -79,7 +79,8 @@ ZORVAC_INLINE std::size_t bounded_length(const char* string, std::size_t limit) 
   return limit;
 }
 
-// The last place of a character in a string, its terminating zero included, or a null pointer.
+// The last occurrence of a character in a string, or a null pointer. The terminating zero counts as
+// a character.
 template <class Level>
 ZORVAC_INLINE const char* find_last(const char* string, char character) {
   const typename Level::equal_to wanted(character);

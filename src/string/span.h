@@ -1,6 +1,6 @@
 #ifndef ZORVAC_STRING_SPAN_H
 #define ZORVAC_STRING_SPAN_H
-// The span: how far a string stays within a set of characters, or out of it.
+// The span: how many characters at the start of a string are in a set, or are not in it.
 #include "string/block.h"
 #include "string/faststring_util.h"
 
@@ -9,8 +9,8 @@ namespace {
 
 enum class while_in : bool { complement, set };
 
-// The first character that is not in the set (or in it: `complement`), or the terminating zero,
-// which no set holds.
+// `set`: the first character that is not in the set. `complement`: the first character that is in
+// the set. If there is none, the terminating zero, which no set holds.
 template <while_in Where, class Set>
 ZORVAC_INLINE const char* skip(const char* string, const Set& set) {
   const auto stops = [&set](block b) ZORVAC_INLINE_LAMBDA {
@@ -29,15 +29,16 @@ ZORVAC_INLINE std::size_t span(const char* string, const char* set) {
   return static_cast<std::size_t>(skip<Where>(string, typename Level::set(set)) - string);
 }
 
-// The first character of the set in a string, or a null pointer.
+// The first character in a string that is in the set, or a null pointer.
 template <class Level>
 ZORVAC_INLINE const char* find_any(const char* string, const char* set) {
   const char* const found = skip<while_in::complement>(string, typename Level::set(set));
   return *found != 0 ? found : nullptr;
 }
 
-// Cuts the next token out of a string, or of the one that an earlier call began with, and keeps
-// where to go on. After the last token there is nowhere to go on: the string may be gone by then.
+// Cuts the next token out of a string, or out of the string of an earlier call, and remembers where
+// to continue. After the last token it remembers nothing, because the string may not exist any more
+// at the next call.
 template <class Level>
 ZORVAC_INLINE char* next_token(char* string, const char* separators) {
   if (string == nullptr) string = rest_of_tokens;

@@ -1,14 +1,14 @@
 #ifndef ZORVAC_STRING_SSE2_H
 #define ZORVAC_STRING_SSE2_H
-// The SSE2 level: blocks are compared with PCMPEQB, and PMOVMSKB makes the result a set of lanes.
+// The SSE2 level: PCMPEQB compares blocks, and PMOVMSKB makes the result a set of lanes.
 //
-// A level tells the algorithms
+// A level provides the algorithms with
 //   has_end, end_of     whether and where a block holds a zero
 //   part, parting       whether and where two blocks differ or both end
-//   end_target          what strlen stops at; character_target: what strchr stops at
-//   equal_to            the lanes that hold one character, as far as the string reaches
+//   end_target          where strlen stops; character_target: where strchr stops
+//   equal_to            the lanes that hold one character, valid up to the end of the string
 //   set                 a set of characters, and the lanes that hold one of them
-//   realigns, merge     whether copies store aligned, and 16 bytes out of two blocks
+//   realigns, merge     whether copies store aligned, and how 16 bytes are merged from two blocks
 #include "string/block.h"
 
 namespace zorvac::string {
@@ -18,7 +18,7 @@ struct sse2 {
   ZORVAC_INLINE static bool has_end(block b) { return zero_lanes(b) != 0; }
   ZORVAC_INLINE static unsigned end_of(block b) { return lowest(zero_lanes(b)); }
 
-  // A zero in `a` is an end of both, or a difference.
+  // A zero in `a` is either the end of both or a difference.
   ZORVAC_INLINE static bool part(block a, block b) { return parting_lanes(a, b) != 0; }
   ZORVAC_INLINE static unsigned parting(block a, block b) { return lowest(parting_lanes(a, b)); }
   ZORVAC_INLINE static unsigned parting_lanes(block a, block b) {
@@ -58,7 +58,7 @@ struct sse2 {
     block repeated_;
   };
 
-  // Compares with one character after the other.
+  // Compares with the characters one by one.
   class set {
    public:
     ZORVAC_INLINE explicit set(const char* characters) : characters_(characters) {}
@@ -74,7 +74,7 @@ struct sse2 {
   };
 
   static constexpr bool realigns = false;
-  // The 16 bytes that begin `Shift` bytes into the first of two blocks in a row.
+  // The 16 bytes that begin `Shift` bytes into `low`; `high` is the next block.
   template <int Shift>
   ZORVAC_INLINE static block merge(block low, block high) {
     if constexpr (Shift == 0) return low;

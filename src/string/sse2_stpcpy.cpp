@@ -1,4 +1,4 @@
-// Copies a string and tells where the copy ends, with SSE2.
+// Copies a string and returns the end of the copy, with SSE2.
 #include "string/copy.h"
 #include "string/sse2.h"
 #include "zorvac/string.h"

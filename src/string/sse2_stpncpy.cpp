@@ -1,5 +1,5 @@
-// Copies a string into a field of so many bytes, fills the rest with zeros and tells where the
-// copy ends, with SSE2.
+// Copies a string into a field of a given size, fills the rest with zeros and returns the end of
+// the copy, with SSE2.
 #include "string/copy.h"
 #include "string/sse2.h"
 #include "zorvac/string.h"

@@ -1,4 +1,4 @@
-// Copies a string, in words of four bytes.
+// Copies a string in words of four bytes.
 #include "string/copy_words.h"
 #include "zorvac/string.h"
 

@@ -1,4 +1,4 @@
-// How far a string stays out of a set of characters, with SSE2.
+// The length of the start of a string that has no character of a set, with SSE2.
 #include "string/span.h"
 #include "string/sse2.h"
 #include "zorvac/string.h"

@@ -1,4 +1,4 @@
-// Appends at most so many characters of a string to another, with SSE2.
+// Appends at most a given number of characters of a string to another, with SSE2.
 #include "string/append.h"
 #include "string/sse2.h"
 #include "zorvac/string.h"

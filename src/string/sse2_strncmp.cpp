@@ -1,4 +1,4 @@
-// Compares the first characters of two strings, with SSE2.
+// Compares two strings, up to a given number of characters, with SSE2.
 #include "string/compare.h"
 #include "string/sse2.h"
 #include "zorvac/string.h"

@@ -1,4 +1,4 @@
-// Copies a string into a field of so many bytes and fills the rest with zeros, with SSE2.
+// Copies a string into a field of a given size and fills the rest with zeros, with SSE2.
 #include "string/copy.h"
 #include "string/sse2.h"
 #include "zorvac/string.h"

@@ -1,4 +1,4 @@
-// The length of a string, within a limit, with SSE2.
+// The length of a string, but at most a limit, with SSE2.
 #include "string/scan.h"
 #include "string/sse2.h"
 #include "zorvac/string.h"

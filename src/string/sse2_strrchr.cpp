@@ -1,4 +1,4 @@
-// The last place of a character in a string, with SSE2.
+// The last occurrence of a character in a string, with SSE2.
 #include "string/scan.h"
 #include "string/sse2.h"
 #include "zorvac/string.h"

@@ -1,4 +1,4 @@
-// Cuts a string into tokens, one a call, with SSE2.
+// Cuts a string into tokens, one per call, with SSE2.
 #include "string/span.h"
 #include "string/sse2.h"
 #include "zorvac/string.h"

@@ -1,8 +1,8 @@
 #ifndef ZORVAC_STRING_SSE42_H
 #define ZORVAC_STRING_SSE42_H
-// The SSE4.2 level: PCMPISTRI compares two blocks as strings, ends included, and answers with an
-// index and the flags; PCMPISTRM with a set of lanes. Compilers fold the intrinsics below that have
-// the same operands into one instruction.
+// The SSE4.2 level. PCMPISTRI compares two blocks as strings, including their ends, and returns an
+// index and flags. PCMPISTRM returns a set of lanes. Compilers combine the intrinsics below that
+// have the same operands into one instruction.
 #include <nmmintrin.h>
 
 #include "string/ssse3.h"
@@ -10,8 +10,8 @@
 namespace zorvac::string {
 namespace {
 
-// Control bytes (architecture manuals, "Imm8 control byte operation"). Signed or unsigned makes no
-// difference to a test for equality.
+// Control bytes (architecture manuals, "Imm8 control byte operation"). For tests of equality it
+// does not matter whether the bytes are signed.
 inline constexpr int first_zero =
     _SIDD_SBYTE_OPS | _SIDD_CMP_EQUAL_EACH | _SIDD_MASKED_NEGATIVE_POLARITY;  // 0x3a
 inline constexpr int any_of = _SIDD_SBYTE_OPS | _SIDD_CMP_EQUAL_ANY;          // 0x02
@@ -34,7 +34,8 @@ struct sse42 : ssse3 {
   ZORVAC_INLINE static bool has_end(block b) { return _mm_cmpistrc(b, b, first_zero) != 0; }
   ZORVAC_INLINE static unsigned end_of(block b) { return index_in<first_zero>(b, b); }
 
-  // The zero flag tells that b ends; with no difference, so does a.
+  // "Above" (CF = ZF = 0) means: no difference (CF), and no end in b (ZF). If b ends and there is
+  // no difference, a ends in the same lane.
   ZORVAC_INLINE static bool part(block a, block b) {
     return _mm_cmpistra(a, b, first_difference) == 0;
   }
@@ -49,11 +50,11 @@ struct sse42 : ssse3 {
   };
 
   struct character_target : sse2::character_target {
-    block alone;  // a set of one character, which is not zero
+    block alone;  // a set that holds one character, which is not zero
     ZORVAC_INLINE explicit character_target(block prepared)
         : sse2::character_target(repeat(prepared)), alone(prepared) {}
     using sse2::character_target::result;
-    // "Above": neither a match nor the end.
+    // "Above" (CF = ZF = 0) means: neither a match nor the end.
     ZORVAC_INLINE bool stops(block b) const { return _mm_cmpistra(alone, b, any_of) == 0; }
     ZORVAC_INLINE const char* result(const char* at, block b) const {
       return _mm_cmpistrc(alone, b, any_of) != 0 ? at + index_in<any_of>(alone, b) : nullptr;
@@ -65,7 +66,7 @@ struct sse42 : ssse3 {
     ZORVAC_INLINE explicit equal_to(char character)
         : alone_(_mm_cvtsi32_si128(static_cast<unsigned char>(character))), zero_(character == 0) {}
     ZORVAC_INLINE unsigned in(block b) const {
-      return zero_ ? zero_lanes(b) : lanes_of_any(alone_, b);  // a set cannot hold the zero
+      return zero_ ? zero_lanes(b) : lanes_of_any(alone_, b);  // a set cannot hold a zero
     }
 
    private:

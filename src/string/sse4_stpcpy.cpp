@@ -1,4 +1,4 @@
-// Copies a string and tells where the copy ends, with SSE4.2.
+// Copies a string and returns the end of the copy, with SSE4.2.
 #include "string/copy.h"
 #include "string/sse42.h"
 #include "zorvac/string.h"

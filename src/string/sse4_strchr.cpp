@@ -1,11 +1,11 @@
-// The first place of a character in a string, after its first block, with SSE4.2.
+// The first occurrence of a character in a string, after its first block, with SSE4.2.
 #include "string/scan.h"
 #include "string/sse42.h"
 #include "string/tail.h"
 
 using namespace zorvac::string;
 
-// Apart, so that either scan has the registers for itself.
+// Two separate scans, so that each can use all registers.
 [[gnu::noinline]] static ZORVAC_STRING_CALL const char* end_after(const char* at) {
   return scan_after(at, sse42::end_target{});
 }

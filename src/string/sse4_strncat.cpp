@@ -1,4 +1,4 @@
-// Appends at most so many characters of a string to another, with SSE4.2.
+// Appends at most a given number of characters of a string to another, with SSE4.2.
 #include "string/append.h"
 #include "string/sse42.h"
 #include "zorvac/string.h"

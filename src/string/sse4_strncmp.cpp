@@ -1,4 +1,4 @@
-// Compares the first characters of two strings, with SSE4.2.
+// Compares two strings, up to a given number of characters, with SSE4.2.
 #include "string/compare.h"
 #include "string/sse42.h"
 #include "zorvac/string.h"

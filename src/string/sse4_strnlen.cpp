@@ -1,4 +1,4 @@
-// The length of a string, within a limit, with SSE4.2.
+// The length of a string, but at most a limit, with SSE4.2.
 #include "string/scan.h"
 #include "string/sse42.h"
 #include "zorvac/string.h"

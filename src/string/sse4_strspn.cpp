@@ -1,4 +1,4 @@
-// How far a string stays within a set of characters, with SSE4.2.
+// The length of the start of a string that has only characters of a set, with SSE4.2.
 #include "string/span.h"
 #include "string/sse42.h"
 #include "zorvac/string.h"

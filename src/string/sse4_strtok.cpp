@@ -1,4 +1,4 @@
-// Cuts a string into tokens, one a call, with SSE4.2.
+// Cuts a string into tokens, one per call, with SSE4.2.
 #include "string/span.h"
 #include "string/sse42.h"
 #include "zorvac/string.h"

@@ -1,7 +1,7 @@
 #ifndef ZORVAC_STRING_SSSE3_H
 #define ZORVAC_STRING_SSSE3_H
-// The SSSE3 level: PALIGNR takes 16 bytes out of two blocks in one step, which lets copies load and
-// store aligned; PSHUFB repeats a byte and shifts by a distance that is known only at run time.
+// The SSSE3 level. PALIGNR takes 16 bytes out of two blocks in one instruction, so copies can load
+// and store aligned. PSHUFB repeats a byte, and shifts by a distance known only at run time.
 #include <tmmintrin.h>
 
 #include "string/sse2.h"
@@ -31,16 +31,17 @@ struct ssse3 : sse2 {
   }
 };
 
-// A PSHUFB control that leaves its operand in place, between two that clear it: 16 bytes of this
-// from offset 16 + n on shift down by n lanes, from offset n on shift up by 16 - n; zeros enter.
+// A PSHUFB control that leaves its operand unchanged, between two that clear it. The 16 bytes from
+// offset 16 + n on shift the operand down by n lanes; those from offset n on shift it up by 16 - n
+// lanes. Zeros are shifted in.
 inline constexpr unsigned char none = 0x80;
 alignas(16) inline constexpr unsigned char shift_controls[3 * block_bytes] = {
     none, none, none, none, none, none, none, none, none, none, none, none, none, none, none, none,
     0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,   11,   12,   13,   14,   15,
     none, none, none, none, none, none, none, none, none, none, none, none, none, none, none, none};
 
-// The string's first 16 bytes; what lies past its end is arbitrary. The second block is loaded only
-// where the string reaches it.
+// The string's first 16 bytes. The bytes past its end are arbitrary. The second block is loaded
+// only if the string reaches it.
 ZORVAC_INLINE block load_string(const char* string) {
   const std::size_t skip = offset_in_block(string);
   const char* const controls = reinterpret_cast<const char*>(shift_controls) + skip;

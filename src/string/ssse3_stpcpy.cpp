@@ -1,4 +1,4 @@
-// Copies a string and tells where the copy ends, with SSSE3.
+// Copies a string and returns the end of the copy, with SSSE3.
 #include "string/copy.h"
 #include "string/ssse3.h"
 #include "zorvac/string.h"

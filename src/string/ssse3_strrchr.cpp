@@ -1,4 +1,4 @@
-// The last place of a character in a string, with SSSE3.
+// The last occurrence of a character in a string, with SSSE3.
 #include "string/scan.h"
 #include "string/ssse3.h"
 #include "zorvac/string.h"

@@ -1,8 +1,8 @@
 #ifndef ZORVAC_STRING_TAIL_H
 #define ZORVAC_STRING_TAIL_H
-// Entry to a scan tail, whose inputs are in RAX, RDX and XMM1: RAX moves to RCX, and the rest is a
-// function of the family's ordinary convention, whose second parameter is in RDX if it is a pointer
-// and in XMM1 if it is a double. (A whole vector that convention passes in memory.)
+// The entry of a scan tail. Its inputs are in RAX, RDX and XMM1. The entry moves RAX to RCX and
+// jumps to a function with the family's ordinary convention. There the second parameter is in RDX
+// if it is a pointer, and in XMM1 if it is a double. (A whole vector would be passed in memory.)
 //
 //   ZORVAC_SCAN_TAIL(__zorva_sse2_strend, char*, const char* block) { return ...; }
 #include "string/block.h"
@@ -16,7 +16,7 @@
 namespace zorvac::string {
 namespace {
 
-// XMM1, of which the tails need but the lower half.
+// The vector in XMM1. The tails need only its lower half.
 ZORVAC_INLINE block vector_of(double xmm1) { return _mm_castpd_si128(_mm_set_sd(xmm1)); }
 
 }  // namespace
