@@ -19,6 +19,12 @@ constexpr double d_tiny = 4.9406564584124654e-324;  // smallest subnormal number
 constexpr double d_zero = 0.0;
 constexpr double d_half = 0.5;
 
+// Pairs of numbers to add to 1, two places apart: for a result that is not exact next to nothing and
+// three quarters of the distance from 1 to the next number; for an exact one what raises nothing.
+constexpr double d_addends[] = {d_norm, d_zero, 0.75 * 0x1p-52, d_one};
+
+// At that of an exact result; that of another one lies before it.
+[[maybe_unused]] const double* const volatile p_addends = &d_addends[1];
 [[maybe_unused]] const double* const volatile p_one = &d_one;
 [[maybe_unused]] const double* const volatile p_norm = &d_norm;
 [[maybe_unused]] const double* const volatile p_huge = &d_huge;

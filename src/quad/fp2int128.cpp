@@ -1,6 +1,7 @@
 // Floating-point numbers to 128-bit integers, truncated: one conversion over the source's format.
 #include "quad/flags.h"
 #include "quad/formats.h"
+#include "quad/to_integer.h"
 #include "zorvac/quad.h"
 
 using namespace zorvac::softfp;
@@ -29,11 +30,7 @@ uint128 truncated(typename F::word w) {
     return indefinite;
   }
 
-  // One shift to the right serves all magnitudes: 0 to 127 places from the top.
-  const uint128 significand = uint128{F::fraction(w) | F::leading_one} << (127 - F::fraction_bits);
-  const int distance = F::bias + 127 - exponent;
-  const uint128 magnitude = significand >> distance;
-  if (magnitude << distance != significand) raise_inexact();
+  const uint128 magnitude = truncate_wide<F>(w);
   const uint128 sign_mask = -uint128{negative};
   return (magnitude ^ sign_mask) - sign_mask;
 }

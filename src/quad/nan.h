@@ -21,10 +21,21 @@ constexpr bool prefers_first_nan(uint128 a, uint128 b) {
   return f::negative(a);
 }
 
-inline uint128 propagate_nan(uint128 a, uint128 b) {
-  if (is_signalling<binary128>(a) || is_signalling<binary128>(b)) raise_invalid();
-  return (prefers_first_nan(a, b) ? a : b) | binary128::quiet_bit;
-}
+// What an operation's slow path asks of the library that it is built into. The first member sees
+// all operands before anything else does.
+struct own_rules {
+  // The high word of the least magnitude that a comparison need not look at: here a zero's is the
+  // only one to be careful with.
+  static constexpr uint64_t least_compared = 0;
+  // Whether widening quiets signalling NaNs and raises flags. Here it moves bits.
+  static constexpr bool widening_computes = false;
+
+  static void look_at(uint128, uint128) {}
+  static uint128 propagate_nan(uint128 a, uint128 b) {
+    if (is_signalling<binary128>(a) || is_signalling<binary128>(b)) raise_invalid();
+    return (prefers_first_nan(a, b) ? a : b) | binary128::quiet_bit;
+  }
+};
 
 inline uint128 invalid_operation() {
   raise_invalid();

@@ -45,17 +45,20 @@ constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard)
   return rounding_control() == (negative ? rounding::down : rounding::up);
 }
 
-// Raises PE, and tells whether the rounding mode is to nearest.
+// Raises PE where a result is not exact, and tells whether it is to be rounded to nearest. An exact
+// one may be, as rounding does not change it; whether it is one makes no branch.
 //
 // Storing MXCSR may stall a processor for as long as all the rest of an addition takes. But the
 // mode shows in what the sum that raises PE comes out as, beside a second one: only when rounding
 // to nearest is 1 + 3/4 ulp more than 1 + (next to nothing). So MXCSR itself is stored for the
 // other modes only.
-[[gnu::always_inline]] inline bool raise_inexact_to_nearest() {
-  constexpr double most_of_ulp = 0.75 * 0x1p-52;
-  const double one = *p_one;
-  const double by_next_to_nothing = one + *p_norm;
-  const double by_most_of_ulp = one + most_of_ulp;
+[[gnu::always_inline]] inline bool raise_inexact_to_nearest(
+    uint64_t all_ones_if_inexact = ~uint64_t{0}) {
+  const double* const at_exact = p_addends;
+  const double* const addends = at_exact + static_cast<std::int64_t>(all_ones_if_inexact);
+  const double one = at_exact[2];
+  const double by_next_to_nothing = one + addends[0];
+  const double by_most_of_ulp = one + addends[2];
   perform(by_next_to_nothing);
   return by_most_of_ulp > by_next_to_nothing;
 }
@@ -79,16 +82,15 @@ template <class F>
 
 // The same for a quad whose significand comes doubled, its leading one still in it, so that bit 0
 // takes the place of the guard word's top bit and `rest` that of the bits below. `head` is the sign
-// and the exponent, less 1, in their places. Halving and rounding are one step then.
+// and the exponent, less 1, in their places. Halving and rounding are one step then. Sums are exact
+// too often, and not often enough, for a branch on it.
 [[maybe_unused, gnu::always_inline]] inline uint128 rounded_half(uint64_t head, uint128 doubled,
                                                                  uint64_t rest) {
-  uint64_t last = low(doubled);
-  if (rest == 0) [[unlikely]] {
-    if ((last & 1) == 0) return add_half(head, doubled);
-    last &= last >> 1 | ~uint64_t{1};
-  }
-  if (!raise_inexact_to_nearest()) [[unlikely]]
-    last = (last & ~uint64_t{1}) | rounds_up_directed(head >> 63 != 0);
+  const uint64_t below = low(doubled);
+  const uint64_t kept = all_ones_unless_zero(rest) | ~uint64_t{1};
+  uint64_t last = below & (below >> 1 | kept);  // a tie goes to the even number
+  if (!raise_inexact_to_nearest(all_ones_unless_zero(rest | (below & 1)))) [[unlikely]]
+    last = (below & ~uint64_t{1}) | rounds_up_directed(head >> 63 != 0);
   return add_half(head, make_uint128(high(doubled), last));
 }
 

@@ -15,6 +15,16 @@ struct two_words {
   uint64_t high, low;
 };
 
+// Without a branch, in two steps that compilers do not know.
+[[gnu::always_inline]] inline uint64_t all_ones_unless_zero(uint64_t x) {
+  asm("neg %[x]\n\t"
+      "sbb %[x], %[x]"
+      : [x] "+r"(x)
+      :
+      : "cc");
+  return x;
+}
+
 // Compilers want a product of two words side by side, and empty other registers for it.
 [[gnu::always_inline]] inline two_words multiply_words(uint64_t a, uint64_t b) {
   two_words product;

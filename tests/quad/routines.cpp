@@ -15,6 +15,22 @@ extern "C" int mpfr_set_float128(mpfr_ptr, __float128, mpfr_rnd_t);
 extern "C" __float128 mpfr_get_float128(mpfr_srcptr, mpfr_rnd_t);
 
 namespace zorvac::test {
+
+// The routines by value of libzorvac_quad.a.
+extern "C" {
+word zorvac_quad_add(word, word);
+word zorvac_quad_sub(word, word);
+word zorvac_quad_mul(word, word);
+word zorvac_quad_div(word, word);
+int zorvac_quad_eq(word, word);
+int zorvac_quad_lt(word, word);
+int zorvac_quad_le(word, word);
+word zorvac_quad_from_double(double);
+double zorvac_quad_to_double(word);
+word zorvac_quad_from_int64(std::int64_t);
+word zorvac_quad_from_uint64(std::uint64_t);
+}
+
 namespace {
 
 using number = zorvac::quad;
@@ -223,16 +239,18 @@ using std::plus, std::minus, std::equal_to, std::not_equal_to, std::less, std::l
 
 // clang-format off
 const std::vector<routine> routines = {
-    {"addq", pair, calls<__addq, a_addq>(), arithmetic<mpfr_add>},
-    {"subq", pair, calls<__subq, a_subq>(), arithmetic<mpfr_sub>},
-    {"mulq", pair, calls<__mulq, a_mulq>(), arithmetic<mpfr_mul>},
-    {"divq", pair, calls<__divq, a_divq>(), arithmetic<mpfr_div>},
+    {"addq", pair, calls<__addq, a_addq, zorvac_quad_add>(), arithmetic<mpfr_add>},
+    {"subq", pair, calls<__subq, a_subq, zorvac_quad_sub>(), arithmetic<mpfr_sub>},
+    {"mulq", pair, calls<__mulq, a_mulq, zorvac_quad_mul>(), arithmetic<mpfr_mul>},
+    {"divq", pair, calls<__divq, a_divq, zorvac_quad_div>(), arithmetic<mpfr_div>},
     {"negq", quad, calls<__negq, a_negq>(), copied<sign>},
 
-    {"eqq", pair, calls<__eqq, a_eqq, computed<equal_to<>>>(), comparison<equal_to<>, 0>},
+    {"eqq", pair, calls<__eqq, a_eqq, zorvac_quad_eq, computed<equal_to<>>>(),
+     comparison<equal_to<>, 0>},
     {"neq", pair, calls<__neq, a_neq, computed<not_equal_to<>>>(), comparison<not_equal_to<>, 0>},
-    {"ltq", pair, calls<__ltq, a_ltq, computed<less<>>>(), comparison<less<>>},
-    {"leq", pair, calls<__leq, a_leq, computed<less_equal<>>>(), comparison<less_equal<>>},
+    {"ltq", pair, calls<__ltq, a_ltq, zorvac_quad_lt, computed<less<>>>(), comparison<less<>>},
+    {"leq", pair, calls<__leq, a_leq, zorvac_quad_le, computed<less_equal<>>>(),
+     comparison<less_equal<>>},
     {"gtq", pair, calls<__gtq, a_gtq, computed<greater<>>>(), comparison<greater<>>},
     {"geq", pair, calls<__geq, a_geq, computed<greater_equal<>>>(), comparison<greater_equal<>>},
     {"compareq", pair, calls<__compareq, compareq>(), comparison<minus<>>},
@@ -253,18 +271,22 @@ const std::vector<routine> routines = {
     {"ltom", extended, calls<__ltom>(), to_integer<int128, false, long double>},
 
     {"qtof", quad, calls<__qtof, a_qtof, a_cqtof, cast<float>>(), narrowed<float>},
-    {"qtod", quad, calls<__qtod, a_qtod, a_cqtod, cast<double>>(), narrowed<double>},
+    {"qtod", quad, calls<__qtod, a_qtod, a_cqtod, zorvac_quad_to_double, cast<double>>(),
+     narrowed<double>},
     {"qtol", quad, calls<__qtol, a_qtol, cast<long double>>(), narrowed<long double>},
     {"ftoq", binary32, calls<__ftoq, a_ftoq, cast<number, float>>(), widened<float>},
-    {"dtoq", binary64, calls<__dtoq, a_dtoq, cast<number, double>>(), widened<double>},
+    {"dtoq", binary64, calls<__dtoq, a_dtoq, zorvac_quad_from_double, cast<number, double>>(),
+     widened<double>},
     {"ltoq", extended, calls<__ltoq, a_ltoq, cast<number, long double>>(), widened_by_x87},
 
     {"ctoq", integer, calls<a_ctoq, cast<number, int8_t>>(), from_integer<int8_t>},
     {"stoq", integer, calls<a_stoq, cast<number, int16_t>>(), from_integer<int16_t>},
     {"itoq", integer, calls<__itoq, a_itoq, cast<number, int32_t>>(), from_integer<int32_t>},
     {"utoq", integer, calls<__utoq, cast<number, uint32_t>>(), from_integer<uint32_t>},
-    {"jtoq", integer, calls<__jtoq, a_jtoq, cast<number, int64_t>>(), from_integer<int64_t>},
-    {"ktoq", integer, calls<__ktoq, cast<number, uint64_t>>(), from_integer<uint64_t>},
+    {"jtoq", integer, calls<__jtoq, a_jtoq, zorvac_quad_from_int64, cast<number, int64_t>>(),
+     from_integer<int64_t>},
+    {"ktoq", integer, calls<__ktoq, zorvac_quad_from_uint64, cast<number, uint64_t>>(),
+     from_integer<uint64_t>},
     {"ntoq", integer, calls<__ntoq, cast<number, word>>(), from_integer<word>},
     {"mtoq", integer, calls<__mtoq, cast<number, int128>>(), from_integer<int128>},
     {"ntof", integer, calls<__ntof>(), from_integer<word, float>},

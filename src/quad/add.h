@@ -1,0 +1,158 @@
+#ifndef ZORVAC_QUAD_ADD_H
+#define ZORVAC_QUAD_ADD_H
+// Addition and subtraction.
+//
+// The common path has no branch that depends on signs, on which operand is larger or on carries:
+// for operands as they come, a processor could not predict any of those. The operands are ordered
+// by conditional moves, and the smaller one is negated, or not, by a mask.
+#include "quad/nan.h"
+#include "quad/operands.h"
+#include "quad/places.h"
+#include "quad/rounding.h"
+#include "quad/words.h"
+
+namespace zorvac::softfp {
+namespace {
+namespace addition {
+
+using f = binary128;
+
+struct ordered_operands {
+  uint128 larger, smaller;  // magnitudes
+  bool negative;            // sign of the larger one, and of the result unless that is zero
+  bool subtract;            // whether the smaller one's sign differs
+};
+
+// `negate_b` is the sign bit, or 0. It must not touch what b itself holds, for a NaN comes back
+// with the sign it has.
+inline ordered_operands order(uint128 a, uint128 b, uint64_t negate_b) {
+  b ^= make_uint128(negate_b, 0);
+  const bool subtract = f::negative(a) != f::negative(b);
+  if (f::magnitude(a) < f::magnitude(b))
+    return {f::magnitude(b), f::magnitude(a), f::negative(b), subtract};
+  return {f::magnitude(a), f::magnitude(b), f::negative(a), subtract};
+}
+
+// Finite operands of whatever kind.
+inline uint128 add_finite(const ordered_operands& o) {
+  // Subnormal numbers have the exponent of the smallest normal ones, and no leading one.
+  const int larger_exponent = f::exponent(o.larger) + (f::exponent(o.larger) == 0);
+  const int smaller_exponent = f::exponent(o.smaller) + (f::exponent(o.smaller) == 0);
+  const auto significand = [](uint128 w) {
+    return f::fraction(w) | (f::exponent(w) != 0 ? f::leading_one : 0);
+  };
+
+  // A distance of 114 and more leaves nothing but a sticky bit. Some room below the guard word's
+  // first bits is all that a difference needs, as it loses one leading place at most then.
+  const auto aligned =
+      shift_right_sticky(significand(o.smaller), 0, larger_exponent - smaller_exponent);
+  const three_words addend = {high(aligned.significand), low(aligned.significand), aligned.guard};
+  const uint128 larger = significand(o.larger);
+  const three_words sum = add_or_subtract(larger, addend, -uint64_t{o.subtract});
+
+  if (sum.significand() >> f::precision != 0)  // a carry
+    return round_and_pack<f>(o.negative, larger_exponent + 1, sum.significand() >> 1,
+                             sum.low << 63 | sum.guard >> 1, sum.guard & 1);
+
+  // Leading places that cancelled come back by a shift, as far as the exponent goes. One of 2
+  // places and more leaves the guard word empty: the exponents differ by 1 at most then.
+  const int zeros =
+      sum.significand() != 0 ? leading_zeros(sum.significand()) : 128 + leading_zeros(sum.guard);
+  const int wanted = zeros - (128 - f::precision);
+  const int shift = wanted < larger_exponent ? wanted : larger_exponent - 1;
+  three_words normalised = sum << static_cast<unsigned>(shift & 63);
+  if (shift >= 64) normalised = {normalised.low, normalised.guard, 0};
+  if (normalised.significand() < f::leading_one)
+    return f::signed_word(o.negative, normalised.significand());
+  return round_and_pack<f>(o.negative, larger_exponent - shift, normalised.significand(),
+                           normalised.guard);
+}
+
+// The slow path: any operands.
+template <class Rules>
+uint128 add_any(uint128 a, uint128 b, uint64_t negate_b) {
+  Rules::look_at(a, b);
+  const ordered_operands o = order(a, b, negate_b);
+  if (is_nan<f>(a) || is_nan<f>(b)) return Rules::propagate_nan(a, b);
+  if (is_infinite(o.smaller) && o.subtract) return invalid_operation();
+  if (is_infinite(o.larger)) return f::signed_word(o.negative, f::infinity);
+
+  if (is_subnormal(o.larger) || is_subnormal(o.smaller)) raise_denormal();
+  if (o.larger == o.smaller && o.subtract)
+    return f::signed_word(rounding_control() == rounding::down, 0);
+  if (is_zero(o.smaller)) return f::signed_word(o.negative, o.larger);
+  return add_finite(o);
+}
+template <class Rules, class Result, class Operand>
+[[gnu::cold, gnu::noinline]] auto add_slowly(Result result, Operand a, Operand b,
+                                             uint64_t negate_b) {
+  return result(add_any<Rules>(a.word(), b.word(), negate_b));
+}
+
+constexpr int place = f::fraction_bits - 64;  // of the leading one, in the high word
+
+// The common path ordered the operands by their high words alone and had no more than 65 bits left
+// of a difference, in the low word and at the top of the guard word, and these exact. Where it is
+// below 0, the high word being all ones, the order was wrong. `head` is the larger one's sign and
+// exponent, in their places.
+template <class Result>
+[[gnu::cold, gnu::noinline]] auto cancelled(Result result, uint64_t head, uint64_t sum_high,
+                                            uint64_t sum_low, uint64_t sum_guard) {
+  uint128 rest = make_uint128(sum_low, sum_guard);
+  if (sum_high != 0) {
+    rest = -rest;
+    head ^= high(f::sign_bit);
+  } else if (rest == 0) {
+    return result(f::signed_word(rounding_control() == rounding::down, 0));
+  }
+  const int zeros = leading_zeros(rest);  // besides the place + 1 above that the high word had
+  const uint128 significand = rest << zeros >> (128 - f::precision);
+  head -= static_cast<uint64_t>(place + 2 + zeros) << place;  // the leading one adds 1
+  return result(make_uint128(head + high(significand), low(significand)));
+}
+
+// The common path adds or subtracts the significands like this, larger + (smaller >> distance):
+//
+//             127 .. 113   112 .. 0          guard word
+//   larger    0            significand       0
+//   smaller   0            significand >> distance, ................
+//
+// A distance below 64 loses none of the smaller one's bits, and leaves the last one of the guard
+// word free. The sum's leading one is at bit 112, one place further up or, after a subtraction,
+// anywhere below; it is shifted to the place of a carry.
+//
+// `negate_b` is the sign bit, or 0.
+template <class Rules, class Result, class Operand>
+[[gnu::always_inline]] inline auto add(Result result, Operand a, Operand b, uint64_t negate_b) {
+  uint128 larger = a.word(), smaller = b.word() ^ make_uint128(negate_b, 0);
+  exchange_if_less(high(larger) << 1, high(smaller) << 1, larger, smaller);
+
+  // Exponents from 128 up leave room for all the places that can cancel here, and those below
+  // `last` room for a carry and for rounding. Both operands are normal numbers then.
+  constexpr uint64_t first = 128, last = f::special_exponent - 3;
+  const uint64_t exponent = high(larger) << 1 >> (place + 1);
+  const uint64_t distance = exponent - (high(smaller) << 1 >> (place + 1));
+  if (exponent - first > last - first || distance >= 64) [[unlikely]]
+    return add_slowly<Rules>(result, a, b, negate_b);
+
+  const uint64_t fraction = high(f::fraction(larger));
+  const uint64_t all_ones_if_signs_differ =
+      static_cast<uint64_t>(static_cast<std::int64_t>(high(larger) ^ high(smaller)) >> 63);
+  const two_words addend = {high(f::fraction(smaller)) | high(f::leading_one), low(smaller)};
+  const three_words sum = add_or_subtract(
+      make_uint128(fraction | high(f::leading_one), low(larger)),
+      shift_into_guard(addend, static_cast<unsigned>(distance)), all_ones_if_signs_differ);
+  if (static_cast<std::int64_t>(sum.high) <= 0) [[unlikely]]
+    return cancelled(result, high(larger) - fraction, sum.high, sum.low, sum.guard);
+  const auto shift = static_cast<unsigned>(place + 1 - highest_bit(sum.high));
+  const three_words doubled = sum << shift;
+  return result(rounded_half(high(larger) - (fraction + (uint64_t{shift} << place)),
+                             doubled.significand(), doubled.guard));
+}
+
+}  // namespace addition
+using addition::add;
+
+}  // namespace
+}  // namespace zorvac::softfp
+#endif

@@ -1,0 +1,93 @@
+#ifndef ZORVAC_QUAD_MULTIPLY_H
+#define ZORVAC_QUAD_MULTIPLY_H
+// Multiplication: four partial products, added up and rounded once.
+#include "quad/nan.h"
+#include "quad/operands.h"
+#include "quad/places.h"
+#include "quad/rounding.h"
+#include "quad/words.h"
+
+namespace zorvac::softfp {
+namespace {
+namespace multiplication {
+
+using f = binary128;
+
+// The significands' product. With one factor's leading one at the top of its two words, bit 127,
+// the product's is at bit 112 of its upper two words, where a significand has it; or it was one
+// place below.
+//
+//   127 .. 113   112 .. 0        guard word         beyond
+//   0            significand     ................   ................
+struct product {
+  three_words words;
+  uint64_t beyond;
+  uint64_t from_two_up;  // 1 where nothing had to be shifted, else 0
+};
+
+[[gnu::always_inline]] inline product multiply_significands(two_words x, two_words y) {
+  // The partial products added up; the whole is below 2^241, so nothing wraps at the top.
+  const two_words low_low = multiply_words(x.low, y.low);
+  const two_words low_high = multiply_words(x.low, y.high) + low_low.high;
+  const two_words high_low = multiply_words(x.high, y.low);
+  const two_words high_high = multiply_words(x.high, y.high) + low_high.high;
+  three_words whole = three_words{high_high.high, high_high.low, high_low.low} +
+                      three_words{0, high_low.high, low_high.low};
+  const uint64_t from_two_up = double_if_below<f::fraction_bits - 64>(whole);
+  return {whole, low_low.low, from_two_up};
+}
+
+inline uint128 multiply_finite(unpacked<f> a, unpacked<f> b) {
+  const uint128 x = a.significand << 15, y = b.significand;
+  const product p = multiply_significands({high(x), low(x)}, {high(y), low(y)});
+  return round_and_pack<f, exact_underflow::raised_if_unmasked>(
+      a.negative != b.negative, a.exponent + b.exponent - f::bias + static_cast<int>(p.from_two_up),
+      p.words.significand(), p.words.guard, p.beyond);
+}
+
+// The slow path: any operands.
+template <class Rules>
+uint128 multiply_any(uint128 a, uint128 b) {
+  Rules::look_at(a, b);
+  const bool negative = f::negative(a) != f::negative(b);
+  if (is_nan<f>(a) || is_nan<f>(b)) return Rules::propagate_nan(a, b);
+  if (is_infinite(a) || is_infinite(b)) {
+    if (is_zero(a) || is_zero(b)) return invalid_operation();
+    return f::signed_word(negative, f::infinity);
+  }
+  if (is_subnormal(a) && is_subnormal(b)) {
+    // Far below the smallest subnormal number: rounds to that or to zero.
+    raise_denormal_underflow_inexact();
+    return f::signed_word(negative, rounds_up(rounding_control(), negative, false, 1));
+  }
+  if (is_subnormal(a) || is_subnormal(b)) raise_denormal();
+  if (is_zero(a) || is_zero(b)) return f::signed_word(negative, 0);
+  return multiply_finite(unpack<f>(a), unpack<f>(b));
+}
+template <class Rules, class Result, class Operand>
+[[gnu::cold, gnu::noinline]] auto multiply_slowly(Result result, Operand a, Operand b) {
+  return result(multiply_any<Rules>(a.word(), b.word()));
+}
+
+// Sign and exponent of the result are computed in one: the signs above the exponents add up to the
+// product's, and what carries out of them is shifted out.
+template <class Rules, class Result, class Operand>
+[[gnu::always_inline]] inline auto multiply(Result result, Operand a_operand, Operand b_operand) {
+  const uint128 a = a_operand.word(), b = b_operand.word();
+  if (!is_common_case(a, b, [](int x, int y) { return x + y - f::bias; })) [[unlikely]]
+    return multiply_slowly<Rules>(result, a_operand, b_operand);
+  const two_words x = {uint64_t{1} << 63 | high(a) << 15 | low(a) >> 49, low(a) << 15};
+  const two_words y = {high(f::fraction(b)) | high(f::leading_one), low(b)};
+  const product p = multiply_significands(x, y);
+  const uint64_t head = head_of(a) + head_of(b) + p.from_two_up - (f::bias + 1);
+  constexpr int place = f::fraction_bits - 64;
+  const uint128 packed = make_uint128((head << place) + p.words.high, p.words.low);
+  return result(rounded<f>(packed, p.words.guard, p.beyond));
+}
+
+}  // namespace multiplication
+using multiplication::multiply;
+
+}  // namespace
+}  // namespace zorvac::softfp
+#endif
