@@ -46,6 +46,13 @@ namespace zorvac {
 __extension__ typedef __float128 float128_t;
 
 class quad;
+}  // namespace zorvac
+
+// Declared before it is looked for: the C++ library's own isnan() asks for it.
+template <>
+class std::numeric_limits<zorvac::quad>;
+
+namespace zorvac {
 
 /** What the headers share, and nobody else needs. */
 namespace detail {
@@ -60,6 +67,16 @@ inline double unknown(double x) {
 }
 inline void perform(double result) { __asm__ volatile("" : : "x"(result) : "memory"); }
 inline void raise_invalid() { perform(unknown(0) / unknown(0)); }
+
+// By value, with the bits and the flags of __addq() and so on. They are in a small archive that
+// comes with the shared library and is linked with it, and in the static library.
+extern "C" {
+uint128 zorvac_quad_add(uint128 a, uint128 b);
+uint128 zorvac_quad_sub(uint128 a, uint128 b);
+uint128 zorvac_quad_mul(uint128 a, uint128 b);
+uint128 zorvac_quad_div(uint128 a, uint128 b);
+double zorvac_quad_to_double(uint128 a);
+}
 
 template <class T>
 constexpr bool is_character = std::is_same_v<T, char> || std::is_same_v<T, wchar_t> ||
@@ -141,7 +158,7 @@ class quad {
 
   /** Rounded by MXCSR. */
   explicit operator float() const { return __qtof(this); }
-  explicit operator double() const { return __qtod(this); }
+  explicit operator double() const { return detail::zorvac_quad_to_double(bits()); }
   explicit operator long double() const { return __qtol(this); }
 
   /** The same number, NaNs too. */
@@ -163,17 +180,25 @@ class quad {
   explicit operator zorvac_int128_t() const { return __qtom(this); }
   explicit operator zorvac_uint128_t() const { return __qton(this); }
 
-  quad& operator+=(const quad& b) { return __addq(this, this, &b), *this; }
-  quad& operator-=(const quad& b) { return __subq(this, this, &b), *this; }
-  quad& operator*=(const quad& b) { return __mulq(this, this, &b), *this; }
-  quad& operator/=(const quad& b) { return __divq(this, this, &b), *this; }
+  friend quad operator+(quad a, quad b) {
+    return from_bits(detail::zorvac_quad_add(a.bits(), b.bits()));
+  }
+  friend quad operator-(quad a, quad b) {
+    return from_bits(detail::zorvac_quad_sub(a.bits(), b.bits()));
+  }
+  friend quad operator*(quad a, quad b) {
+    return from_bits(detail::zorvac_quad_mul(a.bits(), b.bits()));
+  }
+  friend quad operator/(quad a, quad b) {
+    return from_bits(detail::zorvac_quad_div(a.bits(), b.bits()));
+  }
+  quad& operator+=(quad b) { return *this = *this + b; }
+  quad& operator-=(quad b) { return *this = *this - b; }
+  quad& operator*=(quad b) { return *this = *this * b; }
+  quad& operator/=(quad b) { return *this = *this / b; }
 
-  friend quad operator+(quad a, const quad& b) { return a += b; }
-  friend quad operator-(quad a, const quad& b) { return a -= b; }
-  friend quad operator*(quad a, const quad& b) { return a *= b; }
-  friend quad operator/(quad a, const quad& b) { return a /= b; }
-  friend constexpr quad operator+(const quad& a) { return a; }
-  friend constexpr quad operator-(const quad& a) { return from_words(a.low_, a.high_ ^ sign_bit); }
+  friend constexpr quad operator+(quad a) { return a; }
+  friend constexpr quad operator-(quad a) { return from_words(a.low_, a.high_ ^ sign_bit); }
 
   quad& operator++() { return *this += 1; }
   quad& operator--() { return *this -= 1; }
@@ -272,6 +297,29 @@ class quad {
   std::uint64_t low_ = 0, high_ = 0;
 };
 static_assert(sizeof(quad) == 16 && std::is_trivially_copyable_v<quad>);
+
+namespace detail {
+
+constexpr uint128 leading_one = static_cast<uint128>(1) << 112;
+constexpr uint128 infinity_bits = static_cast<uint128>(0x7fff) << 112;
+constexpr uint128 sign_mask = static_cast<uint128>(1) << 127;
+constexpr uint128 quiet_bit = leading_one >> 1;
+constexpr int bias = 16383, special_exponent = 0x7fff;
+
+constexpr int leading_zeros(uint128 x) {  // of what is not 0
+  const auto high = static_cast<std::uint64_t>(x >> 64);
+  return high != 0 ? __builtin_clzll(high) : 64 + __builtin_clzll(static_cast<std::uint64_t>(x));
+}
+
+constexpr bool is_signalling(quad a) { return isnan(a) && (a.bits() & quiet_bit) == 0; }
+constexpr bool is_zero(quad a) { return abs(a).bits() == 0; }
+constexpr bool is_subnormal(quad a) { return !is_zero(a) && (abs(a).bits() >> 112) == 0; }
+
+constexpr quad with_sign(bool negative, uint128 size) {
+  return quad::from_bits(negative ? size | sign_mask : size);
+}
+
+}  // namespace detail
 
 }  // namespace zorvac
 

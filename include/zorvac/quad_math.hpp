@@ -25,21 +25,6 @@ namespace detail {
 
 /* ---- A number taken apart, and put together -------------------------------------------------- */
 
-constexpr uint128 leading_one = static_cast<uint128>(1) << 112;
-constexpr uint128 infinity_bits = static_cast<uint128>(0x7fff) << 112;
-constexpr uint128 sign_mask = static_cast<uint128>(1) << 127;
-constexpr uint128 quiet_bit = leading_one >> 1;
-constexpr int bias = 16383, special_exponent = 0x7fff;
-
-constexpr int leading_zeros(uint128 x) {  // of what is not 0
-  const auto high = static_cast<std::uint64_t>(x >> 64);
-  return high != 0 ? __builtin_clzll(high) : 64 + __builtin_clzll(static_cast<std::uint64_t>(x));
-}
-
-constexpr bool is_signalling(quad a) { return isnan(a) && (a.bits() & quiet_bit) == 0; }
-constexpr bool is_zero(quad a) { return abs(a).bits() == 0; }
-constexpr bool is_subnormal(quad a) { return !is_zero(a) && (abs(a).bits() >> 112) == 0; }
-
 // A finite number that is not zero: significand * 2^(exponent - bias - 112), leading one in place.
 struct unpacked {
   bool negative;
@@ -53,10 +38,6 @@ constexpr unpacked unpack(quad a) {
   const int zeros = leading_zeros(size) - 15;
   return {signbit(a), 1 - zeros, size << zeros};
 }
-constexpr quad with_sign(bool negative, uint128 size) {
-  return quad::from_bits(negative ? size | sign_mask : size);
-}
-
 // MXCSR's rounding-control field.
 enum class rounding : unsigned { to_nearest, down, up, toward_zero };
 inline rounding rounding_control() {

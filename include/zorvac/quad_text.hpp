@@ -87,8 +87,14 @@ constexpr std::uint64_t divide(std::uint64_t high, std::uint64_t low, std::uint6
   return static_cast<std::uint64_t>((static_cast<uint128>(high) << 64 | low) / by);
 }
 
-// An integer from 0 up. The largest are a number of most_digits and the power of 5 that divides it
-// when it is a subnormal, 5^(11600 + 4967) < 2^38500, moved left by up to three words.
+// The largest integers are a number of most_digits and the power of 5 that divides it when it is a
+// subnormal, 5^(11600 + 4967) < 2^38500, moved left by up to three words. Those that come of 100
+// digits and a power up to 5^220, or a longer one cut to its first six words, have a small array.
+constexpr int most_words = 38784 / 64, few_words = 20, kept_words = 6;
+constexpr int short_power = 220, few_digits = 100;
+
+// An integer from 0 up.
+template <int Words>
 class big_integer {
  public:
   constexpr explicit big_integer(uint128 value) {
@@ -110,12 +116,21 @@ class big_integer {
     if (carry != 0) words_[size_++] = carry;
   }
 
-  constexpr void multiply_by_power_of_5(int exponent) {
-    constexpr std::uint64_t fifth_power_27 = 7450580596923828125;  // the last below 2^64
-    for (; exponent >= 27; exponent -= 27) multiply_add(fifth_power_27, 0);
-    std::uint64_t rest = 1;
-    for (; exponent > 0; --exponent) rest *= 5;
-    if (rest != 1) multiply_add(rest, 0);
+  friend constexpr big_integer operator*(const big_integer& a, const big_integer& b) {
+    big_integer product{0};
+    for (int i = 0; i < a.size_; ++i) {
+      std::uint64_t carry = 0;
+      for (int j = 0; j < b.size_; ++j) {
+        const auto sum =
+            static_cast<uint128>(a.words_[i]) * b.words_[j] + product.words_[i + j] + carry;
+        product.words_[i + j] = static_cast<std::uint64_t>(sum);
+        carry = static_cast<std::uint64_t>(sum >> 64);
+      }
+      product.words_[i + b.size_] = carry;
+    }
+    product.size_ = a.size_ + b.size_;
+    product.trim();
+    return product;
   }
 
   constexpr void shift_left(int bits) {
@@ -137,6 +152,26 @@ class big_integer {
     shift_left(shift);
     return shift;
   }
+
+  // Keeps the highest words, so many at most; how many fell away.
+  constexpr int cut(int most) {
+    const int lost = size_ > most ? size_ - most : 0;
+    if (lost == 0) return 0;
+    for (int i = 0; i < size_; ++i) words_[i] = i < most ? words_[i + lost] : 0;
+    size_ = most;
+    return lost;
+  }
+
+  // The highest two words, once the top bit is set, and whether there is anything below.
+  constexpr uint128 head() const {
+    return static_cast<uint128>(words_[size_ - 1]) << 64 | (size_ > 1 ? words_[size_ - 2] : 0);
+  }
+  constexpr bool has_tail() const {
+    int i = size_ - 3;
+    while (i >= 0 && words_[i] == 0) --i;
+    return i >= 0;
+  }
+  constexpr int size() const { return size_; }
 
   // Leaves the remainder, and returns the quotient, which must be below 2^64; the divisor must be
   // aligned (Knuth, The Art of Computer Programming, volume 2, 4.3.1, D). The
@@ -210,8 +245,36 @@ class big_integer {
     while (size_ > 0 && words_[size_ - 1] == 0) --size_;
   }
 
-  std::uint64_t words_[38784 / 64] = {};  // zeros above those in use
-  int size_ = 0;                          // of words in use; the highest of them is not 0
+  std::uint64_t words_[Words] = {};  // zeros above those in use
+  int size_ = 0;                     // of words in use; the highest of them is not 0
+};
+
+// value * 2^(64 * cut) is 5^exponent, or a little less where that is long and `kept` cuts it.
+template <int Words>
+struct power_of_5 {
+  big_integer<Words> value{1};
+  int cut = 0;
+
+  constexpr power_of_5(int exponent, int kept) {
+    constexpr std::uint64_t power_27 = 7450580596923828125;  // the last below 2^64
+    for (int count = exponent / 27, bit = 128; bit != 0; bit >>= 1) {
+      if (count >= 2 * bit) {
+        value = value * value;
+        cut = 2 * cut + value.cut(kept);
+      }
+      if ((count & bit) != 0) {
+        value.multiply_add(power_27, 0);
+        cut += value.cut(kept);
+      }
+    }
+    std::uint64_t rest = 1;
+    for (int i = exponent % 27; i > 0; --i) rest *= 5;
+    value.multiply_add(rest, 0);
+  }
+
+  // Makes a value that is too small one that is too large. What a cut takes is less than 2^-320 of
+  // the whole; the squarings that follow, five at most, and as many cuts beside, make 2^-314 of that.
+  constexpr void raise() { value.add(big_integer<Words>(static_cast<uint128>(256) << 64)); }
 };
 
 /* ---- Reading --------------------------------------------------------------------------------- */
@@ -232,62 +295,85 @@ constexpr const char* skip_word(const char* first, const char* last, std::string
   return first;
 }
 
-// A number, digits * base^exponent, from the front of [first, last). The exponent that is written
+// A number, its digits * base^exponent, at the front of [first, last). The exponent that is written
 // counts powers of 10, or of 2 where the base is 16.
 struct number {
-  big_integer digits{0};
-  std::int64_t digit_count = 0;  // without leading zeros; at most most_digits + 1
-  std::int64_t exponent = 0;     // in the end, of 10 or of 2
+  std::int64_t digit_count = 0;  // without leading zeros
+  std::int64_t exponent = 0;     // of 10 or of 2
   const char* end = nullptr;     // null where there is no number
 
-  constexpr number(const char* first, const char* last, std::chars_format format) {
-    const bool hexadecimal = format == std::chars_format::hex;
-    const char* const mantissa_end = read_mantissa(first, last, hexadecimal ? 16 : 10);
-    if (hexadecimal) exponent *= 4;
+  constexpr number(const char* first, const char* last, std::chars_format format)
+      : base_(format == std::chars_format::hex ? 16 : 10) {
+    const char* const mantissa_end = read_mantissa(first, last);
+    if (base_ == 16) exponent *= 4;
     if (mantissa_end == nullptr) return;
     end = mantissa_end;
     if (format == std::chars_format::fixed) return;
-    const char* const whole = read_exponent(mantissa_end, last, hexadecimal ? 'p' : 'e');
+    const char* const whole = read_exponent(mantissa_end, last, base_ == 16 ? 'p' : 'e');
     if (whole != nullptr)
       end = whole;
     else if (format == std::chars_format::scientific)
       end = nullptr;
   }
 
- private:
-  constexpr const char* read_mantissa(const char* at, const char* last, unsigned base) {
-    const std::uint64_t scale_limit = base == 10 ? chunk_scale : std::uint64_t{1} << 60;
-    bool any = false, after_point = false, lost = false;
-    std::uint64_t chunk = 0, scale = 1;  // digits on their way into `digits`
-    for (; at != last; ++at) {
-      if (*at == '.' && !after_point) {
-        after_point = true;
-        continue;
-      }
-      const unsigned digit = digit_value(*at);
-      if (digit >= base) break;
-      any = true;
-      if (after_point) --exponent;
-      if (digit_count == most_digits) {
-        ++exponent;
-        lost = lost || digit != 0;
-        continue;
-      }
-      if (digit_count == 0 && digit == 0) continue;
-      ++digit_count;
-      chunk = chunk * base + digit;
-      scale *= base;
-      if (scale == scale_limit) {
-        digits.multiply_add(scale, chunk);
+  constexpr bool hexadecimal() const { return base_ == 16; }
+
+  // All of it is an integer of one word, as most numbers are that people write.
+  constexpr bool is_head() const { return exponent == 0 && digit_count == head_digits_; }
+  constexpr uint128 head() const { return head_; }
+
+  // The digits as an integer. Where there are too many, one more stands for all that follow, unless
+  // these are zeros.
+  template <int Words>
+  constexpr big_integer<Words> value() {
+    big_integer<Words> value{head_};
+    const char* at = tail_;
+    std::int64_t left = digit_count - head_digits_;
+    const std::int64_t dropped = digit_count > most_digits ? digit_count - most_digits : 0;
+    std::uint64_t chunk = 0, scale = 1;
+    for (; left > dropped; ++at) {
+      if (*at == '.') continue;
+      --left;
+      chunk = chunk * base_ + digit_value(*at);
+      scale *= base_;
+      if (scale >= chunk_scale / 16 || left == dropped) {
+        value.multiply_add(scale, chunk);
         chunk = 0;
         scale = 1;
       }
     }
-    if (scale != 1) digits.multiply_add(scale, chunk);
-    if (lost) {  // a digit that stands for all that were not kept
-      digits.multiply_add(base, 1);
-      ++digit_count;
-      --exponent;
+    if (dropped == 0) return value;
+    bool zeros = true;
+    for (; left > 0; ++at) {
+      if (*at == '.') continue;
+      --left;
+      zeros = zeros && *at == '0';
+    }
+    value.multiply_add(base_, zeros ? 0 : 1);
+    exponent += (dropped - 1) * (base_ == 16 ? 4 : 1);
+    digit_count = most_digits + 1;
+    return value;
+  }
+
+ private:
+  constexpr const char* read_mantissa(const char* at, const char* last) {
+    const int most_in_head = base_ == 16 ? 32 : 38;
+    bool any = false, after_point = false;
+    for (; at != last; ++at) {
+      const unsigned digit = digit_value(*at);
+      if (digit >= base_) {
+        if (*at != '.' || after_point) break;
+        after_point = true;
+        continue;
+      }
+      any = true;
+      if (after_point) --exponent;
+      if (digit_count == 0 && digit == 0) continue;
+      if (digit_count++ < most_in_head) {
+        head_ = head_ * base_ + digit;
+        ++head_digits_;
+        tail_ = at + 1;
+      }
     }
     return any ? at : nullptr;
   }
@@ -307,6 +393,11 @@ struct number {
     exponent += negative ? -value : value;
     return at;
   }
+
+  unsigned base_;
+  uint128 head_ = 0;  // the first digits, for which a big integer would be slow
+  int head_digits_ = 0;
+  const char* tail_ = nullptr;  // what follows them; the point may be in it
 };
 
 // The bits of the quad nearest to significand * 2^exponent, or to what is a little more (`sticky`:
@@ -330,26 +421,62 @@ constexpr uint128 nearest(uint128 significand, bool sticky, int exponent) {
   return normal ? bits + (static_cast<uint128>(power - least_power) << 112) : bits;
 }
 
-// The same for a number that is not zero.
-constexpr uint128 nearest_quad(number& from, bool hexadecimal) {
-  // It has so many digits, or bits, before its point, give or take 4 bits.
-  const std::int64_t size = from.exponent + from.digit_count * (hexadecimal ? 4 : 1);
-  if (size > (hexadecimal ? 16389 : 4933)) return detail::infinity_bits;
-  if (size < (hexadecimal ? -16500 : -4966)) return 0;
-  const int exponent = static_cast<int>(from.exponent);
-
-  big_integer& numerator = from.digits;
-  big_integer denominator{1};
-  if (!hexadecimal && exponent >= 0) numerator.multiply_by_power_of_5(exponent);
-  if (!hexadecimal && exponent < 0) denominator.multiply_by_power_of_5(-exponent);
+// The same for a fraction of two integers.
+template <int Words>
+constexpr uint128 nearest(big_integer<Words> numerator, big_integer<Words> denominator,
+                          int exponent) {
   // Shifted so that the numerator has one bit less: the quotient is between 1/4 and 1 then, and two
-  // words of it have 127 bits at least.
+  // words of it have 126 bits at least.
   const int excess = numerator.bit_length() - denominator.bit_length() + 1;
   numerator.shift_left(denominator.align(excess) - excess + 64);
   const uint128 high = numerator.divide_by(denominator);
   numerator.shift_left(64);
   const std::uint64_t low = numerator.divide_by(denominator);
   return nearest(high << 64 | low, !numerator.is_zero(), exponent + excess - 128);
+}
+
+// The same for digits * 10^exponent, by a power of 5.
+template <int Words>
+constexpr uint128 nearest(const big_integer<Words>& digits, int exponent,
+                          const power_of_5<Words>& power) {
+  if (exponent < 0) return nearest(digits, power.value, exponent - 64 * power.cut);
+  big_integer<Words> product = digits * power.value;
+  const int shift = product.align(0);
+  return nearest(product.head(), product.has_tail(),
+                 exponent + 64 * (power.cut + product.size() - 2) - shift);
+}
+
+// The same for a number that is not zero. Where a power is cut, and one that is too small leads to
+// the same quad as one that is too large, so does the power itself.
+template <int Words>
+constexpr std::optional<uint128> nearest_quad(number from, int kept) {
+  const big_integer<Words> digits = from.value<Words>();
+  const int exponent = static_cast<int>(from.exponent);
+  if (from.hexadecimal()) {
+    big_integer<Words> aligned = digits;
+    const int shift = aligned.align(0);
+    return nearest(aligned.head(), aligned.has_tail(),
+                   exponent + 64 * (aligned.size() - 2) - shift);
+  }
+  power_of_5<Words> power(exponent < 0 ? -exponent : exponent, kept);
+  const uint128 size = nearest(digits, exponent, power);
+  if (power.cut == 0) return size;
+  power.raise();
+  if (size != nearest(digits, exponent, power)) return std::nullopt;
+  return size;
+}
+constexpr uint128 nearest_quad(const number& from) {
+  if (from.is_head()) return nearest(from.head(), false, 0);
+  // It has so many digits, or bits, before its point, give or take 4 bits.
+  const std::int64_t size = from.exponent + from.digit_count * (from.hexadecimal() ? 4 : 1);
+  if (size > (from.hexadecimal() ? 16389 : 4933)) return detail::infinity_bits;
+  if (size < (from.hexadecimal() ? -16500 : -4966)) return 0;
+  if (from.digit_count <= few_digits) {
+    const bool is_short = from.exponent >= -short_power && from.exponent <= short_power;
+    const auto bits = nearest_quad<few_words>(from, is_short ? few_words : kept_words);
+    if (bits.has_value()) return *bits;
+  }
+  return *nearest_quad<most_words>(from, most_words);
 }
 
 // As from_chars(), but what is out of range gives a value, too: infinity or zero.
@@ -373,8 +500,8 @@ constexpr std::from_chars_result read(const char* first, const char* last, quad&
     number digits(at, last, format);
     if (digits.end == nullptr) return {first, std::errc::invalid_argument};
     end = digits.end;
-    if (!digits.digits.is_zero()) {
-      size = nearest_quad(digits, format == std::chars_format::hex);
+    if (digits.digit_count != 0) {
+      size = nearest_quad(digits);
       if (size == 0 || size == detail::infinity_bits) error = std::errc::result_out_of_range;
     }
   }
@@ -394,32 +521,37 @@ struct digit_string {
 
   // Rounded to `wanted` digits, or to those up to `wanted` places behind the point; or to as few of
   // 33 to 36 digits as read back.
-  digit_string(quad q, int wanted, bool behind_point = false)
-      : significand_(abs(q).bits() & (detail::leading_one - 1)) {
-    if (detail::is_zero(q)) return;
-    const int biased = static_cast<int>(abs(q).bits() >> 112);
-    if (biased != 0) significand_ |= detail::leading_one;
-    narrow_below_ = significand_ == detail::leading_one && biased > 1;
-    const int power = (biased == 0 ? 1 : biased) - detail::bias - 112;
-    // 10^point is above the number, and 1233 / 4096 so near the logarithm of 2 that the factor is
-    // less than 1000: that costs up to two leading zeros.
-    point = ((128 - detail::leading_zeros(significand_) + power) * 1233 >> 12) + 2;
+  inline digit_string(quad q, int wanted, bool behind_point = false);
 
-    // 2^power / 10^point is ulp / denominator, without the twos in 10^point.
-    (point < 0 ? ulp_ : denominator_).multiply_by_power_of_5(point < 0 ? -point : point);
-    const int twos = power - point;
+ private:
+  digit_string() {}
+  bool operator==(const digit_string& b) const {
+    return length == b.length && point == b.point &&
+           std::memcmp(text, b.text, static_cast<std::size_t>(length)) == 0;
+  }
+};
+
+// Divides them out.
+template <int Words>
+class digit_generator {
+ public:
+  // The number is significand * 2^power, and below 10^point; five is the power of 5 for that.
+  digit_generator(digit_string& out, uint128 significand, int power, const power_of_5<Words>& five)
+      : text(out.text), length(out.length), point(out.point), significand_(significand) {
+    // 2^power / 10^point is ulp / denominator, without the twos in 10^point and in what is cut off.
+    const int cut = point < 0 ? 64 * five.cut : -64 * five.cut;
+    const int twos = power - point + cut;
+    (point < 0 ? ulp_ : denominator_) = five.value;
     ulp_.shift_left(denominator_.align(-twos) + twos);
-    rest_ = ulp_;
-    rest_.multiply_add(static_cast<std::uint64_t>(significand_ >> 64), 0);
-    rest_.shift_left(64);
-    big_integer low = ulp_;
-    low.multiply_add(static_cast<std::uint64_t>(significand_), 0);
-    rest_.add(low);
+    rest_ = ulp_ * big_integer<Words>(significand);
+  }
 
+  // `narrow_below`: the number below is half an ulp away, as of a power of 2.
+  void generate(int wanted, bool behind_point, bool narrow_below) {
     generate_chunk();
     if (wanted == shortest) {
       generate_chunk();
-      wanted = fewest_digits();
+      wanted = fewest_digits(narrow_below);
     } else if (behind_point) {
       wanted = (wanted < 2 * most_digits ? wanted : 2 * most_digits) + point;
     }
@@ -455,23 +587,23 @@ struct digit_string {
 
   // A number reads back when it is less than half an ulp away, or half of it where the significand
   // is even. In units of the last digit, what is behind the point is rest / denominator.
-  int fewest_digits() const {
+  int fewest_digits(bool narrow_below) const {
     using limits = std::numeric_limits<quad>;
     for (int count = limits::digits10; count < limits::max_digits10 && count < length; ++count) {
       std::uint64_t cut = 0, unit = 1;
       for (int i = count; i < length; ++i, unit *= 10)
         cut = cut * 10 + static_cast<std::uint64_t>(text[i] - '0');
       const bool up = rounds_up(count);
-      big_integer distance = denominator_;
+      big_integer<Words> distance = denominator_;
       distance.multiply_add(up ? unit - cut : cut, 0);
       if (up) {
-        big_integer above = distance;
+        const big_integer<Words> above = distance;
         distance = rest_;
         distance.subtract_from(above);
       } else {
         distance.add(rest_);
       }
-      distance.shift_left(!up && narrow_below_ ? 2 : 1);
+      distance.shift_left(!up && narrow_below ? 2 : 1);
       const int order = distance.compare(ulp_);
       if (order < 0 || (order == 0 && (significand_ & 1) == 0)) return count;
     }
@@ -492,10 +624,46 @@ struct digit_string {
     while (length > 0 && text[length - 1] == '0') --length;
   }
 
-  uint128 significand_;
-  bool narrow_below_ = false;  // a power of two: the number below is half an ulp away
-  big_integer ulp_{1}, denominator_{1}, rest_{0};
+  char* const text;
+  int &length, &point;
+  const uint128 significand_;
+  big_integer<Words> ulp_{1}, denominator_{1}, rest_{0};
 };
+
+inline digit_string::digit_string(quad q, int wanted, bool behind_point) {
+  uint128 significand = abs(q).bits();
+  if (significand == 0) return;
+  const int biased = static_cast<int>(significand >> 112);
+  if (biased != 0) significand = (significand & (detail::leading_one - 1)) | detail::leading_one;
+  const bool narrow_below = significand == detail::leading_one && biased > 1;
+  const int power = (biased == 0 ? 1 : biased) - detail::bias - 112;
+  // 10^point is above the number, and 1233 / 4096 so near the logarithm of 2 that the factor is less
+  // than 1000: that costs up to two leading zeros.
+  point = ((128 - detail::leading_zeros(significand) + power) * 1233 >> 12) + 2;
+  const auto generate = [&](digit_string& out, const auto& five) {
+    digit_generator(out, significand, power, five).generate(wanted, behind_point, narrow_below);
+  };
+  const int start = point, fives = point < 0 ? -point : point;
+  if (fives <= short_power) {
+    generate(*this, power_of_5<few_words>(fives, few_words));
+    return;
+  }
+  // Where a power that is too small leads to the same digits as one that is too large, so does the
+  // power itself.
+  constexpr int certain_digits = 40;
+  if (wanted + (behind_point ? point : 0) <= certain_digits) {
+    power_of_5<few_words> five(fives, kept_words);
+    generate(*this, five);
+    digit_string other;
+    other.point = start;
+    five.raise();
+    generate(other, five);
+    if (other == *this) return;
+    point = start;
+    length = 0;
+  }
+  generate(*this, power_of_5<most_words>(fives, most_words));
+}
 
 /* ---- Writing --------------------------------------------------------------------------------- */
 
