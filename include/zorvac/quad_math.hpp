@@ -369,8 +369,9 @@ inline quad sqrt(quad a) {
 /** a * b + c, rounded once. */
 inline quad fma(quad a, quad b, quad c) {
   if (isnan(c) && !isnan(a) && !isnan(b)) return c + c;
-  if (!isfinite(a) || !isfinite(b) || detail::is_zero(a) || detail::is_zero(b)) return a * b + c;
+  if (!isfinite(a) || !isfinite(b)) return a * b + c;
   if (isinf(c)) return c;
+  if (detail::is_zero(a) || detail::is_zero(b)) return a * b + c;
   if (detail::is_zero(c)) return a * b;
   return detail::fused(a, b, c);
 }

@@ -256,8 +256,8 @@ struct power_of_5 {
   int cut = 0;
 
   constexpr power_of_5(int exponent, int kept) {
-    constexpr std::uint64_t power_27 = 7450580596923828125;  // the last below 2^64
-    for (int count = exponent / 27, bit = 128; bit != 0; bit >>= 1) {
+    constexpr std::uint64_t power_27 = 7450580596923828125;            // the last below 2^64
+    for (int count = exponent / 27, bit = 512; bit != 0; bit >>= 1) {  // 5^16567 at most
       if (count >= 2 * bit) {
         value = value * value;
         cut = 2 * cut + value.cut(kept);
@@ -270,6 +270,7 @@ struct power_of_5 {
     std::uint64_t rest = 1;
     for (int i = exponent % 27; i > 0; --i) rest *= 5;
     value.multiply_add(rest, 0);
+    cut += value.cut(kept);
   }
 
   // Makes a value that is too small one that is too large. What a cut takes is less than 2^-320 of
@@ -551,6 +552,7 @@ class digit_generator {
     generate_chunk();
     if (wanted == shortest) {
       generate_chunk();
+      for (int chunk = 0; chunk < 2; ++chunk) ulp_.multiply_add(chunk_scale, 0);
       wanted = fewest_digits(narrow_below);
     } else if (behind_point) {
       wanted = (wanted < 2 * most_digits ? wanted : 2 * most_digits) + point;
@@ -564,7 +566,6 @@ class digit_generator {
   // Appends 19 digits, or in the beginning those of them that are significant.
   void generate_chunk() {
     rest_.multiply_add(chunk_scale, 0);
-    ulp_.multiply_add(chunk_scale, 0);
     std::uint64_t chunk = rest_.divide_by(denominator_);
     char* const digits = text + length;
     for (int i = chunk_digits; i > 0; chunk /= 10)
@@ -721,6 +722,7 @@ inline void put_exponent(writer& out, char letter, int exponent, int least_digit
 // A point and `count` digits behind it, or as many as there are: first some zeros, then `digits`.
 inline void put_fraction(writer& out, const style& how, int zeros, const char* digits, int there,
                          int count) {
+  if (there < 0) there = 0;
   if (count < 0) count = there > 0 ? zeros + there : 0;
   if (count > 0 || how.always_point) out.put('.');
   if (zeros > count) zeros = count;
@@ -824,8 +826,8 @@ inline std::string to_text(quad value, const style& how) {
   return text;
 }
 
-// Fills `text` up to `width`. Where nothing says at which side, as `internal` does, it is after the
-// sign and the prefix.
+// Fills `text` up to `width`: before, behind, around, or behind the sign, or the prefix of a number
+// that has no sign.
 enum class adjustment { left, right, center, internal };
 inline void pad(std::string& text, std::size_t width, char fill, adjustment where) {
   if (text.size() >= width) return;
@@ -836,8 +838,10 @@ inline void pad(std::string& text, std::size_t width, char fill, adjustment wher
   std::size_t at = 0;
   if (where == adjustment::internal) {
     before = count;
-    if (text[0] == '-' || text[0] == '+' || text[0] == ' ') at = 1;
-    if (text.size() > at + 1 && (text[at + 1] | 0x20) == 'x') at += 2;
+    if (text[0] == '-' || text[0] == '+' || text[0] == ' ')
+      at = 1;
+    else if (text.size() > 1 && (text[1] | 0x20) == 'x')
+      at = 2;
   }
   text.append(count - before, fill);
   text.insert(at, before, fill);
@@ -963,9 +967,9 @@ std::basic_istream<char, Traits>& operator>>(std::basic_istream<char, Traits>& i
   constexpr auto all = static_cast<std::size_t>(-1);
   take_while(is_sign, 1);
   if (!take_while(is_letter, all)) {
-    take_while(is_digit, all);
-    if (take_while(is_point, 1)) take_while(is_digit, all);
-    if (take_while(is_exponent, 1)) {
+    bool digits = take_while(is_digit, all);
+    if (take_while(is_point, 1)) digits |= take_while(is_digit, all);
+    if (digits && take_while(is_exponent, 1)) {
       take_while(is_sign, 1);
       take_while(is_digit, all);
     }
