@@ -168,7 +168,7 @@ outcome by_mpfr(const operands& in, unsigned rounding, F compute) {
   static mpfr_t x[3];
   [[maybe_unused]] static const int ready =
       (mpfr_inits2(113, x[0], x[1], x[2], nullptr), mpfr_set_emin(-16493) + mpfr_set_emax(16384));
-  for (int i = 0; i < 3; ++i) mpfr_set_float128(x[i], load<float128>(&in[i]), MPFR_RNDN);
+  for (std::size_t i = 0; i < 3; ++i) mpfr_set_float128(x[i], load<float128>(&in[i]), MPFR_RNDN);
   mpfr_clear_flags();
   const int ternary = compute(x, modes[rounding]);
   mpfr_subnormalize(x[0], ternary, modes[rounding]);

@@ -270,7 +270,7 @@ TEST(QuadStream, WritesAsDoublesAreWritten) {
                              1e22,
                              123456.0,
                              0.0001,
-                             99999.95,
+                             99994.5,
                              1.0 / 3,
                              6.02e23,
                              std::numeric_limits<double>::infinity(),
