@@ -256,8 +256,11 @@ struct power_of_5 {
   int cut = 0;
 
   constexpr power_of_5(int exponent, int kept) {
-    constexpr std::uint64_t power_27 = 7450580596923828125;            // the last below 2^64
-    for (int count = exponent / 27, bit = 512; bit != 0; bit >>= 1) {  // 5^16567 at most
+    constexpr std::uint64_t power_27 = 7450580596923828125;  // the last below 2^64
+    const int count = exponent / 27;
+    int bit = 1;
+    while (bit <= count / 2) bit *= 2;
+    for (; bit != 0; bit >>= 1) {
       if (count >= 2 * bit) {
         value = value * value;
         cut = 2 * cut + value.cut(kept);
@@ -358,25 +361,34 @@ struct number {
 
  private:
   constexpr const char* read_mantissa(const char* at, const char* last) {
+    const char* const first = at;
+    const char* point = nullptr;
+    // Passes over the point and the digits that are taken.
+    const auto pass = [&](auto takes) {
+      for (; at != last; ++at) {
+        const unsigned digit = digit_value(*at);
+        if (digit < base_) {
+          if (!takes(digit)) return;
+        } else if (*at == '.' && point == nullptr) {
+          point = at;
+        } else {
+          return;
+        }
+      }
+    };
+    pass([](unsigned digit) { return digit == 0; });
     const int most_in_head = base_ == 16 ? 32 : 38;
-    bool any = false, after_point = false;
-    for (; at != last; ++at) {
-      const unsigned digit = digit_value(*at);
-      if (digit >= base_) {
-        if (*at != '.' || after_point) break;
-        after_point = true;
-        continue;
-      }
-      any = true;
-      if (after_point) --exponent;
-      if (digit_count == 0 && digit == 0) continue;
-      if (digit_count++ < most_in_head) {
-        head_ = head_ * base_ + digit;
-        ++head_digits_;
-        tail_ = at + 1;
-      }
-    }
-    return any ? at : nullptr;
+    pass([&](unsigned digit) {
+      if (head_digits_ == most_in_head) return false;
+      head_ = head_ * base_ + digit;
+      ++head_digits_;
+      return true;
+    });
+    tail_ = at;
+    pass([](unsigned) { return true; });
+    digit_count = head_digits_ + (at - tail_) - (point != nullptr && point >= tail_ ? 1 : 0);
+    if (point != nullptr) exponent = -(at - point - 1);
+    return at - first > (point != nullptr ? 1 : 0) ? at : nullptr;
   }
 
   // An exponent is part of the number only when it has a digit. Its value saturates far beyond what
