@@ -6,7 +6,8 @@ include(CMakePackageConfigHelpers)
 install(TARGETS zorvac EXPORT zorvac-targets LIBRARY COMPONENT runtime NAMELINK_SKIP)
 install(TARGETS zorvac_static zorvac_quad EXPORT zorvac-targets ARCHIVE COMPONENT dev)
 set(script ${PROJECT_BINARY_DIR}/linker-script/libzorvac.so)
-file(WRITE ${script} "/* GNU ld script */\nINPUT(libzorvac.so.${PROJECT_VERSION_MAJOR} libzorvac_quad.a)\n")
+file(WRITE ${script}
+     "/* GNU ld script */\nINPUT(libzorvac.so.${PROJECT_VERSION_MAJOR} libzorvac_quad.a)\n")
 install(FILES ${script} DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/zorvac TYPE INCLUDE COMPONENT dev)
 # In the place of the other flavour, and so only where its component is asked for.

@@ -1,5 +1,5 @@
-// The C++ type's text against the C library's: what a fuzzer makes up is read as a number, decimal or
-// hexadecimal; and the number is written again, with a notation and a precision from the first bytes.
+// The C++ type's text against the C library's: what a fuzzer makes up is read as a number, decimal
+// or hexadecimal; and the number is written, with a notation and a precision from the first bytes.
 #include <array>
 #include <cstddef>
 #include <cstdlib>
@@ -29,7 +29,7 @@ void expect(bool holds, const char* what, const std::string& text) {
 quad read(const std::string& text, chars_format format) {
   quad value = 1;
   const auto [end, error] = from_chars(text.data(), text.data() + text.size(), value, format);
-  // The C library knows more: white space, "0x", payloads of NaNs, and what a "0x" may stand before.
+  // The C library knows more: white space, "0x", payloads of NaNs.
   const auto start = text.find_first_of("0123456789.iInN");
   const bool decimal = format == chars_format::general;
   const bool alike = start < text.size() && start <= 1 &&

@@ -14,8 +14,8 @@ using zorvac::quad;
 namespace call = zorvac::detail;
 using word = zorvac_uint128_t;
 
-// What a programmer writes who has the calls and no class. (The operators are for the programs below
-// to be written once; they have no state, and no conversion but the one named.)
+// What a programmer writes who has the calls and no class. (The operators let the programs below be
+// written once; there is no conversion but the one named.)
 struct direct {
   word bits;
   friend direct operator+(direct a, direct b) { return {call::zorvac_quad_add(a.bits, b.bits)}; }

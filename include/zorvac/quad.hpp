@@ -15,12 +15,13 @@
  *    <zorvac/quad_math.hpp>  the functions of <cmath>
  *    <zorvac/quad_text.hpp>  decimal text: from_chars, to_chars, streams, std::format, literals
  *
- *  They work with exceptions on or off, and need linking with libzorvac alone, but for the functions
- *  that quad_math.hpp says it takes from libquadmath. A quad has the representation that the C
+ *  They work with exceptions on or off, and need linking with libzorvac alone, but for the
+ *  functions that quad_math.hpp says it takes from libquadmath. A quad has the representation that the C
  *  routines take: `&x` may be passed to them. std::complex<quad> has that of a complex quad.
  *
  *  Conversions to quad are implicit and exact, but for integers of 128 bits, which round. Truth and
- *  characters become numbers only when asked to: quad(true). All conversions from quad are explicit.
+ *  characters become numbers only when asked to: quad(true). All conversions from quad are
+ *  explicit.
  */
 #include <zorvac/quad.h>
 
@@ -121,7 +122,7 @@ class quad {
   template <class Truth, if_so<detail::is_integer<Truth> && !detail::is_number<Truth>> = 0>
   constexpr explicit quad(Truth value) : quad(static_cast<std::int64_t>(value)) {}
 
-  /** Rounded by MXCSR, but without raising the inexact flag. A constant where it is exact. */
+  /** Rounded by MXCSR, but without raising the inexact flag. Below 2^113 a constant expression. */
   constexpr quad(zorvac_uint128_t value) {
     if (value >> 113 == 0)
       *this = of_magnitude(false, value);

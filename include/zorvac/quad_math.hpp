@@ -289,8 +289,8 @@ inline std::int64_t rounded_from_halves(quad a) {
   return __qtoj(&whole, ZORVAC_TO_INT_TOWARD_ZERO);
 }
 
-// What is left of a finite |a| divided by a |b| that is not zero; with the quotient to nearest where
-// that is wanted, ties to even, and then of either sign.
+// What is left of a / b with the quotient truncated, or to nearest, ties to even: then it is of
+// either sign.
 inline quad rest_of_division(quad a, quad b, bool to_nearest) {
   if (isnan(a) || isnan(b)) return a + b;
   if (isinf(a) || is_zero(b)) return invalid();

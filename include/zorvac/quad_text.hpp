@@ -3,13 +3,13 @@
 /** Decimal and hexadecimal text for zorvac::quad: from_chars() and to_chars(), strings, streams,
  *  std::format and literals.
  *
- *  Text is converted exactly: what is read is the quad nearest to the number, however many digits it
- *  has, and what is written is the number of the given length nearest to the quad; ties go to the
+ *  Text is converted exactly: what is read is the quad nearest to the number, however many digits
+ *  it has, and what is written is the number of the given length nearest to the quad; ties go to the
  *  even one. Both ignore MXCSR and raise no flag (they compute in integers), and reading works at
  *  compile time, which is how literals are made. No locale is looked at.
  *
- *  Source: IEEE 754-2019, 5.12 (external character sequences), correctly rounded; C++20, [charconv],
- *          and printf of C17, 7.21.6.1, for the notations.
+ *  Source: IEEE 754-2019, 5.12 (external character sequences), correctly rounded; C++20,
+ *          [charconv], and printf of C17, 7.21.6.1, for the notations.
  */
 #include <charconv>
 #include <cstring>
@@ -34,7 +34,7 @@ namespace zorvac {
  *           hex      hexadecimal digits, without "0x", and an exponent of 2 after p, or none
  *  returns  where the number ends, and no error; or, leaving `value` alone, `first` and
  *           errc::invalid_argument where there is no number, or the number's end and
- *           errc::result_out_of_range where it rounds to infinity or, without being zero, to zero */
+ *           errc::result_out_of_range where it rounds to infinity or, not being zero, to zero */
 constexpr std::from_chars_result from_chars(const char* first, const char* last, quad& value,
                                             std::chars_format format = std::chars_format::general);
 
@@ -277,7 +277,7 @@ struct power_of_5 {
   }
 
   // Makes a value that is too small one that is too large. What a cut takes is less than 2^-320 of
-  // the whole; the squarings that follow, five at most, and as many cuts beside, make 2^-314 of that.
+  // the whole; of a power up to 5^5100, the cuts and the squarings after them make at most 2^-312.
   constexpr void raise() { value.add(big_integer<Words>(static_cast<uint128>(256) << 64)); }
 };
 
@@ -414,8 +414,8 @@ struct number {
 };
 
 // The bits of the quad nearest to significand * 2^exponent, or to what is a little more (`sticky`:
-// by less than 1 in the significand, which then has 120 bits or more). 0 or infinity where it is out
-// of range.
+// by less than 1 in the significand, which then has 120 bits or more). 0 or infinity where it is
+// out of range.
 constexpr uint128 nearest(uint128 significand, bool sticky, int exponent) {
   const int zeros = detail::leading_zeros(significand);
   significand <<= zeros;
@@ -650,8 +650,8 @@ inline digit_string::digit_string(quad q, int wanted, bool behind_point) {
   if (biased != 0) significand = (significand & (detail::leading_one - 1)) | detail::leading_one;
   const bool narrow_below = significand == detail::leading_one && biased > 1;
   const int power = (biased == 0 ? 1 : biased) - detail::bias - 112;
-  // 10^point is above the number, and 1233 / 4096 so near the logarithm of 2 that the factor is less
-  // than 1000: that costs up to two leading zeros.
+  // 10^point is above the number, and 1233 / 4096 so near the logarithm of 2 that the factor is
+  // less than 1000: that costs up to two leading zeros.
   point = ((128 - detail::leading_zeros(significand) + power) * 1233 >> 12) + 2;
   const auto generate = [&](digit_string& out, const auto& five) {
     digit_generator(out, significand, power, five).generate(wanted, behind_point, narrow_below);
@@ -915,8 +915,8 @@ inline std::string to_string(quad value, int digits) {
 /* ---- Streams --------------------------------------------------------------------------------- */
 
 /** Writes `value` as a double is written: by precision, fixed, scientific, both (which is
- *  hexadecimal), showpos, showpoint, uppercase, width, fill, left and internal. Include <ostream> to
- *  use it. */
+ *  hexadecimal), showpos, showpoint, uppercase, width, fill, left and internal. Include <ostream>
+ *  to use it. */
 template <class Traits>
 std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& out, quad value) {
   using stream = std::basic_ostream<char, Traits>;
@@ -946,8 +946,8 @@ std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& o
 }
 
 /** Reads the longest text that can begin a decimal number, or a word, and sets failbit where it is
- *  not a number that from_chars() takes: `value` is 0 then, or the largest number or 0 with its sign
- *  where it is out of range. Include <istream> to use it. */
+ *  not a number that from_chars() takes: `value` is 0 then, or where it is out of range the largest
+ *  number or 0, with its sign. Include <istream> to use it. */
 template <class Traits>
 std::basic_istream<char, Traits>& operator>>(std::basic_istream<char, Traits>& in, quad& value) {
   using stream = std::basic_istream<char, Traits>;
@@ -1022,6 +1022,71 @@ constexpr quad operator""_q() {
 /* ---- std::format ----------------------------------------------------------------------------- */
 
 #ifdef __cpp_lib_format
+namespace zorvac::decimal {
+
+[[noreturn]] inline void refuse_format(const char* why) {
+#ifdef __cpp_exceptions
+  throw std::format_error(why);
+#else
+  (void)why;
+  __builtin_abort();
+#endif
+}
+
+// A width or a precision, which stands in the format or in an argument.
+class format_count {
+ public:
+  using iterator = std::format_parse_context::iterator;
+
+  constexpr bool given() const { return number_ >= 0 || argument_ >= 0; }
+
+  constexpr void parse(iterator& at, iterator end, std::format_parse_context& context) {
+    if (at == end) return;
+    if (*at != '{') {
+      number_ = digits(at, end);
+      return;
+    }
+    ++at;
+    const int id = digits(at, end);
+    argument_ = id < 0 ? static_cast<int>(context.next_arg_id()) : id;
+    if (id >= 0) context.check_arg_id(static_cast<std::size_t>(id));
+    if (at == end || *at != '}') refuse_format("a replacement field is not closed");
+    ++at;
+  }
+
+  template <class Context>
+  int value(Context& context) const {
+    if (argument_ < 0) return number_;
+    return std::visit_format_arg(
+        [](auto value) {
+          using type = decltype(value);
+          if constexpr (std::is_integral_v<type> && !std::is_same_v<type, bool> &&
+                        !std::is_same_v<type, char>)
+            if (value >= 0 && static_cast<unsigned long long>(value) <= most)
+              return static_cast<int>(value);
+          refuse_format("a width or a precision is no number, or out of range");
+          return 0;
+        },
+        context.arg(static_cast<std::size_t>(argument_)));
+  }
+
+ private:
+  static constexpr int most = 1'000'000'000;
+
+  static constexpr int digits(iterator& at, iterator end) {
+    int value = -1;
+    for (; at != end && *at >= '0' && *at <= '9'; ++at) {
+      value = (value < 0 ? 0 : value) * 10 + (*at - '0');
+      if (value > most / 10) refuse_format("a width or a precision is out of range");
+    }
+    return value;
+  }
+
+  int number_ = -1, argument_ = -1;
+};
+
+}  // namespace zorvac::decimal
+
 /** As of a double; {} has the fewest digits, from 33 to 36, that read back. L changes nothing. */
 template <>
 struct std::formatter<zorvac::quad, char> {
@@ -1047,12 +1112,12 @@ struct std::formatter<zorvac::quad, char> {
     width_.parse(at, end, context);
     if (take('.')) {
       precision_.parse(at, end, context);
-      if (!precision_.given()) fail("a precision is missing");
+      if (!precision_.given()) zorvac::decimal::refuse_format("a precision is missing");
       style_.precision = 6;
     }
     take('L');
     if (at != end && *at != '}') parse_type(*at++);
-    if (at != end && *at != '}') fail("this is no format of a number");
+    if (at != end && *at != '}') zorvac::decimal::refuse_format("this is no format of a number");
     return at;
   }
 
@@ -1075,64 +1140,6 @@ struct std::formatter<zorvac::quad, char> {
   }
 
  private:
-  // A number that stands in the format, or in an argument.
-  struct count {
-    int number = -1, argument = -1;
-    constexpr bool given() const { return number >= 0 || argument >= 0; }
-
-    template <class At>
-    constexpr void parse(At& at, At end, std::format_parse_context& context) {
-      if (at == end) return;
-      if (*at != '{') {
-        number = digits(at, end);
-        return;
-      }
-      ++at;
-      const int id = digits(at, end);
-      argument = id < 0 ? static_cast<int>(context.next_arg_id()) : id;
-      if (id >= 0) context.check_arg_id(static_cast<std::size_t>(id));
-      if (at == end || *at != '}') fail("a replacement field is not closed");
-      ++at;
-    }
-
-    template <class Context>
-    int value(Context& context) const {
-      if (argument < 0) return number;
-      return std::visit_format_arg(
-          [](auto value) {
-            if constexpr (std::is_integral_v<decltype(value)> &&
-                          !std::is_same_v<decltype(value), bool> &&
-                          !std::is_same_v<decltype(value), char>)
-              if (value >= 0 && static_cast<unsigned long long>(value) <= most)
-                return static_cast<int>(value);
-            fail("a width or precision is no number, or out of range");
-            return 0;
-          },
-          context.arg(static_cast<std::size_t>(argument)));
-    }
-
-   private:
-    static constexpr int most = 1'000'000'000;
-    template <class At>
-    static constexpr int digits(At& at, At end) {
-      int value = -1;
-      for (; at != end && *at >= '0' && *at <= '9'; ++at) {
-        value = (value < 0 ? 0 : value) * 10 + (*at - '0');
-        if (value > most / 10) fail("a width or precision is out of range");
-      }
-      return value;
-    }
-  };
-
-  [[noreturn]] static void fail(const char* why) {
-#ifdef __cpp_exceptions
-    throw std::format_error(why);
-#else
-    (void)why;
-    __builtin_abort();
-#endif
-  }
-
   constexpr void parse_type(char type) {
     const char lower = static_cast<char>(type | 0x20);
     style_.uppercase = type != lower;
@@ -1149,7 +1156,7 @@ struct std::formatter<zorvac::quad, char> {
       case 'g':
         break;
       default:
-        fail("this is no format of a number");
+        zorvac::decimal::refuse_format("this is no format of a number");
     }
     style_.precision = 6;
   }
@@ -1157,7 +1164,7 @@ struct std::formatter<zorvac::quad, char> {
   zorvac::decimal::style style_;
   char fill_ = ' ', align_ = 0;
   bool zeros_ = false;
-  count width_, precision_;
+  zorvac::decimal::format_count width_, precision_;
 };
 #endif
 #endif

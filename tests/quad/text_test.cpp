@@ -29,8 +29,8 @@ static_assert(!number::parse("1e5000") && !number::parse("1x") && !number::parse
 
 // ---- Reading ------------------------------------------------------------------------------------
 
-// Reads like the C library, the longest number in front, but has no value out of range to give. What
-// that must be told about a format stands before the text.
+// Reads like the C library, the longest number in front, but has no value out of range to give.
+// What that must be told about a format stands before the text.
 void expect_reading(const std::string& text, chars_format format = chars_format::general,
                     const std::string& told = "") {
   SCOPED_TRACE(testing::Message() << told << text.substr(0, 100) << ", " << text.size()
@@ -66,8 +66,8 @@ TEST(QuadText, IsReadAsTheCLibraryDoes) {
   }
 }
 
-// The middle of two numbers, cut to some digits: beside it by so little that a power of ten which is
-// only nearly right would give either. Exponents of every size decide on the length of integers.
+// The middle of two numbers, cut to some digits: beside it by so little that a power of ten which
+// is only nearly right would give either. Exponents of every size decide on the length of integers.
 TEST(QuadText, IsReadToTheNearest) {
   mpfr_t middle;
   mpfr_init2(middle, 114);
