@@ -16,8 +16,8 @@
  *    <zorvac/quad_text.hpp>  decimal text: from_chars, to_chars, streams, std::format, literals
  *
  *  They work with exceptions on or off, and need linking with libzorvac alone, but for the
- *  functions that quad_math.hpp says it takes from libquadmath. A quad has the representation that the C
- *  routines take: `&x` may be passed to them. std::complex<quad> has that of a complex quad.
+ *  functions that quad_math.hpp says it takes from libquadmath. A quad has the representation that
+ *  the C routines take: `&x` may be passed to them. std::complex<quad> has that of a complex quad.
  *
  *  Conversions to quad are implicit and exact, but for integers of 128 bits, which round. Truth and
  *  characters become numbers only when asked to: quad(true). All conversions from quad are

@@ -4,8 +4,8 @@
  *  std::format and literals.
  *
  *  Text is converted exactly: what is read is the quad nearest to the number, however many digits
- *  it has, and what is written is the number of the given length nearest to the quad; ties go to the
- *  even one. Both ignore MXCSR and raise no flag (they compute in integers), and reading works at
+ *  it has, and what is written is the number of the given length nearest to the quad; ties go to
+ *  the even one. Both ignore MXCSR and raise no flag (they compute in integers), and reading works at
  *  compile time, which is how literals are made. No locale is looked at.
  *
  *  Source: IEEE 754-2019, 5.12 (external character sequences), correctly rounded; C++20,
@@ -333,7 +333,9 @@ struct number {
     big_integer<Words> value{head_};
     const char* at = tail_;
     std::int64_t left = digit_count - head_digits_;
-    const std::int64_t dropped = digit_count > most_digits ? digit_count - most_digits : 0;
+    // Hexadecimal digits have no ties far behind.
+    const std::int64_t most = base_ == 16 ? few_digits : most_digits;
+    const std::int64_t dropped = digit_count > most ? digit_count - most : 0;
     std::uint64_t chunk = 0, scale = 1;
     for (; left > dropped; ++at) {
       if (*at == '.') continue;
@@ -355,7 +357,7 @@ struct number {
     }
     value.multiply_add(base_, zeros ? 0 : 1);
     exponent += (dropped - 1) * (base_ == 16 ? 4 : 1);
-    digit_count = most_digits + 1;
+    digit_count = most + 1;
     return value;
   }
 
@@ -550,11 +552,11 @@ class digit_generator {
  public:
   // The number is significand * 2^power, and below 10^point; five is the power of 5 for that.
   digit_generator(digit_string& out, uint128 significand, int power, const power_of_5<Words>& five)
-      : text(out.text), length(out.length), point(out.point), significand_(significand) {
+      : text_(out.text), length_(out.length), point_(out.point), significand_(significand) {
     // 2^power / 10^point is ulp / denominator, without the twos in 10^point and in what is cut off.
-    const int cut = point < 0 ? 64 * five.cut : -64 * five.cut;
-    const int twos = power - point + cut;
-    (point < 0 ? ulp_ : denominator_) = five.value;
+    const int cut = point_ < 0 ? 64 * five.cut : -64 * five.cut;
+    const int twos = power - point_ + cut;
+    (point_ < 0 ? ulp_ : denominator_) = five.value;
     ulp_.shift_left(denominator_.align(-twos) + twos);
     rest_ = ulp_ * big_integer<Words>(significand);
   }
@@ -567,10 +569,10 @@ class digit_generator {
       for (int chunk = 0; chunk < 2; ++chunk) ulp_.multiply_add(chunk_scale, 0);
       wanted = fewest_digits(narrow_below);
     } else if (behind_point) {
-      wanted = (wanted < 2 * most_digits ? wanted : 2 * most_digits) + point;
+      wanted += point_;
     }
     if (wanted > most_digits) wanted = most_digits;
-    while (length <= wanted && !rest_.is_zero()) generate_chunk();
+    while (length_ <= wanted && !rest_.is_zero()) generate_chunk();
     round(wanted);
   }
 
@@ -579,33 +581,33 @@ class digit_generator {
   void generate_chunk() {
     rest_.multiply_add(chunk_scale, 0);
     std::uint64_t chunk = rest_.divide_by(denominator_);
-    char* const digits = text + length;
+    char* const digits = text_ + length_;
     for (int i = chunk_digits; i > 0; chunk /= 10)
       digits[--i] = static_cast<char>('0' + chunk % 10);
     int zeros = 0;
-    if (length == 0)
+    if (length_ == 0)
       while (digits[zeros] == '0') ++zeros;
     std::memmove(digits, digits + zeros, static_cast<std::size_t>(chunk_digits - zeros));
-    length += chunk_digits - zeros;
-    point -= zeros;
+    length_ += chunk_digits - zeros;
+    point_ -= zeros;
   }
 
   // Whether the nearest number of so many digits is above: a tie is when it is even.
   bool rounds_up(int count) const {
-    if (text[count] != '5') return text[count] > '5';
+    if (text_[count] != '5') return text_[count] > '5';
     bool above_half = !rest_.is_zero();
-    for (int i = count + 1; i < length; ++i) above_half = above_half || text[i] != '0';
-    return above_half || (count > 0 && (text[count - 1] - '0') % 2 != 0);
+    for (int i = count + 1; i < length_; ++i) above_half = above_half || text_[i] != '0';
+    return above_half || (count > 0 && (text_[count - 1] - '0') % 2 != 0);
   }
 
   // A number reads back when it is less than half an ulp away, or half of it where the significand
   // is even. In units of the last digit, what is behind the point is rest / denominator.
   int fewest_digits(bool narrow_below) const {
     using limits = std::numeric_limits<quad>;
-    for (int count = limits::digits10; count < limits::max_digits10 && count < length; ++count) {
+    for (int count = limits::digits10; count < limits::max_digits10 && count < length_; ++count) {
       std::uint64_t cut = 0, unit = 1;
-      for (int i = count; i < length; ++i, unit *= 10)
-        cut = cut * 10 + static_cast<std::uint64_t>(text[i] - '0');
+      for (int i = count; i < length_; ++i, unit *= 10)
+        cut = cut * 10 + static_cast<std::uint64_t>(text_[i] - '0');
       const bool up = rounds_up(count);
       big_integer<Words> distance = denominator_;
       distance.multiply_add(up ? unit - cut : cut, 0);
@@ -624,21 +626,21 @@ class digit_generator {
   }
 
   void round(int count) {
-    if (count < length) {
+    if (count < length_) {
       const bool up = count >= 0 && rounds_up(count);
-      length = count < 0 ? 0 : count;
-      while (up && length > 0 && text[length - 1] == '9') --length;
-      if (up && length > 0) ++text[length - 1];
-      if (up && length == 0) {  // all were nines
-        text[length++] = '1';
-        ++point;
+      length_ = count < 0 ? 0 : count;
+      while (up && length_ > 0 && text_[length_ - 1] == '9') --length_;
+      if (up && length_ > 0) ++text_[length_ - 1];
+      if (up && length_ == 0) {  // all were nines
+        text_[length_++] = '1';
+        ++point_;
       }
     }
-    while (length > 0 && text[length - 1] == '0') --length;
+    while (length_ > 0 && text_[length_ - 1] == '0') --length_;
   }
 
-  char* const text;
-  int &length, &point;
+  char* const text_;
+  int &length_, &point_;
   const uint128 significand_;
   big_integer<Words> ulp_{1}, denominator_{1}, rest_{0};
 };
@@ -646,6 +648,7 @@ class digit_generator {
 inline digit_string::digit_string(quad q, int wanted, bool behind_point) {
   uint128 significand = abs(q).bits();
   if (significand == 0) return;
+  if (wanted > 2 * most_digits) wanted = 2 * most_digits;  // zeros, all that follow
   const int biased = static_cast<int>(significand >> 112);
   if (biased != 0) significand = (significand & (detail::leading_one - 1)) | detail::leading_one;
   const bool narrow_below = significand == detail::leading_one && biased > 1;

@@ -135,6 +135,15 @@ TEST(QuadText, IsReadInHexadecimal) {
   }
 }
 
+TEST(QuadText, IsReadInHexadecimalAtAnyLength) {
+  const std::string zeros(12'000, '0');
+  for (const char* last : {"", "1"})
+    for (const char* tie : {"10000000000000000000000000000.8", "1.00000000000000000000000000018"})
+      expect_reading(tie + zeros + last, chars_format::hex, "0x");
+  expect_reading("1" + zeros + "p-48000", chars_format::hex, "0x");
+  expect_reading("." + zeros + "1p+48001", chars_format::hex, "0x");
+}
+
 TEST(QuadText, IsReadInItsFormat) {
   const struct {
     const char* text;
@@ -233,6 +242,7 @@ TEST(QuadText, IsWrittenWithFewDigits) {
     from_chars(all.data(), all.data() + all.size(), back, chars_format::hex);
     EXPECT_EQ(hex(bits(back)), hex(q)) << all;
   }
+  EXPECT_EQ(written(1_q, chars_format::fixed, 25'000), "1." + std::string(25'000, '0'));
   EXPECT_EQ(to_string(100_q), "100");
   EXPECT_EQ(to_string(0.1_q), "0.1");
   EXPECT_EQ(to_string(1e36_q), "1e+36");
