@@ -1,7 +1,7 @@
 // What 113 bits are good for: pi to the last digit, a sum whose terms cancel so badly that doubles
-// lose every digit of it, and an equation of which they lose a root. Each is computed under the four
-// rounding modes, which shows how many digits can be trusted without knowing the true value; and with
-// the flags that it raised.
+// lose every digit of it, and an equation of which they lose a root. Each is computed under the
+// four rounding modes, which shows how many digits can be trusted without knowing the true value;
+// and with the flags that it raised.
 #include <cmath>
 #include <cstdio>
 #include <string>

@@ -8,6 +8,9 @@
 
 #include "zorvac/quad.hpp"
 
+// The class compares without a call.
+extern "C" int zorvac_quad_lt(zorvac_uint128_t a, zorvac_uint128_t b);
+
 namespace {
 
 using zorvac::quad;
@@ -22,7 +25,7 @@ struct direct {
   friend direct operator-(direct a, direct b) { return {call::zorvac_quad_sub(a.bits, b.bits)}; }
   friend direct operator*(direct a, direct b) { return {call::zorvac_quad_mul(a.bits, b.bits)}; }
   friend direct operator/(direct a, direct b) { return {call::zorvac_quad_div(a.bits, b.bits)}; }
-  friend bool operator<(direct a, direct b) { return call::zorvac_quad_lt(a.bits, b.bits) != 0; }
+  friend bool operator<(direct a, direct b) { return zorvac_quad_lt(a.bits, b.bits) != 0; }
 };
 
 template <class T>

@@ -76,7 +76,6 @@ uint128 zorvac_quad_add(uint128 a, uint128 b);
 uint128 zorvac_quad_sub(uint128 a, uint128 b);
 uint128 zorvac_quad_mul(uint128 a, uint128 b);
 uint128 zorvac_quad_div(uint128 a, uint128 b);
-int zorvac_quad_lt(uint128 a, uint128 b);
 double zorvac_quad_to_double(uint128 a);
 }
 

@@ -5,8 +5,8 @@
  *
  *  Text is converted exactly: what is read is the quad nearest to the number, however many digits
  *  it has, and what is written is the number of the given length nearest to the quad; ties go to
- *  the even one. Both ignore MXCSR and raise no flag (they compute in integers), and reading works at
- *  compile time, which is how literals are made. No locale is looked at.
+ *  the even one. Both ignore MXCSR and raise no flag (they compute in integers), and reading works
+ *  at compile time, which is how literals are made. No locale is looked at.
  *
  *  Source: IEEE 754-2019, 5.12 (external character sequences), correctly rounded; C++20,
  *          [charconv], and printf of C17, 7.21.6.1, for the notations.
