@@ -356,6 +356,27 @@ TEST_P(Function, DoesAsItsOracleDoes) {
   }
 }
 
+// Quotients halfway between integers, which random operands do not meet.
+TEST(Function, RemaindersAreOfTheEvenQuotient) {
+  const struct {
+    number a, b, remainder, fmod;
+  } rows[] = {
+      {1, 2, 1, 1},
+      {3, 2, -1, 1},
+      {5, 2, 1, 1},
+      {-3, 2, 1, -1},
+      {7, -2, -1, 1},
+      {0.75_q, 0.5_q, -0.25_q, 0.25_q},
+      {6, 2, 0, 0},
+      {1e40_q, 3, 1, 1},
+      {limits::denorm_min(), limits::denorm_min() * 2, limits::denorm_min(), limits::denorm_min()}};
+  for (const auto& row : rows) {
+    const std::string which = to_string(row.a) + " by " + to_string(row.b);
+    EXPECT_EQ(hex(bits(remainder(row.a, row.b))), hex(bits(row.remainder))) << which;
+    EXPECT_EQ(hex(bits(fmod(row.a, row.b))), hex(bits(row.fmod))) << which;
+  }
+}
+
 struct conversion {
   const char* name;
   number from;

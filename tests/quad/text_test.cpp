@@ -102,7 +102,9 @@ TEST(QuadText, IsReadToTheEvenOfTwo) {
     for (const char* tail : {"", ".", ".0000", ".00000000000000000000000000000000000000001"})
       expect_reading(digits + tail);
     const std::string zeros(random.below(300), '0');
-    expect_reading("0." + zeros + digits + "e" + std::to_string(digits.size() + zeros.size()));
+    std::string fraction = "0.";
+    fraction.append(zeros).append(digits).append("e");
+    expect_reading(fraction.append(std::to_string(digits.size() + zeros.size())));
     expect_reading(digits + zeros + "e-" + std::to_string(zeros.size()));
     expect_reading(digits + zeros + "1e-" + std::to_string(zeros.size() + 1));
   }
@@ -191,7 +193,7 @@ TEST(QuadText, IsWrittenAsTheCLibraryDoes) {
     if (magnitude(q) >= infinity) continue;
     SCOPED_TRACE(hex(q));
     const auto x = load<number>(&q);
-    for (const auto& f : formats)
+    for (const auto& f : formats) {
       for (const int precision : {0, 1, 2, 17, 33, 36, 41, n == 0 ? 11'600 : 50}) {
         const std::string format = "%." + std::to_string(precision) + f.letter;
         c_library_write(text.data(), text.size(), format.c_str(), load<__float128>(&q));
@@ -202,6 +204,7 @@ TEST(QuadText, IsWrittenAsTheCLibraryDoes) {
           EXPECT_EQ(to_string(x, precision), theirs) << format;
         }
       }
+    }
   }
 }
 
