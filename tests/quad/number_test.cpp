@@ -101,6 +101,9 @@ TEST(Number, OrdersNaNsWithTheInvalidFlag) {
   EXPECT_TRUE((nan <=> 1) == std::partial_ordering::unordered);
   EXPECT_EQ(names_of(current().mxcsr), names_of(invalid));
   set(initial);
+  EXPECT_TRUE((1_q <=> nan) == std::partial_ordering::unordered);
+  EXPECT_EQ(names_of(current().mxcsr), names_of(invalid));
+  set(initial);
   EXPECT_FALSE(nan == nan);
   EXPECT_TRUE(nan != nan);
   EXPECT_EQ(names_of(current().mxcsr), names_of(0));
