@@ -56,7 +56,8 @@ LABELS = {
     "zorvac-avx512": "AVX-512 kernels",
     "zorvac-general-pair": "general kernels, SSE2", "zorvac-general-avx2": "general kernels, AVX2",
     "zorvac-general-avx512": "general kernels, AVX-512",
-    "zorvac-calls": "the C routines", "zorvac-class": "the C++ class", "zorvac": "zorvac",
+    "zorvac-calls": "the C routines", "zorvac-class": "the C++ class",
+    "zorvac-float128": "libzorvac_float128", "zorvac": "zorvac",
     "openblas": "OpenBLAS", "blis": "BLIS", "eigen": "Eigen", "matmul": "Fortran's MATMUL",
     "clang_rt": "clang's library", "loop": "a compiled loop", "libdw-warm": "libdw, files read",
     "direct": "the variant itself", "worker": "the worker itself",
@@ -139,7 +140,7 @@ FAMILIES = (
                       r"(?P<bar>\w+)/latency"))),
     Family(
         "programs", "programs_bench", "Programs in quads",
-        ("src/quad", "include/zorvac/quad.hpp"),
+        ("src/quad", "bridge/quad", "bridge/float128", "include/zorvac/quad.hpp"),
         charts=(Chart("programs", "Programs in quads", r"program/(?P<bar>[^/]+)"),)),
     Family(
         "matrices", "matmul_bench", "Matrices", ("src/array",),

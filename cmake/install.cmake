@@ -1,9 +1,14 @@
 # Installed files, the pkg-config file, the CMake package and the Debian packages.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS zorvac EXPORT zorvac-targets
-  LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev)
-install(TARGETS zorvac_static EXPORT zorvac-targets ARCHIVE COMPONENT dev)
+# The name that -lzorvac looks for is no link to the library but a linker script, as the C library's
+# is: it names the small archive for zorvac/quad.hpp, too. A linker looks for both in its folder.
+install(TARGETS zorvac EXPORT zorvac-targets LIBRARY COMPONENT runtime NAMELINK_SKIP)
+install(TARGETS zorvac_static zorvac_quad EXPORT zorvac-targets ARCHIVE COMPONENT dev)
+set(script ${PROJECT_BINARY_DIR}/linker-script/libzorvac.so)
+file(WRITE ${script}
+     "/* GNU ld script */\nINPUT(libzorvac.so.${PROJECT_VERSION_MAJOR} libzorvac_quad.a)\n")
+install(FILES ${script} DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/zorvac TYPE INCLUDE COMPONENT dev)
 # Replaces the other flavour, and so is installed only if its component is asked for.
 install(TARGETS zorvac_any LIBRARY COMPONENT runtime_any NAMELINK_SKIP EXCLUDE_FROM_ALL)

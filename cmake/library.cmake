@@ -73,6 +73,7 @@ function(zorvac_shared_library target identification)
   target_include_directories(${target} INTERFACE
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_link_libraries(${target} INTERFACE zorvac_quad)  # what zorvac/quad.hpp calls
 endfunction()
 zorvac_shared_library(zorvac zorvac_identification)
 
@@ -80,7 +81,7 @@ zorvac_shared_library(zorvac zorvac_identification)
 # them itself. Names that refer to a chosen version of the C library (.symver) become plain names,
 # because a static program has no versions.
 add_library(zorvac_static STATIC $<TARGET_OBJECTS:zorvac_identification>
-                                 $<TARGET_OBJECTS:zorvac_common>)
+                                 $<TARGET_OBJECTS:zorvac_common> $<TARGET_OBJECTS:zorvac_quad>)
 set_target_properties(zorvac_static PROPERTIES OUTPUT_NAME zorvac LINKER_LANGUAGE C)
 set(plain_words work_pool headerP Last_PoolP last_pool_num Array_size Array_size_calloc
     _i_pool_cr_sec vrt_msgtab c_feature_names)

@@ -1,6 +1,8 @@
-// What 113 bits are good for: pi to the last digit, and a sum whose terms cancel so badly that
-// doubles lose every digit of it. Each is computed under the four rounding modes, which shows how
-// many digits can be trusted without knowing the true value; and with the flags that it raised.
+// What 113 bits are good for: pi to the last digit, a sum whose terms cancel so badly that doubles
+// lose every digit of it, and an equation of which they lose a root. Each is computed under the
+// four rounding modes, which shows how many digits can be trusted without knowing the true value;
+// and with the flags that it raised.
+#include <cmath>
 #include <cstdio>
 #include <string>
 #include <zorvac/quad.hpp>
@@ -37,6 +39,15 @@ Number small_exponential() {
     sum += term;
   }
   return sum;
+}
+
+// The smaller root of x^2 - 10^9 x + 1 = 0. In doubles it is lost in the square root's last digit;
+// with fma() nothing is lost before the root.
+template <class Number>
+Number smaller_root() {
+  using std::fma, std::sqrt;
+  const Number b = 1e9, discriminant = fma(b, b, Number(-4));
+  return (b - sqrt(discriminant)) / Number(2);
 }
 
 // Beyond the range, but not for every rounding mode.
@@ -91,6 +102,8 @@ int main() {
   show("pi, by Machin's formula", pi<double>, pi<quad>, "3.141592653589793238462643383279503");
   show("\ne^-25, by a series that cancels", small_exponential<double>, small_exponential<quad>,
        "1.388794386496402059466176374608686e-11");
+  show("\na root of x^2 - 10^9 x + 1", smaller_root<double>, smaller_root<quad>,
+       "1.000000000000000001000000000000000e-09");
   show("\ntwice the largest quad", nullptr, twice_the_largest,
        "2.379462990714463530171518653256014e+4932");
 }

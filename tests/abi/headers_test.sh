@@ -12,7 +12,7 @@ status=0
 # compiles STANDARD FILE [OPTION]...
 compiles() {
   local compiler=("$cc" -x c) standard=$1 file=$2
-  case $standard in c++*) compiler=("$cxx" -x c++) ;; esac
+  case $standard in c++* | gnu++*) compiler=("$cxx" -x c++) ;; esac
   "${compiler[@]}" -std="$standard" -pedantic -Wall -Wextra -Werror -I"$include" \
     -fsyntax-only "${@:3}" "$file" && return
   echo "headers_test.sh: $standard: $file ${*:3}"
@@ -38,7 +38,10 @@ for standard in c99 c11 c17 c2x c++11 c++14 c++17 c++20; do
   done
   compiles $standard "$folder/masks.c"
 done
-for standard in c++17 c++20; do # the value type
-  compiles $standard /dev/null -include "$include/zorvac/quad.hpp"
+for standard in c++17 gnu++17 c++20 gnu++20; do # the value type
+  for header in "$include"/zorvac/*.hpp; do
+    compiles $standard /dev/null -include "$header"
+    compiles $standard /dev/null -include "$header" -fno-exceptions -fno-rtti
+  done
 done
 exit $status

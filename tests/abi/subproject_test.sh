@@ -15,14 +15,16 @@ fail() { echo "$*" && exit 1; }
 # parent NAME HOW OPTION...: configures a parent that has the library in the way that HOW says.
 parent() {
   mkdir -p "$1/sources"
-  cp -r "$source"/{CMakeLists.txt,CHANGELOG.md,abi,bridge,cmake,docs,include,src,tools} "$1/sources"
+  cp -r "$source"/{CMakeLists.txt,CHANGELOG.md,abi,bridge,cmake,docs,include,src,tools} \
+    "$1/sources"
   cat >"$1/CMakeLists.txt" <<CMAKE
 cmake_minimum_required(VERSION 3.21)
 project(parent VERSION 1 LANGUAGES C CXX)
 $2
 install(FILES CMakeLists.txt DESTINATION .)
-add_executable(client EXCLUDE_FROM_ALL client.c)
+add_executable(client EXCLUDE_FROM_ALL client.c number.cpp)
 target_link_libraries(client PRIVATE zorvac::zorvac)
+target_compile_features(client PRIVATE cxx_std_17)
 if(TARGET zorvac-mktrace)
   zorvac_add_trace(client)
 endif()
@@ -30,6 +32,8 @@ add_library(linked SHARED EXCLUDE_FROM_ALL $<TARGET_OBJECTS:zorvac_identificatio
 set_target_properties(linked PROPERTIES LINKER_LANGUAGE CXX)
 CMAKE
   cp "$source/examples/processor.c" "$1/client.c"
+  echo '#include <zorvac/quad.hpp>
+    zorvac::quad twice(zorvac::quad x) { return x + x; }' >"$1/number.cpp"
   cmake -S "$1" -B "$1/build" -G Ninja -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" \
     "${@:3}" >"$1/log" 2>&1 || fail "$1: $(<"$1/log")"
 }
@@ -49,7 +53,9 @@ for parent in added in/another/folder/fetched; do
   grep -q cpu_feature_disp steps || fail "$parent: the library is not built"
   if grep mktrace steps; then fail "$parent: the tool is built without need"; fi
   cmake --build $build --target client -- -n >steps
-  grep -q libzorvac.so steps || fail "$parent: a program cannot have the library"
+  for part in libzorvac.so libzorvac_quad.a; do
+    grep -q $part steps || fail "$parent: a program cannot have $part"
+  done
   grep '"command": .*/sources/src/' $build/compile_commands.json >commands ||
     fail "$parent: no commands"
   if grep -v -- ' -O2 ' commands; then fail "$parent: not optimised"; fi

@@ -1,0 +1,400 @@
+// The C++ value type's text: quads against the C library's conversions, and those that are doubles
+// against what the C++ library makes of the double, flag by flag.
+#include <gtest/gtest.h>
+#include <mpfr.h>
+
+#include <charconv>
+#include <iomanip>
+#include <sstream>
+
+#include "quads.h"
+#include "zorvac/quad.hpp"
+
+// Not every compiler's headers declare them.
+extern "C" int mpfr_set_float128(mpfr_ptr, __float128, mpfr_rnd_t);
+extern "C" __float128 c_library_read(const char* text, char** end) __asm__("strtof128");
+extern "C" int c_library_write(char* to, std::size_t size, const char* format,
+                               __float128 value) __asm__("strfromf128");
+
+namespace zorvac::test {
+namespace {
+
+using number = zorvac::quad;
+using namespace zorvac::literals;
+using std::chars_format;
+
+static_assert((-0.5_q).high_word() == 0xbffe'0000'0000'0000 && (-0.5_q).low_word() == 0);
+static_assert(1'234e-4960_q > 0 && 1e4932_q < std::numeric_limits<number>::max());
+static_assert(!number::parse("1e5000") && !number::parse("1x") && !number::parse("0x1"));
+
+// ---- Reading ------------------------------------------------------------------------------------
+
+// Reads like the C library, the longest number in front, but has no value out of range to give.
+// What that must be told about a format stands before the text.
+void expect_reading(const std::string& text, chars_format format = chars_format::general,
+                    const std::string& told = "") {
+  SCOPED_TRACE(testing::Message() << told << text.substr(0, 100) << ", " << text.size()
+                                  << " characters");
+  char* stop;
+  const std::string theirs = told + text;
+  const word expected = bits(c_library_read(theirs.c_str(), &stop));
+  number x = 1;
+  const auto [end, error] = from_chars(text.data(), text.data() + text.size(), x, format);
+  EXPECT_EQ(end - text.data(), std::max(stop - theirs.c_str() - std::ssize(told), 0L))
+      << "characters read";
+  EXPECT_EQ(hex(bits(x)), hex(error == std::errc() ? expected : one));
+  if (error == std::errc::result_out_of_range)
+    EXPECT_TRUE(magnitude(expected) == infinity || magnitude(expected) == 0) << "is in range";
+  else
+    EXPECT_EQ(error, stop == theirs.c_str() ? std::errc::invalid_argument : std::errc());
+}
+
+// Numbers as people and programs write them, and what only begins like one.
+TEST(QuadText, IsReadAsTheCLibraryDoes) {
+  // Between two numbers, which a digit far behind decides.
+  const std::string tie = "10384593717069655257060992658440193";
+  const std::string zeros(12'000, '0');
+  const std::string pieces[] = {
+      "-", "+", ".", "e",       "E+12", "e-4966",          "e4932", "e-99999999999",
+      "0", "7", tie, "118.973", "inf",  tie + '.' + zeros, "INITY", "y",
+  };
+  for (std::uint64_t seed = 0; seed < 50'000 && !HasFailure(); ++seed) {
+    case_random random(seed);
+    std::string text;
+    for (auto n = random.below(6); n > 0; --n) text += pieces[random.below(std::size(pieces))];
+    expect_reading(text);
+  }
+}
+
+// The middle of two numbers, cut to some digits: beside it by so little that a power of ten which
+// is only nearly right would give either. Exponents of every size decide on the length of integers.
+TEST(QuadText, IsReadToTheNearest) {
+  mpfr_t middle;
+  mpfr_init2(middle, 114);
+  for (std::uint64_t seed = 0; seed < 1'500 && !HasFailure(); ++seed) {
+    case_random random(seed);
+    const auto exponent = random.one_in(2) ? 16383 - 300 + random.below(600) : random.below(0x7ffe);
+    const word size = static_cast<word>(random()) << 48 | random() >> 16;
+    const auto x = load<__float128>(&size);
+    mpfr_set_float128(middle, x, MPFR_RNDN);
+    mpfr_set_exp(middle, 113);
+    mpfr_add_d(middle, middle, 0.5, MPFR_RNDN);
+    mpfr_mul_2si(middle, middle, static_cast<long>(exponent) - 16383 - 112, MPFR_RNDN);
+    constexpr std::size_t lengths[] = {36, 39, 45, 90, 99, 110, 300, 11'600, 12'000};
+    mpfr_exp_t point = 0;
+    char* const digits =
+        mpfr_get_str(nullptr, &point, 10, lengths[random.below(9)], middle, MPFR_RNDN);
+    expect_reading(std::string("0.") + digits + "e" + std::to_string(point));
+    mpfr_free_str(digits);
+  }
+  mpfr_clear(middle);
+}
+
+// The exact middle of two numbers, with nothing behind it and with a 1.
+TEST(QuadText, IsReadToTheEvenOfTwo) {
+  for (std::uint64_t seed = 0; seed < 300 && !HasFailure(); ++seed) {
+    case_random random(seed);
+    // An integer of 114 bits, odd, times a power of ten as long as that is exact.
+    const word odd = word{1} << 113 | static_cast<word>(random()) << 48 | random() | 1;
+    std::string digits;
+    for (word rest = odd; rest != 0; rest /= 10)
+      digits.insert(digits.begin(), static_cast<char>('0' + static_cast<int>(rest % 10)));
+    for (const char* tail : {"", ".", ".0000", ".00000000000000000000000000000000000000001"})
+      expect_reading(digits + tail);
+    const std::string zeros(random.below(300), '0');
+    std::string fraction = "0.";
+    fraction.append(zeros).append(digits).append("e");
+    expect_reading(fraction.append(std::to_string(digits.size() + zeros.size())));
+    expect_reading(digits + zeros + "e-" + std::to_string(zeros.size()));
+    expect_reading(digits + zeros + "1e-" + std::to_string(zeros.size() + 1));
+  }
+}
+
+TEST(QuadText, IsReadInHexadecimal) {
+  const std::string pieces[] = {"",
+                                "0",
+                                ".",
+                                "1",
+                                "a9",
+                                "F",
+                                "p+3",
+                                "p-16494",
+                                "p16383",
+                                "P-16500",
+                                "8000000000000000",
+                                "1ffffffffffffffffffffffffffff8",
+                                "1ffffffffffffffffffffffffffff7fff",
+                                "0001",
+                                "g"};
+  for (std::uint64_t seed = 0; seed < 50'000 && !HasFailure(); ++seed) {
+    case_random random(seed);
+    std::string text;
+    for (auto n = 1 + random.below(5); n > 0; --n) text += pieces[random.below(std::size(pieces))];
+    // Of "0x" without a digit the C library reads the 0.
+    const auto digit = text.find_first_not_of('.');
+    if (digit > 1 || std::isxdigit(text[digit]) == 0) continue;
+    expect_reading(text, chars_format::hex, "0x");
+  }
+}
+
+TEST(QuadText, IsReadInHexadecimalAtAnyLength) {
+  const std::string zeros(12'000, '0');
+  for (const char* last : {"", "1"})
+    for (const char* tie : {"10000000000000000000000000000.8", "1.00000000000000000000000000018"})
+      expect_reading(tie + zeros + last, chars_format::hex, "0x");
+  expect_reading("1" + zeros + "p-48000", chars_format::hex, "0x");
+  expect_reading("." + zeros + "1p+48001", chars_format::hex, "0x");
+}
+
+TEST(QuadText, IsReadInItsFormat) {
+  const struct {
+    const char* text;
+    chars_format format;
+    int read;  // 0 where it is no number
+    number value;
+  } rows[] = {
+      {"1.5e3", chars_format::fixed, 3, 1.5_q},   {"1.5e3", chars_format::scientific, 5, 1500},
+      {"1.5", chars_format::scientific, 0, 1},    {"1.5e", chars_format::scientific, 0, 1},
+      {"1.5e+", chars_format::general, 3, 1.5_q}, {"-inf", chars_format::scientific, 4, -1 / 0_q},
+      {"-1.8p1", chars_format::hex, 6, -3},       {"0x1", chars_format::hex, 1, 0},
+      {"1e1", chars_format::hex, 3, 0x1e1},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    number x = 1;
+    const auto [end, error] = from_chars(row.text, row.text + std::strlen(row.text), x, row.format);
+    EXPECT_EQ(end - row.text, row.read);
+    EXPECT_EQ(error, row.read == 0 ? std::errc::invalid_argument : std::errc());
+    EXPECT_EQ(hex(bits(x)), hex(bits(row.value)));
+  }
+}
+
+// ---- Writing ------------------------------------------------------------------------------------
+
+std::string written(number x, chars_format format, int precision) {
+  std::array<char, 30'000> text;
+  const auto [end, error] = to_chars(text.data(), text.data() + text.size(), x, format, precision);
+  EXPECT_EQ(error, std::errc());
+  return {text.data(), end};
+}
+
+TEST(QuadText, IsWrittenAsTheCLibraryDoes) {
+  std::array<char, 30'000> text;
+  constexpr struct {
+    char letter;
+    chars_format format;
+  } formats[] = {{'e', chars_format::scientific},
+                 {'f', chars_format::fixed},
+                 {'g', chars_format::general},
+                 {'a', chars_format::hex}};
+  for (std::uint64_t n = 0; n < 400 && !HasFailure(); ++n) {
+    const word longest = (word{1} << 112) - 1;  // of all numbers' decimal expansions
+    const word q = n == 0 ? longest : random_operands(kind::quad, n)[0];
+    if (magnitude(q) >= infinity) continue;
+    SCOPED_TRACE(hex(q));
+    const auto x = load<number>(&q);
+    for (const auto& f : formats) {
+      for (const int precision : {0, 1, 2, 17, 33, 36, 41, n == 0 ? 11'600 : 50}) {
+        const std::string format = "%." + std::to_string(precision) + f.letter;
+        c_library_write(text.data(), text.size(), format.c_str(), load<__float128>(&q));
+        std::string theirs = text.data();
+        if (f.letter == 'a') theirs.erase(theirs.find("0x"), 2);
+        EXPECT_EQ(written(x, f.format, precision), theirs) << format;
+        if (f.letter == 'g') {
+          EXPECT_EQ(to_string(x, precision), theirs) << format;
+        }
+      }
+    }
+  }
+}
+
+// The fewest digits, from 33 to 36, that read back, in every format.
+TEST(QuadText, IsWrittenWithFewDigits) {
+  std::array<char, 6'000> text;
+  const auto written_in = [&](const number& x, auto... format) {
+    const auto [end, error] = to_chars(text.data(), text.data() + text.size(), x, format...);
+    EXPECT_EQ(error, std::errc());
+    return std::string(text.data(), end);
+  };
+  for (std::uint64_t n = 0; n < 3'000 && !HasFailure(); ++n) {
+    word q = random_operands(kind::quad, n)[0];
+    if (n % 4 == 0) q = q >> 112 << 112;  // a power of 2: the number below is nearer
+    if (n % 4 == 1) {  // integers of 35 digits, with a 0 at the end half an ulp away
+      case_random random(n);
+      q = static_cast<word>(random()) << 48 | random() >> 16 | word{16383 + 113 + n / 4 % 4} << 112;
+    }
+    if (magnitude(q) >= infinity || magnitude(q) == 0) continue;
+    SCOPED_TRACE(hex(q));
+    const auto x = load<number>(&q);
+    std::string expected;
+    for (int digits = 33; digits <= 36; ++digits) {
+      expected = to_string(x, digits);
+      if (bits(number::parse(expected).value_or(0)) == q) break;  // the largest may round up
+    }
+    const auto digits_of = [](std::string s) {  // without exponent, point and zeros around
+      s.resize(std::min(s.find_first_of("eE"), s.size()));
+      std::erase_if(s, [](char c) { return c == '.' || c == '-'; });
+      s.erase(0, s.find_first_not_of('0'));
+      s.resize(s.find_last_not_of('0') + 1);
+      return s;
+    };
+    for (const std::string& seen :
+         {to_string(x), written_in(x), written_in(x, chars_format::general),
+          written_in(x, chars_format::scientific), written_in(x, chars_format::fixed)}) {
+      EXPECT_EQ(digits_of(seen), digits_of(expected)) << seen;
+      EXPECT_EQ(hex(bits(number::parse(seen).value())), hex(q)) << seen;
+    }
+    number back;
+    const std::string all = written_in(x, chars_format::hex);
+    from_chars(all.data(), all.data() + all.size(), back, chars_format::hex);
+    EXPECT_EQ(hex(bits(back)), hex(q)) << all;
+  }
+  EXPECT_EQ(written(1_q, chars_format::fixed, 25'000), "1." + std::string(25'000, '0'));
+  EXPECT_EQ(to_string(100_q), "100");
+  EXPECT_EQ(to_string(0.1_q), "0.1");
+  EXPECT_EQ(to_string(1e36_q), "1e+36");
+  EXPECT_EQ(written_in(-0_q, chars_format::scientific), "-0e+00");
+  EXPECT_EQ(written_in(0.25_q, chars_format::fixed), "0.25");
+}
+
+TEST(QuadText, GoesWhereThereIsRoom) {
+  for (const auto& [x, format, precision] : {std::tuple{0.125_q, chars_format::general, 6},
+                                             {1e30_q, chars_format::fixed, 0},
+                                             {-1.5_q, chars_format::hex, 10},
+                                             {1_q, chars_format::scientific, 20}}) {
+    const std::string whole = written(x, format, precision);
+    for (std::size_t room = 0; room <= whole.size(); ++room) {
+      std::string text(whole.size() + 1, '#');
+      const auto [end, error] = to_chars(text.data(), text.data() + room, x, format, precision);
+      EXPECT_EQ(error, room < whole.size() ? std::errc::value_too_large : std::errc()) << whole;
+      EXPECT_EQ(end, text.data() + room) << whole;
+      EXPECT_EQ(text.substr(room), std::string(text.size() - room, '#')) << whole;
+    }
+  }
+}
+
+// ---- Streams ------------------------------------------------------------------------------------
+
+// Quads that are doubles are written as the doubles are, whatever the flags.
+TEST(QuadStream, WritesAsDoublesAreWritten) {
+  using std::ios_base;
+  for (std::uint64_t seed = 0; seed < 30'000 && !HasFailure(); ++seed) {
+    case_random random(seed);
+    const double values[] = {0.0,
+                             -0.0,
+                             1.0,
+                             -2.5,
+                             1e22,
+                             123456.0,
+                             0.0001,
+                             99994.5,
+                             1.0 / 3,
+                             6.02e23,
+                             std::numeric_limits<double>::infinity(),
+                             -std::nan(""),
+                             1e-300,
+                             std::bit_cast<double>(random() & ~(std::uint64_t{1} << 62))};
+    const double d = values[random.below(std::size(values))];
+    std::ostringstream theirs, ours;
+    const auto set_up = [&](std::ostream& out) {
+      case_random same(seed + 1'000'000);
+      constexpr ios_base::fmtflags notations[] = {{},
+                                                  ios_base::fixed,
+                                                  ios_base::scientific,
+                                                  ios_base::fixed | ios_base::scientific},
+                                   sides[] = {
+                                       {}, ios_base::left, ios_base::right, ios_base::internal};
+      out.flags(notations[same.below(4)] | sides[same.below(4)]);
+      if (same.one_in(2)) out << std::showpos;
+      if (same.one_in(2)) out << std::showpoint;
+      if (same.one_in(2)) out << std::uppercase;
+      out << std::setprecision(static_cast<int>(same.below(40)))
+          << std::setfill("* 0"[same.below(3)])
+          << std::setw(static_cast<int>(same.below(2) * same.below(60)));
+    };
+    set_up(theirs);
+    set_up(ours);
+    const bool is_hex =
+        (ours.flags() & ios_base::floatfield) == (ios_base::fixed | ios_base::scientific);
+    if (is_hex && std::fpclassify(d) == FP_SUBNORMAL) continue;  // those are normal quads
+    // libstdc++ writes fixed infinities in small letters, where the standard says %F.
+    if (!std::isfinite(d)) ours.unsetf(ios_base::floatfield), theirs.unsetf(ios_base::floatfield);
+    theirs << d << '|' << d;
+    ours << number(d) << '|' << number(d);
+    EXPECT_EQ(ours.str(), theirs.str()) << "seed " << seed;
+    EXPECT_EQ(ours.width(), 0);
+  }
+}
+
+// They are read as the doubles are, but for words; and what follows stays.
+TEST(QuadStream, ReadsAsDoublesAreRead) {
+  const std::string pieces[] = {" ", "1", "25", ".", "e", "-", "+", "E2", "x", "0", ",", "\n"};
+  for (std::uint64_t seed = 0; seed < 50'000 && !HasFailure(); ++seed) {
+    case_random random(seed);
+    std::string text;
+    for (auto n = random.below(7); n > 0; --n) text += pieces[random.below(std::size(pieces))];
+    if (const auto first = text.find_first_not_of(" \n+-");
+        first < text.size() && std::isalpha(text[first]))
+      continue;
+    std::istringstream theirs(text), ours(text);
+    double d = 7;
+    number q = 7;
+    theirs >> d;
+    ours >> q;
+    if (std::isinf(static_cast<double>(q))) continue;  // a quad, but no double
+    SCOPED_TRACE('"' + text + '"');
+    EXPECT_EQ(static_cast<double>(q), d);
+    EXPECT_EQ(ours.rdstate(), theirs.rdstate());
+    theirs.clear();
+    ours.clear();
+    EXPECT_EQ(std::string(std::istreambuf_iterator(ours), {}),
+              std::string(std::istreambuf_iterator(theirs), {}));
+  }
+}
+
+TEST(QuadStream, ReadsWordsAndTellsWhatIsOutOfRange) {
+  const struct {
+    const char* text;
+    number value;
+    bool fails;
+  } rows[] = {{"inf", 1 / 0_q, false},
+              {"-Infinity,", -1 / 0_q, false},
+              {"1e5000", std::numeric_limits<number>::max(), true},
+              {"-1e5000", std::numeric_limits<number>::lowest(), true},
+              {"-1e-5000", -0_q, true},
+              {"zero", 0, true},
+              {"0.1", 0.1_q, false}};
+  for (const auto& row : rows) {
+    std::istringstream in(row.text);
+    number x = 7;
+    in >> x;
+    EXPECT_EQ(hex(bits(x)), hex(bits(row.value))) << row.text;
+    EXPECT_EQ(in.fail(), row.fails) << row.text;
+  }
+}
+
+// ---- std::format --------------------------------------------------------------------------------
+
+#ifdef __cpp_lib_format
+TEST(QuadFormat, WritesAsDoublesAreWritten) {
+  for (const double d : {0.0, -2.5, 123456.789, 1e-7, std::numeric_limits<double>::infinity()}) {
+    for (const char* format : {"{:.3f}", "{:+.10e}", "{:012.3g}", "{:*<20.4F}", "{:x^+15.2E}",
+                               "{: .0f}", "{:#.0f}", "{:>9G}", "{:.5a}", "{:A}", "{:#.3g}",
+                               "{:-08.1f}", "{:<012.3f}", "{:e}", "{:f}", "{:L}"}) {
+      const number q = d;
+      if (std::string_view(format) == "{:L}" && d != static_cast<long>(d)) continue;
+      EXPECT_EQ(std::vformat(format, std::make_format_args(q)),
+                std::vformat(format, std::make_format_args(d)))
+          << format;
+    }
+  }
+  const number third = 1_q / 3;
+  EXPECT_EQ(std::format("{}|{:5}|{:{}.{}f}|{:{}}", third, 1_q, 2.5_q, 8, 2, 3_q, 4),
+            "0.3333333333333333333333333333333333|    1|    2.50|   3");
+  for (const char* wrong : {"{:d}", "{:.f}", "{:+-f}", "{:ff}", "{:99999999999}", "{:{}}"})
+    EXPECT_THROW(std::vformat(wrong, std::make_format_args(third)), std::format_error) << wrong;
+}
+#endif
+
+}  // namespace
+}  // namespace zorvac::test
