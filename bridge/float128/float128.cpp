@@ -1,6 +1,6 @@
 // The binary128 routines that compilers for x86-64 call for __float128 and _Float128, under the
 // names that they call: arithmetic, comparison, conversion. Bits, NaNs and flags are those of the
-// compiler's own run-time library; docs/bridge-float128.md has the two differences.
+// compiler's own run-time library; docs/bridge.md has the two differences.
 #include <limits>
 #include <type_traits>
 
