@@ -61,8 +61,8 @@ ZORVAC_MATMUL_ENTRY(_MATMUL_c8_t_n)
 ZORVAC_MATMUL_ENTRY(_MATMUL_c8_t_t)
 #undef ZORVAC_MATMUL_ENTRY
 
-/** Write +0 to m rows of n columns of C (to both parts of a complex element), column by column. They
- *  serve every storage of A and B. C may have any alignment. */
+/** Write +0 to m rows of n columns of C (to both parts of a complex element), column by column.
+ *  They serve every storage of A and B. C may have any alignment. */
 void _MATMUL_r4_n_n_pst_init(void* c, uint64_t m, uint64_t n, uint64_t ldc);
 void _MATMUL_r8_n_n_pst_init(void* c, uint64_t m, uint64_t n, uint64_t ldc);
 void _MATMUL_c4_n_n_pst_init(void* c, uint64_t m, uint64_t n, uint64_t ldc);

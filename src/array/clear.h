@@ -16,8 +16,8 @@ void clear_word(void* p) {
 }
 
 // Clears a column of `rows` elements of the size of Word: one by one up to a 16-byte boundary, then
-// 8 at a time, and the tail by 16 bytes and one by one. A short column, and one whose elements never
-// meet a boundary, is cleared one by one.
+// 8 at a time, and the tail by 16 bytes and one by one. A short column, and one whose elements
+// never meet a boundary, is cleared one by one.
 template <class Word>
 void clear_column(void* column, std::size_t rows) {
   constexpr std::size_t size = sizeof(Word), boundary = sizeof(__m128i);

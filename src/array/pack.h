@@ -1,8 +1,8 @@
 #ifndef ZORVAC_ARRAY_PACK_H
 #define ZORVAC_ARRAY_PACK_H
 // Packs a block of A or B into panels of 4 rows or 4 columns, here called lanes. A panel holds, for
-// each k in order, the 4 values side by side, and then zeros up to a multiple of 4 terms. Lanes past
-// the last whole panel are left out.
+// each k in order, the 4 values side by side, and then zeros up to a multiple of 4 terms. Lanes
+// past the last whole panel are left out.
 //
 // A panel is too short for the processor to predict where the next one begins, so later panels are
 // prefetched. A prefetch past the end of the matrix does no harm: it cannot fault.
