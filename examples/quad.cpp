@@ -1,6 +1,6 @@
-// What 113 bits are good for: pi to the last digit, and a sum whose terms cancel so badly that
-// doubles lose every digit of it. Each is computed under the four rounding modes, which shows how
-// many digits can be trusted without knowing the true value; and with the flags that it raised.
+// Two uses of 113 bits: pi to the last digit, and a sum whose terms cancel so much that in doubles
+// no digit is right. Each is computed in all four rounding modes: where the results agree, the
+// digits can be trusted without knowing the true value. The flags that it raised are printed, too.
 #include <cstdio>
 #include <string>
 #include <zorvac/quad.hpp>
@@ -39,7 +39,7 @@ Number small_exponential() {
   return sum;
 }
 
-// Beyond the range, but not for every rounding mode.
+// The exact result is out of range. Only some rounding modes give infinity.
 quad twice_the_largest() { return std::numeric_limits<quad>::max() * 2; }
 
 std::string names(std::uint32_t status) {
