@@ -164,7 +164,7 @@ struct avx512 : avx2 {
 #endif
 
 // An element type over a level. It defines an operand of A (several rows in a register), a factor
-// of B (one value in every lane), and their product.
+// of B (one element, spread over all lanes), and their product.
 template <class Level, class Scalar>
 struct real {
   using level = Level;

@@ -24,7 +24,7 @@
   mov %rdx, %rdi
   mov %rcx, %rsi
   mov %r9, %rdx
-  mov 80(%rsp), %rcx  // ldc: above it are 7 words, the return address, lda and ldb
+  mov 80(%rsp), %rcx  // ldc, which is above 7 words, the return address, lda and ldb
   call *\clearing@GOTPCREL(%rip)
   add $8, %rsp
   .cfi_adjust_cfa_offset -8

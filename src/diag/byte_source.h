@@ -1,8 +1,8 @@
 #ifndef ZORVAC_DIAG_BYTE_SOURCE_H
 #define ZORVAC_DIAG_BYTE_SOURCE_H
 // Gives the traceback's readers bytes at any offset of a file, or of memory. It reads through a
-// block of its own. It allocates nothing and uses no streams of the C library, because the process may
-// be dying inside malloc with the heap's lock held.
+// block of its own. It allocates nothing and uses no streams of the C library, because the process
+// may be dying inside malloc with the heap's lock held.
 //
 // The number of times that the block is filled is limited. So a file that was made to keep a reader
 // busy seems to end after 512 MB, which is a second or two.
