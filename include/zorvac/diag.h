@@ -188,9 +188,9 @@ typedef struct zorvac_stack_variables {
   const zorvac_long_variable* long_entries;
 } zorvac_stack_variables;
 
-/** Checks the guard words of all variables, in the order of the lists. The first variable with a
- *  damaged guard word is reported with message 53 ("Boundary Run-Time Check Failure for variable
- *  '%s'"), or 54 where it has no name.
+/** Checks the guard words of all variables, in the order of the lists; of each variable the word
+ *  before it, then the word after it. The first variable with a damaged guard word is reported with
+ *  message 53 ("Boundary Run-Time Check Failure for variable '%s'"), or 54 where it has no name.
  *
  *  registers  compiled code calls it in an epilogue, when the result is in its registers. It may
  *             change RDX and the flags, and nothing else, not even a vector register. Compilers
