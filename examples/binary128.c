@@ -1,5 +1,5 @@
 /* Quad arithmetic as a C compiler without a 128-bit type of its own emits it: operands and results
-   are passed by address. Sums 1/k! until nothing is added any more. */
+   are passed by address. Sums 1/k! until the sum does not change any more. */
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>

@@ -1,5 +1,5 @@
-// What a compiler adds to a program built with run-time checks. Run without an argument, everything
-// passes; "overrun", "narrow", "unset" and "constant" make one check fail.
+// Calls that a compiler adds to a program built with run-time checks. Without an argument all
+// checks pass; "overrun", "narrow", "unset" or "constant" makes one check fail.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
   printf("byte %d\n", _RTC_Check_4_to_1(strcmp(fault, "narrow") == 0 ? 256 : -128));
   if (strcmp(fault, "unset") == 0) __zorva_rtc_uninit_use_src("total", "checks.c:34");
 
-  // The compiler saw one call, with 5, and put 5 in the place of the argument.
+  // The compiler saw only one call, with 5, and replaced the argument by 5.
   const zorvac_cp_value expected = {5, 0};
   const zorvac_cp_value actual = {strcmp(fault, "constant") == 0 ? 6 : 5, 0};
   _IPO_Check_CP(0, 1, expected, actual);

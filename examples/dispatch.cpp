@@ -1,5 +1,5 @@
-// A function compiled twice, and the choice between its two versions as a compiler emits it: a mask
-// against the feature indicator, after detection where that has not run yet.
+// A function compiled twice, and the choice between its two versions as a compiler emits it:
+// compares a mask with the feature indicator, and runs detection first if it has not run yet.
 #include <zorvac/cpu.h>
 
 #include <cstdint>
@@ -26,7 +26,7 @@ __attribute__((target("avx2"))) std::uint64_t sum_by_avx2(const bytes& values) {
   return sum;
 }
 
-// The best first; every processor has what the last one needs.
+// The best version first. Every processor has what the last one needs.
 constexpr version versions[] = {
     {"AVX2", ZORVAC_FEATURE_GENERIC_X86 | ZORVAC_FEATURE_AVX | ZORVAC_FEATURE_AVX2, sum_by_avx2},
     {"SSE2", ZORVAC_FEATURE_GENERIC_X86, sum_by_sse2},

@@ -1,5 +1,5 @@
-// A program whose static objects may use what its processor must have: the start-up check runs
-// before their constructors, and names what is missing where it refuses.
+// A program whose static objects use instructions that not every processor has. So the start-up
+// check runs before their constructors. If it refuses to run the program, it names what is missing.
 #include <zorvac/cpu.h>
 #include <zorvac/startup.h>
 
@@ -14,7 +14,7 @@ struct startup_check {
     __zorva_new_feature_proc_init(ZORVAC_FLUSH_TO_ZERO, ZORVAC_FEATURE_SSE3 | ZORVAC_FEATURE_SSSE3);
   }
 };
-[[gnu::init_priority(101)]] const startup_check check;  // the first that programs may ask for
+[[gnu::init_priority(101)]] const startup_check check;  // the earliest that a program may use
 
 // Compiled for SSSE3, as the rest of the program would be.
 class sine_table {

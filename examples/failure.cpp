@@ -1,5 +1,5 @@
-// An exception that remembers where it was thrown: it takes the traceback when it is made, while
-// the stack still stands, and whoever catches it far up can print it.
+// An exception that stores where it was thrown: its constructor takes the traceback, before the
+// stack is unwound, and the code that catches the exception can print it.
 #include <zorvac/diag.h>
 
 #include <array>
@@ -25,7 +25,7 @@ class failure : public std::runtime_error {
 
 }  // namespace
 
-// Not inlined, so that each has a frame to show; the names are those the linker knows.
+// Not inlined, so that each has a frame. The traceback shows the linker's names.
 [[gnu::noinline]] static double reciprocal(double x) {
   if (x == 0) throw failure("a reciprocal of 0 is asked for");
   return 1 / x;

@@ -11,7 +11,7 @@
 
 namespace {
 
-using number = std::complex<double>;  // is laid out as the library's complex binary64
+using number = std::complex<double>;  // has the layout of the library's complex binary64
 
 class matrix {
  public:

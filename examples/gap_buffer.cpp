@@ -1,7 +1,6 @@
-// The text of an editor: one buffer with a gap where the cursor is, so that typing moves nothing
-// and a step of the cursor moves what it passes over. The blocks on either side of a small gap
-// overlap when they move, so it takes the library's move; what is typed comes from elsewhere, so a
-// copy does.
+// The text of an editor: one buffer with a gap at the cursor. Typing moves nothing, and moving the
+// cursor moves only the characters that it passes. Their old and new places may overlap, so they
+// are moved with the library's memmove. Typed text comes from another buffer, so memcpy is enough.
 #include <zorvac/mem.h>
 
 #include <algorithm>

@@ -1,6 +1,6 @@
-/* A loop that counts letters, vectorised over an array of counters: each of four lanes has counters
-   of its own, interleaved, so that two lanes that meet the same letter do not wait for each other.
-   They begin as zeros, the identity of sums, and lane by lane are folded into the program's array.
+/* A loop that counts letters, vectorised with four lanes. Each lane has its own counters, which are
+   interleaved, so two lanes with the same letter do not wait for each other. The counters begin as
+   zeros, the identity of sums. At the end they are folded, lane by lane, into the program's array.
 
      for (i = 0; i < length; ++i) ++counts[text[i] - 'a']; */
 #include <stdint.h>

@@ -1,8 +1,8 @@
 /* A matrix product as a compiler of array code emits it: one call of the entry point for the type
-   and storage at hand. The program puts functions of its own in the place of the variants, which
-   note their names and pass the call on, so it can tell which one this processor was given.
+   and storage of the operands. The program replaces the variants by its own functions, which store
+   their name and pass the call on. So it can print which variant ran on this processor.
 
-   usage: matrix [ORDER]          1000 if left out */
+   usage: matrix [ORDER]          the default is 1000 */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <math.h>
@@ -13,7 +13,7 @@
 
 static const char* taken;
 
-/* The second declaration is there for the semicolon. */
+/* The last declaration makes the semicolon after VARIANT() valid. */
 #define VARIANT(letter)                                                                            \
   void variant_##letter(const void* a, const void* b, void* c, uint64_t m, uint64_t k, uint64_t n, \
                         uint64_t lda, uint64_t ldb,                                                \
@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
     spent += taken_seconds;
   }
 
-  /* A sample of elements against their sums, naively, and the bound of any order of summation. */
+  /* Compares a sample of elements with naive sums, with the error bound of any summation order. */
   double worst = 0;
   for (int sample = 0; sample < 1000; ++sample) {
     const uint64_t i = (uint64_t)rand() % n, j = (uint64_t)rand() % n;

@@ -1,4 +1,4 @@
-! A Fortran program that calls an entry point itself, and checks it against the intrinsic.
+! A Fortran program that calls an entry point itself, and compares the result with the intrinsic's.
 program matrix
   use iso_c_binding, only: c_int64_t, c_double
   implicit none

@@ -1,6 +1,6 @@
-/* Block operations as a compiler emits them: calls of the library's entry points. The program puts
-   functions of its own in the place of the variants, which note their names and pass the call on,
-   so it can tell which variant of each this processor was given. */
+/* Block operations as a compiler emits them: calls of the library's entry points. The program
+   replaces the variants by its own functions, which store their name and pass the call on. So it
+   can print which variants ran on this processor. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <stdio.h>
@@ -16,7 +16,7 @@ static void* next(const char* name) {
   return found;
 }
 
-/* The second declaration is there for the semicolon. */
+/* The last declaration makes the semicolon after VARIANT() valid. */
 #define VARIANT(identifier, symbol, source_type)                              \
   void* identifier(void* to, source_type from, size_t count) __asm__(symbol); \
   void* identifier(void* to, source_type from, size_t count) {                \

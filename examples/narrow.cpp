@@ -1,6 +1,6 @@
-// Conversions that must not lose anything, in C++: a cast that checks, at the cost of one call, and
-// only where the types could lose something. Run without an argument every value fits; with one,
-// the program tries the number and may be stopped by a report.
+// Narrowing conversions in C++ that must not lose bits: a cast with a check, which costs one call,
+// and only between types where bits could be lost. Without an argument every value fits. With a
+// number as argument, the program converts it, and a failed check may end the program.
 #include <zorvac/diag.h>
 
 #include <cstdint>
@@ -21,7 +21,7 @@ constexpr auto check() {
   if constexpr (From == 8 && To == 4) return _RTC_Check_8_to_4;
 }
 
-// What the target can hold, read as signed or as unsigned, passes.
+// A value passes if the target can hold it, as a signed or as an unsigned number.
 template <class To, class From>
 To narrow(From value) {
   static_assert(std::is_integral_v<From> && std::is_integral_v<To>);

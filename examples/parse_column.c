@@ -1,5 +1,5 @@
-/* Adds up a column of numbers, as a compiler's run-time reads list input: with the SSE4.2
- * conversion where the processor has it, with the C library's where it has not. */
+/* Adds up a column of numbers, in the way in which a compiler's run-time library reads a list of
+ * numbers: converts with SSE4.2 if the processor has it, otherwise with the C library. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <zorvac/cpu.h>

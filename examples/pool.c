@@ -1,5 +1,5 @@
-/* A million small objects from two threads. Each thread builds lists, and frees what the other one
- * built: the block sizes are registered once, and everything else is as with malloc and free. */
+/* A million small objects in two threads. Each thread builds lists and frees those of the other.
+ * The block sizes are registered once; everything else is as with malloc and free. */
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -13,7 +13,7 @@ struct object {
   char rest[48];
 };
 
-/* Finished lists, in both directions: built by one thread, freed by the other. */
+/* Finished lists of both threads: each is built by one thread and freed by the other. */
 static struct object* mailbox[2][lists];
 static pthread_barrier_t all_built;
 
@@ -29,7 +29,7 @@ static void* work(void* argument) {
     }
   }
   pthread_barrier_wait(&all_built);
-  long* const sum = __i_pool_calloc(1, sizeof(long)); /* a size without a pool: calloc's */
+  long* const sum = __i_pool_calloc(1, sizeof(long)); /* from calloc: no pool has this size */
   for (int l = 0; l < lists; ++l) {
     for (struct object* o = mailbox[1 - self][l]; o != NULL;) {
       struct object* const next = o->next;
@@ -61,7 +61,7 @@ int main(void) {
       "freed by the other one\n",
       2 * objects, sizeof(struct object), sum);
 
-  /* All blocks are free, so the pools start over where they began. */
+  /* All blocks are free, so the pools start again at their beginning. */
   struct object* const o = __i_pool_malloc(sizeof *o);
   struct object* const after = __i_pool_malloc(sizeof *o);
   printf("the pool has started over: the next two are %td bytes apart\n", (char*)after - (char*)o);

@@ -1,6 +1,6 @@
-// The nodes of standard containers from pools: a memory resource in front of the pool routines.
-// The sizes of a container's nodes are its own business, so they are asked for first, by a resource
-// that only notes what a small container requests.
+// Allocates the nodes of standard containers from pools, through a memory resource. The sizes of
+// the nodes are not public, so the program first fills a small container whose memory resource only
+// records the sizes.
 #include <zorvac/mem.h>
 
 #include <cstdio>
@@ -13,9 +13,8 @@
 
 namespace {
 
-// Blocks of a pool are aligned to 16 bytes where their size is a multiple of 16: sizes are rounded
-// up to that. What needs more alignment, or does not fit the 32 bits of a pool's size, comes from
-// operator new.
+// Sizes are rounded up to a multiple of 16, because blocks of such a size are aligned to 16 bytes.
+// Blocks that need more alignment, and large ones, come from operator new.
 class pool_resource final : public std::pmr::memory_resource {
   static constexpr std::size_t granule = 16, largest = 65536;
 
@@ -66,7 +65,7 @@ class size_recorder final : public std::pmr::memory_resource {
   }
 };
 
-// How often each digit sum occurs below a limit; and the numbers with the commonest one.
+// How many numbers below a limit have the most common digit sum.
 std::size_t commonest_digit_sum(int limit, std::pmr::memory_resource* memory) {
   std::pmr::map<int, std::pmr::list<int>> numbers(memory);
   for (int n = 0; n < limit; ++n) {

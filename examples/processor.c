@@ -1,4 +1,4 @@
-/* What the library finds out about the processor it runs on. */
+/* Prints what the library detects about the processor. */
 #include <cpuid.h>
 #include <stdio.h>
 #include <string.h>

@@ -1,7 +1,7 @@
-// What 113 bits are good for: pi to the last digit, a sum whose terms cancel so badly that doubles
-// lose every digit of it, and an equation of which they lose a root. Each is computed under the
-// four rounding modes, which shows how many digits can be trusted without knowing the true value;
-// and with the flags that it raised.
+// Three uses of 113 bits: pi to the last digit, a sum whose terms cancel so much that in doubles no
+// digit is right, and an equation of which doubles lose a root. Each is computed in all four rounding
+// modes: where the results agree, the digits can be trusted without knowing the true value. The flags
+// that it raised are printed, too.
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -50,7 +50,7 @@ Number smaller_root() {
   return (b - sqrt(discriminant)) / Number(2);
 }
 
-// Beyond the range, but not for every rounding mode.
+// The exact result is out of range. Only some rounding modes give infinity.
 quad twice_the_largest() { return std::numeric_limits<quad>::max() * 2; }
 
 std::string names(std::uint32_t status) {

@@ -1,8 +1,8 @@
-// A loop that counts into an array, as a compiler runs it on several threads: each thread has a
-// private copy of the array, which begins as the identity of the operator, and the copies are
-// folded into the program's array one after the other.
+// A loop that counts into an array, as a compiler runs it on several threads. Each thread has a
+// private copy of the array, which begins as the identity of the operator. At the end the copies
+// are folded into the program's array one after the other.
 //
-//   for (int roll : rolls) { ++counts[roll]; largest[roll] = max(largest[roll], position); }
+//   for (int roll : rolls) { ++counts[roll]; latest[roll] = max(latest[roll], position); }
 #include <zorvac/array.h>
 
 #include <algorithm>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// Codes of operators and of element types, as a compiler has them.
+// Codes of operators and of element types, as in zorvac/array.h.
 constexpr std::uint32_t sum = 1, maximum = 4, int64_type = 8;
 constexpr std::size_t sides = 6, threads = 4;
 constexpr std::int64_t rolls = 6'000'000;
@@ -28,7 +28,7 @@ struct private_copy {
     __zorva_reduction_init_array(latest.data(), sides, maximum, int64_type);
   }
 
-  // Every `threads`th roll of a generator whose state is the position.
+  // Counts every roll number first + k * threads. A roll is a hash of its number.
   void count(std::int64_t first) {
     for (std::int64_t i = first; i < rolls; i += threads) {
       const auto mixed = static_cast<std::uint64_t>(i) * 0x9e3779b97f4a7c15u;

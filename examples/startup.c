@@ -1,5 +1,5 @@
-/* A program as a compiler emits it for one instruction-set level: the first thing in main is the
- * start-up check of that level, and the rest may then use its instructions. */
+/* A program as a compiler emits it for one instruction-set level: main begins with the start-up
+ * check of that level, so the rest of the program may use its instructions. */
 #include <stdio.h>
 #include <zorvac/startup.h>
 

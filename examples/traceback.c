@@ -1,7 +1,7 @@
-// Crashes three calls deep in a shared object, and prints its traceback from the signal's handler
-// in both layouts: as a table, and as blocks. Without the signal's context the traceback begins
-// with the handler; with it, the library's own frames are shown as well. The handler calls nothing
-// that allocates: the heap may be what is broken.
+// Crashes three calls deep in a shared object. The signal handler prints the traceback in both
+// layouts: as a table, and as blocks. Without the signal's context the traceback begins
+// with the handler; with it, the library's own frames are shown, too. The handler calls nothing
+// that allocates, because the heap may be damaged.
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -22,7 +22,7 @@ static void on_fatal(int number, siginfo_t* info, void* context) {
 }
 
 int main(void) {
-  // A stack of its own, for programs that fail because theirs is used up.
+  // The handler has its own stack, because the program's stack may have overflowed.
   static char signal_stack[65536];
   const stack_t stack = {.ss_sp = signal_stack, .ss_size = sizeof signal_stack};
   struct sigaction action = {.sa_flags = SA_SIGINFO | SA_ONSTACK};

@@ -15,7 +15,7 @@ int add_orders(const struct order* first, int count);
 int sum_of_orders(const char* file);
 
 ROUTINE add_order(const struct order* order, int sum) {
-  return sum + order->amount;  // nobody asked whether there is one
+  return sum + order->amount;  // does not check for a null pointer
 }
 
 ROUTINE add_orders(const struct order* first, int count) {

@@ -1,5 +1,5 @@
-// Counts the words of a text: spans of letters, found by the string routines of this processor's
-// level. There is no dispatcher for them; a program asks once and keeps the pair that it needs.
+// Counts the words of a text. A word is a span of letters; the string routines of the processor's
+// level find it. They have no dispatcher: a program chooses once and keeps the pair that it needs.
 #include <zorvac/cpu.h>
 #include <zorvac/string.h>
 
@@ -16,8 +16,8 @@ constexpr char text[] =
 constexpr char letters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 
 struct scanner {
-  std::size_t (*span)(const char* string, const char* set);  // how many are of the set
-  char* (*find)(const char* string, const char* set);        // the first that is of the set
+  std::size_t (*span)(const char* string, const char* set);  // how many characters are in the set
+  char* (*find)(const char* string, const char* set);        // the first character in the set
 };
 
 scanner for_this_processor() {

@@ -1,6 +1,6 @@
-// Every quad operation and conversion against its oracle, on operands that a fuzzer finds by
-// looking for new paths through the library: one byte of rounding mode and circumstances, then two
-// quads.
+// Compares every quad operation and conversion with its oracle. The fuzzer chooses operands that
+// lead to new paths through the library. An input is one byte, which gives the rounding mode and
+// the circumstances, and two quads.
 #include <cstddef>
 #include <cstdlib>
 #include <iostream>

@@ -1,6 +1,6 @@
-// The readers of the traceback, on files that a fuzzer makes up: one byte that chooses the reader,
-// an address of eight, then the file. It is read from memory and, through the reader's small block,
-// from a real file; both have to say the same, in texts that end.
+// Runs the readers of the traceback on files that a fuzzer makes. An input is one byte, which
+// chooses the reader, eight bytes of address, and the file. The reader reads it from memory and,
+// through its small block, from a real file. Both must give the same, and texts with a zero byte.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -45,7 +45,7 @@ answer read_section(byte_source& file, std::size_t size, std::uint64_t address) 
   return scan(file, {0, size}, address);
 }
 
-// The address is also an offset into the file, of which the segments tell.
+// The address is used as an offset into the file, too, which is looked up in the segments.
 answer read_image(byte_source& file, std::size_t, std::uint64_t address) {
   Elf64_Ehdr header;
   if (!read_elf_header(file, header)) return {};
@@ -57,7 +57,7 @@ answer read_image(byte_source& file, std::size_t, std::uint64_t address) {
   return a;
 }
 
-// The line that holds the address, and what all others add up to.
+// The line that holds the address, and a checksum of all lines.
 answer read_maps(byte_source& file, std::size_t, std::uint64_t address) {
   answer a;
   map_reader map(file);
@@ -79,7 +79,7 @@ answer read_vector(byte_source& file, std::size_t, std::uint64_t address) {
 
 constexpr std::array readers{read_section, read_image, read_maps, read_vector};
 
-// A file without a name that holds the bytes, and its path.
+// The path of a file without a name that holds the bytes.
 const char* file_with(std::span<const unsigned char> bytes) {
   static const int file = memfd_create("fuzz", 0);
   static const std::string path = "/proc/self/fd/" + std::to_string(file);

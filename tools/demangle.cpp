@@ -1,11 +1,11 @@
-// The full form is that of the C++ run-time library. The last component is found in it, by
+// The C++ run-time library makes the full form. The last component is found in that text by its
 // brackets:
 //
 //   std::enable_if<(2)>(1), int>::type ns::vec<int>::operator<< <int>(int) const::inner<char>(char)
 //                                                                             -----
 //
-// What stands in front of a space or of two colons is a return type or a scope, unless brackets
-// hold it; angle brackets hold template arguments, and round ones parameters.
+// The text before a space or before two colons is a return type or a scope, unless it is inside
+// brackets. Angle brackets hold template arguments, and parentheses hold parameters.
 #include "demangle.h"
 
 #include <cxxabi.h>
@@ -22,7 +22,7 @@ bool is_in_identifier(char c) {
   return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '$';
 }
 
-// The length of an operator that the text begins with, the longest that fits.
+// The length of the longest operator at the beginning of the text.
 std::size_t operator_bytes(std::string_view text) {
   constexpr std::string_view symbols[] = {"<=>", "<<=", ">>=", "->*", "()", "[]", "->", "<<", ">>",
                                           "<=",  ">=",  "==",  "!=",  "&&", "||", "++", "--", "+=",
@@ -83,7 +83,7 @@ class component_finder {
     return rest().size() > keyword.size() && rest().starts_with(keyword) &&
            !is_in_identifier(rest()[keyword.size()]);
   }
-  // One of new, delete, a literal and a conversion goes on to its parameters.
+  // The name of an operator for new, delete, a literal or a conversion extends to its parameters.
   bool pass_operator() {
     at_ += std::string_view{"operator"}.size();
     if (text_[at_] != ' ' && text_[at_] != '"') {
@@ -102,7 +102,7 @@ class component_finder {
   }
 
   bool pass_space() {
-    if (rest().starts_with(" <")) {  // behind operator<
+    if (rest().starts_with(" <")) {  // after operator<
       ++at_;
     } else if (rest().starts_with(" requires ") || rest().starts_with(" [clone ")) {
       end_here();
@@ -113,8 +113,8 @@ class component_finder {
     return true;
   }
 
-  // Behind the parameters comes the end, or the name of something in this routine. Or they were
-  // none, as in decltype(auto).
+  // The parameters are followed by the end, or by the name of something inside this routine. In
+  // decltype(auto) the parentheses hold no parameters.
   bool pass_parameters() {
     end_here();
     if (!pass_group()) return false;
@@ -124,8 +124,8 @@ class component_finder {
     return true;
   }
 
-  // Over the bracket here and all that it holds. Greater and less are not told from brackets; they
-  // stand in round ones.
+  // Skips the bracket at this place and all that it holds. `<` and `>` may be operators instead of
+  // brackets; these are always inside parentheses, which then close them.
   bool pass_group() {
     std::string open;
     do {

@@ -11,8 +11,8 @@ enum class name_form {
   component  // balance: the last component, without template arguments and parameters
 };
 
-// A name that the linker knows in another form. What is not the name of a C++ routine stays as it
-// is.
+// Converts the linker's name to another form. A name that is not that of a C++ routine stays
+// unchanged.
 std::string spelled(const std::string& linker_name, name_form form);
 
 }  // namespace zorvac::mktrace

@@ -1,5 +1,6 @@
-// Prints a section as text. It says what is there, also where that makes no sense: a compiler's
-// author debugs with it. Names come from a file that may be hostile to terminals.
+// Prints a section as text. It prints what the section holds even where that makes no sense,
+// because authors of compilers debug with it. Bytes of names that are not printable are escaped:
+// they could be commands to a terminal.
 #include <iomanip>
 #include <string_view>
 
@@ -40,7 +41,7 @@ class dumper {
 
  private:
   static failure unsound(std::size_t at) {
-    return failure{"the .trace section is not sound at offset " + std::to_string(at)};
+    return failure{"the .trace section is damaged at offset " + std::to_string(at)};
   }
 
   void record(std::size_t at, std::size_t length) {

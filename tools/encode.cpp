@@ -1,6 +1,6 @@
-// Writes the records of a section. Routines go in order of address, a number of them to a span, a
-// number of spans to a span around them, and so on up to one that holds all. A file's record stands
-// in front of the first span of routines that refers to it.
+// Writes the records of a section. Routines are in order of address: 64 in a span, 8 spans in a
+// span around them, and so on up to one span that holds all. A file's record is before the first
+// span of routines that refers to it.
 #include "encode.h"
 
 #include <algorithm>
@@ -16,10 +16,10 @@ namespace {
 using bytes = std::vector<unsigned char>;
 namespace trace = zorvac::diag::trace;
 
-// Few enough that their records are read at once, many enough that spans take next to no room.
+// Few enough that their records are read in one block, many enough that spans take little room.
 constexpr std::size_t routines_of_span = 64;
-// On each level a reader looks at half of the spans around the address, and reads a block for each.
-// With 8 it reads a quarter of what it reads with 64, and the section grows by 0.05 %.
+// On each level a reader examines half of the spans on average, and reads a block for each. With 8
+// it reads a quarter of what it reads with 64, and the section grows by 0.05 %.
 constexpr std::size_t spans_of_span = 8;
 
 template <class Integer>
@@ -65,8 +65,8 @@ class encoder {
  private:
   static constexpr std::size_t not_written = static_cast<std::size_t>(-1);
 
-  // Writes a span of `count` routines, and returns the one behind them. The span's own record has a
-  // fixed size, and is made when it is known what it holds.
+  // Writes a span of `count` routines, and returns the routine after them. The span's own record
+  // has a fixed size, and is filled in when its contents are known.
   routine_iterator put_span(routine_iterator first, std::size_t count) {
     const bool is_innermost = count <= routines_of_span;
     if (is_innermost) put_files(first, count);
@@ -79,7 +79,7 @@ class encoder {
     return last;
   }
 
-  // Spans of one size, as few as may be, and one with the rest.
+  // Writes at most `spans_of_span` spans: all of one size, but the last, which has the rest.
   routine_iterator put_spans(routine_iterator first, std::size_t count) {
     std::size_t part = routines_of_span;
     while (part * spans_of_span < count) part *= spans_of_span;
@@ -92,7 +92,7 @@ class encoder {
     return first;
   }
 
-  // A span that holds more than its field can say is told to hold nothing: readers go through it.
+  // A span whose size does not fit in the field says 0: then readers look at all that it holds.
   static bytes span_record(std::uint64_t start, std::uint64_t end, std::size_t held) {
     bytes span, body;
     put(body, start);
@@ -102,8 +102,8 @@ class encoder {
     return span;
   }
 
-  // Writes the records of the files that the routines' line tables refer to, where there are none
-  // yet.
+  // Writes the records of the files that the routines' line tables refer to, if they are not
+  // written yet.
   void put_files(routine_iterator first, std::size_t count) {
     const auto last = std::next(first, static_cast<std::ptrdiff_t>(count) - 1);
     const auto [row_begin, row_end] = rows_of(first->first, last->second.end);
@@ -130,8 +130,7 @@ class encoder {
     if (!lines.empty()) put_record(out_, trace::lines_tag, trace::lines_version, lines);
   }
 
-  // The body of the line record that comes next, for code in [start, end); empty where no line is
-  // known.
+  // The body of the next line record, for code in [start, end); empty where no file is known.
   bytes line_table(std::uint64_t start, std::uint64_t end) {
     std::vector<std::size_t> files;
     bytes list, rows;
@@ -163,7 +162,7 @@ class encoder {
     return body;
   }
 
-  // The rows that say something about [start, end): the first may begin before it.
+  // The rows that hold in [start, end). The first one may begin before `start`.
   [[nodiscard]] std::pair<std::vector<row>::const_iterator, std::vector<row>::const_iterator>
   rows_of(std::uint64_t start, std::uint64_t end) const {
     const auto before = [](const row& r, std::uint64_t address) { return r.address < address; };

@@ -1,6 +1,6 @@
 #ifndef ZORVAC_TOOLS_ENCODE_H
 #define ZORVAC_TOOLS_ENCODE_H
-// From tables to a `.trace` section, and from a section to text.
+// Converts tables to a `.trace` section, and a section to text.
 #include <ostream>
 #include <vector>
 
@@ -9,11 +9,11 @@
 
 namespace zorvac::mktrace {
 
-// The section that says what the tables say, with names in one form.
+// Makes the section with the contents of the tables and the names in one form.
 std::vector<unsigned char> encode(const tables& t, name_form form);
 
-// Prints a section, one line for each record and row. Throws failure where it is not sound, with
-// all that is in front of that place printed.
+// Prints a section, one line for each record and row. Where the section is damaged, it throws a
+// failure, after it has printed all that is before that place.
 void dump(const std::vector<unsigned char>& section, std::ostream& out);
 
 }  // namespace zorvac::mktrace

@@ -1,6 +1,6 @@
 #ifndef ZORVAC_TOOLS_FAILURE_H
 #define ZORVAC_TOOLS_FAILURE_H
-// What ends the program, as its user is told it: "no debug information".
+// An error that ends the program. Its text is the message to the user, as "no debug information".
 #include <stdexcept>
 
 namespace zorvac::mktrace {

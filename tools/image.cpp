@@ -1,11 +1,11 @@
-// Reads and writes images. What is loaded when the program runs stays as it is, byte for byte and
-// in its place: the new section, the table of section names and the section headers go behind
-// everything else.
+// Reads and writes images. All that is loaded when the program runs keeps its bytes and its place:
+// the new section, the section names and the section headers are written after everything else.
 //
 //   | ELF header, segments, debug information ... | .trace | section names | section headers |
 //   0                                             content_end
 //
-// Written again, the three begin where they began before, so that the same file comes out.
+// When an image is written a second time, these three begin at the same place again, so the file
+// does not change.
 #include "image.h"
 
 #include <fcntl.h>
@@ -69,7 +69,7 @@ void check_contents(Elf* elf, std::size_t size) {
   }
 }
 
-// The section of the section names; throws failure.
+// The index of the section that holds the section names. Throws a failure.
 std::size_t names_index(Elf* elf) {
   std::size_t index = 0;
   if (elf_getshdrstrndx(elf, &index) != 0 || index == 0) throw failure{"no section names"};
@@ -87,13 +87,13 @@ Elf_Scn* find_trace(Elf* elf) {
   return nullptr;
 }
 
-// A file beside `target` that has its place once it is done, and is gone if it never is.
+// A file next to `target`. done() gives it the target's name; without that call it is deleted.
 class replacement {
  public:
   explicit replacement(std::string target) : target_{std::move(target)} {
     path_ = target_ + ".XXXXXX";
     file_ = mkostemp(path_.data(), O_CLOEXEC);
-    if (file_ < 0) throw system_failure("cannot write beside " + target_);
+    if (file_ < 0) throw system_failure("cannot create a file next to " + target_);
   }
   ~replacement() {
     close(file_);
@@ -104,7 +104,7 @@ class replacement {
 
   [[nodiscard]] int file() const { return file_; }
 
-  // Owner and group come before the mode, since a change of them takes set-user-ID away.
+  // Sets owner and group before the mode, because changing them clears the set-user-ID bit.
   void done(const struct stat& like) {
     if (fchown(file_, like.st_uid, like.st_gid) != 0 && like.st_uid != geteuid() &&
         (like.st_mode & (S_ISUID | S_ISGID)) != 0)
@@ -117,7 +117,8 @@ class replacement {
   }
 
  private:
-  // So that the new name, too, outlives a power failure. Not every file system can, or has to.
+  // Writes the folder to disk, so that the new name, too, survives a power failure. Errors are
+  // ignored: not every file system supports or needs this.
   void sync_folder() const {
     const std::filesystem::path folder = std::filesystem::path{target_}.parent_path() / ".";
     const int file = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -131,7 +132,7 @@ class replacement {
   bool done_ = false;
 };
 
-// The file that a path leads to, which need not be there yet.
+// The file that a path leads to. It need not exist.
 std::string resolve(const std::string& path) {
   std::filesystem::path real = path;
   for (int links = 0; std::filesystem::is_symlink(real); ++links) {
@@ -147,8 +148,8 @@ std::string resolve(const std::string& path) {
   return real;
 }
 
-// The file with another `.trace` section, in pieces. They are put together here and not by libelf,
-// so that everything in front of them is the old file's bytes and nothing else.
+// The image with a new `.trace` section, in pieces. They are joined here and not by libelf, so that
+// everything before them keeps the bytes of the old file.
 class edited_file {
  public:
   edited_file(Elf* elf, std::vector<unsigned char> section) : trace_{std::move(section)} {
@@ -158,7 +159,7 @@ class edited_file {
     read_sections(elf);
     content_.assign(bytes, content_end(elf));
     if (described_end() < size && !is_zero(bytes + described_end(), bytes + size))
-      throw failure{"has data behind its sections, which would be lost"};
+      throw failure{"has data after its last section, which would be lost"};
     lay_out(elf);
   }
 
@@ -185,7 +186,7 @@ class edited_file {
       throw failure{"its .trace section is loaded with the program and cannot be replaced"};
   }
 
-  // Where everything ends that stays in its place.
+  // The end of everything that keeps its place.
   [[nodiscard]] std::size_t content_end(Elf* elf) const {
     std::size_t end = sizeof header_, segments = 0;
     elf_getphdrnum(elf, &segments);
@@ -198,7 +199,7 @@ class edited_file {
     return end;
   }
 
-  // Where everything ends that the headers tell of.
+  // The end of everything that the headers describe.
   [[nodiscard]] std::size_t described_end() const {
     return std::max({content_.size(), header_.e_shoff + sections_.size() * sizeof sections_[0],
                      section_end(trace_index_), section_end(names_index_)});
@@ -231,13 +232,13 @@ class edited_file {
     names.sh_size = names_.size();
     while ((names.sh_offset + names_.size()) % alignof(Elf64_Shdr) != 0) names_ += '\0';
     header_.e_shoff = names.sh_offset + names_.size();
-    const bool fits_header = sections_.size() < SHN_LORESERVE;  // or else the first section has it
+    const bool fits_header = sections_.size() < SHN_LORESERVE;  // else section 0 has the number
     header_.e_shnum = fits_header ? static_cast<Elf64_Half>(sections_.size()) : Elf64_Half{0};
     sections_[0].sh_size = fits_header ? 0 : sections_.size();
     std::memcpy(content_.data(), &header_, sizeof header_);
   }
 
-  // Takes the section names over, with the new one added if it is not there yet.
+  // Copies the section names and adds the new one if it is missing. Returns its offset.
   std::size_t add_name(Elf* elf) {
     const Elf_Data* data = elf_rawdata(elf_getscn(elf, names_index_), nullptr);
     if (data == nullptr) throw elf_failure("cannot read the section names");
@@ -278,7 +279,7 @@ image::image(const std::string& path) {
   if (file < 0) throw system_failure("cannot read");
   elf_.reset(elf_begin(file, ELF_C_READ_MMAP_PRIVATE, nullptr));
   std::size_t size = 0;
-  const char* bytes = elf_rawfile(elf_.get(), &size);  // brings all of it into memory
+  const char* bytes = elf_rawfile(elf_.get(), &size);  // maps or reads the whole file
   if (elf_ != nullptr) elf_cntl(elf_.get(), ELF_C_FDDONE);
   close(file);
   if (bytes == nullptr) throw failure{"not an ELF file"};

@@ -10,8 +10,8 @@
 
 namespace zorvac::mktrace {
 
-// An image to be read. It is checked: an ELF file for this system, with all its headers and
-// sections inside of the file. Throws failure.
+// An image to read. The constructor checks that it is an ELF file for this system and that all its
+// headers and sections are inside the file; if not, it throws a failure.
 class image {
  public:
   explicit image(const std::string& path);
@@ -23,10 +23,10 @@ class image {
   std::unique_ptr<Elf, int (*)(Elf*)> elf_{nullptr, elf_end};
 };
 
-// Writes `input` with the given `.trace` section, in place of one that it may have, to `output`,
-// which may be the same file. A symbolic link is followed. The file is written beside the old one
-// and takes its place when it is whole; so nobody sees half of it, and whoever runs the old one
-// keeps it. Throws failure, and has then changed nothing.
+// Writes `input` with the given `.trace` section, which replaces an old one, to `output`, which may
+// be the same file. Follows a symbolic link. The new file is written next to the old one and
+// renamed when it is complete, so nobody sees a part of it, and a process that runs the old one
+// keeps it. On an error it throws a failure and has changed nothing.
 void write_with_trace(const std::string& input, std::vector<unsigned char> section,
                       const std::string& output);
 

@@ -1,8 +1,8 @@
-// Reads routines and lines from DWARF, and from the symbol table the routines that DWARF does not
-// know: assembler code, start-up files, languages compiled without debug information.
+// Reads routines and lines from DWARF. Routines that DWARF does not have (assembler code, start-up
+// files, sources compiled without debug information) come from the symbol table.
 //
-// A linker that discards a section leaves what described it pointing to address 0 or 1. So nothing
-// counts that does not begin in a section of code.
+// When a linker discards a section, the section's debug information stays, with addresses from 0 or
+// 1 on. So anything that does not begin in a section of code is ignored.
 #include "tables.h"
 
 #include <dwarf.h>
@@ -23,13 +23,13 @@ namespace zorvac::mktrace {
 namespace {
 
 constexpr char no_debug_information[] =
-    "no debug information (compile with -g; separate files of it are not read)";
+    "no debug information (compile with -g; separate debug files are not read)";
 
 struct address_range {
   std::uint64_t start, end;
 };
 
-// The sections of code of an image.
+// The sections of an image that hold code.
 class code_sections {
  public:
   explicit code_sections(Elf* elf) {
@@ -39,7 +39,7 @@ class code_sections {
         sections_.push_back({header.sh_addr, header.sh_addr + header.sh_size});
     }
   }
-  // The part of [start, end) that lies in the section of its start; empty where there is none.
+  // The part of [start, end) that lies in the section that holds `start`; empty if none holds it.
   [[nodiscard]] address_range clip(std::uint64_t start, std::uint64_t end) const {
     for (const address_range& section : sections_)
       if (section.start <= start && start < section.end) return {start, std::min(end, section.end)};
@@ -55,13 +55,13 @@ struct symbol {
   std::string name;
 };
 
-// Compilers append to the mangled name of a routine what they have made of it: `.constprop.0`.
+// Removes what compilers append to the mangled name of a clone, as in `.constprop.0`.
 std::string without_suffix(const std::string& symbol) {
   return symbol.starts_with("_Z") ? symbol.substr(0, symbol.find('.')) : symbol;
 }
 
-// The symbols that name code: all functions, and the global labels of assembler code that does not
-// say what they are.
+// The symbols that name code: all functions, and global labels without a type, as assembler code
+// has them.
 std::vector<symbol> read_symbols(Elf* elf) {
   Elf_Scn* table = nullptr;
   GElf_Shdr header;
@@ -85,8 +85,8 @@ std::vector<symbol> read_symbols(Elf* elf) {
   return symbols;
 }
 
-// Adds the routines of the symbol table that are not there yet. One without a size goes on to the
-// next routine; they are added from the last to the first, so that the next one is known.
+// Adds the routines of the symbol table that are missing. A routine without a size extends to the
+// next routine; these are added from the last to the first, so that the next one is known.
 void add_symbols(tables& t, std::vector<symbol> symbols, const code_sections& code) {
   for (const symbol& s : symbols) {
     const address_range range = code.clip(s.start, s.start + s.size);
@@ -101,8 +101,8 @@ void add_symbols(tables& t, std::vector<symbol> symbols, const code_sections& co
   }
 }
 
-// Sections that are compressed, which libdw reads nothing from, and is silent about, where it
-// cannot expand them.
+// Decompresses the sections of debug information. If libdw cannot decompress one itself, it reads
+// nothing from it and reports no error.
 void expand_sections(Elf* elf) {
   std::size_t names = 0;
   elf_getshdrstrndx(elf, &names);
@@ -113,19 +113,19 @@ void expand_sections(Elf* elf) {
     const char* name = elf_strptr(elf, names, header.sh_name);
     if (name != nullptr && std::string_view{name}.starts_with(".debug") &&
         elf_compress(section, 0, 0) < 0)
-      throw failure{"cannot expand " + std::string{name} + ": " + elf_errmsg(-1)};
+      throw failure{"cannot decompress " + std::string{name} + ": " + elf_errmsg(-1)};
   }
 }
 
-// The entries of a unit in the order of the file, whatever they lie in. To ask for the sibling of
-// an entry would lead through everything in it once more; so the way back up goes from the last
-// child, behind which its parent ends, too.
+// Goes through all entries of a unit, at any depth, in the order of the file. It never asks libdw
+// for the sibling of an entry with children: that would read all of them again. Instead it
+// continues from the last child, because the sibling of its parent follows it in the file.
 class entry_walk {
  public:
   explicit entry_walk(const Dwarf_Die& unit) : entry_{unit} {}
 
   [[nodiscard]] Dwarf_Die& entry() { return entry_; }
-  // False behind the last one, and where the next one cannot be found.
+  // False after the last one, and where the next one cannot be found.
   bool next() {
     Dwarf_Die following;
     if (dwarf_child(&entry_, &following) == 0) {
@@ -141,8 +141,8 @@ class entry_walk {
   [[nodiscard]] bool is_sound() const { return is_sound_; }
 
  private:
-  // From a place behind the last child of an entry: a null entry there, of one byte, ends each of
-  // the entries that end there. Changes `place` to the entry behind them.
+  // `place` is after the last child of an entry. Each list of children ends with a null entry of
+  // one byte. Moves `place` past those null entries to the next entry.
   bool climb(Dwarf_Die& place) {
     Dwarf* const dwarf = dwarf_cu_getdwarf(entry_.cu);
     for (auto* at = static_cast<unsigned char*>(place.addr); depth_ > 0; --depth_, ++at) {
@@ -174,7 +174,7 @@ class dwarf_reader {
     int status = 0;
     while ((status = dwarf_get_units(dwarf, unit, &unit, nullptr, &type, &top, &split)) == 0) {
       found = true;
-      // Of a unit whose routines are in a file of its own, the lines are here nevertheless.
+      // Even if the routines of a unit are in a separate file, its lines are in this one.
       add_routines(split.cu == nullptr ? top : split);
       add_lines(top);
       if (type == DW_UT_skeleton && split.cu == nullptr) add_missing(top);
@@ -200,9 +200,9 @@ class dwarf_reader {
     return ranges;
   }
 
-  // The name that a linker sees, which is unique, and which tools turn into that of the source. The
-  // debug information may lack it, or name what the variants of a C++ constructor have in common;
-  // so the symbol table goes before, but for the clones that a compiler makes of a C routine.
+  // The linker's name, which is unique, and which tools can convert to the name in the source. The
+  // debug information may lack it, or have one name for all variants of a C++ constructor. So the
+  // symbol table is used first, except for the clones that a compiler makes of a C routine.
   std::string name_of(Dwarf_Die& entry, const std::vector<address_range>& ranges) const {
     for (const address_range range : ranges) {
       const auto known = symbol_of_.find({range.start, range.end - range.start});
@@ -216,13 +216,13 @@ class dwarf_reader {
     return name == nullptr ? "" : name;
   }
 
-  // Routines can be inside of anything: namespaces, other routines, classes of a routine.
+  // Routines can be inside anything: namespaces, other routines, classes of a routine.
   void add_routines(const Dwarf_Die& unit) {
     entry_walk walk{unit};
     while (walk.next()) {
       if (dwarf_tag(&walk.entry()) != DW_TAG_subprogram) continue;
       const std::vector<address_range> ranges = ranges_of(walk.entry());
-      if (ranges.empty()) continue;  // declared only, or inlined wherever it is called
+      if (ranges.empty()) continue;  // only declared, or inlined everywhere
       const std::string name = name_of(walk.entry(), ranges);
       if (name.empty()) continue;
       for (const address_range range : ranges) tables_.routines.add(range.start, range.end, name);
@@ -230,8 +230,8 @@ class dwarf_reader {
     if (!walk.is_sound()) error_ = dwarf_errno();
   }
 
-  // Adds the rows of a unit that are about its own code: in the line table, too, are those of
-  // discarded sections.
+  // Adds the rows of a unit that are about its own code. The line table also has rows of discarded
+  // sections.
   void add_lines(Dwarf_Die& unit) {
     Dwarf_Lines* lines = nullptr;
     std::size_t count = 0;
@@ -240,7 +240,7 @@ class dwarf_reader {
     std::vector<address_range> own = ranges_of(unit);
     std::sort(own.begin(), own.end(),
               [](address_range a, address_range b) { return a.start < b.start; });
-    auto range = own.begin();  // both go up
+    auto range = own.begin();  // the ranges and the rows are in ascending order
     for (std::size_t i = 0; i < count; ++i) {
       Dwarf_Line* line = dwarf_onesrcline(lines, i);
       Dwarf_Addr address = 0;
@@ -262,7 +262,7 @@ class dwarf_reader {
   std::size_t file_of(Dwarf_Line* line) {
     const char* path = dwarf_linesrc(line, nullptr, nullptr);
     if (path == nullptr) return no_file;
-    if (path == last_path_) return last_file_;  // a file of a unit has one text in libdw
+    if (path == last_path_) return last_file_;  // libdw has one string for each file of a unit
     std::string full = joined(folder_, path);
     const auto [known, is_new] = file_indices_.try_emplace(full, tables_.files.size());
     if (is_new) tables_.files.push_back(std::move(full));
@@ -280,7 +280,7 @@ class dwarf_reader {
     return path.starts_with('/') || folder.empty() ? path : folder + "/" + path;
   }
 
-  // A unit with only a name of the file that has its routines.
+  // Notes a unit whose routines are in a file that cannot be read.
   void add_missing(Dwarf_Die& unit) {
     std::string name = text_of(unit, DW_AT_dwo_name);
     if (name.empty()) name = text_of(unit, DW_AT_GNU_dwo_name);
@@ -298,16 +298,17 @@ class dwarf_reader {
   const code_sections& code_;
   std::map<std::pair<std::uint64_t, std::uint64_t>, std::string> symbol_of_;  // by start and size
   std::unordered_map<std::string, std::size_t> file_indices_;
-  std::string folder_;  // that the compiler of the unit ran in
+  std::string folder_;  // in which the compiler of the unit ran
   const char* last_path_ = nullptr;
   std::size_t last_file_ = no_file;
   std::size_t missing_ = 0;    // units whose routines are in a file that cannot be read
-  std::string first_missing_;  // such a file
+  std::string first_missing_;  // the first of these files
   int error_ = 0;              // of a unit that cannot be read to its end
 };
 
-// Puts the rows in order and leaves one for each address. Where several rows of a line table have
-// one address, the last is about the code there; where code ends, what begins there goes before.
+// Sorts the rows and keeps one for each address. Where a line table has several rows for an
+// address, the last one describes the code there. A row for code that begins at an address is
+// preferred to one for code that ends there.
 void order(std::vector<row>& rows) {
   std::stable_sort(rows.begin(), rows.end(), [](const row& a, const row& b) {
     return a.address != b.address ? a.address < b.address : a.ends && !b.ends;
@@ -322,8 +323,8 @@ void order(std::vector<row>& rows) {
 
 }  // namespace
 
-// A step either fills a gap or passes over all that is taken up to the next one: ranges that
-// overlap without end cost no more than others.
+// Each step either fills a gap or skips everything taken up to the next gap, so many overlapping
+// ranges cost no more than others.
 void routine_map::add(std::uint64_t start, std::uint64_t end, const std::string& name) {
   constexpr std::uint64_t longest = std::numeric_limits<std::uint32_t>::max();
   while (start < end) {

@@ -1,7 +1,7 @@
 #ifndef ZORVAC_TOOLS_TABLES_H
 #define ZORVAC_TOOLS_TABLES_H
-// What a `.trace` section says, as tables: which routine, source file and line each address of an
-// image belongs to.
+// The contents of a `.trace` section as tables: the routine, source file and line of each address
+// of an image.
 #include <libelf.h>
 
 #include <cstddef>
@@ -12,18 +12,19 @@
 
 namespace zorvac::mktrace {
 
-// Address ranges and the routines that they belong to. No two overlap: where sources of knowledge
-// contradict each other, or code that is the same has been folded, what was added first stands.
+// Address ranges and the routines that they belong to. No two ranges overlap. Where two routines
+// claim an address (the symbol table contradicts the debug information, or the linker merged two
+// routines with the same code), the routine that was added first keeps it.
 class routine_map {
  public:
   struct range {
     std::uint64_t end;
     std::string name;
   };
-  // Gives [start, end), where it is still free, to a routine. What is longer than a record can say
+  // Gives the free parts of [start, end) to a routine. A part whose length does not fit in a record
   // becomes several ranges.
   void add(std::uint64_t start, std::uint64_t end, const std::string& name);
-  // The start of the first range behind `address`, or the highest address.
+  // The start of the first range after `address`, or the highest address.
   [[nodiscard]] std::uint64_t next_start(std::uint64_t address) const;
   [[nodiscard]] const std::map<std::uint64_t, range>& by_start() const { return ranges_; }
 
@@ -31,23 +32,23 @@ class routine_map {
   void take(std::uint64_t start, std::uint64_t end);
 
   std::map<std::uint64_t, range> ranges_;
-  std::map<std::uint64_t, std::uint64_t> taken_;  // from start to end: the ranges that touch as one
+  std::map<std::uint64_t, std::uint64_t> taken_;  // start to end; adjacent ranges are one entry
 };
 
 // The source position of the code from an address to the next row's.
 struct row {
   std::uint64_t address;
   std::size_t file;    // index into the files, or no_file
-  std::uint32_t line;  // or 0
-  bool ends;           // code ends here, and what begins here has a row of its own, if any
+  std::uint32_t line;  // 0: not known
+  bool ends;           // code ends here; code that begins here has a row of its own
 };
 inline constexpr std::size_t no_file = static_cast<std::size_t>(-1);
 
 struct tables {
   routine_map routines;
-  std::vector<row> rows;  // in order of address, one for each
+  std::vector<row> rows;  // in order of address, at most one for each address
   std::vector<std::string> files;
-  std::vector<std::string> notes;  // to the user: what is missing, and why
+  std::vector<std::string> notes;  // messages to the user: what is missing, and why
 };
 
 // Reads the debug information and the symbol table of an image. Throws failure.

@@ -21,11 +21,11 @@ constexpr char help[] =
     R"(Usage: zorvac-mktrace [--demangle[=FORM]] [-o FILE] IMAGE
        zorvac-mktrace --dump IMAGE
 
-Reads the debug information of an executable or shared object and writes its .trace section, from
-which a traceback has the routine, source file and line of each frame.
+Reads the debug information of an executable or shared object and writes its .trace section. A
+traceback takes the routine, source file and line of each frame from there.
 
-  -o FILE           write to FILE and leave IMAGE as it is
-  --demangle        write the names of C++ routines as their source has them
+  -o FILE           write to FILE and leave IMAGE unchanged
+  --demangle        write the names of C++ routines as in their source
   --demangle=short  write only the last component of these names
   --dump            print the .trace section of IMAGE as text
   --help            print this text
@@ -74,7 +74,7 @@ int run(const arguments& a) {
   }
 }
 
-// What --demangle asks for; nothing where there is no such form.
+// The form that --demangle asks for; nothing where there is no such form.
 std::optional<name_form> form_of(const char* text) {
   const std::string_view form = text == nullptr ? "full" : text;
   if (form == "full") return name_form::full;
@@ -116,7 +116,7 @@ int main(int argc, char** argv) {
       case version_option:
         std::cout << "zorvac-mktrace " ZORVAC_VERSION "\n";
         return success;
-      default:  // getopt has said what is wrong
+      default:  // getopt has printed what is wrong
         return misuse();
     }
   }

@@ -12,7 +12,7 @@
  *  No element is ever conjugated. C(i,j) is c[i + j * ldc] whatever the storage of A and B.
  *
  *  For every routine of the matrix products:
- *    extents    0 included: nothing is read or written then, except that a product of no terms is 0
+ *    extents    may be 0: then nothing is read or written, except that a product of no terms is 0
  *    alignment  that of the element's parts, unless stated
  *    overlap    C overlaps neither A nor B; A and B may overlap
  *    memory     reads and writes elements of the operands only, never what lies between columns
@@ -34,12 +34,12 @@ extern "C" {
  *
  *  The order of the extents is M, K, N here; the kernels further down take M, N, K.
  *
- *  Each goes on, by the feature indicator (zorvac/cpu.h), to one of its exported variants, named
- *  after it with a suffix and of the same arguments:
+ *  Each jumps to one of its exported variants, which the feature indicator (zorvac/cpu.h) chooses.
+ *  A variant has the same arguments, and the same name with a suffix:
  *    .J  r8 only, SSE2: the blocked kernel of the same storage
  *    .A  any processor: clears C, then the general kernel of the same type and storage
- *  What was in C does not matter, NaN included. Only .J allocates memory (malloc, released before
- *  the return; without memory it works like .A). */
+ *  The old contents of C do not matter, not even NaNs. Only .J allocates memory: malloc, freed
+ *  before the return; without memory it works like .A. */
 #define ZORVAC_MATMUL_ENTRY(name)                                                      \
   void name(const void* a, const void* b, void* c, uint64_t m, uint64_t k, uint64_t n, \
             uint64_t lda, uint64_t ldb, uint64_t ldc);
@@ -61,8 +61,8 @@ ZORVAC_MATMUL_ENTRY(_MATMUL_c8_t_n)
 ZORVAC_MATMUL_ENTRY(_MATMUL_c8_t_t)
 #undef ZORVAC_MATMUL_ENTRY
 
-/** Clears m rows of n columns of C, column by column: +0, both parts of a complex element. They
- *  serve every storage of A and B. C may have any alignment. */
+/** Write +0 to m rows of n columns of C (to both parts of a complex element), column by column.
+ *  They serve every storage of A and B. C may have any alignment. */
 void _MATMUL_r4_n_n_pst_init(void* c, uint64_t m, uint64_t n, uint64_t ldc);
 void _MATMUL_r8_n_n_pst_init(void* c, uint64_t m, uint64_t n, uint64_t ldc);
 void _MATMUL_c4_n_n_pst_init(void* c, uint64_t m, uint64_t n, uint64_t ldc);
@@ -70,7 +70,7 @@ void _MATMUL_c8_n_n_pst_init(void* c, uint64_t m, uint64_t n, uint64_t ldc);
 
 /** General kernels: C := C + A B, any extents. The order of the extents is M, N, K.
  *
- *  They choose among forms for different processors, all of the same bits, but for complex
+ *  They choose among forms for different processors. All forms give the same bits, but for complex
  *  products in the rounding modes up and down: without SSE3 a product of imaginary parts is negated
  *  before it is rounded, with SSE3 after that. The complex kernels run feature detection when it
  *  has not run yet. */
@@ -96,20 +96,20 @@ ZORVAC_MATMUL_KERNEL(_MATMUL_c8_t_t_pst_General)
 
 /** Blocked kernels for binary64: C := A B. The order of the extents is M, N, K.
  *
- *  From 34 rows, 38 columns and 38 terms on they pack blocks of A and B into one buffer from
- *  malloc; smaller products, and those without a buffer, clear C and call the general kernel. Need
- *  SSE3. */
+ *  With at least 34 rows, 38 columns and 38 terms they pack blocks of A and B into one buffer from
+ *  malloc. For smaller products, and where malloc gives null, they clear C and call the general
+ *  kernel. They need SSE3. */
 ZORVAC_MATMUL_KERNEL(_MATMUL_r8_n_n_XK64w)
 ZORVAC_MATMUL_KERNEL(_MATMUL_r8_n_t_XK64w)
 ZORVAC_MATMUL_KERNEL(_MATMUL_r8_t_n_XK64w)
 ZORVAC_MATMUL_KERNEL(_MATMUL_r8_t_t_XK64w)
 #undef ZORVAC_MATMUL_KERNEL
 
-/** One column of a binary64 product: c[0..m) := A b. The letters are the storage of A and B; the
- *  extents come in the order that the storage of A suggests.
+/** One column of a binary64 product: c[0..m) := A b. The letters are the storage of A and B. The
+ *  extents are the rows and the columns of A as it is stored.
  *
- *  b        column j of B (n), contiguous; or, with ldb, the j-th element of the first stored
- *           column (t): element k is b[k * ldb] */
+ *  b  the elements of the column: b[k] where B is stored as used (n), b[k * ldb] where its
+ *     transpose is stored (t) */
 void MATMUL_v_nn_pst(const double* a, const double* b, double* c, uint64_t m, uint64_t k,
                      uint64_t lda);
 void MATMUL_v_tn_pst(const double* a, const double* b, double* c, uint64_t k, uint64_t m,
@@ -120,33 +120,34 @@ void MATMUL_v_tt_pst(const double* a, const double* b, double* c, uint64_t k, ui
                      uint64_t lda, uint64_t ldb);
 
 /** Copy a block of A into packed panels of 4 rows: panel by panel, for each k in order, the 4
- *  values A(i..i+3, k). Stored as is (an) or transposed (at).
+ *  values A(i..i+3, k). A is stored as used (an), or its transpose is stored (at).
  *
  *  rows    rounded down to a multiple of 4
- *  k       columns; each panel is filled up to a multiple of 4 of them with zeros
- *  packed  [out] rows * (k rounded up to 4) elements */
+ *  k       columns; zeros extend each panel to a multiple of 4 columns
+ *  packed  [out] rows * (k rounded up to a multiple of 4) elements */
 void __zorva_dgcopyan_xk64w(uint64_t rows, uint64_t k, const double* a, uint64_t lda,
                             double* packed);
 void __zorva_dgcopyat_xk64w(uint64_t rows, uint64_t k, const double* a, uint64_t lda,
                             double* packed);
 
 /** Copy a block of B into packed panels of 4 columns: panel by panel, for each k in order, the 4
- *  values B(k, j..j+3), and zero rows up to a multiple of 4. columns is rounded down likewise. */
+ *  values B(k, j..j+3), then zeros up to a multiple of 4 rows. `columns` is rounded down to a
+ *  multiple of 4. */
 void __zorva_dgcopybn_psc(uint64_t k, uint64_t columns, const double* b, uint64_t ldb,
                           double* packed);
 void __zorva_dgcopybt_psc(uint64_t k, uint64_t columns, const double* b, uint64_t ldb,
                           double* packed);
 
-/** Inner kernels of the blocked products, on packed operands aligned to 16 bytes; m, n and k are
- *  multiples of 4. Each element of C gets a sum that starts from zero and takes the products in the
- *  order of k.
+/** Inner kernels of the blocked products, on packed operands aligned to 16 bytes. m, n and k are
+ *  multiples of 4. Need SSE3. For each element of C a sum starts from zero and takes the products
+ *  in the order of k.
  *    __zorva_dinnerz_roll_xk64w  C := the sum; C is not read
- *    __zorva_dinner_xk64w        C := C + the sum; k is 112 whatever the third argument says
+ *    __zorva_dinner_xk64w        C := C + the sum; k is 112, and the third argument is not read
  *
  *  strip            [out] scratch for 4 columns of B, each element twice: 8 * k elements, aligned
  *                   to 16 bytes
  *  c                first element of the block
- *  block, two_zeros not read: the address of the constant 112, and of 16 zero bytes. Need SSE3. */
+ *  block, two_zeros not read: the address of the constant 112, and of 16 zero bytes */
 void __zorva_dinnerz_roll_xk64w(const uint64_t* m, const uint64_t* n, const uint64_t* k,
                                 const double* packed_a, const double* packed_b,
                                 const uint64_t* block, double* c, const uint64_t* ldc,
@@ -159,9 +160,9 @@ void __zorva_dinner_xk64w(const uint64_t* m, const uint64_t* n, const uint64_t* 
  *  private arrays: it initialises them with the operator's identity and folds them into the target
  *  at the end.
  *
- *  Type codes: 1 to 8 integers (unsigned and signed by turns, 8 to 64 bits), 9 binary32,
- *  10 binary64, 13 binary128, 20, 21 and 23 complex of these three (real part first). Operators, as
- *  finalisation applies them to the target t and the partial p, and their identities:
+ *  Type codes: 1 to 8 integers (odd codes unsigned, even codes signed; two each of 8, 16, 32 and 64
+ *  bits), 9 binary32, 10 binary64, 13 binary128; 20, 21 and 23 complex of these three (real part
+ *  first). Operators on the target t and the partial p, and their identities:
  *     1  t + p    0            8  t AND p   all bits set
  *     2  t * p    1            9  t OR p    0
  *     3  t - p    0           10  t XOR p   0
@@ -169,25 +170,25 @@ void __zorva_dinner_xk64w(const uint64_t* m, const uint64_t* n, const uint64_t* 
  *     5  minimum  the greatest 12  t = p     1
  *     6  t AND p  1           13  t <> p    0
  *     7  t OR p   0
- *  6 and 7 work on bits and rely on logical values being 0 and 1; least and greatest are finite.
+ *  6 and 7 work on bits, so logical values must be 0 and 1. Least and greatest are finite.
  *  Integers take all operators, real types 1 to 5, complex types 1 to 3.
  *
  *  Elements may have any alignment. Threads: re-entrant. Registers: System V AMD64. */
 
 /** Writes the identity of an operator into count consecutive elements.
  *
- *  Errors: abort() for a type or operator that does not exist, or not for this type. Operator 0
- *          with type 1 is accepted: it fills with the low byte of the count. */
+ *  Errors: abort() for a type that does not exist and for an operator that the type does not take.
+ *          Operator 0 with type 1 is accepted: it fills with the low byte of the count. */
 void __zorva_reduction_init_array(void* target, uint64_t count, uint32_t operator_code,
                                   uint32_t type_code);
 
 /** Combines element i of target with element i * stride of partial, for i from 0 to count - 1.
  *
- *  stride   elements, negative too; 1 unless strided is not zero. For sums and differences of
- *           complex types it counts parts: part k of the target meets part k * stride. Complex
- *           products ignore it.
- *  Maximum, minimum: the partial's value where either is a NaN, or both are equal (zeros of either
- *           sign included).
+ *  stride   counts elements, and may be negative; where `strided` is zero, 1 is used instead. For
+ *           sums and differences of complex types it counts parts: part k of the target meets part
+ *           k * stride. Complex products ignore it.
+ *  Maximum, minimum: the partial's value where both are equal (zeros of either sign included).
+ *           Where either is a NaN: the partial's value, but in binary128 the target's.
  *  Complex products: binary32 t * p; binary64 p * p; binary128 (tr + i pi) * p.
  *  Errors:  abort() for a type that does not exist and for an operator that a real or complex type
  *           does not take; an operator that an integer type does not take changes nothing. */

@@ -1,6 +1,6 @@
 #ifndef ZORVAC_ARRAY_CLEAR_H
 #define ZORVAC_ARRAY_CLEAR_H
-// Clearing a block of C, column by column, with stores of 16 bytes at boundaries of 16 bytes.
+// Clears a block of C, column by column, with aligned stores of 16 bytes.
 #include <emmintrin.h>
 
 #include <cstddef>
@@ -15,8 +15,9 @@ void clear_word(void* p) {
   *static_cast<anywhere*>(p) = 0;
 }
 
-// A column of `rows` elements of the size of Word: singly up to a boundary, 8 at a time, the tail
-// by 16 bytes and singly. A short column, and one that never meets a boundary, goes singly.
+// Clears a column of `rows` elements of the size of Word: one by one up to a 16-byte boundary, then
+// 8 at a time, and the tail by 16 bytes and one by one. A short column, and one whose elements
+// never meet a boundary, is cleared one by one.
 template <class Word>
 void clear_column(void* column, std::size_t rows) {
   constexpr std::size_t size = sizeof(Word), boundary = sizeof(__m128i);
@@ -35,7 +36,7 @@ void clear_column(void* column, std::size_t rows) {
   for (; rows != 0; --rows, p += size) clear_word<Word>(p);
 }
 
-// A column of elements of 16 bytes, two at a time, at any alignment.
+// Clears a column of elements of 16 bytes, two at a time, at any alignment.
 template <>
 [[maybe_unused]] void clear_column<__m128i>(void* column, std::size_t rows) {
   auto* p = static_cast<__m128i*>(column);

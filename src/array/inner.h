@@ -2,11 +2,14 @@
 #define ZORVAC_ARRAY_INNER_H
 // The inner kernels of the blocked products, on packed operands.
 //
-// A comes in panels of 4 rows, B in panels of 4 columns, each with the 4 values of one k side by
-// side. For pairs, a panel of B is first spread over a strip in which each value stands twice, so
-// that a pair of rows meets it with one aligned load; then the panels of A go by. Wide registers
-// spread a value while they load it and need no strip: they take several panels of A together,
-// which stay in the first-level cache while a group of panels of B goes by.
+// A comes in panels of 4 rows, B in panels of 4 columns. In a panel the 4 values of one k lie side
+// by side.
+//
+// The form with pairs first copies a panel of B to a strip that holds each value twice: one aligned
+// load then gives the factor for a pair of rows. Each panel of A is multiplied with the strip.
+//
+// Wide registers spread a value while they load it, and need no strip. These forms take several
+// panels of A together, which stay in the first-level cache while they meet a group of panels of B.
 #include <pmmintrin.h>
 
 #include "array/tile.h"
@@ -18,11 +21,11 @@ inline constexpr std::size_t panel_extent = 4;       // rows of A, columns of B
 inline constexpr std::size_t full_block = 112;       // terms
 inline constexpr std::size_t columns_together = 64;  // without a strip: 56 KB of packed B
 
-// Whether a level reads B from the strip, or from the panels themselves.
+// True: the level reads B from the strip. False: from the panels themselves.
 template <class V>
 inline constexpr bool has_strip = V::width == 2;
 
-// Rows of packed A: register R of the tile. A pair is half a panel, 4 doubles are a panel.
+// Loads register R of the tile's rows from packed A. A pair is half a panel, 4 doubles are a panel.
 template <class V>
 struct packed_rows {
   const double* p;
@@ -39,7 +42,7 @@ struct packed_rows {
   ZORVAC_INLINE void step() { p += panel_extent; }
 };
 
-// Columns of one panel of B, or of the strip.
+// Loads the factor of column J from a panel of B or from the strip.
 template <class V>
 struct packed_columns {
   static constexpr std::size_t times = has_strip<V> ? 2 : 1;
@@ -64,7 +67,7 @@ struct inner_block {
   bool accumulate;  // add to C rather than overwrite it
 };
 
-// `Rows` registers of rows, from row i on, times the panel of B at column j.
+// Multiplies `Rows` registers of rows, from row i on, with the panel of B at column j.
 template <class V, int Rows, int Terms>
 ZORVAC_INLINE inline void inner_tile(const inner_block& w, std::size_t i, std::size_t j) {
   constexpr std::size_t rows = Rows * V::width;
@@ -101,15 +104,15 @@ template <class V, int Rows, int Terms>
   }
 }
 
-// A value of B twice, by MOVDDUP.
+// Copies every value of a panel of B twice to the strip, by MOVDDUP.
 ZORVAC_INLINE inline void fill_strip(double* strip, const double* b, std::size_t terms) {
   for (const double* const end = b + terms * panel_extent; b != end; b += 4, strip += 8)
     repeat<4>([&]<std::size_t J>()
                   ZORVAC_INLINE { _mm_store_pd(strip + 2 * J, _mm_loaddup_pd(b + J)); });
 }
 
-// With tiles of at most `Rows` registers, and a loop of `Terms` terms a step: 1 or 2, whichever
-// leaves the compiler all sums in their registers.
+// Tiles have at most `Rows` registers of rows. A step of the loop does `Terms` terms: 1 or 2,
+// whichever lets the compiler keep all sums in registers.
 template <class V, int Rows, int Terms>
 ZORVAC_INLINE inline void inner(const std::uint64_t* m, const std::uint64_t* n, std::size_t terms,
                                 const double* a, const double* b, double* c,
@@ -129,7 +132,8 @@ ZORVAC_INLINE inline void inner(const std::uint64_t* m, const std::uint64_t* n, 
 }  // namespace
 }  // namespace zorvac::array
 
-// Defines the two inner kernels in one form: ZORVAC_INNER_KERNELS(V, real<avx2, double>, 2, 2).
+// Defines the two inner kernels in one form, for example
+// ZORVAC_INNER_KERNELS(V, real<avx2, double>, 2, 2).
 #define ZORVAC_INNER_KERNELS(form, ...)                                                          \
   extern "C" {                                                                                   \
   void inner_roll_##form(const std::uint64_t*, const std::uint64_t*, const std::uint64_t*,       \

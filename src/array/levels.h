@@ -2,11 +2,12 @@
 #define ZORVAC_ARRAY_LEVELS_H
 // The registers that matrix products are computed in, level by level, with one interface.
 //
-// At the end of a column fewer elements may be left than fit a register. The lanes without an
-// element of their own then repeat the first one: they compute what its lane computes, so that no
-// exception flag is raised that the product of the matrices would not raise. They are never stored.
+// The last elements of a column may not fill a register. The lanes without an element of their own
+// then repeat the first element. They compute the same values as its lane, so they raise no
+// exception flag that the matrix product itself does not raise. They are never stored.
 //
-// Everything in here has internal linkage: a source compiled for AVX keeps what it instantiates.
+// Everything in here has internal linkage, so that no other source can get a copy that was compiled
+// for AVX.
 #include <immintrin.h>
 
 #include <cstddef>
@@ -25,9 +26,9 @@ struct vector {
   static void store(void* p, reg v) { *static_cast<anywhere*>(p) = v; }
 };
 
-// Has the value in a register, here and now. What compilers do otherwise costs these loops half of
-// their speed: finish one sum over several terms before they turn to the next, and run out of
-// registers; or load an operand again at each of its uses.
+// Makes the compiler have the value in a register at this point. Without it, compilers finish one
+// sum over several terms before they start the next, and run out of registers; or they load an
+// operand again at each use. Either costs these loops half of their speed.
 template <class Reg>
 [[gnu::always_inline]] inline void hold(Reg& x) {
   asm volatile("" : "+v"(x));
@@ -44,17 +45,18 @@ void store_word(void* p, Word word) {
   *static_cast<anywhere*>(p) = word;
 }
 
-// What a level is:
-//   bytes                in a register
-//   tile_registers       of rows in a tile of C, for real and for complex elements: as many as
-//                        leave the accumulators, four columns of them, and what feeds them in
+// A level has these members:
+//   bytes                the size of a register
+//   ..._tile_registers   registers of rows in a tile of C, for real and for complex elements: as
+//                        many as still leave the sums of four columns, the rows and a factor in
 //                        registers
 //   part<ElementBytes>   loads and stores the first few elements of a register
-//   has_masks            it does so in one instruction each
-//   spread               every lane the same
-//   turned, plus_turned  the pair (ar, ai) turned for the product with i, and the sum of a product
-//                        with a pair and a product with a turned pair. The sign of ai is flipped in
-//                        the one or, where an instruction does it on the way, in the other
+//   has_masks            `part` needs one masked instruction for a load, and one for a store
+//   spread               puts one value into every lane
+//   turned               exchanges the two parts of each complex number, for its product with i
+//   plus_turned          adds x, a product with the pairs, and y, a product with the turned pairs.
+//                        i times (ar, ai) is (-ai, ar): `turned` flips the sign of ai, unless the
+//                        level has an instruction that lets `plus_turned` do it
 
 // Plain x86-64.
 struct sse2 {
@@ -67,7 +69,7 @@ struct sse2 {
     using word = std::conditional_t<ElementBytes == 4, std::uint32_t, std::uint64_t>;
     using reg = typename vector<word, bytes>::reg;
     static constexpr std::size_t words = bytes / sizeof(word);
-    std::size_t count;  // words; an element of 16 bytes is never a part
+    std::size_t count;  // words; an element of 16 bytes always fills the register
 
     explicit part(std::size_t elements) : count(elements) {}
     [[nodiscard]] reg load(const void* p) const {
@@ -142,7 +144,8 @@ struct avx2 {
 #endif
 
 #ifdef __AVX512VL__
-// The same width, which was measured to be the fastest, with masks and twice as many registers.
+// The same width, which was measured to be the fastest, with mask registers and twice as many
+// vector registers.
 struct avx512 : avx2 {
   static constexpr int real_tile_registers = 4, complex_tile_registers = 2;
 
@@ -160,8 +163,8 @@ struct avx512 : avx2 {
 };
 #endif
 
-// The element types over a level: an operand of A, several rows in a register; a factor of B; and
-// their product.
+// An element type over a level. It defines an operand of A (several rows in a register), a factor
+// of B (one element, spread over all lanes), and their product.
 template <class Level, class Scalar>
 struct real {
   using level = Level;

@@ -4,7 +4,7 @@
 // kernels take n before k.
 #include "core/dispatch.inc"
 
-// Defines the variant `name`: the fifth and sixth argument change places, the rest goes on.
+// Defines the variant `name`: exchanges the fifth and the sixth argument and jumps to the kernel.
 .macro forward_to_blocked name, kernel
   open \name
   xchg %r8, %r9
@@ -12,19 +12,19 @@
   close
 .endm
 
-// Defines the variant `name`: clears m rows and n columns of c, then as above.
+// Defines the variant `name`: clears m rows and n columns of c, then does the same.
 .macro clear_and_forward name, clearing, kernel
   open \name
   .irp argument, %rdi, %rsi, %rdx, %rcx, %r8, %r9
   push \argument
   .cfi_adjust_cfa_offset 8
   .endr
-  sub $8, %rsp  // a call wants the stack aligned to 16 bytes
+  sub $8, %rsp  // a call needs the stack aligned to 16 bytes
   .cfi_adjust_cfa_offset 8
   mov %rdx, %rdi
   mov %rcx, %rsi
   mov %r9, %rdx
-  mov 80(%rsp), %rcx  // ldc, above 7 words, the return address, lda and ldb
+  mov 80(%rsp), %rcx  // ldc, which is above 7 words, the return address, lda and ldb
   call *\clearing@GOTPCREL(%rip)
   add $8, %rsp
   .cfi_adjust_cfa_offset -8

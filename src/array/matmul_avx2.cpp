@@ -1,4 +1,4 @@
-// The matrix kernels with 4 doubles to a register.
+// The matrix kernels for AVX2: 4 doubles in a register.
 #include "array/inner.h"
 #include "array/matmul_column.h"
 #include "array/matmul_general.h"

@@ -1,4 +1,4 @@
-// The matrix kernels with 4 doubles to a register, 32 registers and masks.
+// The matrix kernels for AVX-512: 4 doubles in a register, 32 registers, and masks.
 #include "array/inner.h"
 #include "array/matmul_column.h"
 #include "array/matmul_general.h"

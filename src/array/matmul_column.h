@@ -1,7 +1,7 @@
 #ifndef ZORVAC_ARRAY_MATMUL_COLUMN_H
 #define ZORVAC_ARRAY_MATMUL_COLUMN_H
-// The matrix-vector routines, which compute one column of a binary64 product: cleared, then added
-// to as the general kernel of the same storage adds to a C of one column.
+// The matrix-vector routines compute one column of a binary64 product. They clear it, and then use
+// the general kernel of the same storage on a C of one column.
 #include "array/clear.h"
 #include "array/matmul_general.h"
 
@@ -18,8 +18,8 @@ void column(const double* a, const double* b, double* c, std::size_t m, std::siz
 }  // namespace
 }  // namespace zorvac::array
 
-// Defines the four routines in one form. They take the extents of A as it is stored, and no leading
-// dimension for a vector that is contiguous.
+// Defines the four routines in one form. They take the extents of A as A is stored. A contiguous
+// vector has no leading dimension.
 #define ZORVAC_COLUMN_KERNELS(form, ...)                                                           \
   extern "C" {                                                                                     \
   void column_nn_##form(const double*, const double*, double*, std::size_t, std::size_t,           \

@@ -1,5 +1,6 @@
-// Which form of a matrix kernel runs. The forms give the same bits; only the complex kernels
-// promise to detect the processor where nobody has yet.
+// Chooses the form of a matrix kernel. All forms give the same bits, but for complex products that
+// are rounded up or down (docs/kernels.md). Only the complex kernels promise to run detection where
+// it has not run yet.
 #include "core/dispatch.inc"
 
 .macro real_kernel name

@@ -1,11 +1,12 @@
 #ifndef ZORVAC_ARRAY_MATMUL_GENERAL_H
 #define ZORVAC_ARRAY_MATMUL_GENERAL_H
 // The general kernels, C := C + op(A) op(B): one template over the element type at a processor
-// level and the storage of A and B. docs/kernels.md states the order of every sum.
+// level and over the storage of A and B. docs/kernels.md states the order of every sum.
 //
-// Columns and terms are cut into blocks of B that stay in the cache while panels of A, a few
-// registers of rows each, go by. A panel of A that is not stored in columns, or that many columns
-// are going to meet, is first copied to where its rows lie side by side.
+// B is cut into blocks that stay in the cache. Each block meets A panel by panel, a panel being a
+// few registers of rows. A panel is first copied, so that its rows lie side by side, where A is
+// stored transposed, where many columns are going to meet the panel, and where its last register
+// is not full and the level has no masks.
 #include "array/tile.h"
 
 namespace zorvac::array {
@@ -14,11 +15,11 @@ namespace {
 enum class stored { as_used, transposed };
 
 inline constexpr std::size_t block_terms = 128;
-inline constexpr std::size_t few_columns = 24;        // for these, copying A does not pay
-inline constexpr std::size_t cached_bytes = 1 << 18;  // of B, a block of which all rows meet
-inline constexpr std::size_t aside_columns = 64;      // sums kept aside at a time
+inline constexpr std::size_t few_columns = 24;        // up to here, copying A does not pay
+inline constexpr std::size_t cached_bytes = 1 << 18;  // of a block of B, which meets all rows of A
+inline constexpr std::size_t aside_columns = 64;      // whose sums are kept aside at a time
 
-// A panel of C and what is to be added to it.
+// A panel of C, and the operands whose product is added to it.
 template <class Element>
 struct panel {
   const Element* a;
@@ -124,15 +125,15 @@ void add(const panel<typename V::element>& w) {
   });
 }
 
-// Room for a copy of a block of A. A copy has whole registers of rows; those past the last repeat
-// one that is there.
+// Room for a copy of a block of A. A copy has whole registers of rows; the lanes past the last row
+// repeat a row that exists.
 template <class V, stored A>
 class block_of_a {
   using element = typename V::element;
 
  public:
   static constexpr std::size_t most_rows = V::tile_registers * V::width;
-  // Lets `w` have A from `a` on, for w.rows and w.terms.
+  // Makes `w` refer to A from `a` on, w.rows by w.terms elements, copied if that is better.
   void give(panel<element>& w, const element* a, std::size_t lda) {
     const std::size_t registers = (w.rows + V::width - 1) / V::width;
     const bool loadable = V::level::has_masks || w.rows % V::width == 0;
@@ -162,7 +163,7 @@ class block_of_a {
     }
   }
 
-  // A few rows at a time: as many streams as are read side by side at full speed.
+  // Copies a few rows at a time: as many as the processor reads side by side at full speed.
   void copy_rows(const panel<element>& w, const element* a, std::size_t lda) {
     constexpr int streams = V::width < 4 ? V::width : 4;
     for (std::size_t i = 0; i < w.a_step; i += streams) {
@@ -176,7 +177,7 @@ class block_of_a {
   }
 };
 
-// Adds m rows of A times the columns of `w`, block by block.
+// Adds the product of m rows of A and the columns of `w`, block by block.
 template <class V, stored A, stored B>
 void add_blocks(const panel<typename V::element>& w, const typename V::element* a, std::size_t lda,
                 std::size_t m, std::size_t k) {
@@ -194,8 +195,8 @@ void add_blocks(const panel<typename V::element>& w, const typename V::element* 
   }
 }
 
-// The same for the rows of one panel, with a sum that starts from zero and runs over all blocks
-// before it is added to C: the sums are kept aside.
+// The same for the rows of one panel, but each sum starts from zero and runs over all blocks before
+// it is added to C. Until then the sums are kept aside.
 template <class V, stored A, stored B>
 void add_whole_sums(const panel<typename V::element>& w, const typename V::element* a,
                     std::size_t lda, std::size_t rows, std::size_t k) {

@@ -1,4 +1,4 @@
-// The matrix kernels in pairs of doubles, for any x86-64 processor.
+// The matrix kernels for any x86-64 processor: 2 doubles in a register.
 #include "array/matmul_column.h"
 #include "array/matmul_general.h"
 

@@ -1,8 +1,9 @@
 // The blocked kernels for binary64, C := op(A) op(B): one template over the copy routines, the
 // general kernel and the matrix-vector routine of each storage.
 //
-// Terms come in blocks, the short block first: its inner kernel overwrites C, so nothing else has
-// to clear it, and every later block has the length that the accumulating kernel is made for.
+// The terms are cut into blocks. The short block comes first: its inner kernel overwrites C, so
+// nothing else has to clear it, and all later blocks have the 112 terms that the accumulating
+// kernel requires.
 //
 //           N4 columns, in panels      leftover
 //     M4    packed A x packed B,       columns,
@@ -22,7 +23,7 @@ using kernel = void(const void*, const void*, void*, uint64_t, uint64_t, uint64_
                     uint64_t, uint64_t);
 using copy = void(uint64_t, uint64_t, const double*, uint64_t, double*);
 
-// From these extents on the packing pays.
+// Packing pays when no extent is smaller than these.
 constexpr uint64_t blocked_rows = 34, blocked_terms = 38, blocked_columns = 38;
 
 constexpr uint64_t row_block = 260, term_block = 112, column_panel = 2000;
@@ -31,8 +32,9 @@ constexpr uint64_t four = 4;
 constexpr uint64_t down_to_four(uint64_t extent) { return extent / four * four; }
 constexpr uint64_t smaller(uint64_t a, uint64_t b) { return a < b ? a : b; }
 
-// The parts of the one allocation, for panels of B of `columns` columns. The strip's end, at most
-// 0x3d000 + 384 + 4 * 112 * 16 bytes past B's, is within it.
+// The one allocation and its three parts, for panels of B of `columns` columns. The strip ends at
+// most 0x3d000 + columns * column_bytes + 384 + 4 * 112 * 16 bytes after the start, which is within
+// the allocation.
 class buffer {
  public:
   explicit buffer(uint64_t columns)
@@ -61,7 +63,7 @@ class buffer {
   uint64_t columns_;
 };
 
-// An operand: where element (row, column) of it lies in memory.
+// An operand. `at` gives the place of element (row, column).
 template <bool Transposed>
 struct operand {
   const double* first;
@@ -71,7 +73,7 @@ struct operand {
   }
 };
 
-// What the storage of A and B decides. Everything is called by its exported name.
+// What depends on the storage of A and B. Everything is called by its exported name.
 template <bool TransposedA, bool TransposedB, kernel* General, auto* Column>
 struct storage {
   static constexpr bool a_transposed = TransposedA, b_transposed = TransposedB;
@@ -79,7 +81,8 @@ struct storage {
   static constexpr copy* copy_a = TransposedA ? __zorva_dgcopyat_xk64w : __zorva_dgcopyan_xk64w;
   static constexpr copy* copy_b = TransposedB ? __zorva_dgcopybt_psc : __zorva_dgcopybn_psc;
 
-  // The extents are those of A as it is stored; a contiguous column of B has no leading dimension.
+  // The routine takes the extents of A as A is stored. A contiguous column of B has no leading
+  // dimension.
   static void column(const double* a, const double* b, double* c, uint64_t m, uint64_t k,
                      uint64_t lda, uint64_t ldb) {
     const uint64_t rows = TransposedA ? k : m, columns = TransposedA ? m : k;
@@ -107,8 +110,8 @@ struct product {
     Storage::general(a.first, b.first, c, m, n, k, a.ld, b.ld, ldc);
   }
 
-  // Columns [j, j + width) of C and terms [k0, k0 + terms), the first ones for these columns or
-  // further ones.
+  // Adds the terms [k0, k0 + terms) to the columns [j, j + width) of C. The `first` block of terms
+  // overwrites these columns.
   void add_block(const buffer& packed, uint64_t j, uint64_t width, uint64_t k0, uint64_t terms,
                  bool first) const {
     constexpr uint64_t two_zeros[2] = {};

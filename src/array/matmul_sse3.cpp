@@ -1,5 +1,5 @@
-// The complex kernels with the instructions that SSE3 has for them, and the inner kernels in pairs
-// of doubles, whose strip is filled by MOVDDUP.
+// The complex kernels with ADDSUBPS and ADDSUBPD of SSE3, and the inner kernels for pairs of
+// doubles, which fill their strip by MOVDDUP, also of SSE3.
 #include "array/inner.h"
 #include "array/matmul_general.h"
 

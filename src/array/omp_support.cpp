@@ -1,9 +1,9 @@
-// Reductions kept per element of an array: the identity that a private array starts from, and the
-// fold of a private array into the target.
+// Reductions over arrays, element by element: writes the identity that a private array starts from,
+// and folds a private array into the target.
 //
-// Everything is a table of element types, whose rows tell how to fill and have one fold for each
-// operator. An operator is written once; a loop template makes folds of it. The loops over
-// contiguous elements are left to the compiler to vectorise.
+// The table of element types has one row a type: a routine that fills an array, and one fold for
+// each operator. Each operator is written once, and a loop template turns it into a fold. The
+// compiler vectorises the loops over contiguous elements.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -79,7 +79,7 @@ template <class T>
 struct constants<complex<T>> {
   static constexpr complex<T> zero = {constants<T>::zero, constants<T>::zero};
   static constexpr complex<T> one = {constants<T>::one, constants<T>::zero};
-  static constexpr complex<T> least = zero, greatest = zero;  // not ordered: never asked for
+  static constexpr complex<T> least = zero, greatest = zero;  // never used: no order
 };
 
 template <class T>
@@ -109,8 +109,8 @@ void fill(byte* target, uint64_t count, uint32_t op) {
   for (uint64_t i = 0; i < count; ++i) store(target + i * sizeof(T), value);
 }
 
-// Operator 0 is let through for one type, and fills with the low byte of the count: a contract with
-// compiled programs, as are the two odd products below.
+// Operator 0 is accepted for one type and fills with the low byte of the count. Compiled programs
+// rely on this, and on the two unusual complex products below.
 template <class T>
 void fill_bytes(byte* target, uint64_t count, uint32_t op) {
   const auto value = op == op_none ? static_cast<T>(count) : identity<T>(op);
@@ -119,7 +119,7 @@ void fill_bytes(byte* target, uint64_t count, uint32_t op) {
 
 // ---- Operators, of a target element t and a partial element p -----------------------------------
 
-// No product of two of these is too large for the type it is computed in.
+// Small integers are multiplied as unsigned, so that no product of two of them overflows.
 template <class T>
 constexpr auto promoted(T value) {
   if constexpr (std::is_integral_v<T> && sizeof(T) < sizeof(unsigned)) {
@@ -132,7 +132,7 @@ constexpr auto promoted(T value) {
 constexpr auto sum = [](auto t, auto p) { return t + p; };
 constexpr auto product = [](auto t, auto p) { return promoted(t) * promoted(p); };
 constexpr auto difference = [](auto t, auto p) { return t - p; };
-// As MAXPS and MINPS with t as their first operand: p where either is a NaN or both are zeros.
+// Like MAXPS and MINPS with t as the first operand: p where either is a NaN or both are zeros.
 constexpr auto maximum = [](auto t, auto p) { return t > p ? t : p; };
 constexpr auto minimum = [](auto t, auto p) { return t < p ? t : p; };
 constexpr auto bitwise_and = [](auto t, auto p) { return t & p; };
@@ -145,7 +145,7 @@ constexpr auto complex_product = [](auto t, auto p) {
   return decltype(t){t.real * p.real - t.imaginary * p.imaginary,
                      t.real * p.imaginary + t.imaginary * p.real};
 };
-// The product of complex binary64, into which the target does not enter.
+// The product of complex binary64. It does not use the target.
 constexpr auto square_of_partial = [](auto, auto p) {
   const auto cross = p.real * p.imaginary;
   return decltype(p){p.real * p.real - p.imaginary * p.imaginary, cross + cross};
@@ -170,7 +170,7 @@ template <auto Relation>
 [[gnu::always_inline]] inline void by_quad_relation(byte* target, const byte* partial) {
   if (Relation(target, partial) != 0) store(target, load<quad>(partial));
 }
-// Takes its first factor half from the target and half from the partial.
+// The first factor is the real part of the target with the imaginary part of the partial.
 [[gnu::always_inline]] inline void complex_quad_product(byte* target, const byte* partial) {
   const byte* const imaginary = partial + sizeof(quad);
   __cmulq(target, target, imaginary, partial, imaginary);
@@ -188,12 +188,12 @@ void fold_elements(byte* target, const byte* partial, int64_t stride, uint64_t c
 template <class T, auto Operator>
 constexpr fold fold_values = fold_elements<T, by_value<T, Operator>>;
 
-// Sums and differences of complex arrays go by parts, and so does the stride.
+// Sums and differences of complex arrays are folded by parts; the stride counts parts, too.
 template <fold Fold>
 void fold_parts(byte* target, const byte* partial, int64_t stride, uint64_t count) {
   Fold(target, partial, stride, 2 * count);
 }
-// Products of complex arrays go side by side, whatever the stride.
+// Products of complex arrays ignore the stride: element i of one meets element i of the other.
 template <fold Fold>
 void fold_side_by_side(byte* target, const byte* partial, int64_t, uint64_t count) {
   Fold(target, partial, 1, count);
@@ -201,7 +201,7 @@ void fold_side_by_side(byte* target, const byte* partial, int64_t, uint64_t coun
 
 // ---- The table of types -------------------------------------------------------------------------
 
-// Folds by operator code. Integers wrap and, but for their order, have no sign.
+// Folds by operator code. Integers wrap: only maximum and minimum regard the sign.
 template <class T, class U = std::make_unsigned_t<T>>
 constexpr fold integer_folds[] = {
     nullptr,
@@ -253,8 +253,8 @@ struct element_type {
   [[nodiscard]] bool is_integer() const { return last_operator == op_non_equivalence; }
 };
 
-// A type that takes the operators up to `Last`. Its table of folds has a row for each of them, or
-// this does not compile: a call through what lies behind a table would go anywhere.
+// A type that takes the operators up to `Last`. This compiles only if its table of folds has a row
+// for each of them, so no call can use what lies behind the table.
 template <operator_code Last, std::size_t Rows>
 constexpr element_type type_with(filler fill, const fold (&folds)[Rows]) {
   static_assert(Rows == Last + 1, "one fold for each operator");
@@ -297,7 +297,7 @@ constexpr element_type element_types[] = {
     complex_type<quad, quad_folds, fold_elements<complex<quad>, complex_quad_product>>,
 };
 
-// Compiled code passes constants, so a code that is not in the table is a fault of the compiler's.
+// Compiled code passes constants, so a code that is not in the table is a fault of the compiler.
 const element_type& supported_type(uint32_t code) {
   constexpr uint32_t types = sizeof element_types / sizeof *element_types;
   if (code >= types || element_types[code].last_operator == 0) std::abort();

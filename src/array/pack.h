@@ -1,11 +1,11 @@
 #ifndef ZORVAC_ARRAY_PACK_H
 #define ZORVAC_ARRAY_PACK_H
-// Packing a block of A or B into panels of 4 rows or columns, "lanes" here: for each k in order,
-// the 4 values side by side, then zeros up to a multiple of 4 terms. Lanes past the last whole
-// panel are left out.
+// Packs a block of A or B into panels of 4 rows or 4 columns, here called lanes. A panel holds, for
+// each k in order, the 4 values side by side, and then zeros up to a multiple of 4 terms. Lanes
+// past the last whole panel are left out.
 //
-// A panel is too short a stream for the processor to see the next one coming, so that is
-// prefetched; what lies past the last one does no harm.
+// A panel is too short for the processor to predict where the next one begins, so later panels are
+// prefetched. A prefetch past the end of the matrix does no harm: it cannot fault.
 #include <emmintrin.h>
 
 #include <cstddef>
@@ -22,7 +22,7 @@ inline double* pad_panel(double* to, std::size_t terms) {
   return to;
 }
 
-// The lanes lie side by side already, each k `distance` apart.
+// The lanes of one k lie side by side; each k is `distance` elements after the one before.
 inline void pack_contiguous_lanes(std::size_t lanes, std::size_t terms, const double* from,
                                   std::size_t distance, double* to) {
   for (; lanes >= 4; lanes -= 4, from += 4) {
@@ -37,7 +37,8 @@ inline void pack_contiguous_lanes(std::size_t lanes, std::size_t terms, const do
   }
 }
 
-// The terms of a lane lie side by side, the lanes `distance` apart: pairs are transposed.
+// The terms of a lane lie side by side, and each lane is `distance` elements after the one before,
+// so the values are transposed, 2 terms at a time.
 inline void pack_contiguous_terms(std::size_t lanes, std::size_t terms, const double* from,
                                   std::size_t distance, double* to) {
   for (; lanes >= 4; lanes -= 4, from += 4 * distance) {

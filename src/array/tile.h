@@ -1,19 +1,19 @@
 #ifndef ZORVAC_ARRAY_TILE_H
 #define ZORVAC_ARRAY_TILE_H
-// A tile of C held in registers while products are added to it: the one inner loop of all matrix
-// kernels.
+// A tile of C that stays in registers while products are added to it: the one inner loop of all
+// matrix kernels.
 //
-//            B: a factor for each column        Every element gets its own sum, in the order of k,
-//               b0 b1 b2 b3                     each product and each sum rounded by itself. How
-//      A  a0    c  c  c  c                      many rows a register holds and how many registers
-//         a1    c  c  c  c    k -->             a tile has changes nothing in any sum, so all forms
-//         a2    c  c  c  c                      of a kernel give the same bits.
+//            B: a factor for each column        Every element has its own sum, in the order of k.
+//               b0 b1 b2 b3                     Each product and each sum is rounded by itself. So
+//      A  a0    c  c  c  c                      no sum depends on how many rows a register holds or
+//         a1    c  c  c  c    k -->             how many registers a tile has.
+//         a2    c  c  c  c
 //
-// The products of a column come before its sums where that was measured to keep more of the
-// processor's units busy than taking turns: everywhere but in wide complex tiles.
+// All products of a column are computed before its sums where that was measured to be faster:
+// everywhere but in wide complex tiles. There each product is added as soon as it is computed.
 //
-// Where the operands come from is a parameter: `A` gives register R of the rows, `B` the factor of
-// column J, and both step to the next k.
+// The operands are parameters: `A` gives register R of the rows, `B` the factor of column J, and
+// both step to the next k.
 #include <utility>
 
 #include "array/levels.h"
@@ -25,8 +25,8 @@ template <int... I, class Body>
 [[gnu::always_inline]] inline void repeat_for(std::integer_sequence<int, I...>, const Body& body) {
   (body.template operator()<I>(), ...);
 }
-// body<0>(), body<1>(), ..., body<Count - 1>(): a loop that leaves indexes constant, so that arrays
-// of registers stay in registers.
+// Calls body<0>(), body<1>(), ..., body<Count - 1>(): a loop whose index is a constant, so that
+// arrays of registers stay in registers.
 template <int Count, class Body>
 [[gnu::always_inline]] inline void repeat(const Body& body) {
   repeat_for(std::make_integer_sequence<int, Count>{}, body);
@@ -42,7 +42,7 @@ struct tile {
     typename V::operand x[Rows];
     repeat<Rows>([&]<int R>() ZORVAC_INLINE {
       auto rows = a.template load<R>();
-      if (R < 2) hold(rows);  // where there are more, the rest is read at each use
+      if (R < 2) hold(rows);  // further ones are read from memory at each use
       x[R] = V::as_operand(rows);
     });
     repeat<Columns>([&]<int J>() ZORVAC_INLINE {
@@ -69,8 +69,9 @@ struct tile {
   return a < b ? a : b;
 }
 
-// How many of the rows that are left the next panel takes, of `Rows` registers at most: not a full
-// panel and then a narrow one, which has too few sums to keep the adders busy.
+// The number of rows of the next panel, at most `Rows` registers of them, when `left` are left. Two
+// panels of like size are better than a full and a narrow one: a narrow panel has too few sums to
+// keep the adders busy.
 template <class V, int Rows>
 std::size_t rows_of_panel(std::size_t left) {
   constexpr std::size_t full = Rows * V::width;

@@ -1,6 +1,6 @@
-// A block of a file at a time, read at its offset: there is no file position that a jump out of the
-// walk could leave anywhere. What is open and what is in the block change in an order that a jump
-// may cut short at any place.
+// Reads a file block by block with pread, so there is no file position that a jump out of the walk
+// could leave wrong. The members change in an order that stays right when such a jump comes between
+// any two steps.
 #include "diag/byte_source.h"
 
 #include <fcntl.h>
@@ -18,7 +18,7 @@ bool byte_source::open(const char* path, std::size_t bytes, std::size_t bytes_be
   fill_bytes_ = bytes;
   fill_before_ = bytes_before;
   do {
-    file_ = ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);  // no waiting for a pipe
+    file_ = ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);  // never waits for a pipe
   } while (file_ < 0 && errno == EINTR);
   is_file_ = file_ >= 0;
   fills_left_ = most_fills;
@@ -37,7 +37,7 @@ void byte_source::close() {
 }
 
 bool byte_source::fill(std::uint64_t offset) {
-  if (!is_file_) return false;  // memory is a block that stays
+  if (!is_file_) return false;  // memory is one block, which is never filled
   block_ = {};
   if (offset > INT64_MAX || fills_left_ == 0) return false;
   --fills_left_;

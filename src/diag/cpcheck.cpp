@@ -1,9 +1,9 @@
-// The check of a constant that the compiler propagated: the value that is there when the program
-// runs against the value that was put in its place.
+// The check of a constant that the compiler propagated: compares the value that the program has at
+// run time with the value that the compiler used instead.
 //
-// Reports go to standard output, which abort does not flush, so every line is flushed as it is
-// printed: none is lost on a pipe or in a file, not even where the next one ends the process (two
-// doubles of 300 digits do not fit a message).
+// Reports go to standard output, which abort does not flush, so every line is flushed when it is
+// printed. So no line is lost on a pipe or in a file, even where the next line ends the process
+// (two doubles of 300 digits do not fit in a message).
 #include <zorvac/diag.h>
 
 #include <cstdint>
@@ -18,7 +18,7 @@ namespace {
 
 namespace message = startup::message;
 
-// As compiled code encodes them, and the messages: message::i32_values is that of type i32.
+// The codes that compiled code passes. The messages have the same order, from message::i32_values.
 enum value_type : std::uint32_t { i32, si32, f32, i64, si64, f64, type_count };
 
 constexpr std::size_t kind_name_bytes = 64;
@@ -34,7 +34,7 @@ float single_of(const zorvac_cp_value& value) {
 }
 double double_of(const zorvac_cp_value& value) { return __builtin_bit_cast(double, value.first); }
 
-// A NaN equals nothing, itself included: a propagated NaN always fails the check.
+// A NaN equals nothing, not even itself, so a propagated NaN always fails the check.
 bool agree(std::uint32_t type, const zorvac_cp_value& a, const zorvac_cp_value& b) {
   switch (type) {
     case f32:
@@ -65,8 +65,8 @@ void print_values(std::uint32_t type, const zorvac_cp_value& a, const zorvac_cp_
   }
 }
 
-// The name of a kind is the message that stands so far behind the first kind's. Any kind selects a
-// message in this way, and one that has none the empty text.
+// The name of kind k is the k-th message after that of the first kind, for any k. Where there is no
+// such message, the name is empty.
 const char* name_of(std::int32_t kind) {
   const std::int64_t number = std::int64_t{kind} + message::formal_argument;
   const bool exists = number >= 0 && number < startup::message_count;

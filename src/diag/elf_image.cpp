@@ -1,5 +1,5 @@
-// Headers are read where the file says they are, and nothing of them is kept. Whether what they
-// tell of lies inside of the file shows when it is read.
+// Headers are read from where the file says they are, and are not kept. Their offsets are not
+// compared with the size of the file: reading beyond its end fails.
 #include "diag/elf_image.h"
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 namespace zorvac::diag {
 namespace {
 
-// Reads headers from one on; false where they are not all there.
+// Reads headers from the one with index `first` on. False where some of them cannot be read.
 bool read_section_headers(byte_source& file, const Elf64_Ehdr& header, std::uint32_t first,
                           std::span<Elf64_Shdr> sections) {
   std::uint64_t offset = 0;
@@ -19,7 +19,7 @@ bool read_section_headers(byte_source& file, const Elf64_Ehdr& header, std::uint
   return file.read(offset, sections.data(), sections.size_bytes());
 }
 
-// Where the bytes of a section are; an empty range where it has none in the file.
+// The place of a section's bytes; an empty range where it has none in the file.
 file_range bytes_of(const Elf64_Shdr& section) {
   file_range range{section.sh_offset, 0};
   const bool wraps = __builtin_add_overflow(section.sh_offset, section.sh_size, &range.end);
@@ -68,9 +68,9 @@ bool find_bias(byte_source& file, const Elf64_Ehdr& header, std::uint64_t offset
   return found;
 }
 
-// Images have fewer than 65,280 sections, so the numbers stand in the header itself. The table may
-// lie anywhere; where it is not, reading fails. It is read by the handful, as looking at a name
-// takes the reader to another place in the file.
+// Images have fewer than 65,280 sections, so their number and the index of the names section are in
+// the header itself. The table may lie anywhere; where there is none, reading fails. It is read 32
+// headers at a time, because reading a name in between replaces the block of the source.
 file_range find_trace_section(byte_source& file, const Elf64_Ehdr& header) {
   constexpr std::uint32_t handful = 32;
   static constinit Elf64_Shdr buffer[handful] = {};  // a signal stack has no room for it
@@ -80,7 +80,7 @@ file_range find_trace_section(byte_source& file, const Elf64_Ehdr& header) {
   for (std::uint32_t first = 0; first < header.e_shnum; first += handful) {
     const std::span<Elf64_Shdr> sections(buffer, std::min(header.e_shnum - first, handful));
     if (!read_section_headers(file, header, first, sections)) return {};
-    if (first == 0) {  // behind the table's beginning, as one block then has both
+    if (first == 0) {  // after the table's first headers, as one block may hold both
       if (!read_section_headers(file, header, header.e_shstrndx, {&names_section, 1})) return {};
       names = bytes_of(names_section);
     }

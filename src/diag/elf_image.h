@@ -1,8 +1,8 @@
 #ifndef ZORVAC_DIAG_ELF_IMAGE_H
 #define ZORVAC_DIAG_ELF_IMAGE_H
-// What an ELF file (System V ABI, edition 4.1, chapters 4 and 5) says of itself: where its `.trace`
-// section is, and where its bytes are in memory. It may be anything: every offset, size and index
-// in it is taken for hostile.
+// Reads from an ELF file (System V ABI, edition 4.1, chapters 4 and 5) where its `.trace` section
+// is and which addresses its bytes have in memory. The file may hold anything, so no offset, size
+// or index in it is trusted.
 #include <elf.h>
 
 #include "diag/byte_source.h"
@@ -30,13 +30,13 @@ class loaded_segments {
   std::uint32_t index_ = 0;
 };
 
-// The distance between the image's addresses in the process and those in the file, given that the
-// byte at `offset` of the file is at `address` of the process. False where the byte is in no
-// segment; where it is in several, the first one with code counts.
+// The distance between the image's addresses in the process and those in the file, if the byte at
+// `offset` of the file is at `address` of the process. False where the byte is in no segment. Where
+// it is in several, the first one with code counts, or else the first one.
 bool find_bias(byte_source& file, const Elf64_Ehdr& header, std::uint64_t offset,
                std::uint64_t address, std::uint64_t& bias);
 
-// The bytes of the section; an empty range where there is none that can be read.
+// The place of the section's bytes; an empty range where there is none that can be read.
 file_range find_trace_section(byte_source& file, const Elf64_Ehdr& header);
 
 }  // namespace zorvac::diag

@@ -1,7 +1,8 @@
 #ifndef ZORVAC_DIAG_ERRNO_GUARD_H
 #define ZORVAC_DIAG_ERRNO_GUARD_H
-// Leaves errno as it was found: diagnostics run amid a program's own error handling. Declared first
-// in a routine, so that what its other objects do at its end is covered, too.
+// Restores errno, because diagnostics run in the middle of a program's own error handling. It is
+// the first object of a routine, so that it is destroyed last and covers the other destructors,
+// too.
 #include <cerrno>
 
 namespace zorvac::diag {

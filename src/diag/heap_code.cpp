@@ -1,10 +1,10 @@
-// Two signs of the heap's code, as neither is enough:
+// An address is in the heap's code if one of two conditions holds. Neither one finds all cases:
 //
-//   - The routine that holds the address is one of the four. The inner routines of the C library's
-//     heap are called from these, so one of them is on the stack.
-//   - The address is in the shared object that malloc comes from, and that has no other purpose: it
-//     is neither the program nor the C library, nor a sanitizer. Allocators that programs load jump
-//     from malloc to their inner routines, and no frame of malloc stays on the stack.
+//   - The routine that holds the address is one of the four. The C library calls its inner routines
+//     from these, so one of the four is on the stack.
+//   - The address is in the shared object that defines malloc, and that object does nothing else:
+//     it is not the program, the C library or a sanitizer. Such allocators may jump from malloc to
+//     their inner routines, and then no frame of malloc is on the stack.
 #include "diag/heap_code.h"
 
 #include <link.h>
@@ -17,7 +17,7 @@
 #include <span>
 
 #pragma weak _Unwind_FindEnclosingFunction
-// A static program may define malloc and free and have no others.
+// A static program may define malloc and free, and have neither of these.
 #pragma weak calloc
 #pragma weak realloc
 
@@ -31,9 +31,9 @@ Value load(const void* from) {
   return value;
 }
 
-// Where a call of a routine leads. To a program that cannot be moved, the address of a shared
-// library's routine is that of a stub in the program: perhaps ENDBR64, perhaps a BND prefix, and a
-// JMP through a slot (System V ABI for AMD64, edition 1.0, 5.2).
+// The address that a call of a routine reaches. In a program that is linked to a fixed address, the
+// address of a shared library's routine is that of a stub in the program: an optional ENDBR64, an
+// optional BND prefix, and a JMP through a slot (System V ABI for AMD64, edition 1.0, 5.2).
 template <class Routine>
 std::uintptr_t target_of(Routine* routine) {
   constexpr std::uint32_t endbr64 = 0xfa1e0ff3;
@@ -55,7 +55,7 @@ struct object_search {
   std::uintptr_t begin = 0, end = 0;
 };
 
-// Is called for one loaded object after the other; a result other than 0 ends the search.
+// The callback for each loaded object; a result other than 0 ends the search.
 int look_into_object(dl_phdr_info* object, std::size_t, void* data) {
   auto& search = *static_cast<object_search*>(data);
   std::uintptr_t begin = UINTPTR_MAX, end = 0;
@@ -82,7 +82,7 @@ heap_code::heap_code(std::uintptr_t libc)
   dl_iterate_phdr(look_into_object, &allocator);
   begin_ = allocator.begin;
   end_ = allocator.end;
-  // Sanitizers have most of the C library's routines in their place.
+  // A sanitizer replaces most routines of the C library.
   if (is_in_object(libc) || is_in_object(target_of(sigaction))) begin_ = end_ = 0;
 }
 
@@ -90,8 +90,7 @@ bool heap_code::is_in_object(std::uintptr_t address) const {
   return address >= begin_ && address < end_;
 }
 
-// Most addresses are far from the four routines: only for the others is the unwinder asked, which
-// takes its time.
+// Asks the unwinder only for addresses near one of the four routines, because that is slow.
 bool heap_code::holds(std::uint64_t pc) const {
   constexpr std::uintptr_t longest_routine = 1 << 16;
   const std::uint64_t inside = pc - 1;  // a call that never returns may end its routine

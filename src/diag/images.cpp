@@ -1,10 +1,10 @@
-// An image is found by address. The executable's addresses are those of its segments: its file is
-// /proc/PID/exe, and the auxiliary vector says where its entry is. Any other image's are those of a
-// line of the process map, which says what part of which file is there; the file's segments say
-// what addresses that part was linked for.
+// An image is found by address. The executable is found by its segments: its file is /proc/PID/exe,
+// and the auxiliary vector says where its entry is. Any other image is found in the process map:
+// the line that holds the address says which part of which file is there, and the file's segments
+// say for which addresses that part was linked.
 //
-// Where the line that holds an address is of no image (a program that moves its code to large pages
-// has copied it), the first line with the image's name says where it is.
+// The line that holds an address may belong to no image, as in a program that copies its code to
+// large pages. Then the first line with the image's name in its path is used instead.
 #include "diag/images.h"
 
 #include <sys/auxv.h>
@@ -21,8 +21,9 @@ namespace {
 
 constexpr std::size_t most_images = 32, most_segments = 16, most_foreseen = 256;
 
-// As one traceback runs at a time, all this is static: a signal stack has no room for it. Frames of
-// more images than fit take turns. Addresses that do not fit are looked for one by one.
+// All this is static, because a signal stack has no room for it; only one traceback runs at a time.
+// Where a stack has more images than fit, new ones replace old ones. Foreseen addresses that do not
+// fit are looked up one by one.
 struct lookup_state {
   bool held = false;
 
@@ -42,8 +43,8 @@ struct lookup_state {
 };
 constinit lookup_state state;
 
-// False where there is nothing to forget. The place behind those in use has an open file after a
-// jump out of add_image().
+// False where there is nothing to forget. Also closes the place after the last one in use: a jump
+// out of add_image() leaves its file open.
 bool forget_images() {
   const bool any = state.executable_known || state.images_used != 0;
   for (std::size_t i = 0; i < most_images && i <= state.images_used; ++i) state.images[i].reset();
@@ -53,12 +54,12 @@ bool forget_images() {
   return any;
 }
 
-// In a process that is out of descriptors, those of the images found so far serve again.
+// If the process has no descriptor left, closes those of the images found so far.
 bool made_room() { return errno == EMFILE && forget_images(); }
 
-// Where the system says the executable begins to run. The file comes first: a program that writes
-// past the end of its stack destroys the vector that the C library looks into. A process that
-// changed its user may not read the file.
+// The executable's entry, from the auxiliary vector. The kernel's file is tried first, because a
+// program that writes past the end of its stack destroys the vector that the C library reads. A
+// process that changed its user may not read the file; then the C library's vector is used.
 std::uint64_t entry_address() {
   std::uint64_t address = 0;
   const bool known = state.process_file.open_kernel_file(path_of_process_file("/auxv").c_str()) &&
@@ -94,7 +95,7 @@ image* executable_at(std::uint64_t pc) {
   return nullptr;
 }
 
-// A place is in use once it is kept; what was in it is gone before.
+// The place for the next image, emptied. It is not in use before keep_place().
 image& next_place() {
   image& place =
       state.images[state.images_used < most_images ? state.images_used : state.replaced_next];
@@ -133,7 +134,7 @@ void insert_foreseen(std::uint64_t pc) {
   state.foreseen[place] = pc;
 }
 
-// The addresses foreseen that are not the executable's; nothing is foreseen any more.
+// Returns the foreseen addresses that are not the executable's, and empties the list.
 std::span<const std::uint64_t> take_foreseen() {
   std::size_t kept = 0;
   for (std::size_t i = 0; i < state.foreseen_used; ++i)
@@ -148,8 +149,8 @@ void open_map() {
     state.process_file.open_kernel_file(path.c_str());
 }
 
-// Adds the images of all addresses foreseen, the one of `wanted` in any case. One reading of the
-// map serves all, and ends behind the last of them.
+// Adds the images of all foreseen addresses; where there is no room for all, that of `wanted` gets
+// in. The map is read once for all of them, and only up to the last one.
 void read_map(std::uint64_t wanted) {
   const std::span<const std::uint64_t> addresses = take_foreseen();
   open_map();
@@ -166,7 +167,7 @@ void read_map(std::uint64_t wanted) {
   state.process_file.close();
 }
 
-// What the map says of an address that is on no line of an image, and of an image's name.
+// What the map says about an address that no image holds, and about an image's name.
 struct reply {
   std::uint64_t begin = 0, end = 0;       // of the line that holds the address; 0: there is none
   std::uint64_t address = 0, offset = 0;  // of the first line with the name in its path

@@ -1,4 +1,4 @@
-// Which image an address is in, and which routine, file and line.
+// Finds the image, routine, source file and line of an address.
 #include <dlfcn.h>
 #include <zorvac/diag.h>
 
@@ -9,16 +9,17 @@
 #include "diag/texts.h"
 #include "diag/trace_scan.h"
 
-// Weak, and in the version that it has had from the beginning: a version that is needed must exist,
-// even where the symbol need not, and the newest one is of glibc 2.34. Before that the routine was
-// in a library of its own, which a program may have loaded or not.
+// The reference is weak and names the oldest symbol version. Weak, because before glibc 2.34 the
+// routine is in a library of its own, which a program need not load. The oldest version, because
+// the loader refuses a library that needs a version which is missing, even for a weak reference;
+// the newest version of this symbol exists only since glibc 2.34.
 #pragma weak dladdr
 __asm__(".symver dladdr, dladdr@GLIBC_2.2.5");
 
 namespace zorvac::diag {
 namespace {
 
-// What the loader calls the object that holds an address.
+// The file name of the object that holds an address, as the loader knows it.
 const char* name_from_loader(std::uint64_t pc) {
   Dl_info object;
   if (dladdr == nullptr) return tbk__default_unknown;
@@ -43,7 +44,7 @@ void tbk_getModuleName(uint64_t pc, char* buffer, size_t bytes) {
     put_text(name_from_loader(pc), buffer, bytes);
     return;
   }
-  // The loader goes through all symbols of the object, so it is asked once.
+  // dladdr goes through all symbols of the object, so it is called once for each image.
   if (holder->module[0] == '\0')
     put_text(name_from_loader(pc), holder->module, sizeof holder->module);
   put_text(holder->module, buffer, bytes);

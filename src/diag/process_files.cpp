@@ -1,4 +1,5 @@
-// The kernel's texts are read like any other file, bounded: a mapped file's name may hold anything.
+// The kernel's files are read like any other, with limits: the name of a mapped file may hold any
+// characters.
 #include "diag/process_files.h"
 
 #include <elf.h>
@@ -23,7 +24,7 @@ unsigned hex_digit(char c) {
   return decimal_digit < 10 ? decimal_digit : letter < 6 ? letter + 10 : 16;
 }
 
-// Reads a number and moves behind it; false where there is none or it exceeds 64 bits.
+// Reads a number and moves past it; false where there is none or it exceeds 64 bits.
 bool read_hex(const char*& text, std::uint64_t& value) {
   const char* const begin = text;
   value = 0;
@@ -34,7 +35,8 @@ bool read_hex(const char*& text, std::uint64_t& value) {
   return text != begin;
 }
 
-// The path begins with the first slash, and may have blanks in it. What is no file has none.
+// The path in the rest of a line: it begins with the first slash and may contain blanks. A mapping
+// of no file has no path.
 const char* path_in(const char* text) {
   const char* const slash = std::strchr(text, '/');
   return slash == nullptr ? "" : slash;
@@ -50,8 +52,9 @@ bool parse_line(const char* text, map_line& line) {
   return true;
 }
 
-// PROCMAP_QUERY of Linux 6.11 and later (linux/fs.h): what is mapped at an address, from the map's
-// file. It takes a microsecond, however many mappings there are, and a line of text takes as long.
+// The argument of PROCMAP_QUERY (linux/fs.h; Linux 6.11 and later), which asks the map's file what
+// is mapped at an address. It takes a microsecond, however many mappings there are. The kernel
+// takes as long to write one line of the map as text.
 struct map_query {
   std::uint64_t size = sizeof(map_query);
   std::uint64_t flags = 0;  // the mapping that holds the address, and no other
@@ -61,7 +64,7 @@ struct map_query {
   std::uint64_t offset = 0;
   std::uint64_t inode = 0;
   std::uint32_t device_major = 0, device_minor = 0;
-  std::uint32_t path_bytes = 0;  // with the zero byte; before, the room for it
+  std::uint32_t path_bytes = 0;  // in: the room for the path; out: its size with the zero byte
   std::uint32_t build_id_bytes = 0;
   std::uint64_t path = 0, build_id = 0;
 };
@@ -81,7 +84,7 @@ process_path path_of_process_file(const char* entry) {
 void read_executable_path(char* to, std::size_t bytes) {
   const ssize_t length = readlink(path_of_process_file("/exe").c_str(), to, bytes - 1);
   std::size_t end = length < 0 ? 0 : static_cast<std::size_t>(length);
-  constexpr char deleted[] = " (deleted)";  // the kernel's mark
+  constexpr char deleted[] = " (deleted)";  // the kernel appends it
   constexpr std::size_t deleted_length = sizeof deleted - 1;
   if (end > deleted_length && std::memcmp(to + end - deleted_length, deleted, deleted_length) == 0)
     end -= deleted_length;
@@ -99,7 +102,7 @@ bool find_auxiliary_value(byte_source& file, std::uint64_t type, std::uint64_t& 
   return false;
 }
 
-// The next line, without its end; of one that is too long, the first part. Null at the end.
+// The next line without its end, cut where it is too long. Null at the end of the file.
 char* map_reader::next_text() {
   static char text[longest_line + 1];  // a signal stack has no room for it
   const std::uint64_t begin = offset_;

@@ -1,6 +1,6 @@
 #ifndef ZORVAC_DIAG_PROCESS_FILES_H
 #define ZORVAC_DIAG_PROCESS_FILES_H
-// What the system tells of this process under /proc.
+// Reads what the kernel says about this process under /proc.
 #include <cstddef>
 #include <cstdint>
 
@@ -14,34 +14,34 @@ using process_path = text_buffer<64>;
 // "/proc/", the process id and `entry`, which begins with a slash.
 process_path path_of_process_file(const char* entry);
 
-// The file that the process executes; "" where that cannot be read. Of a deleted file, the path
-// that it had.
+// Writes the path of the file that the process executes; "" where that cannot be read. For a
+// deleted file it is the path that the file had.
 void read_executable_path(char* to, std::size_t bytes);
 
-// The value of the auxiliary vector's entry of one type, from a file of the form of /proc/PID/auxv;
-// false where there is none.
+// Finds the value of the entry of one type in a file with the format of /proc/PID/auxv; false where
+// there is none.
 bool find_auxiliary_value(byte_source& file, std::uint64_t type, std::uint64_t& value);
 
-// A line of a file of the form of /proc/PID/maps: what is mapped at [begin, end).
+// A line of a file with the format of /proc/PID/maps: what is mapped at [begin, end).
 struct map_line {
   std::uint64_t begin = 0, end = 0;
-  std::uint64_t offset = 0;  // in the file, of the byte at `begin`
-  const char* path = "";  // of the file; "" where there is none. Valid until the next line is read
+  std::uint64_t offset = 0;  // in the mapped file, of the byte at `begin`
+  const char* path = "";  // of that file; "" where there is none. Valid until the next line is read
 
   [[nodiscard]] bool holds(std::uint64_t address) const {
     return address >= begin && address < end;
   }
 };
 
-// The lines of such a file, in their order, which is that of their addresses. What is no such line
-// is passed over.
+// Reads the lines of such a file in their order, which is the order of the addresses. A line of any
+// other form is skipped.
 class map_reader {
  public:
   explicit map_reader(byte_source& file) : file_{file} {}
   bool next(map_line& line);
 
-  // The line that holds an address; false where there is none. One reading of the file serves
-  // addresses in ascending order, and a kernel that can look an address up is asked instead.
+  // Finds the line that holds an address; false where there is none. Asks the kernel if it can look
+  // up an address. Otherwise it reads the file, so addresses must come in ascending order.
   bool find(std::uint64_t address, map_line& line);
 
  private:

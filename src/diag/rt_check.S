@@ -1,8 +1,8 @@
-// The entry of the check of a frame's variables, which stands between a result and its return: it
-// saves every register that an ordinary routine may change and the check, compiled for general
-// registers only, can. (The attribute with that meaning is of no use here: clang does not count
-// the argument registers among what it has to save.)
-#include <cet.h>  // marks the object fit for shadow stacks, as the compiler marks its own
+// The entry of the check of a frame's variables. Compiled code calls it when its result is already
+// in its registers. The check is compiled for general registers only, so this entry saves the
+// general registers that an ordinary routine may change. (The attribute no_caller_saved_registers
+// does not help: under it, clang does not save the registers of a routine's own parameters.)
+#include <cet.h>  // marks the object as fit for shadow stacks, as the compiler does for its own
 
 .section .note.GNU-stack, "", @progbits
 .text
@@ -10,7 +10,7 @@
   .type __zorva_rtc_CheckStackVars, @function
 __zorva_rtc_CheckStackVars:
   .cfi_startproc
-  .irp r, rax, rcx, rdx, rsi, rdi, r8, r9, r10, r11  // nine: the stack is aligned for a call then
+  .irp r, rax, rcx, rdx, rsi, rdi, r8, r9, r10, r11  // nine, which aligns the stack for the call
   push %\r
   .cfi_adjust_cfa_offset 8
   .endr

@@ -1,8 +1,8 @@
-// Checks that compiled code makes while it runs: the guard words around the variables of a frame,
-// the value of a narrowing conversion, the use of a variable that was never set.
+// Checks that compiled code makes at run time: the guard words around the variables of a frame, the
+// value of a narrowing conversion, the use of a variable that was never set.
 //
-// The check of a frame may change no vector register, so all of this is compiled for general
-// registers only; its entry, in rt_check.S, saves those.
+// The check of a frame may change no vector register, so this file is compiled for general
+// registers only. The entry of that check, in rt_check.S, saves the general registers.
 #include <zorvac/diag.h>
 
 #include <cstdint>
@@ -26,7 +26,7 @@ void print(int number, const char* name) {
   __libvrt_print(to_standard_error, number, 1, shown.c_str());
 }
 
-// Each text has half of the room, and what the other one leaves of its half.
+// Each text has half of the room, plus what the other one leaves of the other half.
 void print(int number, const char* name, const char* where) {
   const std::size_t room = room_in_message(number), half = room / 2, rest = room - half;
   const std::size_t name_bytes = substitution(name, room).size();
@@ -36,8 +36,8 @@ void print(int number, const char* name, const char* where) {
   __libvrt_print(to_standard_error, number, 2, name_shown.c_str(), where_shown.c_str());
 }
 
-// A report stands between two empty lines and ends the process. Its arguments are the message, then
-// what is substituted.
+// Prints a message between two empty lines and ends the process. The arguments are the message and
+// the texts that are substituted.
 template <class... Texts>
 [[noreturn, gnu::noinline, gnu::cold]] void report(int number, Texts... texts) {
   print(message::line_end);
@@ -46,7 +46,7 @@ template <class... Texts>
   __builtin_abort();
 }
 
-// Guard words are as aligned as the variables beside them: not at all.
+// A guard word may have any alignment, as may the variable beside it.
 bool is_guarded(std::uintptr_t word) {
   struct [[gnu::packed, gnu::may_alias]] unaligned {
     std::uint32_t value;
@@ -67,7 +67,7 @@ void check(const Variable* entries, std::int32_t count, std::uintptr_t frame_bas
   }
 }
 
-// A value may become narrower when its low part, read as signed or as unsigned, is the value.
+// A value may be narrowed if its low part, read as signed or as unsigned, equals the value.
 template <class Narrow, class Wide>
 Narrow narrowed(Wide value) {
   const auto low = static_cast<Narrow>(value);
@@ -86,7 +86,7 @@ namespace message = zorvac::diag::message;
 
 extern "C" {
 
-// What the entry in rt_check.S calls.
+// The entry in rt_check.S calls this.
 __attribute__((visibility("hidden"))) void zorvac_check_stack_variables(
     const zorvac_stack_variables* variables, std::uintptr_t frame_base) {
   check(variables->short_entries, variables->short_count, frame_base);

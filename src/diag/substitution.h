@@ -1,12 +1,12 @@
 #ifndef ZORVAC_DIAG_SUBSTITUTION_H
 #define ZORVAC_DIAG_SUBSTITUTION_H
-// A text as it may be substituted into a message, whatever its characters and its length.
+// Makes a text fit to be substituted into a message, whatever its characters and its length.
 //
-// The print routine takes the finished message once more as a format, and ends the process when the
-// message does not fit its buffer. Variables of some languages have per-cent signs in their names
-// ("point%next"), and the names of others run to thousands of characters; a report must survive
-// both. So a per-cent sign that stands alone is doubled here, and what is beyond the room is left
-// out. Two of them are a format's way to write one, and stay what they are.
+// The print routine uses the finished message as a format again, and ends the process when the
+// message does not fit its buffer. In some languages names of variables contain percent signs
+// ("point%next"); in others, names have thousands of characters. A report must survive both. So a
+// single percent sign is doubled here, and the text is cut to the room. Two percent signs in a row
+// already are what a format needs for one, and stay as they are.
 #include <cstddef>
 #include <cstring>
 
@@ -17,7 +17,7 @@ namespace zorvac::diag {
 
 inline constexpr std::size_t longest_message = startup::message_buffer_bytes - 1;
 
-// What the fixed part of a message with one or two texts, in the language in use, leaves for them.
+// The room that a message in the language in use leaves for the one or two texts in it.
 inline std::size_t room_in_message(int number) {
   return longest_message - std::strlen(__libvrt_get_msg(number, 2, "", ""));
 }

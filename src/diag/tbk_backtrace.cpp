@@ -1,5 +1,5 @@
-// The walk: records all frames first, then reports them, both under the protection of a signal
-// action that jumps back here. Whatever ends it, the same few steps clean up.
+// The walk records all frames first and then reports them. In both steps the action of every signal
+// jumps back here. Whatever ends the walk, the same few steps clean up.
 #include "diag/tbk_backtrace.h"
 
 #include <signal.h>
@@ -31,13 +31,13 @@ namespace message = startup::message;
 
 // The signals of a process while it is being walked. Static, as a signal stack may be small.
 //
-// The handler jumps to where the walk was prepared last, so no signal may arrive before that:
+// The handler jumps to the place that sigsetjmp stored last, so no signal may arrive before that:
 //
 //   begin()          open()             close()                       end()
 //     | all are blocked |  the caller's mask |  all are blocked          |
 //     | 65 actions      |  less the faults   |  the next jump is prepared|
 //
-// A jump leads to blocked signals: what cleans up is not disturbed.
+// After a jump all signals are blocked, so nothing disturbs the cleaning up.
 class protection {
  public:
   static void begin() {
@@ -62,7 +62,7 @@ class protection {
     sigprocmask(SIG_SETMASK, &caller_, nullptr);
   }
 
-  // While one of these is there, only faults lead to a jump; other signals wait.
+  // While one of these exists, only faults lead to a jump; other signals wait.
   class faults_only {
    public:
     faults_only() { sigprocmask(SIG_SETMASK, &all_but_faults_, &previous_); }
@@ -71,14 +71,14 @@ class protection {
     faults_only& operator=(const faults_only&) = delete;
   };
 
-  // The C library gives every action the same place to return to; a program that does without it
-  // may give its own.
+  // Whether a handler returns to this place. The C library gives every action the same place; a
+  // program that sets an action without the C library may give another.
   static bool is_restorer(std::uint64_t pc) {
     for (int i = 0; i < restorers_used_; ++i)
       if (pc != 0 && pc == reinterpret_cast<std::uintptr_t>(restorers_[i])) return true;
     return false;
   }
-  // The C library's, which is in its code.
+  // The C library's place, which is in its own code.
   static std::uintptr_t restorer() { return reinterpret_cast<std::uintptr_t>(restorers_[0]); }
 
  private:
@@ -94,9 +94,9 @@ class protection {
     restorers_[restorers_used_++] = added;
   }
 
-  // A fault whose signal is blocked, as it is in that signal's handler, would end the process.
+  // A fault would end the process where its signal is blocked, as it is in that signal's handler.
   static constexpr int faults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS};
-  static constexpr int signals = 65;  // 0 and those that are no signals are refused each time
+  static constexpr int signals = 65;  // sigaction() refuses 0 and all others that are no signals
   static struct sigaction actions_[signals];
   static restorer_fn restorers_[1 + signals];  // each once
   static int restorers_used_;
@@ -115,24 +115,25 @@ struct chunk {
   chunk* previous;
 };
 
-// What the unwinder's callbacks and the report share. It lives in memory from one sigsetjmp to the
-// other: its address is out.
+// What the unwinder's callbacks and the report share. It is in memory and not in registers, because
+// others have its address, so its values survive the jump to a sigsetjmp.
 struct walk {
-  std::uint64_t start_pc = 0;  // recording begins with the frame of this address; 0: at once
+  std::uint64_t start_pc = 0;  // recording begins at the frame of this address; 0: at the first one
   chunk* current = &first;
   tbk_frame* last = nullptr;  // the record before the next one
   std::uint32_t total = 0;
   std::uint32_t used = 0;  // of the current chunk
   std::uint32_t hidden = 0;
   enum { recording, reporting, done } step = recording;
-  bool cut_short = false;  // there are more frames than memory for them
+  bool cut_short = false;  // there was no memory for all frames
   std::uint32_t status = TBK_SUCCESS;
   volatile bool heap_is_usable = true;
   chunk first = {};
 };
 
-// A call of malloc or free. Signals from outside wait until it is over: a jump out of it would
-// leave the heap's lock taken for good. After a fault in it the heap is not used any more.
+// Protects a call of malloc or free. Signals from outside wait until it has ended, because a jump
+// out of it would leave the heap locked for ever. After a fault in it the heap is not used any
+// more.
 class heap_call {
  public:
   explicit heap_call(walk& w) : walk_{w} { walk_.heap_is_usable = false; }
@@ -145,9 +146,9 @@ class heap_call {
   walk& walk_;
 };
 
-// Whether the frames that were recorded last include one of the heap's routines: the process dies
-// in its heap. No signal from outside may end the search for malloc's object, which takes a lock of
-// the loader's.
+// Whether one of the heap's routines is among the frames of this chunk: then the process is dying
+// in its heap. Signals from outside wait during the search for malloc's object, which takes a lock
+// of the loader.
 bool is_in_heap(const chunk& recorded) {
   const protection::faults_only no_jump_with_lock;
   const heap_code heap(protection::restorer());
@@ -170,7 +171,7 @@ bool add_chunk(walk& w) {
   return true;
 }
 
-// False where there is no memory for it.
+// Records a frame; false where there is no memory for it.
 bool record(walk& w, std::uint64_t pc) {
   if (w.last != nullptr) w.last->return_address = pc;
   if (w.used == chunk_frames && !add_chunk(w)) {
@@ -183,8 +184,8 @@ bool record(walk& w, std::uint64_t pc) {
   return true;
 }
 
-// Each block is out of the list before it is freed: a fault here, which leads here again, does not
-// free it twice. Where the heap cannot be used, the blocks stay.
+// Each block leaves the list before it is freed, because a fault in free() leads here again and
+// must not free the block twice. Where the heap cannot be used, the blocks stay allocated.
 void free_chunks(walk& w) {
   if (w.first.next == nullptr || !w.heap_is_usable) return;
   const heap_call call(w);
@@ -202,7 +203,7 @@ _Unwind_Reason_Code record_frame(_Unwind_Context* frame, void* data) {
   return record(w, pc) ? _URC_NO_REASON : _URC_END_OF_STACK;
 }
 
-// Skips frames up to the one whose routine was interrupted.
+// Records frames like record_frame(), but skips those before the routine that was interrupted.
 _Unwind_Reason_Code stop_at_frame(int, _Unwind_Action, _Unwind_Exception_Class, _Unwind_Exception*,
                                   _Unwind_Context* frame, void* data) {
   constexpr auto stop = static_cast<_Unwind_Reason_Code>(2);
@@ -261,7 +262,7 @@ std::uint32_t tbk_trace_stack_impl(const void* signal_context, void* user,
     if (w.step == walk::recording) {
       w.start_pc = interrupted_pc(signal_context);
       w.hidden = w.start_pc != 0 ? 0 : skip == 0 ? 5 : frames_to_hide;
-      // The unwinder's first frame is that of its caller, so both calls stand in this very routine.
+      // The unwinder's first frame is that of its caller, so both calls must be in this routine.
       if (_Unwind_Backtrace != nullptr) {
         _Unwind_Backtrace(record_frame, &w);
       } else {

@@ -1,10 +1,10 @@
-// The traceback as text, in two layouts, within the room that the caller gives.
+// Writes the traceback as text, in one of two layouts, into the caller's buffer.
 //
 //   | text so far | the piece that is being written ... | reserved for a closing message and 0 |
 //   0           length                                room                            bytes - 1
 //
-// A piece is written straight into the room while its length is counted, also beyond the room. It
-// counts only when it is complete: after a fault the closing message overwrites its beginning.
+// A piece is written straight into the room, and its length is counted even beyond the room. It is
+// part of the text only when it is complete: after a fault the closing message overwrites it.
 #include <zorvac/diag.h>
 
 #include <algorithm>
@@ -21,13 +21,13 @@ constexpr char overflow[] = "\nStack trace buffer overflow; further frames not s
 constexpr std::size_t reserved = std::max(sizeof terminated, sizeof overflow) - 1;
 
 struct output {
-  char* text;  // null: nothing is written, all is counted
+  char* text;  // null: nothing is written, only counted
   std::size_t room;
   std::size_t length;
   bool table;
   std::uint32_t frame_number;
-  const void* signal_context;  // read during the walk alone, where a fault does no harm
-  bool interrupted;            // the next frame, by a signal
+  const void* signal_context;  // read only during the walk, where a fault does no harm
+  bool interrupted;            // a signal interrupted the next frame
 };
 
 class piece {
@@ -46,31 +46,31 @@ class piece {
     while (*text != '\0') put(*text++);
     return *this;
   }
-  // As %-W.Ws: cut to the width, or filled up with blanks.
+  // Like %-W.Ws: cuts the text to the width, or fills it up with blanks.
   piece& put_column(const char* text, std::size_t width) {
     for (; width > 0 && *text != '\0'; --width) put(*text++);
     for (; width > 0; --width) put(' ');
     return *this;
   }
-  // As %W.Ws: the same with the blanks in front.
+  // Like %W.Ws: the same with the blanks in front.
   piece& put_right(const char* text, std::size_t width) {
     std::size_t length = 0;
     while (length < width && text[length] != '\0') ++length;
     for (std::size_t blanks = width - length; blanks > 0; --blanks) put(' ');
     return put_column(text, length);
   }
-  // As %16.16lx, or %16.16lX.
+  // Like %16.16lx or %16.16lX.
   piece& put_address(std::uint64_t address, const char* digits) {
     for (int shift = 60; shift >= 0; shift -= 4) put(digits[address >> shift & 15]);
     return *this;
   }
-  // Whether the piece fits in the room, together with a zero byte. Otherwise as much of it stands
-  // as there is room for, and the room is used up.
+  // Ends the piece. False where it does not fit in the room together with a zero byte: then it is
+  // cut, and the room is used up.
   [[nodiscard]] bool finish() {
     if (at_ != nullptr) {
       const bool fits = length_ < room_;
       if (!fits) length_ = room_;
-      at_[length_] = '\0';  // the reserved bytes have one for this
+      at_[length_] = '\0';  // in the reserved bytes where the room is used up
       out_.length += length_;
       return fits;
     }
@@ -133,10 +133,10 @@ bool write_row(output& out, const char* image, std::uint64_t pc, const tbk_pc_in
       .finish();
 }
 
-// Where in the program a frame is. Its program counter is where the call it is in returns to, which
-// may be in the next line, or after a call that never returns in the next routine; the call ends
-// one byte before. Exact are the interrupted frame and the one in front of it, which handlers
-// return to.
+// The address to look up for a frame. Its program counter is the return address of a call. That may
+// be in the next line or, after a call that never returns, in the next routine, so the byte before
+// it is looked up, the call's last. Two frames have exact program counters: an interrupted one, and
+// the one before it, which is the place that handlers return to.
 std::uint64_t place_of(output& out, std::uint64_t pc) {
   const bool signal_return = is_signal_return(pc);
   const bool exact = signal_return || out.interrupted || pc == interrupted_pc(out.signal_context);
@@ -167,7 +167,7 @@ std::int32_t stackwalk_cb(const tbk_frame* frame, void* user, std::int32_t hidde
   return TBK_CONTINUE;
 }
 
-// Writes a closing message into the reserved bytes; in a smaller buffer, the beginning of it.
+// Writes a closing message into the reserved bytes, or its beginning into a smaller buffer.
 void close_with(output& out, const char* message, std::size_t bytes) {
   for (; *message != '\0'; ++message, ++out.length) {
     if (out.text == nullptr || out.length + 1 >= bytes) continue;

@@ -1,7 +1,7 @@
 #ifndef ZORVAC_DIAG_TEXTS_H
 #define ZORVAC_DIAG_TEXTS_H
-// The text in place of whatever cannot be found, the small texts that readers build, and names as
-// they may be shown.
+// The text for what cannot be found, small texts that the readers build, and names that are safe to
+// show.
 #include <cstddef>
 #include <cstdint>
 
@@ -9,7 +9,7 @@ namespace zorvac::diag {
 
 inline constexpr char tbk__default_unknown[] = "Unknown";
 
-// As much of `text` as there is room for, and a zero byte.
+// Copies as much of `text` as fits, and a zero byte.
 inline void put_text(const char* text, char* to, std::size_t bytes) {
   if (bytes == 0) return;
   std::size_t length = 0;
@@ -17,12 +17,13 @@ inline void put_text(const char* text, char* to, std::size_t bytes) {
   to[length] = '\0';
 }
 
-// How many bytes from the first one on may be shown as they stand; 0 where the first one may not.
+// The number of bytes at `text` that may be shown unchanged: those of one character, or 0 if its
+// first byte may not be shown.
 //
-// Names come from files that anybody may have made, and go to terminals and logs. Bytes that a
-// terminal takes for commands are not shown: 0 to 31 and 127, and 128 to 159, unless they are part
-// of a well-formed UTF-8 character above those controls (RFC 3629, 4). What names in other
-// encodings have, a byte from 160 on, stands: nothing takes that for a command.
+// Names come from files that anybody may have made, and go to terminals and logs. So bytes that a
+// terminal takes for commands are not shown: 0 to 31, 127, and 128 to 159 unless they are part of a
+// well-formed UTF-8 character above those controls (RFC 3629, 4). Bytes from 160 on, which names in
+// other encodings have, are always shown: no terminal takes them for commands.
 inline std::size_t bytes_to_show(const char* text) {
   constexpr std::uint32_t least[] = {0, 0, 0xa0, 0x800, 0x10000};  // by the length
   const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
@@ -40,10 +41,10 @@ inline std::size_t bytes_to_show(const char* text) {
   return first >= 0xa0 ? 1 : 0;
 }
 
-// Puts a question mark in the place of each byte that may not be shown.
+// Replaces each byte that may not be shown by a question mark.
 inline void hide_commands(char* name) {
   while (*name != '\0') {
-    if (*name >= ' ' && *name <= '~') {  // as nearly all bytes of names are
+    if (*name >= ' ' && *name <= '~') {  // the fast path: nearly all bytes of names
       ++name;
       continue;
     }

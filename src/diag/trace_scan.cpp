@@ -1,6 +1,6 @@
-// One pass over the records, from the first to the routine that holds the address, past the spans
-// that cannot hold it; then on to that routine's line table. Whatever the section holds, every step
-// moves forward, and nothing outside of the section is looked at.
+// Makes one pass over the records: from the first one to the routine that holds the address,
+// skipping spans that do not hold it, and then on to that routine's line table. Whatever the
+// section holds, every step moves forward, and nothing outside the section is read.
 #include "diag/trace_scan.h"
 
 #include <algorithm>
@@ -11,12 +11,12 @@
 namespace zorvac::diag {
 namespace {
 
-// A place in a section: bytes from here on, and whether they are there.
+// A record of a section. advance() moves to the next one.
 class record {
  public:
   record(byte_source& file, file_range section) : file_{file}, section_{section} { load(); }
 
-  // False behind the last record, and where the next one's place cannot be known.
+  // False after the last record, and where the size of this one cannot be known.
   explicit operator bool() const { return bytes_ != 0; }
   [[nodiscard]] unsigned tag() const { return head_[0]; }
   [[nodiscard]] std::uint64_t place() const { return section_.begin; }
@@ -27,7 +27,7 @@ class record {
   [[nodiscard]] Integer field(std::size_t offset) const {
     return trace::load<Integer>(head_ + offset);
   }
-  // The bytes behind the head, as far as they lie in the section.
+  // The bytes after the head, as far as they lie in the section.
   [[nodiscard]] file_range body(std::size_t head) const {
     return {section_.begin + head, section_.begin + std::min(bytes_, left())};
   }
@@ -36,7 +36,7 @@ class record {
     const file_range range = body(trace::body_offset);
     return range.end - range.begin >= Bytes && file_.read(range.begin, to, Bytes);
   }
-  // To the record behind this one and `more` bytes.
+  // Moves past this record and `more` bytes.
   void advance(std::uint64_t more = 0) {
     section_.begin += std::min(bytes_ + more, left());  // both below 2^33
     load();
@@ -67,7 +67,7 @@ class record {
   std::uint64_t bytes_ = 0;
 };
 
-// The body of a line table, byte by byte. The file is not read otherwise meanwhile.
+// Gives the body of a line table byte by byte. Meanwhile nothing else may read the file.
 class body_source {
  public:
   body_source(byte_source& file, file_range body) : file_{file}, body_{body} {}
@@ -92,7 +92,7 @@ class body_source {
   std::span<const unsigned char> bytes_;
 };
 
-// As much of the text as there is room for; "Unknown" where it cannot be read or is empty.
+// Reads as much of the text as there is room for; "Unknown" where it cannot be read or is empty.
 template <std::size_t Bytes>
 void read_text(byte_source& file, file_range range, char (&text)[Bytes]) {
   const std::uint64_t length = range.end - range.begin;
@@ -101,8 +101,8 @@ void read_text(byte_source& file, file_range range, char (&text)[Bytes]) {
   if (!file.read(range.begin, text, count) || text[0] == '\0') put_unknown(text);
 }
 
-// How many bytes behind a record are not about the address: those of a span that does not hold it.
-// The subtraction wraps, which makes one comparison of the two that a range takes.
+// The number of bytes after a record that are not about the address: those of a span that does not
+// hold it, otherwise 0. The subtraction wraps, so one comparison checks both ends of the range.
 std::uint64_t irrelevant_bytes(record& r, std::uint64_t address) {
   unsigned char span[trace::span_body_bytes];
   if (!r.is(trace::span_tag, trace::span_version) || !r.read_body(span)) return 0;
@@ -112,7 +112,7 @@ std::uint64_t irrelevant_bytes(record& r, std::uint64_t address) {
   return trace::load<std::uint32_t>(span + trace::span_bytes_offset);
 }
 
-// To the routine whose range holds the address; false where there is none.
+// Moves to the routine whose range holds the address; false where there is none.
 bool find_routine(record& r, std::uint64_t address) {
   while (r) {
     if (r.tag() == trace::routine_tag) {
@@ -125,15 +125,15 @@ bool find_routine(record& r, std::uint64_t address) {
   return false;
 }
 
-// To the line table of the routine that the record in front is about.
+// Moves to the line table of the routine in front of `r`; false where it has none.
 bool find_lines(record& r) {
   for (; r && r.tag() != trace::routine_tag; r.advance())
     if (r.is(trace::lines_tag, trace::lines_version)) return true;
   return false;
 }
 
-// The last row at or in front of an offset into the routine; without a line and a file where the
-// first one is behind it.
+// The last row at or before an offset into the routine. Where the first row is after the offset,
+// the result has no line and no file.
 trace::line_row find_row(byte_source& file, file_range body, std::uint64_t offset) {
   body_source bytes(file, body);
   trace::line_rows rows(bytes);
@@ -142,7 +142,7 @@ trace::line_row find_row(byte_source& file, file_range body, std::uint64_t offse
   return found;
 }
 
-// What the line table says of an offset into its routine. `r` is at the table.
+// Reads the line and the file of an offset into the routine. `r` is at the line table.
 void read_lines(byte_source& file, const record& r, file_range section, std::uint64_t offset,
                 trace_place& place) {
   const file_range body = r.body(trace::body_offset);

@@ -1,6 +1,6 @@
 #ifndef ZORVAC_DIAG_TRACE_SCAN_H
 #define ZORVAC_DIAG_TRACE_SCAN_H
-// What a `.trace` section says about an address.
+// Looks up an address in a `.trace` section.
 #include <zorvac/diag.h>
 
 #include "diag/byte_source.h"
@@ -8,18 +8,19 @@
 
 namespace zorvac::diag {
 
-// Where a section tells of an address: places in the file, behind its header, and so not 0.
+// What a section says about an address. Records are given by their offsets in the file, which are
+// not 0, because the file's header comes first.
 struct trace_place {
-  std::uint64_t routine = 0;  // the routine's record; 0: none of its routines holds the address
-  std::uint64_t file = 0;     // the record of the source file's name; 0: it is not known
-  std::uint32_t line = 0;     // 0: it is not known
+  std::uint64_t routine = 0;  // the routine's record; 0: no routine holds the address
+  std::uint64_t file = 0;     // the record of the source file's name; 0: not known
+  std::uint32_t line = 0;     // 0: not known
 };
 
-// The places of the addresses that were looked for last: a deep recursion goes through few
-// addresses many times.
+// The places of the addresses that were looked up last. A deep recursion has the same few addresses
+// many times.
 class found_places {
  public:
-  // Null where the address was not looked for lately.
+  // Null where the address is not among them.
   [[nodiscard]] const trace_place* find(std::uint64_t address) const {
     for (std::size_t i = 0; i < most && i < added_; ++i)
       if (entries_[i].address == address) return &entries_[i].place;
@@ -39,8 +40,8 @@ class found_places {
   std::size_t added_ = 0;
 };
 
-// Fills the fields that the section knows for a link-time address, and leaves the others alone.
-// `found` belongs to this section.
+// Looks up a link-time address. Fills the fields of `info` that the section knows, and leaves the
+// others unchanged. `found` belongs to this section.
 void scan_trace(byte_source& file, file_range section, std::uint64_t address, found_places& found,
                 tbk_pc_info& info);
 inline void scan_trace(byte_source& file, file_range section, std::uint64_t address,

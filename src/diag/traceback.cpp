@@ -27,7 +27,7 @@ size_t tbk_string_stack_signal(const void* signal_context, char* buffer, size_t 
   return tbk_string_stack_signal_impl(signal_context, buffer, bytes, table, skip);
 }
 
-// The walk notes the number alone: opening the catalogue allocates, and would wait for ever in a
+// The walk stores only the number. Opening the catalogue allocates, which would wait for ever in a
 // process that dies with the heap's lock held.
 const char* tbk_geterrorstring() {
   const errno_guard unchanged;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The shared library seen from outside, as binutils tell it: what it exports and needs, how it is
-# linked, and which of its routines reach which others through the dynamic symbol table.
+# Checks the shared library from outside with binutils: what it exports and needs, how it is linked,
+# and which of its routines call which others through the dynamic symbol table.
 #
 #   abi_test.sh SOURCE_DIR LIBRARY ARCHIVE LIST_OF_OBJECTS VERSION
 set -euo pipefail
@@ -10,7 +10,7 @@ trap 'echo "abi_test.sh: line $LINENO"' ERR
 
 for list in exports released hops; do test -s "$abi/$list.txt"; done
 
-# Names of a release stay as they are, and what is new has a version that is not released yet.
+# Names of a release do not change, and new names have a version that is not released yet.
 rows() { awk '!/^#/ && NF { $1 = $1; print }' "$abi/$1" | sort; }
 if comm -13 <(rows exports.txt) <(rows released.txt) | grep .; then
   echo "abi_test.sh: programs use these exports of a release, which abi/exports.txt lacks" && false
@@ -22,12 +22,12 @@ if comm -23 <(rows exports.txt) <(rows released.txt) |
   false
 fi
 
-# The listed names and no others.
+# It exports the listed names and no others.
 diff <(rows exports.txt | cut -d' ' -f1,3- | sort) <(
   readelf -W --dyn-syms "$library" | awk '$7 ~ /^[0-9]+$/ {
     print ($4 == "OBJECT" ? "data " $8 " " $3 : "function " $8), $5 }' | sed 's/ GLOBAL$//' | sort)
 
-# It needs the C library alone and is bound at load. It has no path in it, no executable stack.
+# It needs only the C library and is bound at load. It has no search path and no executable stack.
 diff - <(readelf -Wd "$library" |
   sed -nE 's/.*\((NEEDED|SONAME|SYMBOLIC|TEXTREL|RPATH|RUNPATH|FLAGS)\) +//p' | sort) <<'END'
 BIND_NOW
@@ -37,21 +37,21 @@ END
 readelf -Wl "$library" |
   awk '/ R?WE / { bad = 1 } /GNU_STACK .* RW / { stack = 1 } END { exit bad || !stack }'
 
-# Every C library since glibc 2.16 has the versions that it needs, those of weak symbols included.
+# Every C library since glibc 2.16 has the versions that it needs, also those of weak symbols.
 newest=$(readelf -WV "$library" | sed -nE 's/.*Name: ([^ ]+) .*/\1/p' | sort -V | tail -1)
 [ "$newest" = GLIBC_2.16 ] || { echo "needs $newest" && false; }
 
-# It is fit for shadow stacks, and so is each object of the archive: one that is not marked takes
-# them from the whole program.
+# It is marked as fit for shadow stacks, and so is each object of the archive: with one object that
+# is not marked, a whole program has none.
 readelf -Wn "$library" | grep -q 'x86 feature: SHSTK'
 readelf -Wn "$archive" | awk '
   /^File: / { if (file) exit; file = $2 }
   /x86 feature: SHSTK/ { file = "" }
   END { if (file) { print "not marked: " file; exit 1 } }'
 
-# In the archive, a program's names are the program's: what is global there is exported, or begins
-# with an underscore or a prefix of the library's, or is no identifier. What has a plain word for a
-# name is local, and keeps it. No name has a version, which would match nothing in a static program.
+# The archive takes no plain word from a program: a global name is exported, or begins with an
+# underscore or a prefix of the library, or is not a C identifier. Plain words are local, but are
+# not removed. No name has a version, because versions match nothing in a static program.
 nm "$archive" 2>/dev/null | awk '
   NR == FNR { exported[$3]; next }
   $NF ~ /@/ || $2 ~ /^[A-TV-Z]$/ && !($3 in exported) && $3 !~ /^(_|tbk_|zorvac_)|\./ {
@@ -60,12 +60,13 @@ nm "$archive" 2>/dev/null | awk '
   END { if (!("work_pool" in name && "c_feature_names" in name)) { print "names lost"; bad = 1 }
     exit bad }' "$abi/exports.txt" -
 
-# A weak symbol of an object with special instructions could become everybody's copy.
+# Objects with special instructions have no weak symbols: the linker could use their copy
+# everywhere.
 symbols=$(sed -n 's/^1 //p' "$objects" | xargs nm -A)
 if grep ' [VWu] ' <<<"$symbols"; then false; fi
 
-# The exported names that each source refers to are the listed ones. The linked library has no
-# instruction that goes straight to one from elsewhere.
+# Each source refers to the exported names that are listed for it, and to no others. In the linked
+# library no instruction calls or jumps directly to an exported routine of another source.
 diff <(awk '!/^#/ { for (i = 1; i <= NF; ++i) if ($i ~ /:$/) source = $i; else print source, $i }' \
   "$abi/hops.txt" | sort) <(
   sed 's/^. //' "$objects" | xargs objdump -d -r "$library" | awk '

@@ -1,13 +1,13 @@
-/* A program that is linked with all of the archive. It uses for itself the plain words that the
- * library uses inside; and it looks at the library from a constructor that precedes all others of
- * the program's, but not the library's. */
+/* A program that is linked with the whole archive. Its own names are plain words that the library
+ * uses inside, too. Its first constructor, which runs after the library's, checks that the library
+ * is initialised. */
 #include <stdio.h>
 #include <zorvac/cpu.h>
 
 int work_pool = 1, headerP = 2, Last_PoolP = 3, last_pool_num = 4, Array_size = 5,
     Array_size_calloc = 6, _i_pool_cr_sec = 7, vrt_msgtab = 8, c_feature_names = 9;
 
-/* Hidden in the shared library. The fourth word says that the processor's caches are known. */
+/* Hidden in the shared library. The fourth word says whether the processor's caches are known. */
 extern uint32_t __libvrt_cache_tbl[16];
 
 static uint32_t computed_in_constructor;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Every public header compiles alone, without a warning, in every standard that docs/abi.md names;
-# and the feature masks are constants wherever a program may want one.
+# Every public header compiles alone, without a warning, in every standard that docs/abi.md names.
+# The feature masks are constants for the compiler and for the preprocessor.
 #
 #   headers_test.sh SOURCE_DIR C_COMPILER CXX_COMPILER
 set -euo pipefail
@@ -19,8 +19,8 @@ compiles() {
   status=1
 }
 
-# Each row of the table has a mask of its bit, of type uint64_t, that a type and the preprocessor
-# take for the constant it is.
+# Each row of the table has a mask of its bit, of type uint64_t. It is a constant expression in the
+# size of an array and for the preprocessor.
 cat >"$folder/masks.c" <<'END'
 #include <zorvac/cpu.h>
 #if ZORVAC_FEATURE_AVX2 != 0x800000 || ZORVAC_FEATURE_AVX512VBMI != 0x8000000000

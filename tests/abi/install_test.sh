@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages into an empty system, looks at what is there, and builds programs
+# Installs the Debian packages into an empty system, checks what is installed, and builds programs
 # against it in each way that the README names.
 #
 #   install_test.sh SOURCE_DIR BUILD_DIR C_COMPILER CXX_COMPILER GENERATOR [PART]...
@@ -15,17 +15,17 @@ trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 fail() { echo "$*" && exit 1; }
 
-# Packed again, at another time, the packages are the same.
+# Packages that are built again later are the same.
 for packages in packages later; do
   (cd "$build_dir" && cpack -B "$folder/$packages") >log 2>&1 || fail "$(<log)"
   rm -r "$packages/_CPack_Packages"
 done
 for package in packages/*.deb; do cmp "$package" "later/${package#*/}"; done
 
-# A system that has nothing but what the packages depend on, in the versions of this one; and one
-# where the flavour for any vendor has taken the other's place then.
+# A system with only the packages' dependencies, in the versions of this system; and a second one,
+# where the flavour for any vendor then replaces the other.
 runtime=$(echo packages/libzorvac5_*)
-any=$(find packages -name 'libzorvac5-any_*') # none where the build's own flavour is that one
+any=$(find packages -name 'libzorvac5-any_*') # none if the build itself is that flavour
 install() { # ROOT PACKAGE...
   fakeroot dpkg --root="$folder/$1" --log=/dev/null --force-not-root --force-script-chrootless \
     --install "${@:2}" >log 2>&1 || fail "dpkg refuses: $(<log)"
@@ -42,7 +42,7 @@ if [ -n "$any" ]; then
   [ ! -e root-any/usr/share/doc/libzorvac5 ] || fail "both flavours are installed"
 fi
 
-# What a reader of the package list sees; no scripts, for the trigger suffices.
+# What the package list shows. The packages have no scripts, because the trigger is enough.
 for package in packages/*.deb; do
   doc=root${any:+-any}/usr/share/doc/$(dpkg-deb -f "$package" Package)
   [ "$package" != "$runtime" ] || doc=${doc/root-any/root}
@@ -50,7 +50,7 @@ for package in packages/*.deb; do
   gzip -dc "$doc/changelog.gz" >changelog
   [ "$(dpkg-parsechangelog -l changelog -S Version)" = "$(dpkg-deb -f "$package" Version)" ] ||
     fail "$package: the changelog is of another version"
-  fields=(Section Maintainer Depends) # the arithmetic alone may call nothing of the C library
+  fields=(Section Maintainer Depends) # only the arithmetic may have no dependency
   [[ $package != *float128* ]] || unset 'fields[2]'
   for field in "${fields[@]}"; do
     [ -n "$(dpkg-deb -f "$package" "$field")" ] || fail "$package: no $field"
@@ -66,7 +66,7 @@ for package in "$runtime" $any; do
     awk '/^(function|data)/ { print " " $3 "@Base " $2 }' "$exports")
 done
 
-# Where files go, and who may write them. The archive comes without debug information.
+# The places and modes of files. The archive has no debug information.
 rm -r root*/var # what dpkg keeps
 prefix=$folder/root/usr lib=$folder/root/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 if find root*/* ! -path 'root*/usr*' -o ! -type l -perm /022 | grep .; then fail "place or mode"; fi
@@ -77,7 +77,8 @@ grep -q 'INPUT(libzorvac.so.5 ' "$lib/libzorvac.so" || fail "no script for the l
 gzip -t "$prefix"/share/man/man7/zorvac{,-bridge}.7.gz
 if readelf -WS "$lib/libzorvac.a" | grep -m 1 '\.debug'; then fail "debug information"; fi
 
-# A program: pkg-config, plainly static, CMake with a .trace section where the tool is installed.
+# A program built with pkg-config, statically, and with CMake (with a .trace section if the tool is
+# installed).
 tool=$(find "$prefix" -name zorvac-mktrace)
 read -ra flags <<<"$(PKG_CONFIG_LIBDIR=$lib/pkgconfig pkg-config --cflags --libs zorvac)"
 "$cc" -o by-pkg-config "$example" "${flags[@]}"
@@ -115,20 +116,20 @@ for program in by-pkg-config by-path static by-cmake; do
     fail "number-$program does not run"
 done
 
-# With the other flavour, the same program finds the features of any processor checked.
+# With the other flavour, the same program accepts any vendor.
 if [ -n "$any" ]; then
   features=$(LD_LIBRARY_PATH=${lib/root/root-any} ./by-cmake |
     sed -n 's/^features, vendor checked *//p')
   (((features & 0x3f) == 0x3f)) || fail "of any vendor: features $features"
 fi
 
-# Another package's program: the symbols file tells its dependency, name by name.
+# A program in another package: the symbols file gives its dependency, name by name.
 dpkg-deb -R "$runtime" runtime && rm runtime/DEBIAN/shlibs
 mkdir debian
 printf 'Source: client\n\nPackage: client\nArchitecture: any\n' >debian/control
 dpkg-shlibdeps -O -Sruntime -l"${lib/root/runtime}" by-cmake | grep -F 'libzorvac5 (>= 5.0.0)'
 
-# Programs of other compilers. Their package is told by the library that they need.
+# Programs of other compilers. The library that they need gives the package that they depend on.
 part() { [[ $parts = *" $1 "* ]]; }
 by_pkg_config() { # NAME COMPILER [OPTION]...: builds ./NAME of NAME.c
   read -ra flags <<<"$(PKG_CONFIG_LIBDIR=$lib/pkgconfig pkg-config --cflags --libs "zorvac-$1")"

@@ -1,5 +1,5 @@
-// Which instructions stand in the shared library and in the objects that it is made of, as libelf
-// finds and libZydis decodes them: past plain x86-64 with SSE2 only in sources that may have them.
+// Checks the instructions of the shared library and of its objects, which libelf finds and libZydis
+// decodes: only sources that may use more than SSE2 have instructions beyond it.
 #include <Zydis/Zydis.h>
 #include <gelf.h>
 #include <gtest/gtest.h>
@@ -10,9 +10,9 @@
 
 namespace {
 
-// Those past the baseline in a file, and how often each stands there. Not TZCNT: to a processor
-// that does not know it, its code is a bit scan with a prefix that changes nothing, and compilers
-// write the scan of a value that is not zero so for every processor.
+// The instructions beyond the baseline in a file, each with its count. TZCNT does not count: an old
+// processor executes it as BSF and ignores the prefix, and compilers use it for any processor where
+// the value cannot be zero.
 using counts = std::map<std::string, int>;
 counts past_baseline(const std::string& path) {
   static const std::set<ZydisISAExt> baseline = {
@@ -43,9 +43,9 @@ counts past_baseline(const std::string& path) {
   return found;
 }
 
-// The objects say which source an instruction comes from; the counts over the linked library show
-// that nothing came in from elsewhere.
-TEST(Instructions, PastTheBaselineStandOnlyInSourcesThatMayHaveThem) {
+// The objects show which source an instruction comes from. The counts over the linked library show
+// that it has no instructions from elsewhere.
+TEST(Instructions, BeyondTheBaselineAreOnlyInSourcesThatMayHaveThem) {
   counts permitted;
   std::ifstream list(OBJECTS);
   std::string path;

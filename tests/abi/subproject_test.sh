@@ -1,18 +1,18 @@
 #!/usr/bin/env bash
-# The library as a part of other projects: what becomes of the parent's targets, installation and
-# packages, and how the library is compiled there. The two parents stand in folders of their own and
-# have no type of build; what they make of the same sources is the same to the byte.
+# The library as a part of other projects: checks the parent's targets, installation and packages,
+# and how the library is compiled there. The two parents are in different folders and set no build
+# type; they must build the same files, byte for byte.
 #
 #   subproject_test.sh SOURCE_DIR C_COMPILER CXX_COMPILER
 set -euo pipefail
 source=$1 cc=$2 cxx=$3
-export CCACHE_DISABLE=1 # which would hand out the other folder's objects
+export CCACHE_DISABLE=1 # it would use the objects of the other folder
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 fail() { echo "$*" && exit 1; }
 
-# parent NAME HOW OPTION...: configures a parent that has the library in the way that HOW says.
+# parent NAME HOW OPTION...: configures a parent that includes the library by the commands in HOW.
 parent() {
   mkdir -p "$1/sources"
   cp -r "$source"/{CMakeLists.txt,CHANGELOG.md,abi,bridge,cmake,docs,include,src,tools} \

@@ -1,6 +1,6 @@
-// What the array routines compute, bit for bit, amid memory that is watched: products over all
-// shapes, storages and forms against plain loops in the stated orders of summation; reductions over
-// all types, operators and strides against the compiler's own arithmetic.
+// Compares what the array routines compute, bit for bit, and watches the memory around it: products
+// in many shapes, all storages and all forms with plain loops in the stated order of summation;
+// reductions of all types, operators and strides with the compiler's own arithmetic.
 #include "zorvac/array.h"
 
 #include <dlfcn.h>
@@ -31,12 +31,12 @@ using u32 = std::uint32_t;
 using u64 = std::uint64_t;
 using u128 = unsigned __int128;
 
-// What malloc and free do while a routine is called: memory for one buffer, full of NaNs, against a
-// page that nobody may touch, or none.
+// While a routine runs, malloc gives one buffer, which is full of NaNs and ends at a page that must
+// not be touched, or no memory at all.
 static const guarded_block heap(2000 * 896 + 0x3f300);
 static struct {
-  bool in_routine, no_memory, owed;  // a buffer, which is still to be freed
-  u64 asked;                         // bytes, last
+  bool in_routine, no_memory, owed;  // owed: the buffer is not freed yet
+  u64 asked;                         // bytes of the last request
 } allocation;
 extern "C" {
 void* __real_malloc(std::size_t);
@@ -56,9 +56,9 @@ void __wrap_free(void* block) {
 
 namespace {
 
-// A column-major matrix, or any array, whose last element is `slack` bytes away from a guard page.
-// All around its elements, and they themselves while nothing is put there, are bytes of 0xff: NaNs.
-// Its elements are told column by column, without gaps.
+// A column-major matrix, or any array, whose last element is `slack` bytes before a guard page. All
+// bytes around its elements, and the elements before they are set, are 0xff: NaNs. Its elements are
+// given column by column, without gaps.
 template <class E>
 struct matrix {
   matrix(u64 m, u64 n, u64 leading, const std::vector<E>& from = {}, u64 slack = 0)
@@ -81,7 +81,7 @@ struct matrix {
     const bytes memory(block.begin(), block.size(), block.size() - from_end);
     EXPECT_BYTES(memory, image(elements)) << of << ": around or between the elements";
   }
-  // Where an element begins, in bytes.
+  // The offset of an element in bytes.
   [[nodiscard]] u64 place(u64 element) const {
     return block.size() - from_end + (element / rows * ld + element % rows) * sizeof(E);
   }
@@ -92,7 +92,7 @@ struct matrix {
       std::memcpy(&memory[place(at)], &elements[at], rows * sizeof(E));
     return memory;
   }
-  const u64 rows, ld, from_end;  // the last one in bytes
+  const u64 rows, ld, from_end;  // from_end in bytes
   const guarded_block block;
 };
 
@@ -100,15 +100,15 @@ std::mt19937_64 random_bits;
 
 // ---- Products -----------------------------------------------------------------------------------
 
-// The order in which the terms of an element are added up: block after block, each from zero and
-// then added to the element, or each onto the element (docs/kernels.md).
+// The order in which the terms of an element are added (docs/kernels.md): block after block. The
+// sum of a block starts from zero and is then added to the element, or starts from the element.
 struct summation {
   u64 block;
   bool from_zero, last_block_first = false;
   bool adds_negative = false;  // in complex products
 };
 
-// A and B, stored as they are or transposed, and what their product is added to.
+// A and B, stored as used or transposed, and the matrix that their product is added to.
 template <class E>
 struct problem {
   using part = decltype(std::real(E{}));
@@ -128,8 +128,9 @@ struct problem {
   [[nodiscard]] E left(u64 i, u64 t) const { return a[ta ? t + i * k : i + t * m]; }
   [[nodiscard]] E right(u64 j, u64 t) const { return b[tb ? j + t * n : t + j * k]; }
 
-  // Each product and each sum is rounded by itself. The form of plain x86-64 adds a complex
-  // product's negative term where the others subtract it, as rounding up or down shows.
+  // Each product and each sum is rounded by itself. For a complex product, the form for plain
+  // x86-64 adds the negated term, and the others subtract it. Rounding up or down shows the
+  // difference.
   static E multiply(E x, E y, bool adds_negative) {
     if constexpr (std::is_same_v<E, part>) {
       return x * y;
@@ -157,7 +158,7 @@ struct problem {
   }
 };
 
-// What the routine of this name makes of a matrix.
+// Calls the routine of this name and compares the matrix that it writes.
 template <class E, class... Words>
 void expect(const std::string& name, const matrix<E>& c, const std::vector<E>& expected,
             Words... words) {
@@ -170,8 +171,9 @@ void expect(const std::string& name, const matrix<E>& c, const std::vector<E>& e
   EXPECT_FALSE(allocation.owed) << name << " does not free its buffer";
 }
 
-// The copies of panels: for each term the elements of four rows of A or four columns of B, with
-// zeros up to a multiple of four terms; and the inner kernels. What these do not read is not there.
+// The routines that pack panels (for each term the elements of four rows of A or four columns of B,
+// with zeros up to a multiple of four terms) and the inner kernels. Arguments that the kernels must
+// not read are null.
 void expect_packed(const problem<double>& x, const std::string& copy_a, const matrix<double>& a,
                    const std::string& copy_b, const matrix<double>& b) {
   const u64 m = x.m, k = x.k, n = x.n, padded = (k + 3) / 4 * 4;
@@ -194,7 +196,7 @@ void expect_packed(const problem<double>& x, const std::string& copy_a, const ma
          pb.data(), nullptr, c.data(), &c.ld, strip.data(), nullptr);
 }
 
-// Indicators, each with one more form of the kernels; as many of them as the processor has.
+// Indicators, each of which allows one more form of the kernels, and how many this processor has.
 constexpr u64 forms[] = {level::generic, level::sse2, level::sse3, level::avx2,
                          level::avx512_dq_vl};
 const bool has_dq_vl = __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl");
@@ -211,7 +213,7 @@ void expect_products(const std::string& type, const problem<E>& x) {
   const std::vector<E> zeros(m * n);
   struct {
     std::vector<E> product, added;
-  } sums[2];  // the second one where the negative term is added
+  } sums[2];  // the second one is for the form that adds the negated term
   for (const bool adds_negative : {false, true}) {
     const summation order{x.ta && !x.tb ? 128 : k + 1, x.ta, false, adds_negative};
     sums[adds_negative] = {x.added(zeros, order), x.added(x.onto, order)};
@@ -242,7 +244,7 @@ void expect_products(const std::string& type, const problem<E>& x) {
     if constexpr (std::is_same_v<E, double>)
       expect_packed(x, "__zorva_dgcopya" + a + "_xk64w", sa, "__zorva_dgcopyb" + b + "_psc", sb);
   }
-  // Clearing, at any alignment, of the element too.
+  // Clearing works at any alignment, also of the elements.
   for (const u64 slack : {0u, 1u, 3u, 4u, 8u, 12u}) {
     const matrix<E> c(m, n, m + slack / 3, {}, slack);
     expect(type + "_n_n_pst_init", c, zeros, c.data(), m, n, c.ld);
@@ -263,27 +265,27 @@ void expect_type(const std::string& type) {
   // Rows of A, terms, columns of B.
   // clang-format off
   std::vector<std::array<u64, 3>> shapes{
-      // The least that is blocked, and what is just too small for that.
+      // The smallest blocked product, and products that are just too small for that.
       {34, 38, 38}, {33, 113, 38}, {34, 37, 38}, {34, 38, 37},
-      // Blocks of 112 terms, alone and with a rest; tiles of 4 by 4, with rows and columns left.
+      // Blocks of 112 terms, with and without a rest; 4 x 4 tiles, with rows and columns left over.
       {36, 112, 40}, {37, 113, 43}, {47, 224, 43}, {44, 225, 45},
       // Blocks of 260 rows; panels of 2000 columns.
       {260, 112, 40}, {261, 113, 41}, {521, 38, 40}, {34, 38, 2000}, {35, 39, 2001}, {36, 40, 2006},
       // The general kernels' blocks of 128 terms and 64 columns, and few columns.
       {129, 129, 70}, {16, 337, 90}, {20, 109, 72}, {130, 257, 1},
-      // Long in one extent, or short.
+      // One extent is large or small.
       {300, 3, 90}, {3, 300, 300}, {1000, 1, 1}, {1, 1000, 1}, {1, 1, 1000}};
   // clang-format on
   for (const u64 m : {0u, 1u, 2u, 3u, 4u, 5u, 8u, 11u, 17u, 22u, 31u})
     for (const u64 n : {0u, 1u, 2u, 3u, 4u, 9u})
       for (const u64 k : {0u, 1u, 4u, 9u}) shapes.push_back({m, k, n});
   for (const auto& [m, k, n] : shapes) {
-    if (n >= 2000 && !std::is_same_v<E, double>) continue;  // panels are of the blocked kernels
+    if (n >= 2000 && !std::is_same_v<E, double>) continue;  // only blocked kernels have panels
     random_bits.seed(m << 40 | k << 20 | n);                // each shape has its own values
-    ++run;                                                  // so that a storage meets every mode
+    ++run;                                                  // so that a storage gets every mode
     problem<E> x{m, k, n};
-    // What is not finite stays in its row or column of C, and no zero hides it. The NaN is the one
-    // that processors make themselves, so that the bits of all are alike.
+    // An infinity or NaN affects only its row or column of C, and no zero hides it. The NaN is the
+    // one that processors make themselves, so all NaNs have the same bits.
     if (m > 2 && n > 2 && k != 0 && k % 3 == 0) {
       x.a[x.a.size() / 2] = E(HUGE_VALF);
       x.b[x.b.size() / 3] = E(-NAN);
@@ -307,7 +309,7 @@ TEST(Product, IsSummedInTheStatedOrder_r8) { expect_type<double>("_MATMUL_r8"); 
 TEST(Product, IsSummedInTheStatedOrder_c4) { expect_type<std::complex<float>>("_MATMUL_c4"); }
 TEST(Product, IsSummedInTheStatedOrder_c8) { expect_type<std::complex<double>>("_MATMUL_c8"); }
 
-// A form that were taken by a part of its mask would end by SIGILL here, on a processor that lacks
+// A form that is chosen by a part of its mask would end by SIGILL here on a processor that lacks
 // the rest.
 TEST(Product, TakesAFormByItsWholeMask) {
   for (const u64 takes : {level::avx2, level::avx512_dq_vl})
@@ -328,7 +330,7 @@ TEST(Product, OfNoRowsIsDoneAtOnceForAnyNumberOfColumns) {
 
 // ---- Reductions ---------------------------------------------------------------------------------
 
-// What an operator starts from and what it makes of t and p.
+// The identity of an operator, and its result for t and p.
 template <class T>
 struct operation {
   const char* name;
@@ -340,7 +342,7 @@ operation<T> stated(u32 op, T t, T p) {
   constexpr bool is_integer = std::is_integral_v<T>, is_quad = std::is_same_v<T, __float128>;
   T least = std::numeric_limits<T>::lowest(), greatest = std::numeric_limits<T>::max();
   if constexpr (is_quad) least = -(greatest = 0x1p16383L * (2 - __float128{0x1p-112L}));
-  // Of two zeros p; where they are not ordered p, too, but of quads t.
+  // The result of two zeros is p. If either is a NaN it is p, but t for quads.
   const bool keeps = is_quad && !(t <= p) && !(t >= p);
   const T larger = t > p || keeps ? t : p, smaller = t < p || keeps ? t : p;
   const auto a = Wide(t), b = Wide(p);
@@ -363,7 +365,7 @@ operation<T> stated(u32 op, T t, T p) {
   return operations[op - 1];  // the codes begin at 1
 }
 
-// Part i of the complex product that each type has for its own.
+// Part i of the complex product, which differs from type to type.
 constexpr u32 product_code = 2, complex_float = 20, complex_double = 21, complex_quad = 23;
 template <class T>
 T part_of_product(u32 type, const std::vector<T>& t, const std::vector<T>& p, u64 i) {
@@ -373,7 +375,7 @@ T part_of_product(u32 type, const std::vector<T>& t, const std::vector<T>& p, u6
   return i % 2 == 0 ? straight - crossed : straight + crossed;
 }
 
-// Random values, and some that operators treat apart: orders have the last six for themselves.
+// Random values and special ones. Only maximum and minimum get the last six special ones.
 template <class T>
 std::vector<T> operands(u64 count, u32 op) {
   const double list[] = {0, 1, -1, -0.0, NAN, -NAN, HUGE_VAL, -HUGE_VAL, 1e-310};
@@ -393,7 +395,7 @@ template <class T>
 void expect_fold(u32 type, u32 op, u64 count, std::int32_t stride) {
   SCOPED_TRACE(testing::Message() << stated<T>(op, 0, 0).name << " of type " << type << ", count "
                                   << count << ", stride " << stride);
-  // Each case has values of its own, whatever was tried before.
+  // Each case has its own values, whatever ran before.
   random_bits.seed(((type * 16 + op) * 64 + count) * 16 + static_cast<u32>(stride + 3));
   const bool is_complex = type >= complex_float, is_product = is_complex && op == product_code;
   const u64 parts = is_complex ? 2 * count : count;
@@ -402,7 +404,7 @@ void expect_fold(u32 type, u32 op, u64 count, std::int32_t stride) {
   const matrix<T> target(parts, 1, parts, t, random_bits() % 18);
   const matrix<T> partial(1, parts, static_cast<u64>(std::abs(step)), p, random_bits() % 18);
 
-  // A stride below 0 begins at the last element, a stride of 0 stays at the one that lies last.
+  // A negative stride begins at the last element; with a stride of 0 all elements are the last one.
   const u64 begin = step > 0 || parts == 0 ? 0 : parts - 1;
   const auto direction = static_cast<u64>((step > 0) - (step < 0));  // modulo 2^64
   std::vector<T> folded(parts), filled(parts);
@@ -420,7 +422,7 @@ void expect_fold(u32 type, u32 op, u64 count, std::int32_t stride) {
   target.expect(filled, "what is initialised");
 }
 
-// The types by their codes, each with the last operator that it takes.
+// The types in the order of their codes, each with the last operator that it takes.
 struct element_type {
   u32 last_operator;
   void (*expect)(u32 type, u32 op, u64 count, std::int32_t stride);
@@ -453,15 +455,16 @@ TEST(Reduction, CombinesAndInitialises) {
         }
 }
 
-// Codes that are not accepted end the process, whatever the count, without a message; but folds of
-// integers do nothing, and operator 0 fills unsigned bytes with the low byte of the count.
+// Codes that are not accepted end the process without a message, whatever the count. There are two
+// exceptions: a fold of integers does nothing, and operator 0 fills unsigned bytes with the low
+// byte of the count.
 TEST(Reduction, JudgesItsCodes) {
   const matrix<unsigned char> memory(0x1fe, 1, 0x1fe);
   const auto t = memory.data();
   const std::function<bool(int)> aborts = testing::KilledBySignal(SIGABRT);
   for (u32 i = 0; i < 36; ++i)
     for (const u32 op : {0u, 1u, 4u, 6u, 14u, ~0u}) {
-      const u32 type = i < 32 ? i : i << 26 | 6;  // at last codes that begin with bits too many
+      const u32 type = i < 32 ? i : i << 26 | 6;  // the last ones are valid but for high bits
       const u32 last = types.contains(type) ? types.at(type).last_operator : 0;
       if (op != 0 && op <= last) continue;
       SCOPED_TRACE(testing::Message() << "type " << type << ", operator " << op);

@@ -1,6 +1,7 @@
-// What a processor is found to be: its features and its class, by tables that say once more what
-// each bit and each class takes, over random processors; its caches and what is derived from them,
-// a row a processor; then the exported routines on the processor at hand.
+// Tests what is detected of a processor. Features and classes are compared with second tables of
+// what each bit and each class requires, on random processors. Caches, and what is derived from
+// them, have one row for each processor. Then the exported routines run on this machine's
+// processor.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -31,14 +32,14 @@ constexpr vendor_rule own{"GenuineZorva"}, any{"any"};
 
 // ---- Processors ---------------------------------------------------------------------------------
 
-// One that is made of CPUID answers. Leaves without an answer give zero. Leaf 2 has an answer of
-// its own each time, in the place of sub-leaves.
+// A processor that is a table of CPUID answers. Leaves without an answer give zero. Leaf 2 gives
+// its next answer at each execution; these are stored as sub-leaves.
 struct fake_processor {
-  // By leaf and sub-leaf.
+  // The answers by leaf and sub-leaf.
   std::map<std::pair<std::uint32_t, std::uint32_t>, cpuid_answer> answers = {};
   std::uint64_t xcr0 = 0;
   bool cpuid_exists = true;
-  mutable std::map<std::uint32_t, int> asked = {};  // how often, by leaf
+  mutable std::map<std::uint32_t, int> asked = {};  // the number of queries of each leaf
 
   [[nodiscard]] bool has_cpuid() const { return cpuid_exists; }
   [[nodiscard]] cpuid_answer cpuid(std::uint32_t leaf, std::uint32_t subleaf) const {
@@ -56,7 +57,7 @@ struct fake_processor {
   }
 };
 
-// Leaf 0 of a processor of a maker (12 characters).
+// Leaf 0 with a vendor string (12 characters).
 cpuid_answer vendor_leaf(std::uint32_t maximum_leaf, const char* vendor) {
   std::uint32_t words[3];
   std::memcpy(words, vendor, sizeof words);
@@ -68,7 +69,7 @@ constexpr const char *own_vendor = "GenuineZorva", *second_vendor = "AuthenticAM
 
 // ---- Features and classes -----------------------------------------------------------------------
 
-// By the published table, of which all rows of a feature must be fulfilled.
+// The features by the published table. A feature requires all of its rows.
 std::uint64_t published_word(const fake_processor& p) {
   const cpuid_answer one = p.cpuid(1, 0), seven = p.cpuid(7, 0), extended = p.cpuid(0x80000001, 0);
   const std::uint32_t model = one.eax & 0xf00f0;
@@ -87,8 +88,9 @@ std::uint64_t published_word(const fake_processor& p) {
   return present & ~missing;
 }
 
-// The classes of family 6 and the features that each takes, FXSAVE or not: the last that a
-// processor has whole. Family 15 gets no further than the second, any other stays at the first.
+// The classes of family 6 and the features that each requires, without FXSAVE. A processor is in
+// the last class whose features it all has. Family 15 gets at most the second class, any other
+// family the first.
 constexpr struct {
   std::uint32_t value;
   std::uint64_t takes;
@@ -120,7 +122,7 @@ std::uint32_t published_class(fake_processor p) {
   return last;
 }
 
-// The vendor-checked indicator and the other one after a detection.
+// The indicator with the vendor check and the one without, after detection.
 using words = std::array<std::uint64_t, 2>;
 constexpr std::uint64_t untouched = 0xdead;
 words detected(const fake_processor& p, cpu::detection_mode mode, const vendor_rule& rule) {
@@ -129,8 +131,8 @@ words detected(const fake_processor& p, cpu::detection_mode mode, const vendor_r
   return w;
 }
 
-// Of the maximum leaf 0 alone counts. Every class is met often, above all those that skip a step or
-// stand out of order.
+// Of the maximum leaf only the value 0 matters. Every class occurs often, above all those that skip
+// a step or are out of order.
 TEST(Identification, IsWhatTheTablesSayOnRandomProcessors) {
   constexpr std::uint32_t families[] = {0x6f0, 0x6f0, 0x6f0, 0xff006f0, 0xf40, 0x500};
   std::map<std::uint32_t, int> met;
@@ -138,7 +140,7 @@ TEST(Identification, IsWhatTheTablesSayOnRandomProcessors) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     std::mt19937 draw(seed);
     const auto one_in = [&](std::uint32_t cases) { return draw() % cases == 0; };
-    const bool mostly_set = one_in(2);  // bits are, in seven of eight; or else in one of two
+    const bool mostly_set = one_in(2);  // 7 of 8 bits are set, or else 1 of 2
     const auto bits = [&] {
       const auto half = static_cast<std::uint32_t>(draw());
       return mostly_set ? half | static_cast<std::uint32_t>(draw() | draw()) : half;
@@ -175,7 +177,7 @@ TEST(Identification, IsWhatTheTablesSayOnRandomProcessors) {
 
 using answer = std::array<std::uint32_t, 4>;  // EAX, EBX, ECX, EDX
 
-// A sub-leaf of CPUID leaf 4. Counts are those of the cache; the encoding stores them less one.
+// A sub-leaf of CPUID leaf 4. The arguments are real counts; the encoding stores them minus one.
 constexpr std::uint32_t data = 1, instruction = 2, unified = 3;
 constexpr answer cache(std::uint32_t type, std::uint32_t level, std::uint32_t ways,
                        std::uint32_t partitions, std::uint32_t line_bytes, std::uint32_t sets) {
@@ -186,10 +188,10 @@ constexpr answer usual = cache(data, 1, 8, 1, 64, 64), second = cache(unified, 2
                  third = cache(unified, 3, 16, 1, 64, 8192);
 
 using level_record = std::array<std::uint32_t, 4>;  // KB, line bytes, lines per sector, ways
-using levels = std::vector<level_record>;           // from level 1 on; there are no others
+using levels = std::vector<level_record>;           // from level 1 on
 
-// Bytes of the largest cache, half of them, bytes of the data cache, half of them, bytes of the
-// largest one's line, method.
+// Bytes of the largest cache and half of that, bytes of the data cache and half of that, bytes of a
+// line of the largest cache, method.
 using thresholds = std::array<std::int32_t, 6>;
 
 struct row {
@@ -248,7 +250,7 @@ const row rows[] = {
      {{2, {{0x7d2c00}}}, {0x80000000, {{0x80000020}}}, {0x8000001d, {usual}}}},
     {"no leaf 2", own, own_vendor, 1, {{2, {{0x7d2c01}}}, {4, {usual}}}},
     {"no leaf 1", own, own_vendor, 0, {{1, {sse2}}}, {}, thresholds{}},
-    // Level 3 on family 15, model 6: of the extended family the upper four bits count.
+    // Level 3 on family 15, model 6: the upper four bits of the extended family count.
     {"0x49, model 6", own, own_vendor, 2, {{1, {{0xf64}}}, {2, {{0x4901}}}}, at_level_3},
     {"0x49, model 22", own, own_vendor, 2, {{1, {{0x10f64}}}, {2, {{0x4901}}}}, at_level_2},
     {"0x49, family 30", own, own_vendor, 2, {{1, {{0xf00f64}}}, {2, {{0x4901}}}}, at_level_3},
@@ -271,14 +273,14 @@ const row rows[] = {
     // clang-format on
 };
 
-// Loading asks once who made the processor, and nothing again that a query has found already.
+// Loading asks for the vendor once, and for nothing that a query has found already.
 TEST(Caches, AreFoundAtLoadAndThresholdsDerived) {
   for (const row& r : rows)
     for (const bool exists : {true, false}) {
       SCOPED_TRACE(testing::Message() << r.what << (exists ? "" : ", without CPUID"));
       fake_processor p = processor_of(r);
       p.cpuid_exists = exists;
-      cpu::cache_table tables[2] = {};  // a level 4 would stand in the second
+      cpu::cache_table tables[2] = {};  // a level 4 would be stored in the second
       const auto load = [&] {
         return std::bit_cast<thresholds>(cpu::thresholds_at_load(p, r.rule, tables[0]));
       };
@@ -294,8 +296,9 @@ TEST(Caches, AreFoundAtLoadAndThresholdsDerived) {
     }
 }
 
-// The descriptors of data and unified caches as makers publish them, but for the size of 0x4c,
-// which callers know as 12228. Of several codes in a row each names a cache of twice the size.
+// The descriptors of data and unified caches as vendors publish them. Only the size of 0x4c
+// differs: 12228 is part of the interface. Where a row has several codes, each cache is twice as
+// large as the one before.
 constexpr struct {
   std::uint32_t code, codes, level, size_kb, ways, line_bytes, lines_per_sector;
 } descriptors[] = {
@@ -333,13 +336,13 @@ TEST(Caches, DescriptorsAreThePublishedOnes) {
   }
 }
 
-// ---- The processor at hand ----------------------------------------------------------------------
+// ---- This machine's processor -------------------------------------------------------------------
 
-// A table in which no two values that are derived from it are alike.
+// A table from which different values are derived for everything.
 constexpr cpu::cache_table known = {
     1, 1, 0, 1, {{32, 64, 1, 8}, {256, 64, 1, 8}, {4096, 64, 2, 16}}};
 
-// The constructor has run when this program was loaded. It does again what it did.
+// The constructor ran when this program was loaded. A second call does the same again.
 TEST(AtHand, LoadingStoresEveryThreshold) {
   const cpu::cache_table loaded = std::exchange(__libvrt_cache_tbl, known);
   EXPECT_EQ(loaded.computed, 1u);
@@ -355,8 +358,8 @@ TEST(AtHand, LoadingStoresEveryThreshold) {
   load_time_initialiser();
 }
 
-// The query detects where nothing is known, but not for a level that there is not.
-TEST(AtHand, QueriesTellTheSizeOfALevel) {
+// A query runs detection where nothing is known, but not for a level that cannot exist.
+TEST(AtHand, QueriesGiveTheSizeOfALevel) {
   const cpu::cache_table loaded = __libvrt_cache_tbl;
   for (const std::uint32_t level : {1u, 2u, 3u}) {
     __libvrt_cache_tbl = {};

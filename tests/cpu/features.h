@@ -1,6 +1,6 @@
 #ifndef ZORVAC_TESTS_CPU_FEATURES_H
 #define ZORVAC_TESTS_CPU_FEATURES_H
-// The feature indicator as it is published: the name of each bit and what it takes.
+// The feature indicator as published: the name of each bit and what it requires.
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
@@ -8,8 +8,8 @@
 
 namespace zorvac::test {
 
-// What reports a feature by a bit: nothing, detection itself, the model, or a register of CPUID
-// leaf 1, 7 or 0x80000001; and what must hold besides.
+// The source of a feature's bit: nothing, detection itself, the model, or a register of CPUID leaf
+// 1, 7 or 0x80000001; and what else must hold.
 enum reporter { never, ever, in_order_model, edx1, ecx1, ebx7, ecx7, ecx_extended };
 enum condition { always, fxsr, ymm_state, mpx_state, zmm_state };
 
@@ -40,7 +40,7 @@ inline constexpr feature features[] = {
     {"AVX512VL", 38, ebx7, 31, zmm_state}, {"AVX512VBMI", 39, ecx7, 1, zmm_state}};
 // clang-format on
 
-// The mask of features by name, as in "SSE4_2, POPCNT"; another name does not compile.
+// The mask of features by name, as in "SSE4_2, POPCNT". An unknown name does not compile.
 consteval std::uint64_t mask_of(std::string_view names) {
   std::uint64_t mask = 0;
   while (!names.empty()) {

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Compares the output of scripts/demo with the block of it in docs/demo.md. What differs from
-# machine to machine and from run to run is masked in both: measured figures and addresses.
+# Compares the output of scripts/demo with the block in docs/demo.md. Measured figures and
+# addresses, which differ from run to run, are masked in both.
 #
-#   demo_test.sh SOURCE_DIR BUILD_DIR [--update]     (--update: puts the output there)
+#   demo_test.sh SOURCE_DIR BUILD_DIR [--update]     (--update: writes the output to docs/demo.md)
 set -euo pipefail
 page=$(realpath "$1/docs/demo.md") demo=$(realpath "$1/scripts/demo") build=$(realpath "$2")
 folder=$(mktemp -d)
@@ -12,7 +12,7 @@ mask() {
   sed -E -e 's/(PC: +0x)[0-9a-f]{16}/\1#/; s/\b[0-9A-F]{16}\b/#/' \
     -e 's/ *[0-9]+(\.[0-9]+)? *(GFLOP\/s|[GM]B\/s|ns|us|ms|s|seconds|times)\b/ # \2/g' "$1"
 }
-# The page up to the mark, the fence behind it, the block, the rest.
+# The page up to the mark, the fence after it, the block, the rest.
 csplit -s "$page" '/^<!-- scripts.demo prints this/' '/^```/+1' '/^```/'
 "$demo" --build "$build" >now
 [ "${3:-}" != --update ] || { cat xx00 xx01 now xx03 >"$page" && exit; }

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Runs each example: its exit status and a telling line.
+# Runs each example and compares its exit status and a line of its output.
 #
-#   examples_test.sh EXAMPLES_DIR VENDOR          (VENDOR: that the library was built for)
+#   examples_test.sh EXAMPLES_DIR VENDOR          (VENDOR: the one that the library was built for)
 set -euo pipefail
 cd "$1"
 vendor=$2
 
-# Whether the library serves the maker of this machine, or any-maker is served, and it has these
-# features.
+# Whether the processor has these features and the library serves its vendor (any-maker: all of
+# them).
 maker=$(sed -n 's/^vendor_id.*: //p;/^vendor_id/q' /proc/cpuinfo)
 serves() {
   if [ "$1" = any-maker ]; then
@@ -19,8 +19,7 @@ serves() {
 }
 
 # Example and arguments | exit status | features, as the system names them | a line of the output,
-# as a regular expression. Of the rows of an example the first counts whose features this machine
-# has.
+# as a regular expression. The first row of an example whose features this machine has is used.
 rows='processor      | 0   | | ^vendor  +[[:print:]]{12}$
 dispatch       | 0   | avx2 | ^sum 17000000 by the version for AVX2$
 dispatch       | 0   | | ^sum 17000000 by the version for SSE2$

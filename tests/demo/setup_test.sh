@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What scripts/setup installs for a purpose, and what it says where it may not, on systems made of
-# answers.
+# Tests what scripts/setup installs for a purpose, and what it prints where it may not install. The
+# system is replaced by programs that give prepared answers.
 #
 #   setup_test.sh SOURCE_DIR
 set -euo pipefail
@@ -9,7 +9,7 @@ folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 
-# Programs that note how they are called and answer what stands in the file of their name.
+# Programs that record how they are called and print the file that has their name.
 mkdir bin
 cat >bin/dpkg-query <<'PROGRAM'
 #!/bin/bash
@@ -22,7 +22,7 @@ chmod +x bin/*
 echo 'Setting up something (1) ...' >apt-get.says
 
 # shellcheck disable=SC2053  # the expected output is a pattern
-# expect NAME STATUS OUTPUT PACKAGES PURPOSE...: the packages are those that apt-get is to install.
+# expect NAME STATUS OUTPUT PACKAGES PURPOSE...: PACKAGES are those that apt-get must install.
 expect() {
   local status=0 options='-q --yes --no-install-recommends'
   : >calls

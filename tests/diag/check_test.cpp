@@ -1,5 +1,5 @@
-// Run-time checks and propagated constants: what passes, what each report says and where, and how
-// the process ends. Reports are made in child processes.
+// Run-time checks and propagated constants: what passes, the text and the stream of each report,
+// and how the process ends. Reports are made in child processes.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -32,7 +32,7 @@ outcome aborts(const std::string& output, const std::string& error) {
   return {output, error, -1, SIGABRT};
 }
 
-// A message about names stands on standard error, between empty lines.
+// A message about names is on standard error, between empty lines.
 outcome reports(const char* message, const std::string& name = "", const std::string& where = "") {
   char line[1024];
   std::snprintf(line, sizeof line, message, name.c_str(), where.c_str());
@@ -64,7 +64,7 @@ TEST(Narrowing, AcceptsWhatTheTargetHoldsSignedOrUnsigned) {
   expect_narrowing(_RTC_Check_8_to_4);
 }
 
-const std::string long_name(5000, 'n');  // no report has room for it
+const std::string long_name(5000, 'n');  // too long for every report
 
 // A frame of four variables, two in each list, of odd sizes at odd addresses, as compiled code sets
 // it up.
@@ -82,7 +82,7 @@ struct frame {
   }
 };
 
-// Whichever guards are changed, in whichever byte. Short entries come before long ones.
+// Any guards are changed, in any byte. Short entries are checked before long ones.
 TEST(StackVariables, TheFirstChangedGuardIsReported) {
   const std::string names[] = {"first", "second", long_name.substr(0, 464)};
   for (unsigned changed = 1; changed < 256; ++changed) {
@@ -112,8 +112,8 @@ TEST(StackVariables, WithAllGuardsNoRegisterChangesButTheThirdArgument) {
   EXPECT_ELEMENTS(after.general, before.general);
 }
 
-// A negative count counts as 0, offsets have 64 bits, and the word behind a variable is not read
-// when the one in front is wrong.
+// A negative count is the same as 0, offsets have 64 bits, and the word after a variable is not
+// read if the word before it is wrong.
 TEST(StackVariables, MayHaveAnyDescription) {
   const outcome o = run_check([] {
     const guarded_block block(4);
@@ -142,7 +142,7 @@ TEST(Reports, CutANameToTheRoomThatTheMessageLeaves) {
       {letters(room), letters(room)},
       {letters(room + 1), letters(room)},
       {long_name, letters(room)},
-      // A per-cent sign that stands alone takes two bytes.
+      // A single percent sign takes two bytes.
       {'%' + letters(room - 1), '%' + letters(room - 2)},
       {letters(room - 1) + '%', letters(room - 1)},
   };
@@ -151,8 +151,8 @@ TEST(Reports, CutANameToTheRoomThatTheMessageLeaves) {
               reports(uninitialized, row.shown));
 }
 
-// Each has half of the room, and what the other one leaves of its half. Of an odd room the second
-// half is larger.
+// Each name has half of the room, plus what the other one leaves of its half. If the room is odd,
+// the second half is larger.
 void expect_two_names_to_fill(const char* message) {
   const std::size_t room = 511 - std::strlen(message) + std::strlen("%s%s");
   const std::size_t half = room / 2, rest = room - half;
@@ -180,7 +180,7 @@ TEST(Reports, CutTwoNamesToTheRoomInAnyLanguage) {
   const std::string catalogue = source + ".cat";
   std::ofstream(source) << "$set 1\n60 " << in_german << '\n';
   ASSERT_EQ(run_program({"gencat", catalogue, source}), passes);
-  setenv("NLSPATH", catalogue.c_str(), 1);  // for the children, which are the first to look
+  setenv("NLSPATH", catalogue.c_str(), 1);  // for the children: the parent opens no catalogue
   expect_two_names_to_fill(in_german);
   unsetenv("NLSPATH");
   std::remove(source.c_str());
@@ -217,7 +217,7 @@ const struct {
   std::int32_t kind;
   std::uint32_t type;
   zorvac_cp_value expected, actual;
-  std::string name, values;  // empty: they agree
+  std::string name, values;  // empty: the values agree
 } constants[] = {
     {0, 0, {5, 1}, {5, 2}, "", ""},
     {0, 0, {5, 0}, {5 + (1L << 32), 0}, "FORMAL", "\tI32 5 != 100000005\n"},
@@ -231,8 +231,7 @@ const struct {
     {0, 5, {1UL << 63, 0}, {0, 1}, "", ""},
     {1, 5, {0x3ff8UL << 48, 0}, {0x7ff0UL << 48, 0}, "RETURN", "\tF64 1.500000 != inf\n"},
     {2, 5, {0x7ff8UL << 48, 0}, {0x7ff8UL << 48, 0}, "GLOBAL", "\tF64 nan != nan\n"},
-    // Kinds past the third are those of other messages: as they stand, cut at 64 characters, or
-    // none.
+    // Other kinds select other messages: unchanged, cut to 64 characters, or no text.
     {59, 1, {1, 0}, {2, 0}, "", "\tSI32 1 != 2\n"},
     {INT_MIN, 1, {1, 0}, {2, 0}, "", "\tSI32 1 != 2\n"},
     {58, 1, {1, 0}, {2, 0}, std::string(uninitialized_at, 64), "\tSI32 1 != 2\n"},
@@ -251,7 +250,7 @@ TEST(Constants, AreComparedAndReportedOnStandardOutput) {
   }
 }
 
-// The C library ends the process, and the kind is not lost.
+// The C library ends the process, but the line with the kind is not lost.
 TEST(Constants, MayBeTooLongForAMessage) {
   const outcome o = run_check([] { _IPO_Check_CP(0, 5, {0x7feUL << 52, 0}, {0xffeUL << 52, 0}); });
   EXPECT_EQ(o.standard_output, "Constant propagation error (FORMAL substitution):\n");

@@ -1,4 +1,4 @@
-// Names of routines as zorvac-mktrace writes them. The full names are what c++filt says.
+// Names of routines as zorvac-mktrace writes them. The full names are those that c++filt prints.
 #include "demangle.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@ struct routine_name {
 
 constexpr routine_name names[] = {
     {"main", "main", "main"},
-    {"_Z3fo", "_Z3fo", "_Z3fo"},  // not a name of C++
+    {"_Z3fo", "_Z3fo", "_Z3fo"},  // not a C++ name
     {"_ZNK5money7accountIdE7balanceERKS1_",
      "money::account<double>::balance(money::account<double> const&) const", "balance"},
     {"_ZN1AC1Ei", "A::A(int)", "A"},

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# zorvac-mktrace seen from outside: what the library reads in a section that it has made, beside
-# what addr2line says of the program; what it leaves alone; what it refuses.
+# Tests zorvac-mktrace from outside: compares what the library reads in a section with what
+# addr2line says about the program, and checks what the tool leaves unchanged and what it refuses.
 #
 #   mktrace_test.sh MKTRACE TRACE_READER LLVM_ADDR2LINE SOURCE_DIR
 set -euo pipefail
@@ -11,18 +11,18 @@ trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 fail() { echo "$*" && exit 1; }
 
-# What a compiler makes of one routine has one name, as has a routine whose constraint (Q and an
-# operator) is part of its name for newer compilers; without a line, the file does not count.
+# Makes names comparable. All clones of a routine get one name. A constraint (Q and an operator) is
+# removed: only newer compilers make it part of the name. A file without a line does not count.
 plain() {
   sed -E -e '/:[0-9?]+( |$)/!s/\..*//; s/([CD]I?)[0-2]/\1/g' \
     -e 's/Q(aa|oo|eq|ne)[a-z].*//; s/ \(.*//; s/.*:[?0]$/?:0/'
 }
 
-# Compares every STEPth address of every symbol of code of the image, and of the rows of its dump.
+# Compares every STEPth address of every code symbol of the image, and the rows of its dump.
 compare() { # STEP
   cp image before
   "$mktrace" image
-  # In front of the names of the sections nothing changes but the header's fields about sections.
+  # Before the section names, only the header's fields about sections may change.
   cmp -n 40 before image
   cmp -i 64 -n $(($(grep -abo .symtab before | tail -n 1 | cut -d: -f1) - 65)) before image
   objcopy --dump-section .trace=section image /dev/null
@@ -39,8 +39,8 @@ compare() { # STEP
   diff <(cut -d' ' -f2- rows | plain) <(cut -d' ' -f1 rows | "$reader" section | sed 1~2d | plain)
 }
 
-# The tool itself, then some of the library, with assembler code that has no debug information and a
-# label that does not say what it is.
+# The images are the tool itself, and then a part of the library, with assembler code that has no
+# debug information and a label that has no type.
 cp "$mktrace" image
 compare 97
 { echo 'label: lea 2(%rdi), %eax; ret; .globl label' && cat "$source/src/diag/rt_check.S"; } |
@@ -52,8 +52,9 @@ build() { # FIRST_ADDRESS COMPILER...
     -Wl,-u,_ZN6zorvac4diag11byte_source4readEmPvm,--unresolved-symbols=ignore-all)
 }
 rows() { "$mktrace" --dump image | sed -nE 's/^ {9}0x[0-9a-f]+ //p'; }
-# Code that the linker leaves out keeps its lines, at addresses from 0 on. addr2line takes them for
-# those of code that is there, so that lies elsewhere while it is asked. Then both meet.
+# Code that the linker discards keeps its lines, at addresses from 0 on. addr2line does not tell
+# them from lines of other code at the same addresses. So the image is linked to a high address
+# while addr2line is asked; then it is linked to 0 and must give the same rows.
 while read -ra compiler; do
   build 0x100000 "${compiler[@]}"
   compare 1
@@ -67,7 +68,7 @@ clang -O0 -gdwarf-5 -ffunction-sections -Wl,--gc-sections
 clang -O2 -gdwarf-5 -gz -pie
 gcc -O2 -gdwarf-5 -fPIC -shared'
 
-# What is said of an image that something is done to: refuse STATUS TEXT DAMAGE ARGUMENT...
+# Damages an image, and expects a status and a text: refuse STATUS TEXT DAMAGE ARGUMENT...
 refuse() {
   local status=0
   cp -f before image
@@ -77,9 +78,9 @@ refuse() {
   [ "$status $(grep -o "$2" said)" = "$1 $2" ] || fail "$2: status $status, $(<said)"
   cmp image damaged
 }
-# byte OFFSET VALUE
+# byte OFFSET VALUE: changes a byte of the image
 byte() { printf '%b' "$2" | dd of=image conv=notrunc bs=1 seek="$1" status=none; }
-# debug_info OFFSET VALUE: a byte of that section
+# debug_info OFFSET VALUE: changes a byte of that section
 debug_info() {
   byte $((16#$(objdump -h image | awk '$2 == ".debug_info" { print $6 }') + $1)) "$2"
 }
@@ -90,21 +91,22 @@ refuse 1 'not a 64-bit ELF file' 'byte 4 \\1' image
 refuse 1 'not a file for x86-64' 'byte 18 \\267' image
 refuse 1 'neither an executable nor a shared object' 'byte 16 \\1' image
 refuse 1 'truncated' 'truncate -s -100 image' image
-refuse 1 'data behind its sections' 'echo data >>image' image
+refuse 1 'data after its last section' 'echo data >>image' image
 refuse 1 'read-only' 'chmod a-w image' image
 refuse 1 'no debug information' 'strip image' image
-refuse 1 'cannot expand .debug_info: unknown compression' damage_compression image
+refuse 1 'cannot decompress .debug_info: unknown compression' damage_compression image
 refuse 1 'cannot read the debug information: invalid DWARF version' damage_unit image
-refuse 1 'cannot write beside' : -o /proc/self/image image
+refuse 1 'cannot create a file next to' : -o /proc/self/image image
 refuse 1 'not a regular file' : -o . image
 refuse 1 'not a regular file' : .
 refuse 1 'no .trace section' : --dump image
-refuse 1 'not sound' 'printf "\77\1\11\0\0\0" >x; objcopy --add-section .trace=x image' --dump image
+refuse 1 'damaged' 'printf "\77\1\11\0\0\0" >x; objcopy --add-section .trace=x image' --dump image
 refuse 2 'Usage' : --dump -o x image
 refuse 2 'Usage' : --dump --demangle image
 refuse 2 'Usage' : --demangle=long image
 
-# Elsewhere, through a link, with the same mode; again, and stripped, with the same section.
+# The output may be another file, reached through a link; it gets the same mode. A second run makes
+# the same file. Stripped images keep the section.
 chmod 750 image
 ln -s target link
 "$mktrace" -o link image
@@ -121,15 +123,15 @@ done <<<'strip
 llvm-strip --keep-section=.trace
 eu-strip --keep-section=.trace'
 
-# Readable names: those that c++filt gives, or a part of them.
+# Readable names are those that c++filt gives, or a part of them.
 names() { "$mktrace" "$@" -o out image && "$mktrace" --dump out | sed -n 's/.* routine [^ ]* //p'; }
 names >linker
 diff <(names --demangle) <(c++filt <linker)
 diff <(names --demangle=full) <(c++filt <linker)
 names --demangle=short | grep -x open_memory >/dev/null
 
-# Files of split debug information, then one missing, then both: one line says so, and names and
-# lines are there.
+# Split debug information: with both files, with one of them, with none. One line names what is
+# missing, and names and lines are there.
 echo 'int twice(int a) { return 2 * a; }' >twice.c
 echo 'extern int twice(int); int main(void) { return twice(21); }' >main.c
 gcc -c -g -gsplit-dwarf twice.c main.c
@@ -144,8 +146,8 @@ done <<<'nothing
 twice.dwo twice.dwo: its routines are taken from the symbol table
 main.dwo twice.dwo and 1 more: their routines are taken from the symbol table'
 
-# Debug information of routines in routines, and one behind them all. The code of each begins before
-# that of the one around it and ends after it, so that it has two parts.
+# Debug information of nested routines, and one routine after them all. The code of each begins
+# before the code of the routine around it and ends after it, so it has two parts.
 depth=100000
 gcc -x assembler -o image - <<ASSEMBLER
   .globl main
@@ -171,8 +173,8 @@ timeout 20 "$mktrace" image || fail "$depth routines in routines: status $?"
 seen=$("$mktrace" --dump image | sed -nE 's/.* (inner|behind)$/\1/p' | sort | uniq -c | xargs)
 [ "$seen" = "1 behind $((2 * depth - 1)) inner" ] || fail "$depth routines in routines: $seen"
 
-# Damage in the ELF header, the section and the section headers, and cuts: the tool says no or does
-# what it should, and never ends by a signal.
+# Damage in the ELF header, the section and the section headers, and truncated files: the tool does
+# its work or refuses, and is never ended by a signal.
 RANDOM=1
 cp image whole
 size=$(stat -c %s whole)

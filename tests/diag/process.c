@@ -1,14 +1,14 @@
 // Programs and a shared object that print their own stack, for process_test.sh:
 //
-//   process SCENE [OBJECT...]   loads the objects, prepares a scene of the table in front of main,
-//                               and plays it: three calls deep in the program, or in each of the
+//   process SCENE [OBJECT...]   loads the objects, prepares a scene of the table before main, and
+//                               plays it: three calls deep in the program, or in each of the
 //                               objects, the last one first
 //
-// With OLD_KERNEL in its environment, the kernel does not look addresses up. With IDLE_THREAD, it
-// has a second thread.
+// With OLD_KERNEL in the environment, the kernel seems unable to look up addresses. With
+// IDLE_THREAD, the process has a second thread.
 //
-// Built with OBJECT defined, the shared object. Loaded before all others it is an unwinder as well:
-// one that has _Unwind_ForcedUnwind only, and a made-up stack.
+// With OBJECT defined, this is the shared object. If it is preloaded, it is an unwinder, too, which
+// has only _Unwind_ForcedUnwind and reports an artificial stack.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -34,7 +34,7 @@
 
 typedef void (*action)(void);
 
-// The test looks for these in the stack, and for their lines in this file.
+// The test searches the stack for these, and this file for their lines.
 ROUTINE inner(action next) { next(); }
 ROUTINE middle(action next) { inner(next); }
 ROUTINE outer(action next) { middle(next); }
@@ -65,12 +65,12 @@ static void fail(const char* what) {
   exit(3);
 }
 
-// ---- What the library asks of the system: these are its open, its pread and its ioctl ----
+// ---- The calls of the system: the library uses this open, pread and ioctl ----
 
 static int amid_traceback, maps_opened, wrong_flags, reads;
 
-// What stands under an image's name may be a pipe, which is not waited for, or a terminal, which is
-// not taken.
+// The file with an image's name may be a pipe, which must not be waited for, or a terminal, which
+// must not become the controlling terminal.
 int open(const char* path, int flags, ...) {
   const int expected = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   if (amid_traceback && strstr(path, "/maps") != NULL) ++maps_opened;
@@ -95,7 +95,7 @@ int ioctl(int file, unsigned long request, ...) {
   return (int)syscall(SYS_ioctl, file, request, argument);
 }
 
-// ---- What is played: the last thing that the scene's routines call ----
+// ---- The actions of the scenes: the last routines that are called ----
 
 static void print_stack(const void* context, uint32_t is_table) {
   static char text[1 << 18];
@@ -107,7 +107,7 @@ static void print_stack(const void* context, uint32_t is_table) {
 
 static void show(void) {
   print_stack(NULL, 1);
-  const int few = 1500;  // for a hundred frames of one image
+  const int few = 1500;  // enough for a hundred frames of one image
   if (reads > few || wrong_flags != 0) printf("%d reads, %d wrong flags\n", reads, wrong_flags);
 }
 static void show_opened(void) {
@@ -120,7 +120,7 @@ static void show_error(void) {
   puts(tbk_geterrorstring());
 }
 
-// As if a signal had interrupted code of the made-up stack.
+// As if a signal had interrupted code of the artificial stack.
 static void show_interrupted(void) {
   static const greg_t places[] = {0x1000, 0x3030, 0, 0x3031};
   for (size_t i = 0; i < sizeof places / sizeof *places; ++i) {
@@ -139,11 +139,11 @@ static void on_fatal(int number, siginfo_t* info, void* context) {
   _exit(0);
 }
 
-// ---- The heap finds itself broken, and aborts with its lock held ----
+// ---- The heap detects damage, and aborts with its lock held ----
 
 enum { large = 0x8000 };  // taken from the end of the heap
 static void* volatile block;
-// To a program that cannot be moved, these addresses are those of stubs.
+// In a program that is linked to a fixed address, these are the addresses of stubs.
 static void* (*volatile address_of_malloc)(size_t);
 static void (*volatile address_of_free)(void*);
 
@@ -165,16 +165,16 @@ static void free_block(void) {
   (void)behind;
   free(block);
 }
-// Every allocator looks at what it keeps in front of a block, or on the page that the block is in.
+// Every allocator reads its own data before a block, or on the page of the block.
 static void choose_wild_block(void) { block = (void*)0x123456789010; }
 
-// ---- How a process is prepared, when the objects are loaded ----
+// ---- How a process is prepared, after the objects are loaded ----
 
 enum { page = 4096 };
 
 static const char* program_path;
 
-// `outer` of the object that is loaded last; a static program has none.
+// Data about `outer` of the object that was loaded last; a static program has none.
 Dl_info object;
 
 static void nothing(void) {}
@@ -183,7 +183,7 @@ static void delete_image(void) {
   unlink(object.dli_fname == NULL ? program_path : object.dli_fname);
 }
 
-// Maps the object's file once more in front of the object, as data: a page, then all of it.
+// Maps the object's file again as data, before the object: first one page, then all of it.
 static void map_file(void) {
   const int file = (int)syscall(SYS_openat, AT_FDCWD, object.dli_fname, O_RDONLY, 0);
   const struct {
@@ -203,7 +203,7 @@ static void map_file(void) {
   close(file);
 }
 
-// As programs do that want their code on large pages.
+// Copies the code as programs do that want it on large pages.
 static void copy_code(void) {
   char* const code = (char*)((uintptr_t)object.dli_saddr & -(uintptr_t)page);
   char* const copy = mmap(NULL, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -212,14 +212,14 @@ static void copy_code(void) {
   if (mremap(copy, page, page, MREMAP_MAYMOVE | MREMAP_FIXED, code) != code) fail("mremap");
 }
 
-// The system then keeps /proc/PID/auxv from it.
+// Then the process may not read /proc/PID/auxv.
 static void change_user(void) {
   const uid_t nobody = 65534;
   if (getuid() == 0 && setresuid(nobody, nobody, nobody) != 0) fail("setresuid");
   prctl(PR_SET_DUMPABLE, 0);
 }
 
-// Two are left, for the traceback to make do with.
+// Leaves two descriptors, which must be enough for the traceback.
 static void use_up_descriptors(void) {
   const int lowest = dup(STDOUT_FILENO);
   const struct rlimit limit = {(rlim_t)lowest + 2, (rlim_t)lowest + 2};
@@ -228,7 +228,7 @@ static void use_up_descriptors(void) {
 }
 
 static void map_thousands(void) {
-  for (int i = 0; i < 4000; ++i) {  // neighbours differ, or they would be one mapping
+  for (int i = 0; i < 4000; ++i) {  // with the same access, neighbours would be one mapping
     const int access = i % 2 == 0 ? PROT_READ : PROT_READ | PROT_WRITE;
     if (mmap(NULL, page, access, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == MAP_FAILED) fail("mmap");
   }
@@ -237,7 +237,7 @@ static void map_thousands(void) {
 struct scene {
   const char* name;
   action prepare, play;
-  int depth;  // calls on the way from the routines to what is played
+  int depth;  // calls between the routines and the action
 };
 
 static const struct scene scenes[] = {
@@ -269,10 +269,10 @@ ROUTINE deeper(int calls) {
   } else {
     scene->play();
   }
-  __asm__("" ::: "memory");  // something is left to do: the frame stays
+  __asm__("" ::: "memory");  // keeps the call from being a tail call, so the frame stays
 }
 
-// Through one object after the other, the last one first.
+// Calls `outer` of one object after the other, the last one first.
 static void next_object(void) {
   if (object_count-- == 0) {
     deeper(scene->depth);
@@ -301,7 +301,7 @@ static void* idle(void* unused) {
 
 int main(int argc, char** argv) {
   pthread_t thread;
-  setvbuf(stdout, NULL, _IONBF, 0);  // the stack goes past it
+  setvbuf(stdout, NULL, _IONBF, 0);  // because the traceback is written with write()
   if (getenv("IDLE_THREAD") != NULL) pthread_create(&thread, NULL, idle, NULL);
   program_path = argv[0];
   object_count = argc - 2;

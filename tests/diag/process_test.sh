@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What real processes print of their own stack. Each row below plays one scene of process.c in a
-# process of its own, and has what that is to show.
+# Tests what real processes print of their own stack. Each row below plays one scene of process.c in
+# its own process, and says what must be printed.
 #
 #   process_test.sh FOLDER_OF_PROGRAMS MKTRACE SOURCE
 set -euo pipefail
@@ -25,8 +25,8 @@ play() {
   timeout 120 env LD_PRELOAD=libgcc_s.so.1 "$@" 2>/dev/null || echo "exit status $?"
 }
 
-# Image, routine, line and file of the frames that a test is about, one that is repeated once; the
-# address of those that are in no image; and all that is not about a frame.
+# Shortens a traceback: image, routine, line and file of the frames that a test is about, repeated
+# lines only once; the address of frames that are in no image; and all text that is not a frame.
 in_short() {
   awk '
     function show() {
@@ -51,13 +51,13 @@ in_short() {
 # shows EXPECTED [VARIABLE=VALUE...] PROGRAM SCENE [OBJECT...]
 shows() { compare "${*:2}" "$1" "$(play "${@:2}" | in_short)"; }
 
-# chain IMAGE [FILE]: what is to be seen of three calls in an image
+# chain IMAGE [FILE]: the expected lines of three calls in an image
 line_of() { grep -n "^ROUTINE $1(" "$source" | cut -d: -f1; }
 inner="inner $(line_of inner)" middle="middle $(line_of middle)" outer="outer $(line_of outer)"
 chain() { for routine in "$inner" "$middle" "$outer"; do echo "$1 $routine ${2:-process.c}"; done; }
 
 # ---- Names and lines, in both layouts ----
-# The name of the program is that of its file, whatever it was called by.
+# The program is shown by the name of its file, not by the name that it was started with.
 cp "$programs/process_pie" a_rather_long_name
 cp "$programs/object-0.so" object.so
 ln -s a_rather_long_name other_name
@@ -83,10 +83,10 @@ for kind in pie no-pie static static-pie; do
   image=process_$kind
   for scene in show other_user; do shows "$(chain "${image:0:17}")" ./$image $scene; done
 done
-# At the first instruction of a routine, a byte before which is another one.
+# A crash at the first instruction of a routine. The byte before it belongs to another routine.
 shows "process_pie crash Unknown Unknown
 $(chain process_pie)" ./process_pie crash
-# Bytes that would begin a line or command a terminal.
+# Names with bytes that would begin a line or command a terminal.
 program=$'pro\ess\n'
 sed "s/middle/mi\x9bdle/g; s/process\.c/pro\x1b\x07ss.c/g" process_pie >"$program"
 chmod +x "$program"
@@ -106,23 +106,23 @@ for i in {1..80}; do
   cp object.so "object$i.so"
   objects+=("./object$i.so")
 done
-# chains COUNT: of so many objects
+# chains COUNT: the chains of so many objects
 chains() { for ((i = 1; i <= $1; ++i)); do chain "object$i.so"; done; }
 for kernel in NEW_KERNEL=1 OLD_KERNEL=1; do
-  # Their file is mapped a second time, which misleads nobody; or their code is in no file.
+  # The object's file is mapped a second time, or its code is in no file.
   for scene in show mapped_file copied_code; do
     shows "$(chain object.so)" $kernel ./process_pie $scene ./object.so
   done
-  # Their text segment need not begin at 0.
+  # The text segment need not begin at 0.
   for begin in 0x1000 0x10000; do
     for scene in show copied_code; do
       shows "$(chain object-$begin.so)" $kernel ./process_pie $scene ./object-$begin.so
     done
   done
-  # A name that is not in the path of the file; the executable's file name in another folder.
+  # An object whose name is not in the path of its file; an object named like the executable.
   shows "$(chain alias.so)" $kernel ./process_pie show ./alias.so
   shows "$(chain process_pie)" $kernel ./process_pie show ./other/process_pie
-  # More images and mappings than there is room for.
+  # More images, and more mappings, than there is room for.
   shows "$(chains 80)" $kernel ./process_pie show "${objects[@]}"
   shows "$(chains 4)" $kernel ./process_pie no_descriptors "${objects[@]:0:4}"
   shows "$(chains 16)
@@ -130,8 +130,8 @@ maps opened: 1" $kernel ./process_pie opened "${objects[@]:0:16}"
 done
 
 # ---- A large program ----
-# 100,000 routines with long names, of one line each. Each thousandth calls the next of these, and
-# the last one what `outer` is given.
+# 100,000 routines with long names and one line each. Each thousandth calls the next of these, and
+# the last one calls the argument of `outer`.
 suffix=_of_a_module_of_a_large_program_whose_names_are_as_long_as_those_of_templates
 awk -v suffix=$suffix 'BEGIN {
   for (i = 1; i <= 100000; ++i) {
@@ -152,7 +152,7 @@ done)
 shows "$large" ./process_pie show ./large.so
 
 # ---- The heap ----
-# Nothing is taken from a heap that a process dies in: what the first 24 records hold is shown.
+# A process that dies in its heap allocates nothing more, so only the first 24 records are shown.
 # dies_in_heap PROGRAM SCENE ROUTINE [VARIABLE=VALUE...]
 dies_in_heap() {
   local output
@@ -166,7 +166,7 @@ for scene in malloc calloc realloc free; do
   dies_in_heap process_pie $scene guilty_$scene IDLE_THREAD=1 # with two, the heap has a lock
   dies_in_heap process_no-pie $scene guilty_$scene
 done
-# These jump from malloc and free to their inner routines. Their versions are the system's.
+# These allocators jump from malloc and free to their inner routines.
 for library in libc libjemalloc libmimalloc; do
   file=$(/sbin/ldconfig -p | awk -v name="$library.so." 'index($1, name) == 1 { print $1 }' | uniq)
   if [ -z "$file" ]; then
@@ -177,8 +177,9 @@ for library in libc libjemalloc libmimalloc; do
 done
 
 # ---- Unwinders ----
-# With _Unwind_ForcedUnwind alone the frames are those from the one on whose routine holds the
-# program counter, up to where that is 0; without one, all but 3.
+# With only _Unwind_ForcedUnwind, the frames begin with the one whose routine holds the program
+# counter of the context, and end before a program counter of 0. Without a context all but 3 are
+# shown.
 shows 'You must link with libunwind to use traceback functionality' LD_PRELOAD= ./process_pie error
 frames() { for pc in "$@"; do echo "Unknown $unknown 000000000000$pc"; done; }
 shows "stop 2

@@ -1,6 +1,6 @@
-// What the traceback's readers make of files: how much of one is read at most, lines of the process
-// map, where an ELF file's segments say its bytes are, and `.trace` sections that are damaged or
-// made to mislead: they cost names and nothing else.
+// Tests the traceback's readers of files: the limit on how much of a file is read, lines of the
+// process map, the addresses of bytes by an ELF file's segments, and `.trace` sections that are
+// damaged or malicious. These may only lose names.
 #include <elf.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -26,7 +26,7 @@ using namespace std::string_literals;
 
 byte_source source;
 
-// The file ends at a page that nobody may touch.
+// The file ends at a page that must not be touched.
 void open_text(const std::string& text) {
   static const zorvac::test::guarded_block memory(1 << 14);
   unsigned char* const begin = memory.end() - text.size();
@@ -34,9 +34,10 @@ void open_text(const std::string& text) {
   source.open_memory({begin, text.size()});
 }
 
-// A file of holes, too large to be read: every block is looked into, the last ones in vain.
+// A sparse file that is too large to be read. Every block is asked for, and the last ones are not
+// given.
 TEST(ByteSource, GivesAFileUpAfterSixtyFiveThousandBlocks) {
-  constexpr std::uint64_t stride = 1 << 14, limit = 1 << 16;  // farther apart than a block is long
+  constexpr std::uint64_t stride = 1 << 14, limit = 1 << 16;  // the stride is more than a block
   const int file = memfd_create("holes", 0);
   ASSERT_EQ(ftruncate(file, static_cast<off_t>(stride * (limit + 10))), 0);
   ASSERT_TRUE(source.open_file(("/proc/self/fd/" + std::to_string(file)).c_str()));
@@ -72,7 +73,7 @@ const struct {
      {("1 2 3 " + long_path).substr(0, 8192 - 5), "4 5 6 /b"}},
 };
 
-TEST(MapReader, TellsWhatIsMappedWhere) {
+TEST(MapReader, SaysWhatIsMappedWhere) {
   for (const auto& row : map_texts) {
     open_text(row.text);
     map_reader map(source);
@@ -86,7 +87,7 @@ TEST(MapReader, TellsWhatIsMappedWhere) {
   }
 }
 
-// In ascending order, in one reading. Some lie between two lines.
+// The addresses are in ascending order, for one reading. Some lie between two lines.
 TEST(MapReader, FindsTheLineThatHoldsAnAddress) {
   open_text("1000-2000 r--p 0 /a\n2000-3000 r--p 0 /b\n4000-5000 r--p 0 /c\n");
   map_reader map(source);
@@ -102,8 +103,8 @@ TEST(MapReader, FindsTheLineThatHoldsAnAddress) {
 
 // ---- Segments ----
 
-// In the last one, 0x2000 bytes of code from offset 0x1000 on, linked for address 0x41000; in front
-// of it in the table, data whose bytes are the last of the code's, too.
+// The last segment has 0x2000 bytes of code from offset 0x1000 on, linked for address 0x41000.
+// Before it in the table is a data segment, whose bytes are also the last ones of the code.
 constexpr Elf64_Phdr segments[] = {
     {PT_LOAD, PF_R, 0, 0x40000, 0, 0x1000, 0x1000, 0x1000},
     {PT_NOTE, PF_X, 0x1000, 0x77000, 0, 0x2000, 0x2000, 8},
@@ -147,9 +148,9 @@ TEST(Segments, SayWhatAddressAByteWasLinkedFor) {
 
 // ---- Sections ----
 
-// In front of a section, the record of a file. In it, what a linker and other writers may put:
-// padding, records that nobody knows, a routine without lines, a span of other addresses. Then the
-// example of docs/trace-format.md, byte for byte.
+// Before the section there is the record of a file. The section begins with what a linker and other
+// writers may write: padding, unknown records, a routine without lines, a span of other addresses.
+// Then follows the example of docs/trace-format.md, byte for byte.
 const std::string names = "\0.trace\0"s, outside = "\x0b\1\1\0\0\0!"s;
 const std::string others =
     "\0\x4d\1\1\0\0\0?\x0c\x09\0\0\0\0"s
@@ -161,7 +162,7 @@ const std::string example =
     "\x0a\2\0\x10\0\0\0\0\0\0\7\0\0\0\4\0area"s
     "\x0c\1\x08\0\0\0\1\x3f\0\2\6\5\6\1"s;
 
-// The section is the 33rd, and the last but one.
+// The .trace section is the 33rd of 34.
 constexpr std::size_t header_bytes = 64, trace_header = 33 * header_bytes;
 constexpr std::size_t size_field = trace_header + offsetof(Elf64_Shdr, sh_size);
 constexpr std::size_t names_header = trace_header + header_bytes;
@@ -189,7 +190,7 @@ std::string make_image() {
 const std::string image = make_image();
 const std::size_t at = image.size() - example.size();
 
-// Routine, source file and line.
+// Routine, source file and line of an address.
 std::string found(const std::string& file, std::uint64_t address) {
   open_text(file);
   tbk_pc_info info{"Unknown", "Unknown", 0};
@@ -199,7 +200,7 @@ std::string found(const std::string& file, std::uint64_t address) {
   return std::string(info.routine) + ' ' + info.file + ' ' + std::to_string(info.line);
 }
 
-// With one byte, at a place, of another value.
+// A section in which one byte has another value.
 const struct {
   const char* name;
   std::size_t place, value;
@@ -230,7 +231,7 @@ const struct {
      0x3f + others.size() + outside.size(), "area Unknown 7"},
 };
 
-TEST(Section, LosesWhatADamagedByteTellsOf) {
+TEST(Section, LosesOnlyWhatADamagedByteDescribes) {
   EXPECT_EQ(found(image, 0x90f), "x Unknown 0");
   EXPECT_EQ(found(image, 0x910), "Unknown Unknown 0");
   for (const auto& row : damages) {
@@ -240,8 +241,8 @@ TEST(Section, LosesWhatADamagedByteTellsOf) {
   }
 }
 
-// The page behind the file is not touched, and every reading ends.
-TEST(Section, MisleadsNobodyOutOfTheFile) {
+// The page after the file is not touched, and every lookup ends.
+TEST(Section, LeadsNobodyOutOfTheFile) {
   for (std::size_t place = 0; place < image.size(); ++place) {
     found(image.substr(0, place), 0x1003);
     for (const char value : {'\x7f', '\x80', '\xff'}) {

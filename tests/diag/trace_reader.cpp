@@ -1,5 +1,5 @@
-// What the library finds in the `.trace` section that is all of a file, for addresses on standard
-// input; printed as `addr2line -f` would.
+// Looks up addresses from standard input in a file that is nothing but a `.trace` section, and
+// prints the results in the format of `addr2line -f`.
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -9,7 +9,7 @@
 
 int main(int, char** argv) {
   std::ifstream file(argv[1], std::ios::binary);
-  std::vector<unsigned char> image{0};  // in an image, no section begins at 0
+  std::vector<unsigned char> image{0};  // one byte first: no section begins at offset 0
   image.insert(image.end(), std::istreambuf_iterator<char>(file), {});
   zorvac::diag::byte_source source;
   source.open_memory(image);

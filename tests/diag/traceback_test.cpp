@@ -1,8 +1,9 @@
-// The traceback from within: which frames are reported, what is written of them, what happens to
-// signals and memory. A second walk of the same stack says how many frames there are.
+// Tests the traceback with the library's own objects: which frames are reported, what is written
+// about them, and what happens to signals and memory. A second walk of the same stack counts the
+// frames.
 //
-// The linker leads the library's calls of five routines to the end of this file, where they are
-// noted, and where a signal can be raised in the middle of a traceback.
+// The linker redirects the library's calls of five routines to the end of this file. There they are
+// recorded, and a signal can be raised in the middle of a traceback.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -33,12 +34,12 @@ using namespace zorvac::diag;
 using namespace zorvac::test;
 using addresses = std::vector<std::uint64_t>;
 
-// ---- What a traceback is asked for, and what is seen of it ----
+// ---- The arguments of a traceback, and its events ----
 
 struct scenario {
   const void* context = nullptr;
   std::uint32_t skip = 1;
-  std::size_t hidden = 2;               // so many frames are not to be shown
+  std::size_t hidden = 2;               // frames that must not be shown
   std::int32_t answer = TBK_CONTINUE;   // to the 30th frame
   std::size_t chunks = 1000;            // that malloc gives
   std::size_t signal_after = SIZE_MAX;  // events
@@ -53,14 +54,14 @@ struct reported_frame {
   std::uint64_t pc, return_address, frame_pointer, hidden;
 };
 
-// An event is one letter: i a frame is looked at, m memory is taken, c a frame is reported, f
-// memory is freed. There is room for all of this: nothing may be allocated on the way.
+// An event is one letter: i a frame is examined, m memory is allocated, c a frame is reported, f
+// memory is freed. Room for all events is reserved, because nothing may be allocated meanwhile.
 std::string events(1 << 15, ' ');
-addresses looked_at(1 << 13);  // program counters, as the unwinder tells them
+addresses looked_at(1 << 13);  // program counters, as the unwinder gives them
 std::vector<reported_frame> reported(1 << 13);
-std::vector<void*> blocks(1000);  // taken and not freed
+std::vector<void*> blocks(1000);  // allocated and not freed
 
-// Half of the signals are such as instructions raise; the others come from outside.
+// Half of the signals are raised by instructions, and half come from outside.
 bool is_fault(std::size_t event) { return event % 2 == 0; }
 
 void note(char event) {
@@ -87,7 +88,7 @@ void end() {
 
 // All that a traceback may not change.
 struct process_state {
-  struct signal_action {  // in the kernel's words
+  struct signal_action {  // with the kernel's layout
     long handler, flags, restorer, mask;
   };
   int error = errno;
@@ -101,7 +102,7 @@ struct process_state {
     for (std::size_t number = 1; number < actions.size(); ++number) {
       signal_action& action = actions.at(number);
       syscall(SYS_rt_sigaction, number, nullptr, &action, sizeof action.mask);
-      action.restorer = 0;  // the C library gives one to each that it sets
+      action.restorer = 0;  // the C library adds one to each action that it sets
       action.flags &= ~0x04000000;
     }
   }
@@ -114,7 +115,7 @@ void expect_unchanged(const process_state& before) {
   EXPECT_ELEMENTS(now.actions, before.actions);
 }
 
-// How many frames are above its caller's.
+// The number of frames above that of the caller.
 [[gnu::noinline]] std::size_t count_callers() {
   std::size_t count = 0;
   const auto look = [](_Unwind_Context*, void* counted) {
@@ -125,22 +126,22 @@ void expect_unchanged(const process_state& before) {
   return count - 2;
 }
 
-// Calls `body` from below that many frames.
+// Calls `body` with that many more frames on the stack.
 [[gnu::noinline]] void descend(int depth, void (*body)()) {
   depth > 0 ? descend(depth - 1, body) : body();
-  asm volatile("" ::: "memory");  // something is left to do: the frame stays
+  asm volatile("" ::: "memory");  // keeps the call from being a tail call, so the frame stays
 }
 // The same in a new thread, whose stack is short.
 void below(int depth, void (*body)()) { std::thread(descend, depth, body).join(); }
 
 // ---- The walk ----
 
-// 24 records are at hand, and each further 24 are taken from the heap.
+// 24 records are on the stack, and each further 24 are on the heap.
 constexpr std::size_t chunk = 24;
 std::size_t most_frames(const scenario& s) { return chunk * (s.chunks + 1); }
 
-// A signal from outside that arrives within malloc or free waits until that returns; after a fault
-// within one of them neither is called any more.
+// A signal from outside that arrives in malloc or free waits until that returns. After a fault in
+// one of them, neither is called any more.
 std::string expected_events(const scenario& s, std::size_t frames) {
   const std::size_t kept = std::min(frames, most_frames(s));
   std::string all;
@@ -166,7 +167,7 @@ std::uint32_t expected_status(const scenario& s, std::size_t frames) {
   return frames > most_frames(s) ? TBK_FAULT : TBK_SUCCESS;  // the outermost ones are missing
 }
 
-// Of the frames that were looked at, those that were reported.
+// The examined frames that were reported.
 std::vector<reported_frame> expected_frames(const scenario& s) {
   std::vector<reported_frame> frames;
   for (std::size_t n = 0; n < std::min(reported.size(), looked_at.size()); ++n) {
@@ -208,7 +209,7 @@ TEST(Walk, ReportsEveryFrameInOrder) {
   for (int depth = 0; depth < 400; depth += 1 + depth / 32) below(depth, [] { walk({}); });
 }
 
-TEST(Walk, StopsWhenItIsTold) {
+TEST(Walk, StopsWhenTheCallbackSaysSo) {
   below(80, [] {
     for (const std::int32_t answer : {TBK_STOP, TBK_STOP_FULL}) walk({.answer = answer});
   });
@@ -224,7 +225,7 @@ TEST(Walk, IsCleanedUpAfterASignalAtAnyEventAndWithAnyMemory) {
   });
 }
 
-// As in a handler of that signal.
+// The signal is blocked as it is in its own handler.
 TEST(Walk, EndsByAFaultWhoseSignalIsBlocked) {
   sigset_t fault, before;
   sigemptyset(&fault);
@@ -254,15 +255,15 @@ const layout layouts[] = {
 
 std::string file_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
-// What the loader says of an address.
+// The loader's name for the image of an address.
 Dl_info object_of(std::uint64_t pc) {
   Dl_info object;
   const bool known = dladdr(reinterpret_cast<void*>(pc), &object) != 0;  // NOLINT(*-int-to-ptr)
   return known ? object : Dl_info{"Unknown", nullptr, nullptr, nullptr};
 }
 
-// What is to be written of the frames that were looked at, of which no image tells more than its
-// name: of those behind the hidden ones, and of so many at most.
+// The expected text for the examined frames after the hidden ones, and for at most so many. No
+// image has a .trace section, so only its name is known.
 std::string text_of(const layout& in, std::size_t hidden, std::size_t most = SIZE_MAX) {
   std::string text = in.head;
   for (std::size_t n = 0; n < std::min(looked_at.size() - hidden, most); ++n) {
@@ -278,7 +279,7 @@ std::string text_of(const layout& in, std::size_t hidden, std::size_t most = SIZ
 const std::string overflow = "\nStack trace buffer overflow; further frames not shown.\n";
 const std::string terminated = "\nStack trace terminated abnormally.\n";
 
-const guarded_block memory(1 << 14);  // for texts, which end at its end
+const guarded_block memory(1 << 14);  // buffers for texts are at its end
 
 [[gnu::noinline]] std::size_t print(const layout& in, char* text, std::size_t bytes,
                                     const scenario& s = {}) {
@@ -308,7 +309,7 @@ TEST_P(Text, IsWholeOrSaysThatTheBufferIsFull) {
   EXPECT_EQ(needed, text_of(GetParam(), 3).size() + overflow.size() + 2);
 }
 
-// Its buffer ends before it should, at a page that faults: what is in front of that stands.
+// The buffer ends too early, at a page that faults. The text before that stays.
 TEST_P(Text, SaysThatItWasTerminated) {
   print(GetParam(), nullptr, 0);
   for (std::size_t frames = 0; frames + 4 < looked_at.size(); ++frames) {
@@ -326,7 +327,7 @@ TEST_P(Text, SaysThatItWasTerminated) {
 INSTANTIATE_TEST_SUITE_P(In, Text, testing::ValuesIn(layouts),
                          [](const auto& kind) { return kind.param.name; });
 
-TEST(WalkAndText, HideWhatTheContextAndTheSkipFlagSay) {
+TEST(WalkAndText, HideFramesByTheContextAndTheSkipFlag) {
   const ucontext_t nowhere{};
   ucontext_t somewhere{};
   somewhere.uc_mcontext.gregs[REG_RIP] = 1;
@@ -363,7 +364,7 @@ int step(int result) {
   return result;
 }
 
-// From another thread, which takes none itself. With two threads, the heap has a lock.
+// Signals come from another thread, which takes none itself. With two threads, the heap has a lock.
 void start_storm() {
   sigset_t all, before;
   sigfillset(&all);
@@ -376,7 +377,7 @@ void start_storm() {
 
 std::int32_t go_on(const tbk_frame*, void*, std::int32_t) { return TBK_CONTINUE; }
 
-// A first traceback and later ones, with and without blocks of the heap, which can be used then.
+// A first traceback and later ones, with and without blocks of the heap. The heap works afterwards.
 void expect_tracebacks(const std::function<void()>& prepare) {
   const outcome o = run_in_child([&] {
     alarm(60);

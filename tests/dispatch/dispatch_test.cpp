@@ -1,7 +1,7 @@
-// The shared library from outside. This program has a function of its own for each that the library
-// exports (stand_ins.S), so it sees every hop from one exported routine to the next: which variant
-// a dispatcher takes by which indicator, with every register as the caller left it, and the steps
-// of what calls others in turn. Nothing is computed.
+// Tests the shared library from outside. This program has its own function for each routine that
+// the library exports (stand_ins.S), so it sees every hop from one exported routine to the next:
+// which variant a dispatcher takes for which indicator, with every register as the caller left it,
+// and the calls that a routine makes one after the other. Nothing is computed.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <ucontext.h>
@@ -25,10 +25,10 @@ using steps = std::vector<std::pair<std::string, words>>;
 
 steps calls;
 words inner_block;  // the arguments of the last inner kernel
-u64 detected;       // what detection finds
+u64 detected;       // the result of detection
 
-// Notes the call of a stand-in, which its name follows. On the stack are the return address into
-// the library and more arguments.
+// Records the call of a stand-in, whose name follows its code. The stack holds the return address
+// into the library and further arguments.
 void note(int, siginfo_t*, void* context) {
   auto& registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
   const auto* const stack = reinterpret_cast<const u64*>(registers[REG_RSP]);
@@ -50,8 +50,8 @@ void* of_library(const std::string& name) {
   return dlsym(library, name.c_str());
 }
 
-// Calls a routine of the library with these arguments, or else with registers that nothing on the
-// way may change. Addresses that it passes on are left to the tests of results.
+// Calls a routine of the library with these arguments, or without arguments and with registers that
+// must not change on the way. The addresses that it passes on are checked by the tests of results.
 constexpr u64 address = 1 << 24;
 void expect_calls(const std::string& routine, const steps& expected, const words& w = {}) {
   static unsigned seed = 0;
@@ -83,7 +83,7 @@ void expect_calls(const std::string& routine, const steps& expected, const words
 const std::string types[] = {"r4", "r8", "c4", "c8"}, storages[] = {"n_n", "n_t", "t_n", "t_t"};
 words product_of(u64 m, u64 k, u64 n) { return {address, address, address, m, k, n, 7, 8, 9}; }
 
-// The most demanding variant comes first, the last needs bit 0 alone.
+// The most demanding variant comes first. The last one needs only bit 0.
 std::vector<check> dispatchers() {
   const std::vector<variant> none, blocked = {{level::sse2, ".J"}};
   // clang-format off
@@ -107,8 +107,8 @@ std::vector<check> dispatchers() {
   return all;
 }
 
-// Every mask, every mask without any one of its bits, and each with all other bits set or all that
-// no mask asks for. Where bit 0 is clear, whatever else is set, detection goes before.
+// Tries every mask, every mask with one bit changed, all bits but one, and every mask with all bits
+// that no mask has. Where bit 0 is clear, detection runs first, whatever else is set.
 TEST(Dispatch, TakesTheFirstVariantWhoseMaskIsWhollyPresent) {
   for (const check& c : dispatchers())
     for (const variant& tried : c.variants)
@@ -129,7 +129,7 @@ TEST(Dispatch, TakesTheFirstVariantWhoseMaskIsWhollyPresent) {
         }
 }
 
-// As only a program's own detection can.
+// Only a program's own detection can leave the indicator zero.
 TEST(Dispatch, NoticesADetectionThatLeavesNothing) {
   detected = __zorva_cpu_feature_indicator = 0;
   const auto check =
@@ -155,7 +155,7 @@ TEST(Variants, LeadToTheirWorkers) {
     expect_calls(std::string("_zorva_fast_") + variant, {{worker, {}}});
 }
 
-// Of the general kernels the complex ones promise to detect, even where there is nothing to do.
+// Only the complex general kernels promise to run detection, even where there is nothing to do.
 TEST(Variants, OfProductsClearAndSwapTheExtents) {
   const words kernel{4, 6, 5, 7, 8, 9};
   detected = 1;
@@ -171,7 +171,7 @@ TEST(Variants, OfProductsClearAndSwapTheExtents) {
     }
 }
 
-// Complex arithmetic calls the real one, part by part, in the order of its formulas.
+// Complex arithmetic calls the real routines, part by part, in the order of its formulas.
 TEST(Complex, IsMadeOfRealOperations) {
   const std::pair<const char*, std::vector<std::string>> rows[] = {
       {"__caddq", {"add", "add"}},
@@ -188,8 +188,8 @@ TEST(Complex, IsMadeOfRealOperations) {
   }
 }
 
-// Two panels of columns, the short block of terms before two whole ones, three blocks of rows, and
-// what is left over: a row and three columns.
+// Two panels of columns, the short block of terms before two full ones, three blocks of rows; a row
+// and three columns are left over.
 TEST(BlockedKernel, TakesItsSteps) {
   const u64 m = 525, k = 227, n = 2007;
   for (const std::string a : {"n", "t"})
@@ -212,7 +212,7 @@ TEST(BlockedKernel, TakesItsSteps) {
       expected.insert(expected.end(), 3, {"MATMUL_v_" + a + b + "_pst", column});
       expect_calls(name + "_XK64w", expected, product_of(m, n, k));
 
-      // Where the buffer's parts are, as far as the boundaries below them tell.
+      // The places of the buffer's parts, as far as their alignment shows.
       const u64 packed_a = inner_block[3], packed_b = inner_block[4], strip = inner_block[8];
       EXPECT_EQ(packed_a % 4096, 0u) << name;
       EXPECT_EQ(packed_b - packed_a, 0x3b000u) << name;

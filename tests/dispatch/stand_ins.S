@@ -1,6 +1,7 @@
-// Functions of the test program by the names of all that the library exports, and of what it jumps
-// to in the C library. Each has its name, behind it, and its arguments noted by the handler of a
-// trap, and returns, so that what a caller sees of a call is the library's doing.
+// Functions of the test program with the names of all routines that the library exports, and of
+// those that it jumps to in the C library. Each one executes a trap, whose handler records its
+// name, which follows its code, and its arguments; then it returns. So whatever else a caller sees
+// of a call was done by the library.
 .section .note.GNU-stack, "", @progbits
 .text
 .macro stand_in name, twin
@@ -23,8 +24,8 @@
   stand_in \name
 .endr
 
-// The whole process uses these, so they do their work, by the C library's checked twins, unless the
-// destination is no address: then the call is the test's.
+// The whole process uses these, so they do their work, with the C library's checked variants. Where
+// the destination is not an address, the call comes from the test.
 .irp name, memcpy, memmove, memset
   stand_in \name, __\name\()_chk
 .endr

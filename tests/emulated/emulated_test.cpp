@@ -1,5 +1,5 @@
-// The shared library end to end on emulated processors: which programs it lets start there, what it
-// finds out, and which variants run.
+// Tests the shared library on emulated processors: which programs it lets start, what it detects,
+// and which variants run.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -19,8 +19,8 @@ using namespace zorvac;
 using namespace zorvac::test;
 
 struct processor {
-  std::string model;       // and what is changed in it
-  std::uint64_t features;  // whoever made it
+  std::string model;       // the emulator's model, and changes to it
+  std::uint64_t features;  // for any vendor
   std::uint32_t processor_class;
   std::vector<std::uint32_t> caches_kb;
   const char *copy, *move, *fill, *product;  // the variants of the examples' operations
@@ -52,7 +52,7 @@ outcome run_on(const std::string& model, const std::string& program, const char*
   return run_program({EMULATE, model + (is_foreign(model) ? "" : own), program, argument});
 }
 
-// Runs on the processor at hand, too.
+// Runs on this machine's processor, too.
 TEST(Probe, TellsWhatTheLibraryMakesOfAProcessor) {
   for (const check& c : checks) {
     const outcome o = run_in_child([&] {
@@ -113,13 +113,14 @@ TEST(Emulated, ProcessorsAreServedByTheirLevel) {
   }
 }
 
-// The blocked product runs from SSE2 on, as callers know it, and fills its strip by MOVDDUP.
+// The blocked product is chosen from SSE2 on, which is part of the interface, but fills its strip
+// by MOVDDUP of SSE3.
 TEST(Emulated, BlockedProductsNeedMoreThanTheyAskFor) {
   const outcome o = run_on("core2duo,-ssse3,-sse3", EXAMPLES "/matrix", "150");
   EXPECT_EQ(o.exit_status, 128 + SIGILL) << o;
 }
 
-// The static library, in a program that has no shared ones.
+// The static library, in a program without shared libraries.
 TEST(Emulated, StaticProgramsFindTheProcessor) {
   const outcome o = run_on("Haswell", STATIC, "");
   EXPECT_EQ(o.exit_status, 0) << o;

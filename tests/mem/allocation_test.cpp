@@ -1,7 +1,7 @@
-// What the allocators ask of the C library's, and what they make of it: pools, which threads share,
-// aligned blocks, zero-filled blocks; and the cookie. The linker puts this file between the
-// library's objects and the system (--wrap): calls are written down and answered from here, so that
-// the answers are the same under a sanitizer's allocator.
+// Tests the allocators and how they use the C library's: pools, which threads share, aligned
+// blocks, zero-filled blocks; and the cookie. The linker redirects the library's calls of the
+// system to this file (--wrap). They are recorded and answered here, so the answers are the same
+// under a sanitizer's allocator.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -25,19 +25,19 @@
 namespace zorvac::test {
 namespace {
 
-constexpr std::uint64_t is_mapped = 2;  // in the C library's word in front of a block
+constexpr std::uint64_t is_mapped = 2;  // a bit of the C library's word before a block
 constexpr std::size_t none = SIZE_MAX;
 
-// The system's malloc. It gives each block a region of its own, neither in order of address nor in
-// the reverse order; the block is zero, or has been used where it is not said to be mapped. It has
-// none that is larger than a region.
+// The system's malloc. It gives each block its own region; the regions are in no order of address.
+// A block is zero if it is marked as mapped, else it has been used. No block is larger than a
+// region.
 struct {
-  std::string calls = {};  // what it was asked, and what was filled
+  std::string calls = {};  // its calls, and the fills
   bool is_real = false;    // calloc and free are the C library's own, which threads may call
-  std::function<void()> at_work = [] {};  // while it looks for memory
+  std::function<void()> at_work = [] {};  // runs inside malloc
   std::size_t offset = 16;                // of a block in its region
   std::uint64_t word_in_front = is_mapped;
-  std::size_t written = none;  // a byte of the block that is not zero
+  std::size_t written = none;  // index of a byte of the block that is not zero
   unsigned char* last = nullptr;
 
   void* give(const char* call, std::size_t bytes) {
@@ -63,7 +63,7 @@ void* __real_calloc(std::size_t, std::size_t);
 void __real_free(void*);
 void* __real__zorva_fast_memset(void*, int, std::size_t);
 
-void* calloc_without_malloc(std::size_t, std::size_t);  // fast calloc where malloc is nowhere
+void* calloc_without_malloc(std::size_t, std::size_t);  // fast calloc without a malloc
 
 void* __wrap_malloc(std::size_t size) { return the_system.give("malloc ", size); }
 void* __wrap_calloc(std::size_t n, std::size_t m) {
@@ -80,15 +80,15 @@ void* __wrap__zorva_fast_memset(void* to, int value, std::size_t bytes) {
 }
 }
 
-// What `body` makes the library ask for.
+// The calls of the system that the library makes in `body`.
 std::string asked(const std::function<void()>& body) {
   the_system.calls.clear();
   body();
   return the_system.calls;
 }
 
-// Runs a test's body in a process of its own, since pools stay for the life of a process. Failed
-// expectations stand in the output; a body that hangs ends by SIGALRM.
+// Runs a test's body in its own process, because pools stay for the life of a process. Failed
+// expectations are in the output; SIGALRM ends a body that hangs.
 void in_own_process(const std::function<void()>& body) {
   const outcome o = run_in_child([&] {
     alarm(30);
@@ -97,7 +97,7 @@ void in_own_process(const std::function<void()>& body) {
   EXPECT_EQ(o, (outcome{"", "", 0, 0}));
 }
 
-// A request, and what it makes the library ask for.
+// A request, and the calls of the system that it causes.
 struct request {
   const char* text;
   void* (*make)();
@@ -116,13 +116,13 @@ std::uint32_t blocks_in_use() {
 struct pool_kind {
   const char* name;
   std::uint32_t size, blocks;
-  int for_calloc;               // any value but 0 says that it is zeroed
-  std::uint64_t word_in_front;  // of its memory
+  int for_calloc;               // not 0: the pool is zeroed
+  std::uint64_t word_in_front;  // the word before its memory
   std::size_t written;
-  bool cleared_at_first;  // and whenever it starts over, where it is zeroed
+  bool cleared_at_first;  // a zeroed pool is also cleared each time it starts over
 };
 
-// Takes blocks of a pool until there are so many, and writes to each.
+// Takes blocks of a pool until `blocks` has so many, and writes to each.
 void take(const pool_kind& kind, std::vector<std::byte*>& blocks, std::size_t until) {
   const std::string zeros(kind.for_calloc != 0 ? kind.size : 0, 0);
   for (std::size_t i = blocks.size(); i < until; ++i) {
@@ -135,8 +135,8 @@ void take(const pool_kind& kind, std::vector<std::byte*>& blocks, std::size_t un
   }
 }
 
-// Blocks come in order and are not reused one by one; a pool starts over, from its first block,
-// once every block is free.
+// Blocks come in order and are not reused one by one. A pool starts over with its first block when
+// every block is free.
 TEST(Pool, LivesThroughItsStates) {
   constexpr pool_kind kinds[] = {
       {"40 bytes", 40, 300'000, 0, 0, none, false},
@@ -170,8 +170,8 @@ TEST(Pool, LivesThroughItsStates) {
   }
 }
 
-// Every block of all fifty pools is found to be its pool's, and the system's blocks are not. Of the
-// pools that have room the youngest comes first.
+// For every block of all fifty pools its pool is found, and for the system's blocks none. The
+// youngest pool that has room comes first.
 TEST(Pool, FindsItsBlocksAndItsRoomAmongFifty) {
   in_own_process([] {
     constexpr pool_kind kind{"", 32, 30'000, 0, is_mapped, none, false};
@@ -201,8 +201,8 @@ TEST(Pool, FindsItsBlocksAndItsRoomAmongFifty) {
   });
 }
 
-// A block full of sevens, as is the byte behind it, moved to another size. There, what is behind
-// the sevens of the block stays zero.
+// Moves a block to another size. The block and the byte after it are full of sevens. In the new
+// block, the bytes after the old size stay zero.
 void* move(void* block, std::uint32_t old_size, std::uint32_t size) {
   const std::string expected = std::string(std::min(old_size, size), 7) + '\0';
   void* const moved = __i_pool_realloc(std::memset(block, 7, old_size + 1), size);
@@ -210,8 +210,8 @@ void* move(void* block, std::uint32_t old_size, std::uint32_t size) {
   return moved;
 }
 
-// What pools do not serve goes to the system. The smaller size moves: between pools, to the system,
-// and from a zeroed pool to one that is not.
+// Requests that no pool serves go to the system. Reallocation moves the smaller of both sizes:
+// between pools, to the system, and from a zeroed pool to one that is not.
 TEST(Pool, AsksTheSystemForWhatIsNotRegistered) {
   in_own_process([] {
     __i_pool_init(sizes{64, 32, 0}.begin(), 0);
@@ -245,9 +245,9 @@ TEST(Pool, AsksTheSystemForWhatIsNotRegistered) {
   });
 }
 
-// Without memory the answer is null, and the next request asks again, by the same descriptor. The
-// bytes of a pool are a 32-bit signed product, taken to malloc as it is; where it wraps, the zero
-// fill stays within what malloc was asked for. There are fifty sizes and fifty pools.
+// Without memory the answer is null, and the next request asks again with the same descriptor. The
+// bytes of a pool are a 32-bit signed product, which malloc gets unchanged; where it wraps, the
+// zero fill stays within the requested size. There are at most fifty sizes and fifty pools.
 TEST(Pool, AsksForItsBytesUntilItHasThem) {
   in_own_process([] {
     std::vector<std::uint32_t> registered{71'582, 71'583, 143'166};
@@ -270,8 +270,8 @@ TEST(Pool, AsksForItsBytesUntilItHasThem) {
   });
 }
 
-// A signal handler may fork where it interrupts a thread that has the lock. In the child, too, that
-// thread goes on and releases it.
+// A signal handler may fork when it interrupts a thread that holds the lock. In the child, too,
+// that thread continues and releases the lock.
 TEST(Pool, MayBeInterruptedByASignalHandlerThatForks) {
   in_own_process([] {
     static pid_t child;
@@ -291,16 +291,16 @@ TEST(Pool, MayBeInterruptedByASignalHandlerThatForks) {
   });
 }
 
-// Makes a pool one of so few blocks that it starts over all the time.
+// Gives a pool so few blocks that it starts over all the time.
 void shrink(mem::pool& p, std::uint32_t count) {
   p.count = count;
   p.last = p.base.load_acquire() + (count - 1) * p.size;
-  last_pool_num = mem::max_pools;  // no more than this one
+  last_pool_num = mem::max_pools;  // no further pool is opened
 }
 
-// A thread has counted a pool's last block and waits for the lock to drain the pool, when another
-// one forks. The child, which does not have that thread, drains the pool; the parent leaves it to
-// the thread. A pool with a block in use is not drained.
+// A thread has counted a pool's last block as freed and waits for the lock to drain the pool; then
+// another thread forks. The child does not have the waiting thread, so the child drains the pool
+// itself. In the parent the waiting thread does it. A pool with a block in use is not drained.
 TEST(PoolInAForkedChild, StartsOverWhereAThreadWasToDrainIt) {
   for (const std::uint32_t freed : {2u, 1u})
     in_own_process([=] {
@@ -314,14 +314,15 @@ TEST(PoolInAForkedChild, StartsOverWhereAThreadWasToDrainIt) {
     });
 }
 
-// Threads wait for the lock, having found no pool; the first to get it opens one for all. Then that
-// is made a pool of a few blocks, so that nearly every request meets it being filled up, drained or
-// started over by another thread. Each start clears all of it: a block that somebody still has
-// would not keep its stamp, which names the owner. Blocks are freed by another thread than took
-// them, and written with plain stores, so that the thread sanitizer sees every hand-over that the
-// pool does not order. An index that was handed out to nobody would keep it from draining for good.
+// The threads find no pool and wait for the lock. The first one that gets it opens a pool for all.
+// Then the pool gets only a few blocks, so that nearly every request comes while another thread
+// fills up, drains or restarts it. Each restart clears the whole pool, so a block that a thread
+// still owns would lose the owner's stamp. Blocks are freed by another thread than the one that
+// took them, and are written with plain stores, so the thread sanitizer sees every hand-over that
+// the pool does not order. A block that was handed out to no thread would keep the pool from
+// draining for ever.
 //
-// One of them forks. No child finds the lock taken, and all of its blocks are zero.
+// One of the threads forks. No child finds the lock taken, and all of its blocks are zero.
 TEST(Pool, IsSharedByThreadsThatFork) {
   in_own_process([] {
     using word = std::uint64_t;
@@ -367,8 +368,8 @@ TEST(Pool, IsSharedByThreadsThatFork) {
   });
 }
 
-// The shared library, and malloc as it is where it fills what it gives (as under the tunable
-// glibc.malloc.perturb). What the library has the C library call around a fork goes with it.
+// The shared library with a malloc that fills its blocks, as with the tunable glibc.malloc.perturb.
+// When the library is unloaded, its fork handlers are removed.
 TEST(LoadedLibrary, ClearsItsPoolsAndLeavesNoForkHandlersBehind) {
   in_own_process([] {
     void* const library = dlopen(LIBRARY, RTLD_NOW);
@@ -386,8 +387,9 @@ TEST(LoadedLibrary, ClearsItsPoolsAndLeavesNoForkHandlersBehind) {
   });
 }
 
-// Wherever malloc's memory lies, at any multiple of 16. An alignment that is no power of two is not
-// rejected: its block lies within the memory all the same, at a multiple of the power in it.
+// malloc's memory may be at any multiple of 16. An alignment that is not a power of two is
+// accepted: the block is inside the memory, at a multiple of the largest power of two that divides
+// it.
 TEST(AlignedBlock, IsAlignedWithinItsMemoryAndFreesThat) {
   for (const std::size_t alignment : {0u, 1u, 2u, 4u, 8u, 16u, 24u, 64u, 96u, 1024u, 65536u})
     for (the_system.offset = 16; the_system.offset < 2048; the_system.offset += 16) {
@@ -403,7 +405,7 @@ TEST(AlignedBlock, IsAlignedWithinItsMemoryAndFreesThat) {
   EXPECT_EQ(asked([] { zorvac_mm_free(nullptr); }), "");
 }
 
-// Zero-filled memory where malloc's has such a place, and such a word in front.
+// A request of zero-filled memory, with the place of malloc's block and the word before it.
 void* fast_calloc_at(std::size_t offset, std::uint64_t word_in_front, std::size_t count) {
   the_system.offset = offset;
   the_system.word_in_front = word_in_front;
@@ -412,9 +414,9 @@ void* fast_calloc_at(std::size_t offset, std::uint64_t word_in_front, std::size_
   return block;
 }
 
-// Only a block that was mapped for the purpose is not filled, as the word in front of it tells,
-// unless that lies on the page before. The product wraps; a sum that does is refused. An alignment
-// is raised after that.
+// Only a block that was mapped for this request is not filled. The word before it says so, but is
+// not read where it is on the page before. The product of count and size may wrap; a sum that wraps
+// is refused. The alignment is raised after that.
 TEST(Allocation, GivesWhatMallocGivesOrNull) {
   const std::string all = "malloc " + std::to_string(SIZE_MAX) + ' ';
   const request requests[] = {
@@ -435,8 +437,8 @@ TEST(Allocation, GivesWhatMallocGivesOrNull) {
   }
 }
 
-// The check goes by the variable, which a program may have set before anything was guarded, and
-// changes no register when it returns.
+// The check compares with the variable, which a program may set before it guards anything. When it
+// returns, it has changed no register.
 TEST(Cookie, AnyValueButTheVariablesEndsTheProcess) {
   EXPECT_NE(__zorva_security_cookie, 0u);
   EXPECT_EQ(__zorva_security_cookie >> 32, 0u);

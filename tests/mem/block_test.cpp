@@ -1,7 +1,7 @@
-// The family of block routines, call by call: what comes out, byte for byte, with the bytes around
-// it, the ends of pages, every overlap, and what the calling convention keeps for the caller; the
-// oracle is the C library. Then which way a block goes: the bytes come out the same on every path,
-// so the routines are single-stepped, under a clock of the test's own.
+// Tests the block routines call by call: the result, byte for byte, with the bytes around it, at
+// the ends of pages and with every overlap, and what the calling convention preserves. The oracle
+// is the C library. Then the tests check which path a block takes. The bytes are the same on every
+// path, so the routines are single-stepped, with a clock of the test's own.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -28,7 +28,7 @@ namespace {
 
 enum class kind { zero, fill, copy, move, compare };  // a zero fill ignores its second argument
 
-// The code behind the names: which instructions, and what for.
+// The worker behind a name, by its instructions and its purpose.
 // clang-format off
 enum class worker {
   sse2_copy, ssse3_copy, ssse3_rep_copy, avx2_copy, avx512_copy, probing_copy,
@@ -37,15 +37,15 @@ enum class worker {
 // clang-format on
 using enum worker;
 
-// All take three words and return one, of which a comparison means the lower half.
+// All take three words and return one. Of a comparison's result only the lower half counts.
 using routine = std::uintptr_t(void*, std::uintptr_t, std::size_t);
 struct member {
   std::string name;
   routine* entry;
   worker of;
   kind what;
-  int runs;           // on this processor
-  std::size_t small;  // the largest count of its table; 0: it has none
+  int runs;           // whether this processor can run it
+  std::size_t small;  // the largest count of its table of small counts; 0: it has none
 };
 void PrintTo(const member& m, std::ostream* out) { *out << m.name; }
 // clang-format off
@@ -80,7 +80,7 @@ const member members[] = {
     MEMBER(_zorva_fast_memcmp, comparison, compare, 1, 0),
 };
 
-// The values that the library's initialiser leaves for the workers: bytes, and the copy method.
+// The values that the library's initialiser stores for the workers: bytes, and the copy method.
 struct cache_values {
   std::int32_t largest, data, method = 2;
 };
@@ -93,9 +93,9 @@ void set_caches(const cache_values& v) {
   __libvrt_mem_ops_method = v.method;
 }
 
-// ---- What comes out -----------------------------------------------------------------------------
+// ---- Results ------------------------------------------------------------------------------------
 
-// Random bytes between two guard pages, and what they are to be. Every attempt leaves them so.
+// Random bytes between two guard pages, and a copy of them. Every attempt restores them.
 struct area {
   explicit area(std::uint64_t seed) : master(bytes) {
     case_random random(seed);
@@ -127,9 +127,9 @@ class Block : public testing::TestWithParam<member> {
   }
   static bool fills() { return GetParam().what == kind::zero || GetParam().what == kind::fill; }
 
-  // One call, of which one in 64 shows that what belongs to the caller survives: callee-saved
-  // registers, the direction flag, and upper halves that were zero, since dirty ones slow down SSE
-  // code.
+  // Makes one call. One in 64 also checks what the routine must preserve: callee-saved registers,
+  // the direction flag, and zeros in the upper halves of vector registers, because other values
+  // there slow down SSE code.
   std::uintptr_t call(unsigned char* to, std::uintptr_t second, std::size_t count) {
     if (counted || ++calls_ % 64 != 0) return GetParam().entry(to, second, count);
     register_file in = filled_registers(calls_);
@@ -146,8 +146,8 @@ class Block : public testing::TestWithParam<member> {
     return out.general[rax];
   }
 
-  // What the C library does at `oracle` is expected at `at`. Only the low 8 bits of a fill's value
-  // count, or none.
+  // Calls the C library at `oracle` and the routine at `at`. A fill uses only the low 8 bits of its
+  // value; a zero fill ignores it.
   void write(unsigned char* at, unsigned char* oracle, const attempt& a) {
     std::uintptr_t second = reinterpret_cast<std::uintptr_t>(a.source->block.begin() + a.from);
     if (fills()) {
@@ -189,8 +189,8 @@ class Block : public testing::TestWithParam<member> {
     ASSERT_FALSE(HasFailure()) << setting_ << ": " << a;
   }
 
-  // All pairs of alignments for the smallest counts, and with them all distances of overlap; some
-  // for others. The count decides which.
+  // Tries all pairs of alignments, and with them all distances of overlap, for the smallest counts;
+  // for others, random ones, which depend only on the count.
   void expect_exact_at_many_places(std::size_t count) {
     random_ = case_random(count);
     const bool is_all = count <= 300, is_small = count < 65536;
@@ -237,8 +237,8 @@ constexpr setting settings[] = {
     {"megabytes within the caches", {32 << 20, 1 << 20}},
 };
 
-// Every small count, every iteration number of every bulk loop with every length of remainder, and
-// both sides of every limit that a member could have under these values, with room for the bytes
+// All small counts, all numbers of iterations of each bulk loop with all lengths of the remainder,
+// and both sides of every limit that a member can have with these values, with room for the bytes
 // that alignment takes off.
 std::vector<std::size_t> counts_for(const cache_values& v) {
   const auto l = static_cast<std::size_t>(v.largest), d = static_cast<std::size_t>(v.data);
@@ -261,7 +261,7 @@ TEST_P(Block, IsExactAtEveryCountAlignmentAndOverlap) {
       if (count < 65536) expect_exact_at_page_ends(count);
       if (HasFailure()) return;
     }
-    if (GetParam().what == kind::compare) break;  // looks at no cache value
+    if (GetParam().what == kind::compare) break;  // does not use the cache values
   }
   for (const area* a : {&to_area, &from_area})
     EXPECT_BYTES(bytes(a->block.begin(), area::bytes), a->master);
@@ -275,28 +275,28 @@ TEST(Compare, ReadsNothingWhereNothingCounts) {
   EXPECT_EQ(_zorva_fast_memcmp(block.end(), block.end(), 100), 0);
 }
 
-// ---- Which way it goes --------------------------------------------------------------------------
+// ---- Paths --------------------------------------------------------------------------------------
 
-// A call to be traced: the offsets are from the start of a page.
+// A call to trace. The offsets are from the start of a page.
 struct traced_call {
   cache_values caches;
   std::size_t to, from, count;
-  // How long it takes to read the destination's bytes 4096 and 12288.
+  // The time that it takes to read the destination's bytes 4096 and 12288.
   std::uint64_t delay_at_quarter = 0, delay_at_three_quarters = 0;
 };
 
-// How a block went, as the instructions tell.
+// The path of a block, as the executed instructions show.
 struct path {
-  std::set<std::string> mnemonics;      // of those that tell the ways apart
+  std::set<std::string> mnemonics;      // only those that distinguish the paths
   std::vector<std::size_t> prefetched;  // bytes from the block's start, in source or destination
   std::vector<std::size_t> probed;      // bytes of the destination read under the clock
-  bool loops = false;                   // an instruction ran again
+  bool loops = false;                   // an instruction ran twice
   int indirect_jumps = 0;
   enum { nothing, low, high } first_half = nothing;  // of the destination that was touched
-  bool unfenced = false;                             // a streaming store came last
+  bool unfenced = false;                             // no fence came after a streaming store
   std::string misaligned;  // a store in a loop, or a load in one that merges blocks
 
-  // The telling mnemonics, in the order of the alphabet; without any, whether there is a loop.
+  // The mnemonics above in alphabetical order; if there are none, whether there is a loop.
   [[nodiscard]] std::string way() const {
     if (mnemonics.empty()) return loops ? "loop" : "straight";
     std::string text;
@@ -365,12 +365,12 @@ class Path : public testing::TestWithParam<member> {
   }
 };
 
-// A limit at which a worker changes its way: with one byte less than `count` a block goes `below`,
-// from `count` on it goes `above`.
+// A limit at which a worker changes its path: with one byte less than `count` a block takes the
+// path `below`, and from `count` on it takes `above`.
 //
 // To write a row, take the limit from the worker's source, and choose caches that put it between
 // its table of small counts and the 64 KB of the test. The limit is compared with what is left of
-// the block after alignment. So `count` is written as a sum: the limit, one more where the way
+// the block after alignment. So `count` is written as a sum: the limit, one more where the path
 // changes above it, and the bytes that alignment takes off. These are
 //
 //   SSE2      8 to offset 8
@@ -386,12 +386,12 @@ struct threshold {
   std::string below, above;
   struct {
     std::size_t count = 0, nearest = 0, farthest = 0;
-  } prefetches = {};  // above; none: not looked at
+  } prefetches = {};  // on the path `above`; none: not checked
 };
 const std::string split = "lfence movntdq prefetchnta prefetcht0 sfence";
 // clang-format off
 const threshold thresholds[] = {
-    // Method 2 alone has vectors. A loop through the caches takes 128 bytes and leaves less than
+    // Only method 2 uses vectors. A loop through the caches takes 128 bytes and leaves less than
     // 168.
     {"AboveHalfTheLargestCacheItStreams", sse2_copy, {2048, 512},
      8, 3, 1024 + 1 + 8, "loop", "movntdq prefetchnta sfence", {16, 392, 1352}},
@@ -415,8 +415,7 @@ const threshold thresholds[] = {
     {"AboveNineHalvesOfTheLargestCacheAllIsStreamed", ssse3_rep_copy, {2048, 512},
      16, 35, 9 * 1024 + 1 + 16 + 16, split, "lfence movntdq prefetcht0 sfence", {144, 544, 9888}},
 
-    // It streams while an iteration, of 256 bytes, leaves 768. With unknown caches it fences at
-    // once.
+    // It streams while an iteration of 256 bytes leaves 768. With unknown caches it fences at once.
     {"FromThreeEighthsOfLevel1ItRepeats", avx2_copy, {8192, 2048}, 0, 2, 768 + 32, "loop", "movsb"},
     {"FromHalfTheLargestCacheOnItStreams", avx2_copy, {8192, 2048},
      1, 2, 4096 + 31, "movsb", "movntdq prefetcht0 sfence", {52, 543, 3807}},
@@ -459,7 +458,7 @@ TEST_P(Ways, ChangeAtThresholds) {
     EXPECT_EQ(std::ranges::max(above.prefetched), row.prefetches.farthest) << "farthest prefetch";
   }
 }
-// A table is one indirect jump to code that never comes back.
+// A table is one indirect jump to straight code without a loop.
 TEST_P(Ways, AreOneJumpForSmallCounts) {
   for (std::size_t count = GetParam().small; count > 0; --count) {
     const path seen = path_of(GetParam(), {ordinary, 64, 64 + count % 64, count});
@@ -495,11 +494,11 @@ TEST_P(Directions, FollowTheLowBytes) {
 INSTANTIATE_TEST_SUITE_P(Members, Directions,
                          testing::ValuesIn(members_of({ssse3_copy, ssse3_rep_copy})), name_of_row);
 
-// The probing members leave up to 16384 bytes to string instructions. Beyond, they read the byte at
-// one quarter of the bulk, and if that takes more than three times as long as reading the clock the
-// one at three quarters; if that does too, the bulk is streamed. Differences of the clock have 32
-// bits. Where the destination is misaligned, all this is of what the bytes before its boundary
-// leave.
+// The probing members leave up to 16384 bytes to string instructions. For more, they read the byte
+// at one quarter of the bulk. If that takes more than three times as long as reading the clock,
+// they read the byte at three quarters. If that takes as long, too, the bulk is streamed.
+// Differences of the clock have 32 bits. If the destination is misaligned, the bytes up to its
+// boundary are not part of the bulk.
 struct probe {
   const char* name;
   std::size_t to, count;

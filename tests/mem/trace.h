@@ -1,8 +1,9 @@
 #ifndef ZORVAC_TESTS_MEM_TRACE_H
 #define ZORVAC_TESTS_MEM_TRACE_H
-// Runs a routine one instruction at a time (the processor's trap flag) and tells which instructions
-// it executed, as libZydis knows them: the only way to see from outside that a block was streamed,
-// fenced, prefetched or left to a string instruction, since all of them produce the same bytes.
+// Runs a routine one instruction at a time (with the processor's trap flag) and records which
+// instructions it executed, decoded by libZydis. All paths produce the same bytes, so this is the
+// only way to see from outside that a block was streamed, fenced, prefetched or left to a string
+// instruction.
 #include <Zydis/Zydis.h>
 
 #include <csignal>
@@ -16,11 +17,12 @@ namespace zorvac::test {
 struct step {
   std::uintptr_t address;
   std::string what;        // the mnemonic
-  std::uintptr_t operand;  // the address of what it reads or writes in memory, of `bytes` bytes
+  std::uintptr_t operand;  // the address of its memory operand, which has `bytes` bytes
   unsigned bytes;
 };
-// The routine allocates nothing, so this may, in the middle of it. Returns the time that the step
-// takes, on a clock that the routine reads and that stands still otherwise, but for being read.
+// Runs in the middle of the routine, and may allocate, because the routine does not. Returns the
+// time that the step takes on the clock that the routine reads. Apart from that, only reading the
+// clock takes time.
 using observer = std::function<std::uint64_t(const step&)>;
 constexpr std::uint64_t clock_reading = 30;
 inline struct {
@@ -30,8 +32,8 @@ inline struct {
   observer observe;
 } recorder;
 
-// What is next to run. An instruction is the same with VEX and without, on integers or not; jumps
-// are indirect ones.
+// The next instruction. It has one name with VEX and without, for integers and floating point. Of
+// the jumps only indirect ones count.
 inline step decode(const greg_t* registers) {
   static constexpr int order[] = {REG_RAX, REG_RCX, REG_RDX, REG_RBX, REG_RSP, REG_RBP,
                                   REG_RSI, REG_RDI, REG_R8,  REG_R9,  REG_R10, REG_R11,
@@ -55,7 +57,7 @@ inline step decode(const greg_t* registers) {
   return s;
 }
 
-// Shows what is next to run. RDTSC is done here.
+// Reports the next instruction. RDTSC is emulated here.
 inline void on_step(int, siginfo_t*, void* context) {
   auto& [entry, return_slot, now, observe] = recorder;
   greg_t* const registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;

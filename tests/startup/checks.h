@@ -1,6 +1,6 @@
 #ifndef ZORVAC_TESTS_STARTUP_CHECKS_H
 #define ZORVAC_TESTS_STARTUP_CHECKS_H
-// The letter-coded start-up checks: what each variant takes and assumes, and how `.A` refuses.
+// The letter-coded start-up checks: what each variant requires and assumes, and how `.A` refuses.
 #include <dlfcn.h>
 
 #include <string>
@@ -10,10 +10,10 @@
 
 namespace zorvac::test {
 
-// The optional modes that a variant takes for supported without asking the processor.
+// The optional modes that a variant assumes to be supported, without asking the processor.
 enum assumption { nothing = 0, daz = 2, daz_and_bit_17 = 6 };
 
-constexpr std::uint64_t never_selected = 0;  // by direct call only
+constexpr std::uint64_t never_selected = 0;  // can only be called directly
 struct variant {
   std::uint64_t takes;
   std::string letter;
@@ -22,7 +22,7 @@ struct variant {
 struct check {
   std::string name;
   std::vector<variant> variants;  // the most demanding comes first
-  int refusal = 0;                // number of a message; 0: nothing is done
+  int refusal = 0;                // number of a message; 0: does not refuse
 };
 inline const std::vector<variant> from_sse2 = {
     {level::sse3, ".L", daz}, {level::sse2, ".K", daz}, {never_selected, ".J", nothing}};
@@ -45,7 +45,7 @@ inline const check checks[] = {
     {"__zorva_proc_init_T", {{level::ssse3, ".M", daz}}, 42},
 };
 
-// The modes that a check sets when it is called with `flags`, of which the older ones take none.
+// The modes that a check sets when it is called with `flags`. The older checks ignore the flags.
 inline int effective(const check& c, int flags) {
   return c.name.starts_with("__zorva_new") ? flags : 3;
 }

@@ -1,8 +1,9 @@
-// What a start-up check ends in: setting MXCSR modes by its flags word, or a refusal with its exact
-// text, stream and exit status, and with exit handlers run. Then the messages that refusals are
-// made of: the built-in texts, the catalogue and its one retry, bounded formatting, streams.
+// Tests the results of start-up checks: MXCSR modes, set by the flags word, or a refusal with its
+// exact text, stream and exit status, after which exit handlers run. Then tests the messages: the
+// built-in texts, the catalogue and its one retry, bounded formatting, streams.
 //
-// Look-up has state that is set once a process, so whatever prints runs in a child of its own.
+// The look-up of messages has state that is set once in a process, so whatever prints runs in its
+// own child process.
 #include <gtest/gtest.h>
 #include <nl_types.h>
 #include <x86intrin.h>
@@ -25,8 +26,8 @@
 #include "support/child.h"
 #include "zorvac/cpu.h"
 
-// Stands before the C library's routine.
-static std::string attempts;  // LANG at each
+// Replaces the C library's routine.
+static std::string attempts;  // LANG at each call
 static std::function<void()> during_attempt = [] {};
 extern "C" nl_catd catopen(const char* name, int flag) {
   const char* lang = std::getenv("LANG");
@@ -35,7 +36,7 @@ extern "C" nl_catd catopen(const char* name, int flag) {
   return reinterpret_cast<nl_catd (*)(const char*, int)>(dlsym(RTLD_NEXT, "catopen"))(name, flag);
 }
 
-// Stands before the library's routine wherever a check calls it.
+// Replaces the library's routine wherever a check calls it.
 extern "C" void __real___zorva_proc_init_ftzdazule(int assumed, int flags);
 extern "C" void __wrap___zorva_proc_init_ftzdazule(int assumed, int flags) {
   std::printf("modes are set, assumed %d, flags %d", assumed, flags);
@@ -54,8 +55,8 @@ constexpr std::uint32_t daz_bit = mxcsr_bit::denormals_are_zero,
 
 constexpr std::uint32_t all_modes_set = 0xffc0;  // and all exceptions masked
 
-// The optional modes that are granted, by what is assumed of the processor, the flags, and the
-// processor's own mask of MXCSR bits; and whether it is asked for the mask.
+// The optional modes that are granted, by what is assumed of the processor, by the flags, and by
+// the processor's mask of MXCSR bits; and whether the mask is read.
 constexpr struct {
   const char* what;
   int assumed, flags;
@@ -83,7 +84,8 @@ TEST(Modes, AreGrantedByAssumptionOrElseByTheMask) {
   }
 }
 
-// The first call leaves its area full of ones where the second finds its own, which is to be clear.
+// The first call leaves its area on the stack full of ones. The second call has its area at the
+// same place, and must clear it.
 TEST(Modes, AreNotReadFromAnAreaThatNobodyCleared) {
   const auto stores_ones = [](fxsave_image& area) { std::memset(&area, 0xff, sizeof area); };
   const auto stores_nothing = [](fxsave_image& area) {
@@ -93,7 +95,7 @@ TEST(Modes, AreNotReadFromAnAreaThatNobodyCleared) {
   EXPECT_EQ(supported_mxcsr_bits(stores_nothing), 0u);
 }
 
-// Counts the FXSAVE instructions (0f ae /0) of a routine that is executed by single steps.
+// Counts the FXSAVE instructions (0f ae /0) of a routine that is single-stepped.
 volatile int fxsaves;
 void look_at_step(int, siginfo_t*, void* context) {
   const auto at = static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_RIP];
@@ -103,7 +105,7 @@ void look_at_step(int, siginfo_t*, void* context) {
   if (code[0] == 0x0f && code[1] == 0xae && operation == 0) fxsaves = fxsaves + 1;
 }
 
-// On the processor at hand. Modes are set, and none is cleared.
+// On this machine's processor. Modes are set, and none is cleared.
 TEST(Modes, AreSetAndTheProcessorAskedOnlyWhereTheTableSaysSo) {
   alignas(16) std::uint32_t image[128] = {};
   __builtin_ia32_fxsave64(image);
@@ -118,7 +120,7 @@ TEST(Modes, AreSetAndTheProcessorAskedOnlyWhereTheTableSaysSo) {
       if ((g.flags & 2) != 0) modes |= daz_bit;
       if ((g.flags & 4) != 0) modes |= bit_17;
       if (g.questions != 0) modes &= supported;
-      if ((modes & ~supported) != 0) continue;  // assumed and not there: it would fault
+      if ((modes & ~supported) != 0) continue;  // assumed but not supported: it would fault
       fxsaves = 0;
       mxcsr::write(before);
       __writeeflags(__readeflags() | flags_bit::trap);
@@ -159,7 +161,7 @@ TEST(Letters, SetTheModesByWhatTheyAssume) {
             << c.name << v.letter << " with flags " << flags;
 }
 
-// Message 42 to 48 describes a processor, 50 to 52 what a system must support.
+// Messages 42 to 48 describe a processor, 50 to 52 what a system must support.
 TEST(Letters, RefuseOrIgnoreWhatTheyDoNotTake) {
   for (const check& c : checks) {
     outcome expected = nothing_done;
@@ -195,7 +197,7 @@ TEST(FeatureMask, SetsTheModesOrNamesWhatIsMissing) {
       {level::avx2, mask_of("QRTNI"), lacks("QRTNI")},  // is never detected
       {level::sse2, level::sse3, misfit},               // with bit 0
       {level::sse2, mask_of("SSE3") | bit_25, misfit},  // a bit without a name
-      {level::sse2, bit_40 | bit_63, misfit},           // unknown bits alone, and besides
+      {level::sse2, bit_40 | bit_63, misfit},           // only unknown bits
       {level::sse2, bit_63 | mask_of("SSE3"), lacks("SSE3")}};
   // clang-format on
   for (const auto& r : rows)
@@ -205,9 +207,9 @@ TEST(FeatureMask, SetsTheModesOrNamesWhatIsMissing) {
       << "it detects first";
 }
 
-// A catalogue may hold a separator of any length. A name is appended only while the list, the held
-// name, the separator, the next name and ", " together stay below 1024 bytes: here, 12 bytes and
-// the separator.
+// A catalogue may hold a separator of any length. A name is appended only if the list, the pending
+// name, the separator, the next name and ", " together are below 1024 bytes. Here they are 12 bytes
+// and the separator.
 TEST(FeatureMask, ListDropsItsLastNamesAfterALongSeparator) {
   const auto plus = [](std::size_t length) { return std::string(length, '+'); };
   const std::pair<std::string, std::string> rows[] = {
@@ -223,7 +225,7 @@ TEST(FeatureMask, ListDropsItsLastNamesAfterALongSeparator) {
 
 // ---- Messages -----------------------------------------------------------------------------------
 
-// As the catalogues and their companion tools know them: number, category, text with escapes.
+// The published messages: number, category, text with escapes.
 TEST(Messages, AreTheCatalogues) {
   std::ifstream file(MESSAGES);
   int number = 0, category = 0, rows = 0;
@@ -246,8 +248,8 @@ TEST(Messages, NameFeatures) {
         << "bit " << f.indicator_bit;
 }
 
-// The end of a line needs no catalogue, nor has it a text. Formatted only with arguments; the
-// formatted text is the format of the print that follows, which takes per-cent signs for its own.
+// Message 0, the end of a line, has no text and needs no catalogue. A message is formatted only if
+// it has arguments. The result is then the format of a print, so percent signs in it count again.
 // Any stream but 1 is standard output.
 TEST(Messages, AreFormattedAndGoToTheStreamAsked) {
   const outcome o = run_in_child([] {
@@ -266,7 +268,7 @@ TEST(Messages, AreFormattedAndGoToTheStreamAsked) {
                         0, 0}));
 }
 
-// 511 characters fit; one more ends the process as the C library ends one on a buffer overflow.
+// 511 characters fit. One more ends the process, as the C library does on a buffer overflow.
 TEST(Messages, OverflowEndsTheProcess) {
   const std::string longest(482, 'x'), longer = longest + 'x';
   const std::tuple<std::string, int, std::string> rows[] = {
@@ -282,7 +284,7 @@ TEST(Messages, OverflowEndsTheProcess) {
   }
 }
 
-// Prints messages 26 and 54 twice under a LANG, then LANG at each attempt and in the end.
+// Prints messages 26 and 54 twice with a value of LANG, then LANG at each attempt and at the end.
 outcome look_up(const std::string& lang) {
   return run_in_child([&] {
     lang == "unset" ? unsetenv("LANG") : setenv("LANG", lang.c_str(), 1);
@@ -292,10 +294,10 @@ outcome look_up(const std::string& lang) {
   });
 }
 
-// Catalogues of messages 26 and 27 alone, made by the system's own tool: what is missing comes from
-// the table, and all of it where there is none, or something else in its place. Only a LANG with a
-// codeset is tried again, without it, and only where the first attempt failed. Of LANG 127
-// characters count, its point among them.
+// The catalogues have only messages 26 and 27, and are made by the system's own tool. A missing
+// message comes from the table; all do where there is no catalogue, or another file at its place. A
+// second attempt, without the codeset, is made only for a LANG with a codeset and only where the
+// first attempt failed. Only the first 127 characters of LANG count, including its dot.
 TEST(Catalogues, AreFoundByLanguage) {
   std::string folder = testing::TempDir() + "zorvac-catalogue-XXXXXX";
   ASSERT_NE(mkdtemp(folder.data()), nullptr);
@@ -320,9 +322,9 @@ TEST(Catalogues, AreFoundByLanguage) {
     EXPECT_EQ(look_up(lang), (outcome{lang + ' ' + second + lang + ' ', lines + lines, 0, 0}));
   }
 
-  // The C library opens many a truncated catalogue without complaint. A text that is gone comes
-  // from the table; of one that was cut in the middle what is left is printed, which nobody can
-  // tell.
+  // The C library opens many truncated catalogues without an error. A text that is missing comes
+  // from the table. Of a text that was cut in the middle the rest is printed, because nothing shows
+  // that it was cut.
   for (auto length = std::filesystem::file_size(file("tlh")); length-- > 0;) {
     std::filesystem::resize_file(file("tlh"), length);
     const outcome o = look_up("tlh");
@@ -336,10 +338,10 @@ TEST(Catalogues, AreFoundByLanguage) {
   std::filesystem::remove_all(folder);
 }
 
-// Where another thread is in the first or second attempt, a child of fork makes both attempts
-// itself, with the LANG of before, which it has again afterwards. The parent's thread goes on as if
-// nothing had been.
-TEST(Catalogues, AreOpenedAnewInAChildOfForkAmidTheirOpening) {
+// If another thread is in the first or second attempt during a fork, the child makes both attempts
+// itself, with the original LANG, which it also has afterwards. The parent's thread is not
+// affected.
+TEST(Catalogues, AreOpenedAgainInAChildForkedDuringTheirOpening) {
   for (const std::string amid : {"none.UTF-8 ", "none.UTF-8 none "}) {
     const outcome o = run_in_child([&] {
       setenv("LANG", "none.UTF-8", 1);

@@ -1,9 +1,10 @@
-// Every routine against the C library's, on the same bytes at the same addresses: the answers must
-// be the same, and so must be all memory. Strings lie at every place of a block, against unreadable
-// pages and across the end of a page. Named scenes first; then a campaign over every length.
+// Compares every routine with the C library's, on the same bytes at the same addresses: the results
+// and all memory must be the same. Strings lie at every place of a block, next to unreadable pages
+// and across the end of a page. Named scenes come first, then a campaign with every length.
 //
-// A routine is called by the inline function of the header, or by the registers of its interface,
-// where those that are to be preserved are looked at too: every other case of the campaign is.
+// A routine is called by the inline function of the header, or with the registers of its interface.
+// The second way, in every other case of the campaign, also checks the registers that must be
+// preserved.
 #include "zorvac/string.h"
 
 #include <gtest/gtest.h>
@@ -29,13 +30,13 @@ using word = std::uint64_t;
 
 // ---- Memory -------------------------------------------------------------------------------------
 
-// Fields have no more bytes, and malloc has no more.
+// The most bytes of a field, and of malloc.
 constexpr std::size_t page_bytes = 4096, most_room = 300;
 
 // Two pages between unreadable ones.
 struct area {
   const char* name;
-  std::span<char> block = {};  // what is looked at; the rest is noise
+  std::span<char> block = {};  // the bytes of the case; the rest is random
   guarded_block pages{2 * page_bytes};
 
   [[nodiscard]] char* begin() const { return reinterpret_cast<char*>(pages.begin()); }
@@ -44,21 +45,21 @@ struct area {
   void set_contents(const char* all) const { std::memcpy(begin(), all, pages.size()); }
 };
 
-// All memory there is. What malloc gives a routine lies at the end of the partner's.
+// All memory of a case. malloc gives a routine the end of the partner's pages.
 area string_area{"string"}, partner_area{"partner"};
 bool routine_runs = false;
 
 // ---- Routines -----------------------------------------------------------------------------------
 
-// What the routines get, each some of it: a string; its partner, which is a destination, another
-// string or a set; a character; a count.
+// The operands, of which a routine gets some: a string; its partner, which is a destination,
+// another string or a set; a character; a count.
 struct operands {
   char *string, *partner;
   int character;
   std::size_t count;
 };
-// What a routine takes. `tail` and `seek` are the rest of a scan whose first block has been looked
-// at.
+// The kinds of routines, by their operands. `tail` and `seek` are the rest of a scan whose first
+// block has already been examined.
 // clang-format off
 enum class kind {
   tail, seek, find, limit, field, append, order, copy, concat, set, tokens, int64, int32
@@ -80,13 +81,13 @@ struct routine {
   word (*expected)(const operands&);  // the C library's
 };
 
-// What the C library lacks, or does otherwise.
+// Routines that the C library does not have, or that differ from the C library's.
 char* strend(const char* s) { return std::strchr(const_cast<char*>(s), 0); }
 char* strdup(const char* s) {  // uses the malloc below
   void* const twin = std::malloc(std::strlen(s) + 1);
   return twin == nullptr ? nullptr : std::strcpy(static_cast<char*>(twin), s);
 }
-// Modulo 2^64, where strtoll stops at its limits.
+// Modulo 2^64. strtoll stops at its limits instead.
 long long atoll(const char* s) {
   char* stop = nullptr;
   const bool negative = std::strtoll(s, &stop, 10) < 0;
@@ -135,9 +136,9 @@ const routine routines[] = {
 
 // A text, and where it lies in its two pages:
 //
-//   front    `gap` bytes behind the unreadable page
+//   front    `gap` bytes after the unreadable page
 //   back     `gap` bytes before the unreadable page
-//   across   `gap` bytes before the end of the first page, the rest behind it
+//   across   `gap` bytes before the end of the first page, the rest after it
 //   cut_off  as `back`, but without a terminating zero: the count ends it
 enum place { front, back, across, cut_off };
 struct part {
@@ -149,7 +150,7 @@ struct part {
 struct scene {
   std::string name;
   part string;
-  part partner = {};  // a set, another string, or what a destination holds already
+  part partner = {};  // a set, another string, or the old contents of a destination
   int character = 0;
   std::size_t count = most_room;
 };
@@ -162,13 +163,13 @@ std::ostream& operator<<(std::ostream& out, const scene& s) {
 
 const std::string forty = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMN";
 const std::string white_space = " \t\n\v\f\r", digits = "0123456789";
-const std::string letters = [] {  // all that are not zero, no neighbours side by side
+const std::string letters = [] {  // all bytes but zero; no two consecutive values are adjacent
   std::string all(255, 0);
   for (std::size_t i = 0; i < 255; ++i) all[i] = static_cast<char>(i * 101 % 255 + 1);
   return all;
 }();
 
-// Every routine plays each of them with the string at 64 places.
+// Every routine runs in each of them, with the string at 64 places.
 // clang-format off
 const scene scenes[] = {
     {.name = "Empty", .string = {""}, .character = 'a'},
@@ -214,7 +215,7 @@ std::string some(case_random& random, std::size_t length, const std::string& alp
 case_random noise_random(0);
 const std::string noise = some(noise_random, 4 * page_bytes, letters + '\0');
 
-// White space, something that is none, signs, digits, something behind them: each or not.
+// White space, another character, signs, digits, characters after them: each of these is optional.
 std::string drawn_number(case_random& random, std::size_t length) {
   std::string text;
   if (random.one_in(2)) text += some(random, random.below(41), white_space);
@@ -225,8 +226,8 @@ std::string drawn_number(case_random& random, std::size_t length) {
   return text + some(random, random.below(2), digits);
 }
 
-// A length, a place in a block, and whatever makes the routine look far, and stop anywhere:
-// characters of a set or of another, then any.
+// A length, a place in a block, and characters that make the routine read far and stop anywhere:
+// those of a set or of another one, then any.
 scene drawn_scene(const routine& r, std::uint64_t seed) {
   case_random random(seed);
   const std::size_t length = seed / gaps % lengths, head = random.below(length + 1);
@@ -262,7 +263,7 @@ scene drawn_scene(const routine& r, std::uint64_t seed) {
 
 // ---- Calls --------------------------------------------------------------------------------------
 
-// The bytes that the partner needs: a destination no more than is written.
+// The bytes that the partner needs. A destination has exactly the bytes that are written.
 std::size_t partner_bytes(kind how, const scene& s) {
   const std::size_t length = std::strlen(s.string.text.c_str());
   if (how == kind::field) return s.count;
@@ -288,7 +289,7 @@ operands lay_out(const routine& r, const scene& s) {
   return {string_area.block.data(), partner_area.block.data(), s.character, s.count};
 }
 
-// Whoever calls a tail has found that the first block does not answer the question.
+// A tail may be called only if the first block does not give the result.
 bool registers_can_ask(const routine& r, const operands& o) {
   if (r.how != kind::tail && r.how != kind::seek) return true;
   const char* const answer = strchrnul(o.string, r.how == kind::seek ? o.character : 0);
@@ -301,7 +302,7 @@ word second_input(const routine& r, const operands& o) {
   return r.how == kind::limit ? o.count : word(o.partner);
 }
 
-// The answer by the registers of the interface, of which the preserved ones are looked at.
+// The result of a call with the registers of the interface. Checks the preserved ones.
 word by_registers(const routine& r, const operands& o) {
   register_file in = filled_registers(1);
   in.general[rax] = word(o.string) / 16 * 16;
@@ -317,7 +318,7 @@ word by_registers(const routine& r, const operands& o) {
   return out.general[rax];
 }
 
-// The bits of an answer that mean something, as a reader wants to see them.
+// The bits of a result that are defined, in a readable form.
 std::string told(kind how, word answer) {
   const int narrow = static_cast<int>(answer);
   if (how == kind::int32) return std::to_string(narrow);
@@ -329,14 +330,15 @@ std::string told(kind how, word answer) {
   return std::to_string(static_cast<long>(answer));
 }
 
-// An area as the C library's routine left it, against what was seen before.
+// Compares an area, as the C library's routine left it, with what our routine left there.
 void expect_contents(const area& a, const std::string& seen) {
   const auto before = static_cast<std::size_t>(a.block.data() - a.begin());
   const std::size_t behind = seen.size() - before - a.block.size();
   EXPECT_BYTES(bytes(seen.data(), seen.size(), before, behind), a.contents()) << "the " << a.name;
 }
 
-// Leaves memory as the routine does, and returns what it returns.
+// Compares the memory and the result of a routine with those of the C library's. Leaves the memory
+// as the C library's routine does, and returns its result.
 word check(const routine& r, const operands& o, bool registers) {
   const std::string string = string_area.contents(), partner = partner_area.contents();
   routine_runs = true;
@@ -358,7 +360,7 @@ class String : public testing::TestWithParam<routine> {
     if (!runs[GetParam().instructions]) GTEST_SKIP() << "this processor cannot run it";
   }
 
-  // Tokens are taken until there are none, by all levels in turn: they share what is left of the
+  // Takes tokens until there are none, with all levels in turn, because they share the rest of the
   // string.
   void play(const scene& s, bool registers) {
     const routine& r = GetParam();
@@ -375,7 +377,7 @@ class String : public testing::TestWithParam<routine> {
     ASSERT_FALSE(HasFailure()) << scene_ << (registers ? "\n  by registers" : "");
   }
 
-  scene scene_{};  // at hand
+  scene scene_{};  // the current one
   fault_report report_{[this] { return testing::PrintToString(scene_); }};
 };
 void PrintTo(const routine& r, std::ostream* out) { *out << r.name; }

@@ -1,12 +1,12 @@
 #ifndef ZORVAC_TESTS_SUPPORT_BYTES_H
 #define ZORVAC_TESTS_SUPPORT_BYTES_H
-// Comparisons that tell the first difference with its place.
+// Comparisons that report the first difference with its place.
 //
 //   EXPECT_BYTES(seen, expected)          byte 3 before the block: expected 0xff, seen 0x00
 //   EXPECT_ELEMENTS(seen, expected)       element 7: expected 12 = 0x0c, seen 13 = 0x0d
 //   EXPECT_MATRIX(seen, expected, rows)   row 2, column 7: expected 12 = 0x0c, seen 13 = 0x0d
 //
-// What is seen comes first. All of them take more to print with <<.
+// The seen value comes first. More text can be added to each with <<.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,16 +18,16 @@
 
 namespace zorvac::test {
 
-// Memory to be compared, of which the first and the last bytes may lie before and behind the block
-// that it is about. Any array, vector or string is a block.
+// Memory to compare. Its first bytes may lie before, and its last bytes behind, the block that the
+// test is about. Any array, vector or string is a block.
 struct bytes {
   template <class Range>
   bytes(const Range& block) : all(std::as_bytes(std::span(block))) {}  // NOLINT: to be implicit
   bytes(const void* first, std::size_t size, std::size_t leading = 0, std::size_t trailing = 0)
       : all(static_cast<const std::byte*>(first), size), before(leading), behind(trailing) {}
 
-  // The place of a byte. Those of the block are counted from 0, those before and behind it from 1,
-  // away from it.
+  // The place of a byte. Bytes of the block are counted from 0; bytes before and behind it are
+  // counted from 1, away from the block.
   [[nodiscard]] std::string operator()(std::size_t at) const {
     const std::size_t end = all.size() - behind;
     if (at < before) return "byte " + std::to_string(before - at) + " before the block";
@@ -48,8 +48,8 @@ inline std::string bits_of(std::span<const std::byte> object) {
   return text;
 }
 
-// Objects of plain types are compared, and shown, by their bits: NaNs are equal, zeros of different
-// signs are not, and neighbours do not look alike.
+// Objects of plain types are compared and shown by their bits: a NaN equals itself, zeros of
+// different sign differ, and the texts of different values differ.
 template <class T>
 bool same_value(const T& a, const T& b) {
   if constexpr (!std::is_trivially_copyable_v<T>) return a == b;
@@ -63,7 +63,7 @@ std::string shown(const T& value) {
   return testing::PrintToString(value) + " = " + bits;
 }
 
-// Tells by `place` where elements differ.
+// Compares elements. `place` describes where the first difference is.
 template <class Seen, class Expected, class Place>
 testing::AssertionResult same_values(const char* name, const char*, const char*, const Seen& seen,
                                      const Expected& expected, const Place& place) {
@@ -86,7 +86,7 @@ inline testing::AssertionResult same_bytes(const char* name, const char*, const 
   return same_values(name, "", "", seen.all, expected.all, seen);
 }
 
-// The place of an element.
+// The description of an element's place.
 inline std::string in_sequence(std::size_t i) { return "element " + std::to_string(i); }
 // The same in a matrix that is stored column by column, without gaps.
 inline auto in_matrix(std::size_t rows) {

@@ -1,20 +1,20 @@
 #ifndef ZORVAC_TESTS_SUPPORT_CAMPAIGN_H
 #define ZORVAC_TESTS_SUPPORT_CAMPAIGN_H
-// Campaigns of random cases. Every case has a seed of its own, which decides all of it: a failure
-// prints the seed, and ZORVAC_SEED=<seed> before the test's command runs that case alone.
+// Campaigns of random cases. Every case has its own seed, which determines it completely. A failure
+// prints the seed, and ZORVAC_SEED=<seed> before the test's command runs only that case.
 #include <cstdint>
 #include <cstdlib>
 #include <utility>
 
 namespace zorvac::test {
 
-// How many cases to try: a number that suits every change, or fifty times as many for a deep run
-// (scripts/test --deep), which sets ZORVAC_DEEP.
+// The number of cases to try: `usual`, or fifty times as many in a deep run (scripts/test --deep),
+// which sets ZORVAC_DEEP.
 inline long random_cases(long usual) {
   return std::getenv("ZORVAC_DEEP") == nullptr ? usual : 50 * usual;
 }
 
-// The first seed and the one behind the last: from 0, or the one that ZORVAC_SEED asks for.
+// The first seed and the one after the last: from 0, or the one that ZORVAC_SEED asks for.
 inline std::pair<std::uint64_t, std::uint64_t> seeds_of_cases(std::uint64_t count) {
   const char* const only = std::getenv("ZORVAC_SEED");
   if (only == nullptr) return {0, count};
@@ -22,7 +22,7 @@ inline std::pair<std::uint64_t, std::uint64_t> seeds_of_cases(std::uint64_t coun
   return {seed, seed + 1};
 }
 
-// The random numbers of one case. Cheap to begin, and unlike those of the seed next to it.
+// The random numbers of one case. A start costs little, and the numbers of adjacent seeds differ.
 // SplitMix64: Steele, Lea and Flood, Fast Splittable Pseudorandom Number Generators, 2014.
 class case_random {
   std::uint64_t state_;

@@ -1,4 +1,4 @@
-// Child processes with both output streams caught.
+// Runs child processes and captures both output streams.
 #include "support/child.h"
 
 #include <sys/mman.h>
@@ -9,18 +9,18 @@
 #include <cstdio>
 #include <stdexcept>
 
-// Writes the counts of a coverage build, as exit does; in other builds there is none.
+// Writes the counts of a coverage build, as exit does. Other builds do not have this routine.
 extern "C" [[gnu::weak]] void __gcov_dump();
 
 namespace zorvac::test {
 namespace {
 
 void keep_coverage(int deadly_signal = 0) {
-  if (deadly_signal != 0) std::signal(deadly_signal, SIG_DFL);  // it comes again
+  if (deadly_signal != 0) std::signal(deadly_signal, SIG_DFL);  // the signal is raised again
   if (__gcov_dump != nullptr) __gcov_dump();
 }
 
-// All that was written to a file that nobody else has, which is closed.
+// Returns everything that was written to a private file, and closes it.
 std::string text_in(int file) {
   std::string text(static_cast<std::size_t>(lseek(file, 0, SEEK_END)), 0);
   text.resize(static_cast<std::size_t>(pread(file, text.data(), text.size(), 0)));
@@ -38,7 +38,7 @@ std::ostream& operator<<(std::ostream& out, const outcome& o) {
 
 outcome run_in_child(const std::function<void()>& body) {
   const int streams[] = {memfd_create("output", MFD_CLOEXEC), memfd_create("error", MFD_CLOEXEC)};
-  std::fflush(nullptr);  // or the child would print what the parent has buffered
+  std::fflush(nullptr);  // otherwise the child would print what the parent has buffered
   const pid_t child = fork();
   if (child == 0) {
     dup2(streams[0], STDOUT_FILENO);

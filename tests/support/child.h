@@ -1,7 +1,7 @@
 #ifndef ZORVAC_TESTS_SUPPORT_CHILD_H
 #define ZORVAC_TESTS_SUPPORT_CHILD_H
-// Runs code in a child process and tells all that a shell would see of it: for everything that
-// ends the process, and for state that can be set up only once.
+// Runs code in a child process and returns all that a shell would see of it. For code that ends the
+// process, and for state that can be set up only once.
 #include <functional>
 #include <ostream>
 #include <string>
@@ -12,8 +12,8 @@ namespace zorvac::test {
 struct outcome {
   std::string standard_output;
   std::string standard_error;
-  int exit_status = -1;  // or -1
-  int signal = 0;        // that ended the process, or 0
+  int exit_status = -1;  // -1: a signal ended the process
+  int signal = 0;        // the signal that ended the process, or 0
   bool operator==(const outcome&) const = default;
 };
 std::ostream& operator<<(std::ostream& out, const outcome& o);
@@ -22,7 +22,7 @@ std::ostream& operator<<(std::ostream& out, const outcome& o);
 // exit handlers; its streams are flushed.
 outcome run_in_child(const std::function<void()>& body);
 
-// Runs a program, found as the shell finds it.
+// Runs a program, which is searched for in PATH.
 outcome run_program(const std::vector<std::string>& command);
 
 }  // namespace zorvac::test

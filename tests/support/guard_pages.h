@@ -1,7 +1,8 @@
 #ifndef ZORVAC_TESTS_SUPPORT_GUARD_PAGES_H
 #define ZORVAC_TESTS_SUPPORT_GUARD_PAGES_H
-// A block of memory between two pages that nobody may touch: a read or write one byte outside the
-// block, on the side that lies against its page, ends the test at once, which then names the case.
+// A block of memory between two pages that must not be touched. On a side where the block ends at
+// its page, a read or write one byte outside ends the test at once, and the test then names the
+// case.
 #include <sys/mman.h>
 
 #include <csignal>
@@ -37,15 +38,15 @@ class guarded_block {
   unsigned char* begin_;
 };
 
-// While it lives, a fault prints the case at hand before it ends the process. (A handler may not
-// print, in general; here there is nothing left to break.)
+// While an object of this class exists, a fault prints the current case before it ends the process.
+// (Printing in a handler is unsafe in general, but here the process ends anyway.)
 class fault_report {
  public:
   explicit fault_report(const std::function<std::string()>& case_at_hand) {
     tell_ = case_at_hand;
     std::signal(SIGSEGV, [](int signal) {
       std::fprintf(stderr, "fault in case: %s\n", tell_().c_str());
-      std::signal(signal, SIG_DFL);  // it comes again
+      std::signal(signal, SIG_DFL);  // the signal is raised again
     });
   }
   ~fault_report() { std::signal(SIGSEGV, SIG_DFL); }

@@ -1,7 +1,7 @@
 #ifndef ZORVAC_TESTS_SUPPORT_MASKS_H
 #define ZORVAC_TESTS_SUPPORT_MASKS_H
-// The contract with compiled programs in literal masks, which do not follow the library's own names
-// when those change. A level is called after the newest feature in it.
+// The contract with compiled programs as literal masks, so that a change of the library's own names
+// does not change them. A level is named after its newest feature.
 #include <cstdint>
 
 namespace zorvac::test {
@@ -25,7 +25,7 @@ constexpr std::uint64_t avx512_dq_vl = 0x40'099d'97ff;
 // Bits of MXCSR, the control and status register of SSE.
 namespace mxcsr_bit {
 constexpr std::uint32_t denormals_are_zero = 0x40;
-constexpr std::uint32_t all_exceptions_masked = 0x1f80;  // as a process begins
+constexpr std::uint32_t all_exceptions_masked = 0x1f80;  // as when a process begins
 constexpr std::uint32_t flush_to_zero = 0x8000;
 constexpr std::uint32_t misaligned_exceptions_masked = 0x2'0000;
 }  // namespace mxcsr_bit

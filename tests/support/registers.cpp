@@ -1,7 +1,7 @@
-// Registers are exchanged by the handler of two traps, one before the routine and one after it:
-// what it changes in the frame of a signal is in the registers when it returns. The first gives the
-// file to the routine; the second gives the caller its own back and leaves in the file what it
-// finds.
+// The handler of two traps exchanges the registers; one trap is before the routine and one after
+// it. What the handler writes to the frame of a signal is in the registers when it returns. The
+// first trap loads the registers from the file. The second one stores them into the file and
+// restores the caller's.
 #include "support/registers.h"
 
 #include <ucontext.h>
@@ -18,7 +18,7 @@ namespace {
 
 register_file file;
 void (*next)();                 // the routine, until it has been called
-std::uint64_t* return_address;  // where the routine finds it
+std::uint64_t* return_address;  // its place on the stack
 
 void exchange(void* frame, void* mine, std::size_t bytes) {
   auto* const framed = static_cast<char*>(frame);
@@ -26,8 +26,8 @@ void exchange(void* frame, void* mine, std::size_t bytes) {
 }
 
 // The parts of the vector state by number: XMM, the upper halves of YMM, masks, the upper halves of
-// ZMM, the other 16 ZMM. The kernel tells which parts a frame has, in the last words of what FXSAVE
-// writes, which are left to software; the header behind them tells which parts are to be loaded.
+// ZMM, the other 16 ZMM. The kernel writes which parts a frame has to the last words of the FXSAVE
+// area, which are reserved for software. The header after that area says which parts are loaded.
 // Masks have 64 bits from AVX512BW on.
 void exchange_vectors(_xstate& frame) {
   const auto place = [](std::uint32_t part) { return hardware_processor::cpuid(0xd, part).ebx; };
