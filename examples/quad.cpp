@@ -1,7 +1,7 @@
 // Three uses of 113 bits: pi to the last digit, a sum whose terms cancel so much that in doubles no
-// digit is right, and an equation of which doubles lose a root. Each is computed in all four rounding
-// modes: where the results agree, the digits can be trusted without knowing the true value. The flags
-// that it raised are printed, too.
+// digit is right, and an equation of which doubles lose a root. Each is computed in all four
+// rounding modes: where the results agree, the digits can be trusted without knowing the true
+// value. The flags that it raised are printed, too.
 #include <cmath>
 #include <cstdio>
 #include <string>
