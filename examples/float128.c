@@ -2,14 +2,16 @@
 // each other, binary128 numbers can. Compilers call a run-time library for every operation: linked
 // with -lzorvac_float128, this takes less than half the time and prints the same.
 #include <stdio.h>
+#include <time.h>
 
-enum { columns = 64, rows = 20, most_steps = 500 };
+enum { columns = 64, rows = 12, most_steps = 500 };
 
 int main(void) {
+  const clock_t start = clock();
   for (int row = 0; row < rows; ++row) {
     for (int column = 0; column < columns; ++column) {
       const __float128 x0 = (column - columns / 2) * (__float128)1e-24;
-      const __float128 y0 = 1 + (row - rows / 2) * (__float128)2e-24;
+      const __float128 y0 = 1 + (row - rows / 2) * (__float128)3e-24;
       __float128 x = 0, y = 0;
       int steps = 0;
       for (; steps < most_steps && x * x + y * y < 4; ++steps) {
@@ -21,5 +23,6 @@ int main(void) {
     }
     putchar('\n');
   }
+  fprintf(stderr, "%.1f ms\n", 1e3 * (double)(clock() - start) / CLOCKS_PER_SEC);
   return 0;
 }

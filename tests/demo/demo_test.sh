@@ -9,7 +9,8 @@ folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 mask() {
-  sed -E -e 's/(PC: +0x)[0-9a-f]{16}/\1#/; s/\b[0-9A-F]{16}\b/#/' \
+  sed -E -e '/^#.*\(libc\.so/d; s/(process|thread) [0-9]+/\1 #/g; s/\+0x[0-9a-f]+\)/+#)/' \
+    -e 's/(PC: +0x)[0-9a-f]{16}/\1#/; s/\b[0-9A-F]{16}\b/#/' \
     -e 's/ *[0-9]+(\.[0-9]+)? *(GFLOP\/s|[GM]B\/s|ns|us|ms|s|seconds|times)\b/ # \2/g' "$1"
 }
 # The page up to the mark, the fence after it, the block, the rest.
