@@ -179,6 +179,11 @@ if(TARGET zorvac_level)
   zorvac_pkg_config(level "a check before a program's first constructor" "${level}" "${level}")
 endif()
 zorvac_compress(docs/man/zorvac-bridge.7 zorvac-bridge.7.gz)
+if(TARGET zorvac_crash)
+  zorvac_compress(docs/man/zorvac_crash.7 zorvac_crash.7.gz)
+  install(FILES ${PROJECT_BINARY_DIR}/zorvac_crash.7.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man7
+          COMPONENT dev)
+endif()
 install(FILES ${PROJECT_BINARY_DIR}/zorvac-bridge.7.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man7
         COMPONENT dev)
 include(CPack)
