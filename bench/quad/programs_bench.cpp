@@ -1,7 +1,7 @@
-// Whole programs in quads: a dot product, the LU factors of a matrix, planets, a Mandelbrot set. Each
-// is written once, over a type of number: over calls of the C routines, as a compiler emits them; the
-// C++ class; and __float128 as a compiler calls for it, by libzorvac_float128 and by libgcc. All must
-// come to the same bits. Times are of a whole program.
+// Whole programs in quads: a dot product, the LU factors of a matrix, planets, a Mandelbrot set.
+// Each is written once, over a type of number: over calls of the C routines, as a compiler emits
+// them; the C++ class; and __float128 as a compiler calls for it, by libzorvac_float128 and by
+// libgcc. All must come to the same bits. Times are of a whole program.
 #include <benchmark/benchmark.h>
 
 #include <array>

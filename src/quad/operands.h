@@ -28,8 +28,8 @@ template <class F>
 }
 
 // Whether two operands need no more care than the common path of multiplication and division takes.
-// Operands outside the moderate range may still be finite and non-zero, and their result may still be
-// a normal number. Its exponent is then `exponent_of` or one more.
+// Operands outside the moderate range may still be finite and non-zero, and their result may still
+// be a normal number. Its exponent is then `exponent_of` or one more.
 template <class ExponentOf>
 [[gnu::always_inline]] constexpr bool is_common_case(binary128::word a, binary128::word b,
                                                      ExponentOf exponent_of) {
