@@ -131,6 +131,12 @@ class Float128 : public testing::TestWithParam<named> {
     const outcome theirs = call(theirs_, theirs_after), ours = call(ours_, ours_after);
     theirs_after.mxcsr |= theirs_after.status;
     theirs_after.status = 0;
+    // Which operands and results a complex routine tests, and so which subnormal number raises DE,
+    // differs between releases of the compiler.
+    if (GetParam().takes == four) {
+      theirs_after.mxcsr &= ~denormal;
+      ours_after.mxcsr &= ~denormal;
+    }
     std::string told = difference(theirs_after, ours_after);
     for (std::size_t i = 0; i < theirs.size() && told.empty(); ++i)
       if (theirs[i] != ours[i])
