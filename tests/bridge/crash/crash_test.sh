@@ -91,9 +91,7 @@ plays 'SIGSEGV, stack overflow: own_small_stack' own_stack
 plays '' stacks
 
 # ---- Calls of what is no code, and a stack that is lost ----
-no_code='SIGSEGV, no code to execute'
-plays "$no_code, address 0x0: call_target main" call_null
-plays "$no_code, address 0x123456:" return_wild
+plays 'SIGSEGV, no code to execute, address 0x0: call_target main' call_null
 plays 'SIGILL, illegal instruction: lose_stack' lose_stack
 
 # ---- Handlers of the program's own ----
@@ -106,6 +104,12 @@ plays "$null plugin_entry call_target die_in_plugin main" plugin ./crash_plugin.
 plays "$null die_in_child main" child
 plays "$null die_cancelled main" cancelled
 for _ in {1..10}; do plays "$null die_together run_in_thread" concurrent; done
+
+# ---- Standard error as a pipe that nobody reads ----
+mkfifo pipe
+exec 8<>pipe
+exec 9>pipe 8>&-
+compare 'no reader: status' 139 "$(timeout 4 ./crash_scenes_linked null 2>&9 || echo $?)"
 
 # ---- What the environment asks for ----
 setting=ZORVAC_CRASH=off plays '' overflow_thread

@@ -71,8 +71,6 @@ ROUTINE call_target(void) {
   STAY;
 }
 
-ROUTINE return_wild(void) { __asm__ volatile("pushq $0; pushq $0x123456; ret"); }
-
 // The walk faults with the stack.
 ROUTINE lose_stack(void) {
   __asm__ volatile("movq $0x1000, %rsp; movq $0x1000, %rbp; ud2");  // dies
@@ -234,7 +232,6 @@ static const struct scene scenes[] = {
     {"null", store_null},
     {"divide", divide},
     {"call_null", call_target},
-    {"return_wild", return_wild},
     {"lose_stack", lose_stack},
     {"killed", be_killed},
     {"heap", break_heap},

@@ -40,7 +40,7 @@ done
 plain() { command "$@"; }
 checked_clang() { clang -include "$folder_of_specs/zorvac/level.h" "$@"; }
 # The library itself, of which the check has parts of its own.
-library="-Wl,-u,__zorva_new_feature_proc_init $archive"
+library="-Wl,--whole-archive $archive -Wl,--no-whole-archive"
 object=$folder_of_specs/zorvac/level.o traces="-Wl,--no-as-needed,-rpath,$PWD ./libtraces.so"
 
 # on PROCESSOR MISSING: output, errors and status of ./program are those of one that starts, or of
