@@ -141,6 +141,6 @@ cause_of_death() { # LIBRARY
 cause=$(cause_of_death '') || echo 'left out: no core files here'
 compare 'cause of death in a core file' "$cause" "$(cause_of_death "$library")"
 
-wait $! || failures=$((failures + $?))
+wait %1 || failures=$((failures + $?))
 echo "$failures scenes are not as expected"
 [ $failures -eq 0 ]
