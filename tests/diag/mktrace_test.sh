@@ -105,7 +105,7 @@ refuse 2 'Usage' : --dump --demangle image
 refuse 2 'Usage' : --demangle=long image
 
 # The output may be another file, reached through a link; it gets the same mode. A second run makes
-# the same file.
+# the same file. Stripped images keep the section.
 chmod 750 image
 ln -s target link
 "$mktrace" -o link image
@@ -113,6 +113,14 @@ cmp image before
 [ "$(stat -c '%F %a' link target | xargs)" = 'symbolic link 777 regular file 750' ] || fail mode
 "$mktrace" -o image target
 cmp image target
+while read -ra strip; do
+  cp image stripped
+  "${strip[@]}" stripped
+  if "$mktrace" -o out stripped 2>said; then fail "not stripped: ${strip[*]}"; fi
+  diff <("$mktrace" --dump image) <("$mktrace" --dump stripped)
+done <<<'strip
+llvm-strip --keep-section=.trace
+eu-strip --keep-section=.trace'
 
 # Readable names are those that c++filt gives, or a part of them.
 names() { "$mktrace" "$@" -o out image && "$mktrace" --dump out | sed -n 's/.* routine [^ ]* //p'; }

@@ -120,17 +120,25 @@ maps opened: 1" $kernel ./process_pie opened "${objects[@]:0:16}"
 done
 
 # ---- A large program ----
-# 100 routines that call one another, each with fifty others behind it that have long names.
+# 100,000 routines with long names and one line each. Each thousandth calls the next of these, and
+# the last one calls the argument of `outer`.
 suffix=_of_a_module_of_a_large_program_whose_names_are_as_long_as_those_of_templates
-for ((i = 0; i < 100; ++i)); do
-  call="routine_$((i - 1))(next)"
-  [ $i -ne 0 ] || call='next()'
-  echo "void routine_$i(void (*next)(void)) { $call; }"
-  for j in {1..50}; do echo "void other_${i}_$j$suffix(void) {}"; done
-done >large.c
-gcc -g -O0 -fPIC -shared -Wl,--defsym,outer=routine_99 -o large.so large.c
+awk -v suffix=$suffix 'BEGIN {
+  for (i = 1; i <= 100000; ++i) {
+    name = "routine_" i suffix
+    called = i < 100000 ? "routine_" i + 1000 suffix : "*%rdi"
+    body = i % 1000 ? "ret" : ".cfi_startproc; sub $8, %rsp; .cfi_def_cfa_offset 16; call " \
+      called "; add $8, %rsp; ret; .cfi_endproc"
+    print ".type " name ", @function; " name ": " body "; .size " name ", . - " name
+  }
+  print ".globl outer; .type outer, @function; outer = routine_1000" suffix
+  print ".section .note.GNU-stack" }' >large.s
+gcc -g -nostdlib -shared -o large.so large.s
 "$mktrace" large.so
-large=$(for i in {0..99}; do echo "large.so routine_$i $((51 * i + 1)) large.c"; done)
+large=$(for ((i = 100000; i > 0; i -= 1000)); do
+  name=routine_$i$suffix
+  echo "large.so ${name:0:17} $i large.s"
+done)
 shows "$large" ./process_pie show ./large.so
 
 # ---- The heap ----

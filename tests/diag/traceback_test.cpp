@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -363,15 +364,26 @@ int step(int result) {
   return result;
 }
 
+// Signals come from another thread, which takes none itself. With two threads, the heap has a lock.
+void start_storm() {
+  sigset_t all, before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  std::thread([] {
+    for (;;) kill(getpid(), SIGUSR1);
+  }).detach();
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 std::int32_t go_on(const tbk_frame*, void*, std::int32_t) { return TBK_CONTINUE; }
 
 // A first traceback and later ones, with and without blocks of the heap. The heap works afterwards.
-void expect_tracebacks(int steps) {
+void expect_tracebacks(const std::function<void()>& prepare) {
   const outcome o = run_in_child([&] {
     alarm(60);
     std::signal(SIGUSR1, SIG_IGN);
     const process_state before;
-    steps_to_signal = steps;
+    prepare();
     for (const int depth : {0, 33, 66, 99})
       descend(depth, [] { EXPECT_LE(tbk_trace_stack(nullptr, nullptr, go_on, 1), TBK_FAULT); });
     expect_unchanged(before);
@@ -384,8 +396,10 @@ TEST(IgnoredSignals, DoNoHarm) {
   if (sanitized) GTEST_SKIP() << "sanitizers hold signals back";
   for (int n = 1; n < 150; ++n) {
     SCOPED_TRACE("a signal after step " + std::to_string(n));
-    expect_tracebacks(n);
+    expect_tracebacks([n] { steps_to_signal = n; });
   }
+  SCOPED_TRACE("a storm of signals");
+  for (int child = 0; child < 50; ++child) expect_tracebacks(start_storm);
 }
 
 TEST(Handler, JumpsWithMinusOne) {
