@@ -84,7 +84,6 @@ read -ra flags <<<"$(PKG_CONFIG_LIBDIR=$lib/pkgconfig pkg-config --cflags --libs
 "$cc" -o by-pkg-config "$example" "${flags[@]}"
 "$cc" -o static -I"$prefix/include" "$example" "$lib/libzorvac.a"
 "$cxx" -std=c++17 -o number-by-pkg-config "$cxx_example" "${flags[@]}"
-"$cxx" -std=c++17 -o number-by-path -I"$prefix/include" "$cxx_example" "$lib/libzorvac.so"
 "$cxx" -std=c++17 -o number-static -I"$prefix/include" "$cxx_example" "$lib/libzorvac.a"
 for program in static number-static; do
   if readelf -d $program | grep zorvac; then fail "$program is not"; fi
@@ -111,7 +110,7 @@ done
 for program in by-pkg-config static by-cmake; do
   LD_LIBRARY_PATH=$lib "./$program" | grep '^vendor ' || fail "$program does not run"
 done
-for program in by-pkg-config by-path static by-cmake; do
+for program in by-pkg-config static by-cmake; do
   LD_LIBRARY_PATH=$lib "./number-$program" | grep -q 'true value .*3.14159' ||
     fail "number-$program does not run"
 done
@@ -122,12 +121,6 @@ if [ -n "$any" ]; then
     sed -n 's/^features, vendor checked *//p')
   (((features & 0x3f) == 0x3f)) || fail "of any vendor: features $features"
 fi
-
-# A program in another package: the symbols file gives its dependency, name by name.
-dpkg-deb -R "$runtime" runtime && rm runtime/DEBIAN/shlibs
-mkdir debian
-printf 'Source: client\n\nPackage: client\nArchitecture: any\n' >debian/control
-dpkg-shlibdeps -O -Sruntime -l"${lib/root/runtime}" by-cmake | grep -F 'libzorvac5 (>= 5.0.0)'
 
 # Programs of other compilers. The library that they need gives the package that they depend on.
 part() { [[ $parts = *" $1 "* ]]; }

@@ -22,9 +22,8 @@ cmake_minimum_required(VERSION 3.21)
 project(parent VERSION 1 LANGUAGES C CXX)
 $2
 install(FILES CMakeLists.txt DESTINATION .)
-add_executable(client EXCLUDE_FROM_ALL client.c number.cpp)
+add_executable(client EXCLUDE_FROM_ALL client.c)
 target_link_libraries(client PRIVATE zorvac::zorvac)
-target_compile_features(client PRIVATE cxx_std_17)
 if(TARGET zorvac-mktrace)
   zorvac_add_trace(client)
 endif()
@@ -32,8 +31,6 @@ add_library(linked SHARED EXCLUDE_FROM_ALL $<TARGET_OBJECTS:zorvac_identificatio
 set_target_properties(linked PROPERTIES LINKER_LANGUAGE CXX)
 CMAKE
   cp "$source/examples/processor.c" "$1/client.c"
-  echo '#include <zorvac/quad.hpp>
-    zorvac::quad twice(zorvac::quad x) { return x + x; }' >"$1/number.cpp"
   cmake -S "$1" -B "$1/build" -G Ninja -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" \
     "${@:3}" >"$1/log" 2>&1 || fail "$1: $(<"$1/log")"
 }

@@ -63,7 +63,6 @@ while read -ra compiler; do
   "$mktrace" image
   diff apart <(rows)
 done <<<'gcc -O0 -gdwarf-4 -no-pie
-gcc -O2 -gdwarf-4 -ffunction-sections -Wl,--gc-sections
 clang -O0 -gdwarf-5 -ffunction-sections -Wl,--gc-sections
 clang -O2 -gdwarf-5 -gz -pie
 gcc -O2 -gdwarf-5 -fPIC -shared'

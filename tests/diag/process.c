@@ -4,17 +4,16 @@
 //                               plays it: three calls deep in the program, or in each of the
 //                               objects, the last one first
 //
-// With OLD_KERNEL in the environment, the kernel seems unable to look up addresses. With
-// IDLE_THREAD, the process has a second thread.
+// With OLD_KERNEL in the environment, the kernel seems unable to look up addresses.
 //
 // With OBJECT defined, this is the shared object. If it is preloaded, it is an unwinder, too, which
 // has only _Unwind_ForcedUnwind and reports an artificial stack.
 #define _GNU_SOURCE
 #include <dlfcn.h>
+#include <err.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <malloc.h>
-#include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdint.h>
@@ -59,11 +58,6 @@ _Unwind_Reason_Code _Unwind_ForcedUnwind(struct _Unwind_Exception* exception, _U
 }
 
 #else
-
-static void fail(const char* what) {
-  printf("%s: %s\n", what, strerror(errno));
-  exit(3);
-}
 
 // ---- The calls of the system: the library uses this open, pread and ioctl ----
 
@@ -183,39 +177,19 @@ static void delete_image(void) {
   unlink(object.dli_fname == NULL ? program_path : object.dli_fname);
 }
 
-// Maps the object's file again as data, before the object: first one page, then all of it.
-static void map_file(void) {
-  const int file = (int)syscall(SYS_openat, AT_FDCWD, object.dli_fname, O_RDONLY, 0);
-  const struct {
-    size_t bytes;
-    off_t offset;
-  } parts[] = {{page, page}, {64 * page, 0}};
-  char* place = object.dli_fbase;
-  for (size_t i = 0; i < sizeof parts / sizeof *parts; ++i) {
-    char* mapped = NULL;
-    do {
-      place -= parts[i].bytes;
-      mapped = mmap(place, parts[i].bytes, PROT_READ, MAP_PRIVATE | MAP_FIXED_NOREPLACE, file,
-                    parts[i].offset);
-    } while (mapped == MAP_FAILED && errno == EEXIST);
-    if (mapped != place) fail("mmap");
-  }
-  close(file);
-}
-
 // Copies the code as programs do that want it on large pages.
 static void copy_code(void) {
   char* const code = (char*)((uintptr_t)object.dli_saddr & -(uintptr_t)page);
   char* const copy = mmap(NULL, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   memcpy(copy, code, page);
   mprotect(copy, page, PROT_READ | PROT_EXEC);
-  if (mremap(copy, page, page, MREMAP_MAYMOVE | MREMAP_FIXED, code) != code) fail("mremap");
+  if (mremap(copy, page, page, MREMAP_MAYMOVE | MREMAP_FIXED, code) != code) err(3, "mremap");
 }
 
 // Then the process may not read /proc/PID/auxv.
 static void change_user(void) {
   const uid_t nobody = 65534;
-  if (getuid() == 0 && setresuid(nobody, nobody, nobody) != 0) fail("setresuid");
+  if (getuid() == 0 && setresuid(nobody, nobody, nobody) != 0) err(3, "setresuid");
   prctl(PR_SET_DUMPABLE, 0);
 }
 
@@ -224,14 +198,7 @@ static void use_up_descriptors(void) {
   const int lowest = dup(STDOUT_FILENO);
   const struct rlimit limit = {(rlim_t)lowest + 2, (rlim_t)lowest + 2};
   close(lowest);
-  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) fail("setrlimit");
-}
-
-static void map_thousands(void) {
-  for (int i = 0; i < 4000; ++i) {  // with the same access, neighbours would be one mapping
-    const int access = i % 2 == 0 ? PROT_READ : PROT_READ | PROT_WRITE;
-    if (mmap(NULL, page, access, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == MAP_FAILED) fail("mmap");
-  }
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) err(3, "setrlimit");
 }
 
 struct scene {
@@ -252,11 +219,10 @@ static const struct scene scenes[] = {
     {"free", free_block, guilty_free, 30},
     {"wild_free", choose_wild_block, guilty_free, 30},
     {"deleted", delete_image, show, 0},
-    {"mapped_file", map_file, show, 0},
     {"copied_code", copy_code, show, 0},
     {"other_user", change_user, show, 0},
     {"no_descriptors", use_up_descriptors, show, 0},
-    {"opened", map_thousands, show_opened, 0},
+    {"opened", nothing, show_opened, 0},
 };
 
 static const struct scene* scene;
@@ -287,22 +253,14 @@ static void load_objects(char** paths) { (void)paths; }
 static void load_objects(char** paths) {
   for (int i = 0; i < object_count; ++i) {
     void* const handle = dlopen(paths[i], RTLD_NOW);
-    if (handle == NULL) puts(dlerror());
     *(void**)&routines[i] = dlsym(handle, "outer");
-    if (dladdr(*(void**)&routines[i], &object) == 0) fail("dladdr");
+    if (dladdr(*(void**)&routines[i], &object) == 0) errx(3, "%s", dlerror());
   }
 }
 #endif
 
-static void* idle(void* unused) {
-  for (;;) pause();
-  return unused;
-}
-
 int main(int argc, char** argv) {
-  pthread_t thread;
   setvbuf(stdout, NULL, _IONBF, 0);  // because the traceback is written with write()
-  if (getenv("IDLE_THREAD") != NULL) pthread_create(&thread, NULL, idle, NULL);
   program_path = argv[0];
   object_count = argc - 2;
   routines = calloc((size_t)argc, sizeof *routines);

@@ -59,7 +59,7 @@ chain() { for routine in "$inner" "$middle" "$outer"; do echo "$1 $routine ${2:-
 # ---- Names and lines, in both layouts ----
 # The program is shown by the name of its file, not by the name that it was started with.
 cp "$programs/process_pie" a_rather_long_name
-cp "$programs/object-0.so" object.so
+cp "$programs/object.so" object.so
 ln -s a_rather_long_name other_name
 ln -s object.so alias.so
 unknown='Unknown Unknown Unknown'
@@ -96,10 +96,6 @@ shows "$(chain 'pro?ss?' 'pro??ss.c' | sed 's/middle/mi?dle/')" "./$program" sho
 mkdir other
 cp object.so other/process_pie
 cp object.so object_deleted.so
-for begin in 0x1000 0x10000; do
-  cp "$programs/object-$begin.so" .
-  "$mktrace" "object-$begin.so"
-done
 shows "object_deleted.so $unknown" ./process_pie deleted ./object_deleted.so
 objects=()
 for i in {1..80}; do
@@ -109,20 +105,14 @@ done
 # chains COUNT: the chains of so many objects
 chains() { for ((i = 1; i <= $1; ++i)); do chain "object$i.so"; done; }
 for kernel in NEW_KERNEL=1 OLD_KERNEL=1; do
-  # The object's file is mapped a second time, or its code is in no file.
-  for scene in show mapped_file copied_code; do
+  # The object's code is in a file, or in none.
+  for scene in show copied_code; do
     shows "$(chain object.so)" $kernel ./process_pie $scene ./object.so
-  done
-  # The text segment need not begin at 0.
-  for begin in 0x1000 0x10000; do
-    for scene in show copied_code; do
-      shows "$(chain object-$begin.so)" $kernel ./process_pie $scene ./object-$begin.so
-    done
   done
   # An object whose name is not in the path of its file; an object named like the executable.
   shows "$(chain alias.so)" $kernel ./process_pie show ./alias.so
   shows "$(chain process_pie)" $kernel ./process_pie show ./other/process_pie
-  # More images, and more mappings, than there is room for.
+  # More images than there is room for.
   shows "$(chains 80)" $kernel ./process_pie show "${objects[@]}"
   shows "$(chains 4)" $kernel ./process_pie no_descriptors "${objects[@]:0:4}"
   shows "$(chains 16)
@@ -153,18 +143,17 @@ shows "$large" ./process_pie show ./large.so
 
 # ---- The heap ----
 # A process that dies in its heap allocates nothing more, so only the first 24 records are shown.
-# dies_in_heap PROGRAM SCENE ROUTINE [VARIABLE=VALUE...]
+# dies_in_heap PROGRAM SCENE [VARIABLE=VALUE...]
 dies_in_heap() {
-  local output
-  output=$(play "${@:4}" "./$1" "$2")
-  compare "${*:4} $1 $2" "24 rows
-$1 $3 $(line_of "$3") process.c
+  local output guilty=guilty_${2#wild_}
+  output=$(play "${@:3}" "./$1" "$2")
+  compare "${*:3} $1 $2" "24 rows
+$1 $guilty $(line_of "$guilty") process.c
 Stack trace terminated abnormally." "$(grep -cE ' [0-9A-F]{16} ' <<<"$output") rows
 $(in_short <<<"$output")"
 }
 for scene in malloc calloc realloc free; do
-  dies_in_heap process_pie $scene guilty_$scene IDLE_THREAD=1 # with two, the heap has a lock
-  dies_in_heap process_no-pie $scene guilty_$scene
+  for program in process_pie process_no-pie; do dies_in_heap $program $scene; done
 done
 # These allocators jump from malloc and free to their inner routines.
 for library in libc libjemalloc libmimalloc; do
@@ -173,7 +162,7 @@ for library in libc libjemalloc libmimalloc; do
     echo "left out: $library is not installed"
     continue
   fi
-  dies_in_heap process_pie wild_free guilty_free "LD_PRELOAD=libgcc_s.so.1:$file"
+  dies_in_heap process_pie wild_free "LD_PRELOAD=libgcc_s.so.1:$file"
 done
 
 # ---- Unwinders ----
