@@ -98,8 +98,8 @@ int apply(to_an_integer* f, mpfr_t* x, mpfr_rnd_t) { return f(x[0], x[0]); }
 int apply(two_numbers* f, mpfr_t* x, mpfr_rnd_t mode) { return f(x[0], x[0], x[1], mode); }
 int apply(three_numbers* f, mpfr_t* x, mpfr_rnd_t mode) { return f(x[0], x[0], x[1], x[2], mode); }
 template <class... T>
-constexpr int count_of(int (*)(T...)) {
-  return (std::is_same_v<T, mpfr_srcptr> + ...);
+constexpr std::size_t count_of(int (*)(T...)) {
+  return (std::size_t{std::is_same_v<T, mpfr_srcptr>} + ...);
 }
 template <auto F, auto G>
 constexpr bool is_same = false;
@@ -111,11 +111,11 @@ constexpr bool is_same<F, F> = true;
 // functions tell some flags only, but a signalling NaN always.
 template <auto* Operation, unsigned Told = ~0U>
 unsigned arithmetic(unsigned char* result, const unsigned char* in) {
-  constexpr int count = count_of(Operation);
+  constexpr std::size_t count = count_of(Operation);
   std::array<word, count> q;
   std::memcpy(&q, in, sizeof(q));
   word nan = nan_of(q[0], q[0]);
-  for (int i = 1; i < count; ++i) nan = nan_of(i == 1 ? q[0] : nan, q[i]);
+  for (std::size_t i = 1; i < count; ++i) nan = nan_of(i == 1 ? q[0] : nan, q[i]);
   if (is_nan(nan)) {
     store(result, nan);
     return std::any_of(q.begin(), q.end(), is_signalling) ? invalid : 0;
@@ -126,7 +126,7 @@ unsigned arithmetic(unsigned char* result, const unsigned char* in) {
   constexpr mpfr_rnd_t modes[] = {MPFR_RNDN, MPFR_RNDD, MPFR_RNDU, MPFR_RNDZ};
   const mpfr_rnd_t mode = modes[current().mxcsr >> rounding_shift & 3];
   set(initial);  // for MPFR's own arithmetic
-  for (int i = 0; i < count; ++i) mpfr_set_float128(x[i], load<__float128>(&q[i]), mode);
+  for (std::size_t i = 0; i < count; ++i) mpfr_set_float128(x[i], load<__float128>(&q[i]), mode);
   mpfr_clear_flags();
   mpfr_subnormalize(x[0], apply(Operation, x, mode), mode);
   unsigned flags = 0, n = 0;  // MPFR's flags lie in this order; its underflows may be exact
