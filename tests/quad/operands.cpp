@@ -21,7 +21,7 @@ struct generator {
   operands any_operands() {
     const auto [ar, br] = related();
     const auto [ai, bi] = related();
-    if (takes == four) return {ar, ai, br, bi};
+    if (takes == four) return {ar, ai, below(2) != 0 ? br : addend(ar, ai), bi};
     if (takes == pair) return {ar, br};
     return {operand(), static_cast<word>(below(6) - 1)};  // modes of rounding, two of them unknown
   }
@@ -61,6 +61,16 @@ struct generator {
     if (takes != integer) return number(below(2) != 0, exponent(), digits(fraction_bits));
     const word n = digits(1 + below(128));
     return below(2) != 0 ? n : -n;
+  }
+
+  // What is so near to -ab that all but the last bits of the product cancel, or lies beside what
+  // decides its rounding.
+  word addend(word a, word b) {
+    const word product = bits(load<__float128>(&a) * load<__float128>(&b));
+    const int far[] = {0, 0, 112, 113, 114, 226};
+    const word away = static_cast<word>(far[below(6)]) << 112;
+    const word near = magnitude(product) > away ? product - away : product;
+    return (below(2) != 0 ? near : near ^ sign) + static_cast<word>(below(3));
   }
 
   // Two quads that may meet where an operation is delicate.

@@ -8,7 +8,9 @@
 #include <cstring>
 #include <ostream>
 #include <string>
+#include <tuple>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "support/campaign.h"
@@ -67,6 +69,25 @@ registers current();
 // on; what the routine does not store itself is stored for it.
 using call = void(unsigned char* result, const unsigned char* in);
 
+// Such a call of a routine, by its own shape.
+template <class T>
+T argument(unsigned char* result, const unsigned char*& in) {
+  if constexpr (std::is_same_v<T, void*>)
+    return result;
+  else if constexpr (std::is_pointer_v<T>)
+    return std::exchange(in, in + 16);
+  else
+    return load<T>(std::exchange(in, in + 16));
+}
+template <class R, class... T>
+void call_as(R (*routine)(T...), unsigned char* result, const unsigned char* in) {
+  const std::tuple<T...> arguments{argument<T>(result, in)...};
+  if constexpr (std::is_void_v<R>)
+    std::apply(routine, arguments);
+  else
+    store(result, std::apply(routine, arguments));
+}
+
 // Stores what the call should and tells the flags that it should raise: those of MXCSR, from bit 6
 // on those of the x87, and what is below. It runs in the rounding mode in question, with all flags
 // clear.
@@ -86,6 +107,7 @@ struct routine {
   kind takes;
   std::vector<call*> entries;
   oracle* expected;
+  long cases = 40'000;
 };
 inline std::ostream& operator<<(std::ostream& out, const routine& r) { return out << r.name; }
 extern const std::vector<routine> routines;

@@ -19,7 +19,7 @@ constexpr word bit(int n) { return word{1} << n; }
 constexpr word quiet_nan(word payload) { return infinity | quiet_bit | payload; }
 constexpr word signalling_nan(word payload) { return infinity | payload; }
 
-constexpr word smallest = 1, smallest_normal = bit(112), two_and_a_half = power(1) | bit(110);
+constexpr word smallest = 1, two_and_a_half = power(1) | bit(110), three = power(1) | bit(111);
 constexpr word a = one + 3 * bit(55), b = one + bit(55), twice_l = power(1) + bit(57);
 
 // Sets of rounding modes.
@@ -44,15 +44,11 @@ struct row {
 // clang-format off
 const row rows[] = {
     // NaNs: of two the quiet one, of a kind the larger, of equal ones b where a is positive.
-    {"QuietOfTwo", "mulq", any, {signalling_nan(9), quiet_nan(5)}, {quiet_nan(5)}, invalid},
     {"LargerOfTwo", "divq", any, {quiet_nan(5), minus(quiet_nan(9))}, {minus(quiet_nan(9))}, 0},
     {"EqualAfterPlus", "addq", any, {quiet_nan(5), minus(quiet_nan(5))}, {minus(quiet_nan(5))}, 0},
-    {"SubtractedKeepsItsSign", "subq", any, {one, quiet_nan(5)}, {quiet_nan(5)}, 0},
     {"NarrowIsQuieted", "qtof", any, {signalling_nan(bit(89))}, {0x7fc0'0001}, invalid},
-    {"WideStaysSignalling", "ftoq", any, {0x7f80'0001}, {signalling_nan(bit(89))}, 0},
     {"WideLongIsQuieted", "ltoq", any, {word{0x7fff} << 64 | bit(63) | 1},
      {quiet_nan(bit(49))}, invalid << x87_flags_shift},
-    {"SignallingIsUnequal", "neq", any, {signalling_nan(5), signalling_nan(5)}, {1}, 0},
     {"NanIsNotOrdered", "compareq", any, {one, quiet_nan(5)}, {0}, invalid},
 
     // Subnormal numbers. Where the processor flushes results but takes operands as they are, exact
@@ -68,9 +64,13 @@ const row rows[] = {
     // Unknown modes of rounding to integers, and where their ranges end.
     {"UnknownModeOf32", "qtoi", any, {two_and_a_half, 5}, {3}, inexact},
     {"UnknownModeOf64", "qtoj", any, {two_and_a_half, 5}, {2}, inexact},
-    {"WrapsAt32", "qtou", any, {power(32) + 5 * bit(112 - 32)}, {5}, 0},
-    {"LeastIsRefused", "qtom", any, {minus(power(127))}, {bit(127)}, invalid},
-    {"BecomesInfiniteSilently", "ntof", nearest, {~word{0}}, {0x7f80'0000}, 0},
+
+    // Quotients halfway between integers, which random operands do not meet.
+    {"TieBelowOdd", "remainder", any, {power(0), power(1)}, {one}, 0},
+    {"TieAboveOdd", "remainder", any, {three, power(1)}, {minus(one)}, 0},
+    {"TieOfMinus", "remainder", any, {minus(three), power(1)}, {one}, 0},
+    {"TieIsTruncated", "fmod", any, {minus(three), power(1)}, {minus(one)}, 0},
+    {"TieOfSmallest", "remainder", any, {smallest, 2 * smallest}, {smallest}, 0},
 
     // Complex numbers. With A = 1 + 3/2^57 and B = 1 + 1/2^57, AB lies three quarters of the way
     // from L = 1 + 4/2^57 to its neighbour H. The parts of (-A + iA)(B + iB) are -AB - AB and
@@ -78,12 +78,8 @@ const row rows[] = {
     {"ProductNearest", "cmulq", nearest, {minus(a), a, b, b}, {minus(twice_l + 1), 0}, inexact},
     {"ProductDownward", "cmulq", downward, {minus(a), a, b, b},
      {minus(twice_l + 1), minus(power(-112))}, inexact},
-    {"ProductUpward", "cmulq", upward, {minus(a), a, b, b}, {minus(twice_l), power(-112)}, inexact},
-    {"ProductTruncated", "cmulq", truncating, {minus(a), a, b, b}, {minus(twice_l), 0}, inexact},
-    {"SquaresOverflow", "cdivq", nearest, {one, 0, power(9000)}, {0, 0}, overflow | inexact},
     {"ByComplexZero", "cdivq", any, {one, one, 0, 0},
      {indefinite, indefinite}, division_by_zero | invalid},
-    {"ZerosAreEqual", "ceqq", any, {0, one, minus(0), one}, {1}, 0},
     {"ZerosHaveUnlikeBits", "a_ceqq", any, {0, one, minus(0), one}, {0}, 0},
 };
 // clang-format on
@@ -123,8 +119,7 @@ INSTANTIATE_TEST_SUITE_P(Quad, Routine, testing::ValuesIn(routines), name_of_row
 
 TEST_P(Routine, DoesAsItsOracleDoes) {
   const routine& r = GetParam();
-  const bool binary = r.takes == kind::pair;  // a million cases, with the four modes
-  const auto count = static_cast<std::uint64_t>(random_cases(binary ? 250'000 : 40'000));
+  const auto count = static_cast<std::uint64_t>(random_cases(r.cases));
   const auto [first, end] = seeds_of_cases(count);
   for (std::uint64_t seed = first; seed < end; ++seed) {
     const operands in = random_operands(r.takes, seed);

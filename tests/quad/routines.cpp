@@ -1,11 +1,13 @@
-// The table of routines, and the oracles. The four operations are computed by MPFR. All else is
-// what the compiler makes of it on its own __float128, rounded and flagged by MXCSR as ours is.
-// Around both are this library's own rules: which NaN, and when the denormal flag.
+// The table of routines, and the oracles. The four operations and the functions of <cmath> are
+// computed by MPFR. All else is what the compiler makes of it on its own __float128, rounded and
+// flagged by MXCSR as ours is. Around both are this library's own rules: which NaN, and when the
+// denormal flag.
 #include <mpfr.h>
 
+#include <algorithm>
+#include <compare>
+#include <complex>
 #include <limits>
-#include <tuple>
-#include <utility>
 
 #include "quads.h"
 #include "zorvac/quad.hpp"
@@ -13,20 +15,16 @@
 // Which the header declares for compilers that call the type _Float128.
 extern "C" int mpfr_set_float128(mpfr_ptr, __float128, mpfr_rnd_t);
 extern "C" __float128 mpfr_get_float128(mpfr_srcptr, mpfr_rnd_t);
+extern "C" __float128 c_library_next(__float128, __float128) __asm__("nextafterf128");
 
 namespace zorvac::test {
 
-// The routines by value of libzorvac_quad.a.
+// The routines by value of libzorvac_quad.a that the C++ type does not call.
 extern "C" {
-word zorvac_quad_add(word, word);
-word zorvac_quad_sub(word, word);
-word zorvac_quad_mul(word, word);
-word zorvac_quad_div(word, word);
 int zorvac_quad_eq(word, word);
 int zorvac_quad_lt(word, word);
 int zorvac_quad_le(word, word);
 word zorvac_quad_from_double(double);
-double zorvac_quad_to_double(word);
 word zorvac_quad_from_int64(std::int64_t);
 word zorvac_quad_from_uint64(std::uint64_t);
 }
@@ -34,33 +32,17 @@ word zorvac_quad_from_uint64(std::uint64_t);
 namespace {
 
 using number = zorvac::quad;
+using namespace zorvac::detail;
 
 // ---- Calls, by the routine's own shape ----
 
-template <class T>
-T argument(unsigned char* result, const unsigned char*& in) {
-  if constexpr (std::is_same_v<T, void*>)
-    return result;
-  else if constexpr (std::is_pointer_v<T>)
-    return std::exchange(in, in + 16);
-  else
-    return load<T>(std::exchange(in, in + 16));
-}
-template <class R, class... T>
-void call_as(R (*routine)(T...), unsigned char* result, const unsigned char* in) {
-  const std::tuple<T...> arguments{argument<T>(result, in)...};
-  if constexpr (std::is_void_v<R>)
-    std::apply(routine, arguments);
-  else
-    store(result, std::apply(routine, arguments));
-}
 template <auto... Routine>
 std::vector<call*> calls() {
   return {[](unsigned char* result, const unsigned char* in) { call_as(Routine, result, in); }...};
 }
 
-// What the C++ value type makes of a comparison or a conversion. Its arithmetic shows below, where
-// oracles of complex operations use it.
+// What the C++ value type makes of an operation. Its arithmetic shows below, where oracles of
+// complex operations use it.
 template <class F>
 auto computed(number a, number b) -> decltype(F()(a, b) + 0) {  // bool becomes int
   return F()(a, b);
@@ -68,6 +50,25 @@ auto computed(number a, number b) -> decltype(F()(a, b) + 0) {  // bool becomes 
 template <class To, class From = number>
 To cast(From value) {
   return static_cast<To>(value);
+}
+int spaceship(number a, number b) {
+  const std::partial_ordering order = a <=> b;
+  return (order > 0) - (order < 0);
+}
+std::array<number, 2> std_product(number ar, number ai, number br, number bi) {
+  const std::complex<number> product = std::complex(ar, ai) * std::complex(br, bi);
+  return {product.real(), product.imag()};
+}
+template <auto Scale, long Power>
+number scaled(number a) {
+  return Scale(a, Power);
+}
+// The fraction; something else where the power is wrong.
+number own_fraction(number a) {
+  int power = 1;
+  const number f = frexp(a, &power);
+  const bool regular = isfinite(a) && a != 0;
+  return power == (regular ? ilogb(a) + 1 : 0) ? f : number(7);
 }
 
 // ---- Oracles ----
@@ -79,44 +80,108 @@ unsigned raised() {
   return (now.mxcsr | (now.status & ~denormal)) & all_flags;
 }
 
+// Of two NaNs, or one, quieted. As integers, NaNs are above all numbers, and the quiet ones above the
+// signalling ones.
+word nan_of(word a, word b) {
+  const word larger = magnitude(a) > magnitude(b) ? a : b;
+  const word chosen = magnitude(a) == magnitude(b) && (a & sign) != 0 ? a : larger;
+  return is_nan(chosen) ? chosen | quiet_bit : chosen;
+}
+
+// MPFR's functions, by their shape. The first number is the result, too.
+using one_number = int(mpfr_ptr, mpfr_srcptr, mpfr_rnd_t);
+using to_an_integer = int(mpfr_ptr, mpfr_srcptr);
+using two_numbers = int(mpfr_ptr, mpfr_srcptr, mpfr_srcptr, mpfr_rnd_t);
+using three_numbers = int(mpfr_ptr, mpfr_srcptr, mpfr_srcptr, mpfr_srcptr, mpfr_rnd_t);
+int apply(one_number* f, mpfr_t* x, mpfr_rnd_t mode) { return f(x[0], x[0], mode); }
+int apply(to_an_integer* f, mpfr_t* x, mpfr_rnd_t) { return f(x[0], x[0]); }
+int apply(two_numbers* f, mpfr_t* x, mpfr_rnd_t mode) { return f(x[0], x[0], x[1], mode); }
+int apply(three_numbers* f, mpfr_t* x, mpfr_rnd_t mode) { return f(x[0], x[0], x[1], x[2], mode); }
+template <class... T>
+constexpr std::size_t count_of(int (*)(T...)) {
+  return (std::size_t{std::is_same_v<T, mpfr_srcptr>} + ...);
+}
+template <auto F, auto G>
+constexpr bool is_same = false;
+template <auto F>
+constexpr bool is_same<F, F> = true;
+
 // The numbers of binary128 as MPFR's manual does it for IEEE formats (mpfr_subnormalize): its
-// significands are below 1, and exponents reach down to that of the smallest subnormal number.
-template <int Operation(mpfr_t, const mpfr_t, const mpfr_t, mpfr_rnd_t)>
+// significands are below 1, and exponents reach down to that of the smallest subnormal number. Some
+// functions tell some flags only, but a signalling NaN always.
+template <auto* Operation, unsigned Told = ~0U>
 unsigned arithmetic(unsigned char* result, const unsigned char* in) {
-  const auto a = load<word>(in), b = load<word>(in + 16);
-  if (is_nan(a) || is_nan(b)) {
-    // As integers, NaNs are above all numbers, and the quiet ones above the signalling ones.
-    const word larger = magnitude(a) > magnitude(b) ? a : b;
-    store(result, (magnitude(a) == magnitude(b) && (a & sign) != 0 ? a : larger) | quiet_bit);
-    return is_signalling(a) || is_signalling(b) ? invalid : 0;
+  constexpr std::size_t count = count_of(Operation);
+  std::array<word, count> q;
+  std::memcpy(&q, in, sizeof(q));
+  word nan = nan_of(q[0], q[0]);
+  for (std::size_t i = 1; i < count; ++i) nan = nan_of(i == 1 ? q[0] : nan, q[i]);
+  if (is_nan(nan)) {
+    store(result, nan);
+    return std::any_of(q.begin(), q.end(), is_signalling) ? invalid : 0;
   }
-  static mpfr_t x, y;
+  static mpfr_t x[3];
   [[maybe_unused]] static const int ready =
-      (mpfr_inits2(113, x, y, nullptr), mpfr_set_emin(-16493) + mpfr_set_emax(16384));
+      (mpfr_inits2(113, x[0], x[1], x[2], nullptr), mpfr_set_emin(-16493) + mpfr_set_emax(16384));
   constexpr mpfr_rnd_t modes[] = {MPFR_RNDN, MPFR_RNDD, MPFR_RNDU, MPFR_RNDZ};
   const mpfr_rnd_t mode = modes[current().mxcsr >> rounding_shift & 3];
   set(initial);  // for MPFR's own arithmetic
-  mpfr_set_float128(x, load<__float128>(in), mode);
-  mpfr_set_float128(y, load<__float128>(in + 16), mode);
+  for (std::size_t i = 0; i < count; ++i) mpfr_set_float128(x[i], load<__float128>(&q[i]), mode);
   mpfr_clear_flags();
-  mpfr_subnormalize(x, Operation(x, x, y, mode), mode);
+  mpfr_subnormalize(x[0], apply(Operation, x, mode), mode);
   unsigned flags = 0, n = 0;  // MPFR's flags lie in this order; its underflows may be exact
   for (const unsigned flag : {underflow, overflow, invalid, inexact, 0U, division_by_zero})
     flags |= (mpfr_flags_save() >> n++ & 1) != 0 ? flag : 0;
   if ((flags & inexact) == 0) flags &= ~underflow;
-  const word value = mpfr_nan_p(x) != 0 ? indefinite : bits(mpfr_get_float128(x, mode));
+  const word value = mpfr_nan_p(x[0]) != 0 ? indefinite : bits(mpfr_get_float128(x[0], mode));
   store(result, value);
 
-  // A zero or an infinity that decides the result keeps the other operand's size from being seen.
-  const bool divides = Operation == mpfr_div, multiplies = Operation == mpfr_mul;
-  const bool decided = magnitude(a) == infinity || magnitude(b) == infinity ||
-                       (divides && (magnitude(a) == 0 || magnitude(b) == 0));
-  if (!decided && (is_subnormal(a) || is_subnormal(b))) flags |= denormal;
+  // An invalid operation, or a zero or an infinity that decides the result, keeps the other
+  // operand's size from being seen.
+  constexpr bool divides = is_same<Operation, mpfr_div>, multiplies = is_same<Operation, mpfr_mul>;
+  const auto decides = [](word w) {
+    return magnitude(w) == infinity || (divides && magnitude(w) == 0);
+  };
+  const bool decided = value == indefinite || std::any_of(q.begin(), q.end(), decides);
+  if (!decided && std::any_of(q.begin(), q.end(), is_subnormal)) flags |= denormal;
   // A power of two is the quotient of equal significands, which raises nothing whatever happens.
   const bool power = (magnitude(value) & (magnitude(value) - 1)) == 0;
   if ((multiplies || (divides && !power)) && is_subnormal(value) && (flags & inexact) == 0)
     flags |= exact_underflow;
-  return flags;
+  return flags & Told;
+}
+
+template <long Power>
+int scaled(mpfr_ptr to, mpfr_srcptr a, mpfr_rnd_t mode) {
+  return mpfr_mul_2si(to, a, Power, mode);
+}
+int exponent(mpfr_ptr to, mpfr_srcptr a, mpfr_rnd_t mode) {
+  if (mpfr_zero_p(a) != 0) return mpfr_log2(to, a, mode);  // divides by zero
+  if (mpfr_inf_p(a) != 0) return mpfr_abs(to, a, mode);
+  return mpfr_set_si(to, mpfr_get_exp(a) - 1, mode);
+}
+int fraction(mpfr_ptr to, mpfr_srcptr a) {
+  return mpfr_regular_p(a) != 0 ? mpfr_set_exp(to, 0) : 0;  // they are the same
+}
+
+// A quiet NaN counts for nothing.
+template <two_numbers* Operation>
+unsigned extreme(unsigned char* result, const unsigned char* in) {
+  const auto a = load<word>(in), b = load<word>(in + 16);
+  if (is_signalling(a) || is_signalling(b) || !(is_nan(a) || is_nan(b)))
+    return arithmetic<Operation, 0>(result, in);
+  store(result, is_nan(a) ? b : a);
+  return 0;
+}
+
+unsigned next(unsigned char* result, const unsigned char* in) {
+  const auto a = load<__float128>(in), b = load<__float128>(in + 16);
+  if (is_nan(bits(a)) || is_nan(bits(b))) return arithmetic<mpfr_add>(result, in);
+  const word r = bits(c_library_next(a, b));
+  store(result, r);
+  if (a == b) return 0;
+  if (magnitude(r) == infinity) return overflow | inexact;
+  return magnitude(r) >> 112 == 0 ? underflow | inexact : 0;
 }
 
 // A difference has the sign of the order, and where it is no number, of infinities, they are equal.
@@ -202,7 +267,8 @@ unsigned widened_by_x87(unsigned char* result, const unsigned char* in) {
 // else away from zero for 32 bits and toward zero for 64. Two ranges are not those of their types:
 // unsigned 32 bits take one binade more, which wraps, and signed 128 bits leave out -2^127. The
 // compiler takes an 80-bit number with an exponent of 0 and its leading one stored for 0.
-template <class To, bool TakesMode = false, class From = __float128>
+enum class mode_of { truncation, by_argument, by_mxcsr };
+template <class To, mode_of Mode = mode_of::truncation, class From = __float128>
 unsigned to_integer(unsigned char* result, const unsigned char* in) {
   constexpr int width = 8 * sizeof(To), range = width == 32 ? 33 : width;
   const word x = bits(static_cast<__float128>(load<From>(in))), size = magnitude(x);
@@ -212,7 +278,8 @@ unsigned to_integer(unsigned char* result, const unsigned char* in) {
   const __float128 rest = m - static_cast<__float128>(whole);
   const bool exact = rest == 0 && (size != 0 || load<From>(in) == 0);
   const bool away[] = {false, rest > 0.5 || (rest == 0.5 && whole % 2 != 0), negative, !negative};
-  const unsigned mode = TakesMode ? load<unsigned>(in + 16) : 0;
+  unsigned mode = Mode == mode_of::by_argument ? load<unsigned>(in + 16) : 0;
+  if (Mode == mode_of::by_mxcsr) mode = ((current().mxcsr >> rounding_shift) + 1) & 3;
   const word n = whole + (rest > 0 && (mode < 4 ? away[mode] : width == 32));
 
   const word limit = word{1} << (width - 1);
@@ -234,15 +301,18 @@ unsigned from_integer(unsigned char* result, const unsigned char* in) {
 }  // namespace
 
 using enum kind;
+using enum mode_of;
 using std::plus, std::minus, std::equal_to, std::not_equal_to, std::less, std::less_equal,
     std::greater, std::greater_equal;
 
+constexpr long a_million = 1'000'000 / 4;  // in the four modes
+
 // clang-format off
 const std::vector<routine> routines = {
-    {"addq", pair, calls<__addq, a_addq, zorvac_quad_add>(), arithmetic<mpfr_add>},
-    {"subq", pair, calls<__subq, a_subq, zorvac_quad_sub>(), arithmetic<mpfr_sub>},
-    {"mulq", pair, calls<__mulq, a_mulq, zorvac_quad_mul>(), arithmetic<mpfr_mul>},
-    {"divq", pair, calls<__divq, a_divq, zorvac_quad_div>(), arithmetic<mpfr_div>},
+    {"addq", pair, calls<__addq, a_addq, zorvac_quad_add>(), arithmetic<mpfr_add>, a_million},
+    {"subq", pair, calls<__subq, a_subq, zorvac_quad_sub>(), arithmetic<mpfr_sub>, a_million},
+    {"mulq", pair, calls<__mulq, a_mulq, zorvac_quad_mul>(), arithmetic<mpfr_mul>, a_million},
+    {"divq", pair, calls<__divq, a_divq, zorvac_quad_div>(), arithmetic<mpfr_div>, a_million},
     {"negq", quad, calls<__negq, a_negq>(), copied<sign>},
 
     {"eqq", pair, calls<__eqq, a_eqq, zorvac_quad_eq, computed<equal_to<>>>(),
@@ -253,22 +323,22 @@ const std::vector<routine> routines = {
      comparison<less_equal<>>},
     {"gtq", pair, calls<__gtq, a_gtq, computed<greater<>>>(), comparison<greater<>>},
     {"geq", pair, calls<__geq, a_geq, computed<greater_equal<>>>(), comparison<greater_equal<>>},
-    {"compareq", pair, calls<__compareq, compareq>(), comparison<minus<>>},
+    {"compareq", pair, calls<__compareq, compareq, spaceship>(), comparison<minus<>>},
 
-    {"qtoi", with_mode, calls<__qtoi, a_qtoi, a_qtoc, a_qtos>(), to_integer<int32_t, true>},
-    {"qtoj", with_mode, calls<__qtoj, a_qtoj>(), to_integer<int64_t, true>},
+    {"qtoi", with_mode, calls<__qtoi, a_qtoi, a_qtoc, a_qtos>(), to_integer<int32_t, by_argument>},
+    {"qtoj", with_mode, calls<__qtoj, a_qtoj>(), to_integer<int64_t, by_argument>},
     {"cqtoi", quad, calls<a_cqtoi, a_cqtoch, a_cqtos, cast<int32_t>>(), to_integer<int32_t>},
     {"cqtoj", quad, calls<a_cqtoj, cast<int64_t>>(), to_integer<int64_t>},
     {"qtou", quad, calls<__qtou, cast<uint32_t>>(), to_integer<uint32_t>},
     {"qtok", quad, calls<__qtok, cast<uint64_t>>(), to_integer<uint64_t>},
     {"qton", quad, calls<__qton, cast<word>>(), to_integer<word>},
     {"qtom", quad, calls<__qtom, cast<int128>>(), to_integer<int128>},
-    {"fton", binary32, calls<__fton>(), to_integer<word, false, float>},
-    {"ftom", binary32, calls<__ftom>(), to_integer<int128, false, float>},
-    {"dton", binary64, calls<__dton>(), to_integer<word, false, double>},
-    {"dtom", binary64, calls<__dtom>(), to_integer<int128, false, double>},
-    {"lton", extended, calls<__lton>(), to_integer<word, false, long double>},
-    {"ltom", extended, calls<__ltom>(), to_integer<int128, false, long double>},
+    {"fton", binary32, calls<__fton>(), to_integer<word, truncation, float>},
+    {"ftom", binary32, calls<__ftom>(), to_integer<int128, truncation, float>},
+    {"dton", binary64, calls<__dton>(), to_integer<word, truncation, double>},
+    {"dtom", binary64, calls<__dtom>(), to_integer<int128, truncation, double>},
+    {"lton", extended, calls<__lton>(), to_integer<word, truncation, long double>},
+    {"ltom", extended, calls<__ltom>(), to_integer<int128, truncation, long double>},
 
     {"qtof", quad, calls<__qtof, a_qtof, a_cqtof, cast<float>>(), narrowed<float>},
     {"qtod", quad, calls<__qtod, a_qtod, a_cqtod, zorvac_quad_to_double, cast<double>>(),
@@ -298,7 +368,7 @@ const std::vector<routine> routines = {
 
     {"caddq", four, calls<__caddq, a_caddq>(), part_by_part<plus<>>},
     {"csubq", four, calls<__csubq, a_csubq>(), part_by_part<minus<>>},
-    {"cmulq", four, calls<__cmulq, a_cmulq>(), product},
+    {"cmulq", four, calls<__cmulq, a_cmulq, std_product>(), product},
     {"cdivq", four, calls<__cdivq, a_cdivq>(), quotient},
     {"cnegq", pair, calls<__cnegq, a_cnegq>(), copied<sign, 2>},
     {"ceqq", four, calls<__ceqq>(), complex_equality<__float128, true>},
@@ -315,9 +385,31 @@ const std::vector<routine> routines = {
     {"itocq", integer, calls<a_itocq>(), and_zero<from_integer<int32_t>>},
     {"jtocq", integer, calls<a_jtocq>(), and_zero<from_integer<int64_t>>},
     {"qtocq", quad, calls<a_qtocq>(), and_zero<copied<0>, 4>},
-    {"cqtoq", quad, calls<a_cqtoq>(), copied<0>},
+    {"cqtoq", quad, calls<a_cqtoq, cast<__float128>, cast<number, __float128>>(), copied<0>},
     {"cqtoc", pair, calls<a_cqtoc>(), narrowed<float, 2>},
     {"cqtocd", pair, calls<a_cqtocd>(), narrowed<double, 2>},
+
+    {"sqrt", quad, calls<sqrt>(), arithmetic<mpfr_sqrt>},
+    {"fma", four, calls<fma>(), arithmetic<mpfr_fma>},
+    {"fmin", pair, calls<fmin>(), extreme<mpfr_min>},
+    {"fmax", pair, calls<fmax>(), extreme<mpfr_max>},
+    {"fmod", pair, calls<fmod>(), arithmetic<mpfr_fmod, invalid>, 1'000},
+    {"remainder", pair, calls<remainder>(), arithmetic<mpfr_remainder, invalid>, 1'000},
+    {"floor", quad, calls<floor>(), arithmetic<mpfr_floor, 0>},
+    {"ceil", quad, calls<ceil>(), arithmetic<mpfr_ceil, 0>},
+    {"trunc", quad, calls<trunc>(), arithmetic<mpfr_trunc, 0>},
+    {"round", quad, calls<round>(), arithmetic<mpfr_round, 0>},
+    {"roundeven", quad, calls<roundeven>(), arithmetic<mpfr_roundeven, 0>},
+    {"nearbyint", quad, calls<nearbyint>(), arithmetic<mpfr_rint, 0>},
+    {"rint", quad, calls<rint>(), arithmetic<mpfr_rint, inexact>},
+    {"lrint", quad, calls<lrint, llrint>(), to_integer<int64_t, by_mxcsr>},
+    {"scalbn", quad, calls<scaled<scalbn, 16'370>>(), arithmetic<scaled<16'370>, ~denormal>},
+    {"ldexp", quad, calls<scaled<ldexp, -16'400>>(), arithmetic<scaled<-16'400>, ~denormal>},
+    {"scalbln", quad, calls<scaled<scalbln, -1L << 40>>(),
+     arithmetic<scaled<-1L << 40>, ~denormal>},
+    {"frexp", quad, calls<own_fraction>(), arithmetic<fraction, 0>},
+    {"logb", quad, calls<logb>(), arithmetic<exponent, division_by_zero>},
+    {"nextafter", pair, calls<nextafter>(), next},
 };
 // clang-format on
 

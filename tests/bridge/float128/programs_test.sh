@@ -36,8 +36,6 @@ readelf --dynamic "$shared" >dynamic
 grep -q 'soname: \[libzorvac_float128\.so\.1\]' dynamic || fail "SONAME: $(grep SONAME dynamic)"
 if grep NEEDED dynamic; then fail "the library needs others"; fi
 
-"$cc" "$sources/sum.c" -o plain
-run ./plain
 for compiler in "$cc" "$cxx"; do
   language=c
   [ "$compiler" = "$cc" ] || language=c++
@@ -59,8 +57,6 @@ done
 LD_LIBRARY_PATH=$libraries run ./fortran_shared
 bound ./fortran_shared __divtf3
 bound 'libgfortran\.so\.5' __multf3
-"$fc" "$sources/sum.f90" "$libraries/libzorvac_float128.a" -o fortran_static
-run ./fortran_static
 "$fc" "$sources/sum.f90" -o fortran
 LD_PRELOAD=$shared run ./fortran
 bound 'libgfortran\.so\.5' __multf3
