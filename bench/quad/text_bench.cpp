@@ -62,10 +62,11 @@ void write_fixed_libquadmath(benchmark::State& state, quad x) {
 }
 
 void read_zorvac(benchmark::State& state, quad x) {
-  const std::string from = to_string(x);
+  text from;
+  const char* const end = zorvac::to_chars(from.data(), from.data() + from.size(), x).ptr;
   for (auto _ : state) {
     quad value;
-    zorvac::from_chars(from.data(), from.data() + from.size(), value);
+    zorvac::from_chars(from.data(), end, value);
     benchmark::DoNotOptimize(value);
   }
 }
@@ -97,12 +98,13 @@ void read_libquadmath(benchmark::State& state, quad x) {
               {"write-fixed", "libquadmath", write_fixed_libquadmath},
               {"read", "zorvac", read_zorvac},
               {"read", "libquadmath", read_libquadmath}};
-  for (const auto& number : numbers)
+  for (const auto& number : numbers) {
     for (const auto& run : runs) {
       const std::string name =
           std::string("decimal/") + run.name + '-' + number.name + '/' + run.contender;
       benchmark::RegisterBenchmark(name.c_str(), run.run, number.value);
     }
+  }
   return true;
 }();
 
