@@ -73,7 +73,12 @@ function(zorvac_shared_library target identification)
   target_include_directories(${target} INTERFACE
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-  target_link_libraries(${target} INTERFACE zorvac_quad)  # what zorvac/quad.hpp calls
+  # What zorvac/quad.hpp calls. By its file: as a target, an archive of C++ objects would have CMake
+  # link C programs with the C++ run-time library.
+  target_link_libraries(${target} INTERFACE
+    $<BUILD_INTERFACE:$<TARGET_FILE:zorvac_quad>>
+    $<INSTALL_INTERFACE:$<INSTALL_PREFIX>/${CMAKE_INSTALL_LIBDIR}/libzorvac_quad.a>)
+  add_dependencies(${target} zorvac_quad)
 endfunction()
 zorvac_shared_library(zorvac zorvac_identification)
 

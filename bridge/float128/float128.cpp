@@ -128,7 +128,7 @@ namespace {
 // A half is passed in the lowest bits of an XMM register, as a float is.
 template <>
 inline auto value_of<binary16>(binary16::word w) {
-  return std::bit_cast<float>(static_cast<std::uint32_t>(w));
+  return __builtin_bit_cast(float, static_cast<std::uint32_t>(w));
 }
 
 }  // namespace

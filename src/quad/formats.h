@@ -74,11 +74,12 @@ struct x87_image {  // as it lies in memory; six bytes of padding follow
   std::uint16_t sign_and_exponent;
 };
 
+// (std::bit_cast would be a weak function wherever a compiler does not inline it.)
 [[gnu::always_inline]] inline binary32::word word_of(float value) {
-  return std::bit_cast<std::uint32_t>(value);
+  return __builtin_bit_cast(std::uint32_t, value);
 }
 [[gnu::always_inline]] inline binary64::word word_of(double value) {
-  return std::bit_cast<uint64_t>(value);
+  return __builtin_bit_cast(uint64_t, value);
 }
 [[gnu::always_inline]] inline x87::word word_of(long double value) {
   x87_image image;
@@ -95,11 +96,11 @@ template <class F>
 auto value_of(typename F::word w);
 template <>
 [[gnu::always_inline]] inline auto value_of<binary32>(binary32::word w) {
-  return std::bit_cast<float>(static_cast<std::uint32_t>(w));
+  return __builtin_bit_cast(float, static_cast<std::uint32_t>(w));
 }
 template <>
 [[gnu::always_inline]] inline auto value_of<binary64>(binary64::word w) {
-  return std::bit_cast<double>(w);
+  return __builtin_bit_cast(double, w);
 }
 template <>
 [[gnu::always_inline]] inline auto value_of<x87>(x87::word w) {

@@ -34,7 +34,7 @@ template <class Integer>
   Integer integer;
   asm volatile("cvttsd2si %[value], %[integer]"
                : [integer] "=r"(integer)
-               : [value] "x"(std::bit_cast<double>(sticky_double))
+               : [value] "x"(__builtin_bit_cast(double, sticky_double))
                : "memory");
   return integer;
 }
@@ -44,7 +44,7 @@ template <class Integer>
   float nearest = 0;  // the rest of the register stays, and so is waited for
   asm volatile("cvtsd2ss %[value], %[nearest]"
                : [nearest] "+x"(nearest)
-               : [value] "x"(std::bit_cast<double>(sticky_double))
+               : [value] "x"(__builtin_bit_cast(double, sticky_double))
                : "memory");
   return nearest;
 }
