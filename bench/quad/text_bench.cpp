@@ -20,43 +20,24 @@ using std::chars_format;
 
 using text = std::array<char, 20'000>;
 
-// As %.36g, what it takes to be read back.
-void write_zorvac(benchmark::State& state, quad x) {
-  text to;
-  for (auto _ : state) {
-    zorvac::to_chars(to.data(), to.data() + to.size(), x, 36);
-    benchmark::DoNotOptimize(to);
-  }
+// How a number is written, by us and by the peer, which always writes all of 36 digits.
+void write_all(text& to, quad x) { zorvac::to_chars(to.data(), to.data() + to.size(), x, 36); }
+void write_shortest(text& to, quad x) { zorvac::to_chars(to.data(), to.data() + to.size(), x); }
+void write_fixed(text& to, quad x) {
+  zorvac::to_chars(to.data(), to.data() + to.size(), x, chars_format::fixed, 6);
 }
-void write_libquadmath(benchmark::State& state, quad x) {
-  text to;
-  for (auto _ : state) {
-    quadmath_snprintf(to.data(), to.size(), "%.36Qg", static_cast<__float128>(x));
-    benchmark::DoNotOptimize(to);
-  }
+void write_all_as_peer(text& to, quad x) {
+  quadmath_snprintf(to.data(), to.size(), "%.36Qg", static_cast<__float128>(x));
+}
+void write_fixed_as_peer(text& to, quad x) {
+  quadmath_snprintf(to.data(), to.size(), "%.6Qf", static_cast<__float128>(x));
 }
 
-// With as few digits as it takes, where the peer always writes 36.
-void write_shortest_zorvac(benchmark::State& state, quad x) {
+template <void (*Write)(text&, quad)>
+void writing(benchmark::State& state, quad x) {
   text to;
   for (auto _ : state) {
-    zorvac::to_chars(to.data(), to.data() + to.size(), x);
-    benchmark::DoNotOptimize(to);
-  }
-}
-
-// All digits before the point.
-void write_fixed_zorvac(benchmark::State& state, quad x) {
-  text to;
-  for (auto _ : state) {
-    zorvac::to_chars(to.data(), to.data() + to.size(), x, chars_format::fixed, 6);
-    benchmark::DoNotOptimize(to);
-  }
-}
-void write_fixed_libquadmath(benchmark::State& state, quad x) {
-  text to;
-  for (auto _ : state) {
-    quadmath_snprintf(to.data(), to.size(), "%.6Qf", static_cast<__float128>(x));
+    Write(to, x);
     benchmark::DoNotOptimize(to);
   }
 }
@@ -90,12 +71,12 @@ void read_libquadmath(benchmark::State& state, quad x) {
     const char* name;
     const char* contender;
     void (*run)(benchmark::State&, quad);
-  } runs[] = {{"write", "zorvac", write_zorvac},
-              {"write", "libquadmath", write_libquadmath},
-              {"write-shortest", "zorvac", write_shortest_zorvac},
-              {"write-shortest", "libquadmath", write_libquadmath},
-              {"write-fixed", "zorvac", write_fixed_zorvac},
-              {"write-fixed", "libquadmath", write_fixed_libquadmath},
+  } runs[] = {{"write", "zorvac", writing<write_all>},
+              {"write", "libquadmath", writing<write_all_as_peer>},
+              {"write-shortest", "zorvac", writing<write_shortest>},
+              {"write-shortest", "libquadmath", writing<write_all_as_peer>},
+              {"write-fixed", "zorvac", writing<write_fixed>},
+              {"write-fixed", "libquadmath", writing<write_fixed_as_peer>},
               {"read", "zorvac", read_zorvac},
               {"read", "libquadmath", read_libquadmath}};
   for (const auto& number : numbers) {

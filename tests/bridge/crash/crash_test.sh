@@ -79,6 +79,7 @@ null='SIGSEGV, memory not mapped, address 0x8: store_null'
 # ---- What happened, and where ----
 plays 'SIGSEGV, memory not mapped, address 0x8: store_null main' null
 plays 'SIGFPE, integer division by zero, or with a quotient too large: divide main' divide
+plays 'SIGBUS, mapped memory is missing: past the end of its file?: read_past_file main' past_file
 plays 'SIGBUS, sent by another process: be_killed main' killed
 plays 'SIGABRT, raised by the program itself: allocate recurse ... recurse break_heap main' heap
 # As whoever starts a program may ask for: a fault ends the program anyway.

@@ -76,6 +76,13 @@ ROUTINE lose_stack(void) {
   __asm__ volatile("movq $0x1000, %rsp; movq $0x1000, %rbp; ud2");  // dies
 }
 
+ROUTINE read_past_file(void) {
+  FILE* const empty = tmpfile();
+  volatile char* const mapped = mmap(NULL, 4096, PROT_READ, MAP_PRIVATE, fileno(empty), 0);
+  zero = *mapped;  // dies
+  STAY;
+}
+
 ROUTINE be_killed(void) {
   const pid_t here = getpid();
   if (fork() == 0) _exit(kill(here, SIGBUS));  // dies
@@ -233,6 +240,7 @@ static const struct scene scenes[] = {
     {"divide", divide},
     {"call_null", call_target},
     {"lose_stack", lose_stack},
+    {"past_file", read_past_file},
     {"killed", be_killed},
     {"heap", break_heap},
     {"overflow_thread", overflow_thread},

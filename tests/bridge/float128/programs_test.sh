@@ -57,6 +57,8 @@ done
 LD_LIBRARY_PATH=$libraries run ./fortran_shared
 bound ./fortran_shared __divtf3
 bound 'libgfortran\.so\.5' __multf3
+"$fc" "$sources/sum.f90" "$libraries/libzorvac_float128.a" -o fortran_static
+run ./fortran_static
 "$fc" "$sources/sum.f90" -o fortran
 LD_PRELOAD=$shared run ./fortran
 bound 'libgfortran\.so\.5' __multf3

@@ -158,6 +158,11 @@ is catalogue $'\nEs fehlt: AVX und AVX2' \
 gcc -march=native "$examples/level.c" -o program
 is 'example level' 'started: the first 100 squares add up to 328350' "$(./program)"
 
+# What the check adds to a program, in bytes.
+plain gcc main.c -s -o unchecked && gcc -march=haswell main.c -s -o checked
+growth=$(($(stat -c %s checked) - $(stat -c %s unchecked)))
+[ $growth -le 16384 ] || fail "a program grows by $growth bytes"
+
 # Compilers that cannot do it say so; work that links nothing is as ever.
 says() { # WORDS COMMAND...
   "${@:2}" >log 2>&1 || true
@@ -165,6 +170,7 @@ says() { # WORDS COMMAND...
 }
 says 'zorvac/level.h are for 64-bit x86 programs only' gcc -m32 -c main.c
 says 'zorvac/level.h: No such file' plain gcc -specs="$folder_of_specs/zorvac.specs" -c main.c
+says "argument unused during compilation: '-specs=zorvac.specs'" clang -specs=zorvac.specs -c main.c
 echo '#define IN_PCH 1' >all.h && gcc all.h
 says '! ./all.h.gch' gcc -H -include all.h -fsyntax-only main.c
 echo 'export module m;' >m.cpp
