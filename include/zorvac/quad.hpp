@@ -77,6 +77,7 @@ uint128 zorvac_quad_sub(uint128 a, uint128 b);
 uint128 zorvac_quad_mul(uint128 a, uint128 b);
 uint128 zorvac_quad_div(uint128 a, uint128 b);
 double zorvac_quad_to_double(uint128 a);
+uint128 zorvac_quad_round(int negative, int exponent, uint128 significand, std::uint64_t guard);
 }
 
 template <class T>
@@ -305,7 +306,7 @@ constexpr uint128 leading_one = static_cast<uint128>(1) << 112;
 constexpr uint128 infinity_bits = static_cast<uint128>(0x7fff) << 112;
 constexpr uint128 sign_mask = static_cast<uint128>(1) << 127;
 constexpr uint128 quiet_bit = leading_one >> 1;
-constexpr int bias = 16383, special_exponent = 0x7fff;
+constexpr int bias = 16383;
 
 constexpr int leading_zeros(uint128 x) {  // of what is not 0
   const auto high = static_cast<std::uint64_t>(x >> 64);

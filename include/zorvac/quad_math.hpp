@@ -44,22 +44,6 @@ inline rounding rounding_control() {
   return static_cast<rounding>(__builtin_ia32_stmxcsr() >> 13 & 3);
 }
 
-// Whether a magnitude is to be incremented that has this behind it: a word, left-aligned, in which
-// the lowest bit stands for all that is lost further down.
-constexpr bool rounds_up(rounding mode, bool negative, bool odd, std::uint64_t guard) {
-  switch (mode) {
-    case rounding::to_nearest:
-      return guard > (std::uint64_t{1} << 63) - (odd ? 1 : 0);
-    case rounding::down:
-      return negative && guard != 0;
-    case rounding::up:
-      return !negative && guard != 0;
-    case rounding::toward_zero:
-      break;
-  }
-  return false;
-}
-
 inline void raise_divide_by_zero() { perform(unknown(1) / unknown(0)); }
 inline void raise_denormal() { perform(unknown(0x1p-1074) * unknown(1)); }
 inline void raise_inexact() { perform(unknown(1) + unknown(0x1p-1022)); }
@@ -72,34 +56,10 @@ inline quad invalid() {
   return -std::numeric_limits<quad>::quiet_NaN();
 }
 
-// Rounds and raises what is due: the one place that does. The exponent may be anything.
+// Rounds and raises what is due, as the operators do. The exponent may be anything; the guard word
+// is what follows the significand, left-aligned, and its lowest bit stands for all further bits.
 inline quad round_and_pack(bool negative, int exponent, uint128 significand, std::uint64_t guard) {
-  const rounding mode = rounding_control();
-  // Tininess is judged after rounding, to full precision (IEEE 754-2019, 7.5).
-  bool tiny = false;
-  uint128 size = significand;
-  if (exponent < 1) {
-    tiny = exponent < 0 || significand != 2 * leading_one - 1 ||
-           !rounds_up(mode, negative, true, guard);
-    const int distance = exponent < -126 ? 127 : 1 - exponent;  // 127 leaves nothing, as do more
-    const uint128 lost = significand << (128 - distance);
-    const bool sticky = static_cast<std::uint64_t>(lost) != 0 || guard != 0;
-    guard = static_cast<std::uint64_t>(lost >> 64) | (sticky ? 1 : 0);
-    size = significand >> distance;
-  } else if (exponent < special_exponent) {
-    size += static_cast<uint128>(exponent - 1) << 112;
-  } else {
-    size = infinity_bits;
-  }
-  if (size < infinity_bits && guard != 0) {
-    tiny ? raise_underflow_inexact() : raise_inexact();
-    size += rounds_up(mode, negative, (size & 1) != 0, guard) ? 1 : 0;
-  }
-  if (size >= infinity_bits) {  // what lies just below infinity is odd
-    raise_overflow_inexact();
-    size = infinity_bits - 1 + (rounds_up(mode, negative, true, ~std::uint64_t{0}) ? 1 : 0);
-  }
-  return with_sign(negative, size);
+  return quad::from_bits(zorvac_quad_round(negative ? 1 : 0, exponent, significand, guard));
 }
 
 /* ---- Square root ----------------------------------------------------------------------------- */
