@@ -26,8 +26,8 @@ uint128 zorvac_quad_div(uint128 a, uint128 b) {
   return divide<own_rules>(to_words{}, in_words{a}, in_words{b});
 }
 
-// For functions that compute a significand of their own: `exponent` is the biased one of its leading
-// one, in any range, and `guard` what follows it.
+// For functions that compute a significand of their own: `exponent` is the biased one of its
+// leading one, in any range, and `guard` what follows it.
 uint128 zorvac_quad_round(int negative, int exponent, uint128 significand, uint64_t guard) {
   return round_and_pack<binary128>(negative != 0, exponent, significand, guard);
 }

@@ -73,8 +73,8 @@ unsigned raised() {
   return (now.mxcsr | (now.status & ~denormal)) & all_flags;
 }
 
-// Of two NaNs, or one, quieted. As integers, NaNs are above all numbers, and the quiet ones above the
-// signalling ones.
+// Of two NaNs, or one, quieted. As integers, NaNs are above all numbers, and the quiet ones above
+// the signalling ones.
 word nan_of(word a, word b) {
   const word larger = magnitude(a) > magnitude(b) ? a : b;
   const word chosen = magnitude(a) == magnitude(b) && (a & sign) != 0 ? a : larger;

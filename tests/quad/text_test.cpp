@@ -82,8 +82,9 @@ TEST(QuadText, IsReadAsTheCLibraryDoes) {
   expect_readings(hexadecimal, chars_format::hex, "0x");
 }
 
-// The middle of two numbers, whole or cut to some digits: beside it by so little that a power of ten which
-// is only nearly right would give either. Exponents of every size decide on the length of integers.
+// The middle of two numbers, whole or cut to some digits: beside it by so little that a power of
+// ten which is only nearly right would give either. Exponents of every size decide on the length
+// of integers.
 TEST(QuadText, IsReadToTheNearest) {
   mpfr_t middle;
   mpfr_init2(middle, 114);

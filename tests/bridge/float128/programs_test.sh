@@ -30,7 +30,8 @@ bound() {
 shared=$libraries/libzorvac_float128.so.1
 nm -D --defined-only --format=posix "$shared" | cut -d' ' -f1 | sort >seen
 grep -v '^#' "$exports" | sort | diff - seen || fail "exports: expected the first, seen the second"
-nm --defined-only "$libraries/libzorvac_float128.a" | sed -n 's/.* [A-Z] //p' | sort | diff seen - ||
+nm --defined-only "$libraries/libzorvac_float128.a" | sed -n 's/.* [A-Z] //p' | sort |
+  diff seen - ||
   fail "the archive's names: expected the first, seen the second"
 readelf --dynamic "$shared" >dynamic
 grep -q 'soname: \[libzorvac_float128\.so\.1\]' dynamic || fail "SONAME: $(grep SONAME dynamic)"
