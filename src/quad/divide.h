@@ -150,7 +150,9 @@ template <class Rules, class Result, class Operand>
                         << (f::fraction_bits - 64);
   if (neither_exact_nor_tie)
     return rounded_half_inexact(head, make_uint128(doubled.high, doubled.low));
-  return rounded_half(head, {doubled.high, doubled.low, quotient.low << (64 - surplus)});
+  three_words packed = halved({doubled.high, doubled.low, quotient.low << (64 - surplus)});
+  packed.high += head;
+  return rounded_sum(packed);
 }
 
 // The end of the common path where the second digit decides on more than it tells.

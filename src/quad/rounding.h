@@ -81,17 +81,14 @@ template <class F>
   return add_top_bit(packed, guard);
 }
 
-// The same for a quad whose significand comes doubled, its leading one still in it. `head` is the
-// sign and the exponent, less 1, in their places. There is no branch for exact results: about one
-// sum in ten is exact, which no predictor foresees.
-[[maybe_unused, gnu::always_inline]] inline uint128 rounded_half(uint64_t head,
-                                                                 three_words doubled) {
-  three_words x = halved(doubled);
-  if (!raise_inexact_to_nearest(all_ones_unless_zero(x.guard))) [[unlikely]]
-    x.guard = -rounds_up_directed(head >> 63 != 0);
-  return add_rounded(head, x);
+// The same for a quad. There is no branch for exact results: about one sum in ten is exact, which
+// no predictor foresees.
+[[maybe_unused, gnu::always_inline]] inline uint128 rounded_sum(three_words packed) {
+  if (!raise_inexact_to_nearest(all_ones_unless_zero(packed.guard))) [[unlikely]]
+    packed.guard = -rounds_up_directed(packed.high >> 63 != 0);
+  return rounded_by_guard(packed);
 }
-// And of one that is neither exact nor a tie.
+// And of one that is neither exact nor a tie, from twice its significand and what goes on top.
 [[maybe_unused, gnu::always_inline]] inline uint128 rounded_half_inexact(uint64_t head,
                                                                          uint128 doubled) {
   uint64_t last = low(doubled);

@@ -183,18 +183,18 @@ template <int Place>
   return x;
 }
 
-// `x` rounded to an integer by its guard word, a tie to the even one, and `head` on top of the high
-// word: 1 is added where the guard word is more than a half or, to an odd number, as much.
-[[gnu::always_inline]] inline uint128 add_rounded(uint64_t head, three_words x) {
+// `x` rounded to an integer by its guard word, a tie to the even one: 1 is added where the guard
+// word is more than a half or, to an odd number, as much.
+[[gnu::always_inline]] inline uint128 rounded_by_guard(three_words x) {
   uint64_t half = uint64_t{1} << 63;
   asm("bt $0, %[low]\n\t"
       "sbb %[guard], %[half]\n\t"
       "adc $0, %[low]\n\t"
-      "adc %[high], %[head]"
-      : [head] "+&r"(head), [low] "+&r"(x.low), [half] "+&r"(half)
-      : [high] "r"(x.high), [guard] "r"(x.guard)
+      "adc $0, %[high]"
+      : [high] "+&r"(x.high), [low] "+&r"(x.low), [half] "+&r"(half)
+      : [guard] "r"(x.guard)
       : "cc");
-  return make_uint128(head, x.low);
+  return x.significand();
 }
 
 // Half of `x`, a half rounded up, and `head` on top of the high word.
