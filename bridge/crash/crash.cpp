@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <threads.h>
 #include <ucontext.h>
 #include <unistd.h>
 
@@ -127,7 +128,7 @@ sighandler_t after_change(int number, sighandler_t previous) {
 //
 //   | guard | stack, which grows down | thread_start |
 struct thread_start {
-  void* (*routine)(void*);
+  void (*routine)();  // as its creator knows it
   void* argument;
 };
 constexpr std::size_t guard_bytes = 4096, mapped_bytes = guard_bytes + (1 << 16);
@@ -181,23 +182,43 @@ void end_thread(void* opaque_start) {
   unmap_signal_stack(start);
 }
 
-void* run_thread(void* opaque_start) {
+// POSIX threads return a pointer, those of C a number.
+template <class Result>
+Result run_thread(void* opaque_start) {
   auto* const start = static_cast<thread_start*>(opaque_start);
   pthread_setspecific(key_of_stack, start);
   use_signal_stack(start);
-  return start->routine(start->argument);
+  return reinterpret_cast<Result (*)(void*)>(start->routine)(start->argument);
 }
 
-// The C library's. It is looked up when this library is loaded: later, a thread may wait for the
-// lock of the loader.
-using pthread_create_routine = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-std::atomic<pthread_create_routine*> next_pthread_create;
-pthread_create_routine* find_pthread_create() {
-  if (next_pthread_create == nullptr)
-    next_pthread_create =
-        reinterpret_cast<pthread_create_routine*>(dlsym(RTLD_NEXT, "pthread_create"));
-  return next_pthread_create;
+// `create` is the C library's way to create a thread that runs a routine with an argument, and
+// returns 0 for success.
+template <class Result, class Create>
+int create_thread(Result (*routine)(void*), void* argument, Create create) {
+  thread_start* const start = enabled ? map_signal_stack() : nullptr;
+  if (start == nullptr) return create(routine, argument);
+  *start = {reinterpret_cast<void (*)()>(routine), argument};
+  const int status = create(run_thread<Result>, start);
+  if (status != 0) unmap_signal_stack(start);
+  return status;
 }
+
+// A routine of the C library that one of ours stands in front of. All are looked up when this
+// library is loaded, or by a constructor that creates a thread before that: later, a thread may
+// wait for the lock of the loader.
+template <class Routine>
+struct next_routine {
+  const char* name;
+  std::atomic<Routine*> found = nullptr;
+
+  Routine* find() {
+    if (found == nullptr) found = reinterpret_cast<Routine*>(dlsym(RTLD_NEXT, name));
+    return found;
+  }
+};
+constinit next_routine<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>
+    next_pthread_create{"pthread_create"};
+constinit next_routine<int(thrd_t*, thrd_start_t, void*)> next_thrd_create{"thrd_create"};
 
 // ---- The start ----
 
@@ -211,7 +232,8 @@ void tell_unknown(const char* value) {
 }
 
 [[gnu::constructor]] void start() {
-  find_pthread_create();
+  next_pthread_create.find();
+  next_thrd_create.find();
   const char* const value = std::getenv("ZORVAC_CRASH");
   if (value != nullptr) {
     if (std::strcmp(value, "off") == 0) return;
@@ -253,13 +275,15 @@ sighandler_t __sysv_signal(int number, sighandler_t handler) noexcept {
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
                    void* argument) noexcept {
-  pthread_create_routine* const create = find_pthread_create();
-  thread_start* const start = enabled ? map_signal_stack() : nullptr;
-  if (start == nullptr) return create(thread, attributes, routine, argument);
-  *start = {routine, argument};
-  const int status = create(thread, attributes, run_thread, start);
-  if (status != 0) unmap_signal_stack(start);
-  return status;
+  return create_thread(routine, argument, [&](void* (*run)(void*), void* start) {
+    return next_pthread_create.find()(thread, attributes, run, start);
+  });
+}
+
+int thrd_create(thrd_t* thread, thrd_start_t routine, void* argument) {
+  return create_thread(routine, argument, [&](thrd_start_t run, void* start) {
+    return next_thrd_create.find()(thread, run, start);
+  });
 }
 
 #pragma GCC visibility pop
