@@ -14,6 +14,46 @@ struct cpuid_answer {
   std::uint32_t eax, ebx, ecx, edx;
 };
 
+// CPUID's feature bits. The namespace gives the leaf and the register; the extended leaf is
+// 0x80000001 (architecture manuals, "CPUID").
+namespace leaf1_edx {
+inline constexpr std::uint32_t x87 = 1 << 0, cmov = 1 << 15, mmx = 1 << 23, fxsave = 1 << 24,
+                               sse = 1 << 25, sse2 = 1 << 26;
+}
+namespace leaf1_ecx {
+inline constexpr std::uint32_t sse3 = 1 << 0, pclmulqdq = 1 << 1, ssse3 = 1 << 9, fma = 1 << 12,
+                               sse4_1 = 1 << 19, sse4_2 = 1 << 20, movbe = 1 << 22,
+                               popcnt = 1 << 23, aes = 1 << 25, osxsave = 1 << 27, avx = 1 << 28,
+                               f16c = 1 << 29, rdrand = 1 << 30;
+}
+namespace leaf7_ebx {
+inline constexpr std::uint32_t bmi1 = 1 << 3, hle = 1 << 4, avx2 = 1 << 5, bmi2 = 1 << 8,
+                               rtm = 1 << 11, mpx = 1 << 14, avx512f = 1 << 16, avx512dq = 1 << 17,
+                               rdseed = 1 << 18, adx = 1 << 19, avx512ifma52 = 1 << 21,
+                               avx512pf = 1 << 26, avx512er = 1 << 27, avx512cd = 1 << 28,
+                               sha = 1 << 29, avx512bw = 1 << 30, avx512vl = 1u << 31;
+}
+namespace leaf7_ecx {
+inline constexpr std::uint32_t avx512vbmi = 1 << 1;
+}
+namespace extended_ecx {
+inline constexpr std::uint32_t lzcnt = 1 << 5;
+}
+
+// The signature in EAX of leaf 1.
+struct signature {
+  std::uint32_t word;
+
+  // Without the extended family, which counts for family 15 only.
+  [[gnu::always_inline]] constexpr std::uint32_t family() const { return word >> 8 & 0xf; }
+  [[gnu::always_inline]] constexpr std::uint32_t extended_family() const {
+    return word >> 20 & 0xff;
+  }
+  [[gnu::always_inline]] constexpr std::uint32_t model() const {
+    return (word >> 16 & 0xf) << 4 | (word >> 4 & 0xf);
+  }
+};
+
 template <class Processor>
 concept processor = requires(const Processor& p, std::uint32_t leaf, std::uint32_t subleaf) {
   { p.has_cpuid() } -> std::same_as<bool>;
@@ -24,16 +64,17 @@ concept processor = requires(const Processor& p, std::uint32_t leaf, std::uint32
 namespace {
 
 struct hardware_processor {
-  // CPUID exists if software can change the ID flag, bit 21. The stack pointer first skips the red
-  // zone, where the compiler may keep values of the surrounding function.
+  // CPUID exists if software can change the ID flag. The stack pointer first skips the red zone,
+  // where the compiler may keep values of the surrounding function.
   [[gnu::always_inline]] static inline bool has_cpuid() {
+    constexpr std::uint64_t id_flag = 1 << 21;
     std::uint64_t before, flipped;
     asm volatile(
         "lea -128(%%rsp), %%rsp\n\t"
         "pushfq\n\t"
         "pop %0\n\t"
         "mov %0, %1\n\t"
-        "xor $0x200000, %1\n\t"
+        "xor %2, %1\n\t"
         "push %1\n\t"
         "popfq\n\t"
         "pushfq\n\t"
@@ -42,9 +83,9 @@ struct hardware_processor {
         "popfq\n\t"
         "lea 128(%%rsp), %%rsp"
         : "=&r"(before), "=&r"(flipped)
-        :
+        : "i"(id_flag)
         : "cc");
-    return ((before ^ flipped) & 0x200000) != 0;
+    return ((before ^ flipped) & id_flag) != 0;
   }
 
   [[gnu::always_inline]] static inline cpuid_answer cpuid(std::uint32_t leaf,

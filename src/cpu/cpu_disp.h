@@ -23,24 +23,6 @@ inline constexpr std::uint32_t avx512_er_pf = 0x2000000;
 inline constexpr std::uint32_t avx512_bw_vl = 0x4000000;
 }  // namespace processor_class
 
-// CPUID feature bits. The namespace gives the leaf and the register.
-namespace leaf1_ecx {
-inline constexpr std::uint32_t sse3 = 1 << 0, pclmulqdq = 1 << 1, ssse3 = 1 << 9, fma = 1 << 12,
-                               sse4_1 = 1 << 19, sse4_2 = 1 << 20, movbe = 1 << 22,
-                               popcnt = 1 << 23, aes = 1 << 25, osxsave = 1 << 27, avx = 1 << 28,
-                               f16c = 1 << 29;
-}  // namespace leaf1_ecx
-namespace leaf7_ebx {
-inline constexpr std::uint32_t bmi1 = 1 << 3, hle = 1 << 4, avx2 = 1 << 5, bmi2 = 1 << 8,
-                               rtm = 1 << 11, avx512f = 1 << 16, avx512dq = 1 << 17,
-                               rdseed = 1 << 18, adx = 1 << 19, avx512pf = 1 << 26,
-                               avx512er = 1 << 27, avx512cd = 1 << 28, avx512bw = 1 << 30,
-                               avx512vl = 1u << 31;
-}  // namespace leaf7_ebx
-namespace extended_ecx {
-inline constexpr std::uint32_t lzcnt = 1 << 5;
-}
-
 // The best class below AVX. Each test that passes replaces the class, whatever the tests before it
 // gave: a processor may skip a step, and MOVBE counts only if SSE4.1 is missing.
 [[gnu::always_inline]] constexpr std::uint32_t sse_class(std::uint32_t ecx) {
@@ -85,7 +67,7 @@ template <processor Processor>
   if (leaf0.eax == 0 || !vendor.accepts(leaf0)) return processor_class::generic;
 
   const cpuid_answer leaf1 = p.cpuid(1, 0);
-  const std::uint32_t family = leaf1.eax >> 8 & 0xf;
+  const std::uint32_t family = signature{leaf1.eax}.family();
   if (family == 15)
     return has(leaf1.ecx, leaf1_ecx::sse3) ? processor_class::sse3 : processor_class::generic;
   if (family != 6) return processor_class::generic;

@@ -25,52 +25,49 @@ struct feature_rule {
   gate needs;
 };
 
-constexpr std::uint32_t bit(int number) { return std::uint32_t{1} << number; }
-
 // The bits that CPUID reports; GENERIC_X86 and FULLY_INORDER_PROCESSOR are computed.
 inline constexpr feature_rule feature_rules[] = {
-    {ZORVAC_FEATURE_X87, source::leaf1_edx, bit(0), gate::none},
-    {ZORVAC_FEATURE_CMOV, source::leaf1_edx, bit(15), gate::none},
-    {ZORVAC_FEATURE_MMX, source::leaf1_edx, bit(23), gate::none},
-    {ZORVAC_FEATURE_FXSAVE, source::leaf1_edx, bit(24), gate::none},
-    {ZORVAC_FEATURE_SSE, source::leaf1_edx, bit(25), gate::fxsave},
-    {ZORVAC_FEATURE_SSE2, source::leaf1_edx, bit(26), gate::fxsave},
-    {ZORVAC_FEATURE_SSE3, source::leaf1_ecx, bit(0), gate::fxsave},
-    {ZORVAC_FEATURE_SSSE3, source::leaf1_ecx, bit(9), gate::fxsave},
-    {ZORVAC_FEATURE_SSE4_1, source::leaf1_ecx, bit(19), gate::fxsave},
-    {ZORVAC_FEATURE_SSE4_2, source::leaf1_ecx, bit(20), gate::fxsave},
-    {ZORVAC_FEATURE_MOVBE, source::leaf1_ecx, bit(22), gate::fxsave},
-    {ZORVAC_FEATURE_POPCNT, source::leaf1_ecx, bit(23), gate::fxsave},
-    {ZORVAC_FEATURE_PCLMULQDQ, source::leaf1_ecx, bit(1), gate::fxsave},
-    {ZORVAC_FEATURE_AES, source::leaf1_ecx, bit(25), gate::fxsave},
-    {ZORVAC_FEATURE_F16C, source::leaf1_ecx, bit(29), gate::ymm_state},
-    {ZORVAC_FEATURE_AVX, source::leaf1_ecx, bit(28), gate::ymm_state},
-    {ZORVAC_FEATURE_RDRND, source::leaf1_ecx, bit(30), gate::none},
-    {ZORVAC_FEATURE_FMA, source::leaf1_ecx, bit(12), gate::ymm_state},
-    {ZORVAC_FEATURE_BMI, source::leaf7_ebx, bit(3) | bit(8), gate::none},  // BMI1 and BMI2
-    {ZORVAC_FEATURE_LZCNT, source::extended_ecx, bit(5), gate::none},
-    {ZORVAC_FEATURE_HLE, source::leaf7_ebx, bit(4), gate::none},
-    {ZORVAC_FEATURE_RTM, source::leaf7_ebx, bit(11), gate::none},
-    {ZORVAC_FEATURE_AVX2, source::leaf7_ebx, bit(5), gate::ymm_state},
-    {ZORVAC_FEATURE_AVX512DQ, source::leaf7_ebx, bit(17), gate::zmm_state},
-    {ZORVAC_FEATURE_AVX512F, source::leaf7_ebx, bit(16), gate::zmm_state},
-    {ZORVAC_FEATURE_ADX, source::leaf7_ebx, bit(19), gate::none},
-    {ZORVAC_FEATURE_RDSEED, source::leaf7_ebx, bit(18), gate::none},
-    {ZORVAC_FEATURE_AVX512IFMA52, source::leaf7_ebx, bit(21), gate::zmm_state},
-    {ZORVAC_FEATURE_AVX512ER, source::leaf7_ebx, bit(27), gate::zmm_state},
-    {ZORVAC_FEATURE_AVX512PF, source::leaf7_ebx, bit(26), gate::zmm_state},
-    {ZORVAC_FEATURE_AVX512CD, source::leaf7_ebx, bit(28), gate::zmm_state},
-    {ZORVAC_FEATURE_SHA, source::leaf7_ebx, bit(29), gate::fxsave},
-    {ZORVAC_FEATURE_MPX, source::leaf7_ebx, bit(14), gate::mpx_state},
-    {ZORVAC_FEATURE_AVX512BW, source::leaf7_ebx, bit(30), gate::zmm_state},
-    {ZORVAC_FEATURE_AVX512VL, source::leaf7_ebx, bit(31), gate::zmm_state},
-    {ZORVAC_FEATURE_AVX512VBMI, source::leaf7_ecx, bit(1), gate::zmm_state},
+    {ZORVAC_FEATURE_X87, source::leaf1_edx, leaf1_edx::x87, gate::none},
+    {ZORVAC_FEATURE_CMOV, source::leaf1_edx, leaf1_edx::cmov, gate::none},
+    {ZORVAC_FEATURE_MMX, source::leaf1_edx, leaf1_edx::mmx, gate::none},
+    {ZORVAC_FEATURE_FXSAVE, source::leaf1_edx, leaf1_edx::fxsave, gate::none},
+    {ZORVAC_FEATURE_SSE, source::leaf1_edx, leaf1_edx::sse, gate::fxsave},
+    {ZORVAC_FEATURE_SSE2, source::leaf1_edx, leaf1_edx::sse2, gate::fxsave},
+    {ZORVAC_FEATURE_SSE3, source::leaf1_ecx, leaf1_ecx::sse3, gate::fxsave},
+    {ZORVAC_FEATURE_SSSE3, source::leaf1_ecx, leaf1_ecx::ssse3, gate::fxsave},
+    {ZORVAC_FEATURE_SSE4_1, source::leaf1_ecx, leaf1_ecx::sse4_1, gate::fxsave},
+    {ZORVAC_FEATURE_SSE4_2, source::leaf1_ecx, leaf1_ecx::sse4_2, gate::fxsave},
+    {ZORVAC_FEATURE_MOVBE, source::leaf1_ecx, leaf1_ecx::movbe, gate::fxsave},
+    {ZORVAC_FEATURE_POPCNT, source::leaf1_ecx, leaf1_ecx::popcnt, gate::fxsave},
+    {ZORVAC_FEATURE_PCLMULQDQ, source::leaf1_ecx, leaf1_ecx::pclmulqdq, gate::fxsave},
+    {ZORVAC_FEATURE_AES, source::leaf1_ecx, leaf1_ecx::aes, gate::fxsave},
+    {ZORVAC_FEATURE_F16C, source::leaf1_ecx, leaf1_ecx::f16c, gate::ymm_state},
+    {ZORVAC_FEATURE_AVX, source::leaf1_ecx, leaf1_ecx::avx, gate::ymm_state},
+    {ZORVAC_FEATURE_RDRND, source::leaf1_ecx, leaf1_ecx::rdrand, gate::none},
+    {ZORVAC_FEATURE_FMA, source::leaf1_ecx, leaf1_ecx::fma, gate::ymm_state},
+    {ZORVAC_FEATURE_BMI, source::leaf7_ebx, leaf7_ebx::bmi1 | leaf7_ebx::bmi2, gate::none},
+    {ZORVAC_FEATURE_LZCNT, source::extended_ecx, extended_ecx::lzcnt, gate::none},
+    {ZORVAC_FEATURE_HLE, source::leaf7_ebx, leaf7_ebx::hle, gate::none},
+    {ZORVAC_FEATURE_RTM, source::leaf7_ebx, leaf7_ebx::rtm, gate::none},
+    {ZORVAC_FEATURE_AVX2, source::leaf7_ebx, leaf7_ebx::avx2, gate::ymm_state},
+    {ZORVAC_FEATURE_AVX512DQ, source::leaf7_ebx, leaf7_ebx::avx512dq, gate::zmm_state},
+    {ZORVAC_FEATURE_AVX512F, source::leaf7_ebx, leaf7_ebx::avx512f, gate::zmm_state},
+    {ZORVAC_FEATURE_ADX, source::leaf7_ebx, leaf7_ebx::adx, gate::none},
+    {ZORVAC_FEATURE_RDSEED, source::leaf7_ebx, leaf7_ebx::rdseed, gate::none},
+    {ZORVAC_FEATURE_AVX512IFMA52, source::leaf7_ebx, leaf7_ebx::avx512ifma52, gate::zmm_state},
+    {ZORVAC_FEATURE_AVX512ER, source::leaf7_ebx, leaf7_ebx::avx512er, gate::zmm_state},
+    {ZORVAC_FEATURE_AVX512PF, source::leaf7_ebx, leaf7_ebx::avx512pf, gate::zmm_state},
+    {ZORVAC_FEATURE_AVX512CD, source::leaf7_ebx, leaf7_ebx::avx512cd, gate::zmm_state},
+    {ZORVAC_FEATURE_SHA, source::leaf7_ebx, leaf7_ebx::sha, gate::fxsave},
+    {ZORVAC_FEATURE_MPX, source::leaf7_ebx, leaf7_ebx::mpx, gate::mpx_state},
+    {ZORVAC_FEATURE_AVX512BW, source::leaf7_ebx, leaf7_ebx::avx512bw, gate::zmm_state},
+    {ZORVAC_FEATURE_AVX512VL, source::leaf7_ebx, leaf7_ebx::avx512vl, gate::zmm_state},
+    {ZORVAC_FEATURE_AVX512VBMI, source::leaf7_ecx, leaf7_ecx::avx512vbmi, gate::zmm_state},
 };
 
-// Whether leaf 1's signature is one of the in-order models. The family is ignored.
-[[gnu::always_inline]] constexpr bool is_in_order(std::uint32_t signature) {
-  const std::uint32_t model = (signature >> 16 & 0xf) << 4 | (signature >> 4 & 0xf);
-  return model == 0x1c || model == 0x26 || model == 0x27;
+// The family is ignored.
+[[gnu::always_inline]] constexpr bool is_in_order(signature s) {
+  return s.model() == 0x1c || s.model() == 0x26 || s.model() == 0x27;
 }
 
 // The feature word of a processor that has leaf 1. Leaves 7 and 0x80000001 are read without a check
@@ -84,8 +81,8 @@ template <processor Processor>
                                             extended.ecx};
 
   std::uint32_t open_gates = 1u << static_cast<int>(gate::none);
-  if (has(leaf1.edx, bit(24))) open_gates |= 1u << static_cast<int>(gate::fxsave);
-  if (has(leaf1.ecx, bit(27))) {  // OSXSAVE: XGETBV may be executed
+  if (has(leaf1.edx, leaf1_edx::fxsave)) open_gates |= 1u << static_cast<int>(gate::fxsave);
+  if (has(leaf1.ecx, leaf1_ecx::osxsave)) {  // OSXSAVE: XGETBV may be executed
     const std::uint64_t xcr0 = p.xgetbv();
     if (has(xcr0, xcr0_ymm)) {
       open_gates |= 1u << static_cast<int>(gate::ymm_state);
@@ -99,7 +96,7 @@ template <processor Processor>
     const bool open = (open_gates >> static_cast<int>(rule.needs) & 1) != 0;
     if (open && has(registers[static_cast<int>(rule.from)], rule.bits)) word |= rule.feature;
   }
-  if (is_in_order(leaf1.eax)) word |= ZORVAC_FEATURE_FULLY_INORDER_PROCESSOR;
+  if (is_in_order({leaf1.eax})) word |= ZORVAC_FEATURE_FULLY_INORDER_PROCESSOR;
   return word;
 }
 

@@ -4,6 +4,6 @@
 #define ROUTINE(routine) dispatch __zorva_##routine;
 #define ACCEPT(routine, mask, letter, known, flags) row (mask), __zorva_##routine.letter;
 #define DIRECT(routine, letter, known, flags)
-#define REFUSE(routine, letter, reporter, message) generic __zorva_##routine.letter;
+#define REFUSE(routine, letter, reporter, needed) generic __zorva_##routine.letter;
 #define IGNORE(routine, letter) generic __zorva_##routine.letter;
 #include "startup/proc_init_family.inc"

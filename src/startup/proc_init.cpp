@@ -4,6 +4,7 @@
 // not use it, which costs a caller nothing.
 #include "core/export.h"
 #include "startup/proc_init_utils.h"
+#include "startup/vrt_msg_support.h"
 
 using namespace zorvac::startup;
 
@@ -15,9 +16,9 @@ using namespace zorvac::startup;
   void routine##_##letter([[maybe_unused]] int flags) {                  \
     __zorva_proc_init_ftzdazule(known, flags_word);                      \
   }
-#define REFUSE(routine, letter, reporter, message)                                 \
+#define REFUSE(routine, letter, reporter, needed)                                  \
   ZORVAC_EXPORT_AS("__zorva_" #routine "." #letter, void routine##_##letter(int)); \
-  void routine##_##letter(int) { reporter(message); }
+  void routine##_##letter(int) { reporter(message::needed); }
 #define IGNORE(routine, letter)                                                    \
   ZORVAC_EXPORT_AS("__zorva_" #routine "." #letter, void routine##_##letter(int)); \
   void routine##_##letter(int) {}
