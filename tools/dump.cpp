@@ -65,19 +65,19 @@ class dumper {
   }
 
   void routine(const unsigned char* head) {
-    routine_start_ = trace::load<std::uint64_t>(head + trace::routine_start_offset);
+    routine_start_ = load_unaligned<std::uint64_t>(head + trace::routine_start_offset);
     range("routine", routine_start_,
-          trace::load<std::uint32_t>(head + trace::routine_length_offset));
-    const auto bytes = trace::load<std::uint16_t>(head + trace::routine_name_length_offset);
+          load_unaligned<std::uint32_t>(head + trace::routine_length_offset));
+    const auto bytes = load_unaligned<std::uint16_t>(head + trace::routine_name_length_offset);
     out_ << ' ' << printable(head + trace::routine_head_bytes, bytes) << '\n';
   }
 
   void span(std::size_t at, std::size_t length) {
     if (length < trace::body_offset + trace::span_body_bytes) throw unsound(at);
     const unsigned char* body = begin_ + at + trace::body_offset;
-    range("span", trace::load<std::uint64_t>(body + trace::span_start_offset),
-          trace::load<std::uint64_t>(body + trace::span_length_offset));
-    out_ << ", " << trace::load<std::uint32_t>(body + trace::span_bytes_offset) << " bytes\n";
+    range("span", load_unaligned<std::uint64_t>(body + trace::span_start_offset),
+          load_unaligned<std::uint64_t>(body + trace::span_length_offset));
+    out_ << ", " << load_unaligned<std::uint32_t>(body + trace::span_bytes_offset) << " bytes\n";
   }
 
   void range(const char* kind, std::uint64_t start, std::uint64_t length) {
@@ -106,8 +106,8 @@ class dumper {
 
   [[nodiscard]] trace::memory_source body_of(std::size_t at) const {
     const unsigned char* body = begin_ + at + trace::body_offset;
-    return {body, body + trace::load<std::uint32_t>(body - trace::body_offset +
-                                                    trace::body_length_offset)};
+    return {body, body + load_unaligned<std::uint32_t>(body - trace::body_offset +
+                                                       trace::body_length_offset)};
   }
 
   // The path in the file record at a place that something else refers to.

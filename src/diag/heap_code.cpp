@@ -13,8 +13,9 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <span>
+
+#include "core/unaligned.h"
 
 #pragma weak _Unwind_FindEnclosingFunction
 // A static program may define malloc and free, and have neither of these.
@@ -23,13 +24,6 @@
 
 namespace zorvac::diag {
 namespace {
-
-template <class Value>
-Value load(const void* from) {
-  Value value;
-  std::memcpy(&value, from, sizeof value);
-  return value;
-}
 
 // The address that a call of a routine reaches. In a program that is linked to a fixed address, the
 // address of a shared library's routine is that of a stub in the program: an optional ENDBR64, an
@@ -42,11 +36,11 @@ std::uintptr_t target_of(Routine* routine) {
   const auto address = reinterpret_cast<std::uintptr_t>(routine);
   if (address == 0) return 0;
   const auto* code = reinterpret_cast<const unsigned char*>(routine);
-  if (load<std::uint32_t>(code) == endbr64) code += sizeof endbr64;
+  if (load_unaligned<std::uint32_t>(code) == endbr64) code += sizeof endbr64;
   if (*code == bnd) ++code;
-  if (load<std::uint16_t>(code) != jmp_through_slot) return address;
-  const auto distance = load<std::int32_t>(code + 2);
-  return load<std::uintptr_t>(code + 6 + distance);
+  if (load_unaligned<std::uint16_t>(code) != jmp_through_slot) return address;
+  const auto distance = load_unaligned<std::int32_t>(code + 2);
+  return load_unaligned<std::uintptr_t>(code + 6 + distance);
 }
 
 // The shared object that holds an address; an empty range where that is the program.

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "core/unaligned.h"
 #include "diag/substitution.h"
 #include "startup/vrt_msg_support.h"
 
@@ -48,10 +49,8 @@ template <class... Texts>
 
 // A guard word may have any alignment, as may the variable beside it.
 bool is_guarded(std::uintptr_t word) {
-  struct [[gnu::packed, gnu::may_alias]] unaligned {
-    std::uint32_t value;
-  };
-  return reinterpret_cast<const unaligned*>(word)->value == guard_word;  // NOLINT(*-int-to-ptr)
+  const void* const place = reinterpret_cast<const void*>(word);  // NOLINT(*-int-to-ptr)
+  return load_unaligned<std::uint32_t>(place) == guard_word;
 }
 
 // Address arithmetic is modulo 2^64, so no description of a variable overflows it.

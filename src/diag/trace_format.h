@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/unaligned.h"
+
 namespace zorvac::diag::trace {
 
 inline constexpr char section_name[] = ".trace";
@@ -50,13 +52,6 @@ inline constexpr std::size_t span_body_bytes = 20;
 // The bytes of a record that say what it is and where the next one begins.
 inline constexpr std::size_t head_bytes = routine_head_bytes;
 
-template <class Integer>
-Integer load(const unsigned char* bytes) {
-  Integer value;
-  __builtin_memcpy(&value, bytes, sizeof value);
-  return value;
-}
-
 // The number of bytes from the tag at `head` to the tag of the next record. `available` bytes may
 // be read at `head`. 0 where the number cannot be known, which ends a scan. The result may exceed
 // `available`, and may lead beyond the section.
@@ -65,10 +60,10 @@ inline std::uint64_t record_bytes(const unsigned char* head, std::size_t availab
   if (head[0] == padding_tag) return 1;
   if (head[0] == routine_tag) {
     if (available < routine_head_bytes || head[version_offset] != routine_version) return 0;
-    return routine_head_bytes + load<std::uint16_t>(head + routine_name_length_offset);
+    return routine_head_bytes + load_unaligned<std::uint16_t>(head + routine_name_length_offset);
   }
   if (available < body_offset) return 0;
-  return std::uint64_t{body_offset} + load<std::uint32_t>(head + body_length_offset);
+  return std::uint64_t{body_offset} + load_unaligned<std::uint32_t>(head + body_length_offset);
 }
 
 // Line tables are read byte by byte from a source: any type with `bool next(unsigned char&)`, which

@@ -25,7 +25,7 @@ class record {
   }
   template <class Integer>
   [[nodiscard]] Integer field(std::size_t offset) const {
-    return trace::load<Integer>(head_ + offset);
+    return load_unaligned<Integer>(head_ + offset);
   }
   // The bytes after the head, as far as they lie in the section.
   [[nodiscard]] file_range body(std::size_t head) const {
@@ -106,10 +106,10 @@ void read_text(byte_source& file, file_range range, char (&text)[Bytes]) {
 std::uint64_t irrelevant_bytes(record& r, std::uint64_t address) {
   unsigned char span[trace::span_body_bytes];
   if (!r.is(trace::span_tag, trace::span_version) || !r.read_body(span)) return 0;
-  const auto start = trace::load<std::uint64_t>(span + trace::span_start_offset);
-  const auto length = trace::load<std::uint64_t>(span + trace::span_length_offset);
+  const auto start = load_unaligned<std::uint64_t>(span + trace::span_start_offset);
+  const auto length = load_unaligned<std::uint64_t>(span + trace::span_length_offset);
   if (address - start < length) return 0;
-  return trace::load<std::uint32_t>(span + trace::span_bytes_offset);
+  return load_unaligned<std::uint32_t>(span + trace::span_bytes_offset);
 }
 
 // Moves to the routine whose range holds the address; false where there is none.

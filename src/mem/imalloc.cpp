@@ -10,8 +10,8 @@
 
 #include <cstdlib>
 
-#include "core/fork.h"
 #include "mem/block_header.h"
+#include "mem/fork.h"
 #include "mem/single_threaded.h"
 
 using zorvac::mem::address_table;

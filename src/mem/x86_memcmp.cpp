@@ -2,16 +2,11 @@
 // it reverses the bytes of both words, so that the first byte in memory is the most significant.
 #include <cstdint>
 
+#include "core/unaligned.h"
 #include "zorvac/mem.h"
 
 namespace {
 using byte = unsigned char;
-
-std::uint64_t load_word(const byte* from) {
-  std::uint64_t word;
-  __builtin_memcpy(&word, from, sizeof word);
-  return word;
-}
 }  // namespace
 
 extern "C" int _zorva_fast_memcmp(const void* a, const void* b, std::size_t count) {
@@ -19,7 +14,8 @@ extern "C" int _zorva_fast_memcmp(const void* a, const void* b, std::size_t coun
   const auto* q = static_cast<const byte*>(b);
   if (p == q) return 0;
   for (const byte* const end = p + count / 8 * 8; p != end; p += 8, q += 8) {
-    const std::uint64_t x = load_word(p), y = load_word(q);
+    const auto x = zorvac::load_unaligned<std::uint64_t>(p);
+    const auto y = zorvac::load_unaligned<std::uint64_t>(q);
     if (x != y) return __builtin_bswap64(x) < __builtin_bswap64(y) ? -1 : 1;
   }
   for (const byte* const end = p + count % 8; p != end; ++p, ++q)

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "core/unaligned.h"
 #include "zorvac/mem.h"
 
 void* zorvac_mm_malloc(std::size_t size, std::size_t alignment) {
@@ -25,13 +26,11 @@ void* zorvac_mm_malloc(std::size_t size, std::size_t alignment) {
       (reinterpret_cast<std::uintptr_t>(raw) + alignment + word - 1) & ~(alignment - 1);
   void** const block = reinterpret_cast<void**>(result);  // NOLINT(performance-no-int-to-ptr)
   // If the alignment is no power of two, the place of the word may be misaligned.
-  __builtin_memcpy(block - 1, &raw, sizeof raw);
+  zorvac::store_unaligned(block - 1, raw);
   return block;
 }
 
 void zorvac_mm_free(void* block) {
   if (block == nullptr) return;
-  void* raw;
-  __builtin_memcpy(&raw, static_cast<char*>(block) - sizeof raw, sizeof raw);
-  std::free(raw);
+  std::free(zorvac::load_unaligned<void*>(static_cast<char*>(block) - sizeof block));
 }

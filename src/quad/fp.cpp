@@ -4,11 +4,11 @@
 // Both registers hold the six exceptions in the same order and code the rounding in the same way,
 // which is also that of the abstract word; they differ in where the fields begin. So a register is
 // described by its offsets, and every routine below is written once for both.
-#include <cstring>
 
 #include "core/mxcsr.h"
 #include "core/processor.h"
-#include "core/x87.h"
+#include "core/unaligned.h"
+#include "quad/x87.h"
 #include "zorvac/quad.h"
 
 using namespace zorvac;
@@ -147,18 +147,10 @@ void save_fp_state(void* state) { x87::save(*static_cast<x87::state*>(state)); }
 
 void restore_fp_state(const void* state) { x87::restore(*static_cast<const x87::state*>(state)); }
 
-void get_fp_statusword(void* status) {
-  const std::uint16_t word = x87::read_status();
-  std::memcpy(status, &word, sizeof word);
-}
+void get_fp_statusword(void* status) { store_unaligned(status, x87::read_status()); }
 
-void get_fp_controlword(void* control) {
-  const std::uint16_t word = x87::read_control();
-  std::memcpy(control, &word, sizeof word);
-}
+void get_fp_controlword(void* control) { store_unaligned(control, x87::read_control()); }
 
 void set_fp_controlword(const void* control) {
-  std::uint16_t word;
-  std::memcpy(&word, control, sizeof word);
-  x87::write_control(word);
+  x87::write_control(load_unaligned<std::uint16_t>(control));
 }

@@ -6,6 +6,7 @@
 // known to belong to the string are moved by unaligned loads, so no loop moves single bytes. In
 // between, a level either loads aligned blocks and stores them unaligned, or merges two aligned
 // blocks (PALIGNR) and stores them aligned.
+#include "core/unaligned.h"
 #include "string/block.h"
 
 namespace zorvac::string {
@@ -13,11 +14,10 @@ namespace {
 
 template <class Word>
 ZORVAC_INLINE void move_two(char* to, const char* from, std::size_t bytes) {
-  Word first, last;
-  __builtin_memcpy(&first, from, sizeof first);
-  __builtin_memcpy(&last, from + bytes - sizeof last, sizeof last);
-  __builtin_memcpy(to, &first, sizeof first);
-  __builtin_memcpy(to + bytes - sizeof last, &last, sizeof last);
+  const auto first = load_unaligned<Word>(from);
+  const auto last = load_unaligned<Word>(from + bytes - sizeof(Word));
+  store_unaligned(to, first);
+  store_unaligned(to + bytes - sizeof(Word), last);
 }
 // Moves 1 to 32 bytes as a first and a last piece, which may overlap.
 ZORVAC_INLINE void move_few(char* to, const char* from, std::size_t bytes) {

@@ -4,6 +4,7 @@
 // multiple of four.
 #include <cstdint>
 
+#include "core/unaligned.h"
 #include "string/block.h"
 
 namespace zorvac::string {
@@ -25,10 +26,9 @@ ZORVAC_INLINE void copy_words(char* to, const char* from) {
   for (; reinterpret_cast<std::uintptr_t>(from) % 4 != 0; ++from)
     if ((*to++ = *from) == 0) return;
   for (;; from += 4, to += 4) {
-    std::uint32_t word;
-    __builtin_memcpy(&word, from, sizeof word);
+    const auto word = load_unaligned<std::uint32_t>(from);
     if (!may_hold_zero(word)) {
-      __builtin_memcpy(to, &word, sizeof word);
+      store_unaligned(to, word);
       continue;
     }
     for (int i = 0; i < 4; ++i)

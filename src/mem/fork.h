@@ -1,5 +1,5 @@
-#ifndef ZORVAC_CORE_FORK_H
-#define ZORVAC_CORE_FORK_H
+#ifndef ZORVAC_MEM_FORK_H
+#define ZORVAC_MEM_FORK_H
 // Handlers around a fork. __register_atfork is the routine that pthread_atfork calls. It takes the
 // handle of the shared object (__dso_handle), so the handlers are removed when the object is
 // unloaded. Both names are weak: a static program without fork has no __register_atfork, and a

@@ -1,5 +1,5 @@
-#ifndef ZORVAC_CORE_X87_H
-#define ZORVAC_CORE_X87_H
+#ifndef ZORVAC_QUAD_X87_H
+#define ZORVAC_QUAD_X87_H
 // The control and status words of the x87 unit, and its whole state.
 //
 // The instructions that begin with FN do not check for pending exceptions. FLDCW, FSTSW and FRSTOR
