@@ -355,17 +355,14 @@ TEST(AtHand, LoadingStoresEveryThreshold) {
 
 // A query runs detection where nothing is known, but not for a level that cannot exist.
 TEST(AtHand, QueriesGiveTheSizeOfALevel) {
-  const cpu::cache_table loaded = __libvrt_cache_tbl;
-  for (const std::uint32_t level : {1u, 2u, 3u}) {
-    __libvrt_cache_tbl = {};
-    EXPECT_EQ(__cacheSize(level), loaded.levels[level - 1].size_kb) << level;
-    EXPECT_EQ(__libvrt_cache_tbl.computed, 1u) << level;
-    __libvrt_cache_tbl = known;
-    EXPECT_EQ(__cacheSize(level), known.levels[level - 1].size_kb) << level;
-  }
-  __libvrt_cache_tbl = {};
+  const cpu::cache_table loaded = std::exchange(__libvrt_cache_tbl, {});
   for (const std::uint32_t level : {0u, 4u, ~0u}) EXPECT_EQ(__cacheSize(level), 0u) << level;
   EXPECT_EQ(__libvrt_cache_tbl.computed, 0u);
+  EXPECT_EQ(__cacheSize(1), loaded.levels[0].size_kb);
+  EXPECT_EQ(__libvrt_cache_tbl.computed, 1u);
+  __libvrt_cache_tbl = known;
+  for (const std::uint32_t level : {1u, 2u, 3u})
+    EXPECT_EQ(__cacheSize(level), known.levels[level - 1].size_kb) << level;
   __libvrt_cache_tbl = loaded;
 }
 

@@ -59,17 +59,15 @@ constexpr struct {
   std::uint32_t mask;
   int granted, questions;
 } grants[] = {
-    {"no optional mode is wanted", nothing, 1, daz_bit | bit_17, 0, 0},
     {"denormals-are-zero is there", nothing, 2, daz_bit, 2, 1},
     {"denormals-are-zero is not", nothing, 3, bit_17, 0, 1},
     {"bit 17 is there", nothing, 4, bit_17, 4, 1},
     {"bit 17 is not", daz, 4, daz_bit, 0, 1},
     {"both are there", nothing, 6, daz_bit | bit_17, 6, 1},
-    {"a mask of zero", nothing, 7, 0, 0, 1},
     {"what is assumed is granted", daz, 3, 0, 2, 0},
     {"once asked, the processor decides on both", daz, 6, bit_17, 4, 1},
     {"all is assumed", daz_and_bit_17, 6, 0, 6, 0},
-    {"other flags", nothing, ~6, 0, 0, 0},
+    {"no optional mode is wanted", nothing, ~6, daz_bit | bit_17, 0, 0},
 };
 TEST(Modes, AreGrantedByAssumptionOrElseByTheMask) {
   for (const auto& g : grants) {
@@ -284,8 +282,7 @@ TEST(Catalogues, AreFoundByLanguage) {
       {"text", "", false},
       {"none.UTF-8", "none ", false},
       {l126 + std::string(300, '.'), l126 + ' ', true},
-      {std::string(127, 'l') + ".UTF-8", "", false},
-      {std::string(4000, 'l'), "", false}};
+      {std::string(127, 'l') + std::string(4000, '.'), "", false}};
   for (const auto& [lang, second, found] : rows) {
     const std::string lines = (found ? "Fehler 26" : built_in(26)) + '\n' + built_in(54) + '\n';
     EXPECT_EQ(look_up(lang), (outcome{lang + ' ' + second + lang + ' ', lines + lines, 0, 0}));
