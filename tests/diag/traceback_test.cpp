@@ -56,7 +56,7 @@ struct reported_frame {
   std::uint64_t pc, return_address, frame_pointer, hidden;
 };
 
-// An event is one letter: i a frame is examined, l the loader's objects are looked at, and d that is
+// An event is one letter: i a frame is examined, l the loader's objects are looked at, d this is
 // done, m memory is allocated, c a frame is reported, f memory is freed. Room for all events is
 // reserved, because nothing may be allocated meanwhile.
 std::string events(1 << 15, ' ');
