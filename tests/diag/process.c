@@ -21,7 +21,6 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -181,14 +180,6 @@ static void change_user(void) {
   prctl(PR_SET_DUMPABLE, 0);
 }
 
-// Leaves two descriptors, which must be enough for the traceback.
-static void use_up_descriptors(void) {
-  const int lowest = dup(STDOUT_FILENO);
-  const struct rlimit limit = {(rlim_t)lowest + 2, (rlim_t)lowest + 2};
-  close(lowest);
-  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) err(3, "setrlimit");
-}
-
 struct scene {
   const char* name;
   action prepare, play;
@@ -206,7 +197,6 @@ static const struct scene scenes[] = {
     {"deleted", delete_image, show},
     {"copied_code", copy_code, show_opened},
     {"other_user", change_user, show},
-    {"no_descriptors", use_up_descriptors, show},
     {"opened", nothing, show_opened},
 };
 
