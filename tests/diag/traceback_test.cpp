@@ -430,6 +430,9 @@ TEST(Services, NameAnImageAndGiveItsBias) {
     for (const auto look_up : {tbk_get_pc_info, tbk_get_pc_info_pie}) {
       tbk_pc_info info;
       std::uint64_t bias = 0;
+      for (const char* const no_name : {static_cast<const char*>(nullptr), "", "Unknown"})
+        look_up(no_name, pc, &bias, &info);
+      EXPECT_EQ(bias, 0);
       look_up(name.c_str(), pc, &bias, &info);
       EXPECT_EQ(bias, reinterpret_cast<std::uint64_t>(object.dli_fbase));
     }
