@@ -20,32 +20,24 @@ compare() {
   diff -u --label expected --label seen <(echo "$2") <(echo "$3") | tail -n +4 | head -n 20 || true
 }
 
-# play [VARIABLE=VALUE...] PROGRAM SCENE [OBJECT...]
+# play [VARIABLE=VALUE...] PROGRAM SCENE [OBJECT...]: descriptors from 3 on are free
 play() {
-  timeout 120 env LD_PRELOAD=libgcc_s.so.1 "$@" 2>/dev/null || echo "exit status $?"
+  timeout 120 env LD_PRELOAD=libgcc_s.so.1 "$@" 2>/dev/null 3>&- 4>&- || echo "exit status $?"
 }
 
 # Shortens a traceback: image, routine, line and file of the frames that a test is about, repeated
 # lines only once; the address of frames that are in no image; and all text that is not a frame.
 in_short() {
   awk '
-    function show() {
+    NF == 5 && $2 ~ /^[0-9A-F]+$/ {
+      image = $1; pc = $2; routine = $3; line = $4; file = $5
       if (image == "Unknown") print image, routine, line, file, pc
       if (image ~ /^(process|object|alias|large|a_rather|pro\?)/ &&
           routine ~ /^(inner|middle|outer|crash|guilty|routine|Unknown|mi\?)/)
         print image, routine, line, file
-    }
-    NF == 5 && $2 ~ /^[0-9A-F]+$/ {
-      image = $1; pc = $2; routine = $3; line = $4; file = $5
-      show()
       next
     }
-    /^Image: / { image = $2; next }
-    /^Routine name: / { routine = $3; next }
-    /^Source file: / { file = $3; sub(/^\/.*\//, "/.../", file); next }
-    /^Line number: / { line = $3; show(); next }
-    /^$|^Image +PC|^PC: |^-+ Frame|^Traceback/ { next }
-    { print }' | uniq
+    !/^$|^Image +PC/' | uniq
 }
 
 # shows EXPECTED [VARIABLE=VALUE...] PROGRAM SCENE [OBJECT...]
@@ -68,8 +60,11 @@ object.so $unknown
 a_rather_long_nam $unknown" ./other_name show ./object.so
 "$mktrace" a_rather_long_name
 "$mktrace" object.so
-shows "$(chain a_rather_long_nam)" ./other_name show
-shows "$(chain a_rather_long_name /.../process.c)" ./other_name blocks
+compare blocks "Image:         a_rather_long_name
+Routine name:  inner
+Source file:   /.../process.c
+Line number:   $(line_of inner)" \
+  "$(play ./other_name blocks | grep -B 2 -A 2 ': *inner$' | sed '/^PC/d; s|/.*/|/.../|')"
 strip a_rather_long_name
 shows "$(chain a_rather_long_nam)" ./other_name show
 cp a_rather_long_name process_gone
@@ -106,70 +101,73 @@ done
 chains() { for ((i = 1; i <= $1; ++i)); do chain "object$i.so"; done; }
 for kernel in NEW_KERNEL=1 OLD_KERNEL=1; do
   # The object's code is in a file, or in none.
-  for scene in show copied_code; do
-    shows "$(chain object.so)" $kernel ./process_pie $scene ./object.so
-  done
+  shows "$(chain object.so)" $kernel ./process_pie show ./object.so
+  shows "$(chain object.so)
+maps opened: 3" $kernel ./process_pie copied_code ./object.so
   # An object whose name is not in the path of its file; an object named like the executable.
   shows "$(chain alias.so)" $kernel ./process_pie show ./alias.so
   shows "$(chain process_pie)" $kernel ./process_pie show ./other/process_pie
   # More images than there is room for.
   shows "$(chains 80)" $kernel ./process_pie show "${objects[@]}"
-  shows "$(chains 4)" $kernel ./process_pie no_descriptors "${objects[@]:0:4}"
+  # Two free descriptors are enough.
+  shows "$(chains 4)" $kernel prlimit --nofile=5 ./process_pie show "${objects[@]:0:4}"
   shows "$(chains 16)
 maps opened: 1" $kernel ./process_pie opened "${objects[@]:0:16}"
 done
 
 # ---- A large program ----
-# 100,000 routines with long names and one line each. Each thousandth calls the next of these, and
-# the last one calls the argument of `outer`.
+# 100,000 routines with long names and one line each. Each ten-thousandth calls the next of these,
+# and the last one calls the argument of `outer`. These ten are twenty times on the stack.
 suffix=_of_a_module_of_a_large_program_whose_names_are_as_long_as_those_of_templates
 awk -v suffix=$suffix 'BEGIN {
   for (i = 1; i <= 100000; ++i) {
     name = "routine_" i suffix
-    called = i < 100000 ? "routine_" i + 1000 suffix : "*%rdi"
-    body = i % 1000 ? "ret" : ".cfi_startproc; sub $8, %rsp; .cfi_def_cfa_offset 16; call " \
+    called = i < 100000 ? "routine_" i + 10000 suffix : "*%rdi"
+    body = i % 10000 ? "ret" : ".cfi_startproc; sub $8, %rsp; .cfi_def_cfa_offset 16; call " \
       called "; add $8, %rsp; ret; .cfi_endproc"
     print ".type " name ", @function; " name ": " body "; .size " name ", . - " name
   }
-  print ".globl outer; .type outer, @function; outer = routine_1000" suffix
+  print ".globl outer; .type outer, @function; outer = routine_10000" suffix
   print ".section .note.GNU-stack" }' >large.s
 gcc -g -nostdlib -shared -o large.so large.s
 "$mktrace" large.so
-large=$(for ((i = 100000; i > 0; i -= 1000)); do
+ten_routines=$(for ((i = 100000; i > 0; i -= 10000)); do
   name=routine_$i$suffix
   echo "large.so ${name:0:17} $i large.s"
 done)
-shows "$large" ./process_pie show ./large.so
+recursion=()
+for _ in {1..20}; do recursion+=(./large.so); done
+shows "$(for _ in {1..20}; do echo "$ten_routines"; done)" ./process_pie show "${recursion[@]}"
 
 # ---- The heap ----
 # A process that dies in its heap allocates nothing more, so only the first 24 records are shown.
 # dies_in_heap PROGRAM SCENE [VARIABLE=VALUE...]
 dies_in_heap() {
-  local output guilty=guilty_${2#wild_}
-  output=$(play "${@:3}" "./$1" "$2")
+  local output guilty=guilty_$2
+  output=$(play "${@:3}" "./$1" "$2" "${objects[@]:0:10}")
   compare "${*:3} $1 $2" "24 rows
 $1 $guilty $(line_of "$guilty") process.c
 Stack trace terminated abnormally." "$(grep -cE ' [0-9A-F]{16} ' <<<"$output") rows
-$(in_short <<<"$output")"
+$(in_short <<<"$output" | grep -v ^object)"
 }
 for scene in malloc calloc realloc free; do
   for program in process_pie process_no-pie; do dies_in_heap $program $scene; done
 done
 # These allocators jump from malloc and free to their inner routines.
-for library in libc libjemalloc libmimalloc; do
+for library in libjemalloc libmimalloc; do
   file=$(/sbin/ldconfig -p | awk -v name="$library.so." 'index($1, name) == 1 { print $1 }' | uniq)
   if [ -z "$file" ]; then
     echo "left out: $library is not installed"
     continue
   fi
-  dies_in_heap process_pie wild_free "LD_PRELOAD=libgcc_s.so.1:$file"
+  dies_in_heap process_pie free "LD_PRELOAD=libgcc_s.so.1:$file"
 done
 
 # ---- Unwinders ----
 # With only _Unwind_ForcedUnwind, the frames begin with the one whose routine holds the program
 # counter of the context, and end before a program counter of 0. Without a context all but 3 are
 # shown.
-shows 'You must link with libunwind to use traceback functionality' LD_PRELOAD= ./process_pie error
+shows 'You must link with libunwind to use traceback functionality' LD_PRELOAD= ./process_pie show
 frames() { for pc in "$@"; do echo "Unknown $unknown 000000000000$pc"; done; }
 shows "stop 2
 $(frames 1010 2020 3030 4040)

@@ -2,10 +2,11 @@
 // about them, and what happens to signals and memory. A second walk of the same stack counts the
 // frames.
 //
-// The linker redirects the library's calls of five routines to the end of this file. There they are
+// The linker redirects the library's calls of six routines to the end of this file. There they are
 // recorded, and a signal can be raised in the middle of a traceback.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <link.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -26,6 +27,7 @@
 #include "support/bytes.h"
 #include "support/child.h"
 #include "support/guard_pages.h"
+#include "support/name_of_row.h"
 #include "support/sanitized.h"
 
 namespace {
@@ -54,8 +56,9 @@ struct reported_frame {
   std::uint64_t pc, return_address, frame_pointer, hidden;
 };
 
-// An event is one letter: i a frame is examined, m memory is allocated, c a frame is reported, f
-// memory is freed. Room for all events is reserved, because nothing may be allocated meanwhile.
+// An event is one letter: i a frame is examined, l the loader's objects are looked at, d this is
+// done, m memory is allocated, c a frame is reported, f memory is freed. Room for all events is
+// reserved, because nothing may be allocated meanwhile.
 std::string events(1 << 15, ' ');
 addresses looked_at(1 << 13);  // program counters, as the unwinder gives them
 std::vector<reported_frame> reported(1 << 13);
@@ -140,13 +143,13 @@ void below(int depth, void (*body)()) { std::thread(descend, depth, body).join()
 constexpr std::size_t chunk = 24;
 std::size_t most_frames(const scenario& s) { return chunk * (s.chunks + 1); }
 
-// A signal from outside that arrives in malloc or free waits until that returns. After a fault in
-// one of them, neither is called any more.
+// A signal from outside waits until malloc, free or the look at the loader's objects returns. After
+// a fault in malloc or free, neither is called any more.
 std::string expected_events(const scenario& s, std::size_t frames) {
   const std::size_t kept = std::min(frames, most_frames(s));
   std::string all;
   for (std::size_t n = 0; n < std::min(frames, kept + 1); ++n)
-    all += n != 0 && n % chunk == 0 ? "im" : "i";
+    all += n != 0 && n % chunk == 0 ? "ildm" : "i";
   all.append(s.answer == TBK_CONTINUE ? kept : 30, 'c');
   all.append((kept - 1) / chunk, 'f');
   if (s.signal_after >= all.size()) return all;
@@ -155,6 +158,7 @@ std::string expected_events(const scenario& s, std::size_t frames) {
   const char last = until_signal.back();
   if (is_fault(s.signal_after) && (last == 'm' || last == 'f')) return until_signal;
   if (last == 'f') return all;
+  if (last == 'l' && !is_fault(s.signal_after)) until_signal += 'd';
   const auto taken =
       static_cast<std::size_t>(std::count(until_signal.begin(), until_signal.end(), 'm'));
   return until_signal + std::string(std::min(taken, s.chunks), 'f');
@@ -324,8 +328,7 @@ TEST_P(Text, SaysThatItWasTerminated) {
     }
   }
 }
-INSTANTIATE_TEST_SUITE_P(In, Text, testing::ValuesIn(layouts),
-                         [](const auto& kind) { return kind.param.name; });
+INSTANTIATE_TEST_SUITE_P(In, Text, testing::ValuesIn(layouts), name_of_row);
 
 TEST(WalkAndText, HideFramesByTheContextAndTheSkipFlag) {
   const ucontext_t nowhere{};
@@ -427,6 +430,9 @@ TEST(Services, NameAnImageAndGiveItsBias) {
     for (const auto look_up : {tbk_get_pc_info, tbk_get_pc_info_pie}) {
       tbk_pc_info info;
       std::uint64_t bias = 0;
+      for (const char* const no_name : {static_cast<const char*>(nullptr), "", "Unknown"})
+        look_up(no_name, pc, &bias, &info);
+      EXPECT_EQ(bias, 0);
       look_up(name.c_str(), pc, &bias, &info);
       EXPECT_EQ(bias, reinterpret_cast<std::uint64_t>(object.dli_fbase));
     }
@@ -440,6 +446,7 @@ extern "C" {
 void* __real_malloc(std::size_t bytes);
 void __real_free(void* block);
 std::uintptr_t __real__Unwind_GetIP(_Unwind_Context* frame);
+int __real_dl_iterate_phdr(int (*look)(dl_phdr_info*, std::size_t, void*), void* data);
 int __real_sigaction(int number, const struct sigaction* action, struct sigaction* old);
 int __real_sigprocmask(int how, const sigset_t* mask, sigset_t* old);
 
@@ -459,6 +466,12 @@ void __wrap_free(void* block) {
 std::uintptr_t __wrap__Unwind_GetIP(_Unwind_Context* frame) {
   note('i');
   return looked_at.emplace_back(__real__Unwind_GetIP(frame));
+}
+int __wrap_dl_iterate_phdr(int (*look)(dl_phdr_info*, std::size_t, void*), void* data) {
+  note('l');
+  const int result = __real_dl_iterate_phdr(look, data);
+  note('d');
+  return result;
 }
 int __wrap_sigaction(int number, const struct sigaction* action, struct sigaction* old) {
   return step(__real_sigaction(number, action, old));
