@@ -42,7 +42,7 @@ __attribute__((visibility("default"))) ROUTINE plugin_entry(void) {
 static const char* file;  // that a scene loads
 
 static void* run_in_thread(void* routine) {
-  ((void (*)(void))routine)();
+  ((void (*)(void))routine)();  // dies
   return NULL;
 }
 static pthread_t start(void (*routine)(void)) {
@@ -102,7 +102,7 @@ ROUTINE recurse(int calls) {  // dies
   volatile char room[200];    // dies
   room[0] = 1;                // dies
   if (calls == 0) {
-    allocate();
+    allocate();  // dies
   } else {
     recurse(calls - 1);  // dies
   }
@@ -115,11 +115,11 @@ ROUTINE break_heap(void) {
   block = malloc(large);
   size_t* const bytes_left = (size_t*)((char*)block + malloc_usable_size(block));
   *bytes_left = SIZE_MAX;
-  recurse(200);
+  recurse(200);  // dies
 }
 
 ROUTINE overflow(void) {
-  recurse(-1);
+  recurse(-1);  // dies
   STAY;
 }
 ROUTINE overflow_in_thread(void) { pthread_join(start(overflow), NULL); }
@@ -174,13 +174,13 @@ ROUTINE say_stack(void) { printf("signal stack: %p\n", stack_of_next_thread()); 
 
 ROUTINE die_cancelled(void) {
   pthread_cancel(pthread_self());
-  store_null();
+  store_null();  // dies
 }
 
 static pthread_barrier_t all_are_there;
 ROUTINE die_together(void) {
   pthread_barrier_wait(&all_are_there);
-  store_null();
+  store_null();  // dies
   STAY;
 }
 ROUTINE die_concurrently(void) {
@@ -192,34 +192,32 @@ ROUTINE die_concurrently(void) {
 static void load_file(void) { dlopen(file, RTLD_NOW); }
 static void die_meanwhile(void) {
   sleep(1);
-  store_null();
+  store_null();  // dies
 }
 ROUTINE die_with_loader_locked(void) {
   start(load_file);
   start(die_meanwhile);
   usleep(300000);  // or the lock is still free, and the report a little faster
-  store_null();
+  store_null();    // dies
 }
 
 // ---- Handlers of the program's own ----
 
 static void divide_in_handler(int number) {
   (void)number;
-  divide();
+  divide();  // dies
 }
 ROUTINE divide_in_own_handler(void) {
   signal(SIGSEGV, divide_in_handler);
   signal(SIGFPE, SIG_DFL);  // and so it is reported
-  store_null();
+  store_null();             // dies
 }
 
 static void say_action(int number) {
   struct sigaction now;
   sigaction(number, NULL, &now);
-  printf("signal %d: default %d, own %d, flags %x, blocks %d\n", number, now.sa_handler == SIG_DFL,
-         now.sa_handler == divide_in_handler, (unsigned)now.sa_flags,
-         sigismember(&now.sa_mask, SIGINT));
-  fflush(stdout);
+  dprintf(1, "signal %d: default %d, flags %x, blocks %d\n", number, now.sa_handler == SIG_DFL,
+          (unsigned)now.sa_flags, sigismember(&now.sa_mask, SIGINT));
 }
 ROUTINE restore_previous(void) {
   const struct sigaction own = {.sa_handler = divide_in_handler};
@@ -228,10 +226,10 @@ ROUTINE restore_previous(void) {
   say_action(SIGSEGV);
   sigaction(SIGSEGV, &previous, NULL);
   say_action(SIGSEGV);
-  printf("default %d", signal(SIGFPE, divide_in_handler) == SIG_DFL);
-  printf(", own %d\n", signal(SIGFPE, SIG_DFL) == divide_in_handler);
+  dprintf(1, "default %d, ", signal(SIGFPE, divide_in_handler) == SIG_DFL);
+  dprintf(1, "own %d\n", signal(SIGFPE, SIG_DFL) == divide_in_handler);
   say_action(SIGFPE);
-  store_null();
+  store_null();  // dies
 }
 
 // ---- Other processes and objects ----
@@ -239,7 +237,7 @@ ROUTINE restore_previous(void) {
 ROUTINE die_in_child(void) {
   int status = 0;
   const pid_t child = fork();
-  if (child == 0) store_null();
+  if (child == 0) store_null();  // dies
   waitpid(child, &status, 0);
   printf("child: %x\n", (unsigned)status & ~0x80u);  // less the mark of a core file
 }
@@ -247,14 +245,14 @@ ROUTINE die_in_child(void) {
 ROUTINE die_in_plugin(void) {
   void* const plugin = dlopen(file, RTLD_NOW);
   *(void**)&target = dlsym(plugin, "plugin_entry");
-  call_target();
+  call_target();  // dies
 }
 
 int main(int argc, char** argv) {
   if (argc > 2) file = argv[2];
   void (*scene)(void);
   *(void**)&scene = dlsym(NULL, argv[1]);
-  scene();
+  scene();  // dies
   return 0;
 }
 #endif
