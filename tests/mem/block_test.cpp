@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <set>
 #include <span>
 #include <string>
@@ -277,30 +278,19 @@ TEST(Compare, ReadsNothingWhereNothingCounts) {
 
 // ---- Paths --------------------------------------------------------------------------------------
 
-// A call to trace. The offsets are from the start of a page.
-struct traced_call {
-  cache_values caches;
-  std::size_t to, from, count;
-  // The time that it takes to read the destination's bytes 4096 and 12288.
-  std::uint64_t delay_at_quarter = 0, delay_at_three_quarters = 0;
-};
-
 // The path of a block, as the executed instructions show.
 struct path {
-  std::set<std::string> mnemonics;      // only those that distinguish the paths
+  std::set<std::string> marks;          // the mnemonics that distinguish the paths, and "backwards"
   std::vector<std::size_t> prefetched;  // bytes from the block's start, in source or destination
-  std::vector<std::size_t> probed;      // bytes of the destination read under the clock
   bool loops = false;                   // an instruction ran twice
   int indirect_jumps = 0;
-  enum { nothing, low, high } first_half = nothing;  // of the destination that was touched
-  bool unfenced = false;                             // no fence came after a streaming store
-  std::string misaligned;  // a store in a loop, or a load in one that merges blocks
+  bool unfenced = false;  // no fence came after a streaming store
 
-  // The mnemonics above in alphabetical order; if there are none, whether there is a loop.
+  // The marks in alphabetical order; if there are none, whether there is a loop.
   [[nodiscard]] std::string way() const {
-    if (mnemonics.empty()) return loops ? "loop" : "straight";
+    if (marks.empty()) return loops ? "loop" : "straight";
     std::string text;
-    for (const std::string& mnemonic : mnemonics) text += (text.empty() ? "" : " ") + mnemonic;
+    for (const std::string& mark : marks) text += (text.empty() ? "" : " ") + mark;
     return text;
   }
 };
@@ -308,62 +298,39 @@ const std::set<std::string> telling_mnemonics{
     "lfence", "sfence", "movnti",      "movntdq",    "movsb",      "movsq",     "stosb",
     "stosq",  "rdtsc",  "prefetchnta", "prefetcht0", "prefetcht1", "prefetcht2"};
 
-path path_of(const member& m, const traced_call& c) {
+// The times that it takes to read some bytes of the destination, which are counted from its page.
+using delays = std::map<std::size_t, std::uint64_t>;
+
+// Traces a call. The offsets are from the start of a page.
+path path_of(const member& m, const cache_values& caches, std::size_t to_offset,
+             std::size_t from_offset, std::size_t count, const delays& slow = {}) {
   static const guarded_block from_block(65536), to_block(65536);
-  const bool merges = m.of == sse2_copy || m.of == ssse3_copy || m.of == ssse3_rep_copy;
-  unsigned char* const from = from_block.begin() + c.from;
-  unsigned char* const to = m.what == kind::compare ? from : to_block.begin() + c.to;
+  unsigned char* const from = from_block.begin() + from_offset;
+  unsigned char* const to = m.what == kind::compare ? from : to_block.begin() + to_offset;
   const auto start = reinterpret_cast<std::uintptr_t>(to_block.begin());
   const auto source = reinterpret_cast<std::uintptr_t>(from);
   path p;
-  std::set<std::uintptr_t> seen;
-  int clock_readings = 0;
+  std::map<std::uintptr_t, std::uintptr_t> seen;  // instructions, and what each accessed first
   const auto observe = [&](const step& s) -> std::uint64_t {
     const std::size_t at = s.operand - start;  // in the destination, if it is there
     const bool in_destination = at < to_block.size();
     const bool is_streamed = s.what.starts_with("movnt");
-    if (telling_mnemonics.contains(s.what)) p.mnemonics.insert(s.what);
-    if (in_destination && p.first_half == path::nothing)
-      p.first_half = at < c.to + c.count / 2 ? path::low : path::high;
+    if (telling_mnemonics.contains(s.what)) p.marks.insert(s.what);
     if (s.what.starts_with("prefetch"))
-      p.prefetched.push_back(in_destination ? at - c.to : s.operand - source);
+      p.prefetched.push_back(in_destination ? at - to_offset : s.operand - source);
     if (is_streamed || s.what == "sfence") p.unfenced = is_streamed;
     if (s.what == "jmp") ++p.indirect_jumps;
 
-    // A probe takes three readings: two to time a reading, and one after the load.
-    if (s.what == "rdtsc") ++clock_readings;
-    if (in_destination && clock_readings % 3 == 2) p.probed.push_back(at);
-
-    if (!seen.insert(s.address).second) {
-      p.loops = true;
-      const bool may_not = in_destination || (merges && !p.mnemonics.contains("movntdq"));
-      if (may_not && s.bytes >= 16 && s.operand % s.bytes != 0) p.misaligned = s.what;
-    }
-    if (at == 4096) return c.delay_at_quarter;
-    return at == 12288 ? c.delay_at_three_quarters : 0;
+    const auto [first, is_new] = seen.try_emplace(s.address, s.operand);
+    if (!is_new) p.loops = true;
+    if (in_destination && s.operand < first->second) p.marks.insert("backwards");
+    return slow.contains(at) ? slow.at(at) : 0;
   };
-  set_caches(c.caches);
-  trace(observe, m.entry, to, source, c.count);
+  set_caches(caches);
+  trace(observe, m.entry, to, source, count);
   EXPECT_FALSE(p.unfenced);
-  EXPECT_EQ(p.misaligned, "");
   return p;
 }
-
-std::vector<member> members_of(const std::set<worker>& workers) {
-  std::vector<member> chosen;
-  for (const member& m : members)
-    if (workers.contains(m.of)) chosen.push_back(m);
-  return chosen;
-}
-class Path : public testing::TestWithParam<member> {
-  void SetUp() override {
-#ifndef __OPTIMIZE__
-    GTEST_SKIP() << "not the code that is shipped";
-#endif
-    if (sanitized || counted) GTEST_SKIP() << "not the code that is shipped";
-    if (GetParam().runs == 0) GTEST_SKIP() << "this processor cannot run it";
-  }
-};
 
 // A limit at which a worker changes its path: with one byte less than `count` a block takes the
 // path `below`, and from `count` on it takes `above`.
@@ -375,9 +342,10 @@ class Path : public testing::TestWithParam<member> {
 //
 //   SSE2      8 to offset 8
 //   SSSE3    16 to offset 16, and 16 more where the loop has begun, a register later;
-//            backwards, down to the boundary below the end: 16 where it ends at one
+//            backwards, down to the boundary below the end: 16 where it ends at one, 1 behind one
 //   AVX2     31 to offset 1, 32 to offset 0
 //   AVX-512  63 to offset 1
+//   probing  13 to offset 3
 struct threshold {
   const char* name;
   worker of;
@@ -387,8 +355,10 @@ struct threshold {
   struct {
     std::size_t count = 0, nearest = 0, farthest = 0;
   } prefetches = {};  // on the path `above`; none: not checked
+  delays slow = {};
 };
 const std::string split = "lfence movntdq prefetchnta prefetcht0 sfence";
+constexpr std::uint64_t little = 2 * clock_reading, much = little + 1;
 // clang-format off
 const threshold thresholds[] = {
     // Only method 2 uses vectors. A loop through the caches takes 128 bytes and leaves less than
@@ -404,12 +374,21 @@ const threshold thresholds[] = {
     {"AboveHalfTheLargestCacheItStreams", ssse3_copy, {4096, 1024},
      16, 32, 2048 + 1 + 16, "prefetcht0", "movntdq sfence"},
 
+    // The low bytes of the addresses, as signed numbers, choose the direction: forwards when the
+    // source's is greater. Two iterations are a loop.
+    {"TheSourcesLowByteIsLess", ssse3_copy, ordinary,
+     0x00, 0x80, 256 + 16 + 1, "straight", "backwards"},
+    {"TheSourcesLowByteIsGreater", ssse3_copy, ordinary,
+     0x80, 0x00, 256 + 16 + 16, "straight", "loop"},
+    {"TheLowBytesAreEqual", ssse3_copy, ordinary,
+     0x30, 0x30, 256 + 16 + 1, "straight", "backwards"},
+
     {"FromTheFirstLevelOnItIsLarge", ssse3_rep_copy, {2048, 1024},
      16, 35, 1024 + 16, "prefetcht0", "prefetchnta", {28, 480, 1440}},
     {"AlignedItIsLargeAPartBelowHalfTheFirstLevel", ssse3_rep_copy, {2048, 1024},
      16, 32, 512 - 1 + 16, "loop", "prefetchnta"},
     {"BackwardsItIsLargeAboveTwiceTheFirstLevel", ssse3_rep_copy, {2048, 2048},
-     32, 19, 4096 + 16 + 1, "prefetcht0", "prefetchnta"},
+     32, 19, 4096 + 16 + 1, "backwards prefetcht0", "backwards prefetchnta"},
     {"FourKilobytesBeyondHalfTheLargestCacheAreStreamed", ssse3_rep_copy, {2048, 512},
      16, 35, 1024 + 4096 + 1 + 16 + 16, "prefetchnta", split},
     {"AboveNineHalvesOfTheLargestCacheAllIsStreamed", ssse3_rep_copy, {2048, 512},
@@ -439,18 +418,51 @@ const threshold thresholds[] = {
 
     // It takes 64 bytes at a time, and never streams.
     {"AboveTwoIterationsItLoops", sse2_comparison, {0, 0}, 0, 0, 128 + 1, "straight", "loop"},
+
+    // Up to 16384 bytes are left to string instructions. For more, the byte at one quarter of the
+    // bulk is read. If that takes more than three times as long as reading the clock, the byte at
+    // three quarters is read. If that takes as long, too, the bulk is streamed. Differences of the
+    // clock have 32 bits. The bytes up to the destination's boundary are not part of the bulk.
+    {"BothAreSlow", probing_copy, ordinary, 3, 3, 16384 + 1 + 13,
+     "movsb movsq", "movntdq rdtsc sfence", {}, {{4112, much}, {12304, much}}},
+    {"OnlyTheFirstIsSlow", probing_copy, ordinary, 0, 0, 16384 + 1,
+     "movsb movsq", "rdtsc", {}, {{4096, much}, {12288, little}}},
+    {"TheFirstIsSlowerThan32Bits", probing_copy, ordinary, 0, 0, 16384 + 1,
+     "movsb movsq", "rdtsc", {}, {{4096, much << 32}, {12288, much}}},
+    {"WithOneMoreIterationOthersAreRead", probing_copy, ordinary, 0, 0, 16384 + 128,
+     "movntdq rdtsc sfence", "rdtsc", {}, {{4096, much}, {12288, much}}},
+    {"BothAreSlow", probing_fill, ordinary, 3, 0, 16384 + 1 + 13,
+     "stosb stosq", "movntdq rdtsc sfence", {}, {{4112, much}, {12304, much}}},
+    {"WithOneMoreIterationOthersAreRead", probing_fill, ordinary, 0, 0, 16384 + 128,
+     "movntdq rdtsc sfence", "rdtsc", {}, {{4096, much}, {12288, much}}},
 };
 // clang-format on
 
-// The members with a table of small counts.
-class Ways : public Path {};
-TEST_P(Ways, ChangeAtThresholds) {
+class Path : public testing::TestWithParam<member> {
+  void SetUp() override {
+#ifndef __OPTIMIZE__
+    GTEST_SKIP() << "not the code that is shipped";
+#endif
+    if (sanitized || counted) GTEST_SKIP() << "not the code that is shipped";
+    if (GetParam().runs == 0) GTEST_SKIP() << "this processor cannot run it";
+  }
+};
+
+// A table of small counts is one indirect jump to straight code without a loop.
+TEST_P(Path, IsOneJumpForSmallCountsAndChangesAtThresholds) {
+  for (std::size_t count = GetParam().small; count > 0; --count) {
+    const path seen = path_of(GetParam(), ordinary, 64, 64 + count % 64, count);
+    EXPECT_EQ(seen.indirect_jumps, 1) << count << " bytes";
+    EXPECT_EQ(seen.way(), "straight") << count << " bytes";
+  }
   for (const threshold& row : thresholds) {
     if (row.of != GetParam().of) continue;
     SCOPED_TRACE(row.name);
-    const path below = path_of(GetParam(), {row.caches, row.to, row.from, row.count - 1});
-    EXPECT_EQ(below.way(), row.below) << "with " << row.count - 1 << " bytes";
-    const path above = path_of(GetParam(), {row.caches, row.to, row.from, row.count});
+    const auto with = [&](std::size_t count) {
+      return path_of(GetParam(), row.caches, row.to, row.from, count, row.slow);
+    };
+    EXPECT_EQ(with(row.count - 1).way(), row.below) << "with " << row.count - 1 << " bytes";
+    const path above = with(row.count);
     EXPECT_EQ(above.way(), row.above) << "with " << row.count << " bytes";
     if (row.prefetches.count == 0) continue;
     ASSERT_EQ(above.prefetched.size(), row.prefetches.count) << "prefetches";
@@ -458,77 +470,10 @@ TEST_P(Ways, ChangeAtThresholds) {
     EXPECT_EQ(std::ranges::max(above.prefetched), row.prefetches.farthest) << "farthest prefetch";
   }
 }
-// A table is one indirect jump to straight code without a loop.
-TEST_P(Ways, AreOneJumpForSmallCounts) {
-  for (std::size_t count = GetParam().small; count > 0; --count) {
-    const path seen = path_of(GetParam(), {ordinary, 64, 64 + count % 64, count});
-    EXPECT_EQ(seen.indirect_jumps, 1) << count << " bytes";
-    EXPECT_EQ(seen.way(), "straight") << count << " bytes";
-  }
-}
-INSTANTIATE_TEST_SUITE_P(Members, Ways,
-                         testing::ValuesIn(members_of({sse2_copy, ssse3_copy, ssse3_rep_copy,
-                                                       avx2_copy, avx512_copy, sse2_fill, avx2_fill,
-                                                       avx512_fill, sse2_comparison})),
+// All but the last, which has one path.
+INSTANTIATE_TEST_SUITE_P(Members, Path,
+                         testing::ValuesIn(std::begin(members), std::end(members) - 1),
                          name_of_row);
-
-// The SSSE3 copies choose their direction by the low bytes of the addresses, as signed numbers:
-// forwards when the source's is greater.
-struct direction {
-  const char* name;
-  std::size_t to, from;
-  decltype(path::first_half) first;
-};
-constexpr direction directions[] = {
-    {"SourceIsLess", 0x00, 0x80, path::high},
-    {"SourceIsGreater", 0x80, 0x00, path::low},
-    {"BothAreEqual", 0x35, 0x35, path::high},
-};
-class Directions : public Path {};
-TEST_P(Directions, FollowTheLowBytes) {
-  for (const auto& [name, to, from, first] : directions)
-    for (const std::size_t count : {GetParam().small + 1, std::size_t{145}})
-      EXPECT_EQ(path_of(GetParam(), {ordinary, to, from, count}).first_half, first)
-          << name << ", " << count << " bytes";
-}
-INSTANTIATE_TEST_SUITE_P(Members, Directions,
-                         testing::ValuesIn(members_of({ssse3_copy, ssse3_rep_copy})), name_of_row);
-
-// The probing members leave up to 16384 bytes to string instructions. For more, they read the byte
-// at one quarter of the bulk. If that takes more than three times as long as reading the clock,
-// they read the byte at three quarters. If that takes as long, too, the bulk is streamed.
-// Differences of the clock have 32 bits. If the destination is misaligned, the bytes up to its
-// boundary are not part of the bulk.
-struct probe {
-  const char* name;
-  std::size_t to, count;
-  std::uint64_t delay_at_quarter, delay_at_three_quarters;
-  std::vector<std::size_t> probed;
-  std::string way = "rdtsc";
-};
-constexpr std::uint64_t little = 2 * clock_reading, much = little + 1;
-const probe probes[] = {
-    {"TooMuchForStringInstructions", 0, 16384 + 1, 0, 0, {4096}},
-    {"MisalignedAndTooMuchForStringInstructions", 3, 16384 + 13 + 1, 0, 0, {4112}},
-    {"BothAreSlow", 0, 16400, much, much, {4096, 12288}, "movntdq rdtsc sfence"},
-    {"OnlyTheFirstIsSlow", 0, 16400, much, little, {4096, 12288}},
-    {"TheFirstIsSlowerThan32Bits", 0, 16400, much << 32, much, {4096}},
-};
-class Probes : public Path {};
-TEST_P(Probes, DecideWhatIsStreamed) {
-  for (const auto& [name, to, count, at_quarter, at_three_quarters, probed, way] : probes) {
-    const path seen = path_of(GetParam(), {ordinary, to, to, count, at_quarter, at_three_quarters});
-    EXPECT_ELEMENTS(seen.probed, probed) << name;
-    EXPECT_EQ(seen.way(), way) << name;
-  }
-}
-TEST_P(Probes, AreNotMadeWhereStringInstructionsSuffice) {
-  const std::string repeated = GetParam().what == kind::copy ? "movsb movsq" : "stosb stosq";
-  EXPECT_EQ(path_of(GetParam(), {ordinary, 0, 0, 16384}).way(), repeated);
-  EXPECT_EQ(path_of(GetParam(), {ordinary, 3, 3, 16384 + 13}).way(), repeated) << "misaligned";
-}
-INSTANTIATE_TEST_SUITE_P(Members, Probes,
-                         testing::ValuesIn(members_of({probing_copy, probing_fill})), name_of_row);
 
 }  // namespace
 }  // namespace zorvac::test

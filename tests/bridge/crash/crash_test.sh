@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # What processes that die show with the crash library, linked and preloaded; and that they end and
-# behave as without it.
+# behave as without it. The scenes are routines of scenes.c.
 #
 #   crash_test.sh FOLDER_OF_PROGRAMS LIBRARY MKTRACE SOURCE
 set -euo pipefail
@@ -10,7 +10,7 @@ folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 cp "$programs"/crash_* .
-for file in crash_*; do [ -d "$file" ] || "$mktrace" "$file"; done
+for file in crash_*; do "$mktrace" "$file"; done
 cp "$programs/crash_plugin.so" crash_plugin_plain.so
 unset ZORVAC_CRASH LD_PRELOAD
 ulimit -S -c 0
@@ -24,117 +24,103 @@ compare() {
   diff -u --label expected --label seen <(echo "$2") <(echo "$3") | tail -n +4 | head -n 20 || true
 }
 
-# The report in a line: signal, reason, low addresses, then routines of the source and the plug-in,
-# and the number of the line where it begins if that is not marked.
+# The report in a line: signal, reason and low addresses, then the routines of the source, where
+# they are at a line that is marked, and of the plug-in. What is not as it should be stays whole.
+marked=$(grep -n '// dies' "$source" | cut -d: -f1 | paste -sd'|')
 in_short() {
-  sed -E 's/(^Fatal .*), address 0x[0-9a-f]{9,}$/\1/; /^malloc\(\): /d' | awk -v source="$source" '
-    function add(word) { if (word != last) text = text " " word; last = word }
-    BEGIN { for (i = 1; (getline line < source) > 0; ++i) marked[i] = line ~ /\/\/ dies/ }
-    /^Fatal signal [0-9]+ \(SIG[A-Z]+\) in process [0-9]+, thread [0-9]+: / {
-      if (text != "") print text
-      text = substr($4, 2, length($4) - 2) ", " substr($0, index($0, ": ") + 2)
-      sub(/process [0-9]+$/, "another process", text)
-      text = text ":"
-      is_first = 1
-      next
-    }
-    /^\.\.\. [0-9]+ frames \.\.\.$/ { add("..."); next }
-    /^#[0-9]+ +a signal, whose handler is above$/ { add("(signal)"); next }
-    /^#[0-9]+ .* at .*\/scenes\.c:[0-9]+ \(crash_[a-z_.]+\+0x[0-9a-f]+\)$/ {
-      number = $4
-      sub(/.*:/, "", number)
-      if (is_first && !marked[number]) text = text " [line " number "]"
-      is_first = 0
-      add($2)
-      next
-    }
-    /^#[0-9]+ .* \(crash_plugin/ { add($2); next }
-    /^#[0-9]+ +[^ ]+ \(.*\)$/ && !/libzorvac_crash/ { next }
-    { print }
-    END { if (text != "") print text }'
+  sed -E "/^(malloc\(\)|timeout): /d
+    s/^Fatal signal [0-9]+ \((SIG[A-Z]+)\) in process [0-9]+, thread [0-9]+: (.*)/\1, \2:/
+    s/, address 0x[0-9a-f]{9,}:$/:/
+    s/process [0-9]+:$/another process:/
+    s/^#[0-9]+ +a signal, whose handler is above$/(signal)/
+    s/^#[0-9]+ +(\w+) at .*\/scenes\.c:($marked) \(crash_[a-z_.]+\+0x[0-9a-f]+\)$/\1/
+    s/^#[0-9]+ +(\w+) \((crash_plugin|0x).*/\1/
+    s/^\.\.\. [0-9]+ frames \.\.\.$/.../
+    /libzorvac_crash/! { /^#[0-9]+ +[^ ]+ \(.*\)$/d }" | uniq | paste -sd' '
+}
+
+# The program's output and how it ended. Its standard error is the report.
+output_of() { # COMMAND...
+  { timeout 60 env "$@" 2>report && echo 'status 0' || echo "status $?"; } 2>/dev/null
 }
 
 # [setting=...] plays EXPECTED SCENE [FILE]: the report in short, with this variable or option of
 # env. Output and end of the process are those of a process without the library.
-modes=("LD_PRELOAD=$library ./crash_scenes" ./crash_scenes_linked)
 plays() {
-  local expected=$1 report=report_$2 mode output run
+  local expected=$1 output mode run
   shift
-  output=$(timeout 60 ./crash_scenes watch "$@" 2>"$report")
-  for mode in "${modes[@]}"; do
+  output=$(output_of ./crash_scenes "$@")
+  for mode in "LD_PRELOAD=$library ./crash_scenes" ./crash_scenes_linked; do
     read -ra run <<<"${setting:-} $mode"
-    compare "${run[*]} $*: output" "$output" "$(timeout 60 env "${run[@]}" watch "$@" 2>"$report")"
-    compare "${run[*]} $*: report" "$expected" "$(in_short <"$report")"
+    compare "${run[*]} $*: output" "$output" "$(output_of "${run[@]}" "$@")"
+    compare "${run[*]} $*: report" "$expected" "$(in_short <report)"
   done
 }
 
-# This one waits for seconds, while the others play.
-null='SIGSEGV, memory not mapped, address 0x8: store_null'
-{
-  modes=(./crash_scenes_linked)
-  plays "$null die_with_loader_locked main" loader_locked ./crash_plugin.so
-  exit $failures
-} &
-
 # ---- What happened, and where ----
-plays 'SIGSEGV, memory not mapped, address 0x8: store_null main' null
-plays 'SIGFPE, integer division by zero, or with a quotient too large: divide main' divide
-plays 'SIGBUS, mapped memory is missing: past the end of its file?: read_past_file main' past_file
-plays 'SIGBUS, sent by another process: be_killed main' killed
-plays 'SIGABRT, raised by the program itself: allocate recurse ... recurse break_heap main' heap
+null='SIGSEGV, memory not mapped, address 0x8: store_null'
+division='SIGFPE, integer division by zero, or with a quotient too large: divide'
+plays "$null main" store_null
+plays 'SIGBUS, mapped memory is missing: past the end of its file?: read_past_file main' \
+  read_past_file
+plays 'SIGBUS, sent by another process: be_killed main' be_killed
+plays 'SIGABRT, raised by the program itself: allocate recurse ... recurse break_heap main' \
+  break_heap
 # As whoever starts a program may ask for: a fault ends the program anyway.
 setting=--ignore-signal=FPE plays '' divide
 
 # ---- Stacks that are used up ----
 plays 'SIGSEGV, stack overflow: overflow_at_once main' overflow_at_once
-plays 'SIGSEGV, stack overflow: recurse ... recurse overflow run_in_thread' overflow_thread
-plays 'SIGSEGV, stack overflow: own_small_stack' own_stack
-plays '' stacks
+plays 'SIGSEGV, stack overflow: recurse ... recurse overflow run_in_thread' overflow_in_thread
+plays 'SIGSEGV, stack overflow: own_small_stack' own_small_stack
+plays '' leave_stacks
 
 # ---- Calls of what is no code, and a stack that is lost ----
-plays 'SIGSEGV, no code to execute, address 0x0: call_target main' call_null
+plays 'SIGSEGV, no code to execute, address 0x0: call_target main' call_target
+plays 'SIGSEGV, no code to execute, address 0x8: Unknown' jump_without_stack
 plays 'SIGILL, illegal instruction: lose_stack' lose_stack
 
 # ---- Handlers of the program's own ----
-plays "SIGFPE, integer division by zero, or with a quotient too large: divide divide_in_handler \
-(signal) store_null divide_in_own_handler main" divide_in_handler
-plays "$null restore_previous main" previous
+plays "$division divide_in_handler (signal) store_null divide_in_own_handler main" \
+  divide_in_own_handler
+plays "$null restore_previous main" restore_previous
 
 # ---- Other objects, processes and threads ----
-plays "$null plugin_entry call_target die_in_plugin main" plugin ./crash_plugin.so
-plays "$null die_in_child main" child
-plays "$null die_cancelled main" cancelled
-for _ in {1..10}; do plays "$null die_together run_in_thread" concurrent; done
+plays "$null plugin_entry call_target die_in_plugin main" die_in_plugin ./crash_plugin.so
+plays "$null die_in_child main" die_in_child
+plays "$null die_cancelled main" die_cancelled
+for _ in {1..10}; do plays "$null die_together run_in_thread" die_concurrently; done
+# The report waits for seconds. Meanwhile another thread dies.
+plays "$null die_with_loader_locked main" die_with_loader_locked ./crash_plugin.so
 
 # ---- Standard error as a pipe that nobody reads ----
 mkfifo pipe
 exec 8<>pipe
 exec 9>pipe 8>&-
-compare 'no reader: status' 139 "$(timeout 4 ./crash_scenes_linked null 2>&9 || echo $?)"
+compare 'no reader: status' 139 "$(timeout 4 ./crash_scenes_linked store_null 2>&9 || echo $?)"
 
 # ---- What the environment asks for ----
-setting=ZORVAC_CRASH=off plays '' overflow_thread
-setting=ZORVAC_CRASH=on plays "$null main" null
-setting=ZORVAC_CRASH= plays "$null main" null
+setting=ZORVAC_CRASH=off plays '' overflow_in_thread
+setting=ZORVAC_CRASH=off plays '' say_stack
+setting=ZORVAC_CRASH=on plays "$null main" store_null
+setting=ZORVAC_CRASH= plays "$null main" store_null
+# By the process, and not by its child.
 unknown='ZORVAC_CRASH is neither "on" nor "off": "of?f". Crashes are reported.'
-# By the process that watches, by the one that is watched, and not by its child.
-setting=ZORVAC_CRASH=$'of\ef' plays "$unknown
-$unknown
-$null die_in_child main" child
+setting=ZORVAC_CRASH=$'of\ef' plays "$unknown $null die_in_child main" die_in_child
 
 # ---- Exported names, and addresses that other programs know how to read ----
-LD_PRELOAD=$library ./crash_scenes plugin ./crash_plugin_plain.so 2>report || true
+LD_PRELOAD=$library ./crash_scenes die_in_plugin ./crash_plugin_plain.so 2>report || true
 address=$(sed -nE 's/^#1 +plugin_entry \(crash_plugin_plain\.so\+(0x[0-9a-f]+)\)$/\1/p' report)
-line=$(grep -nE '^  store_null\(\);  // dies' "$source" | cut -d: -f1)
+line=$(grep -nEm1 '^  store_null\(\);  // dies' "$source" | cut -d: -f1)
 compare 'a plug-in without .trace' "$line" \
   "$(addr2line -e crash_plugin_plain.so "${address:-0}" | sed 's/.*://; s/ .*//')"
 
 # ---- Core files, where the system writes them into the folder ----
 ulimit -S -c "$(ulimit -H -c)"
-plays "$null main" null
+plays "$null main" store_null
 cause_of_death() { # LIBRARY
   rm -f core*
-  LD_PRELOAD=$1 ./crash_scenes call_null 2>/dev/null || true
+  LD_PRELOAD=$1 ./crash_scenes call_target 2>/dev/null || true
   # The end of an address is the same wherever the program is loaded.
   eu-readelf -n core* | grep -oE ' rip: .*|si_signo: .*|fault address: .*' |
     sed -E 's/ rip: .*(...)$/rip: ...\1/'
@@ -142,6 +128,5 @@ cause_of_death() { # LIBRARY
 cause=$(cause_of_death '') || echo 'left out: no core files here'
 compare 'cause of death in a core file' "$cause" "$(cause_of_death "$library")"
 
-wait %1 || failures=$((failures + $?))
 echo "$failures scenes are not as expected"
 [ $failures -eq 0 ]

@@ -1,8 +1,6 @@
 // A program that dies in many ways, and a plug-in of it, for crash_test.sh:
 //
-//   scenes SCENE [FILE]     plays a scene of the table in front of main; some load a file
-//   scenes watch SCENE...   the same in a process of its own, and tells on standard output how that
-//                           ended: for comparison with a run without the crash library
+//   scenes SCENE [FILE]     calls the routine of that name; some load a file
 //
 // Lines that die, or call what does, are marked. Built with PLUGIN defined, the plug-in.
 #define _GNU_SOURCE
@@ -10,7 +8,6 @@
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -42,12 +39,10 @@ __attribute__((visibility("default"))) ROUTINE plugin_entry(void) {
 
 #else
 
-extern char** environ;
-
 static const char* file;  // that a scene loads
 
 static void* run_in_thread(void* routine) {
-  ((void (*)(void))routine)();
+  ((void (*)(void))routine)();  // dies
   return NULL;
 }
 static pthread_t start(void (*routine)(void)) {
@@ -76,6 +71,11 @@ ROUTINE lose_stack(void) {
   __asm__ volatile("movq $0x1000, %rsp; movq $0x1000, %rbp; ud2");  // dies
 }
 
+// As a call of what is no code, but there is no return address.
+ROUTINE jump_without_stack(void) {
+  __asm__ volatile("movl $8, %esp; jmp *%rsp");  // dies
+}
+
 ROUTINE read_past_file(void) {
   FILE* const empty = tmpfile();
   volatile char* const mapped = mmap(NULL, 4096, PROT_READ, MAP_PRIVATE, fileno(empty), 0);
@@ -102,7 +102,7 @@ ROUTINE recurse(int calls) {  // dies
   volatile char room[200];    // dies
   room[0] = 1;                // dies
   if (calls == 0) {
-    allocate();
+    allocate();  // dies
   } else {
     recurse(calls - 1);  // dies
   }
@@ -110,19 +110,19 @@ ROUTINE recurse(int calls) {  // dies
 }
 
 // With a second thread the heap has a lock, and with this depth a walk has many frames.
-static void break_heap(void) {
+ROUTINE break_heap(void) {
   start(idle);
   block = malloc(large);
   size_t* const bytes_left = (size_t*)((char*)block + malloc_usable_size(block));
   *bytes_left = SIZE_MAX;
-  recurse(200);
+  recurse(200);  // dies
 }
 
 ROUTINE overflow(void) {
-  recurse(-1);
+  recurse(-1);  // dies
   STAY;
 }
-static void overflow_thread(void) { pthread_join(start(overflow), NULL); }
+ROUTINE overflow_in_thread(void) { pthread_join(start(overflow), NULL); }
 
 // Its stack pointer is far below the end of the stack before anything is stored.
 ROUTINE overflow_at_once(void) {
@@ -144,74 +144,94 @@ ROUTINE own_small_stack(void) {
 
 // ---- Threads ----
 
-static stack_t signal_stack;
-static void end_thread(void) {
-  sigaltstack(NULL, &signal_stack);
+enum { threads = 20 };
+static void* signal_stacks[threads];
+static int begun;
+
+// A thread that ends after those that it starts: all are there at once.
+static void nest_threads(void) {
+  stack_t own;
+  sigaltstack(NULL, &own);
+  signal_stacks[begun++] = own.ss_sp;
+  if (begun < threads) pthread_join(start(nest_threads), NULL);
   pthread_exit(NULL);
 }
-static void reuse_stack(void) {
-  pthread_join(start(end_thread), NULL);
-  const void* const first = signal_stack.ss_sp;
-  pthread_join(start(end_thread), NULL);
-  printf("the next thread has the same signal stack: %d\n", signal_stack.ss_sp == first);
+static void* stack_of_next_thread(void) {
+  begun = threads - 1;
+  pthread_join(start(nest_threads), NULL);
+  return signal_stacks[begun - 1];
 }
+ROUTINE leave_stacks(void) {
+  pthread_join(start(nest_threads), NULL);
+  const void* const first_left = signal_stacks[threads - 1];
+  int waiting = 0;
+  for (int i = 0; i < threads; ++i) waiting += msync(signal_stacks[i], 1, MS_ASYNC) == 0;
+  printf("the page below is readable: %d\n", write(1, (const char*)first_left - 1, 1) == 1);
+  printf("at most 16 signal stacks wait: %d\n", waiting <= 16);
+  printf("the next thread has the first one: %d\n", stack_of_next_thread() == first_left);
+}
+ROUTINE say_stack(void) { printf("signal stack: %p\n", stack_of_next_thread()); }
 
-static void die_cancelled(void) {
+ROUTINE die_cancelled(void) {
   pthread_cancel(pthread_self());
-  store_null();
+  store_null();  // dies
 }
 
 static pthread_barrier_t all_are_there;
 ROUTINE die_together(void) {
   pthread_barrier_wait(&all_are_there);
-  store_null();
+  store_null();  // dies
   STAY;
 }
-static void concurrent(void) {
-  enum { threads = 8 };
+ROUTINE die_concurrently(void) {
   pthread_barrier_init(&all_are_there, NULL, threads);
   for (int i = 0; i < threads; ++i) start(die_together);
   idle();
 }
 
 static void load_file(void) { dlopen(file, RTLD_NOW); }
-static void die_with_loader_locked(void) {
+static void die_meanwhile(void) {
+  sleep(1);
+  store_null();  // dies
+}
+// The C library's frames, whose names take the lock, are between the program's.
+ROUTINE die_with_loader_locked(void) {
   start(load_file);
-  usleep(300000);  // or the lock is still free, and the report a little faster
-  store_null();
+  start(die_meanwhile);
+  usleep(300000);  // or the lock is still free
+  atexit(store_null);
+  exit(0);  // dies
 }
 
 // ---- Handlers of the program's own ----
 
 static void divide_in_handler(int number) {
   (void)number;
-  divide();
+  divide();  // dies
 }
-static void divide_in_own_handler(void) {
+ROUTINE divide_in_own_handler(void) {
   signal(SIGSEGV, divide_in_handler);
   signal(SIGFPE, SIG_DFL);  // and so it is reported
-  store_null();
+  store_null();             // dies
 }
 
 static void say_action(int number) {
   struct sigaction now;
   sigaction(number, NULL, &now);
-  printf("signal %d: default %d, own %d, flags %x, blocks %d\n", number, now.sa_handler == SIG_DFL,
-         now.sa_handler == divide_in_handler, (unsigned)now.sa_flags,
-         sigismember(&now.sa_mask, SIGINT));
-  fflush(stdout);
+  dprintf(1, "signal %d: default %d, flags %x, blocks %d\n", number, now.sa_handler == SIG_DFL,
+          (unsigned)now.sa_flags, sigismember(&now.sa_mask, SIGINT));
 }
-static void restore_previous(void) {
+ROUTINE restore_previous(void) {
   const struct sigaction own = {.sa_handler = divide_in_handler};
   struct sigaction previous;
   sigaction(SIGSEGV, &own, &previous);
   say_action(SIGSEGV);
   sigaction(SIGSEGV, &previous, NULL);
   say_action(SIGSEGV);
-  printf("default %d", signal(SIGFPE, divide_in_handler) == SIG_DFL);
-  printf(", own %d\n", signal(SIGFPE, SIG_DFL) == divide_in_handler);
+  dprintf(1, "default %d, ", signal(SIGFPE, divide_in_handler) == SIG_DFL);
+  dprintf(1, "own %d\n", signal(SIGFPE, SIG_DFL) == divide_in_handler);
   say_action(SIGFPE);
-  store_null();
+  store_null();  // dies
 }
 
 // ---- Other processes and objects ----
@@ -219,59 +239,22 @@ static void restore_previous(void) {
 ROUTINE die_in_child(void) {
   int status = 0;
   const pid_t child = fork();
-  if (child == 0) store_null();
+  if (child == 0) store_null();  // dies
   waitpid(child, &status, 0);
   printf("child: %x\n", (unsigned)status & ~0x80u);  // less the mark of a core file
 }
 
-static void die_in_plugin(void) {
+ROUTINE die_in_plugin(void) {
   void* const plugin = dlopen(file, RTLD_NOW);
   *(void**)&target = dlsym(plugin, "plugin_entry");
-  call_target();
-}
-
-struct scene {
-  const char* name;
-  void (*play)(void);
-};
-
-static const struct scene scenes[] = {
-    {"null", store_null},
-    {"divide", divide},
-    {"call_null", call_target},
-    {"lose_stack", lose_stack},
-    {"past_file", read_past_file},
-    {"killed", be_killed},
-    {"heap", break_heap},
-    {"overflow_thread", overflow_thread},
-    {"overflow_at_once", overflow_at_once},
-    {"own_stack", own_small_stack},
-    {"stacks", reuse_stack},
-    {"cancelled", die_cancelled},
-    {"concurrent", concurrent},
-    {"loader_locked", die_with_loader_locked},
-    {"divide_in_handler", divide_in_own_handler},
-    {"previous", restore_previous},
-    {"child", die_in_child},
-    {"plugin", die_in_plugin},
-};
-
-// The end of a process is two numbers of waitid(): how it ended, and with which status or signal.
-static int watch(char** arguments) {
-  pid_t child;
-  siginfo_t end;
-  if (posix_spawn(&child, "/proc/self/exe", NULL, NULL, arguments, environ) != 0) return 3;
-  waitid(P_PID, (id_t)child, &end, WEXITED);
-  printf("end %d, %d\n", end.si_code, end.si_status);
-  return 0;
+  call_target();  // dies
 }
 
 int main(int argc, char** argv) {
-  if (strcmp(argv[1], "watch") == 0) return watch(argv + 1);
   if (argc > 2) file = argv[2];
-  const struct scene* scene = scenes;
-  while (strcmp(argv[1], scene->name) != 0) ++scene;
-  scene->play();
+  void (*scene)(void);
+  *(void**)&scene = dlsym(NULL, argv[1]);
+  scene();  // dies
   return 0;
 }
 #endif

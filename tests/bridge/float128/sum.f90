@@ -2,14 +2,10 @@
 program sum
   implicit none
   real(16) :: a(20, 20), c(20, 20)
-  real(16) :: expected
   integer :: i, j
   do i = 1, 20
-    do j = 1, 20
-      a(i, j) = 1.0_16 / (i + j)
-    end do
+    a(:, i) = [(1.0_16 / (i + j), j = 1, 20)]
   end do
   c = matmul(a, a)
-  expected = dot_product(a(3, :), a(:, 4))
-  print '(i0)', merge(1, 0, abs(c(3, 4) - expected) < 1.0e-32_16)
+  print '(i0)', merge(1, 0, abs(c(3, 4) - dot_product(a(3, :), a(:, 4))) < 1.0e-32_16)
 end program

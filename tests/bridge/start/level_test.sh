@@ -2,11 +2,10 @@
 # Programs that gcc, g++, gfortran and clang build for a level, on emulated processors of several
 # makers: which of them start, and what is printed by those that do not.
 #
-#   level_test.sh SOURCE_DIR FOLDER_OF_SPECS STATIC_LIBRARY
+#   level_test.sh EMULATE FOLDER_OF_SPECS STATIC_LIBRARY
 set -euo pipefail
 export LC_ALL=C
-emulate=$1/scripts/emulate examples=$1/examples
-folder_of_specs=$2 archive=$3
+emulate=$1 folder_of_specs=$2 archive=$3
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
@@ -38,10 +37,10 @@ for compiler in gcc g++ gfortran; do
   eval "$compiler() { command $compiler -B'$folder_of_specs/' -specs=zorvac.specs \"\$@\"; }"
 done
 plain() { command "$@"; }
-checked_clang() { clang -include "$folder_of_specs/zorvac/level.h" "$@"; }
 # The library itself, of which the check has parts of its own.
 library="-Wl,--whole-archive $archive -Wl,--no-whole-archive"
-object=$folder_of_specs/zorvac/level.o traces="-Wl,--no-as-needed,-rpath,$PWD ./libtraces.so"
+header=$folder_of_specs/zorvac/level.h object=$folder_of_specs/zorvac/level.o
+traces="-Wl,--no-as-needed,-rpath,$PWD ./libtraces.so"
 
 # on PROCESSOR MISSING: output, errors and status of ./program are those of one that starts, or of
 # one that misses these features. qemu's models come with their maker's name; for a vendor of our
@@ -58,10 +57,6 @@ status 1"
   is "$built, on $1" "$expected" "$(<out)"
 }
 
-v2='SSE4_1, SSE4_2 and POPCNT'
-v3='MOVBE, F16C, AVX, FMA, BMI, LZCNT and AVX2'
-v4='AVX512DQ, AVX512F, AVX512CD, AVX512BW and AVX512VL'
-haswell='MOVBE, PCLMULQDQ, F16C, AVX, RDRND, FMA, BMI, LZCNT and AVX2'
 all='SSE3, SSSE3, SSE4_1, SSE4_2, MOVBE, POPCNT, PCLMULQDQ, AES, F16C, AVX, RDRND, FMA, BMI, LZCNT'
 all+=', RTM, AVX2, AVX512DQ, AVX512F, ADX, RDSEED, AVX512IFMA52, AVX512ER, AVX512PF, AVX512CD, SHA'
 all+=', AVX512BW, AVX512VL and AVX512VBMI'
@@ -69,57 +64,40 @@ all_options='-march=haswell -maes -mrtm -mhle -mavx512dq -madx -mrdseed -mavx512
 all_options+=' -msha -mavx512bw -mavx512vl -mavx512vbmi'
 all_options+=' -D__AVX512ER__ -D__AVX512PF__' # for which the compilers of today have no option
 
+# build COMMAND: builds ./program
 build() {
   built=$1
   rm -f ./*.o program
   eval "$1" || fail "$1"
 }
 
-# A row is a command that builds ./program, or a processor and what the program misses there.
-while IFS= read -r row; do
-  case $row in
-    '') ;;
-    ' '*)
-      read -r processor missing <<<"${row/@/}"
-      on "$processor" "$missing"
-      ;;
-    *) build "$row" ;;
-  esac
-done <<ROWS
-gcc -march=x86-64-v2 -mbmi *.c -o program
-  Opteron_G3                    @ SSSE3, SSE4_1 and SSE4_2
+# ---- What a program needs ----
+build 'gcc -march=x86-64-v2 -mbmi *.c -o program'
+on Opteron_G3 'SSSE3, SSE4_1 and SSE4_2'
 
-gcc -march=x86-64-v3 *.c -o program
-  Opteron_G5                    @ MOVBE, BMI and AVX2
-  Haswell,-bmi2                 @ BMI
-  Haswell,-xsave                @ F16C, AVX, FMA and AVX2
-  Haswell,vendor=OtherVendor!   @ -
+build 'gcc -march=x86-64-v3 *.c -o program'
+on Opteron_G5 'MOVBE, BMI and AVX2'
+on Haswell,vendor=OtherVendor! -
 
-gcc -march=x86-64-v4 *.c -o program
-  EPYC                          @ $v4
+build 'gcc -march=znver3 -mno-sha -mno-rdseed *.c -o program'
+on Haswell ADX
+on EPYC -
 
-gcc -march=haswell *.c -o program
-  Nehalem                       @ $haswell
+build "gcc $all_options *.c -o program"
+on core2duo,-ssse3,-sse3 "$all"
 
-gcc -march=znver3 -mno-sha -mno-rdseed *.c -o program
-  Haswell                       @ ADX
-  EPYC                          @ -
-
-gcc $all_options *.c -o program
-  core2duo,-ssse3,-sse3         @ $all
-
-gcc -march=x86-64-v2 -c main.c; gcc -march=x86-64-v3 -c traces.c; gcc *.o assembler.S -o program
-  core2duo                      @ $v2
-  Nehalem                       @ -
-ROWS
+build 'gcc -march=x86-64-v2 -c main.c
+  gcc -march=x86-64-v3 -c traces.c
+  gcc *.o assembler.S -o program'
+on core2duo 'SSE4_1, SSE4_2 and POPCNT'
+on Nehalem -
 
 # Kinds of programs, whose rows build ./program for x86-64-v3.
 while IFS= read -r row; do
   build "$row"
-  on Nehalem "$v3"
+  on Nehalem 'MOVBE, F16C, AVX, FMA, BMI, LZCNT and AVX2'
   on Haswell -
 done <<ROWS
-gcc -march=x86-64-v3 -no-pie *.c -o program
 gcc -march=x86-64-v3 -static *.c $library -o program
 gcc -march=x86-64-v3 -static-pie *.c -o program
 gcc -march=x86-64-v3 -O2 -flto *.c -o program
@@ -129,7 +107,7 @@ plain gcc -c *.c; gcc -march=x86-64-v3 *.o -o program
 g++ -march=x86-64-v3 -std=c++20 -save-temps -c *.cpp; g++ -static *.o -o program
 gfortran -march=x86-64-v3 main.F90 traces.c -o program
 gcc -march=x86-64-v3 -shared -fPIC traces.c -o libtraces.so; plain gcc main.c $traces -o program
-checked_clang -march=x86-64-v3 *.c $object -o program
+clang -include $header -march=x86-64-v3 *.c $object -o program
 ROWS
 
 # A plug-in that may not run here ends the program, whose handlers run and whose output is not lost.
@@ -153,10 +131,6 @@ printf '%s\n' "\$set 1" '56 Es fehlt: %s' '57  und ' | gencat vrt_msg.cat
 gcc -mavx2 main.c -o program
 is catalogue $'\nEs fehlt: AVX und AVX2' \
   "$(LANG=de_DE NLSPATH=$PWD/%N qemu-x86_64 -cpu Nehalem ./program 2>&1 | grep -v TCG)"
-
-# An example that computes before main, on this processor.
-gcc -march=native "$examples/level.c" -o program
-is 'example level' 'started: the first 100 squares add up to 328350' "$(./program)"
 
 # What the check adds to a program, in bytes.
 plain gcc main.c -s -o unchecked && gcc -march=haswell main.c -s -o checked
