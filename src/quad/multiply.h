@@ -14,18 +14,18 @@ namespace multiplication {
 using f = binary128;
 
 // The significands' product. With one factor's leading one at the top of its two words, bit 127,
-// the product's is at bit 112 of its upper two words, where a significand has it; or it was one
-// place below.
+// the product's is at bit 112 of its upper two words, where a significand has it, or one place
+// below. The upper bits count what it adds to the exponent: 2 or, where it had to be doubled, 1.
 //
-//   127 .. 113   112 .. 0        guard word         beyond
-//   0            significand     ................   ................
+//   127 .. 112   111 .. 0        guard word         beyond
+//   2 or 1       fraction        ................   ................
 struct product {
   three_words words;
   uint64_t beyond;
-  uint64_t from_two_up;  // 1 where nothing had to be shifted, else 0
 };
 
-[[gnu::always_inline]] inline product multiply_significands(two_words x, two_words y) {
+[[gnu::always_inline]] inline product multiply_significands(two_words x, two_words y,
+                                                            uint64_t leading_one) {
   // The partial products added up; the whole is below 2^241, so nothing wraps at the top.
   const two_words low_low = multiply_words(x.low, y.low);
   const two_words low_high = multiply_words(x.low, y.high) + low_low.high;
@@ -33,16 +33,19 @@ struct product {
   const two_words high_high = multiply_words(x.high, y.high) + low_high.high;
   three_words whole = three_words{high_high.high, high_high.low, high_low.low} +
                       three_words{0, high_low.high, low_high.low};
-  const uint64_t from_two_up = double_if_below<f::fraction_bits - 64>(whole);
-  return {whole, low_low.low, from_two_up};
+  double_or_add(whole, leading_one);
+  return {whole, low_low.low};
 }
 
 inline uint128 multiply_finite(unpacked<f> a, unpacked<f> b) {
   const uint128 x = a.significand << 15, y = b.significand;
-  const product p = multiply_significands({high(x), low(x)}, {high(y), low(y)});
+  const product p =
+      multiply_significands({high(x), low(x)}, {high(y), low(y)}, high(f::leading_one));
+  const uint128 packed = p.words.significand();
   return round_and_pack<f, exact_underflow::raised_if_unmasked>(
-      a.negative != b.negative, a.exponent + b.exponent - f::bias + static_cast<int>(p.from_two_up),
-      p.words.significand(), p.words.guard, p.beyond);
+      a.negative != b.negative,
+      a.exponent + b.exponent - f::bias - 1 + static_cast<int>(packed >> f::fraction_bits),
+      f::fraction(packed) | f::leading_one, p.words.guard, p.beyond);
 }
 
 // The slow path: any operands.
@@ -76,13 +79,18 @@ template <class Rules, class Result, class Operand>
   const uint128 a = a_operand.word(), b = b_operand.word();
   if (!is_common_case(a, b, [](int x, int y) { return x + y - f::bias; })) [[unlikely]]
     return multiply_slowly<Rules>(result, a_operand, b_operand);
-  const two_words x = {uint64_t{1} << 63 | high(a) << 15 | low(a) >> 49, low(a) << 15};
-  const two_words y = {high(f::fraction(b)) | high(f::leading_one), low(b)};
-  const product p = multiply_significands(x, y);
-  const uint64_t head = head_of(a) + head_of(b) + p.from_two_up - (f::bias + 1);
-  constexpr int place = f::fraction_bits - 64;
-  const uint128 packed = make_uint128((head << place) + p.words.high, p.words.low);
-  return result(rounded<f>(packed, p.words.guard, p.beyond));
+  // Compilers would set single bits by an instruction that takes longer, and the first one last,
+  // if they knew these numbers.
+  uint64_t leading_one = high(f::leading_one), top = uint64_t{1} << 63;
+  asm("" : "+r"(leading_one), "+r"(top));
+  uint64_t top_and_last = low(a) >> 49 | top;
+  asm("" : "+r"(top_and_last));
+  const two_words x = {high(a) << 15 | top_and_last, low(a) << 15};
+  const two_words y = {high(f::fraction(b)) | leading_one, low(b)};
+  const uint64_t head = (head_of(a) + head_of(b) - (f::bias + 1)) << (f::fraction_bits - 64);
+  product p = multiply_significands(x, y, leading_one);
+  p.words.high += head;
+  return result(rounded<f>(p.words.significand(), p.words.guard, p.beyond));
 }
 
 }  // namespace multiplication

@@ -103,24 +103,23 @@ struct three_words {
   return {sum_high, sum_low, b.guard};
 }
 
-// Doubles `x` where its high word has nothing at `Place` or above, and returns what it has there.
-// The double is computed while the condition is, then moved.
-template <int Place>
-[[gnu::always_inline]] inline uint64_t double_if_below(three_words& x) {
-  uint64_t top = x.high;
+// Doubles `x` where its high word lacks `bit`, and adds `bit` to that word where it does not. Both
+// are computed while the condition is, then moved.
+[[gnu::always_inline]] inline void double_or_add(three_words& x, uint64_t bit) {
   three_words twice = x;
+  uint64_t high = x.high + bit;
   asm("add %[guard], %[guard]\n\t"
       "adc %[low], %[low]\n\t"
-      "adc %[high], %[high]\n\t"
-      "shr %[place], %[top]\n\t"
+      "adc %[twice_high], %[twice_high]\n\t"
+      "test %[bit], %[x_high]\n\t"
       "cmovz %[guard], %[x_guard]\n\t"
       "cmovz %[low], %[x_low]\n\t"
-      "cmovz %[high], %[x_high]"
-      : [guard] "+&r"(twice.guard), [low] "+&r"(twice.low), [high] "+&r"(twice.high),
-        [x_guard] "+&r"(x.guard), [x_low] "+&r"(x.low), [x_high] "+&r"(x.high), [top] "+&r"(top)
-      : [place] "i"(Place)
+      "cmovz %[twice_high], %[high]"
+      : [guard] "+&r"(twice.guard), [low] "+&r"(twice.low), [twice_high] "+&r"(twice.high),
+        [x_guard] "+&r"(x.guard), [x_low] "+&r"(x.low), [high] "+&r"(high)
+      : [x_high] "r"(x.high), [bit] "r"(bit)
       : "cc");
-  return top;
+  x.high = high;
 }
 
 // By 0 to 63.
