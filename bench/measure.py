@@ -151,7 +151,7 @@ def main():
     if not wanted:
         sys.exit(f"no family or program is called {arguments.only}: "
                  + ", ".join(f.name for f in families))
-    repetitions, seconds = (1, 0.001) if arguments.quick else (5, 0.01)
+    repetitions, seconds = (1, 0.001) if arguments.quick else (11, 0.004)
     options = [f"--benchmark_repetitions={repetitions}", f"--benchmark_min_time={seconds}"]
     processor = processor_fields()
     folder = arguments.results / folder_name(processor)
