@@ -72,6 +72,7 @@ setting=--ignore-signal=FPE plays '' divide
 # ---- Stacks that are used up ----
 plays 'SIGSEGV, stack overflow: overflow_at_once main' overflow_at_once
 plays 'SIGSEGV, stack overflow: recurse ... recurse overflow run_in_thread' overflow_in_thread
+plays 'SIGSEGV, stack overflow: recurse ... recurse overflow run_in_c_thread' overflow_in_c_thread
 plays 'SIGSEGV, stack overflow: own_small_stack' own_small_stack
 plays '' leave_stacks
 

@@ -14,6 +14,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <threads.h>
 #include <unistd.h>
 
 #define ROUTINE __attribute__((noinline)) void
@@ -123,6 +124,16 @@ ROUTINE overflow(void) {
   STAY;
 }
 ROUTINE overflow_in_thread(void) { pthread_join(start(overflow), NULL); }
+
+static int run_in_c_thread(void* routine) {
+  ((void (*)(void))routine)();  // dies
+  return 0;
+}
+ROUTINE overflow_in_c_thread(void) {
+  thrd_t thread;
+  thrd_create(&thread, run_in_c_thread, (void*)overflow);
+  thrd_join(thread, NULL);
+}
 
 // Its stack pointer is far below the end of the stack before anything is stored.
 ROUTINE overflow_at_once(void) {
