@@ -263,3 +263,10 @@ zorvac_sources(ZORVAC_TRACEBACK_SOURCES baseline
 set_property(SOURCE ${ZORVAC_TRACEBACK_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   -fno-optimize-sibling-calls -fasynchronous-unwind-tables)
 list(APPEND ZORVAC_COMMON_SOURCES ${ZORVAC_TRACEBACK_SOURCES})
+
+# Nothing in src is forgotten.
+file(GLOB present ${PROJECT_SOURCE_DIR}/src/*/*.cpp ${PROJECT_SOURCE_DIR}/src/*/*.S)
+list(REMOVE_ITEM present ${ZORVAC_IDENTIFICATION_SOURCES} ${ZORVAC_COMMON_SOURCES})
+if(present)
+  message(FATAL_ERROR "${present}: not in cmake/isa.cmake, the table of what each source may use")
+endif()
