@@ -41,7 +41,7 @@ void copy_by_registers(Rest& rest) {
 template <class Rest>
 void copy_by_words(Rest& rest) {
   if (rest.count <= bytes_of(__libvrt_largest_cache_size_half))
-    return copy_loop<8, u64::load, u64::store, no_prefetch>(rest, 64);
+    return copy_loop<8, u64::load, u64::store, look_ahead>(rest, 64);
   copy_loop<8, u64::load, u64::stream, look_ahead>(rest, 64);
   _mm_sfence();
 }

@@ -367,7 +367,7 @@ const threshold thresholds[] = {
      8, 3, 1024 + 1 + 8, "loop", "movntdq prefetchnta sfence", {16, 392, 1352}},
     {"CacheValuesHaveNoSign", sse2_copy, {-2, 512}, 0, 0, 128 + 168, "straight", "loop"},
     {"WithoutMethod2ItStreamsWords", sse2_copy, {512, 0, 3},
-     0, 0, 256 + 1, "loop", "movnti prefetchnta sfence", {4, 384, 576}},
+     0, 0, 256 + 1, "prefetchnta", "movnti prefetchnta sfence", {4, 384, 576}},
 
     {"FromHalfTheFirstLevelOnItPrefetches", ssse3_copy, {65536, 4096},
      16, 35, 2048 + 16, "loop", "prefetcht0", {30, 480, 2464}},
