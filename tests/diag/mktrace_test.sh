@@ -88,6 +88,7 @@ refuse 1 'not a 64-bit ELF file' 'byte 4 \\1' image
 refuse 1 'not a file for x86-64' 'byte 18 \\267' image
 refuse 1 'neither an executable nor a shared object' 'byte 16 \\1' image
 refuse 1 'truncated' 'truncate -s -100 image' image
+refuse 1 'truncated' 'truncate -s 4 image' image
 refuse 1 'data after its last section' 'echo data >>image' image
 refuse 1 'read-only' 'chmod a-w image' image
 refuse 1 'no debug information' 'strip image' image
@@ -98,7 +99,10 @@ refuse 1 'cannot create a file next to' : -o /proc/self/image image
 refuse 1 'not a regular file' : -o . image
 refuse 1 'not a regular file' : .
 refuse 1 'no .trace section' : --dump image
+# A record that is longer than the section, and a line table with a number that is too long.
 refuse 1 'damaged' 'printf "\77\1\11\0\0\0" >x; objcopy --add-section .trace=x image' --dump image
+refuse 1 'damaged' "printf '\14\1\15\0\0\0\0$(printf '\\200%.0s' {1..12})' >x
+  objcopy --add-section .trace=x image" --dump image
 refuse 2 'Usage' : --dump -o x image
 refuse 2 'Usage' : --dump --demangle image
 refuse 2 'Usage' : --demangle=long image
