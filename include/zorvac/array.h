@@ -173,7 +173,11 @@ void __zorva_dinner_xk64w(const uint64_t* m, const uint64_t* n, const uint64_t* 
  *  6 and 7 work on bits, so logical values must be 0 and 1. Least and greatest are finite.
  *  Integers take all operators, real types 1 to 5, complex types 1 to 3.
  *
- *  Elements may have any alignment. Threads: re-entrant. Registers: System V AMD64. */
+ *  Integers wrap. Each operation on real numbers is rounded by itself (MXCSR) and raises its flags;
+ *  those on binary128 are the routines of zorvac/quad.h, which a program may replace.
+ *
+ *  Elements may have any alignment. Threads: re-entrant. Registers: System V AMD64. Memory:
+ *  allocates nothing. */
 
 /** Writes the identity of an operator into count consecutive elements.
  *
