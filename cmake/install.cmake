@@ -113,7 +113,7 @@ if(NOT ZORVAC_CPU_VENDOR STREQUAL "any")
   set(CPACK_DEBIAN_RUNTIME_ANY_PACKAGE_REPLACES ${runtime_package})
 endif()
 zorvac_package(dev libzorvac-dev libdevel
-               "This package has the headers, the static library and the manual page.")
+               "This package has the headers, the static libraries and the manual pages.")
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION}), libc6-dev")
 if(TARGET zorvac-mktrace AND ZORVAC_TOOLS)
   zorvac_package(tools zorvac-tools devel
