@@ -19,8 +19,8 @@ using f = binary128;
 
 struct ordered_operands {
   uint128 larger, smaller;  // magnitudes
-  bool negative;            // sign of the larger one, and of the result unless that is zero
-  bool subtract;            // whether the smaller one's sign differs
+  bool negative;            // sign of the larger one, and of a result other than zero
+  bool subtract;            // whether the signs differ
 };
 
 // `negate_b` is the sign bit or 0. It changes only this copy of b: a NaN operand keeps its sign.
@@ -88,7 +88,7 @@ template <class Rules, class Result, class Operand>
   return result(add_any<Rules>(a.word(), b.word(), negate_b));
 }
 
-constexpr int place = f::fraction_bits - 64;  // of the leading one, in the high word
+constexpr int place = f::fraction_bits - 64;  // the leading one's, in the high word
 
 // A difference whose high word cancelled. It has at most 65 bits, in the low word and at the top of
 // the guard word, and is exact. The common path ordered the operands by their high words alone. If
@@ -104,7 +104,7 @@ template <class Result>
   } else if (rest == 0) {
     return result(f::signed_word(rounding_control() == rounding::down, 0));
   }
-  const int zeros = leading_zeros(rest);  // besides the place + 1 above that the high word had
+  const int zeros = leading_zeros(rest);  // besides the place + 1 that cancelled in the high word
   const uint128 significand = rest << zeros >> (128 - f::precision);
   head -= static_cast<uint64_t>(place + 1 + zeros) << place;  // the leading one adds 1
   return result(make_uint128(head + high(significand), low(significand)));

@@ -69,7 +69,7 @@ using binary128 = format<uint128, 113, 15>;
   std::memcpy(quad, words, sizeof words);
 }
 
-struct x87_image {  // as it lies in memory; six bytes of padding follow
+struct x87_image {  // in memory; six bytes of padding follow
   uint64_t significand;
   std::uint16_t sign_and_exponent;
 };
@@ -123,7 +123,7 @@ constexpr bool is_signalling(typename F::word w) {
 
 [[gnu::always_inline]] constexpr int leading_zeros(uint64_t x) { return __builtin_clzll(x); }
 [[gnu::always_inline]] constexpr int highest_bit(uint64_t x) { return 63 ^ __builtin_clzll(x); }
-constexpr int leading_zeros(uint128 x) {  // not of 0, either of them
+constexpr int leading_zeros(uint128 x) {  // in none of the three may x be 0
   return high(x) != 0 ? leading_zeros(high(x)) : 64 + leading_zeros(low(x));
 }
 
@@ -157,7 +157,7 @@ constexpr unpacked<F> unpack(typename F::word w) {
 template <class F>
 [[gnu::always_inline]] constexpr typename F::word pack(int exponent, typename F::word significand) {
   const auto field = static_cast<uint64_t>(exponent - 1);
-  if constexpr (F::fraction_bits > 64)  // spares the addition to the low word
+  if constexpr (F::fraction_bits > 64)  // saves the addition to the low word
     return make_uint128(high(significand) + field * high(F::leading_one), low(significand));
   else
     return (typename F::word{field} << F::fraction_bits) + significand;

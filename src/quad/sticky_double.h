@@ -24,7 +24,7 @@ namespace {
   constexpr int up = to::fraction_bits - (from::fraction_bits - 64);
   constexpr uint64_t bias_change = static_cast<uint64_t>(to::bias - from::bias)
                                    << to::fraction_bits;
-  const uint64_t magnitude = (high(w) << up) + bias_change;  // the sign and the exponent's top go
+  const uint64_t magnitude = (high(w) << up) + bias_change;  // drops sign and exponent's top bits
   return (magnitude & (to::sign_bit - 1)) | (high(w) & to::sign_bit) | uint64_t{low(w) != 0};
 }
 // The integer part. PE is raised for any fraction. Out of range the result is the most negative
@@ -42,7 +42,7 @@ template <class Integer>
 
 // The float that a number rounds to by MXCSR. The exponent must be a normal float's.
 [[maybe_unused, gnu::always_inline]] inline float round_by_processor(uint64_t sticky_double) {
-  float nearest = 0;  // the rest of the register stays, and so is waited for
+  float nearest = 0;  // the instruction keeps the rest of the register, and so waits for it
   asm volatile("cvtsd2ss %[value], %[nearest]"
                : [nearest] "+x"(nearest)
                : [value] "x"(__builtin_bit_cast(double, sticky_double))
