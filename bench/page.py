@@ -87,8 +87,8 @@ class Measured:
                  if len({is_ours(c) for c in rows[run, row]}) == 2}
         self.figures = {key: rows[key] for key in rows if re.match(family.figures, key[1])}
         for run, row in rows.keys() - shown - self.figures.keys():
-            sys.exit(f"{file}: {row} {run}: no table shows {', '.join(rows[run, row])}; ours and a "
-                     "peer make a ratio, and what has no peer stands among the family's figures")
+            sys.exit(f"{file}: {row} {run}: no table shows {', '.join(rows[run, row])}; a ratio "
+                     "needs ours and a peer, and rows without a peer need the family's `figures`")
         contenders = {r.ours for r in self.ratios}
         self.front = next(({c} for c in family.front if c in contenders), contenders)
         self.best = self.front if len(family.front) > 1 else ()

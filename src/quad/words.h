@@ -103,8 +103,8 @@ struct three_words {
   return {sum_high, sum_low, b.guard};
 }
 
-// Doubles `x` if its high word lacks `bit`, else adds `bit` to that word. Both results are computed
-// beside the condition. Conditional moves then take one.
+// Doubles `x` if its high word lacks `bit`, else adds `bit` to that word. Both results and the
+// condition are computed in parallel. Conditional moves take one result.
 [[gnu::always_inline]] inline void double_or_add(three_words& x, uint64_t bit) {
   three_words twice = x;
   uint64_t high = x.high + bit;
