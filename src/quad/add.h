@@ -104,7 +104,7 @@ template <class Result>
   } else if (rest == 0) {
     return result(f::signed_word(rounding_control() == rounding::down, 0));
   }
-  const int zeros = leading_zeros(rest);  // besides the place + 1 that cancelled in the high word
+  const int zeros = leading_zeros(rest);  // in addition to place + 1 in the high word
   const uint128 significand = rest << zeros >> (128 - f::precision);
   head -= static_cast<uint64_t>(place + 1 + zeros) << place;  // the leading one adds 1
   return result(make_uint128(head + high(significand), low(significand)));

@@ -123,7 +123,7 @@ constexpr bool is_signalling(typename F::word w) {
 
 [[gnu::always_inline]] constexpr int leading_zeros(uint64_t x) { return __builtin_clzll(x); }
 [[gnu::always_inline]] constexpr int highest_bit(uint64_t x) { return 63 ^ __builtin_clzll(x); }
-constexpr int leading_zeros(uint128 x) {  // in none of the three may x be 0
+constexpr int leading_zeros(uint128 x) {  // in all three, x must not be 0
   return high(x) != 0 ? leading_zeros(high(x)) : 64 + leading_zeros(low(x));
 }
 
