@@ -343,7 +343,7 @@ uint32_t _clear87(void);
  *
  *  value, mask  [in] the fields that are set in `mask` are taken from `value`. A field of two bits
  *                    (ZORVAC_FP_ROUNDING, ZORVAC_FP_PRECISION, ZORVAC_FP_FLUSH) does not change if
- *                    only one of them is in `mask`. Precision 0x30000 does not change anything.
+ *                    `mask` has only one of its bits. Precision 0x30000 changes nothing.
  *  returns           exception masks, rounding, precision, flush modes. A mask of 0 only reads.
  *
  *  _controlfp() does not change the denormal mask, and returns exception masks and rounding from

@@ -12,7 +12,7 @@ namespace {
   return ((high(a) | high(b)) << 1 | low(a) | low(b)) == 0;
 }
 
-// Quiet, and without a branch. A NaN differs from all other operands already by its bits.
+// Quiet, and without a branch. A NaN needs a test only if both operands have the same bits.
 [[gnu::always_inline]] inline bool equal(uint128 a, uint128 b) {
   return (a == b && !is_nan<binary128>(a)) || both_zero(a, b);
 }
