@@ -422,8 +422,8 @@ inline int ilogb(quad a) {
   return isinf(a) ? std::numeric_limits<int>::max() : FP_ILOGB0;
 }
 
-/** The number next to a in the direction of b. An infinite or subnormal result raises overflow or
- *  underflow, and inexact. */
+/** The number next to a in the direction of b. If a and b differ, an infinite result raises
+ *  overflow and inexact, and a subnormal result or zero raises underflow and inexact. */
 inline quad nextafter(quad a, quad b) {
   if (isunordered(a, b)) return a + b;
   if (a == b) return b;

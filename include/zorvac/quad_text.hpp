@@ -482,7 +482,7 @@ constexpr std::optional<uint128> nearest_quad(number from, int kept) {
 }
 constexpr uint128 nearest_quad(const number& from) {
   if (from.is_head()) return nearest(from.head(), false, 0);
-  // The number of digits before the point, or of bits; this may be up to 4 too many.
+  // The number of digits before the point, or of bits, which may be 3 too many.
   const std::int64_t size = from.exponent + from.digit_count * (from.hexadecimal() ? 4 : 1);
   if (size > (from.hexadecimal() ? 16389 : 4933)) return detail::infinity_bits;
   if (size < (from.hexadecimal() ? -16500 : -4966)) return 0;
