@@ -24,8 +24,8 @@ is the peer's time divided by ours: **above 1, zorvac is faster**. A column is a
 and family/model). Its figures are geometric means over all rows of a kind, one for each peer. A
 peer that is not held to a level uses its best one. Ours and the peer were measured in one process,
 interleaved. Times are medians of processor time. On a shared machine, single rows vary by a tenth
-from run to run, and rows of at least a mebibyte vary more. † The code has changed since these rows
-were measured.
+from run to run, and rows of at least a mebibyte vary more. † The code has changed since these
+rows were measured.
 """
 LIBRARY = """The measured library is the any-vendor build (`libzorvac-any`): it uses the members
 that it would use on a processor of the accepted vendor with the same features. The default build
