@@ -1,14 +1,14 @@
 """Charts of ratios as SVG text, a panel for each processor: lines over a logarithmic size, or bars.
 
 The scale of ratios is logarithmic, so that 1.2 times as fast is as far from 1 as 1.2 times as slow,
-and can be seen. The background is the chart's own: no colour of text has enough contrast on white
-and on a dark page both.
+and visible. A chart has its own background, because no text colour has enough contrast on both a
+white and a dark page.
 """
 import math
 from xml.sax.saxutils import escape
 
 WIDTH, MARGIN = 800, 12
-PANEL = 260  # the width of one of bars, at least
+PANEL = 260  # the least width of a panel of bars
 PAPER, INK, GRID = "#ffffff", "#24292f", "#d0d7de"
 COLOURS = ("#0b5fc1", "#b45309", "#1a7f37", "#7c3aed", "#b91c1c", "#0f766e", "#7c5a10", "#57606a")
 TICKS = (1 / 16, 1 / 8, 1 / 4, 1 / 2, 0.8, 1, 1.25, 2, 4, 8, 16)
@@ -29,7 +29,8 @@ def path(points, colour, width):
 
 
 class RatioScale:
-    """Ratios on a stretch of the page. What is beyond the last tick is drawn there."""
+    """Maps ratios to places from start to end. A ratio beyond the last tick is drawn at that tick.
+    """
 
     def __init__(self, ratios, start, end):
         ratios = list(ratios)
@@ -44,7 +45,7 @@ class RatioScale:
 
 
 def head(title, direction, series):
-    """Returns the title with the legend below it, and where they end."""
+    """Returns the parts of the title and of the legend below it, and the y where they end."""
     parts = [text(MARGIN, 22, title, extra='font-size="15" font-weight="bold"'),
              text(MARGIN, 40, f"times as fast as the peer; {direction}: zorvac is faster")]
     x, y = MARGIN, 60
@@ -101,7 +102,7 @@ def lines(title, x_label, panels):
             parts.append(text(left - 5, height(tick) + 4, tick_name(tick), "end"))
         labelled = -math.inf
         for size in sizes:
-            if across(size) - labelled >= 34:  # labels closer than this run into each other
+            if across(size) - labelled >= 34:  # closer labels would overlap
                 parts.append(text(across(size), top + tall + 15, size_name(size), "middle"))
                 labelled = across(size)
         for name, points in series.items():
@@ -112,8 +113,8 @@ def lines(title, x_label, panels):
 
 
 def bars(title, panels):
-    """Draws {processor: {series: {row: ratio}}}: rows one below the other, panels side by side,
-    each bar from 1 to its ratio with the figure behind it."""
+    """Draws {processor: {series: {row: ratio}}}: rows one below the other, panels side by side.
+    Each bar goes from 1 to its ratio, with the figure at its end."""
     styles = colours(panels)
     parts, top = head(title, "to the right", styles)
     rows = {row: [name for name in styles if any(row in series.get(name, ())

@@ -1,17 +1,17 @@
 """The one table of what scripts/bench measures and what docs/performance.md shows of it.
 
-A family is a program. One that has no row here runs once as it is and has a section of its own
-under its name, so a new benchmark is on the page before anybody has thought of it. All rows count
-in the tables; charts are what a family has besides.
+A family is a program. A program without a row here runs once, without settings, and has a section
+under its name: a new benchmark is on the page at once. All rows count in the tables. A family may
+also have charts.
 """
 from dataclasses import dataclass, field
 
 
 @dataclass(frozen=True)
 class Chart:
-    """A picture of ratios, a panel for each processor. Of the rows that match, the group `size` is
-    the x axis of lines, and what the group `bar` holds has a bar each; a mean, where it is of
-    several rows. `pairs` are the contenders to show, "ours beside peer" by their labels."""
+    """A picture of ratios, a panel for each processor. `rows` matches the rows. Its group `size` is
+    the x axis of a chart of lines; each text of its group `bar` has a bar, with the mean of its
+    rows. `pairs` matches the contenders to show, as "ours beside peer" with their labels."""
     file: str
     title: str
     rows: str = r"(?P<bar>[^/]+)/"
@@ -21,24 +21,24 @@ class Chart:
 
 @dataclass(frozen=True, eq=False)
 class Family:
-    name: str  # and that of its rows, <processor>/<name>.csv, and of its note, notes/<name>.md
+    name: str  # also of its rows, <processor>/<name>.csv, and of its note, notes/<name>.md
     program: str
     title: str
-    sources: tuple = ("src",)  # of what it measures: rows older than a change here are marked
+    sources: tuple = ("src",)  # what it measures: rows older than a change here are marked
     runs: dict = field(default_factory=lambda: {"": {}})  # {name: environment}
-    parts: tuple = ()  # (title, rows): lines of their own in the tables; what is left has one, too
+    parts: tuple = ()  # (title, rows): lines of their own in the tables; other rows share a line
     front: tuple = ()  # the first of these that a processor has is ours in the first table
     figures: str = "$^"  # rows of one contender alone, which have a time and no ratio
-    reasons: tuple = ()  # (what "row/ours peer" contains, why it is behind): the first that fits
+    reasons: tuple = ()  # (what "row/ours peer" contains, why it is below 1): the first that fits
     charts: tuple = ()
 
 
 def held(*missing):
-    """Returns the environment of a C library without these features."""
+    """Returns the environment that makes the C library ignore these features."""
     return {"GLIBC_TUNABLES": "glibc.cpu.hwcaps=" + ",".join("-" + name for name in missing)}
 
 
-# The C library held to its variants of a level.
+# The features that the C library must ignore to be held to a level.
 TO_AVX2 = ("AVX512F", "AVX512VL", "AVX512BW")
 TO_SSE4 = (*TO_AVX2, "AVX2", "AVX_Fast_Unaligned_Load", "ERMS", "FSRM", "MOVBE")
 TO_SSSE3 = (*TO_SSE4, "SSE4_1", "SSE4_2")
@@ -62,7 +62,7 @@ LABELS = {
     "clang_rt": "clang's library", "loop": "a compiled loop", "libdw-warm": "libdw, files read",
     "direct": "the variant itself", "worker": "the worker itself",
     "empty-library": "an empty library",
-    # Parts of rows' names.
+    # Parts of row names.
     "pair": "freed at once", "crowd": "10,000 blocks alive", "handover": "handed over",
     "foreign": "the C library's block",
     "r8_n_n": "doubles", "r8_t_n": "doubles, A transposed", "r8_n_t": "doubles, B transposed",
@@ -87,15 +87,15 @@ FAMILIES = (
         parts=tuple((operation.capitalize(), f"{operation}/")
                     for operation in ("copy", "move", "fill", "compare")),
         front=("zorvac_fast",),
-        reasons=((r"^compare/", "compares by words, by its contract"),
+        reasons=((r"^compare/", "compares by words: part of the interface"),
                  (r"^move/.*zorvac_fast", "no AVX2 move: the SSSE3 worker's fifteen loops"),
-                 (r"avx512f", "streams whatever the size"),
+                 (r"avx512f", "streams blocks of every size"),
                  (r"vec", "REP MOVSQ and REP STOSQ up to 16384 bytes"),
                  (r"(fixed-(1|2|4|8|16|32|64|128)|mixed|service)-",
                   "the indirect jump of small counts"),
                  (r"(new|ssse3)", "fifteen merging loops"),
                  (r"", "see [memory](#memory)")),
-        charts=(Chart("mixes", "Blocks of sizes that nobody can predict, unaligned",
+        charts=(Chart("mixes", "Blocks of unpredictable sizes, unaligned",
                       r"(?P<bar>\w+/(mixed-[\d-]+|service))-unaligned", AT_THEIR_LEVEL),
                 by_size("copy"), by_size("move"), by_size("fill"), by_size("compare"))),
     Family(
@@ -121,7 +121,7 @@ FAMILIES = (
                ("Pools, several threads", "[^/]+/")),
         reasons=((r"spent|foreign", "the look-up comes before the C library's work"),
                  (r"two|four", "strict order: all threads share two counters"),
-                 (r"mimalloc", "hands out the block that was freed last, still cached"),
+                 (r"mimalloc", "returns the block that was freed last, still cached"),
                  (r"", "see [pools](#pools)")),
         charts=(Chart("pool", "Blocks of 64 bytes from one pool: by threads and by who frees",
                       r"(?P<bar>\w+/\w+-threads?)$"),
@@ -132,7 +132,7 @@ FAMILIES = (
         figures="empty/",
         parts=(("Quad operations", r"(add|subtract|multiply|divide)/"),
                ("Quad comparisons and conversions", r"")),
-        reasons=((r"clang_rt", "looks at no rounding mode, raises no flag"),
+        reasons=((r"clang_rt", "ignores the rounding mode, raises no flag"),
                  (r"", "see [quad arithmetic](#quad-arithmetic)")),
         charts=(Chart("quad", "Quad operations, one call after the other",
                       r"(?P<bar>\w+)/(?!latency)"),
@@ -147,7 +147,7 @@ FAMILIES = (
         front=("zorvac-avx512", "zorvac-avx2", "zorvac-pair"),
         figures="limit/",
         parts=(("Matrices, real", "r"), ("Matrices, complex", "c")),
-        reasons=((r"x1/", "one column reads A once and does next to nothing with it"),
+        reasons=((r"x1/", "one column: A is read once, for little computation"),
                  (r"/(4|8|12|16)x", "small products pass two or three jumps"),
                  (r"^c", "products are rounded before they are added"),
                  (r"", "the order of sums; see [matrices](#matrices)")),
@@ -163,7 +163,7 @@ FAMILIES = (
         "traceback", "traceback_bench", "Traceback", ("src/diag",),
         figures="protection/",
         parts=(("Walking the stack", "walk/"), ("Traceback with text", "text/")),
-        reasons=((r"^walk", "protects itself by 65 signal actions"),
+        reasons=((r"^walk", "65 signal actions protect the walk"),
                  (r"_fd", "reads names and lines from the images"),
                  (r"", "opens the images each time")),
         charts=(Chart("traceback", "Tracebacks by frames, images and mappings",
@@ -175,19 +175,19 @@ FAMILIES = (
         parts=(("Dispatch", "dispatch"), ("Loading the library", "load")),
         reasons=((r"^load", "an empty library has nothing to do"),
                  (r"", "two jumps, a load and a test")),
-        charts=(Chart("dispatch", "What a dispatcher and the constructor cost",
+        charts=(Chart("dispatch", "The cost of a dispatcher and of the constructor",
                       r"(?P<bar>[^/]+/[^/]+)$"),)),
 )
 
 
 def family_called(name):
-    """Returns the family that has no row in the table: a program's, or a file's of rows."""
+    """Returns the family of a program or of a file of rows that is not in the table."""
     title = name.replace("_", " ").capitalize()
     return Family(name, f"{name}_bench", title, figures="", charts=(Chart(name, title),))
 
 
 def families_of(names):
-    """Returns the table's families and one for each other name of a family or a program."""
+    """Returns the families of the table, and one for each of the other names."""
     names = [name.removesuffix("_bench") for name in names]
     tabled = {name for f in FAMILIES for name in (f.name, f.program.removesuffix("_bench"))}
     return [*FAMILIES, *(family_called(name) for name in sorted(set(names) - tabled))]

@@ -1,13 +1,12 @@
 #!/usr/bin/env python3
-"""Runs the benchmark programs of a build, each in the runs that families.py gives it, and keeps the
-rows of each family in a CSV file, with what they were measured on.
+"""Runs the benchmark programs of a build, each in the runs that families.py has for it. Keeps the
+rows of each family in a CSV file, with facts about the machine, the compiler and the peers.
 
 usage: measure.py [--quick] [--only FAMILY] BUILD_FOLDER RESULTS_FOLDER
 
-The files are in a folder for the processor; a family that is not measured keeps its file. Nothing
-is filtered: a program decides by its run what to register, and each row that it registers is
-measured. Repetitions are interleaved, since no machine is quiet; a row is a median. --quick
-measures every row once and briefly.
+The files are in a folder for the processor. A family that is not measured keeps its file. Each row
+that a program registers in a run is measured. Repetitions are interleaved, since no machine is
+quiet, and a row is their median. --quick measures every row once and briefly.
 """
 import argparse
 import datetime
@@ -45,7 +44,7 @@ def folder_name(processor):
 
 
 def commit():
-    """Returns the commit that was measured, with a plus sign where what is built differs."""
+    """Returns the commit that was measured, with a plus sign if the sources differ from it."""
     git = ("git", "-C", pathlib.Path(__file__).parent.parent)
     try:
         changes = output(*git, "status", "--porcelain", "--untracked-files=no", "--",
@@ -56,7 +55,7 @@ def commit():
 
 
 def machine(build, processor):
-    """Returns what the page says of the machine, in the order in which it says it."""
+    """Returns the page's facts about the machine, in the page's order."""
     cache = (build / "CMakeCache.txt").read_text(encoding="utf-8")
 
     def setting(name):
@@ -82,8 +81,8 @@ def machine(build, processor):
 
 
 def rates(run):
-    """Returns (nanoseconds of an item, GFLOP/s) of one repetition; an iteration is an item where
-    the program does not count."""
+    """Returns (nanoseconds of an item, GFLOP/s) of one repetition. If the program does not count
+    items, an iteration is an item."""
     ns = run["cpu_time"] * TO_NANOSECONDS[run["time_unit"]]
     if run.get("items_per_second"):
         ns = 1e9 / run["items_per_second"]
@@ -100,7 +99,7 @@ def rows_of(report, run_name):
     runs.sort(key=lambda r: (r.get("family_index", 0), r.get("per_family_instance_index", 0)))
     samples = defaultdict(list)
     for run in runs:
-        # Options such as min_time follow the name that the benchmark was given.
+        # Options such as min_time follow the benchmark's own name.
         name = re.sub(r"(/((min_time|min_warmup_time|iterations|repeats|threads):[^/]+"
                       r"|real_time|process_time|manual_time))+$", "",
                       run.get("run_name", run["name"]))
@@ -123,13 +122,14 @@ def measure(program, environment, options):
                               env=os.environ | environment, stdout=subprocess.DEVNULL,
                               stderr=subprocess.PIPE, text=True, check=False)
         report = file.read()
-    if done.returncode != 0 or not report:  # nothing is written where there is no row to measure
+    if done.returncode != 0 or not report:  # the report is empty if there is no row to measure
         sys.exit(f"{program}: {done.stderr}")
     return json.loads(report)
 
 
 def tell_lost(file, results):
-    """Says which rows of the file were not measured again, by a mistake or because they went."""
+    """Prints the rows of the file that were not measured again, by mistake or because they were
+    removed."""
     before = read(file).rows if file.exists() else {}
     for (run, row), contenders in before.items():
         for contender in contenders.keys() - results.rows.get((run, row), {}).keys():

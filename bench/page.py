@@ -3,9 +3,9 @@
 
 usage: page.py RESULTS_FOLDER NOTES_FOLDER PAGE.md
 
-Every figure of the tables and charts comes from the rows; the reasons come from families.py and
-from the notes, one small file a family. A family that loses a row to a peer must have a note, and
-a contender that stands in no table is an error.
+Every figure of the tables and charts comes from the rows. The reasons come from families.py and
+from the notes, one small file a family. A family with a row below 1 must have a note, and a
+contender that no table shows is an error.
 """
 import pathlib
 import re
@@ -20,19 +20,19 @@ from report import geometric_mean, is_ours, ratios, read, size_order
 INTRODUCTION = """# Performance
 
 Written by `scripts/bench` from the rows in [bench/results](../bench/results); do not edit. A ratio
-is the peer's time divided by ours: **above 1, zorvac is faster**. A column is a processor, maker
-and family/model; its figures are geometric means over all rows of a kind, one beside each peer. A
-peer that is not held to a level takes its best. Ours and the peer were measured in one process,
-interleaved; times are medians of processor time. On a machine that others share, single rows move
-by a tenth from run to run, those of a mebibyte and more by more. † The code has changed since
-these rows were measured.
+is the peer's time divided by ours: **above 1, zorvac is faster**. A column is a processor (maker
+and family/model). Its figures are geometric means over all rows of a kind, one for each peer. A
+peer that is not held to a level uses its best one. Ours and the peer were measured in one process,
+interleaved. Times are medians of processor time. On a shared machine, single rows vary by a tenth
+from run to run, and rows of at least a mebibyte vary more. † The code has changed since these
+rows were measured.
 """
-LIBRARY = """The library measured is the any-vendor build (`libzorvac-any`): it takes the members
-that a processor of the accepted vendor with the same features would take. The default build
-accepts that vendor alone. On each of these processors its feature indicator stays {default}, so it
-takes the members for every processor: the C library's block routines, the general kernels.
+LIBRARY = """The measured library is the any-vendor build (`libzorvac-any`): it uses the members
+that it would use on a processor of the accepted vendor with the same features. The default build
+accepts only that vendor. On each of these processors its feature indicator stays {default}, so it
+uses the members for every processor: the C library's block routines, the general kernels.
 """
-HIDDEN = ("Date", "Commit", "Processor")  # of the facts: the table says them in its own way
+HIDDEN = ("Date", "Commit", "Processor")  # facts that have rows of their own in the table
 
 
 def behind(ratio):
@@ -40,7 +40,7 @@ def behind(ratio):
 
 
 def title_of(folder):
-    """amd-25-1 is AMD 25/1."""
+    """Turns amd-25-1 into AMD 25/1."""
     maker, *numbers = folder.split("-")
     return f"{ {'amd': 'AMD', 'intel': 'Intel'}.get(maker, maker)} {'/'.join(numbers)}"
 
@@ -50,7 +50,7 @@ def label(contender):
 
 
 def readable(row):
-    """copy/mixed-1-16-aligned is copy, mixed 1 to 16 aligned."""
+    """Turns copy/mixed-1-16-aligned into: copy, mixed 1 to 16 aligned."""
     parts = (LABELS.get(part) or re.sub(r"[-_]", " ", re.sub(r"(\d)-(\d)", r"\1 to \2", part))
              for part in row.replace("fixed-", "").split("/"))
     return ", ".join(parts)
@@ -62,8 +62,8 @@ def table(head, lines):
 
 
 def is_old(commit, sources):
-    """Says whether any of the sources, comments aside, differs from the commit; so it is taken to
-    be where nobody can tell."""
+    """Says whether any of the sources, apart from comments, differs from the commit. If that is
+    unknown, says yes."""
     if commit.endswith("+"):
         return True
     git = ["git", "-C", pathlib.Path(__file__).parent.parent]
@@ -87,14 +87,14 @@ class Measured:
                  if len({is_ours(c) for c in rows[run, row]}) == 2}
         self.figures = {key: rows[key] for key in rows if re.match(family.figures, key[1])}
         for run, row in rows.keys() - shown - self.figures.keys():
-            sys.exit(f"{file}: {row} {run}: no table shows {', '.join(rows[run, row])}; ours and a "
-                     "peer make a ratio, and what has no peer stands among the family's figures")
+            sys.exit(f"{file}: {row} {run}: no table shows {', '.join(rows[run, row])}; a ratio "
+                     "needs ours and a peer, and rows without a peer need the family's `figures`")
         contenders = {r.ours for r in self.ratios}
         self.front = next(({c} for c in family.front if c in contenders), contenders)
         self.best = self.front if len(family.front) > 1 else ()
 
     def pair(self, ratio):
-        """Returns ours and the peer as a reader knows them."""
+        """Returns the names of ours and of the peer for the page."""
         return "best level" if ratio.ours in self.best else label(ratio.ours), label(ratio.peer)
 
 
@@ -103,8 +103,8 @@ def part_of(family, row):
 
 
 def ratio_lines(family, measured, front):
-    """Returns {(part, ours): {(peer, processor): ratios}} of what the first table has, or of the
-    rest."""
+    """Returns {(part, ours): {(peer, processor): ratios}} for the first table, or for the other
+    members."""
     grouped = defaultdict(lambda: defaultdict(list))
     for m in measured:
         for r in m.ratios:
@@ -116,8 +116,8 @@ def ratio_lines(family, measured, front):
 
 
 def cells(measured, of_line, processors):
-    """Returns the peers, the geometric mean beside each on each processor, and the worst row; and
-    that row's ratio."""
+    """Returns a line's cells (the peers, the geometric means for each processor, the worst row),
+    and the worst row's ratio."""
     peers = sorted({peer for peer, _ in of_line})
     old = {m.processor for m in measured if m.old}
 
@@ -175,7 +175,7 @@ def figures(measured, processors):
 
 
 def draw(chart, measured):
-    """Returns the SVG of a chart, or None where no row matches."""
+    """Returns the SVG of a chart, or None if no row matches."""
     panels = {}
     for m in measured:
         points = defaultdict(lambda: defaultdict(list))
@@ -195,13 +195,13 @@ def draw(chart, measured):
 
 
 def section(family, measured, processors, notes, charts_folder):
-    """Returns the text of one family; draws its charts."""
+    """Returns the text of one family, and draws its charts."""
     text = [f"## {family.title}\n"]
     note = notes / f"{family.name}.md"
     if note.exists():
         text.append(note.read_text(encoding="utf-8"))
     elif any(behind(r.value) for m in measured for r in m.ratios):
-        sys.exit(f"{note} is missing: it says why rows of this family are below 1")
+        sys.exit(f"{note} is missing: it must say why rows of this family are below 1")
     for chart in family.charts:
         if svg := draw(chart, measured):
             (charts_folder / f"{chart.file}.svg").write_text(svg, encoding="utf-8")
@@ -212,7 +212,8 @@ def section(family, measured, processors, notes, charts_folder):
 
 
 def facts_table(sections, processors):
-    """Returns what was measured on what: a column for each processor, its newest facts."""
+    """Returns the table of processors and peers: a column for each processor, with its newest
+    facts. Returns the text about the library, too."""
     facts, dates = defaultdict(dict), defaultdict(set)
     for m in sorted((m for measured in sections.values() for m in measured),
                     key=lambda m: m.facts.get("Date", "")):

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Reads the rows that measure.py kept and compares ours with the peers; run, prints the ratios.
+"""Reads the rows that measure.py kept and compares ours with the peers. As a script, prints ratios.
 
 usage: report.py RESULTS.csv...
 
 A benchmark is named <operation>/<row...>/<contender>. A contender whose name begins with "zorvac"
-is ours; every other one in the same row of the same run is its peer. A ratio is peer / ours: above
-1, ours is faster.
+is ours. All others in the same row of the same run are its peers. A ratio is peer / ours: above 1,
+ours is faster.
 """
 import csv
 import math
@@ -28,8 +28,8 @@ class Ratio:
 
 @dataclass
 class Results:
-    """What one file holds: what it was measured on, and its rows, {(run, row): {contender: {column:
-    text}}}."""
+    """The content of one file: facts about the measurement, and the rows, {(run, row): {contender:
+    {column: text}}}."""
     facts: dict
     rows: dict
 
@@ -57,7 +57,7 @@ def write(file, results):
 
 
 def size_order(text):
-    """Orders names by the numbers in them: fixed-512 before fixed-1K before fixed-16K."""
+    """Returns a key that orders names by their numbers: fixed-512, fixed-1K, fixed-16K."""
     units = {"K": 1 << 10, "M": 1 << 20, "G": 1 << 30}
     parts = re.split(r"(\d+[KMG]?)", text)
     return [int(p.rstrip("KMG")) * units.get(p[-1], 1) if p[:1].isdigit() else p for p in parts]
@@ -68,7 +68,7 @@ def is_ours(contender):
 
 
 def ratios(rows):
-    """Returns the Ratio of each of ours beside each peer of its row and run."""
+    """Returns the Ratio of each contender of ours to each peer of its row and run."""
     return [Ratio(row, ours, peer, float(of_peer["ns"]) / float(of_ours["ns"]))
             for (_, row), contenders in rows.items()
             for ours, of_ours in contenders.items() if is_ours(ours)

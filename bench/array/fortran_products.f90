@@ -1,4 +1,4 @@
-! The Fortran compiler's intrinsic, out of line: these are calls of its run-time library.
+! The Fortran compiler's MATMUL as calls of its run-time library, not inlined.
 module fortran_products
   use iso_c_binding, only: c_int64_t, c_float, c_double
   implicit none

@@ -1,5 +1,5 @@
-// What this machine can do at best: multiplications and additions on registers alone, enough chains
-// of them to hide every latency.
+// The limits of this machine: multiplications and additions on registers alone, in enough chains to
+// hide every latency.
 #include <benchmark/benchmark.h>
 #include <immintrin.h>
 
@@ -7,7 +7,7 @@ namespace {
 
 constexpr int chains = 12, rounds = 1000;
 
-// The empty statement keeps the compiler from computing the product once for all.
+// The empty statement keeps the compiler from moving the product out of the loop.
 #define LIMIT(name, features, Vector, sum_of_product)                                         \
   __attribute__((target(features))) void name(benchmark::State& state) {                      \
     Vector sums[chains] = {}, x = {}, y = {};                                                 \

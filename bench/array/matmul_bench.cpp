@@ -1,12 +1,12 @@
 // Matrix products beside OpenBLAS, BLIS, Eigen and the Fortran compiler's MATMUL, on one thread.
 //
-// Rows are <type>_<storages>/<m>x<k>x<n>. Ours appears once for each level of the processor, chosen
-// by the feature indicator: zorvac-pair (SSE2), zorvac-avx2, zorvac-avx512; rows of r8 also with
-// the general kernels, zorvac-general-*. The counter is GFLOP/s: 8 for a complex product of
-// numbers. limit/* are the machine's own limits for doubles.
+// Rows are <type>_<storages>/<m>x<k>x<n>. Ours appears once for each level of the processor, set
+// through the feature indicator: zorvac-pair (SSE2), zorvac-avx2, zorvac-avx512. The rows r8_n_n
+// also have the general kernels, zorvac-general-*. The counter is GFLOP/s; a complex multiplication
+// and addition count as 8. limit/* are the machine's limits for doubles.
 //
-// OpenBLAS chooses a core by family and model. Where it does not know them it may take one of a
-// processor twenty years old; the program then sets the core by what the processor can do, and
+// OpenBLAS chooses a core by family and model. If it does not know them, it may take a core for a
+// processor twenty years old. The program then sets the core by the processor's features, and
 // starts again. OPENBLAS_CORETYPE=Nehalem shows what OpenBLAS does on an older processor.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
@@ -42,7 +42,7 @@ namespace {
 
 using product_fn = std::function<void(const problem&, const void* a, const void* b, void* c)>;
 
-// Two libraries of the same names stand side by side, each binding to itself.
+// Two libraries with the same names in one process, each bound to its own.
 class blas {
  public:
   blas(const char* file, const char* set_threads)
@@ -71,7 +71,7 @@ class blas {
     };
   }
 
-  // What a function without arguments, such as the one that tells the version, says.
+  // The text that a function without arguments returns, for example the version.
   [[nodiscard]] std::string say(const char* function) const {
     const auto words = reinterpret_cast<const char* (*)()>(dlsym(library_, function));
     return words != nullptr ? words() : "unknown";
@@ -84,8 +84,8 @@ class blas {
   void* library_;
 };
 
-// The core that OpenBLAS is to have where the one it chose uses less than the processor has, or
-// nothing. A core that the environment names is taken as it is.
+// The core for OpenBLAS if the one that it chose uses less than the processor has; otherwise, or if
+// the environment names a core, the empty text.
 std::string better_core(const std::string& chosen) {
   const auto is_one_of = [&](std::initializer_list<const char*> cores) {
     return std::any_of(cores.begin(), cores.end(), [&](auto core) { return chosen == core; });
@@ -98,7 +98,7 @@ std::string better_core(const std::string& chosen) {
   return "";
 }
 
-// Starts the program again where OpenBLAS needs another core: it chooses when it is loaded.
+// Starts the program again if OpenBLAS needs another core, because it chooses when it is loaded.
 void set_core(const blas& openblas, char** argv) {
   const std::string chosen = openblas.say("openblas_get_corename"), better = better_core(chosen);
   if (better.empty()) return;
@@ -123,7 +123,7 @@ void tell_peers(const blas& openblas, const blas& blis) {
 #endif
 }
 
-// An entry of ours, under the features of a level.
+// An entry of ours, with the features of a level.
 template <class Entry>
 product_fn ours(std::uint64_t indicator, Entry* entry) {
   return [=](const problem& p, const void* a, const void* b, void* c) {

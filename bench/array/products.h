@@ -1,6 +1,6 @@
 #ifndef ZORVAC_BENCH_ARRAY_PRODUCTS_H
 #define ZORVAC_BENCH_ARRAY_PRODUCTS_H
-// A product as all contenders take it: column-major, leading dimensions as small as can be.
+// A product for all contenders: column-major, with the least leading dimensions.
 #include <cstdint>
 #include <string>
 

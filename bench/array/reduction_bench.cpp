@@ -9,8 +9,8 @@
 
 namespace {
 
-// A target and a partial array half a page apart, page offsets considered: a load that has the page
-// offset of a store still in flight waits for it.
+// A target and a partial array whose page offsets are half a page apart: a load waits for a store
+// still in flight that has the same page offset.
 template <class T>
 struct arrays {
   explicit arrays(std::uint64_t count)
@@ -20,7 +20,7 @@ struct arrays {
   T *t = all.data(), *p;
 };
 
-// Out of line, as ours is; the arrays may overlap, as ours may.
+// Like ours, out of line, and the arrays may overlap.
 template <class T>
 [[gnu::noinline]] void fold(T* t, const T* p, std::uint64_t count, auto combined) {
   for (std::uint64_t i = 0; i < count; ++i) t[i] = combined(t[i], p[i]);

@@ -1,13 +1,13 @@
 // A traceback of 20 and of 200 frames: walking, and walking with text. The C library's backtrace
-// walks, its backtrace_symbols adds exported names, and libdw adds what ours does, routine, file
-// and line: from debug information that it has to read first, or has read before ("libdw-warm").
+// walks, its backtrace_symbols adds exported names. libdw adds the routine, file and line, as ours
+// does, from debug information that it reads first, or has read before ("libdw-warm").
 //
-// Then what a process may have more of: frames through up to 16 shared objects, and up to 4,000
-// mappings. Their peer is backtrace_symbols_fd, which like ours needs no heap; it writes to
-// nowhere.
+// Then larger processes: frames through up to 16 shared objects, and up to 4,000 mappings. Their
+// peer is backtrace_symbols_fd, which like ours needs no heap. It writes to /dev/null.
 //
-// The program is given a .trace section when it is linked, so our frames are found, too. What
-// protecting the walk costs (65 signal actions installed and put back) stands beside it.
+// The program gets a .trace section when it is linked, so that our traceback finds its lines, too.
+// The cost of protecting the walk (installing 65 signal actions and restoring them) has a row of
+// its own.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 #include <elfutils/libdwfl.h>
@@ -102,7 +102,8 @@ void run_below_images(int images, body run, benchmark::State& state) {
   next_image(&chain);
 }
 
-// Runs it while the process has so many more mappings. Neighbours differ, or they would be one.
+// Runs it while the process has so many more mappings. Neighbours differ, or the kernel would merge
+// them.
 void run_beside_mappings(int count, body run, benchmark::State& state) {
   constexpr std::size_t page = 4096;
   std::vector<void*> mappings;
@@ -163,7 +164,7 @@ void protect(benchmark::State& state) {
   }
 }
 
-// The stack above descend has about ten frames of its own.
+// The callers of descend have about ten frames.
 const int registered = [] {
   zorvac::bench::tell_libc();
   zorvac::bench::tell_peer("libdw", dwfl_version(nullptr));

@@ -1,9 +1,9 @@
-// The block routines beside the C library's, in one process: fixed sizes and sizes that nobody can
-// predict, aligned and not. Rows are <operation>/<sizes>/<contender>; names of ours begin with
-// "zorvac". All calls go through a pointer, so each contender pays for the same indirect call.
+// The block routines beside the C library's, in one process: fixed and unpredictable sizes, aligned
+// and not. Rows are <operation>/<sizes>/<contender>; our names begin with "zorvac". All calls go
+// through a pointer, so each contender pays for the same indirect call.
 //
-// Members stand beside the C library held to their level, and those of the best level beside its
-// best, too: a run of the program for each (support/libc_peer.h).
+// Members are compared with the C library held to their level, and those of the best level also
+// with its best. The program runs once for each level (support/libc_peer.h).
 #include <benchmark/benchmark.h>
 #include <zorvac/cpu.h>
 #include <zorvac/mem.h>
@@ -14,7 +14,7 @@
 namespace zorvac::bench {
 namespace {
 
-// What a contender needs of the processor.
+// The features that contenders need.
 const bool has_ssse3 = __builtin_cpu_supports("ssse3") != 0,
            has_avx2 = __builtin_cpu_supports("avx2") != 0,
            has_avx512f = __builtin_cpu_supports("avx512f") != 0;

@@ -1,1 +1,1 @@
-/* A library of jemalloc that shows mallocx and dallocx alone: CMakeLists.txt tells how. */
+/* A library of jemalloc that exports only mallocx and dallocx: see CMakeLists.txt. */

@@ -3,20 +3,20 @@
 //
 //   pair     allocates, writes the first word and frees, again and again
 //   crowd    keeps 10,000 blocks; frees the oldest for each new one
-//   handover frees what another thread allocated; with one thread, what it allocated a while ago
-//   foreign  pair with a block of the C library's, which a program frees as if it were of a pool
+//   handover frees what another thread allocated; with one thread, what it allocated earlier
+//   foreign  pair with a block of the C library, which a program frees like a pool's block
 //
-// How many pools there are is set for a process by ZORVAC_BENCH_POOLS, and is part of the rows'
-// names: nothing (one pool), 5 or 50 (as many sizes with a pool each, of which ours is the oldest),
-// or "spent": all 50 pools are of our size and full, so that the C library serves the requests.
+// ZORVAC_BENCH_POOLS sets the pools of a process, and is part of the rows' names: nothing (one
+// pool), 5 or 50 (as many sizes with a pool each, of which ours is the oldest), or "spent": all 50
+// pools are of our size and full, so that the C library serves the requests.
 //
-// ZORVAC_BENCH_THREADS=several gives the rows of two and four threads instead of those of one: once
-// there has been a second thread, the pools' counters and the C library's own allocator take locked
-// instructions, so rows of one thread have a process of their own.
+// ZORVAC_BENCH_THREADS=several gives the rows of two and four threads instead of those of one.
+// After a second thread has existed, the pools' counters and the C library's own allocator use
+// locked instructions, so rows of one thread have a process of their own.
 //
 // Every contender is called through pointers, so each pays for the same indirect calls. mimalloc
-// and jemalloc stand beside the C library's malloc, not in its place: both are reached by their own
-// names alone, and the program refuses to measure where malloc is not the C library's.
+// and jemalloc do not replace the C library's malloc: only their own names reach them, and the
+// program refuses to measure if malloc is not the C library's.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 #include <jemalloc/jemalloc.h>
@@ -66,7 +66,7 @@ void crowd(benchmark::State& state, const allocator& a) {
   for (void* block : blocks) a.release(block);
 }
 
-// Each thread leaves its block in a slot and frees the one that was there, most likely another's.
+// Each thread puts its block in a slot and frees the one that was there, usually another thread's.
 std::array<std::atomic<void*>, 256> slots;
 
 void handover(benchmark::State& state, const allocator& a) {
@@ -80,7 +80,7 @@ void handover(benchmark::State& state, const allocator& a) {
     if (void* const block = left.exchange(nullptr)) a.release(block);
 }
 
-// Makes the pools that there are to be, and returns what rows are called for it.
+// Makes the pools, and returns their part of the rows' names.
 std::string make_pools(const std::string& which) {
   std::vector<std::uint32_t> sizes = {block_bytes};
   const std::size_t count = which.empty() || which == "spent" ? 1 : std::stoul(which);
@@ -134,10 +134,10 @@ std::vector<allocator> contenders() {
       std::exit(1);
     }
   }
-  const std::string digits = std::to_string(mi_version());  // 2.0.9 is 209
+  const std::string digits = std::to_string(mi_version());  // 209 means 2.0.9
   tell_libc();
   tell_peer("mimalloc", digits.substr(0, 1) + '.' + digits[1] + '.' + digits.substr(2));
-  const std::string release = JEMALLOC_VERSION;  // with a commit behind it
+  const std::string release = JEMALLOC_VERSION;  // ends with a commit
   tell_peer("jemalloc", release.substr(0, release.find('-')));
   return {{"zorvac",
            [](std::size_t bytes) { return __i_pool_malloc(static_cast<std::uint32_t>(bytes)); },

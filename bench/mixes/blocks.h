@@ -1,11 +1,11 @@
 #ifndef ZORVAC_BENCH_MIXES_BLOCKS_H
 #define ZORVAC_BENCH_MIXES_BLOCKS_H
-// Block operations as programs make them: lists of sizes and places that no branch predictor can
-// learn, and the ground that they work on.
+// Block operations as in programs: lists of sizes and places that no branch predictor can learn,
+// and the memory that they work on.
 //
-// Source and destination of every operation are half a page apart, give or take their alignment: a
-// load that has the page offset of a store still in flight waits for it, which costs some copy
-// loops an order of magnitude and would drown what is to be measured.
+// The page offsets of source and destination differ by half a page, apart from alignment. A load
+// waits for a store still in flight that has the same page offset. This makes some copy loops ten
+// times slower, and would hide what is to be measured.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -37,8 +37,8 @@ inline block_mix fixed_blocks(std::string name, std::uint32_t bytes, bool aligne
           calls * bytes};
 }
 
-// Sizes of a distribution, drawn by the function; the blocks stay in the first-level cache. The
-// list is as long as it is because a branch predictor of today learns one of 32768 calls by heart.
+// Sizes drawn from a distribution by `draw`. The blocks stay in the first-level cache. The list is
+// so long because today's branch predictors learn a list of 32768 calls.
 template <class Draw>
 block_mix drawn_blocks(std::string name, std::uint32_t most, bool aligned, Draw draw) {
   constexpr std::uint32_t area = 8192;
@@ -64,11 +64,10 @@ inline block_mix mixed_blocks(std::string name, std::uint32_t least, std::uint32
                       [=](auto below) { return least + below(most - least + 1); });
 }
 
-// Sizes as services have them: most are tiny, some are zero, few are large. After the
+// Sizes as in services: most are tiny, some are zero, few are large. Rounded steps of the
 // distributions that Chatelet, Kennelly, Xi, Sykora, Courbet, Li and De Backer published for a
 // fleet of servers ("automemcpy: A Framework for Automatic Generation of Fundamental Memory
-// Operations", ISMM 2021), as a staircase of rounded steps: 1.5 % zero, 75 % up to 32 bytes, 2 %
-// above 512, evenly within a step.
+// Operations", ISMM 2021): 1.5 % zero, 75 % up to 32 bytes, 2 % above 512, evenly within a step.
 inline block_mix service_blocks(bool aligned) {
   constexpr struct {
     std::uint32_t below_permille, least, most;

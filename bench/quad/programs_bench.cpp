@@ -1,7 +1,7 @@
 // Whole programs in quads: a dot product, the LU factors of a matrix, planets, a Mandelbrot set.
-// Each is written once, over a type of number: over calls of the C routines, as a compiler emits
-// them; the C++ class; and __float128 as a compiler calls for it, by libzorvac_float128 and by
-// libgcc. All must come to the same bits. Times are of a whole program.
+// Each is written once, over a type of number: calls of the C routines, as a compiler emits them;
+// the C++ class; and __float128 by libzorvac_float128 and by libgcc. All must give the same bits.
+// Times are of a whole program.
 #include <benchmark/benchmark.h>
 
 #include <array>
@@ -18,7 +18,7 @@
 
 using binary128 = __float128;
 
-// A type of number over the routines with this prefix before their names.
+// A type of number over the routines whose names have this prefix.
 #define NUMBER(type, prefix)                                                                       \
   extern "C" {                                                                                     \
   binary128 prefix##__addtf3(binary128, binary128);                                                \
@@ -135,7 +135,7 @@ Number planets() {
     for (std::size_t i = 0; i < bodies; ++i) {
       for (std::size_t j = i + 1; j < bodies; ++j) {
         std::array<Number, 3> away;
-        Number square = 1.0 / 16;  // softened, so that none come too near
+        Number square = 1.0 / 16;  // keeps the distance above 0
         for (std::size_t axis = 0; axis < 3; ++axis) {
           away[axis] = all[i].place[axis] - all[j].place[axis];
           square = square + away[axis] * away[axis];

@@ -1,11 +1,11 @@
 // Quad arithmetic, comparisons and conversions beside the run-time routines of the two compilers.
 // Ours are called in the shared library, as programs call them; the others are linked in.
 //
-// Times are per call, of operands with random signs, significands and exponents that differ by at
-// most 20. Throughput: 1024 pairs again and again, which a branch predictor learns, as it does in a
-// loop over the same data. Fresh: so many pairs that it cannot. Latency: every call waits for the
-// one before; for arithmetic the result is the next operand, otherwise the place of the next
-// operands depends on it.
+// Times are per call. Operands have random signs, random significands and exponents that differ by
+// at most 20. Throughput: 1024 pairs again and again, which a branch predictor learns, as in a loop
+// over the same data. Fresh: too many pairs for it to learn. Latency: each call waits for the one
+// before; in arithmetic the result is the next operand, otherwise the address of the next operands
+// depends on it.
 #include <benchmark/benchmark.h>
 
 #include <array>
@@ -38,7 +38,7 @@ COMPILER_ROUTINES()
 #ifdef ZORVAC_BENCH_CLANG_RT
 COMPILER_ROUTINES(clang_rt)
 #endif
-// Of libgcc alone.
+// Only libgcc has these.
 float __trunctfsf2(quad);
 long double __trunctfxf2(quad);
 quad __extendsftf2(float);
@@ -146,7 +146,8 @@ BENCHMARK(throughput<quad, quad, empty_call>)->Name("empty/throughput/call");
   CONTENDER(zorvac, operation, Result, Operand, ours)           \
   CONTENDER(libgcc, operation, Result, Operand, theirs)
 
-// Beside both compilers' routines, whose names have a prefix. `theirs` begins with one.
+// Beside both compilers' routines. `theirs` begins with the routine's name, which gets clang_rt as
+// its prefix for clang's.
 #ifdef ZORVAC_BENCH_CLANG_RT
 #define CLANG(...) __VA_ARGS__
 #else

@@ -1,5 +1,5 @@
-// Decimal text of the C++ type beside libquadmath's: a number a call, of the lengths that programs
-// write and read, near 1 and at the ends of the range.
+// Decimal text of the C++ type beside libquadmath's: one number in each call, with the lengths that
+// programs write and read, near 1 and at the ends of the range.
 #include <benchmark/benchmark.h>
 
 #include <array>
@@ -8,7 +8,7 @@
 
 #include "zorvac/quad.hpp"
 
-// As <quadmath.h> has them, which not every compiler finds.
+// Declared as in <quadmath.h>, which not every compiler finds.
 extern "C" int quadmath_snprintf(char* to, std::size_t size, const char* format, ...);
 extern "C" __float128 strtoflt128(const char* from, char** end);
 
@@ -20,7 +20,7 @@ using std::chars_format;
 
 using text = std::array<char, 20'000>;
 
-// How a number is written, by us and by the peer, which always writes all of 36 digits.
+// Ways to write a number, ours and the peer's. The peer has no shortest form: it writes 36 digits.
 void write_all(text& to, quad x) { zorvac::to_chars(to.data(), to.data() + to.size(), x, 36); }
 void write_shortest(text& to, quad x) { zorvac::to_chars(to.data(), to.data() + to.size(), x); }
 void write_fixed(text& to, quad x) {

@@ -1,3 +1,3 @@
-/* A library with nothing in it: what loading costs at least. */
+/* An almost empty library: the least cost of loading. */
 int zorvac_bench_empty(void);
 int zorvac_bench_empty(void) { return 0; }

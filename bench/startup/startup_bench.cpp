@@ -1,6 +1,6 @@
-// What a dispatch costs beside a direct call of what it ends at, and what loading the library
-// costs beside loading an empty one: its constructor, most of whose time CPUID takes (on a virtual
-// machine each execution is a visit to the hypervisor), looking up its symbols, relocating it.
+// The cost of a dispatch beside a direct call of the selected variant, and the cost of loading the
+// library beside an empty one: the constructor, the look-up of its symbols, and relocation. CPUID
+// takes most of the constructor's time: on a virtual machine each one is a call of the hypervisor.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 
@@ -31,7 +31,7 @@ BENCHMARK(call<__zorva_new_proc_init_E, 0x9d97ff>)->Name("dispatch/first-row/zor
 BENCHMARK(call<sse2_variant, 0x7f>)->Name("dispatch/second-row/direct");
 BENCHMARK(call<__zorva_new_proc_init_B, 0x7f>)->Name("dispatch/second-row/zorvac");
 
-// What the two jumps in front of a worker cost calls as programs have them.
+// The cost of the two jumps before a worker, for calls as in programs.
 const block_ground ground;
 std::uint64_t detected = 0;
 template <auto* Routine>
@@ -82,8 +82,8 @@ void load(benchmark::State& state, const char* file) {
 BENCHMARK_CAPTURE(load, empty, EMPTY_LIBRARY)->Name("load/constructor/empty-library");
 BENCHMARK_CAPTURE(load, zorvac, LIBRARY)->Name("load/constructor/zorvac");
 
-// What the library measured, and the build that accepts its own vendor alone, take this processor
-// for: the page's list says so.
+// The feature indicator on this processor, of the measured library and of the build that accepts
+// only its own vendor, for the page's list.
 void tell_indicator(const std::string& library, const std::uint64_t& indicator) {
   char text[32];
   std::snprintf(text, sizeof text, "%#llx", static_cast<unsigned long long>(indicator));

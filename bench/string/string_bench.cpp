@@ -1,10 +1,10 @@
 // The string routines beside the C library's, in one process. Rows are
-// <routine>/<lengths>/<contender>; names of ours begin with "zorvac". A scan of ours is what a
-// compiler emits: the first block inline, then the tail.
+// <routine>/<lengths>/<contender>; our names begin with "zorvac". A scan of ours is as a compiler
+// emits it: the first block inline, then the tail.
 //
-// Members of a level stand beside the C library held to it: a run of the program for each level
-// (support/libc_peer.h). The file is compiled without built-in functions, or the compiler would do
-// some of the C library's work.
+// The members of a level are compared with the C library held to it: the program runs once for each
+// level (support/libc_peer.h). The file is compiled without built-in functions, because the
+// compiler would replace some calls of the C library.
 #include <benchmark/benchmark.h>
 #include <zorvac/string.h>
 
@@ -19,7 +19,7 @@
 namespace zorvac::bench {
 namespace {
 
-// Strings one behind the other, and where each begins.
+// Strings one after the other, and where each begins.
 struct texts {
   struct place {
     std::size_t begin, length;
@@ -34,7 +34,7 @@ struct texts {
   }
 };
 
-// Strings of a length, at one place in their block or at any.
+// Strings of one length, at random offsets from block boundaries.
 texts strings_of(std::size_t length) {
   texts list{std::to_string(length), std::string(), {}};
   std::mt19937 random(1);
@@ -42,14 +42,14 @@ texts strings_of(std::size_t length) {
   for (std::size_t i = 0; i < count; ++i) list.add(std::string(length, 'a'), random() % 64);
   return list;
 }
-// Lengths that nobody can predict; the list is too long for a branch predictor to learn.
+// Strings of unpredictable lengths: the list is too long for a branch predictor to learn.
 texts strings_up_to(std::size_t most) {
   texts list{"mixed-0-" + std::to_string(most), std::string(), {}};
   std::mt19937 random(2);
   for (int i = 0; i < 65536; ++i) list.add(std::string(random() % (most + 1), 'a'), random() % 16);
   return list;
 }
-// Numbers of so many digits, as they stand in a column.
+// Numbers of so many digits, each followed by a comma.
 texts numbers_of(std::size_t least, std::size_t most) {
   texts list{std::to_string(least), std::string(), {}};
   if (most != least) list.name += '-' + std::to_string(most);
@@ -62,8 +62,8 @@ texts numbers_of(std::size_t least, std::size_t most) {
   return list;
 }
 
-// What a routine is called with. The twin is an equal string at another place; the destination
-// holds a string of eight characters before each call.
+// The arguments of a routine. The twin is an equal string at another place. The destination holds a
+// string of eight characters before each call.
 struct arguments {
   const char* text;
   std::size_t length;
@@ -93,15 +93,15 @@ void add_row(const std::string& routine, const texts& list, const std::string& c
 
 const char* strend(const char* s) { return static_cast<const char*>(rawmemchr(s, 0)); }
 
-// A copy is given back.
+// Frees a copy.
 std::size_t freed(char* copy) {
   const std::size_t first = static_cast<unsigned char>(*copy);
   std::free(copy);
   return first;
 }
 
-// A routine of ours beside the C library's. Both take the same arguments, in terms of `a`; `result`
-// is what is done with the result.
+// A routine of ours beside the C library's. Both take the same arguments, in terms of `a`. `result`
+// is applied to the result.
 #define MEMBER_WITH(result, peer, level, routine, lists, ...)                                \
   for (const texts& list : lists) {                                                          \
     add_row(#routine, list, "zorvac_" #level,                                                \
@@ -152,7 +152,7 @@ void add_all() {
   if (level == sse4 && __builtin_cpu_supports("sse4.2")) {
     COPIES(sse4)
     MEMBERS(sse4)
-    // Of these the C library has one variant.
+    // The C library has one variant of these.
     MEMBER_WITH(, "libc", sse4, atoi, numbers, a.text)
     MEMBER_WITH(, "libc", sse4, atol, numbers, a.text)
     MEMBER_WITH(, "libc", sse4, atoll, numbers, a.text)

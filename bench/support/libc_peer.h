@@ -1,12 +1,12 @@
 #ifndef ZORVAC_BENCH_SUPPORT_LIBC_PEER_H
 #define ZORVAC_BENCH_SUPPORT_LIBC_PEER_H
-// The C library as a peer. By itself it takes its best variant for the processor. Like is compared
-// with like, so a program is run once more for each lower level, with the C library held to its
-// variants of that level (GLIBC_TUNABLES; bench/families.py has the values). Each run registers the
-// members that stand beside what the C library is held to, and names the peer after it.
+// The C library as a peer. Normally it uses its best variant for the processor. To compare equal
+// levels, a program runs once more for each lower level, with the C library held to its variants of
+// that level (GLIBC_TUNABLES; bench/families.py has the values). Each run registers the members
+// that are compared with that level, and names the peer after it.
 //
-// The context of the results tells where in the C library its routines lie, so that a disassembler
-// can show that the restriction took effect.
+// The context of the results has the places of the routines in the C library, so that a
+// disassembler can show that the restriction took effect.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 #include <gnu/libc-version.h>
@@ -18,7 +18,7 @@
 
 namespace zorvac::bench {
 
-// What the C library may be held to; a member names all that it stands beside.
+// The levels that the C library may be held to. A member has all levels that it is compared with.
 enum libc_level : unsigned { best = 1, avx2 = 2, sse4 = 4, ssse3 = 8, sse2 = 16, any = 31 };
 
 struct libc_peer {
@@ -26,7 +26,7 @@ struct libc_peer {
   libc_level level;
 };
 
-// The levels from the lowest on: the first whose lack of a feature shows is the one.
+// Tests the levels from the lowest up: the first one that lacks its feature is it.
 inline libc_peer libc() {
   const char* const set = std::getenv("GLIBC_TUNABLES");
   const std::string_view tunables = set != nullptr ? set : "";
@@ -51,7 +51,7 @@ inline void tell_libgcc() {
 #endif
 }
 
-// To be told which one of overloaded functions is meant by its type.
+// The template argument chooses among overloaded functions.
 template <class Function>
 void tell_variant(const char* name, Function* function) {
   Dl_info where{};

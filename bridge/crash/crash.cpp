@@ -1,8 +1,8 @@
-// Stands in the way of fatal signals: reports one, then lets it take its course.
+// Handles fatal signals: reports one, and then lets it end the process.
 //
-// To the program, the default action of these signals is still the default one. A program that asks
-// for the action is told so, one that sets it to the default gets the report back, and one that has
-// a handler of its own has that alone.
+// For the program, the default action of these signals seems unchanged. A program that asks for the
+// action gets the default one. If it sets the default action, the report stays on. If it sets a
+// handler of its own, only that handler runs.
 #include <dlfcn.h>
 #include <poll.h>
 #include <pthread.h>
@@ -22,7 +22,7 @@
 #include "report.h"
 
 extern "C" {
-// The C library's sigaction(), by a name that nothing stands in front of.
+// The C library's sigaction(), under a name that nobody replaces.
 int __sigaction(int number, const struct sigaction* action, struct sigaction* previous) noexcept;
 }
 
@@ -33,8 +33,8 @@ bool enabled;  // set once, before the program begins
 
 // ---- The handler ----
 
-// Who reports, or has reported: the ids of process and thread. One of another process is nobody: a
-// fork may have been made amid a report.
+// The reporting thread, also after its report: the ids of process and thread. An id of another
+// process does not count: the process may have forked during a report.
 std::atomic<std::uint64_t> reporter;
 constexpr std::uint64_t is_done = 1u << 31;  // thread ids are smaller
 std::uint64_t process_of(std::uint64_t thread) { return thread >> 32; }
@@ -59,10 +59,10 @@ bool is_fatal(int number) {
   return false;
 }
 
-// The signal is sent once more, as it was, to be taken by the default action as soon as the handler
-// has returned to where it came: registers, cause and status are those of a process without this
-// library. No other signal may come first. A process that signals do not end (the first one of a
-// container) executes the faulting instruction again, and that ends it.
+// Sends the same signal again. Its default action runs as soon as the handler has returned to the
+// place of the fault, so registers, cause and status are those of a process without this library.
+// No other signal may come first. The first process of a container does not end by a signal that is
+// sent: it executes the faulting instruction again, which ends it.
 void let_take_its_course(int number, const siginfo_t& info, ucontext_t& context) {
   sigset_t all;
   sigfillset(&all);
@@ -72,7 +72,7 @@ void let_take_its_course(int number, const siginfo_t& info, ucontext_t& context)
   __sigaction(number, &standard, nullptr);
   const pid_t thread = static_cast<pid_t>(syscall(SYS_gettid));
   if (syscall(SYS_rt_tgsigqueueinfo, getpid(), thread, number, &info) != 0) raise(number);
-  constexpr std::size_t kernel_bytes = 8;  // of a signal set; behind it are other things
+  constexpr std::size_t kernel_bytes = 8;  // of the kernel's signal set; other data follow it
   sigdelset(&all, number);
   std::memcpy(&context.uc_sigmask, &all, kernel_bytes);
 }
@@ -80,7 +80,7 @@ void let_take_its_course(int number, const siginfo_t& info, ucontext_t& context)
 void on_signal(int number, siginfo_t* info, void* opaque_context) {
   const std::uint64_t self = this_thread();
   std::uint64_t owner = reporter.load();
-  // Reading and writing files are places where a thread may be cancelled.
+  // A thread may be cancelled when it reads or writes a file.
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   if (owner == self) leave_step();
   ucontext_t& context = *static_cast<ucontext_t*>(opaque_context);
@@ -91,20 +91,20 @@ void on_signal(int number, siginfo_t* info, void* opaque_context) {
     report(number, *info, context);
     reporter.store(self | is_done);
   } else if (owner != (self | is_done)) {
-    // The report of another thread, and the end of the process that comes with it.
+    // Waits for the report of another thread, and for the end of the process after it.
     while ((reporter.load() & is_done) == 0) poll(nullptr, 0, 10);
     poll(nullptr, 0, 1000);
   }
   let_take_its_course(number, *info, context);
 }
 
-// What the program is told of an action of ours: the default one, as it was set.
+// The default action as it was set. The program gets it in place of our action.
 struct sigaction& default_action(int number) {
   static struct sigaction actions[_NSIG];
   return actions[number];
 }
 
-// Where nobody else handles the signal, or ignores it.
+// Installs our action unless the signal has another handler or is ignored.
 void report_if_default(int number) {
   struct sigaction now;
   if (__sigaction(number, nullptr, &now) != 0 || now.sa_handler != SIG_DFL) return;
@@ -113,7 +113,7 @@ void report_if_default(int number) {
   __sigaction(number, &action, nullptr);
 }
 
-// Of signal() and its like: what the program is to know of the previous handler.
+// For signal() and the like: returns the previous handler as the program may know it.
 sighandler_t after_change(int number, sighandler_t previous) {
   const bool was_ours =
       reinterpret_cast<std::uintptr_t>(previous) == reinterpret_cast<std::uintptr_t>(on_signal);
@@ -123,24 +123,24 @@ sighandler_t after_change(int number, sighandler_t previous) {
 
 // ---- The signal stack of each thread ----
 
-// A handler cannot run on a stack that is used up. Programs with SA_ONSTACK in their actions get
-// this stack, too, so there is room for more than the report.
+// A handler cannot run on a full stack. Handlers of the program with SA_ONSTACK use this stack too,
+// so it is larger than the report needs.
 //
 //   | guard | stack, which grows down | thread_start |
 struct thread_start {
-  void (*routine)();  // as its creator knows it
+  void (*routine)();  // the thread's routine, of either type
   void* argument;
 };
 constexpr std::size_t guard_bytes = 4096, mapped_bytes = guard_bytes + (1 << 16);
 
-pthread_key_t key_of_stack;  // its destructor runs however a thread ends
+pthread_key_t key_of_stack;  // its destructor runs at every end of a thread
 
 char* begin_of_mapping(thread_start* start) {
   return reinterpret_cast<char*>(start + 1) - mapped_bytes;
 }
 
-// A few stacks of threads that have ended wait here for the next ones, as the C library has it with
-// the stacks that threads run on.
+// A few stacks of ended threads are kept for new threads, as the C library keeps the stacks that
+// threads run on.
 std::atomic<thread_start*> unused_stacks[16];
 
 thread_start* map_signal_stack() {
@@ -182,7 +182,7 @@ void end_thread(void* opaque_start) {
   unmap_signal_stack(start);
 }
 
-// POSIX threads return a pointer, those of C a number.
+// POSIX threads return a pointer, C threads a number.
 template <class Result>
 Result run_thread(void* opaque_start) {
   auto* const start = static_cast<thread_start*>(opaque_start);
@@ -191,8 +191,8 @@ Result run_thread(void* opaque_start) {
   return reinterpret_cast<Result (*)(void*)>(start->routine)(start->argument);
 }
 
-// `create` is the C library's way to create a thread that runs a routine with an argument, and
-// returns 0 for success.
+// `create` calls the C library to create a thread that runs a routine with an argument. It returns
+// 0 for success.
 template <class Result, class Create>
 int create_thread(Result (*routine)(void*), void* argument, Create create) {
   thread_start* const start = enabled ? map_signal_stack() : nullptr;
@@ -203,9 +203,9 @@ int create_thread(Result (*routine)(void*), void* argument, Create create) {
   return status;
 }
 
-// A routine of the C library that one of ours stands in front of. All are looked up when this
-// library is loaded, or by a constructor that creates a thread before that: later, a thread may
-// wait for the lock of the loader.
+// A routine of the C library that one of ours replaces. All are looked up when this library is
+// loaded, or earlier if a constructor creates a thread: later, the look-up may wait for the
+// loader's lock.
 template <class Routine>
 struct next_routine {
   const char* name;
@@ -250,7 +250,7 @@ void tell_unknown(const char* value) {
 }  // namespace
 }  // namespace zorvac::crash
 
-// ---- What programs call ----
+// ---- The routines that programs call ----
 
 using namespace zorvac::crash;
 

@@ -1,11 +1,12 @@
-// The report is a row of steps: what happened, the walk, and each of the frames. In a process that
-// is about to die any of them may fault, or wait for a lock that is never given back, such as the
-// loader's. Such a step is left where it is, and the next one begins.
+// The report is a series of steps: what happened, the walk, the names, each frame. In a process
+// that is about to die, any step may fault or wait for ever, for example for the loader's lock.
+// Such a step is abandoned, and the next one begins.
 //
-// Names and lines are looked up by the traceback's readers: they use static memory, and may be left
-// at any point. Its walk is not used: it takes over all signals of the process, while other threads
-// go on here; and it allocates for deep stacks, of which only the two ends are kept here. The
-// unwinder is linked into this library, so that C programs have one.
+// The traceback's readers look up names and lines: they use static memory and may be abandoned at
+// any point. The traceback's walk is not used. It changes the actions of all signals of the
+// process, but other threads run on during a report. It allocates memory for deep stacks; the
+// report keeps only the two ends of the stack. The unwinder is linked into this library, so that C
+// programs have one.
 #include "report.h"
 
 #include <dlfcn.h>
@@ -25,7 +26,7 @@
 #include "diag/images.h"
 #include "diag/texts.h"
 
-// Where this library begins and ends; the linker's names.
+// The first and the last address of this library, defined by the linker.
 extern "C" {
 [[gnu::visibility("hidden")]] extern const char __ehdr_start[], _end[];
 }
@@ -37,7 +38,7 @@ using diag::decimal;
 
 // ---- Lines ----
 
-class line : public text_buffer<8192> {  // longer than the names of a frame together
+class line : public text_buffer<8192> {  // longer than all names of a frame together
  public:
   line& put(const char* text) {
     append(text);
@@ -58,7 +59,7 @@ class line : public text_buffer<8192> {  // longer than the names of a frame tog
   }
   void write() { write_text(put("\n").c_str()); }
 };
-line current;  // of the step that is under way
+line current;  // the line of the current step
 
 line& new_line() {
   current.assign("");
@@ -99,7 +100,7 @@ std::uint64_t value_of(const ucontext_t& context, int name) {
   return static_cast<std::uint64_t>(context.uc_mcontext.gregs[name]);
 }
 
-// The kernel reads the signal set before it refuses what to do with it.
+// The kernel reads the signal set before it rejects the operation.
 bool is_readable(std::uint64_t address) {
   constexpr int nothing_to_do = -1;
   constexpr std::size_t bytes = 8;
@@ -107,8 +108,8 @@ bool is_readable(std::uint64_t address) {
          errno != EFAULT;
 }
 
-// Code uses no more below its stack pointer than a return address, and 128 bytes where it calls
-// nothing (System V ABI for AMD64, 3.2.2).
+// Code accesses at most 128 bytes below its stack pointer: a return address that it pushes or, in a
+// routine without calls, the red zone (System V ABI for AMD64, 3.2.2).
 bool is_stack_overflow(const siginfo_t& info, const ucontext_t& context) {
   constexpr std::uint64_t most_below = 128;
   const std::uint64_t stack = value_of(context, REG_RSP);
@@ -164,7 +165,7 @@ void* pointer_to(std::uint64_t address) {
   return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
 }
 
-// The loaded object that holds an address, or null. This takes no lock.
+// The loaded object that contains an address, or null. This takes no lock.
 const link_map* object_of(std::uint64_t address) {
   dl_find_object found;
   return _dl_find_object(pointer_to(address), &found) == 0 ? found.dlfo_link_map : nullptr;
@@ -172,11 +173,11 @@ const link_map* object_of(std::uint64_t address) {
 
 struct frame {
   std::uint64_t pc;
-  bool is_interrupted;     // there, by a signal; and not in a call that returns there
-  bool is_end_of_handler;  // where a signal's handler returns to
+  bool is_interrupted;     // a signal arrived at `pc`; otherwise a call returns there
+  bool is_end_of_handler;  // a signal's handler returns there
 };
 
-// Both ends of the stack: what failed, and how it came there. An endless recursion is in between.
+// Both ends of the stack: the failure, and the start. An endless recursion is between them.
 constexpr std::size_t innermost = 64, outermost = 32;
 struct {
   std::size_t count;
@@ -190,8 +191,8 @@ bool is_own(std::uint64_t pc) {
          pc < reinterpret_cast<std::uintptr_t>(_end);
 }
 
-// Frame 0 is recorded before the walk, which comes to it behind the frames of the report and of the
-// signal's delivery.
+// Frame 0 is recorded before the walk. The walk reaches it after the frames of the report and of
+// the signal's delivery.
 _Unwind_Reason_Code record_frame(_Unwind_Context* context, void* data) {
   bool& is_past_first = *static_cast<bool*>(data);
   int is_interrupted = 0;
@@ -207,9 +208,9 @@ _Unwind_Reason_Code record_frame(_Unwind_Context* context, void* data) {
   return _URC_NO_REASON;
 }
 
-// A call of what is no code has pushed its return address and done nothing else. It is taken back:
-// one byte before the return address is the call. The unwinder knows nothing of an address that is
-// in no object, and could not find the caller.
+// A call of an address without code has only pushed its return address. This is undone: the byte
+// before the return address is part of the call. The unwinder has no data for an address that is in
+// no object, and could not find the caller.
 void take_back_call(ucontext_t& context) {
   const std::uint64_t stack = value_of(context, REG_RSP);
   if (!is_readable(stack)) return;
@@ -230,17 +231,17 @@ void walk(int number, const siginfo_t& info, ucontext_t& context) {
 
 // ---- The frames ----
 
-// What is looked up: a return address may be in the next line already.
+// The address to look up. A return address may belong to the next line.
 std::uint64_t place_of(const frame& it) { return it.is_interrupted ? it.pc : it.pc - 1; }
 
-// All addresses are told in advance, so that the process map is read once.
+// Passes all addresses in advance, so that the process map is read once.
 void prepare_names() {
   diag::hold_images();
   for (std::size_t i = 0; i < frames.count; ++i)
     if (frames.has(i)) diag::foresee(place_of(frames.at(i)));
 }
 
-// The name of the dynamic symbol whose routine holds an address, if there is any.
+// The name of the dynamic symbol whose routine contains an address, if there is one.
 void find_exported_name(std::uint64_t place, tbk_pc_info& info) {
   Dl_info symbol;
   if (dladdr(pointer_to(place), &symbol) != 0 && symbol.dli_sname != nullptr)
@@ -284,7 +285,7 @@ void tell_of_gap() {
 sigjmp_buf next_step;
 volatile std::size_t steps_begun;
 
-// Ends each step that takes too long; those after such a step have little time.
+// Ends each step that takes too long. The steps after such a step have less time.
 int start_clock() {
   constexpr itimerspec limits{.it_interval = {0, 200'000'000}, .it_value = {5, 0}};
   sigevent event{};
@@ -298,7 +299,7 @@ int start_clock() {
   return clock;
 }
 
-// False where there is none of this number.
+// False if there is no step of this number.
 bool take_step(std::size_t step, int number, const siginfo_t& info, ucontext_t& context) {
   constexpr std::size_t first_frame = 3;
   if (step == 0) {
@@ -346,8 +347,7 @@ void report(int number, const siginfo_t& info, ucontext_t& context) {
   frames.count = 0;
   steps_begun = 0;
   const int clock = start_clock();
-  // A jump leads here, with all signals blocked. What was looked up so far may then be half of what
-  // it should be.
+  // leave_step() jumps here, with all signals blocked. The look-up may then be incomplete.
   volatile bool was_left = sigsetjmp(next_step, 0) != 0;
   sigprocmask(SIG_UNBLOCK, &of_steps, nullptr);
   for (bool more = true; more;) {

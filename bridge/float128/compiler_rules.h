@@ -1,7 +1,7 @@
 #ifndef ZORVAC_BRIDGE_FLOAT128_COMPILER_RULES_H
 #define ZORVAC_BRIDGE_FLOAT128_COMPILER_RULES_H
-// Where the compilers' routines differ from this library's own in their slow paths, and where they
-// have operands and results: in XMM registers.
+// How the compilers' routines differ from this library's own: in the rules of the slow paths, and
+// in the places of operands and results, which are XMM registers.
 #include <emmintrin.h>
 
 #include "quad/flags.h"
@@ -12,13 +12,13 @@
 namespace zorvac::softfp {
 namespace {
 
-// Of two NaNs that differ in sign at most, sums and products are the first, differences and
+// For two NaNs that differ at most in sign: sums and products are the first, differences and
 // quotients the second.
 enum class equal_nans { first, second };
 
 template <equal_nans Preferred>
 struct compiler_rules {
-  // Subnormal numbers raise DE in comparisons, too, and so do not take the common path.
+  // Subnormal numbers raise DE in comparisons too, so they do not take the common path.
   static constexpr uint64_t least_compared = high(binary128::leading_one);
   static constexpr bool widening_computes = true;
 
@@ -40,8 +40,8 @@ using second_rules = compiler_rules<equal_nans::second>;
 
 using xmm = __m128i;
 
-// The empty statements keep g++ from taking a word out of the register, or putting one into it, by
-// way of the stack, and from taking it out twice.
+// The empty statements keep g++ from moving a word out of the register, or into it, through the
+// stack, and from moving it out twice.
 struct in_xmm {
   xmm value;
   [[gnu::always_inline]] uint128 word() const {

@@ -1,5 +1,5 @@
-// Powers with an integer exponent and complex products and quotients of binary128 numbers, as
-// compilers call them. Each is a few operations of this library, in words.
+// The routines that compilers call for powers with an integer exponent and for complex products and
+// quotients of binary128 numbers. Each is a few operations of this library, on words.
 #include "compiler_rules.h"
 #include "quad/add.h"
 #include "quad/compare.h"
@@ -31,8 +31,9 @@ struct number {
 constexpr number power_of_2(int n) { return {uint128(f::bias + n) << f::fraction_bits}; }
 constexpr number one = power_of_2(0), infinity = {f::infinity};
 
-// Tests that raise DE for a subnormal number, as comparisons do. So it shows which are made: of a
-// product both parts are looked at, of a quotient the imaginary one only if the real one is a NaN.
+// Tests that raise DE for a subnormal number, as comparisons do. So a caller sees which tests are
+// made: both parts of a product, but the imaginary part of a quotient only if the real one is a
+// NaN.
 bool is_nan(number x) {
   first_rules::look_at(x.word, x.word);
   return zorvac::softfp::is_nan<f>(x.word);
@@ -50,7 +51,7 @@ number signed_as(number sign, number x) { return {x.word | (sign.word & f::sign_
 number box(number x) { return signed_as(x, is_infinite(x) ? one : number{0}); }
 number zero_for_nan(number x) { return is_nan(x) ? signed_as(x, number{0}) : x; }
 
-// Orders of magnitudes. NaNs raise IE and are in none.
+// Comparisons of magnitudes. A NaN raises IE, and the comparison is false.
 struct relation {
   using rules = first_rules;
   static constexpr bool unordered = false;
@@ -71,7 +72,7 @@ bool is_at_least(number a, number b) { return has<at_least>(a, b); }
 struct complex_number {
   number real, imaginary;
 };
-struct complex_result {  // in memory, by a hidden address
+struct complex_result {  // returned in memory, through a hidden address
   xmm real, imaginary;
 };
 [[gnu::always_inline]] inline complex_result result_of(complex_number z) {
@@ -79,7 +80,7 @@ struct complex_result {  // in memory, by a hidden address
 }
 [[gnu::always_inline]] inline number number_in(xmm x) { return {in_xmm{x}.word()}; }
 
-// A product of which both parts are NaNs may be an infinity that its parts do not show (C11, G.5.1,
+// If both parts of a product are NaNs, the product may be an infinity all the same (C11, G.5.1,
 // example 1).
 complex_number rescue_product(number a, number b, number c, number d, complex_number product,
                               bool partial_infinity) {
@@ -106,10 +107,10 @@ struct fraction {
   void scale(number by) { a = a * by, b = b * by, c = c * by, d = d * by; }
 };
 
-// By Smith's method with the care of Baudin and Smith (A robust complex division in Scilab, 2012):
-// operands are scaled where the denominator or a product could leave the range, and where the ratio
-// underflows the order of the operations changes. Written for |c| less than |d|; `swapped`, for
-// (b + ia) / (d + ic).
+// Smith's method with the precautions of Baudin and Smith (A robust complex division in Scilab,
+// 2012): operands are scaled if the denominator or a product could leave the range, and the order
+// of the operations changes if the ratio underflows. Written for |c| less than |d|. If `swapped`,
+// it computes from (b + ia) / (d + ic).
 complex_number divide(fraction& x, bool swapped) {
   constexpr number half_of_largest = {f::largest - f::leading_one}, least_normal = {f::leading_one},
                    epsilon = power_of_2(-f::fraction_bits), up = power_of_2(f::fraction_bits),
@@ -130,7 +131,7 @@ complex_number divide(fraction& x, bool swapped) {
   return {(sum + b) / denominator, (swapped ? a - difference : difference - a) / denominator};
 }
 
-// A quotient of two NaNs, by the operands as they were scaled (C11, G.5.1, example 2).
+// A quotient whose parts are both NaNs, from the scaled operands (C11, G.5.1, example 2).
 complex_number rescue_quotient(const fraction& x, complex_number quotient) {
   auto [a, b, c, d] = x;
   if (is_zero(c) && is_zero(d) && (!is_nan(a) || !is_nan(b))) {
@@ -165,7 +166,7 @@ xmm __powitf2(xmm base, int exponent) {
   return to_xmm{}((exponent < 0 ? one / power : power).word);
 }
 
-// Compilers declare these two themselves, with a type that C++ does not have.
+// Compilers declare these two with a type that C++ does not have.
 complex_result multiply_complex(xmm, xmm, xmm, xmm) __asm__("__multc3");
 complex_result divide_complex(xmm, xmm, xmm, xmm) __asm__("__divtc3");
 

@@ -1,6 +1,6 @@
 // The binary128 routines that compilers for x86-64 call for __float128 and _Float128, under the
-// names that they call: arithmetic, comparison, conversion. Bits, NaNs and flags are those of the
-// compiler's own run-time library; docs/bridge.md has the two differences.
+// same names: arithmetic, comparison, conversion. Bits, NaNs and flags are those of the compiler's
+// own run-time library; docs/bridge.md has the two differences.
 #include <limits>
 #include <type_traits>
 
@@ -23,7 +23,7 @@ using rules = first_rules;
 
 __extension__ using int128 = __int128;
 
-// ---- Comparison: the whole of RAX is the result ----
+// ---- Comparison: the result is 64 bits wide, in RAX ----
 
 template <long Unordered>
 struct order {
@@ -49,14 +49,14 @@ struct order {
   return a != b;
 }
 
-// ---- Numbers to integers: truncated, and as near as may be where they are out of range ----
+// ---- Numbers to integers: truncated; out of range, the nearest integer of the type ----
 
 template <class Integer>
 constexpr int width = 8 * static_cast<int>(sizeof(Integer));
 template <class Integer>
 constexpr bool is_signed_integer = Integer(-1) < Integer(0);
 
-// A NaN counts as what its sign says.
+// A NaN is treated as an infinity of its sign.
 template <class Integer>
 Integer saturated(bool negative) {
   raise_invalid();
@@ -125,7 +125,7 @@ using binary16 = format<uint64_t, 11, 5>;
 namespace zorvac::softfp {
 namespace {
 
-// A half is passed in the lowest bits of an XMM register, as a float is.
+// A binary16 number is passed in the lowest bits of an XMM register, like a float.
 template <>
 inline auto value_of<binary16>(binary16::word w) {
   return __builtin_bit_cast(float, static_cast<std::uint32_t>(w));
@@ -163,7 +163,7 @@ xmm __extendhftf2(float value) {
 }
 xmm __extendsftf2(float value) { return widen<binary32, rules>(to_xmm{}, word_of(value)); }
 xmm __extenddftf2(double value) { return widen<binary64, rules>(to_xmm{}, word_of(value)); }
-// The leading one, which this format stores, is not looked at.
+// The leading one, which this format stores, is ignored.
 xmm __extendxftf2(long double value) {
   x87_image image;
   std::memcpy(&image, &value, 10);

@@ -1,6 +1,6 @@
 // Quad arithmetic by value: operands and results in general registers, so that the C++ class
 // zorvac::quad stays in registers between operations. The bits, the flags and the traps are those
-// of the exported routines of the same stems.
+// of __addq(), __subq(), __mulq(), __divq() and __qtod().
 #include "quad/add.h"
 #include "quad/divide.h"
 #include "quad/multiply.h"
@@ -26,8 +26,8 @@ uint128 zorvac_quad_div(uint128 a, uint128 b) {
   return divide<own_rules>(to_words{}, in_words{a}, in_words{b});
 }
 
-// For functions that compute a significand of their own: `exponent` is the biased one of its
-// leading one, in any range, and `guard` what follows it.
+// For functions that compute a significand themselves. `exponent` is the biased exponent of its
+// leading one, in any range, and `guard` has the bits below it.
 uint128 zorvac_quad_round(int negative, int exponent, uint128 significand, uint64_t guard) {
   return round_and_pack<binary128>(negative != 0, exponent, significand, guard);
 }

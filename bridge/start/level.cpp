@@ -1,9 +1,9 @@
-// The start-up check of a program of any compiler: before the first constructor runs, it tells the
-// library's check of feature masks what the program was compiled for.
+// The start-up check of a program of any compiler: before the first constructor runs, it passes the
+// features that the program was compiled for to the library's check of feature masks.
 //
-// A program needs what the options of its link command stand for, and what all of its files were
-// compiled for. Where one file may use more than the others, the program chooses at run time
-// whether it calls that file, and so does not need it.
+// A program needs the features of its link command's options, and those that all of its files were
+// compiled for. If only some files may use a feature, the program chooses at run time whether it
+// calls them, and so it does not need the feature.
 #include <unistd.h>
 
 #include <cstdint>
@@ -12,8 +12,8 @@
 
 extern "C" {
 #pragma GCC visibility push(hidden)
-// The bounds of the sections that level.h leaves words in, defined by the linker for each section
-// whose name is a C identifier.
+// The bounds of the sections with level.h's words. The linker defines them for each section whose
+// name is a C identifier.
 extern const std::uint64_t __start_zorvac_level_of_files[], __stop_zorvac_level_of_files[];
 extern const std::uint64_t __start_zorvac_level_of_link[], __stop_zorvac_level_of_link[];
 #pragma GCC visibility pop
@@ -21,8 +21,8 @@ extern const std::uint64_t __start_zorvac_level_of_link[], __stop_zorvac_level_o
 
 namespace {
 
-// A word of our own in each, which changes no result: where no object has a section, the linker
-// defines no bounds of it. No file has all bits, since some of them stand for nothing.
+// A word of our own in each section, which changes no result: the linker defines no bounds for a
+// section that no object has. No file has all bits, because some bits have no meaning.
 constexpr std::uint64_t all_bits = ~std::uint64_t{0};
 [[gnu::section("zorvac_level_of_files"), gnu::used]] const std::uint64_t no_file = all_bits;
 [[gnu::section("zorvac_level_of_link"), gnu::used]] const std::uint64_t no_option = 0;
@@ -37,14 +37,14 @@ std::uint64_t needed() {
   return mask;
 }
 
-// In a dynamic program the C library has not been set up yet. All that is missing for a message is
-// the environment, which chooses the catalogue.
+// In a dynamic program the C library is not set up yet. For a message only the environment is
+// missing, which chooses the catalogue.
 void check(int, char**, char** environment) {
   if (environ == nullptr) environ = environment;
   __zorva_new_feature_proc_init(0, needed());
 }
 
-// A shared object has nothing that runs before its constructors: there, the check is the first.
+// In a shared object nothing runs before the constructors: there, the check is the first of them.
 #ifdef ZORVAC_LEVEL_SHARED
 #define ZORVAC_FIRST_OF_ALL ".init_array.00000"
 #else

@@ -1,9 +1,9 @@
-/* The instruction sets that the compiler may use, as a word in a section of the object it makes.
+/* The instruction sets that the compiler may use, as a word in a section of its object file.
  *
- * zorvac.specs, or -include, puts this in front of each source of a program. It includes nothing,
- * and defines one name, which is local to the object. When the program is linked, zorvac.specs has
- * it compiled once more: that word tells what the options of the link command stand for. The check
- * in level.o reads the words before the program's first constructor runs. */
+ * zorvac.specs, or -include, puts this file before each source of a program. It includes nothing
+ * and defines one name, which is local to the object. zorvac.specs compiles it again when the
+ * program is linked: that word has the features of the link command's options. The check in level.o
+ * reads the words before the program's first constructor runs. */
 #ifndef ZORVAC_LEVEL_H
 #define ZORVAC_LEVEL_H
 #pragma GCC system_header
@@ -18,10 +18,10 @@
 #endif
 
 /* clang-format off */
-/* The bits of the feature indicator (ZORVAC_FEATURE_... of zorvac/cpu.h) whose instructions are an
- * error on a processor without them. So HLE is left out: such a processor ignores its prefixes.
- * BMI1 and BMI2 share a bit, which stands for a program that uses both: some processors have BMI1
- * alone. */
+/* The bits of the feature indicator (ZORVAC_FEATURE_... of zorvac/cpu.h) whose instructions fault
+ * on a processor without them. HLE is left out, because such a processor ignores its prefixes. BMI1
+ * and BMI2 share a bit, which is set if the compiler may use both: some processors have only BMI1.
+ */
 static const __UINT64_TYPE__ zorvac_level_of_this_file
     __attribute__((__section__(ZORVAC_LEVEL_SECTION), __used__, __retain__)) = 0
 #ifdef __SSE3__

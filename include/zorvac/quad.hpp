@@ -1,6 +1,6 @@
 #ifndef ZORVAC_QUAD_HPP
 #define ZORVAC_QUAD_HPP
-/** zorvac::quad: a number type of 113 bits (33 decimal digits) for C++17 and later, over the
+/** zorvac::quad: a number type of 113 bits (33 decimal digits) for C++17 and later. It uses the
  *  routines of <zorvac/quad.h>.
  *
  *    using namespace zorvac::literals;
@@ -9,18 +9,18 @@
  *    std::cout << std::setprecision(34) << x; // 0.6236095644623235886437698247804303
  *    if (auto y = zorvac::quad::parse(text)) ...
  *
- *  Three headers, of which this one brings all:
+ *  There are three headers. This one includes the others:
  *
  *    <zorvac/quad.hpp>       the type: conversions, arithmetic, comparison, limits
  *    <zorvac/quad_math.hpp>  the functions of <cmath>
  *    <zorvac/quad_text.hpp>  decimal text: from_chars, to_chars, streams, std::format, literals
  *
- *  They work with exceptions on or off, and need linking with libzorvac alone, but for the
- *  functions that quad_math.hpp says it takes from libquadmath. A quad has the representation that
- *  the C routines take: `&x` may be passed to them. std::complex<quad> has that of a complex quad.
+ *  They work with exceptions on or off, and need no library but libzorvac, except for the functions
+ *  that quad_math.hpp takes from libquadmath. `&x` may be passed to the C routines: a quad has
+ *  their representation, and std::complex<quad> that of a complex quad.
  *
- *  Conversions to quad are implicit and exact, but for integers of 128 bits, which round. Truth and
- *  characters become numbers only when asked to: quad(true). All conversions from quad are
+ *  Conversions to quad are implicit and exact, except that integers of 128 bits are rounded, and
+ *  that bool and characters need an explicit one: quad(true). All conversions from quad are
  *  explicit.
  */
 #include <zorvac/quad.h>
@@ -49,19 +49,19 @@ __extension__ typedef __float128 float128_t;
 class quad;
 }  // namespace zorvac
 
-// Declared before it is looked for: the C++ library's own isnan() asks for it.
+// Declared early, because the C++ library's own isnan() looks for it.
 template <>
 class std::numeric_limits<zorvac::quad>;
 
 namespace zorvac {
 
-/** What the headers share, and nobody else needs. */
+/** Internals that the headers share. */
 namespace detail {
 
 using uint128 = zorvac_uint128_t;
 
-// Flags are raised as the library does it: by an operation in doubles that raises them, on operands
-// which the compiler does not know and with a result which it cannot leave out.
+// Flags are raised as in the library: by an operation in doubles, on operands that the compiler
+// does not know and with a result that it cannot leave out.
 inline double unknown(double x) {
   __asm__ volatile("" : "+x"(x));
   return x;
@@ -69,8 +69,8 @@ inline double unknown(double x) {
 inline void perform(double result) { __asm__ volatile("" : : "x"(result) : "memory"); }
 inline void raise_invalid() { perform(unknown(0) / unknown(0)); }
 
-// By value, with the bits and the flags of __addq() and so on. They are in a small archive that
-// comes with the shared library and is linked with it, and in the static library.
+// By value, with the bits and the flags of __addq() and so on. They are in the static library, and
+// in a small archive that comes with the shared library and is linked with it.
 extern "C" {
 uint128 zorvac_quad_add(uint128 a, uint128 b);
 uint128 zorvac_quad_sub(uint128 a, uint128 b);
@@ -108,8 +108,8 @@ class quad {
   /** +0. */
   constexpr quad() = default;
 
-  /** Exactly the number given. Bits and payload of a NaN stay, but a signalling NaN of type long
-   *  double is quieted. */
+  /** Exact. A NaN keeps its sign and payload, but a signalling NaN of type long double is
+   *  quieted. */
   template <class Integer, if_so<detail::is_number<Integer>> = 0>
   constexpr quad(Integer value) : quad(of_magnitude(value < 0, detail::magnitude(value))) {}
   constexpr quad(float value) : quad(widened(__builtin_bit_cast(std::uint32_t, value), 23, 0xff)) {}
@@ -118,11 +118,11 @@ class quad {
   quad(long double value) { __ltoq(this, value); }
   constexpr quad(float128_t value) : quad(__builtin_bit_cast(quad, value)) {}
 
-  /** 1 or 0, and a character's number. */
+  /** 1 or 0 from bool, and the code of a character. */
   template <class Truth, if_so<detail::is_integer<Truth> && !detail::is_number<Truth>> = 0>
   constexpr explicit quad(Truth value) : quad(static_cast<std::int64_t>(value)) {}
 
-  /** Rounded by MXCSR, but without raising the inexact flag. Below 2^113 a constant expression. */
+  /** Rounded by MXCSR, but without the inexact flag. Below 2^113 a constant expression. */
   constexpr quad(zorvac_uint128_t value) {
     if (value >> 113 == 0)
       *this = of_magnitude(false, value);
@@ -155,7 +155,7 @@ class quad {
     return static_cast<zorvac_uint128_t>(high_) << 64 | low_;
   }
 
-  /** The number that the whole of `text` spells, as from_chars() reads it, or nothing. */
+  /** The number that from_chars() reads from the whole of `text`, or nothing. */
   static constexpr std::optional<quad> parse(std::string_view text);
 
   /** Rounded by MXCSR. */
@@ -163,11 +163,11 @@ class quad {
   explicit operator double() const { return detail::zorvac_quad_to_double(bits()); }
   explicit operator long double() const { return __qtol(this); }
 
-  /** The same number, NaNs too. */
+  /** The same bits, NaNs included. */
   constexpr explicit operator float128_t() const { return __builtin_bit_cast(float128_t, *this); }
 
-  /** Truncated. What does not fit gives the indefinite of the C routine and raises its flag;
-   *  integers of 8 and 16 bits take the low bits of the 32-bit conversion. */
+  /** Truncated. A number out of range gives the indefinite value of the C routine and raises its
+   *  flag. Integers of 8 and 16 bits are the low bits of the 32-bit conversion. */
   template <class Integer, if_so<detail::is_integer<Integer>> = 0>
   explicit operator Integer() const {
     if constexpr (std::is_same_v<Integer, bool>) {
@@ -213,8 +213,8 @@ class quad {
     return --*this, before;
   }
 
-  /** Equality is quiet; the ordering raises the invalid flag when an operand is a NaN. Of two
-   *  numbers, all are constant expressions. */
+  /** Equality is quiet. The ordering raises the invalid flag if an operand is a NaN. If none is,
+   *  all of them are constant expressions. */
   friend constexpr bool operator==(quad a, quad b) {
     if (a.bits() == b.bits()) return !isnan(a);
     return ((a.high_ | b.high_) & ~sign_bit) == 0 && (a.low_ | b.low_) == 0;
@@ -231,7 +231,7 @@ class quad {
   }
 #endif
 
-  /** Signs and what kind of number it is, of NaNs too. No flags. */
+  /** The sign and the class of any quad, NaNs included. No flags. */
   friend constexpr bool signbit(quad a) { return a.high_ >> 63 != 0; }
   friend constexpr bool isfinite(quad a) { return (a.high_ & infinity_high) != infinity_high; }
   friend constexpr bool isinf(quad a) {
@@ -252,7 +252,7 @@ class quad {
   static constexpr std::uint64_t infinity_high = 0x7fff000000000000;
   static constexpr int bias = 16383, fraction_bits = 112;
 
-  // (-)size * 2^exponent, of at most 113 bits.
+  // size * 2^exponent with a sign. `size` has at most 113 bits.
   static constexpr quad of_magnitude(bool negative, zorvac_uint128_t size, int exponent = 0) {
     const auto sign = static_cast<zorvac_uint128_t>(negative) << 127;
     if (size == 0) return from_bits(sign);
@@ -272,7 +272,7 @@ class quad {
                       static_cast<std::uint64_t>(negative) << 63 | biased << 48 | fraction >> 16);
   }
 
-  // The bits of a number in a narrower format (IEEE 754-2019, 3.4).
+  // From the bits of a number in a narrower format (IEEE 754-2019, 3.4).
   static constexpr quad widened(std::uint64_t bits, int fraction_width, int special) {
     const bool negative = bits >> (fraction_width + (special == 255 ? 8 : 11)) != 0;
     const int exponent = static_cast<int>(bits >> fraction_width) & special;
@@ -308,7 +308,7 @@ constexpr uint128 sign_mask = static_cast<uint128>(1) << 127;
 constexpr uint128 quiet_bit = leading_one >> 1;
 constexpr int bias = 16383;
 
-constexpr int leading_zeros(uint128 x) {  // of what is not 0
+constexpr int leading_zeros(uint128 x) {  // x is not 0
   const auto high = static_cast<std::uint64_t>(x >> 64);
   return high != 0 ? __builtin_clzll(high) : 64 + __builtin_clzll(static_cast<std::uint64_t>(x));
 }
@@ -325,7 +325,7 @@ constexpr quad with_sign(bool negative, uint128 size) {
 
 }  // namespace zorvac
 
-/** What the C++ library knows of a number type. */
+/** The limits that the C++ library has for each number type. */
 template <>
 class std::numeric_limits<zorvac::quad> {
   using quad = zorvac::quad;
@@ -352,7 +352,7 @@ class std::numeric_limits<zorvac::quad> {
   static constexpr quad denorm_min() { return quad::from_words(1, 0); }
 };
 
-/** Equal numbers, +0 and -0 among them, have the same hash. */
+/** Equal numbers, such as +0 and -0, have the same hash. */
 template <>
 struct std::hash<zorvac::quad> {
   std::size_t operator()(zorvac::quad q) const noexcept {

@@ -1,20 +1,21 @@
 #ifndef ZORVAC_QUAD_MATH_HPP
 #define ZORVAC_QUAD_MATH_HPP
-/** The functions of <cmath> for zorvac::quad. Templates find them by their argument, after
- *  `using std::sqrt;` and the like.
+/** The functions of <cmath> for zorvac::quad. Templates find them by argument-dependent lookup,
+ *  after `using std::sqrt;` and the like.
  *
- *  Those from sqrt() to nextafter() are in this header, in integers, and need no library but
- *  libzorvac. Their results are exact or correctly rounded:
+ *  The functions from fpclassify() to nextafter() are in this header. They compute in integers and
+ *  need no library but libzorvac. Their results are exact or correctly rounded:
  *
- *  Rounding:  by MXCSR where a result is rounded (sqrt, fma, ldexp and its kind, fdim) or the
- *             function's business (rint, nearbyint, lrint, llrint).
- *  Flags:     as IEEE 754 has them, in MXCSR, by real double-precision operations; and the
- *             denormal-operand flag of sqrt and fma as of the processor's own.
- *  NaN:       as in <zorvac/quad.h>. fmin and fmax give the other operand of a quiet NaN.
+ *  Rounding:  by MXCSR if the result is rounded (sqrt, fma, ldexp, scalbn, scalbln, fdim), and in
+ *             rint, nearbyint, lrint and llrint.
+ *  Flags:     those of IEEE 754, raised in MXCSR by real double-precision operations. sqrt and fma
+ *             raise the denormal-operand flag as the processor's own instructions do.
+ *  NaN:       as in <zorvac/quad.h>. If one operand of fmin or fmax is a quiet NaN, the result is
+ *             the other.
  *  Source:    IEEE 754-2019, 5.3.1, 5.4.1, 5.9, 9.4 and 9.6; C17, 7.12 and F.10.
  *
- *  Those from exp() on are libquadmath's: whoever calls one links with -lquadmath, which comes with
- *  gcc. Without such a call nothing refers to it. <quadmath.h> is not needed.
+ *  The functions from exp() on are those of libquadmath. A program that calls one links with
+ *  -lquadmath, which comes with gcc. Other programs do not refer to it. <quadmath.h> is not needed.
  */
 #include <cmath>
 #include <limits>
@@ -23,7 +24,7 @@
 namespace zorvac {
 namespace detail {
 
-/* ---- A number taken apart, and put together -------------------------------------------------- */
+/* ---- Unpacking and packing ------------------------------------------------------------------- */
 
 // A finite number that is not zero: significand * 2^(exponent - bias - 112), leading one in place.
 struct unpacked {
@@ -50,14 +51,14 @@ inline void raise_inexact() { perform(unknown(1) + unknown(0x1p-1022)); }
 inline void raise_overflow_inexact() { perform(unknown(0x1p1023) * unknown(0x1p1023)); }
 inline void raise_underflow_inexact() { perform(unknown(0x1p-1022) * unknown(0x1p-1022)); }
 
-// What an invalid operation gives.
+// The result of an invalid operation.
 inline quad invalid() {
   raise_invalid();
   return -std::numeric_limits<quad>::quiet_NaN();
 }
 
-// Rounds and raises what is due, as the operators do. The exponent may be anything; the guard word
-// is what follows the significand, left-aligned, and its lowest bit stands for all further bits.
+// Rounds and raises exceptions, as the operators do. The exponent may be any number. The guard word
+// has the bits below the significand, left-aligned. Its lowest bit is sticky.
 inline quad round_and_pack(bool negative, int exponent, uint128 significand, std::uint64_t guard) {
   return quad::from_bits(zorvac_quad_round(negative ? 1 : 0, exponent, significand, guard));
 }
@@ -69,9 +70,9 @@ struct root_and_rest {
   Word root, rest;
 };
 
-// The largest integer whose square is not above `high` * 4^Digits + `low`, from that of `high`, as
-// on paper but with many digits in a step (Zimmermann, Karatsuba Square Root, 1999). The root of
-// `high` must have no fewer bits than Digits.
+// The largest integer whose square is at most h * 4^Digits + `low`, and the rest. `high` has the
+// root and the rest of h. This is the method of paper and pencil, with many digits in a step
+// (Zimmermann, Karatsuba Square Root, 1999). The root of h must have at least Digits bits.
 template <int Digits, class Word>
 constexpr root_and_rest<Word> extend_root(root_and_rest<Word> high, Word low) {
   constexpr Word mask = (Word{1} << Digits) - 1;
@@ -79,7 +80,7 @@ constexpr root_and_rest<Word> extend_root(root_and_rest<Word> high, Word low) {
   const Word digits = dividend / (2 * high.root);
   Word root = (high.root << Digits) + digits;
   Word rest = ((dividend - digits * (2 * high.root)) << Digits) + (low & mask);
-  if (rest < digits * digits) {  // one too many
+  if (rest < digits * digits) {  // the root is 1 too large
     rest += 2 * root - 1;
     --root;
   }
@@ -95,8 +96,8 @@ constexpr root_and_rest<std::uint64_t> root_of_16_bits(std::uint64_t square) {
 
 /* ---- Fused multiplication and addition ------------------------------------------------------- */
 
-// A magnitude of up to 384 bits, words[5] * 2^320 + ... + words[0]. Its exponent is that of a quad
-// with this leading one.
+// A magnitude of up to 384 bits, words[5] * 2^320 + ... + words[0]. The exponent is that of a quad
+// with the same leading one.
 struct wide {
   int exponent;
   std::uint64_t words[6];
@@ -116,7 +117,7 @@ struct wide {
     }
   }
 
-  // What falls out stays in bit 0.
+  // Bit 0 is sticky.
   constexpr void shift_right_sticky(int distance) {
     bool lost = false;
     for (; distance >= 64; distance -= 64) {
@@ -139,7 +140,7 @@ struct wide {
     return words[i] < b.words[i];
   }
 
-  // Adds b, or subtracts what is not larger.
+  // Adds b, or subtracts b, which must not be larger.
   constexpr void add(const wide& b, bool subtract) {
     bool carry = subtract;
     for (int i = 0; i < 6; ++i) {
@@ -165,7 +166,7 @@ constexpr wide exact_product(const unpacked& a, const unpacked& b) {
   return product;
 }
 
-// a * b + c of finite numbers, none of them zero.
+// a * b + c. The operands are finite and not zero.
 inline quad fused(quad a, quad b, quad c) {
   if (is_subnormal(a) || is_subnormal(b) || is_subnormal(c)) raise_denormal();
   const unpacked addend = unpack(c);
@@ -182,8 +183,8 @@ inline quad fused(quad a, quad b, quad c) {
     other = product;
     negative = addend.negative;
   }
-  // Where bits are lost, the numbers differ by so much that at least 150 bits stay between them and
-  // the place that decides the rounding.
+  // If bits are lost, the numbers differ so much that these bits are at least 150 places below the
+  // one that decides the rounding.
   const int distance = sum.exponent - other.exponent;
   other.shift_right_sticky(distance < 384 ? distance : 383);
   sum.add(other, subtract);
@@ -199,18 +200,18 @@ inline quad fused(quad a, quad b, quad c) {
   return round_and_pack(negative, exponent, head >> 14, guard);
 }
 
-/* ---- Integers among the numbers -------------------------------------------------------------- */
+/* ---- Rounding to integers -------------------------------------------------------------------- */
 
-// Which neighbour a number takes that is no integer.
+// The neighbouring integer that a number is rounded to.
 enum class neighbour { even_of_halves, below, above, nearer_to_zero, farther_of_halves };
 
-// Rounds to an integer, and raises inexact only where told to.
+// Rounds to an integer, and raises inexact only if `tells`.
 inline quad integral(quad a, neighbour to, bool tells = false) {
   const uint128 size = abs(a).bits();
   const int exponent = static_cast<int>(size >> 112) - bias;
   if (exponent >= 112) return isnan(a) ? a + a : a;
   if (size == 0) return a;
-  // Below 1, the integers are zero and one, and between them is no common unit.
+  // Below 1, the neighbours are 0 and 1, and their difference as words is 1 itself.
   constexpr uint128 one = static_cast<uint128>(bias) << 112;
   const uint128 unit = exponent < 0 ? one : static_cast<uint128>(1) << (112 - exponent);
   const uint128 whole = exponent < 0 ? 0 : size & ~(unit - 1);
@@ -249,8 +250,8 @@ inline std::int64_t rounded_from_halves(quad a) {
   return __qtoj(&whole, ZORVAC_TO_INT_TOWARD_ZERO);
 }
 
-// What is left of a / b with the quotient truncated, or to nearest, ties to even: then it is of
-// either sign.
+// The remainder of a / b with the quotient truncated, or rounded to nearest, ties to even. In the
+// second case it may have either sign.
 inline quad rest_of_division(quad a, quad b, bool to_nearest) {
   if (isnan(a) || isnan(b)) return a + b;
   if (isinf(a) || is_zero(b)) return invalid();
@@ -258,7 +259,7 @@ inline quad rest_of_division(quad a, quad b, bool to_nearest) {
   const unpacked x = unpack(a), y = unpack(b);
   if (x.exponent < y.exponent - 1) return a;
   bool negative = x.negative, odd = false;
-  // In units of 2^exponent: the rest, and twice the divisor where the dividend is below it.
+  // In units of 2^exponent: the rest, and the divisor, doubled if the dividend's exponent is less.
   const int exponent = x.exponent < y.exponent ? x.exponent : y.exponent;
   const uint128 divisor = y.significand << (y.exponent - exponent);
   uint128 rest = x.significand;
@@ -284,7 +285,7 @@ inline quad rest_of_division(quad a, quad b, bool to_nearest) {
 
 }  // namespace detail
 
-/* ---- Kinds ----------------------------------------------------------------------------------- */
+/* ---- Classes --------------------------------------------------------------------------------- */
 
 /** FP_NAN, FP_INFINITE, FP_ZERO, FP_SUBNORMAL or FP_NORMAL. */
 constexpr int fpclassify(quad a) {
@@ -297,7 +298,7 @@ constexpr bool isunordered(quad a, quad b) { return isnan(a) || isnan(b); }
 
 /* ---- Arithmetic ------------------------------------------------------------------------------ */
 
-/** Correctly rounded. sqrt(-0) is -0, of other negative numbers an invalid operation. */
+/** Correctly rounded. sqrt(-0) is -0. Other negative numbers are an invalid operation. */
 inline quad sqrt(quad a) {
   if (isnan(a)) return a + a;
   if (detail::is_zero(a)) return a;
@@ -306,7 +307,7 @@ inline quad sqrt(quad a) {
   if (detail::is_subnormal(a)) detail::raise_denormal();
   const detail::unpacked x = detail::unpack(a);
 
-  // a = square * 4^n, square of 119 or 120 bits: its root has 60, and four times as many decide.
+  // a = square * 4^n. The square has 119 or 120 bits, and its root 60.
   using detail::extend_root, detail::uint128;
   const bool odd_power = (x.exponent - detail::bias) % 2 != 0;
   const uint128 square = x.significand << (odd_power ? 7 : 6);
@@ -336,13 +337,13 @@ inline quad fma(quad a, quad b, quad c) {
   return detail::fused(a, b, c);
 }
 
-/** a - b where a > b, else +0. */
+/** a - b if a > b, else +0. */
 inline quad fdim(quad a, quad b) {
   if (isunordered(a, b)) return a + b;
   return a > b ? a - b : quad();
 }
 
-/** The smaller and the larger; -0 is below +0. A quiet NaN counts for nothing. */
+/** The smaller and the larger operand; -0 is below +0. A quiet NaN is ignored. */
 inline quad fmin(quad a, quad b) {
   if (detail::is_signalling(a) || detail::is_signalling(b)) return a + b;
   if (isunordered(a, b)) return isnan(a) ? b : a;
@@ -354,14 +355,14 @@ inline quad fmax(quad a, quad b) {
   return a > b || (a == b && signbit(b)) ? a : b;
 }
 
-/** a - n b, exactly, with n = a / b truncated, or to nearest (ties to even). */
+/** a - n b, exact, with n = a / b truncated, or rounded to nearest (ties to even). */
 inline quad fmod(quad a, quad b) { return detail::rest_of_division(a, b, false); }
 inline quad remainder(quad a, quad b) { return detail::rest_of_division(a, b, true); }
 
 /* ---- To integers ----------------------------------------------------------------------------- */
 
-/** None raises inexact, but for rint() and the functions that give an integer's type. Those refuse
- *  what does not fit as __qtoj() does. */
+/** Only rint(), lrint() and llrint() raise inexact. Those with an integer type handle a number out
+ *  of range as __qtoj() does. */
 inline quad floor(quad a) { return detail::integral(a, detail::neighbour::below); }
 inline quad ceil(quad a) { return detail::integral(a, detail::neighbour::above); }
 inline quad trunc(quad a) { return detail::integral(a, detail::neighbour::nearer_to_zero); }
@@ -374,7 +375,7 @@ inline long long llrint(quad a) { return detail::rounded_by_control(a); }
 inline long lround(quad a) { return detail::rounded_from_halves(a); }
 inline long long llround(quad a) { return detail::rounded_from_halves(a); }
 
-/** The integral part into *whole, and the rest; both have the sign of a. */
+/** Stores the integral part in *whole and returns the rest. Both have the sign of a. */
 inline quad modf(quad a, quad* whole) {
   *whole = trunc(a);
   return copysign(isinf(a) ? quad() : a - *whole, a);
@@ -385,7 +386,7 @@ inline quad modf(quad a, quad* whole) {
 /** a * 2^n, rounded once. */
 inline quad scalbln(quad a, long n) {
   if (!isfinite(a) || detail::is_zero(a)) return isnan(a) ? a + a : a;
-  constexpr long most = 40000;  // from the smallest number beyond the largest, and back
+  constexpr long most = 40000;  // more than from the smallest number to the largest
   const detail::unpacked x = detail::unpack(a);
   const int exponent = x.exponent + static_cast<int>(n < -most ? -most : n > most ? most : n);
   return detail::round_and_pack(x.negative, exponent, x.significand, 0);
@@ -393,8 +394,8 @@ inline quad scalbln(quad a, long n) {
 inline quad scalbn(quad a, int n) { return scalbln(a, n); }
 inline quad ldexp(quad a, int n) { return scalbln(a, n); }
 
-/** A number of [1/2, 1) and the power of 2 that it is to be multiplied by; with 0 where a is zero,
- *  infinite or a NaN. */
+/** Returns a number of [1/2, 1) and stores the exponent: a is the number * 2^*power. If a is zero,
+ *  infinite or a NaN, returns it and stores 0. */
 inline quad frexp(quad a, int* power) {
   *power = 0;
   if (!isfinite(a) || detail::is_zero(a)) return isnan(a) ? a + a : a;
@@ -403,7 +404,7 @@ inline quad frexp(quad a, int* power) {
   return detail::round_and_pack(x.negative, detail::bias - 1, x.significand, 0);
 }
 
-/** The n with 2^n <= |a| < 2^(n+1). */
+/** The n for which 2^n <= |a| < 2^(n+1). */
 inline quad logb(quad a) {
   if (isnan(a)) return a + a;
   if (isinf(a)) return abs(a);
@@ -412,7 +413,8 @@ inline quad logb(quad a) {
   return -std::numeric_limits<quad>::infinity();
 }
 
-/** The same; an invalid operation, with FP_ILOGB0, FP_ILOGBNAN or INT_MAX, where there is none. */
+/** The same. For zero, a NaN and infinity it is an invalid operation and gives FP_ILOGB0,
+ *  FP_ILOGBNAN and INT_MAX. */
 inline int ilogb(quad a) {
   if (isfinite(a) && !detail::is_zero(a)) return detail::unpack(a).exponent - detail::bias;
   detail::raise_invalid();
@@ -420,7 +422,8 @@ inline int ilogb(quad a) {
   return isinf(a) ? std::numeric_limits<int>::max() : FP_ILOGB0;
 }
 
-/** The number next to a on the way to b; overflow and underflow are told as of a rounded result. */
+/** The number next to a in the direction of b. If a and b differ, an infinite result raises
+ *  overflow and inexact, and a subnormal result or zero raises underflow and inexact. */
 inline quad nextafter(quad a, quad b) {
   if (isunordered(a, b)) return a + b;
   if (a == b) return b;
@@ -435,7 +438,7 @@ inline quad nextafter(quad a, quad b) {
   return detail::with_sign(signbit(a), size);
 }
 
-/* ---- By libquadmath -------------------------------------------------------------------------- */
+/* ---- Functions of libquadmath ---------------------------------------------------------------- */
 
 #define ZORVAC_QUAD_1(name)                                                                \
   namespace detail {                                                                       \

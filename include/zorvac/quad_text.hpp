@@ -3,10 +3,10 @@
 /** Decimal and hexadecimal text for zorvac::quad: from_chars() and to_chars(), strings, streams,
  *  std::format and literals.
  *
- *  Text is converted exactly: what is read is the quad nearest to the number, however many digits
- *  it has, and what is written is the number of the given length nearest to the quad; ties go to
- *  the even one. Both ignore MXCSR and raise no flag (they compute in integers), and reading works
- *  at compile time, which is how literals are made. No locale is looked at.
+ *  Conversions are correctly rounded. Reading gives the quad nearest to the number, however many
+ *  digits it has. Writing gives the number of the given length nearest to the quad. Ties go to the
+ *  even one. Both compute in integers: they ignore MXCSR and raise no flag. Reading also works at
+ *  compile time, for literals. The locale is ignored.
  *
  *  Source: IEEE 754-2019, 5.12 (external character sequences), correctly rounded; C++20,
  *          [charconv], and printf of C17, 7.21.6.1, for the notations.
@@ -25,45 +25,45 @@
 
 namespace zorvac {
 
-/** Reads a number from the front of [first, last): a sign, digits with or without a point, an
- *  exponent; or "inf", "infinity" or "nan" in either case. White space is not read, nor is the
- *  payload of a NaN.
+/** Reads a number from the front of [first, last): an optional sign, digits with or without a
+ *  point, an exponent; or "inf", "infinity" or "nan" in upper or lower case. White space and the
+ *  payload of a NaN are not read.
  *
- *  format   general  the exponent may be there
- *           scientific, fixed  it must be there, and is not read
- *           hex      hexadecimal digits, without "0x", and an exponent of 2 after p, or none
- *  returns  where the number ends, and no error; or, leaving `value` alone, `first` and
- *           errc::invalid_argument where there is no number, or the number's end and
- *           errc::result_out_of_range where it rounds to infinity or, not being zero, to zero */
+ *  format   general     the exponent is optional
+ *           scientific  the exponent is required
+ *           fixed       the exponent is not read
+ *           hex         hexadecimal digits, without "0x"; an optional exponent of 2 after p
+ *  returns  the end of the number, and no error. If there is no number: `first` and
+ *           errc::invalid_argument. If it rounds to infinity, or is not zero and rounds to zero:
+ *           its end and errc::result_out_of_range. On an error `value` does not change. */
 constexpr std::from_chars_result from_chars(const char* first, const char* last, quad& value,
                                             std::chars_format format = std::chars_format::general);
 
 /** Writes `value` into [first, last) as printf's %g would with a precision of `digits`: rounded to
- *  that many significant digits (taken as 1 below, as 11600 above), no trailing zeros, an exponent
- *  where it is below -4 or not below `digits`. Not terminated.
+ *  that many significant digits (1 at least, 11600 at most), without trailing zeros, with an
+ *  exponent if it is below -4 or not below `digits`. Not terminated.
  *
- *  returns  the end of the text, and no error; or `last` and errc::value_too_large where there is
- *           no room, and then what the range holds is unspecified */
+ *  returns  the end of the text, and no error; or `last` and errc::value_too_large if there is no
+ *           room, and the content of the range is then unspecified */
 inline std::to_chars_result to_chars(char* first, char* last, quad value, int digits);
 
-/** The same with the fewest digits, from 33 to 36, that read back as `value`. */
+/** The same with the fewest digits, from 33 to 36, from which `value` is read back. */
 inline std::to_chars_result to_chars(char* first, char* last, quad value);
 
 /** As printf would by %f (fixed), %e (scientific), %g (general) or %a (hex, without its "0x"), with
- *  `precision` as there, where a negative one is 6; or, without a precision, with the fewest digits
- *  that read back, and all of a hexadecimal number. */
+ *  the same meaning of `precision`; a negative one is 6. Without a precision, with the fewest
+ *  digits from which `value` is read back, and all digits of a hexadecimal number. */
 inline std::to_chars_result to_chars(char* first, char* last, quad value, std::chars_format format,
                                      int precision);
 inline std::to_chars_result to_chars(char* first, char* last, quad value, std::chars_format format);
 
-/** What the first two write, as a string. */
+/** The text that the first two write, as a string. */
 inline std::string to_string(quad value);
 inline std::string to_string(quad value, int digits);
 
 /* ---- Integers of any length ------------------------------------------------------------------ */
-/* Numbers are converted by exact integers: as a fraction of two of them, from which the bits or
- * digits wanted are divided out, a whole word at a time. What remains then decides the rounding
- * without doubt. */
+/* A number is converted as an exact fraction of two integers. Divisions give the wanted bits or
+ * digits, a whole word at a time. The remainder then decides the rounding exactly. */
 
 namespace decimal {
 
@@ -72,12 +72,12 @@ using detail::uint128;
 inline constexpr std::uint64_t chunk_scale = 10'000'000'000'000'000'000u;  // 10^19
 inline constexpr int chunk_digits = 19;
 
-// The longest decimal number that matters to rounding is one halfway between two subnormal quads,
-// of 11564 digits; what follows in a longer one only tells it from a tie.
+// The longest decimal number that is halfway between two quads has 11564 digits; the quads are
+// subnormal. Further digits of a longer number only tell that it is no tie.
 inline constexpr int most_digits = 11600;
 
-// high * 2^64 + low, divided by what is above `high`: one instruction, where compilers make a call
-// of the division below.
+// (high * 2^64 + low) / by, where `by` is above `high`: one instruction. Compilers would make the
+// division below a call.
 inline std::uint64_t divide_by_processor(std::uint64_t high, std::uint64_t low, std::uint64_t by) {
   __asm__("divq %2" : "+a"(low), "+d"(high) : "rm"(by) : "cc");
   return low;
@@ -87,13 +87,13 @@ constexpr std::uint64_t divide(std::uint64_t high, std::uint64_t low, std::uint6
   return static_cast<std::uint64_t>((static_cast<uint128>(high) << 64 | low) / by);
 }
 
-// The largest integers are a number of most_digits and the power of 5 that divides it when it is a
-// subnormal, 5^(11600 + 4967) < 2^38500, moved left by up to three words. Those that come of 100
-// digits and a power up to 5^220, or a longer one cut to its first six words, have a small array.
+// The largest integers are a number of most_digits and the power of 5 that divides it if it is
+// subnormal, 5^(11600 + 4967) < 2^38500, shifted left by up to three words. Integers from at most
+// 100 digits have a small array, with a power up to 5^220 or a longer one cut to six words.
 constexpr int most_words = 38784 / 64, few_words = 20, kept_words = 6;
 constexpr int short_power = 220, few_digits = 100;
 
-// An integer from 0 up.
+// An integer that is not negative.
 template <int Words>
 class big_integer {
  public:
@@ -145,7 +145,7 @@ class big_integer {
     if (words_[size_] != 0) ++size_;
   }
 
-  // Shifts left by so many bits or more, until the top bit is that of a word; by how many it was.
+  // Shifts left by at least so many bits, until its top bit is a word's top bit. Returns the shift.
   constexpr int align(int at_least) {
     int shift = (64 - bit_length() % 64) % 64;
     if (at_least > shift) shift += (at_least - shift + 63) / 64 * 64;
@@ -153,7 +153,7 @@ class big_integer {
     return shift;
   }
 
-  // Keeps the highest words, so many at most; how many fell away.
+  // Keeps only the `most` highest words. Returns how many words it dropped.
   constexpr int cut(int most) {
     const int lost = size_ > most ? size_ - most : 0;
     if (lost == 0) return 0;
@@ -162,7 +162,7 @@ class big_integer {
     return lost;
   }
 
-  // The highest two words, once the top bit is set, and whether there is anything below.
+  // Of an aligned integer: the highest two words, and whether a lower one is not 0.
   constexpr uint128 head() const {
     return static_cast<uint128>(words_[size_ - 1]) << 64 | (size_ > 1 ? words_[size_ - 2] : 0);
   }
@@ -173,9 +173,9 @@ class big_integer {
   }
   constexpr int size() const { return size_; }
 
-  // Leaves the remainder, and returns the quotient, which must be below 2^64; the divisor must be
-  // aligned (Knuth, The Art of Computer Programming, volume 2, 4.3.1, D). The
-  // quotient of the top words is at most 2 too large then.
+  // Leaves the remainder and returns the quotient, which must be below 2^64. The divisor must be
+  // aligned: then the quotient of the top words is at most 2 too large (Knuth, The Art of Computer
+  // Programming, volume 2, 4.3.1, D).
   constexpr std::uint64_t divide_by(const big_integer& b) {
     const int n = b.size_;
     if (size_ < n) return 0;
@@ -222,7 +222,7 @@ class big_integer {
     trim();
   }
 
-  // Below, equal or above 0 as this is less than, equal to or greater than `b`.
+  // Below 0 if this is less than `b`, 0 if equal, above 0 if greater.
   constexpr int compare(const big_integer& b) const {
     if (size_ != b.size_) return size_ - b.size_;
     for (int i = size_ - 1; i >= 0; --i)
@@ -231,7 +231,7 @@ class big_integer {
   }
 
  private:
-  // Whether there is a carry out of so many words.
+  // Adds `count` words of `b`. Returns the carry.
   constexpr bool add_words(const big_integer& b, int count) {
     bool carry = false;
     for (int i = 0; i < count; ++i) {
@@ -246,10 +246,10 @@ class big_integer {
   }
 
   std::uint64_t words_[Words] = {};  // zeros above those in use
-  int size_ = 0;                     // of words in use; the highest of them is not 0
+  int size_ = 0;                     // words in use; the highest of them is not 0
 };
 
-// value * 2^(64 * cut) is 5^exponent, or a little less where that is long and `kept` cuts it.
+// value * 2^(64 * cut) is 5^exponent, or a little less if it has more than `kept` words.
 template <int Words>
 struct power_of_5 {
   big_integer<Words> value{1};
@@ -276,21 +276,21 @@ struct power_of_5 {
     cut += value.cut(kept);
   }
 
-  // Makes a value that is too small one that is too large. What a cut takes is less than 2^-320 of
-  // the whole; of a power up to 5^5100, the cuts and the squarings after them make at most 2^-312.
+  // Makes a value that is too small too large. A cut takes less than 2^-320 of the value. For a
+  // power up to 5^5100, the cuts and the squarings after them take at most 2^-312.
   constexpr void raise() { value.add(big_integer<Words>(static_cast<uint128>(256) << 64)); }
 };
 
 /* ---- Reading --------------------------------------------------------------------------------- */
 
-// What a digit counts for in bases up to 16; 16 and more where it is none.
+// The value of a digit in bases up to 16; 16 for any other character.
 constexpr unsigned digit_value(char c) {
   if (c >= '0' && c <= '9') return static_cast<unsigned>(c - '0');
   const char lower = static_cast<char>(c | 0x20);
   return lower >= 'a' && lower <= 'f' ? static_cast<unsigned>(lower - 'a' + 10) : 16;
 }
 
-// The end of `word` (in lower case) at the front of [first, last), or null where it is not there.
+// The end of `word` (in lower case) at the front of [first, last), or null if it is not there.
 constexpr const char* skip_word(const char* first, const char* last, std::string_view word) {
   for (const char c : word) {
     // A null range is empty.  NOLINTNEXTLINE(clang-analyzer-core.NullDereference)
@@ -300,12 +300,11 @@ constexpr const char* skip_word(const char* first, const char* last, std::string
   return first;
 }
 
-// A number, its digits * base^exponent, at the front of [first, last). The exponent that is written
-// counts powers of 10, or of 2 where the base is 16.
+// A number at the front of [first, last): digits * 10^exponent, or hexadecimal digits * 2^exponent.
 struct number {
   std::int64_t digit_count = 0;  // without leading zeros
   std::int64_t exponent = 0;     // of 10 or of 2
-  const char* end = nullptr;     // null where there is no number
+  const char* end = nullptr;     // null if there is no number
 
   constexpr number(const char* first, const char* last, std::chars_format format)
       : base_(format == std::chars_format::hex ? 16 : 10) {
@@ -323,18 +322,18 @@ struct number {
 
   constexpr bool hexadecimal() const { return base_ == 16; }
 
-  // All of it is an integer of one word, as most numbers are that people write.
+  // Whether head() is the whole number: an integer of at most 38 digits, like most in programs.
   constexpr bool is_head() const { return exponent == 0 && digit_count == head_digits_; }
   constexpr uint128 head() const { return head_; }
 
-  // The digits as an integer. Where there are too many, one more stands for all that follow, unless
-  // these are zeros.
+  // The digits as an integer. If there are too many, one digit stands for those that are dropped: 0
+  // if these are all zeros, else 1.
   template <int Words>
   constexpr big_integer<Words> value() {
     big_integer<Words> value{head_};
     const char* at = tail_;
     std::int64_t left = digit_count - head_digits_;
-    // Hexadecimal digits have no ties far behind.
+    // In hexadecimal, ties are short.
     const std::int64_t most = base_ == 16 ? few_digits : most_digits;
     const std::int64_t dropped = digit_count > most ? digit_count - most : 0;
     std::uint64_t chunk = 0, scale = 1;
@@ -366,7 +365,7 @@ struct number {
   constexpr const char* read_mantissa(const char* at, const char* last) {
     const char* const first = at;
     const char* point = nullptr;
-    // Passes over the point and the digits that are taken.
+    // Skips the point, and digits as long as `takes` accepts them.
     const auto pass = [&](auto takes) {
       for (; at != last; ++at) {
         const unsigned digit = digit_value(*at);
@@ -394,8 +393,8 @@ struct number {
     return at - first > (point != nullptr ? 1 : 0) ? at : nullptr;
   }
 
-  // An exponent is part of the number only when it has a digit. Its value saturates far beyond what
-  // the longest text could make up for.
+  // An exponent is part of the number only if it has a digit. Its value saturates at a limit that
+  // no number of digits can make up for.
   constexpr const char* read_exponent(const char* at, const char* last, char letter) {
     if (at == last || (*at | 0x20) != letter) return nullptr;
     ++at;
@@ -413,12 +412,11 @@ struct number {
   unsigned base_;
   uint128 head_ = 0;  // the first digits, for which a big integer would be slow
   int head_digits_ = 0;
-  const char* tail_ = nullptr;  // what follows them; the point may be in it
+  const char* tail_ = nullptr;  // the digits after these, maybe with the point
 };
 
-// The bits of the quad nearest to significand * 2^exponent, or to what is a little more (`sticky`:
-// by less than 1 in the significand, which then has 120 bits or more). 0 or infinity where it is
-// out of range.
+// The bits of the quad nearest to significand * 2^exponent, or 0 or infinity if that is out of
+// range. With `sticky` the exact significand is more, by less than 1, and has at least 120 bits.
 constexpr uint128 nearest(uint128 significand, bool sticky, int exponent) {
   const int zeros = detail::leading_zeros(significand);
   significand <<= zeros;
@@ -441,8 +439,8 @@ constexpr uint128 nearest(uint128 significand, bool sticky, int exponent) {
 template <int Words>
 constexpr uint128 nearest(big_integer<Words> numerator, big_integer<Words> denominator,
                           int exponent) {
-  // Shifted so that the numerator has one bit less: the quotient is between 1/4 and 1 then, and two
-  // words of it have 126 bits at least.
+  // Shifts so that the numerator has one bit less. The quotient is then between 1/4 and 1, and two
+  // words of it have at least 126 bits.
   const int excess = numerator.bit_length() - denominator.bit_length() + 1;
   numerator.shift_left(denominator.align(excess) - excess + 64);
   const uint128 high = numerator.divide_by(denominator);
@@ -451,7 +449,7 @@ constexpr uint128 nearest(big_integer<Words> numerator, big_integer<Words> denom
   return nearest(high << 64 | low, !numerator.is_zero(), exponent + excess - 128);
 }
 
-// The same for digits * 10^exponent, by a power of 5.
+// The same for digits * 10^exponent, with the power of 5 for it.
 template <int Words>
 constexpr uint128 nearest(const big_integer<Words>& digits, int exponent,
                           const power_of_5<Words>& power) {
@@ -462,8 +460,9 @@ constexpr uint128 nearest(const big_integer<Words>& digits, int exponent,
                  exponent + 64 * (power.cut + product.size() - 2) - shift);
 }
 
-// The same for a number that is not zero. Where a power is cut, and one that is too small leads to
-// the same quad as one that is too large, so does the power itself.
+// The same for a number that is not zero. If the power is cut, a value that is too small and one
+// that is too large must give the same quad: then the exact power gives it, too. Otherwise returns
+// nothing.
 template <int Words>
 constexpr std::optional<uint128> nearest_quad(number from, int kept) {
   const big_integer<Words> digits = from.value<Words>();
@@ -483,7 +482,7 @@ constexpr std::optional<uint128> nearest_quad(number from, int kept) {
 }
 constexpr uint128 nearest_quad(const number& from) {
   if (from.is_head()) return nearest(from.head(), false, 0);
-  // It has so many digits, or bits, before its point, give or take 4 bits.
+  // The number of digits before the point, or of bits, which may be 3 too many.
   const std::int64_t size = from.exponent + from.digit_count * (from.hexadecimal() ? 4 : 1);
   if (size > (from.hexadecimal() ? 16389 : 4933)) return detail::infinity_bits;
   if (size < (from.hexadecimal() ? -16500 : -4966)) return 0;
@@ -495,7 +494,7 @@ constexpr uint128 nearest_quad(const number& from) {
   return *nearest_quad<most_words>(from, most_words);
 }
 
-// As from_chars(), but what is out of range gives a value, too: infinity or zero.
+// As from_chars(), but a number out of range gives a value, too: infinity or zero.
 constexpr std::from_chars_result read(const char* first, const char* last, quad& value,
                                       std::chars_format format) {
   const char* at = first;
@@ -527,7 +526,7 @@ constexpr std::from_chars_result read(const char* first, const char* last, quad&
 
 /* ---- Digits ---------------------------------------------------------------------------------- */
 
-constexpr int shortest = -1;  // instead of a number of digits: as few as read back
+constexpr int shortest = -1;  // instead of a number of digits: the fewest that read back
 
 // The significant digits of a finite number: 0.d1 d2 d3 ... * 10^point, without trailing zeros.
 // Zero has none.
@@ -535,8 +534,8 @@ struct digit_string {
   char text[most_digits + 2 * chunk_digits];
   int length = 0, point = 1;
 
-  // Rounded to `wanted` digits, or to those up to `wanted` places behind the point; or to as few of
-  // 33 to 36 digits as read back.
+  // Rounded to `wanted` digits or, with `behind_point`, to `wanted` places behind the point; or, if
+  // `wanted` is `shortest`, to the fewest digits, from 33 to 36, that read back.
   inline digit_string(quad q, int wanted, bool behind_point = false);
 
  private:
@@ -547,14 +546,14 @@ struct digit_string {
   }
 };
 
-// Divides them out.
+// Computes the digits by divisions.
 template <int Words>
 class digit_generator {
  public:
-  // The number is significand * 2^power, and below 10^point; five is the power of 5 for that.
+  // The number is significand * 2^power, and below 10^point. `five` is the power of 5 for that.
   digit_generator(digit_string& out, uint128 significand, int power, const power_of_5<Words>& five)
       : text_(out.text), length_(out.length), point_(out.point), significand_(significand) {
-    // 2^power / 10^point is ulp / denominator, without the twos in 10^point and in what is cut off.
+    // ulp / denominator is 2^power / 10^point. `twos` has the powers of 2, also those of the cut.
     const int cut = point_ < 0 ? 64 * five.cut : -64 * five.cut;
     const int twos = power - point_ + cut;
     (point_ < 0 ? ulp_ : denominator_) = five.value;
@@ -562,7 +561,7 @@ class digit_generator {
     rest_ = ulp_ * big_integer<Words>(significand);
   }
 
-  // `narrow_below`: the number below is half an ulp away, as of a power of 2.
+  // `narrow_below`: the next number below is only half an ulp away, as below a power of 2.
   void generate(int wanted, bool behind_point, bool narrow_below) {
     generate_chunk();
     if (wanted == shortest) {
@@ -578,7 +577,7 @@ class digit_generator {
   }
 
  private:
-  // Appends 19 digits, or in the beginning those of them that are significant.
+  // Appends 19 digits, the first time without leading zeros.
   void generate_chunk() {
     rest_.multiply_add(chunk_scale, 0);
     std::uint64_t chunk = rest_.divide_by(denominator_);
@@ -593,7 +592,7 @@ class digit_generator {
     point_ -= zeros;
   }
 
-  // Whether the nearest number of so many digits is above: a tie is when it is even.
+  // Whether the nearest number of so many digits is above. A tie goes to the even one.
   bool rounds_up(int count) const {
     if (text_[count] != '5') return text_[count] > '5';
     bool above_half = !rest_.is_zero();
@@ -601,8 +600,8 @@ class digit_generator {
     return above_half || (count > 0 && (text_[count - 1] - '0') % 2 != 0);
   }
 
-  // A number reads back when it is less than half an ulp away, or half of it where the significand
-  // is even. In units of the last digit, what is behind the point is rest / denominator.
+  // A number reads back if it is less than half an ulp away, or exactly half if the significand is
+  // even. In units of the last digit, the part that is not in the text is rest / denominator.
   int fewest_digits(bool narrow_below) const {
     using limits = std::numeric_limits<quad>;
     for (int count = limits::digits10; count < limits::max_digits10 && count < length_; ++count) {
@@ -649,13 +648,13 @@ class digit_generator {
 inline digit_string::digit_string(quad q, int wanted, bool behind_point) {
   uint128 significand = abs(q).bits();
   if (significand == 0) return;
-  if (wanted > 2 * most_digits) wanted = 2 * most_digits;  // zeros, all that follow
+  if (wanted > 2 * most_digits) wanted = 2 * most_digits;  // all further digits are zeros
   const int biased = static_cast<int>(significand >> 112);
   if (biased != 0) significand = (significand & (detail::leading_one - 1)) | detail::leading_one;
   const bool narrow_below = significand == detail::leading_one && biased > 1;
   const int power = (biased == 0 ? 1 : biased) - detail::bias - 112;
-  // 10^point is above the number, and 1233 / 4096 so near the logarithm of 2 that the factor is
-  // less than 1000: that costs up to two leading zeros.
+  // 10^point is above the number. 1233 / 4096 is so close to the logarithm of 2 that the factor is
+  // less than 1000: there are at most two leading zeros.
   point = ((128 - detail::leading_zeros(significand) + power) * 1233 >> 12) + 2;
   const auto generate = [&](digit_string& out, const auto& five) {
     digit_generator(out, significand, power, five).generate(wanted, behind_point, narrow_below);
@@ -665,8 +664,8 @@ inline digit_string::digit_string(quad q, int wanted, bool behind_point) {
     generate(*this, power_of_5<few_words>(fives, few_words));
     return;
   }
-  // Where a power that is too small leads to the same digits as one that is too large, so does the
-  // power itself.
+  // If a power that is too small gives the same digits as one that is too large, the exact power
+  // gives them, too.
   constexpr int certain_digits = 40;
   if (wanted + (behind_point ? point : 0) <= certain_digits) {
     power_of_5<few_words> five(fives, kept_words);
@@ -684,17 +683,17 @@ inline digit_string::digit_string(quad q, int wanted, bool behind_point) {
 
 /* ---- Writing --------------------------------------------------------------------------------- */
 
-// How to write a number, as printf's flags have it.
+// How to write a number. The members correspond to printf's flags.
 struct style {
   std::chars_format format = std::chars_format::general;
   int precision = shortest;
   bool uppercase = false;
   bool always_point = false;  // %#
   bool prefix = false;        // 0x before hexadecimal digits
-  char plus = 0;              // what stands for the minus of other numbers, or nothing
+  char plus = 0;              // the sign of numbers without a minus, or 0
 };
 
-// Appends to a range of characters as long as there is room.
+// Appends to a range of characters while there is room.
 class writer {
  public:
   writer(char* first, char* last) : at_(first), last_(last) {}
@@ -735,7 +734,8 @@ inline void put_exponent(writer& out, char letter, int exponent, int least_digit
   for (; length > 0; --length) out.put(text[length]);
 }
 
-// A point and `count` digits behind it, or as many as there are: first some zeros, then `digits`.
+// A point and `count` digits behind it: `zeros` zeros, the `there` digits, zeros. If `count` is
+// negative, without zeros at the end.
 inline void put_fraction(writer& out, const style& how, int zeros, const char* digits, int there,
                          int count) {
   if (there < 0) there = 0;
@@ -762,7 +762,7 @@ inline void put_scientific(writer& out, const style& how, const digit_string& d,
   put_exponent(out, how.uppercase ? 'E' : 'e', d.point - 1, 2);
 }
 
-// Scientific notation where the exponent is below -4, or not below the precision.
+// Scientific notation if the exponent is below -4, or not below the precision.
 inline void put_general(writer& out, const style& how, quad value) {
   const bool all = how.precision == shortest;
   const int wanted = how.precision == 0 ? 1 : how.precision;
@@ -776,7 +776,7 @@ inline void put_general(writer& out, const style& how, quad value) {
     put_scientific(out, how, d, padded ? precision - 1 : -1);
 }
 
-// One digit before the point: 1, of subnormal numbers 0; after rounding it may be 2.
+// One digit before the point: 1, or 0 for subnormal numbers and zero. Rounding may add 1 to it.
 inline void put_hexadecimal(writer& out, const style& how, quad value) {
   uint128 significand = abs(value).bits();
   const int biased = static_cast<int>(significand >> 112);
@@ -828,8 +828,8 @@ inline std::to_chars_result write(char* first, char* last, quad value, const sty
 }
 
 inline std::string to_text(quad value, const style& how) {
-  // Room for sign, prefix, exponent and the digits that are always there; for those of the
-  // precision; and for those before the point, or the zeros behind it.
+  // Room for sign, prefix, exponent and the digits that are always there; for the digits of the
+  // precision; and for the digits before the point, or the zeros behind it.
   std::size_t size = 64;
   if (how.precision > 0) size += static_cast<std::size_t>(how.precision);
   if (how.format == std::chars_format::fixed) {
@@ -842,8 +842,8 @@ inline std::string to_text(quad value, const style& how) {
   return text;
 }
 
-// Fills `text` up to `width`: before, behind, around, or behind the sign, or the prefix of a number
-// that has no sign.
+// Fills `text` up to `width`: behind it, before it, on both sides, or (internal) behind the sign
+// or, without a sign, behind the prefix.
 enum class adjustment { left, right, center, internal };
 inline void pad(std::string& text, std::size_t width, char fill, adjustment where) {
   if (text.size() >= width) return;
@@ -949,9 +949,9 @@ std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& o
   return out << text;
 }
 
-/** Reads the longest text that can begin a decimal number, or a word, and sets failbit where it is
- *  not a number that from_chars() takes: `value` is 0 then, or where it is out of range the largest
- *  number or 0, with its sign. Include <istream> to use it. */
+/** Reads the longest text that can begin a decimal number, or a word. If it is not as a whole a
+ *  number for from_chars(), failbit is set and `value` is 0. If the number is out of range, failbit
+ *  is set and `value` is the largest number or 0, with the sign. Include <istream> to use it. */
 template <class Traits>
 std::basic_istream<char, Traits>& operator>>(std::basic_istream<char, Traits>& in, quad& value) {
   using stream = std::basic_istream<char, Traits>;
@@ -1005,8 +1005,8 @@ std::basic_istream<char, Traits>& operator>>(std::basic_istream<char, Traits>& i
 
 inline namespace literals {
 
-/** 1.5_q, 6.02214076e23_q, 1'000'000_q: the nearest quad, computed by the compiler, which rejects
- *  what from_chars() does not take as a whole (hexadecimal, for one) or finds out of range. */
+/** 1.5_q, 6.02214076e23_q, 1'000'000_q: the nearest quad, computed by the compiler. A literal does
+ *  not compile if it is out of range, or not as a whole a number for from_chars() (hexadecimal). */
 template <char... Characters>
 constexpr quad operator""_q() {
   constexpr auto value = [] {
@@ -1037,7 +1037,7 @@ namespace zorvac::decimal {
 #endif
 }
 
-// A width or a precision, which stands in the format or in an argument.
+// A width or a precision, from the format or from an argument.
 class format_count {
  public:
   using iterator = std::format_parse_context::iterator;
@@ -1091,7 +1091,7 @@ class format_count {
 
 }  // namespace zorvac::decimal
 
-/** As of a double; {} has the fewest digits, from 33 to 36, that read back. L changes nothing. */
+/** As for a double. {} gives the fewest digits, from 33 to 36, that read back. L is ignored. */
 template <>
 struct std::formatter<zorvac::quad, char> {
   constexpr auto parse(std::format_parse_context& context) {

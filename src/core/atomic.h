@@ -1,7 +1,7 @@
 #ifndef ZORVAC_CORE_ATOMIC_H
 #define ZORVAC_CORE_ATOMIC_H
-// A value that threads share, with the memory orderings that the library uses. std::atomic does not
-// serve: all of its small functions have default visibility, and in a library whose functions a
+// A value that threads share, with the memory orderings that the library uses. std::atomic is not
+// used: all of its small functions have default visibility, and in a library whose functions a
 // program may replace, clang calls such functions instead of inlining them.
 
 namespace zorvac {

@@ -3,9 +3,9 @@
 // The processor levels that dispatchers require. Each level is the level below it plus some
 // features. C++ and assembler sources share these definitions.
 //
-// The sets are contracts with compiled programs, not descriptions of a processor: MOVBE is in none
-// of them, and one AVX-512 level requires the exponential and prefetch extensions, which only one
-// processor line has. The other AVX-512 level is used by the matrix kernels only.
+// The sets are part of the interface, not descriptions of a processor. MOVBE is in none of them.
+// One AVX-512 level requires the exponential and prefetch extensions, which only one processor line
+// has. Only the matrix kernels use the other AVX-512 level.
 #include "zorvac/cpu.h"
 
 // clang-format off

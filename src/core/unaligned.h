@@ -1,8 +1,8 @@
 #ifndef ZORVAC_CORE_UNALIGNED_H
 #define ZORVAC_CORE_UNALIGNED_H
 // Loads and stores of values at any address, each one instruction for a value that fits a register.
-// They go by the compiler's own name of memcpy, which stays one even where sources are compiled
-// without built-in routines.
+// They use the compiler's built-in memcpy, which stays built in when a source is compiled without
+// built-in routines.
 
 namespace zorvac {
 namespace {

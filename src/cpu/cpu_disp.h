@@ -37,7 +37,7 @@ inline constexpr std::uint32_t avx512_bw_vl = 0x4000000;
   return best;
 }
 
-// The class of a processor with AVX that the operating system has enabled. ADX with RDSEED outranks
+// The class of a processor with AVX that the operating system has enabled. ADX with RDSEED is above
 // the AVX2 group and does not require it.
 template <processor Processor>
 [[gnu::always_inline]] constexpr std::uint32_t avx_class(const Processor& p, std::uint32_t ecx,

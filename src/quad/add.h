@@ -2,10 +2,9 @@
 #define ZORVAC_QUAD_ADD_H
 // Addition and subtraction.
 //
-// The common path has no branch that depends on signs or on which operand is larger: for operands
-// as they come, a processor could not predict any of those. The operands are ordered by conditional
-// moves, and the smaller one is negated, or not, by a mask. Whether the exponent changes is left to
-// a branch: see `add`.
+// The common path has no branch on the signs or on which operand is larger: a processor cannot
+// predict such branches. Conditional moves order the operands, and a mask negates the smaller one
+// or leaves it. A result with another exponent takes a branch: see `add`.
 #include "quad/nan.h"
 #include "quad/operands.h"
 #include "quad/places.h"
@@ -20,12 +19,11 @@ using f = binary128;
 
 struct ordered_operands {
   uint128 larger, smaller;  // magnitudes
-  bool negative;            // sign of the larger one, and of the result unless that is zero
-  bool subtract;            // whether the smaller one's sign differs
+  bool negative;            // sign of the larger one, and of a result other than zero
+  bool subtract;            // whether the signs differ
 };
 
-// `negate_b` is the sign bit, or 0. It must not touch what b itself holds, for a NaN comes back
-// with the sign it has.
+// `negate_b` is the sign bit or 0. It changes only this copy of b: a NaN operand keeps its sign.
 inline ordered_operands order(uint128 a, uint128 b, uint64_t negate_b) {
   b ^= make_uint128(negate_b, 0);
   const bool subtract = f::negative(a) != f::negative(b);
@@ -34,17 +32,17 @@ inline ordered_operands order(uint128 a, uint128 b, uint64_t negate_b) {
   return {f::magnitude(a), f::magnitude(b), f::negative(a), subtract};
 }
 
-// Finite operands of whatever kind.
+// Any finite operands.
 inline uint128 add_finite(const ordered_operands& o) {
-  // Subnormal numbers have the exponent of the smallest normal ones, and no leading one.
+  // A subnormal number has the exponent of the smallest normal number, and no leading one.
   const int larger_exponent = f::exponent(o.larger) + (f::exponent(o.larger) == 0);
   const int smaller_exponent = f::exponent(o.smaller) + (f::exponent(o.smaller) == 0);
   const auto significand = [](uint128 w) {
     return f::fraction(w) | (f::exponent(w) != 0 ? f::leading_one : 0);
   };
 
-  // A distance of 114 and more leaves nothing but a sticky bit. Some room below the guard word's
-  // first bits is all that a difference needs, as it loses one leading place at most then.
+  // A distance of 128 or more leaves only a sticky bit. That is enough: a difference then loses at
+  // most one leading place, and the guard word's other bits are room for it.
   const auto aligned =
       shift_right_sticky(significand(o.smaller), 0, larger_exponent - smaller_exponent);
   const three_words addend = {high(aligned.significand), low(aligned.significand), aligned.guard};
@@ -55,8 +53,8 @@ inline uint128 add_finite(const ordered_operands& o) {
     return round_and_pack<f>(o.negative, larger_exponent + 1, sum.significand() >> 1,
                              sum.low << 63 | sum.guard >> 1, sum.guard & 1);
 
-  // Leading places that cancelled come back by a shift, as far as the exponent goes. One of 2
-  // places and more leaves the guard word empty: the exponents differ by 1 at most then.
+  // A shift to the left makes up for leading places that cancelled, as far as the exponent allows.
+  // A shift by 2 or more leaves the guard word empty: the exponents then differ by at most 1.
   const int zeros =
       sum.significand() != 0 ? leading_zeros(sum.significand()) : 128 + leading_zeros(sum.guard);
   const int wanted = zeros - (128 - f::precision);
@@ -90,12 +88,12 @@ template <class Rules, class Result, class Operand>
   return result(add_any<Rules>(a.word(), b.word(), negate_b));
 }
 
-constexpr int place = f::fraction_bits - 64;  // of the leading one, in the high word
+constexpr int place = f::fraction_bits - 64;  // the leading one's, in the high word
 
-// The common path ordered the operands by their high words alone and had no more than 65 bits left
-// of a difference, in the low word and at the top of the guard word, and these exact. Where it is
-// below 0, the high word being all ones, the order was wrong. `head` is the larger one's sign and
-// exponent, less 1, in their places.
+// A difference whose high word cancelled. It has at most 65 bits, in the low word and at the top of
+// the guard word, and is exact. The common path ordered the operands by their high words alone. If
+// the order was wrong, the difference is below 0 and its high word is all ones. `head` is the
+// larger operand's sign and exponent, less 1, in their places.
 template <class Result>
 [[gnu::cold, gnu::noinline]] auto cancelled(Result result, uint64_t head, uint64_t sum_high,
                                             uint64_t sum_low, uint64_t sum_guard) {
@@ -106,14 +104,14 @@ template <class Result>
   } else if (rest == 0) {
     return result(f::signed_word(rounding_control() == rounding::down, 0));
   }
-  const int zeros = leading_zeros(rest);  // besides the place + 1 above that the high word had
+  const int zeros = leading_zeros(rest);  // in addition to place + 1 in the high word
   const uint128 significand = rest << zeros >> (128 - f::precision);
   head -= static_cast<uint64_t>(place + 1 + zeros) << place;  // the leading one adds 1
   return result(make_uint128(head + high(significand), low(significand)));
 }
 
-// A sum whose leading one is not where the larger operand had it: one place further up or, after a
-// subtraction, anywhere below. `head` is the larger one's sign and exponent, less 1, in their
+// A sum whose leading one is not in the larger operand's place: it is one place higher or, after a
+// subtraction, anywhere lower. `head` is the larger operand's sign and exponent, less 1, in their
 // places.
 template <class Result>
 [[gnu::always_inline]] inline auto normalised(Result result, uint64_t head, three_words sum) {
@@ -125,19 +123,19 @@ template <class Result>
   return result(rounded_sum(packed));
 }
 
-// The common path adds the smaller significand to the larger operand as it is, or subtracts it:
+// The common path adds the smaller significand to the larger operand as a whole, or subtracts it:
 //
 //             127 .. 112             111 .. 0    guard word
 //   larger    sign and exponent      fraction    0
 //   smaller   0 .. significand >> distance ...   ................
 //
-// A distance below 64 loses none of the smaller one's bits, and leaves the last one of the guard
-// word free. Sign and exponent are the result's, unless the sum carries into them or borrows from
-// them: that is left to a branch. Numbers whose exponents are up to 20 apart take it once in six
-// additions, and those of most programs less often. The others are spared a quarter of the
-// instructions, and the wait for the place of the leading one.
+// A distance below 64 loses no bit of the smaller operand and leaves the guard word's last bit
+// free. Sign and exponent are already the result's, unless the sum carries into them or borrows
+// from them. That case takes a branch: once in six additions if the exponents differ by up to 20,
+// and less often in most programs. All other additions save a quarter of the instructions, and do
+// not wait for the place of the leading one.
 //
-// `negate_b` is the sign bit, or 0.
+// `negate_b` is the sign bit or 0.
 template <class Rules, class Result, class Operand>
 [[gnu::always_inline]] inline auto add(Result result, Operand a, Operand b, uint64_t negate_b) {
   uint128 larger = a.word(), smaller = b.word();
@@ -145,8 +143,8 @@ template <class Rules, class Result, class Operand>
   smaller ^= make_uint128(negate_b, 0);
   exchange_if_less(a_order, b_order, larger, smaller);
 
-  // Exponents from 128 up leave room for all the places that can cancel here, and those below
-  // `last` room for a carry and for rounding. Both operands are normal numbers then.
+  // An exponent from `first` up leaves room for all places that can cancel here. One up to `last`
+  // leaves room for a carry and for rounding. Both operands are then normal numbers.
   constexpr uint64_t first = 128, last = f::special_exponent - 3;
   const uint64_t exponent = high(larger) << 1 >> (place + 1);
   const uint64_t distance = exponent - (high(smaller) << 1 >> (place + 1));

@@ -12,13 +12,12 @@ namespace {
   return ((high(a) | high(b)) << 1 | low(a) | low(b)) == 0;
 }
 
-// Quiet, and without a branch. A NaN that is not the other operand bit for bit is different
-// already.
+// Quiet, and without a branch. A NaN needs a test only if both operands have the same bits.
 [[gnu::always_inline]] inline bool equal(uint128 a, uint128 b) {
   return (a == b && !is_nan<binary128>(a)) || both_zero(a, b);
 }
 
-// -1, 0 or 1 as a number is less than, equal to or greater than another.
+// -1 if a is less than b, 0 if they are equal, 1 if a is greater. Neither is a NaN.
 [[gnu::always_inline]] inline int sign_of_difference(uint128 a, uint128 b) {
   if (a == b || both_zero(a, b)) return 0;
   const bool less =
@@ -26,7 +25,7 @@ namespace {
   return less ? -1 : 1;
 }
 
-// A relation tells what an order makes, by the sign of the difference, and what NaNs do.
+// A relation has the result for each sign of the difference, and the result for NaNs.
 template <class Relation, class Operand>
 [[gnu::noinline]] auto compare_slowly(Operand a_operand, Operand b_operand) {
   const uint128 a = a_operand.word(), b = b_operand.word();
@@ -38,8 +37,8 @@ template <class Relation, class Operand>
   return Relation::of(sign_of_difference(a, b));
 }
 
-// Mostly the high words tell: both of normal numbers and different. As integers they have the order
-// of the numbers, or the reverse where both are negative.
+// Usually both operands are finite and their high words differ. As integers, the high words then
+// have the order of the numbers, or the reverse order if both are negative.
 template <class Relation, class Operand>
 [[gnu::always_inline]] inline auto compare(Operand a_operand, Operand b_operand) {
   const uint64_t a = high(a_operand.word()), b = high(b_operand.word());

@@ -1,8 +1,8 @@
 #ifndef ZORVAC_QUAD_DIVIDE_H
 #define ZORVAC_QUAD_DIVIDE_H
-// Division: one division of 128 by 64 bits by the processor, for a reciprocal of the divisor, and
-// multiplications by it for two quotient digits. They take less time than the second division that
-// digits of their own would cost.
+// Division. The processor divides 128 by 64 bits once, for a reciprocal of the divisor.
+// Multiplications by the reciprocal give two quotient digits: they take less time than a second
+// division.
 #include "quad/nan.h"
 #include "quad/operands.h"
 #include "quad/places.h"
@@ -15,7 +15,7 @@ namespace division {
 
 using f = binary128;
 
-// The quotient of a dividend whose high word is below the divisor; the processor traps otherwise.
+// The dividend's high word must be below the divisor. Otherwise the processor traps.
 [[gnu::always_inline]] inline uint64_t divide_words(uint128 dividend, uint64_t divisor) {
   uint64_t quotient, remainder;
   asm("div %[divisor]"
@@ -25,8 +25,8 @@ using f = binary128;
   return quotient;
 }
 
-// floor(2^62 rest / divisor), given an estimate that is too large by a few units at most, and with
-// bit 0 set where something remains.
+// floor(2^62 rest / divisor), with bit 0 set if there is a remainder. `digit` is an estimate, too
+// large by at most a few units.
 inline uint64_t exact_digit(uint128 rest, uint64_t digit, uint128 divisor) {
   const uint128 low_part = uint128{digit} * low(divisor);
   const uint128 high_part = uint128{digit} * high(divisor) + high(low_part);
@@ -38,8 +38,8 @@ inline uint64_t exact_digit(uint128 rest, uint64_t digit, uint128 divisor) {
   return digit | ((remainder.significand() | remainder.guard) != 0);
 }
 
-// Of two equal significands: a power of two, exact down to the smallest subnormal number, and as
-// such it raises nothing, even where an exact tiny result of another origin would raise UE.
+// The quotient of two equal significands: a power of two, exact down to the smallest subnormal
+// number. An exact one raises nothing, even where another exact tiny result would raise UE.
 inline uint128 power_of_two(bool negative, int exponent) {
   if (exponent >= f::special_exponent) return overflow<f>(negative);
   if (exponent >= 1) return f::signed_word(negative, pack<f>(exponent, f::leading_one));
@@ -50,43 +50,42 @@ inline uint128 power_of_two(bool negative, int exponent) {
   return f::signed_word(negative, increment);
 }
 
-// With a and b the significands as integers, v = 2^14 b and V its high word, at least 2^62:
+// Let a and b be the significands as integers, v = 2^14 b, and V the high word of v, at least 2^62:
 //
 //   2^122 a / b = 2^62 first + second + less than 1
 //
 // The reciprocal r = floor((2^126 - 1) / (V + 1)) is below 2^190 / v, by less than 2^126 / V^2 + 2,
-// which is at most 6. So if x is below 2^128, floor(x / 2^64) * r / 2^64 is below 2^62 x / v, by
-// less than 6 and 1 more for the bits of x that were cut off.
+// which is at most 6. So if x is below 2^128, e(x) = floor(x / 2^64) * r / 2^64 is below
+// 2^62 x / v, by less than 7: 6, and 1 for the bits of x that were cut off.
 //
-// For x = 2^15 a, an eighth of that, rounded down, is a first digit too small by less than 2: the
-// rest that it leaves, 2^74 a - first * v, is below 2 v < 2^128. For x = rest, this is the second
-// digit, too small by less than 8 after rounding down and so, with 8 added, too large by 8 at most.
-// That changes none of the bits that are kept nor the first one below them, and leaves some other
-// bit set, provided that the digit's low 8 bits, which lie below both, are more than 8.
+// The first digit is e(2^15 a) / 8, rounded down. It is too small by less than 2, so the rest that
+// it leaves, 2^74 a - first * v, is below 2 v < 2^128. The second digit is e(rest), rounded down,
+// plus 8. Without the 8 it would be too small by less than 8, so it is too large by at most 8. The
+// bits that are kept, and the first one below them, lie above the digit's low 8 bits. If these are
+// more than 8, the error changes no higher bit, and some bit below the first one is set.
 struct digits {
   uint64_t first, second;
 
   [[gnu::always_inline]] bool may_be_wrong() const { return (second & 0xff) <= 8; }
-  // Its leading one is at bit 58 of the high word or, of a quotient below 1, one place below.
+  // Its leading one is at bit 58 of the high word or, if the quotient is below 1, at bit 57.
   [[gnu::always_inline]] two_words quotient() const {
     return two_words{first >> 2, first << 62} + second;
   }
 };
 
-// The significands as the digits are taken from them: 2^15 a, of which the high word matters apart,
-// and v.
+// What the digits are computed from: the high word of 2^15 a, the low word of a, and v.
 struct dividend_and_divisor {
   uint64_t a_top, a_low;
   two_words v;
 
-  // Of normal numbers.
+  // Takes normal numbers or their significands.
   [[gnu::always_inline]] static dividend_and_divisor of(uint128 a, uint128 b) {
     return {uint64_t{1} << 63 | high(a) << 15 | low(a) >> 49,
             low(a),
             {uint64_t{1} << 62 | high(b) << 16 >> 2 | low(b) >> 50, low(b) << 14}};
   }
 
-  // What the first digit leaves.
+  // The rest that the first digit leaves.
   [[gnu::always_inline]] uint128 rest(uint64_t first) const {
     const uint64_t upper = (a_low << 10) - first * v.high;  // modulo 2^64
     const two_words product = multiply_words(first, v.low);
@@ -137,10 +136,9 @@ template <class Rules, class Result, class Operand>
   return result(divide_any<Rules>(a.word(), b.word()));
 }
 
-// A quotient from its digits. Sign and exponent are computed in one: the difference of the signs is
-// the quotient's, and what is borrowed beyond them is shifted out. The bits below those that are
-// kept and the first one below them only tell whether the quotient is exact or half way between
-// two.
+// Rounds a quotient. Sign and exponent are computed together: the difference of the signs is the
+// quotient's sign, and a borrow beyond it is shifted out. The bits below the first one that is not
+// kept only tell whether the quotient is exact or half way between two numbers.
 [[gnu::always_inline]] inline uint128 round_quotient(uint128 a, uint128 b, two_words quotient,
                                                      bool neither_exact_nor_tie) {
   const uint64_t from_one_up = quotient.high >> 58;
@@ -155,7 +153,7 @@ template <class Rules, class Result, class Operand>
   return rounded_sum(packed);
 }
 
-// The end of the common path where the second digit decides on more than it tells.
+// The end of the common path if the estimated second digit is not good enough.
 template <class Result, class Operand>
 [[gnu::cold, gnu::noinline]] auto finish_exactly(Result result, Operand a_operand,
                                                  Operand b_operand, uint64_t first,
@@ -165,7 +163,8 @@ template <class Result, class Operand>
   return result(round_quotient(a, b, d.quotient(), false));
 }
 
-// A quotient whose estimated digits serve is neither exact nor half way between two numbers.
+// If the estimated digits are good enough, the quotient is neither exact nor half way between two
+// numbers.
 template <class Rules, class Result, class Operand>
 [[gnu::always_inline]] inline auto divide(Result result, Operand a_operand, Operand b_operand) {
   const uint128 a = a_operand.word(), b = b_operand.word();

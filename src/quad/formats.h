@@ -1,10 +1,10 @@
 #ifndef ZORVAC_QUAD_FORMATS_H
 #define ZORVAC_QUAD_FORMATS_H
-// Binary floating-point formats as traits, and numbers taken apart. What rounds, packs or converts
-// is written once over a format.
+// Binary floating-point formats as traits, and unpacked numbers. Rounding, packing and conversions
+// are written once, as templates over a format.
 //
-// Everything in the headers of this folder has internal linkage: each source owns a private copy
-// of the tables and of the numbers that raise exceptions.
+// Everything in this namespace has internal linkage: each source has its own copy of the tables and
+// of the numbers that raise exceptions.
 #include <bit>
 #include <cstdint>
 #include <cstring>
@@ -23,11 +23,11 @@ __extension__ using uint128 = unsigned __int128;
 
 // A number in a format is handled as one right-aligned word:
 //
-//   sign | exponent, exponent_bits wide | fraction, the leading one left out
+//   sign | exponent, ExponentBits wide | fraction, without the leading one
 //
-// Counting up in such a word carries from the fraction into the exponent, from the largest
-// subnormal to the smallest normal number and from the largest number to infinity: rounding needs
-// no case for any of them (IEEE 754-2019, 3.4).
+// Adding 1 to such a word carries from the fraction into the exponent. It leads from the largest
+// subnormal to the smallest normal number, and from the largest number to infinity. So rounding
+// needs no special case for them (IEEE 754-2019, 3.4).
 template <class Word, int Precision, int ExponentBits>
 struct format {
   using word = Word;
@@ -69,12 +69,12 @@ using binary128 = format<uint128, 113, 15>;
   std::memcpy(quad, words, sizeof words);
 }
 
-struct x87_image {  // as it lies in memory; six bytes of padding follow
+struct x87_image {  // in memory; six bytes of padding follow
   uint64_t significand;
   std::uint16_t sign_and_exponent;
 };
 
-// (std::bit_cast would be a weak function wherever a compiler does not inline it.)
+// (If a compiler does not inline std::bit_cast, it is a weak function.)
 [[gnu::always_inline]] inline binary32::word word_of(float value) {
   return __builtin_bit_cast(std::uint32_t, value);
 }
@@ -84,8 +84,8 @@ struct x87_image {  // as it lies in memory; six bytes of padding follow
 [[gnu::always_inline]] inline x87::word word_of(long double value) {
   x87_image image;
   std::memcpy(&image, &value, 10);
-  // Where the exponent is 0, a leading one that is stored nevertheless (a pseudo-denormal number)
-  // makes it 1.
+  // In a pseudo-denormal number the exponent is 0 but the leading one is stored. It then makes the
+  // exponent 1.
   const uint64_t without_leading_one = image.significand << 1 >> 1;
   const uint64_t exponent = image.sign_and_exponent & x87::special_exponent;
   return (uint128{image.sign_and_exponent} << x87::fraction_bits) +
@@ -123,12 +123,12 @@ constexpr bool is_signalling(typename F::word w) {
 
 [[gnu::always_inline]] constexpr int leading_zeros(uint64_t x) { return __builtin_clzll(x); }
 [[gnu::always_inline]] constexpr int highest_bit(uint64_t x) { return 63 ^ __builtin_clzll(x); }
-constexpr int leading_zeros(uint128 x) {  // not of 0, either of them
+constexpr int leading_zeros(uint128 x) {  // in all three, x must not be 0
   return high(x) != 0 ? leading_zeros(high(x)) : 64 + leading_zeros(low(x));
 }
 
-// A finite number: its significand is an integer of the format's precision, its exponent the
-// biased one that belongs to the leading one's place.
+// A finite number. The significand is an integer of the format's precision. The exponent is biased,
+// and belongs to the leading one.
 template <class F>
 struct unpacked {
   bool negative;
@@ -136,14 +136,14 @@ struct unpacked {
   typename F::word significand;
 };
 
-// Of a number with an exponent neither 0 nor special.
+// For a number whose exponent is neither 0 nor special.
 template <class F>
 [[gnu::always_inline]] constexpr unpacked<F> unpack_normal(typename F::word w) {
   return {F::negative(w), F::exponent(w), F::fraction(w) | F::leading_one};
 }
 
-// Of a finite number other than zero. The leading one of a subnormal number is shifted to its
-// place, and the exponent, 1 before, falls by as much.
+// For a finite number other than zero. The leading one of a subnormal number is shifted to its
+// place, and the exponent is 1 less the shift.
 template <class F>
 constexpr unpacked<F> unpack(typename F::word w) {
   if (F::exponent(w) != 0) return unpack_normal<F>(w);
@@ -152,12 +152,12 @@ constexpr unpacked<F> unpack(typename F::word w) {
   return {F::negative(w), 1 - shift, F::fraction(w) << shift};
 }
 
-// Puts exponent and significand together. The leading one, where it stands, adds 1 to the exponent
+// Puts exponent and significand together. The leading one is in place and adds 1 to the exponent
 // field.
 template <class F>
 [[gnu::always_inline]] constexpr typename F::word pack(int exponent, typename F::word significand) {
   const auto field = static_cast<uint64_t>(exponent - 1);
-  if constexpr (F::fraction_bits > 64)  // spares the addition to the low word
+  if constexpr (F::fraction_bits > 64)  // saves the addition to the low word
     return make_uint128(high(significand) + field * high(F::leading_one), low(significand));
   else
     return (typename F::word{field} << F::fraction_bits) + significand;

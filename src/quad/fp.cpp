@@ -1,9 +1,9 @@
-// One view of two registers: the abstract status and control words of the floating-point
-// environment over MXCSR and the x87 control and status words.
+// The abstract status and control words of the floating-point environment: one view of MXCSR and of
+// the x87 control and status words.
 //
-// Both registers hold the six exceptions in the same order and code the rounding in the same way,
-// which is also that of the abstract word; they differ in where the fields begin. So a register is
-// described by its offsets, and every routine below is written once for both.
+// Both registers have the six exceptions in the same order, and code the rounding as the abstract
+// word does. Only the places of the fields differ. So offsets describe a register, and each routine
+// below is written once for both.
 
 #include "core/mxcsr.h"
 #include "core/processor.h"
@@ -34,7 +34,7 @@ constexpr std::uint32_t hardware_exceptions(std::uint32_t word) {
   return hardware;
 }
 
-// A field of two bits: in a control register from bit `first` up.
+// A field of two bits, from bit `first` up.
 constexpr std::uint32_t field(std::uint32_t word, int first) { return word >> first & 3; }
 constexpr std::uint32_t with_field(std::uint32_t word, int first, std::uint32_t value) {
   return (word & ~(std::uint32_t{3} << first)) | value << first;
@@ -61,7 +61,7 @@ std::uint32_t masks_and_rounding(std::uint32_t reg, control_layout at) {
   return abstract_exceptions(reg >> at.masks) | field(reg, at.rounding) << abstract_rounding;
 }
 
-// The flush modes: two bits of MXCSR, coded in the abstract word by their place in this table.
+// The flush modes: two bits of MXCSR. Their code in the abstract word is the index in this table.
 constexpr std::uint32_t flush_modes[] = {0, mxcsr::flush_to_zero | mxcsr::denormals_are_zero,
                                          mxcsr::denormals_are_zero, mxcsr::flush_to_zero};
 constexpr std::uint32_t all_flush_modes = flush_modes[1];
@@ -77,8 +77,8 @@ std::uint32_t flush(std::uint32_t reg) {
   return code << abstract_flush;
 }
 
-// The x87's precision control, by abstract code and back. Its value 1 is reserved and reads as full
-// precision; the abstract code 3 asks for nothing.
+// The x87's precision control. Its value 1 is reserved and reads as full precision. The abstract
+// code 3 changes nothing.
 constexpr int x87_precision = 8;
 
 std::uint32_t with_precision(std::uint32_t control, std::uint32_t value, std::uint32_t mask) {

@@ -12,8 +12,8 @@ constexpr uint128 indefinite = uint128{1} << 127;
 
 enum class target { is_unsigned, is_signed };
 
-// The range is a matter of the exponent alone: -2^127 is out of it, although the type could hold
-// it. Infinities and NaNs have the exponent that is beyond every range.
+// The exponent alone decides whether a number is in range: -2^127 is not, although the type can
+// hold it. The exponent of infinities and NaNs is beyond every range.
 template <class F, target Target>
 uint128 truncated(typename F::word w) {
   constexpr int end_of_range = F::bias + (Target == target::is_signed ? 127 : 128);

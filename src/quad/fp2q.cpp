@@ -1,4 +1,4 @@
-// Smaller floating-point formats to quads, by address.
+// Smaller floating-point formats to quads in memory.
 #include "quad/nan.h"
 #include "quad/widen.h"
 #include "zorvac/quad.h"
@@ -7,9 +7,9 @@ using namespace zorvac::softfp;
 
 namespace {
 
-// What the x87 makes of a number multiplied by 1 with a significand of 64 bits, whatever precision
-// the program has set: signalling NaNs become quiet and the x87 raises its own flags. A normal
-// number stays as it is, and nothing is raised.
+// The x87 multiplies a number by 1, at full precision whatever the program has set. Signalling NaNs
+// become quiet, and the x87 raises its own flags. A normal number does not change and raises
+// nothing.
 const long double __l_one = 1.0L;
 
 [[gnu::cold, gnu::noinline]] long double through_x87(long double value) {

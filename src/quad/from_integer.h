@@ -1,6 +1,6 @@
 #ifndef ZORVAC_QUAD_FROM_INTEGER_H
 #define ZORVAC_QUAD_FROM_INTEGER_H
-// Integers to quads: always exact, as a quad's significand is wider than any of them.
+// Integers to quads: always exact, because a quad's significand is wider than any of them.
 #include "quad/formats.h"
 #include "quad/places.h"
 

@@ -1,9 +1,8 @@
-// 128-bit integers to floating-point numbers, rounded by MXCSR but silently: one conversion over
-// the target's format.
+// 128-bit integers to floating-point numbers, rounded as MXCSR says, without raising a flag: one
+// conversion over the target's format.
 //
-// Silence has a price. Any operation that shows the rounding mode also raises the inexact flag, so
-// an inexact conversion has to store MXCSR, which some processors take longer for than for all the
-// rest. An exact one does not.
+// An operation that shows the rounding mode would raise the inexact flag. So an inexact conversion
+// stores MXCSR, which takes some processors longer than all the rest. An exact one does not.
 #include "quad/formats.h"
 #include "quad/rounding.h"
 #include "zorvac/quad.h"
@@ -14,8 +13,8 @@ namespace {
 
 //   leading one at the top:  significand, F::precision bits | guard word | sticky
 //
-// An unsigned integer next to 2^128 may round to infinity as a float: the carry ends in the
-// exponent field, which then has the pattern of infinity.
+// An unsigned integer close to 2^128 may round to infinity as a float: the carry ends in the
+// exponent field, and the word is then an infinity.
 template <class F>
 typename F::word rounded(bool negative, uint128 magnitude) {
   if (magnitude == 0) return 0;

@@ -1,4 +1,4 @@
-// Integers to quads, by address.
+// Integers to quads in memory.
 #include "quad/from_integer.h"
 #include "zorvac/quad.h"
 

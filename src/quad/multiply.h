@@ -13,9 +13,9 @@ namespace multiplication {
 
 using f = binary128;
 
-// The significands' product. With one factor's leading one at the top of its two words, bit 127,
-// the product's is at bit 112 of its upper two words, where a significand has it, or one place
-// below. The upper bits count what it adds to the exponent: 2 or, where it had to be doubled, 1.
+// The significands' product. One factor has its leading one at bit 127, the other at bit 112. The
+// product's is at bit 112 of its upper two words, as in a significand, or at bit 111: then the
+// product is doubled. The bits from 112 up are what it adds to the exponent: 1 if doubled, else 2.
 //
 //   127 .. 112   111 .. 0        guard word         beyond
 //   2 or 1       fraction        ................   ................
@@ -26,7 +26,7 @@ struct product {
 
 [[gnu::always_inline]] inline product multiply_significands(two_words x, two_words y,
                                                             uint64_t leading_one) {
-  // The partial products added up; the whole is below 2^241, so nothing wraps at the top.
+  // The sum of the partial products is below 2^241: it cannot wrap.
   const two_words low_low = multiply_words(x.low, y.low);
   const two_words low_high = multiply_words(x.low, y.high) + low_low.high;
   const two_words high_low = multiply_words(x.high, y.low);
@@ -59,7 +59,7 @@ uint128 multiply_any(uint128 a, uint128 b) {
     return f::signed_word(negative, f::infinity);
   }
   if (is_subnormal(a) && is_subnormal(b)) {
-    // Far below the smallest subnormal number: rounds to that or to zero.
+    // The product is far below the smallest subnormal number, and rounds to that or to zero.
     raise_denormal_underflow_inexact();
     return f::signed_word(negative, rounds_up(rounding_control(), negative, false, 1));
   }
@@ -72,15 +72,15 @@ template <class Rules, class Result, class Operand>
   return result(multiply_any<Rules>(a.word(), b.word()));
 }
 
-// Sign and exponent of the result are computed in one: the signs above the exponents add up to the
-// product's, and what carries out of them is shifted out.
+// Sign and exponent of the result are computed together: the sum of the signs is the product's
+// sign, and a carry out of it is shifted out.
 template <class Rules, class Result, class Operand>
 [[gnu::always_inline]] inline auto multiply(Result result, Operand a_operand, Operand b_operand) {
   const uint128 a = a_operand.word(), b = b_operand.word();
   if (!is_common_case(a, b, [](int x, int y) { return x + y - f::bias; })) [[unlikely]]
     return multiply_slowly<Rules>(result, a_operand, b_operand);
-  // Compilers would set single bits by an instruction that takes longer, and the first one last,
-  // if they knew these numbers.
+  // If compilers knew these numbers, they would set single bits by an instruction that takes
+  // longer, and set the top bit last.
   uint64_t leading_one = high(f::leading_one), top = uint64_t{1} << 63;
   asm("" : "+r"(leading_one), "+r"(top));
   uint64_t top_and_last = low(a) >> 49 | top;

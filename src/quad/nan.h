@@ -11,8 +11,9 @@ namespace {
 constexpr uint128 QNaNIndefiniteq =
     binary128::sign_bit | binary128::infinity | binary128::quiet_bit;
 
-// Of two operands, at least one of which is a NaN: the only NaN, or the only quiet one, or the one
-// of the larger magnitude, or, where they differ in sign at most, b if a is positive, else a.
+// At least one of the operands is a NaN. The choice is the only NaN, else the only quiet one, else
+// the one with the larger magnitude. If they differ at most in sign, it is a if a is negative, else
+// b.
 constexpr bool prefers_first_nan(uint128 a, uint128 b) {
   using f = binary128;
   if (is_nan<f>(a) != is_nan<f>(b)) return is_nan<f>(a);
@@ -21,13 +22,13 @@ constexpr bool prefers_first_nan(uint128 a, uint128 b) {
   return f::negative(a);
 }
 
-// What an operation's slow path asks of the library that it is built into. The first member sees
-// all operands before anything else does.
+// The rules that differ between the libraries that use these operations; the slow paths ask for
+// them. `look_at` sees the operands before anything else does.
 struct own_rules {
-  // The high word of the least magnitude that a comparison need not look at: here a zero's is the
-  // only one to be careful with.
+  // The common path of a comparison takes magnitudes whose high word is at least this. Here it
+  // takes all, unless both high words are 0.
   static constexpr uint64_t least_compared = 0;
-  // Whether widening quiets signalling NaNs and raises flags. Here it moves bits.
+  // Whether widening quiets signalling NaNs and raises flags. Here it only moves bits.
   static constexpr bool widening_computes = false;
 
   static void look_at(uint128, uint128) {}

@@ -46,11 +46,11 @@ template <class F, class Operand>
   return value_of<F>(narrow_any<F>(a.word()));
 }
 
-// A number well inside the target's range, which a special one's exponent never is.
+// The common path: the exponent is well inside the target's range, so the number is not special.
 //
-// To a float, the processor rounds. Where the guard word comes from the low word alone, one shift
-// puts exponent and fraction in place: after its bias is changed, the exponent's top bits are
-// zeros, and the shift drops them and the sign.
+// The processor rounds to a float. If the guard word comes from the low word alone, one shift puts
+// exponent and fraction in place. After the bias is changed, the exponent's top bits are zeros. The
+// shift drops them and the sign.
 template <class F, class Operand>
 [[gnu::always_inline]] inline auto narrow(Operand operand) {
   const uint128 w = operand.word();

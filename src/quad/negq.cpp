@@ -1,4 +1,4 @@
-// Negation: flips the sign bit of anything, in silence.
+// Negation: flips the sign bit of any operand and raises nothing.
 #include "quad/formats.h"
 #include "zorvac/quad.h"
 

@@ -12,24 +12,23 @@ namespace {
   return exponent == 0 || exponent == binary128::special_exponent;
 }
 
-// Whether the exponent is so far from its ends that neither a product nor a quotient of two such
-// numbers comes near them: from 2^-8191 below 2^8191. One addition and one comparison do.
+// Whether the magnitude is from 2^-8191 to below 2^8191. Products and quotients of two such numbers
+// are normal numbers. This takes one addition and one comparison.
 [[gnu::always_inline]] constexpr bool is_moderate(binary128::word w) {
   constexpr int exponent_place = binary128::fraction_bits - 63;
   constexpr uint64_t first = binary128::bias - 8191, past = binary128::bias + 8191;
   return (high(w) << 1) - (first << exponent_place) < (past - first) << exponent_place;
 }
 
-// Whether a result with this exponent is neither tiny nor beyond the largest number, be the
-// exponent larger by 1 after rounding.
+// Whether a result with this exponent is a normal number, even if rounding adds 1 to the exponent.
 template <class F>
 [[gnu::always_inline]] constexpr bool is_safe_exponent(int exponent) {
   return static_cast<unsigned>(exponent - 1) < unsigned{F::special_exponent - 2};
 }
 
-// Whether two operands need no more care than the common path of multiplication and division takes.
-// Operands outside the moderate range may still be finite and non-zero, and their result may still
-// be a normal number. Its exponent is then `exponent_of` or one more.
+// Whether two operands can take the common path of multiplication or division. Outside the moderate
+// range they may still be normal numbers, and so may the result. Its exponent is then `exponent_of`
+// or one more.
 template <class ExponentOf>
 [[gnu::always_inline]] constexpr bool is_common_case(binary128::word a, binary128::word b,
                                                      ExponentOf exponent_of) {
@@ -41,7 +40,7 @@ template <class ExponentOf>
          is_safe_exponent<f>(exponent + 1);
 }
 
-// The sign and the exponent as they stand at the top of a number.
+// The sign and the exponent, from the top of a number.
 [[gnu::always_inline]] constexpr uint64_t head_of(binary128::word w) {
   return high(w) >> (binary128::fraction_bits - 64);
 }

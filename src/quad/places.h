@@ -1,13 +1,13 @@
 #ifndef ZORVAC_QUAD_PLACES_H
 #define ZORVAC_QUAD_PLACES_H
-// Where a routine finds its operands and where it leaves its result. The arithmetic is written once
-// over both, and works on words in general registers; an entry is a coat of one line around it.
+// Where a routine finds its operands and where it leaves its result. The arithmetic is a template
+// over both, and works on words in general registers. An entry is one line around it.
 //
-// An operand is one of these and has a member word(). It goes to the slow path as it came, so that
-// the common path keeps nothing for it.
+// An operand has a member word(). The slow path gets the operand itself, so that the common path
+// need not keep the word for it.
 //
-// A result is called with the word as the last thing that a routine does: `return result(word)`.
-// Whatever is to trap has trapped by then. The slow path is the last thing, too, and is jumped to.
+// The last thing that a routine does is to call the result with the word: `return result(word)`. By
+// then, all traps have happened. A call of the slow path is the last thing, too, and so a jump.
 #include "quad/formats.h"
 
 namespace zorvac::softfp {

@@ -1,4 +1,4 @@
-// Quads to smaller floating-point formats, by address.
+// Quads in memory to smaller floating-point formats.
 #include "quad/narrow.h"
 #include "zorvac/quad.h"
 

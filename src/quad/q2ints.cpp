@@ -1,7 +1,7 @@
-// Quads to integers of 32 and 64 bits, by address.
+// Quads in memory to integers of 32 and 64 bits.
 //
-// What cannot be represented gives the integer indefinite, the most negative number of the type
-// or the same bits unsigned, and raises IE.
+// A number out of range raises IE and gives the integer indefinite: the most negative number of the
+// type, or the same bits unsigned.
 #include <type_traits>
 
 #include "quad/rounding.h"
@@ -33,7 +33,7 @@ template <class Integer>
   return shift_right_sticky(high(significand), low(significand), q::bias + 63 - exponent);
 }
 
-// The rounding argument. Whatever it does not know goes to `Otherwise`.
+// The rounding argument. An unknown one is `Otherwise`.
 template <rounding Otherwise>
 constexpr rounding rounding_of(int argument) {
   switch (argument) {
@@ -62,8 +62,8 @@ template <class Integer, rounding Otherwise>
   return signed_integer<Integer>(negative, magnitude + increment);
 }
 
-// The range is judged by the exponent alone, and of 32 bits one binade wider than the type:
-// compiled programs rely on 33-bit values wrapping.
+// The exponent alone decides whether a number is in range. For 32 bits the range is one binade
+// wider than the type: that 33-bit values wrap is part of the interface.
 template <class Integer>
 constexpr int end_of_range = q::bias + (width<Integer> == 32 ? 33 : width<Integer>);
 
@@ -73,7 +73,7 @@ template <class Integer>
   return exponent >= q::bias && (exponent >= end_of_range<Integer> || q::negative(w));
 }
 
-// Any number.
+// Takes any number.
 template <class Integer>
 [[gnu::always_inline]] inline Integer truncate_to_unsigned(uint128 w) {
   if (is_out_of_range<Integer>(w)) [[unlikely]]
@@ -102,7 +102,7 @@ std::int64_t __qtoj(const void* a, int mode) {
   return round_to_signed<std::int64_t, rounding::toward_zero>(w, mode);
 }
 
-// What is out of range becomes a NaN, and that without a branch: the sign may be unpredictable.
+// A number out of range becomes a NaN, without a branch: the sign may be unpredictable.
 std::uint32_t __qtou(const void* a) {
   const uint128 w = load(a);
   if (!has_sticky_double(w)) [[unlikely]]

@@ -1,4 +1,4 @@
-// Comparison by address. The quiet predicates never raise a flag; the ordering ones raise IE for
+// Comparison of quads in memory. Equality never raises a flag. The ordering predicates raise IE for
 // any NaN and are false.
 #include "quad/compare.h"
 #include "quad/nan.h"

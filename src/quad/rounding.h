@@ -2,10 +2,10 @@
 #define ZORVAC_QUAD_ROUNDING_H
 // The one place that rounds, and that knows overflow and underflow (IEEE 754-2019, 4.3, 7.4, 7.5).
 //
-// A result arrives exactly: a significand of the format's precision and, for everything below it,
-// a 64-bit guard word, left-aligned. The lowest bit of the guard word is sticky: whatever is lost
-// further down is ORed into it, so that "exactly half" stays distinct from "just above half",
-// which is all that rounding needs.
+// A result arrives exact: a significand of the format's precision and, for everything below it, a
+// 64-bit guard word, left-aligned. The lowest bit of the guard word is sticky: everything lost
+// further down is ORed into it, so that "exactly half" stays distinct from "just above half". That
+// is all that rounding needs.
 #include "core/mxcsr.h"
 #include "quad/flags.h"
 #include "quad/formats.h"
@@ -14,7 +14,7 @@
 namespace zorvac::softfp {
 namespace {
 
-// MXCSR's rounding-control field, and a direction that only some conversions to integer know.
+// MXCSR's rounding-control field, and a direction that only some conversions to integer use.
 enum class rounding : std::uint32_t { to_nearest, down, up, toward_zero, away_from_zero };
 
 [[gnu::always_inline]] inline rounding rounding_control() {
@@ -23,7 +23,7 @@ enum class rounding : std::uint32_t { to_nearest, down, up, toward_zero, away_fr
 
 constexpr uint64_t half = uint64_t{1} << 63;
 
-// Whether a magnitude with this guard word is to be incremented. A tie goes to the even neighbour:
+// Whether rounding increments a magnitude with this guard word. A tie goes to the even neighbour:
 // up from an odd number and down from an even one.
 constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard) {
   switch (mode) {
@@ -40,19 +40,18 @@ constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard)
   }
   return false;
 }
-// The same for an inexact result where the mode is known not to be to nearest.
+// The same for an inexact result, in a mode other than to nearest.
 [[gnu::always_inline]] inline uint64_t rounds_up_directed(bool negative) {
   return rounding_control() == (negative ? rounding::down : rounding::up);
 }
 
-// Raises PE where a result is not exact, and tells whether it is to be rounded to nearest. For an
-// exact result the answer is yes, in every mode: rounding does not change it. Whether it is exact
-// decides on the addends, not on a branch.
+// Raises PE if a result is inexact, and returns whether to round it to nearest. For an exact result
+// the answer is yes in every mode: rounding does not change it. There is no branch: exactness
+// selects the addends.
 //
-// Storing MXCSR may stall a processor for as long as all the rest of an addition takes. But the
-// mode shows in what the sum that raises PE comes out as, beside a second one: only when rounding
-// to nearest is 1 + 3/4 ulp more than 1 + (next to nothing). So MXCSR itself is stored for the
-// other modes only.
+// Storing MXCSR may stall a processor for as long as the rest of an addition takes. But two sums
+// that raise PE show the mode: only when rounding to nearest is 1 + 3/4 ulp more than 1 + (the
+// smallest normal number). So MXCSR is stored in the other modes only.
 [[gnu::always_inline]] inline bool raise_inexact_to_nearest(
     uint64_t all_ones_if_inexact = ~uint64_t{0}) {
   const double* const at_exact = p_addends;
@@ -64,11 +63,11 @@ constexpr bool rounds_up(rounding mode, bool negative, bool odd, uint64_t guard)
   return by_most_of_ulp > by_next_to_nothing;
 }
 
-// Rounds `packed`, a result put together already, raising PE where it is not exact. `beyond` holds
+// Rounds `packed`, a result already put together, and raises PE if it is inexact. `beyond` holds
 // the bits below the guard word. Only whether it is zero matters.
 //
-// The usual case, neither exact nor a tie, is rounded to nearest by the guard word's top bit; for
-// all others that bit is set to what they need.
+// In the usual case, to nearest and neither exact nor a tie, the guard word's top bit is the
+// increment. In the other cases that bit is set to the increment.
 template <class F>
 [[gnu::always_inline]] inline typename F::word rounded(typename F::word packed, uint64_t guard,
                                                        uint64_t beyond = 0) {
@@ -81,14 +80,15 @@ template <class F>
   return add_top_bit(packed, guard);
 }
 
-// The same for a quad. There is no branch for exact results: about one sum in ten is exact, which
-// no predictor foresees.
+// The same for a quad. There is no branch for exact results: about one sum in ten is exact, and a
+// processor cannot predict which.
 [[maybe_unused, gnu::always_inline]] inline uint128 rounded_sum(three_words packed) {
   if (!raise_inexact_to_nearest(all_ones_unless_zero(packed.guard))) [[unlikely]]
     packed.guard = -rounds_up_directed(packed.high >> 63 != 0);
   return rounded_by_guard(packed);
 }
-// And of one that is neither exact nor a tie, from twice its significand and what goes on top.
+// The same for a quad that is neither exact nor a tie, from twice its significand. `head` is added
+// to the high word.
 [[maybe_unused, gnu::always_inline]] inline uint128 rounded_half_inexact(uint64_t head,
                                                                          uint128 doubled) {
   uint64_t last = low(doubled);
@@ -103,7 +103,7 @@ struct guarded {
   uint64_t guard;
 };
 
-// Shifts right by any distance from 0 up; what falls out at the right enters the guard word.
+// Shifts right by any distance from 0 up. The bits shifted out enter the guard word.
 //
 //   significand                    guard word
 //   ....................|..........--->|..................s    s is sticky
@@ -122,8 +122,8 @@ constexpr guarded<Word> shift_right_sticky(Word significand, uint64_t guard, int
           low(wide) << (64 - distance) | guard >> distance | lost};
 }
 
-// Infinity where the rounding direction leads away from zero, else the largest number: what a
-// number just short of infinity, the largest one's successor, rounds to.
+// Infinity, or the largest number in directions that do not lead away from zero: what a number just
+// below infinity rounds to.
 template <class F>
 typename F::word overflow(bool negative) {
   raise_overflow_inexact();
@@ -131,12 +131,12 @@ typename F::word overflow(bool negative) {
                         F::largest + rounds_up(rounding_control(), negative, true, ~uint64_t{0}));
 }
 
-// What happens to a tiny result that is exact. IEEE 754-2019, 7.5, raises underflow for it where
-// the program has asked for a trap.
+// What happens to a tiny result that is exact. IEEE 754-2019, 7.5, raises underflow for it if the
+// program has asked for a trap.
 enum class exact_underflow { ignored, raised_if_unmasked };
 
-// A result below the normal numbers. Tininess is judged after rounding: only a number that rounds
-// up to the smallest normal number when rounded to full precision is not tiny.
+// A result below the normal numbers. Tininess is detected after rounding: the result is not tiny
+// only if it becomes the smallest normal number when it is rounded to full precision.
 template <class F, exact_underflow Exact>
 typename F::word pack_tiny(bool negative, int exponent, typename F::word significand,
                            uint64_t guard) {
@@ -166,7 +166,7 @@ template <class F, exact_underflow Exact>
   return F::magnitude(packed) == F::infinity ? overflow<F>(negative) : packed;
 }
 
-// Rounds a result and puts it together, raising what is due. `exponent` is the biased exponent of
+// Rounds a result, puts it together and raises its exceptions. `exponent` is the biased exponent of
 // the leading one, in any range, and the significand has its leading one in place.
 template <class F, exact_underflow Exact = exact_underflow::ignored>
 [[gnu::always_inline]] inline typename F::word round_and_pack(bool negative, int exponent,
@@ -178,7 +178,7 @@ template <class F, exact_underflow Exact = exact_underflow::ignored>
   return rounded<F>(F::signed_word(negative, pack<F>(exponent, significand)), guard, beyond);
 }
 
-// The same for a result that is neither tiny nor beyond infinity, raising nothing at all.
+// The same for a result that is not tiny and rounds to infinity at most. Raises nothing.
 template <class F>
 [[gnu::always_inline]] inline typename F::word round_and_pack_silently(bool negative, int exponent,
                                                                        typename F::word significand,

@@ -1,6 +1,6 @@
 #ifndef ZORVAC_QUAD_TO_INTEGER_H
 #define ZORVAC_QUAD_TO_INTEGER_H
-// Numbers to integers, truncated. What is out of range is the caller's business.
+// Numbers to integers, truncated. The caller handles numbers out of range.
 #include "quad/flags.h"
 #include "quad/formats.h"
 #include "quad/sticky_double.h"
@@ -8,13 +8,13 @@
 namespace zorvac::softfp {
 namespace {
 
-// The significand of a normal number, its leading one at the top of two words.
+// The significand of a normal number, with its leading one at the top of two words.
 [[gnu::always_inline]] constexpr uint128 significand_at_top(uint128 w) {
   return make_uint128(uint64_t{1} << 63 | high(w) << 15 | low(w) >> 49, low(w) << 15);
 }
 
-// The integer part alone, of a normal number, raising PE for any fraction. A number below 1 is no
-// case of its own: whether an operand is one may be unpredictable.
+// The integer part of the magnitude of a normal number below 2^64. Raises PE for any fraction.
+// There is no branch for numbers below 1: it may be unpredictable.
 [[gnu::always_inline]] inline uint64_t truncate(uint128 w) {
   const uint128 significand = significand_at_top(w);
   const int distance = binary128::bias + 63 - binary128::exponent(w);
@@ -37,8 +37,8 @@ template <class Integer>
   return static_cast<Integer>((magnitude ^ mask) - mask);
 }
 
-// The integer part of a number of any format, from 1 to below 2^128. One shift to the right serves
-// all magnitudes: 0 to 127 places from the top.
+// The integer part of a magnitude of any format, from 1 to below 2^128: one shift to the right, by
+// 0 to 127 places from the top.
 template <class F>
 [[gnu::always_inline]] inline uint128 truncate_wide(typename F::word w) {
   const uint128 significand = uint128{F::fraction(w) | F::leading_one} << (127 - F::fraction_bits);

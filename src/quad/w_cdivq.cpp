@@ -1,5 +1,5 @@
 // The quotient of two complex quads, under two names: by the reciprocal of the divisor's squared
-// magnitude, as in the textbook. Scaling would give other bits than compiled programs expect.
+// magnitude. There is no scaling: it would give other bits, and the bits are part of the interface.
 #include "quad/w_complex.h"
 
 using namespace zorvac::complex_quad;

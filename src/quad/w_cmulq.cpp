@@ -1,4 +1,5 @@
-// The product of two complex quads, under two names: four products, no rescue of infinities.
+// The product of two complex quads, under two names: four products. NaNs are not corrected to
+// infinities.
 #include "quad/w_complex.h"
 
 using namespace zorvac::complex_quad;

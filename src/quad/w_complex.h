@@ -4,8 +4,8 @@
 //
 // Every entry is a few calls of exported quad routines, in the order that the public header
 // promises, and each call goes through the dynamic symbol, so that a program may replace the
-// routine. An entry never rounds or raises a flag by itself. Where the last call's arguments allow
-// it the call is in tail position, and becomes a jump.
+// routine. An entry never rounds or raises a flag by itself. If its arguments allow it, the last
+// call is in tail position, and becomes a jump.
 #include <cstdint>
 #include <cstring>
 
@@ -26,7 +26,7 @@ inline constexpr int part_bytes = 16;
   return static_cast<const char*>(q) + part_bytes;
 }
 
-// A quad between two operations.
+// A temporary quad.
 struct part {
   std::uint64_t low, high;
 };
@@ -35,15 +35,14 @@ struct part {
   std::memset(imaginary(q), 0, part_bytes);
 }
 
-// The stores of two entries that leave bytes 16 to 19 of a complex quad as they were, and clear 0
-// to 3 and 20 to 31: a contract with compiled programs, which have always seen them so.
+// The stores of two entries, which clear bytes 0 to 3 and 20 to 31 of a complex quad and leave 16
+// to 19 unchanged. Part of the interface.
 [[gnu::always_inline]] inline void clear_partially(void* q) {
   std::memset(q, 0, 4);
   std::memset(static_cast<char*>(q) + 20, 0, 12);
 }
 
-// A sum or a difference, by the operation on parts. The real part is written before the imaginary
-// operands are read.
+// Adds or subtracts part by part. The real part is written before the imaginary operands are read.
 [[gnu::always_inline]] inline void part_by_part(void (*operation)(void*, const void*, const void*),
                                                 void* result, const void* ar, const void* ai,
                                                 const void* br, const void* bi) {
@@ -51,7 +50,7 @@ struct part {
   operation(imaginary(result), ai, bi);
 }
 
-// Two floats or doubles to a complex quad; they are read before anything is written.
+// Two floats or doubles to a complex quad. Both are read before anything is written.
 template <class Part>
 [[gnu::always_inline]] inline void widen(void (*convert)(void*, Part), void* q, const void* value) {
   Part parts[2];
@@ -60,7 +59,7 @@ template <class Part>
   convert(imaginary(q), parts[1]);
 }
 
-// And back. The first is stored before the second is converted.
+// A complex quad to two floats or doubles. The first is stored before the second is converted.
 template <class Part>
 [[gnu::always_inline]] inline void narrow(Part (*convert)(const void*), void* value,
                                           const void* q) {

@@ -1,6 +1,6 @@
-// a_ltoq is __ltoq under a second name, but its argument, which lies on the stack above the return
-// address, passes through the x87 on the way. An 80-bit load and store change no value and raise
-// no exception, signalling NaNs included.
+// a_ltoq is __ltoq under a second name, but its argument passes through the x87 first. It is on the
+// stack above the return address. An 80-bit load and store change no value and raise no exception,
+// not even for signalling NaNs.
 #include "core/dispatch.inc"
 
 open a_ltoq

@@ -1,4 +1,4 @@
-// a_qtoc is __qtoi for callers that keep 8 bits of the result; narrowing it is theirs.
+// a_qtoc is __qtoi for callers that keep 8 bits of the result. The caller narrows it.
 #include "core/dispatch.inc"
 
 forward a_qtoc, __qtoi

@@ -1,4 +1,4 @@
-// A complex quad, partially, from a quad: the real part loses its lowest 32 bits.
+// A complex quad from a quad, stored in part: the real part loses its lowest 32 bits.
 #include "quad/w_complex.h"
 
 using namespace zorvac::complex_quad;

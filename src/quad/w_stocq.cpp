@@ -1,4 +1,4 @@
-// A complex quad, partially, from a 16-bit integer, which not every caller extends.
+// A complex quad, stored in part, from a 16-bit integer, which not every caller extends.
 #include "quad/w_complex.h"
 
 using namespace zorvac::complex_quad;

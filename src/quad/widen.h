@@ -37,7 +37,7 @@ template <class F, class Rules, class Result>
   return result(widen_special<F, Rules>(w));
 }
 
-// The magnitude's fraction moves to the top of the wider one, and the exponent to its place.
+// One shift moves the fraction to the top of the wider one, and the exponent to its place.
 template <class F, class Rules, class Result>
 [[gnu::always_inline]] inline auto widen(Result result, typename F::word w) {
   const int exponent = F::exponent(w);
@@ -48,8 +48,8 @@ template <class F, class Rules, class Result>
       F::negative(w), (uint128{F::magnitude(w)} << added_fraction_bits<F>)+bias_difference));
 }
 
-// The exponents of an 80-bit number and of a quad have the same width and bias: the word is shifted
-// as it is.
+// The exponents of an 80-bit number and of a quad have the same width and bias, so one shift is
+// enough.
 [[gnu::always_inline]] constexpr uint128 widened(x87::word w) {
   return w << added_fraction_bits<x87>;
 }

@@ -1,11 +1,11 @@
 #ifndef ZORVAC_QUAD_WORDS_H
 #define ZORVAC_QUAD_WORDS_H
-// Exact integers of two words and of three, a significand with its guard word below it. The
-// arithmetic spends its time here, so no operation has a branch, nor a double shift (SHLD, SHRD),
-// which some processors take apart into half a dozen steps.
+// Exact integers of two words, and of three: a significand with its guard word below it. The
+// arithmetic spends its time here, so no operation has a branch or a double shift (SHLD, SHRD),
+// which takes some processors about six steps.
 //
-// Written in assembler is what compilers have no good words for: carries that run through three
-// words, exchanges without a branch, shifts of several words by one count.
+// Assembler is used where compilers generate poor code: carries through three words, exchanges
+// without a branch, shifts of several words by one count.
 #include "quad/formats.h"
 
 namespace zorvac::softfp {
@@ -15,7 +15,7 @@ struct two_words {
   uint64_t high, low;
 };
 
-// Without a branch, in two steps that compilers do not know.
+// Two instructions without a branch, which compilers do not find.
 [[gnu::always_inline]] inline uint64_t all_ones_unless_zero(uint64_t x) {
   asm("neg %[x]\n\t"
       "sbb %[x], %[x]"
@@ -25,7 +25,7 @@ struct two_words {
   return x;
 }
 
-// Compilers want a product of two words side by side, and empty other registers for it.
+// Compilers keep a product of two words in neighbouring registers, and free these for it.
 [[gnu::always_inline]] inline two_words multiply_words(uint64_t a, uint64_t b) {
   two_words product;
   asm("mul %[b]" : "=a"(product.low), "=d"(product.high) : "%a"(a), [b] "r"(b) : "cc");
@@ -42,13 +42,13 @@ struct two_words {
   return sum;
 }
 
-// Shifts to the right by 0 to 63. The bits that go from a word into the next one move 63 - n places
-// to the left, the complement of n, after the first; so they do below.
+// Shifts to the right by 0 to 63. The bits that go into the next word move to the left by 64 - n:
+// by 1, and then by 63 - n, which is the complement of n. The shifts below do the same.
 [[gnu::always_inline]] constexpr two_words operator>>(two_words x, int n) {
   return {x.high >> n, x.high << 1 << (~n & 63) | x.low >> n};
 }
 
-// Exchanges `a` and `b` where `x` < `y`, by conditional moves. Compilers would rather branch.
+// Exchanges `a` and `b` if `x` < `y`, by conditional moves. Compilers would branch.
 [[gnu::always_inline]] inline void exchange_if_less(uint64_t x, uint64_t y, uint128& a,
                                                     uint128& b) {
   uint64_t a_low = low(a), a_high = high(a), b_low = low(b), b_high = high(b);
@@ -87,7 +87,7 @@ struct three_words {
   return {x.high ^ mask, x.low ^ mask, x.guard ^ mask};
 }
 
-// `a`, with an empty guard word, plus `b` where `negate` is 0, minus `b` where it is all ones.
+// `a`, with an empty guard word, plus `b` if `negate` is 0, or minus `b` if `negate` is all ones.
 [[gnu::always_inline]] inline three_words add_or_subtract(uint128 a, three_words b,
                                                           uint64_t negate) {
   uint64_t sum_high = high(a), sum_low = low(a);
@@ -103,8 +103,8 @@ struct three_words {
   return {sum_high, sum_low, b.guard};
 }
 
-// Doubles `x` where its high word lacks `bit`, and adds `bit` to that word where it does not. Both
-// are computed while the condition is, then moved.
+// Doubles `x` if its high word lacks `bit`, else adds `bit` to that word. Both results and the
+// condition are computed in parallel. Conditional moves take one result.
 [[gnu::always_inline]] inline void double_or_add(three_words& x, uint64_t bit) {
   three_words twice = x;
   uint64_t high = x.high + bit;
@@ -122,7 +122,7 @@ struct three_words {
   x.high = high;
 }
 
-// By 0 to 63.
+// Shifts to the left by 0 to 63.
 [[gnu::always_inline]] inline three_words operator<<(three_words x, unsigned n) {
   uint64_t from_low = x.low >> 1, from_guard = x.guard >> 1;
   asm("shl %%cl, %[high]\n\t"
@@ -156,7 +156,7 @@ struct three_words {
   return {x.high, x.low, guard};
 }
 
-// `x` and 1 where the guard word's top bit is set.
+// `x` plus the guard word's top bit.
 [[gnu::always_inline]] inline uint128 add_top_bit(uint128 x, uint64_t guard) {
   uint64_t x_high = high(x), x_low = low(x);
   asm("add %[guard], %[guard]\n\t"
@@ -171,7 +171,7 @@ struct three_words {
   return x + (guard >> 63);
 }
 
-// Half of `x`. Its lowest bit is to be 0.
+// Half of `x`, whose lowest bit must be 0.
 [[gnu::always_inline]] inline three_words halved(three_words x) {
   asm("shr %[high]\n\t"
       "rcr %[low]\n\t"
@@ -182,8 +182,8 @@ struct three_words {
   return x;
 }
 
-// `x` rounded to an integer by its guard word, a tie to the even one: 1 is added where the guard
-// word is more than a half or, to an odd number, as much.
+// The significand of `x` rounded by the guard word, ties to even: 1 is added if the guard word is
+// more than a half, or equal to a half and the significand is odd.
 [[gnu::always_inline]] inline uint128 rounded_by_guard(three_words x) {
   uint64_t half = uint64_t{1} << 63;
   asm("bt $0, %[low]\n\t"
@@ -196,7 +196,7 @@ struct three_words {
   return x.significand();
 }
 
-// Half of `x`, a half rounded up, and `head` on top of the high word.
+// Half of `x`, rounded up, with `head` added to the high word.
 [[gnu::always_inline]] inline uint128 add_half(uint64_t head, uint128 x) {
   uint64_t x_high = high(x), x_low = low(x);
   asm("shr %[high]\n\t"

@@ -1,4 +1,4 @@
-// Addition and subtraction by address.
+// Addition and subtraction of quads in memory.
 #include "quad/add.h"
 #include "zorvac/quad.h"
 

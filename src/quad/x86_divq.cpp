@@ -1,4 +1,4 @@
-// Division by address. One body serves both processor classes.
+// Division of quads in memory. Both processor classes have the same code.
 #include "core/export.h"
 #include "quad/divide.h"
 

@@ -1,4 +1,4 @@
-// The dispatcher of multiplication. The level below SSSE3 is the low byte of the indicator.
+// The dispatcher of multiplication.
 #include "core/dispatch.inc"
 
 dispatch __mulq

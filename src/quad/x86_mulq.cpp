@@ -1,4 +1,4 @@
-// Multiplication by address. One body serves both processor classes.
+// Multiplication of quads in memory. Both processor classes have the same code.
 #include "core/export.h"
 #include "quad/multiply.h"
 

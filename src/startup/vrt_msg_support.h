@@ -20,7 +20,7 @@ inline constexpr int uninitialized_use = 25;
 inline constexpr int buffer_overrun = 26;
 inline constexpr int no_error = 40;
 inline constexpr int no_unwinder = 41;
-// The processors that a program was built for, by what they have at least.
+// The processors that a program was built for, by the features that they all have.
 inline constexpr int ssse3_processors = 42;
 inline constexpr int sse3_processors = 43;
 inline constexpr int quoral_m_processors = 44;

@@ -1,4 +1,4 @@
-// The one place that calls routines, and compares.
+// The one place that calls routines and compares their effects.
 #include <ucontext.h>
 
 #include <csignal>
@@ -11,7 +11,7 @@
 namespace zorvac::test {
 
 void set(const registers& r) {
-  const std::uint16_t environment[14] = {r.control, 0, r.status, 0, 0xffff};  // as FLDENV has it
+  const std::uint16_t environment[14] = {r.control, 0, r.status, 0, 0xffff};  // FLDENV's image
   asm volatile("fnclex\n\tfldenv %0" : : "m"(environment));
   __builtin_ia32_ldmxcsr(r.mxcsr);
 }
@@ -47,10 +47,10 @@ std::string difference(const registers& expected, const registers& seen) {
 
 namespace {
 
-// 24-bit precision, rounding up, all exceptions masked: nothing may look at it, nor change it.
+// 24-bit precision, rounding up, all exceptions masked: no routine may depend on it or change it.
 constexpr std::uint16_t unlikely_control = 0x087f;
 
-// What traps goes on with all exceptions masked, which tells that it did.
+// After a trap, the routine goes on with all exceptions masked. The masks show that it trapped.
 int catch_traps() {
   struct sigaction action {};
   action.sa_flags = SA_SIGINFO;
@@ -70,7 +70,7 @@ struct outcome {
   bool operator==(const outcome&) const = default;
 };
 
-// The first difference. Memory is told by its place in the result, or before or behind it.
+// The first difference. A place in memory is an offset from the result.
 std::string difference(const outcome& expected, const outcome& seen, std::ptrdiff_t result_at) {
   for (std::size_t at = 0; at < span; at += 8)
     if (const auto e = expected.memory[at / 8], s = seen.memory[at / 8]; e != s)
@@ -79,14 +79,13 @@ std::string difference(const outcome& expected, const outcome& seen, std::ptrdif
   return difference(expected.after, seen.after);
 }
 
-// In what circumstances a routine is called; mostly with nothing unusual but where operands lie.
-// None changes the result, nor the flags. What is raised where the processor flushes is left to the
-// delicate cases.
+// The circumstances of a call. In most calls only the places of the operands vary. None of them may
+// change the result or the flags. The flags under flush modes are in the difficult cases.
 struct circumstances {
   kind takes;
   unsigned rounding;
   case_random random;
-  std::size_t result_over = random.below(1 + operand_count(takes));  // an operand; 0: apart
+  std::size_t result_over = random.below(1 + operand_count(takes));  // an operand; 0: none
   bool at_page_end = result_over == 0 && random.one_in(2);           // else aligned to 8
   std::uint64_t indicator = random.one_in(2) ? level::sse3 : level::generic;
   std::size_t unusual = random.below(12);
@@ -132,7 +131,7 @@ std::string check(const routine& r, const operands& in, unsigned rounding, std::
   };
   __zorva_cpu_feature_indicator = when.indicator;
 
-  // The oracle may use the x87, which then rounds alike.
+  // The oracle may use the x87, which rounds in the same mode.
   registers begin{all_masked | rounding << rounding_shift,
                   static_cast<std::uint16_t>(initial.control | rounding << 10), 0};
   unsigned flags = 0;
@@ -144,8 +143,8 @@ std::string check(const routine& r, const operands& in, unsigned rounding, std::
   begin.control = unlikely_control;
   expected.after = {begin.mxcsr | (flags & all_flags), unlikely_control,
                     static_cast<std::uint16_t>(flags >> x87_flags_shift & all_flags)};
-  // A subnormal operand traps as underflow too, since the operation that raises it has a tiny
-  // result. What traps is done again, all exceptions masked.
+  // A subnormal operand traps as underflow too, because the operation that raises DE has a tiny
+  // result. After a trap the operation runs again with all exceptions masked.
   const unsigned trapping =
       when.unmasked == underflow ? underflow | denormal | exact_underflow : when.unmasked;
   if ((flags & trapping) != 0) expected.after.mxcsr |= all_masked | when.unmasked;

@@ -11,8 +11,8 @@
 namespace zorvac::test {
 namespace {
 
-// Calls a routine with these registers and compares what it returns, and what it leaves. Nothing is
-// computed meanwhile, since exceptions may be unmasked.
+// Calls a routine with these registers, and compares what it returns and the registers afterwards.
+// Nothing is computed in between, because exceptions may be unmasked.
 using result = std::pair<std::uint32_t, registers>;
 void expect_result(const char* name, const registers& before, const result& expected,
                    const std::function<std::uint32_t()>& routine) {
@@ -25,8 +25,8 @@ void expect_result(const char* name, const registers& before, const result& expe
   EXPECT_EQ(difference(expected.second, after), "") << name << " leaves";
 }
 
-// The fields of the abstract control word, and what each value is in the two registers. Values that
-// are not listed change nothing, and are read as 0.
+// The fields of the abstract control word, and each value's bits in the two registers. Values that
+// are not listed change nothing and are read as 0.
 struct setting {
   std::uint32_t abstract, mxcsr, x87;
 };
@@ -67,15 +67,15 @@ result modelled(registers r, std::uint32_t value, std::uint32_t mask, bool is_87
   return {word, r};
 }
 
-// The abstract status word: exception flags lie in both registers as masks do in the x87's.
+// The abstract status word: in both registers the flags have the places of the x87's masks.
 std::uint32_t modelled_status(unsigned flags) {
   const registers masks{0, static_cast<std::uint16_t>(flags), 0};
   return modelled(masks, 0, 0, true).first & 0x0008001f;
 }
 
-// Any masks and values, of whose bits twelve and fewer mean something, from any registers. An x87
-// flag would trap where it is unmasked. Each case has a seed of its own.
-TEST(ControlAndStatusWords, AreThoseOfTheModel) {
+// Random masks, values and registers. Each case has a seed of its own. Where flags are set in the
+// x87 all its exceptions are masked, or the next instruction would trap.
+TEST(ControlAndStatusWords, MatchTheModel) {
   const auto [first, end] = seeds_of_cases(32 << 12);
   for (std::uint64_t seed = first; seed < end && !HasFailure(); ++seed) {
     case_random random(seed);
@@ -101,7 +101,8 @@ TEST(ControlAndStatusWords, AreThoseOfTheModel) {
   }
 }
 
-// One that is unmasked traps at the next instruction that waits: asking does, clearing does not.
+// A pending unmasked exception traps at the next instruction that waits. Reading the status waits,
+// clearing it does not.
 TEST(StatusWord, CanBeClearedWhileAnExceptionIsPending) {
   const registers pending{all_masked, 0x037e, invalid};  // invalid alone is unmasked
   const registers cleared{all_masked, 0x037e, 0};
@@ -116,7 +117,7 @@ TEST(X87State, IsSavedRestoredStoredAndLoaded) {
   const registers last{all_masked, 0x027f, before.status};
   const long double kept = 0x1.23456789abcdefp100L;
   long double back = 0;
-  std::array<std::uint16_t, 55> state = {};  // as FSAVE has it, and a word behind it
+  std::array<std::uint16_t, 55> state = {};  // FSAVE's image, and a word behind it
   std::array<std::uint16_t, 2> control = {}, status = {};
   set(before);
   asm volatile("fldt %0" : : "m"(kept));

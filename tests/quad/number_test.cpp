@@ -1,5 +1,5 @@
-// The C++ value type: what the compiler knows of it, and small things. Its operators, conversions
-// and functions of <cmath> are in the table of routines, its text has a test of its own.
+// The C++ value type: its properties at compile time, and small features. Its operators,
+// conversions and functions of <cmath> are in the table of routines. Its text has its own test.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -10,7 +10,7 @@
 #include "quads.h"
 #include "zorvac/quad.hpp"
 
-// Of libquadmath, whose header is not everywhere.
+// From libquadmath, whose header not every compiler finds.
 extern "C" __float128 expq(__float128);
 extern "C" __float128 powq(__float128, __float128);
 
@@ -22,9 +22,9 @@ using namespace zorvac::literals;
 __extension__ using float128 = __float128;
 using limits = std::numeric_limits<number>;
 
-// ---- What the compiler knows --------------------------------------------------------------------
+// ---- At compile time ----------------------------------------------------------------------------
 
-// Numbers are converted without being asked, truth and characters only when asked.
+// Numbers are converted implicitly, bool and characters only explicitly.
 template <class T>
 constexpr bool implicit = std::is_convertible_v<T, number>;
 template <class T>
@@ -49,7 +49,7 @@ static_assert((number(1) <=> 2) == std::partial_ordering::less);
 static_assert(isnormal(1_q) && !isnormal(limits::denorm_min()) && fpclassify(0_q) == FP_ZERO);
 static_assert(sizeof(std::complex<number>) == 32 && alignof(number) == 8);
 
-// ---- Small things -------------------------------------------------------------------------------
+// ---- Small features -----------------------------------------------------------------------------
 
 TEST(Number, CountsUpAndDown) {
   number x = 5;
@@ -67,7 +67,7 @@ TEST(Number, IsHashedByItsValue) {
   EXPECT_GE(hashes.size(), 1995U);  // 1 is in both series
 }
 
-TEST(Number, MakesComplexNumbers) {
+TEST(Number, WorksInComplexNumbers) {
   using complex = std::complex<number>;
   EXPECT_TRUE(abs(complex(3, -4)) == 5);
   EXPECT_TRUE(abs(exp(complex(0, 3.14159265358979323846264338327950288_q)) + number(1)) < 1e-33_q);
@@ -75,7 +75,7 @@ TEST(Number, MakesComplexNumbers) {
 
 // ---- Functions ----------------------------------------------------------------------------------
 
-TEST(Function, GivesIntegers) {
+TEST(Function, GivesKnownValues) {
   constexpr long least = std::numeric_limits<long>::min();
   EXPECT_EQ(lround(2.5_q), 3);
   EXPECT_EQ(llround(-2.5_q), -3);
@@ -90,7 +90,7 @@ TEST(Function, GivesIntegers) {
   EXPECT_TRUE(signbit(modf(-3_q, &whole)) && modf(limits::infinity(), &whole) == 0);
 }
 
-// By libquadmath, and found as templates look for them.
+// Functions of libquadmath, called as templates call them.
 TEST(Function, IsFoundByItsArgument) {
   using std::exp, std::pow, std::fabs;
   const number x = 1.25;

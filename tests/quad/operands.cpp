@@ -1,4 +1,4 @@
-// Operands, drawn from a seed.
+// Random operands from a seed.
 #include <algorithm>
 #include <bit>
 
@@ -23,14 +23,14 @@ struct generator {
     const auto [ai, bi] = related();
     if (takes == four) return {ar, ai, below(2) != 0 ? br : addend(ar, ai), bi};
     if (takes == pair) return {ar, br};
-    return {operand(), static_cast<word>(below(6) - 1)};  // modes of rounding, two of them unknown
+    return {operand(), static_cast<word>(below(6) - 1)};  // rounding modes, two of them unknown
   }
 
   int below(int n) { return static_cast<int>(random.below(static_cast<unsigned>(n))); }
   word any() { return word{random()} << 64 | random(); }
 
-  // As it lies in memory: in the x87's format with the leading one, now and then the wrong one;
-  // above a narrow number anything.
+  // A number as in memory. The x87's format has the leading one, which is sometimes wrong. The bits
+  // above a narrow number are random.
   word number(bool negative, int exponent, word fraction) {
     const bool leading_one = takes == extended && (exponent != 0) != (below(32) == 0);
     const int exponent_at = fraction_bits + (takes == extended),
@@ -39,7 +39,7 @@ struct generator {
            word{leading_one} << fraction_bits | (fraction & ones(fraction_bits));
   }
 
-  // Single bits, runs of ones, and few leading bits, with a tie behind them, or what lies beside.
+  // Single bits, runs of ones, and few leading bits; half of them changed by up to 2.
   word digits(int width) {
     const word bit = word{1} << below(width), other = word{1} << below(width),
                run = ones(below(width + 1)) ^ ones(below(width + 1)),
@@ -48,7 +48,7 @@ struct generator {
     return (shapes[below(8)] + (below(2) != 0 ? beside : 0)) & ones(width);
   }
 
-  // At or near the ends of the range, of this format and of narrower ones, and where integers are.
+  // At or near the ends of the range of this format and of narrower ones, and near the integers.
   int exponent() {
     const int bias = special / 2, reach = below(2) == 0 ? 2 : 135;
     const int centres[] = {0,         bias - 1074, bias - 149,  bias,
@@ -63,8 +63,8 @@ struct generator {
     return below(2) != 0 ? n : -n;
   }
 
-  // What is so near to -ab that all but the last bits of the product cancel, or lies beside what
-  // decides its rounding.
+  // A number so near to -ab that all but the last bits of the product cancel, or of a size that
+  // decides how the product is rounded.
   word addend(word a, word b) {
     const word product = bits(load<__float128>(&a) * load<__float128>(&b));
     const int far[] = {0, 0, 112, 113, 114, 226};
@@ -73,7 +73,7 @@ struct generator {
     return (below(2) != 0 ? near : near ^ sign) + static_cast<word>(below(3));
   }
 
-  // Two quads that may meet where an operation is delicate.
+  // Two quads that may be a difficult case of an operation.
   std::array<word, 2> related() {
     const word a = operand(), b = operand();
     const int ea = static_cast<int>(magnitude(a) >> 112), near = below(261) - 130;
@@ -83,7 +83,7 @@ struct generator {
                              ea - bias - near / 32};
     const int eb = exponents[below(5)];
     const word met = eb < 0 || eb > special ? b : number(b >> 127 != 0, eb, below(2) != 0 ? a : b),
-               product = bits(load<__float128>(&a) * load<__float128>(&b)),  // of a quotient
+               product = bits(load<__float128>(&a) * load<__float128>(&b)),  // for a quotient
         almost = product + static_cast<word>(below(5) - 2);
     const std::array<word, 2> pairs[] = {
         {a, a}, {a, a ^ word{1} << below(128)}, {almost, b}, {a, b}, {a, met}};

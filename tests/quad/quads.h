@@ -1,8 +1,8 @@
 #ifndef ZORVAC_TESTS_QUAD_QUADS_H
 #define ZORVAC_TESTS_QUAD_QUADS_H
 // What the quad tests and the fuzzer share: quads as words of 128 bits, the registers of the
-// floating-point environment, the table of all routines with what each is held against, and the
-// circumstances of a call.
+// floating-point environment, the table of all routines with their oracles, and the check of a
+// call.
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -29,7 +29,7 @@ constexpr bool is_nan(word q) { return magnitude(q) > infinity; }
 constexpr bool is_signalling(word q) { return is_nan(q) && (q & quiet_bit) == 0; }
 constexpr bool is_subnormal(word q) { return magnitude(q) != 0 && magnitude(q) >> 112 == 0; }
 
-// Of a long double ten bytes count.
+// A long double has ten bytes without its padding.
 template <class T>
 constexpr std::size_t size_of = std::is_same_v<T, long double> ? 10 : sizeof(T);
 template <class T>
@@ -65,11 +65,11 @@ constexpr registers initial{all_masked, 0x037f, 0};
 void set(const registers& r);
 registers current();
 
-// A call of whatever shape: the operands, or what is passed by value, lie every 16 bytes from `in`
-// on; what the routine does not store itself is stored for it.
+// A call of a routine with any signature. The operands or values are every 16 bytes from `in` on.
+// If the routine returns its result, the call stores it.
 using call = void(unsigned char* result, const unsigned char* in);
 
-// Such a call of a routine, by its own shape.
+// Such a call, from the routine's signature.
 template <class T>
 T argument(unsigned char* result, const unsigned char*& in) {
   if constexpr (std::is_same_v<T, void*>)
@@ -88,14 +88,13 @@ void call_as(R (*routine)(T...), unsigned char* result, const unsigned char* in)
     store(result, std::apply(routine, arguments));
 }
 
-// Stores what the call should and tells the flags that it should raise: those of MXCSR, from bit 6
-// on those of the x87, and what is below. It runs in the rounding mode in question, with all flags
-// clear.
+// Stores the expected result and returns the expected flags: those of MXCSR, those of the x87 from
+// bit 6 on, and the bit below. It runs in the rounding mode of the call, with all flags clear.
 using oracle = unsigned(unsigned char* result, const unsigned char* in);
 constexpr int x87_flags_shift = 6;
-constexpr unsigned exact_underflow = 1 << 12;  // no flag, but it traps where underflow is unmasked
+constexpr unsigned exact_underflow = 1 << 12;  // no flag, but it traps if underflow is unmasked
 
-// What a routine takes: as many quads, a quad and a rounding argument, or a value.
+// What a routine takes: one, two or four quads, a quad and a rounding argument, or a value.
 enum class kind { quad, pair, with_mode, four, binary32, binary64, extended, integer };
 constexpr unsigned operand_count(kind takes) {
   if (takes == kind::four) return 4;
@@ -113,19 +112,19 @@ inline std::ostream& operator<<(std::ostream& out, const routine& r) { return ou
 extern const std::vector<routine> routines;
 using operands = std::array<word, 4>;
 
-// Calls every entry and compares all that it could change with the oracle: memory around operands
-// and result, both registers, and the trap where an exception is unmasked. The seed decides on
-// circumstances that should not matter. Returns what was wrong.
+// Calls every entry and compares everything that it could change with the oracle: the memory around
+// operands and result, both registers, and the trap if an exception is unmasked. The seed chooses
+// circumstances that must not matter. Returns the first difference.
 std::string check(const routine& r, const operands& in, unsigned rounding, std::uint64_t seed);
 
-// For messages. Where registers are alike, their difference is empty.
+// For messages. The difference of equal registers is empty.
 std::string names_of(unsigned flags);
 std::string hex(word value, std::size_t bytes = sizeof(word));
 std::string difference(const registers& expected, const registers& seen);
 
-// Random operands where arithmetic and conversion can go wrong, in the manner of the classical test
-// suites: boundary exponents with sparse significands, ties and what lies beside them, pairs that
-// meet where an operation is delicate.
+// Random operands for which arithmetic and conversion are difficult, as in the classical test
+// suites: boundary exponents with sparse significands, ties and their neighbours, pairs that are a
+// difficult case of an operation.
 operands random_operands(kind takes, std::uint64_t seed);
 
 }  // namespace zorvac::test

@@ -1,5 +1,5 @@
-// Every routine in cases where arithmetic is known to go wrong, and on random operands against its
-// oracle. The C++ value type's operators are in the table of routines, too.
+// Every routine in cases that are known to be difficult, and on random operands against its oracle.
+// The C++ value type's operators are in the table of routines, too.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 namespace zorvac::test {
 namespace {
 
-// ---- Delicate cases -----------------------------------------------------------------------------
+// ---- Difficult cases ----------------------------------------------------------------------------
 
 constexpr word minus(word q) { return q | sign; }
 constexpr word power(int n) { return static_cast<word>(n + 16383) << 112; }  // of 2
@@ -29,7 +29,7 @@ constexpr unsigned tiny = denormal | underflow | inexact;
 constexpr unsigned flush_to_zero = mxcsr_bit::flush_to_zero,
                    from_zero = mxcsr_bit::denormals_are_zero;
 
-// A case, with what is stored: in the low words, where that is narrower. It is worked out from IEEE
+// A case and its result, in the low bits if that is narrower. Results are derived by hand from IEEE
 // 754-2019 and docs/quad.md.
 struct row {
   const char* name;
@@ -43,7 +43,7 @@ struct row {
 
 // clang-format off
 const row rows[] = {
-    // NaNs: of two the quiet one, of a kind the larger, of equal ones b where a is positive.
+    // NaNs: the quiet one of two, else the larger, else b if a is positive.
     {"LargerOfTwo", "divq", any, {quiet_nan(5), minus(quiet_nan(9))}, {minus(quiet_nan(9))}, 0},
     {"EqualAfterPlus", "addq", any, {quiet_nan(5), minus(quiet_nan(5))}, {minus(quiet_nan(5))}, 0},
     {"NarrowIsQuieted", "qtof", any, {signalling_nan(bit(89))}, {0x7fc0'0001}, invalid},
@@ -51,8 +51,8 @@ const row rows[] = {
      {quiet_nan(bit(49))}, invalid << x87_flags_shift},
     {"NanIsNotOrdered", "compareq", any, {one, quiet_nan(5)}, {0}, invalid},
 
-    // Subnormal numbers. Where the processor flushes results but takes operands as they are, exact
-    // operations on subnormal operands raise UE and PE.
+    // Subnormal numbers. If the processor flushes results but not operands, exact operations on
+    // subnormal operands raise UE and PE.
     {"SumFlushed", "addq", any, {smallest, smallest}, {2}, tiny, flush_to_zero},
     {"SumOfZeros", "addq", any, {smallest, smallest}, {2}, 0, from_zero},
     {"ProductFlushed", "mulq", any, {smallest, one}, {smallest}, tiny, flush_to_zero},
@@ -61,20 +61,20 @@ const row rows[] = {
     {"ProductOfZeros", "mulq", nearest, {smallest, smallest}, {0}, 0, from_zero},
     {"SubnormalByZero", "divq", any, {smallest, 0}, {infinity}, division_by_zero},
 
-    // Unknown modes of rounding to integers, and where their ranges end.
+    // Unknown modes of rounding to integers.
     {"UnknownModeOf32", "qtoi", any, {two_and_a_half, 5}, {3}, inexact},
     {"UnknownModeOf64", "qtoj", any, {two_and_a_half, 5}, {2}, inexact},
 
-    // Quotients halfway between integers, which random operands do not meet.
+    // Quotients halfway between integers, which random operands do not have.
     {"TieBelowOdd", "remainder", any, {power(0), power(1)}, {one}, 0},
     {"TieAboveOdd", "remainder", any, {three, power(1)}, {minus(one)}, 0},
     {"TieOfMinus", "remainder", any, {minus(three), power(1)}, {one}, 0},
     {"TieIsTruncated", "fmod", any, {minus(three), power(1)}, {minus(one)}, 0},
     {"TieOfSmallest", "remainder", any, {smallest, 2 * smallest}, {smallest}, 0},
 
-    // Complex numbers. With A = 1 + 3/2^57 and B = 1 + 1/2^57, AB lies three quarters of the way
-    // from L = 1 + 4/2^57 to its neighbour H. The parts of (-A + iA)(B + iB) are -AB - AB and
-    // -AB + AB, of products that are rounded to L or H; -H - L is a tie.
+    // Complex numbers. With A = 1 + 3/2^57 and B = 1 + 1/2^57, AB is three quarters of the way from
+    // L = 1 + 4/2^57 to its neighbour H. The parts of (-A + iA)(B + iB) are -AB - AB and -AB + AB,
+    // where each AB is rounded to L or H; -H - L is a tie.
     {"ProductNearest", "cmulq", nearest, {minus(a), a, b, b}, {minus(twice_l + 1), 0}, inexact},
     {"ProductDownward", "cmulq", downward, {minus(a), a, b, b},
      {minus(twice_l + 1), minus(power(-112))}, inexact},
@@ -84,7 +84,7 @@ const row rows[] = {
 };
 // clang-format on
 
-TEST(DelicateCase, IsDoneAsStated) {
+TEST(DifficultCase, HasTheStatedResult) {
   for (const row& c : rows)
     for (const unsigned rounding : {to_nearest, down, up, toward_zero}) {
       if ((c.roundings >> rounding & 1) == 0) continue;
@@ -105,8 +105,8 @@ TEST(DelicateCase, IsDoneAsStated) {
     }
 }
 
-// Where the real parts differ, the imaginary ones are not looked at: here they are not there.
-TEST(ComplexComparison, StopsWhereItIsDecided) {
+// If the real parts differ, the imaginary ones are not read. Here they are null.
+TEST(ComplexComparison, StopsWhenDecided) {
   const word zero = 0;
   EXPECT_EXIT(_exit(__ceqq(&one, nullptr, &zero, nullptr)), testing::ExitedWithCode(0), "");
   EXPECT_EXIT(_exit(__cneq(&one, nullptr, &zero, nullptr)), testing::ExitedWithCode(1), "");
@@ -117,7 +117,7 @@ TEST(ComplexComparison, StopsWhereItIsDecided) {
 class Routine : public testing::TestWithParam<routine> {};
 INSTANTIATE_TEST_SUITE_P(Quad, Routine, testing::ValuesIn(routines), name_of_row);
 
-TEST_P(Routine, DoesAsItsOracleDoes) {
+TEST_P(Routine, MatchesItsOracle) {
   const routine& r = GetParam();
   const auto count = static_cast<std::uint64_t>(random_cases(r.cases));
   const auto [first, end] = seeds_of_cases(count);

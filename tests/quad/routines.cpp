@@ -1,7 +1,7 @@
-// The table of routines, and the oracles. The four operations and the functions of <cmath> are
-// computed by MPFR. All else is what the compiler makes of it on its own __float128, rounded and
-// flagged by MXCSR as ours is. Around both are this library's own rules: which NaN, and when the
-// denormal flag.
+// The table of routines, and the oracles. MPFR computes the four operations and the functions of
+// <cmath>. Everything else is computed by the compiler's own __float128, which uses the rounding
+// and the flags of MXCSR, like ours. Both are completed by this library's own rules: which NaN is
+// the result, and when the denormal flag is raised.
 #include <mpfr.h>
 
 #include <algorithm>
@@ -12,14 +12,13 @@
 #include "quads.h"
 #include "zorvac/quad.hpp"
 
-// Which the header declares for compilers that call the type _Float128.
+// The header declares these only for compilers that call the type _Float128.
 extern "C" int mpfr_set_float128(mpfr_ptr, __float128, mpfr_rnd_t);
 extern "C" __float128 mpfr_get_float128(mpfr_srcptr, mpfr_rnd_t);
 extern "C" __float128 c_library_next(__float128, __float128) __asm__("nextafterf128");
 
 namespace zorvac::test {
 
-// The routines by value of libzorvac_quad.a that the C++ type does not call.
 extern "C" {}
 
 namespace {
@@ -34,8 +33,8 @@ std::vector<call*> calls() {
   return {[](unsigned char* result, const unsigned char* in) { call_as(Routine, result, in); }...};
 }
 
-// What the C++ value type makes of an operation. Its arithmetic shows below, where oracles of
-// complex operations use it.
+// An operation of the C++ value type. Its arithmetic is tested below, through the oracles of
+// complex operations, which use it.
 template <class F>
 auto computed(number a, number b) -> decltype(F()(a, b) + 0) {  // bool becomes int
   return F()(a, b);
@@ -56,7 +55,7 @@ template <auto Scale, long Power>
 number scaled(number a) {
   return Scale(a, Power);
 }
-// The fraction; something else where the power is wrong.
+// The fraction, or another number if the power is wrong.
 number own_fraction(number a) {
   int power = 1;
   const number f = frexp(a, &power);
@@ -66,22 +65,22 @@ number own_fraction(number a) {
 
 // ---- Oracles ----
 
-// By this library or the compiler's, which raises some flags in the x87 and the denormal-operand
-// flag by rules of its own.
+// The flags that this library or the compiler's raised. The compiler's raises some flags in the
+// x87, and has other rules for the denormal-operand flag there.
 unsigned raised() {
   const registers now = current();
   return (now.mxcsr | (now.status & ~denormal)) & all_flags;
 }
 
-// Of two NaNs, or one, quieted. As integers, NaNs are above all numbers, and the quiet ones above
-// the signalling ones.
+// The NaN of the result, quieted, for operands of which at least one is a NaN. As integers, NaNs
+// are above all numbers, and quiet ones above signalling ones.
 word nan_of(word a, word b) {
   const word larger = magnitude(a) > magnitude(b) ? a : b;
   const word chosen = magnitude(a) == magnitude(b) && (a & sign) != 0 ? a : larger;
   return is_nan(chosen) ? chosen | quiet_bit : chosen;
 }
 
-// MPFR's functions, by their shape. The first number is the result, too.
+// MPFR's functions, by signature. The first number is also the result.
 using one_number = int(mpfr_ptr, mpfr_srcptr, mpfr_rnd_t);
 using to_an_integer = int(mpfr_ptr, mpfr_srcptr);
 using two_numbers = int(mpfr_ptr, mpfr_srcptr, mpfr_srcptr, mpfr_rnd_t);
@@ -99,9 +98,9 @@ constexpr bool is_same = false;
 template <auto F>
 constexpr bool is_same<F, F> = true;
 
-// The numbers of binary128 as MPFR's manual does it for IEEE formats (mpfr_subnormalize): its
-// significands are below 1, and exponents reach down to that of the smallest subnormal number. Some
-// functions tell some flags only, but a signalling NaN always.
+// MPFR computes in binary128 as its manual says for IEEE formats (mpfr_subnormalize): its
+// significands are below 1, and its least exponent is that of the smallest subnormal number. `Told`
+// has the flags that a function raises. For a signalling NaN all functions raise invalid.
 template <auto* Operation, unsigned Told = ~0U>
 unsigned arithmetic(unsigned char* result, const unsigned char* in) {
   constexpr std::size_t count = count_of(Operation);
@@ -122,22 +121,22 @@ unsigned arithmetic(unsigned char* result, const unsigned char* in) {
   for (std::size_t i = 0; i < count; ++i) mpfr_set_float128(x[i], load<__float128>(&q[i]), mode);
   mpfr_clear_flags();
   mpfr_subnormalize(x[0], apply(Operation, x, mode), mode);
-  unsigned flags = 0, n = 0;  // MPFR's flags lie in this order; its underflows may be exact
+  unsigned flags = 0, n = 0;  // MPFR's flags have this order; its underflows may be exact
   for (const unsigned flag : {underflow, overflow, invalid, inexact, 0U, division_by_zero})
     flags |= (mpfr_flags_save() >> n++ & 1) != 0 ? flag : 0;
   if ((flags & inexact) == 0) flags &= ~underflow;
   const word value = mpfr_nan_p(x[0]) != 0 ? indefinite : bits(mpfr_get_float128(x[0], mode));
   store(result, value);
 
-  // An invalid operation, or a zero or an infinity that decides the result, keeps the other
-  // operand's size from being seen.
+  // An invalid operation raises no denormal flag, nor does a zero or an infinity that decides the
+  // result.
   constexpr bool divides = is_same<Operation, mpfr_div>, multiplies = is_same<Operation, mpfr_mul>;
   const auto decides = [](word w) {
     return magnitude(w) == infinity || (divides && magnitude(w) == 0);
   };
   const bool decided = value == indefinite || std::any_of(q.begin(), q.end(), decides);
   if (!decided && std::any_of(q.begin(), q.end(), is_subnormal)) flags |= denormal;
-  // A power of two is the quotient of equal significands, which raises nothing whatever happens.
+  // If a quotient is a power of two, the significands are equal: that raises nothing if exact.
   const bool power = (magnitude(value) & (magnitude(value) - 1)) == 0;
   if ((multiplies || (divides && !power)) && is_subnormal(value) && (flags & inexact) == 0)
     flags |= exact_underflow;
@@ -154,10 +153,10 @@ int exponent(mpfr_ptr to, mpfr_srcptr a, mpfr_rnd_t mode) {
   return mpfr_set_si(to, mpfr_get_exp(a) - 1, mode);
 }
 int fraction(mpfr_ptr to, mpfr_srcptr a) {
-  return mpfr_regular_p(a) != 0 ? mpfr_set_exp(to, 0) : 0;  // they are the same
+  return mpfr_regular_p(a) != 0 ? mpfr_set_exp(to, 0) : 0;  // `to` is `a`
 }
 
-// A quiet NaN counts for nothing.
+// A quiet NaN is ignored.
 template <two_numbers* Operation>
 unsigned extreme(unsigned char* result, const unsigned char* in) {
   const auto a = load<word>(in), b = load<word>(in + 16);
@@ -177,7 +176,8 @@ unsigned next(unsigned char* result, const unsigned char* in) {
   return magnitude(r) >> 112 == 0 ? underflow | inexact : 0;
 }
 
-// A difference has the sign of the order, and where it is no number, of infinities, they are equal.
+// `F` is a predicate, or a difference whose sign is the order. It is a NaN for equal infinities,
+// which is neither above nor below 0, like the difference of equal numbers.
 template <class F, unsigned FlagsOfNan = invalid>
 unsigned comparison(unsigned char* result, const unsigned char* in) {
   const auto a = load<__float128>(in), b = load<__float128>(in + 16);
@@ -192,8 +192,9 @@ unsigned copied(unsigned char* result, const unsigned char* in) {
   return 0;
 }
 
-// Complex operations: the stated formulas, in the library's own arithmetic. A sum stores its real
-// part before it reads the imaginary ones, a product or a quotient is complete before.
+// Complex operations: the formulas of the public header, in the library's own arithmetic. A sum
+// stores its real part before it reads the imaginary operands. A product or a quotient reads all
+// operands before it stores anything.
 template <class F>
 unsigned part_by_part(unsigned char* result, const unsigned char* in) {
   for (const int at : {0, 16})
@@ -218,7 +219,8 @@ unsigned complex_equality(unsigned char* result, const unsigned char* in) {
   return 0;
 }
 
-// Some entries clear the imaginary part. Two keep its first four bytes and clear the real one's.
+// Some entries clear the imaginary part. Two of them keep its first four bytes, and clear those of
+// the real part.
 template <oracle* Real, int Kept = 0>
 unsigned and_zero(unsigned char* result, const unsigned char* in) {
   const unsigned flags = Real(result, in);
@@ -227,7 +229,7 @@ unsigned and_zero(unsigned char* result, const unsigned char* in) {
   return flags;
 }
 
-// Of two parts the first is stored before the second is read.
+// If there are two parts, the first is stored before the second is read.
 template <class To, int Parts = 1>
 unsigned narrowed(unsigned char* result, const unsigned char* in) {
   unsigned flags = 0;
@@ -237,7 +239,8 @@ unsigned narrowed(unsigned char* result, const unsigned char* in) {
   }
   return flags | raised();
 }
-// Here they are read together. The compiler's routine quiets signalling NaNs.
+// All parts are read before any is stored. The compiler's routine quiets signalling NaNs, ours does
+// not.
 template <class From, std::size_t Parts = 1>
 unsigned widened(unsigned char* result, const unsigned char* in) {
   for (const From part : load<std::array<From, Parts>>(in)) {
@@ -248,7 +251,7 @@ unsigned widened(unsigned char* result, const unsigned char* in) {
   }
   return 0;
 }
-// The x87's own product with 1 quiets signalling NaNs and raises flags there.
+// The x87's product with 1 quiets signalling NaNs and raises flags in the x87.
 unsigned widened_by_x87(unsigned char* result, const unsigned char* in) {
   const volatile long double unit = 1, product = load<long double>(in) * unit;
   const unsigned flags = current().status;
@@ -256,10 +259,10 @@ unsigned widened_by_x87(unsigned char* result, const unsigned char* in) {
   return flags << x87_flags_shift;
 }
 
-// By the modes of the routines' argument: 0 toward zero, 1 to nearest even, 2 down, 3 up; anything
-// else away from zero for 32 bits and toward zero for 64. Two ranges are not those of their types:
-// unsigned 32 bits take one binade more, which wraps, and signed 128 bits leave out -2^127. The
-// compiler takes an 80-bit number with an exponent of 0 and its leading one stored for 0.
+// The modes of the routines' argument: 0 toward zero, 1 to nearest even, 2 down, 3 up; any other is
+// away from zero for 32 bits and toward zero for 64. Two ranges are not those of their types:
+// unsigned 32 bits have one binade more, which wraps, and signed 128 bits do not have -2^127. The
+// compiler converts an 80-bit number with exponent 0 and its leading one stored to 0.
 enum class mode_of { truncation, by_argument, by_mxcsr };
 template <class To, mode_of Mode = mode_of::truncation, class From = __float128>
 unsigned to_integer(unsigned char* result, const unsigned char* in) {

@@ -1,5 +1,5 @@
-// Templates of other people over the C++ type: Eigen's matrices, Boost.Math's functions. That they
-// compile is most of the test; the results are mathematical constants and identities.
+// The C++ type in other libraries' templates: Eigen's matrices, Boost.Math's functions. Most of the
+// test is that they compile. The results are mathematical constants and identities.
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
@@ -32,7 +32,7 @@ TEST(Eigen, SolvesWhatDoublesCannot) {
   expect_near((h * inverse - matrix::Identity(12, 12)).norm(), 0, 1e-15_q);
 }
 
-// By complex numbers of quads: the roots of x^4 = -4 are 1 + i and its like.
+// With complex numbers of quads: the roots of x^4 = -4 are 1 + i, 1 - i, -1 + i and -1 - i.
 TEST(Eigen, FindsComplexEigenvalues) {
   matrix companion = matrix::Zero(4, 4);
   for (int i = 1; i < 4; ++i) companion(i, i - 1) = 1;

@@ -1,5 +1,5 @@
-// The C++ value type's text: quads against the C library's conversions, and those that are doubles
-// against what the C++ library makes of the double, flag by flag.
+// The C++ value type's text: quads against the C library's conversions, and quads that are doubles
+// against the C++ library's text of the double, with all stream flags.
 #include <gtest/gtest.h>
 #include <mpfr.h>
 
@@ -30,8 +30,8 @@ static_assert(!number::parse("1e5000") && !number::parse("1x") && !number::parse
 
 // ---- Reading ------------------------------------------------------------------------------------
 
-// Reads like the C library, the longest number in front, but has no value out of range to give.
-// What that must be told about a format stands before the text.
+// from_chars() must read the longest number in front, like the C library, but it stores nothing if
+// that is out of range. `told` is the prefix that only the C library needs for a format.
 void expect_reading(const std::string& text, chars_format format = chars_format::general,
                     const std::string& told = "") {
   SCOPED_TRACE(testing::Message() << told << text.substr(0, 100) << ", " << text.size()
@@ -50,23 +50,23 @@ void expect_reading(const std::string& text, chars_format format = chars_format:
     EXPECT_EQ(error, stop == theirs.c_str() ? std::errc::invalid_argument : std::errc());
 }
 
-// Reads what is put together of pieces at random.
+// Reads texts of random pieces.
 void expect_readings(const std::vector<std::string>& pieces, chars_format format,
                      const std::string& told = "") {
   for (std::uint64_t seed = 0; seed < 50'000 && !testing::Test::HasFailure(); ++seed) {
     case_random random(seed);
     std::string text;
     for (auto n = random.below(6); n > 0; --n) text += pieces[random.below(pieces.size())];
-    // Of "0x" without a digit the C library reads the 0.
+    // From "0x" without a digit the C library reads the 0.
     const auto digit = text.find_first_not_of('.');
     const bool known = digit <= 1 && digit < text.size() && std::isxdigit(text[digit]) != 0;
     if (told.empty() || known) expect_reading(text, format, told);
   }
 }
 
-// Numbers as people and programs write them, and what only begins like one.
-TEST(QuadText, IsReadAsTheCLibraryDoes) {
-  // Between two numbers, which a digit far behind decides.
+// Numbers as people and programs write them, and texts that only begin like a number.
+TEST(QuadText, IsReadAsByTheCLibrary) {
+  // Halfway between two quads: a digit far behind decides.
   const std::string tie = "10384593717069655257060992658440193";
   const std::string zeros(12'000, '0');
   const std::vector<std::string> decimal = {
@@ -82,10 +82,9 @@ TEST(QuadText, IsReadAsTheCLibraryDoes) {
   expect_readings(hexadecimal, chars_format::hex, "0x");
 }
 
-// The middle of two numbers, whole or cut to some digits: beside it by so little that a power of
-// ten which is only nearly right would give either. Exponents of every size decide on the length
-// of integers.
-TEST(QuadText, IsReadToTheNearest) {
+// The middle of two quads, exact or rounded to some digits. It is then so close to the middle that
+// an inexact power of ten could give either quad. Random exponents give integers of all lengths.
+TEST(QuadText, IsReadAsTheNearestQuad) {
   mpfr_t middle;
   mpfr_init2(middle, 114);
   for (std::uint64_t seed = 0; seed < 1'500 && !HasFailure(); ++seed) {
@@ -120,7 +119,7 @@ TEST(QuadText, IsReadInItsFormat) {
   const struct {
     const char* text;
     chars_format format;
-    int read;  // 0 where it is no number
+    int read;  // 0 if it is no number
     number value;
   } rows[] = {
       {"1.5e3", chars_format::fixed, 3, 1.5_q},   {"1.5e3", chars_format::scientific, 5, 1500},
@@ -148,14 +147,14 @@ std::string written(number x, chars_format format, int precision) {
   return {text.data(), end};
 }
 
-TEST(QuadText, IsWrittenAsTheCLibraryDoes) {
+TEST(QuadText, IsWrittenAsByTheCLibrary) {
   std::array<char, 30'000> text;
   constexpr std::pair<char, chars_format> formats[] = {{'e', chars_format::scientific},
                                                        {'f', chars_format::fixed},
                                                        {'g', chars_format::general},
                                                        {'a', chars_format::hex}};
   for (std::uint64_t n = 0; n < 400 && !HasFailure(); ++n) {
-    const word longest = (word{1} << 112) - 1;  // of all numbers' decimal expansions
+    const word longest = (word{1} << 112) - 1;  // the quad with the most decimal digits
     const word q = n == 0 ? longest : random_operands(kind::quad, n)[0];
     if (magnitude(q) >= infinity) continue;
     SCOPED_TRACE(hex(q));
@@ -176,7 +175,7 @@ TEST(QuadText, IsWrittenAsTheCLibraryDoes) {
 }
 
 // The fewest digits, from 33 to 36, that read back, in every format.
-TEST(QuadText, IsWrittenWithFewDigits) {
+TEST(QuadText, IsWrittenWithTheFewestDigits) {
   std::array<char, 6'000> text;
   const auto written_in = [&](const number& x, auto... format) {
     const auto [end, error] = to_chars(text.data(), text.data() + text.size(), x, format...);
@@ -220,7 +219,7 @@ TEST(QuadText, IsWrittenWithFewDigits) {
   EXPECT_EQ(written_in(0.25_q, chars_format::fixed), "0.25");
 }
 
-TEST(QuadText, GoesWhereThereIsRoom) {
+TEST(QuadText, IsWrittenOnlyWithinItsRange) {
   for (const auto& [x, format, precision] : {std::tuple{0.125_q, chars_format::general, 6},
                                              {1e30_q, chars_format::fixed, 0},
                                              {-1.5_q, chars_format::hex, 10},
@@ -238,8 +237,8 @@ TEST(QuadText, GoesWhereThereIsRoom) {
 
 // ---- Streams ------------------------------------------------------------------------------------
 
-// Quads that are doubles are written as the doubles are, whatever the flags.
-TEST(QuadStream, WritesAsDoublesAreWritten) {
+// Quads that are doubles are written like the doubles, with all flags.
+TEST(QuadStream, WritesLikeDoubles) {
   using std::ios_base;
   for (std::uint64_t seed = 0; seed < 30'000 && !HasFailure(); ++seed) {
     case_random random(seed);
@@ -278,7 +277,7 @@ TEST(QuadStream, WritesAsDoublesAreWritten) {
     const bool is_hex =
         (ours.flags() & ios_base::floatfield) == (ios_base::fixed | ios_base::scientific);
     if (is_hex && std::fpclassify(d) == FP_SUBNORMAL) continue;  // those are normal quads
-    // libstdc++ writes fixed infinities in small letters, where the standard says %F.
+    // libstdc++ writes fixed infinities in lower case, where the standard requires %F.
     if (!std::isfinite(d)) ours.unsetf(ios_base::floatfield), theirs.unsetf(ios_base::floatfield);
     theirs << d << '|' << d;
     ours << number(d) << '|' << number(d);
@@ -320,7 +319,7 @@ TEST(QuadStream, ReadsTheLongestTextThatCanBeANumber) {
 // ---- std::format --------------------------------------------------------------------------------
 
 #ifdef __cpp_lib_format
-TEST(QuadFormat, WritesAsDoublesAreWritten) {
+TEST(QuadFormat, WritesLikeDoubles) {
   for (const double d : {0.0, -2.5, 123456.789, 1e-7, std::numeric_limits<double>::infinity()}) {
     for (const char* format : {"{:.3f}", "{:+.10e}", "{:012.3g}", "{:*<20.4F}", "{:x^+15.2E}",
                                "{: .0f}", "{:#.0f}", "{:>9G}", "{:.5a}", "{:A}", "{:#.3g}",

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What processes that die show with the crash library, linked and preloaded; and that they end and
-# behave as without it. The scenes are routines of scenes.c.
+# What dying processes report with the crash library, linked and preloaded. Apart from the report,
+# they must end and behave as without it. The scenes are routines of scenes.c.
 #
 #   crash_test.sh FOLDER_OF_PROGRAMS LIBRARY MKTRACE SOURCE
 set -euo pipefail
@@ -24,8 +24,8 @@ compare() {
   diff -u --label expected --label seen <(echo "$2") <(echo "$3") | tail -n +4 | head -n 20 || true
 }
 
-# The report in a line: signal, reason and low addresses, then the routines of the source, where
-# they are at a line that is marked, and of the plug-in. What is not as it should be stays whole.
+# The report in one line: signal, reason and low addresses, then the routines of the plug-in and,
+# if the line is marked, of the source. Lines that are not as expected stay whole.
 marked=$(grep -n '// dies' "$source" | cut -d: -f1 | paste -sd'|')
 in_short() {
   sed -E "/^(malloc\(\)|timeout): /d
@@ -44,8 +44,8 @@ output_of() { # COMMAND...
   { timeout 60 env "$@" 2>report && echo 'status 0' || echo "status $?"; } 2>/dev/null
 }
 
-# [setting=...] plays EXPECTED SCENE [FILE]: the report in short, with this variable or option of
-# env. Output and end of the process are those of a process without the library.
+# [setting=...] plays EXPECTED SCENE [FILE]: compares the short report, with this variable or option
+# of env. Output and end of the process must be those of a process without the library.
 plays() {
   local expected=$1 output mode run
   shift
@@ -66,17 +66,17 @@ plays 'SIGBUS, mapped memory is missing: past the end of its file?: read_past_fi
 plays 'SIGBUS, sent by another process: be_killed main' be_killed
 plays 'SIGABRT, raised by the program itself: allocate recurse ... recurse break_heap main' \
   break_heap
-# As whoever starts a program may ask for: a fault ends the program anyway.
+# The program is started with the signal ignored. A fault ends it all the same.
 setting=--ignore-signal=FPE plays '' divide
 
-# ---- Stacks that are used up ----
+# ---- Full stacks ----
 plays 'SIGSEGV, stack overflow: overflow_at_once main' overflow_at_once
 plays 'SIGSEGV, stack overflow: recurse ... recurse overflow run_in_thread' overflow_in_thread
 plays 'SIGSEGV, stack overflow: recurse ... recurse overflow run_in_c_thread' overflow_in_c_thread
 plays 'SIGSEGV, stack overflow: own_small_stack' own_small_stack
 plays '' leave_stacks
 
-# ---- Calls of what is no code, and a stack that is lost ----
+# ---- Calls of addresses without code, and a lost stack ----
 plays 'SIGSEGV, no code to execute, address 0x0: call_target main' call_target
 plays 'SIGSEGV, no code to execute, address 0x8: Unknown' jump_without_stack
 plays 'SIGILL, illegal instruction: lose_stack' lose_stack
@@ -91,7 +91,7 @@ plays "$null plugin_entry call_target die_in_plugin main" die_in_plugin ./crash_
 plays "$null die_in_child main" die_in_child
 plays "$null die_cancelled main" die_cancelled
 for _ in {1..10}; do plays "$null die_together run_in_thread" die_concurrently; done
-# The report waits for seconds. Meanwhile another thread dies.
+# The report waits for some seconds. Meanwhile another thread dies.
 plays "$null die_with_loader_locked main" die_with_loader_locked ./crash_plugin.so
 
 # ---- Standard error as a pipe that nobody reads ----
@@ -100,29 +100,29 @@ exec 8<>pipe
 exec 9>pipe 8>&-
 compare 'no reader: status' 139 "$(timeout 4 ./crash_scenes_linked store_null 2>&9 || echo $?)"
 
-# ---- What the environment asks for ----
+# ---- Settings in the environment ----
 setting=ZORVAC_CRASH=off plays '' overflow_in_thread
 setting=ZORVAC_CRASH=off plays '' say_stack
 setting=ZORVAC_CRASH=on plays "$null main" store_null
 setting=ZORVAC_CRASH= plays "$null main" store_null
-# By the process, and not by its child.
+# The process says it, and its child does not repeat it.
 unknown='ZORVAC_CRASH is neither "on" nor "off": "of?f". Crashes are reported.'
 setting=ZORVAC_CRASH=$'of\ef' plays "$unknown $null die_in_child main" die_in_child
 
-# ---- Exported names, and addresses that other programs know how to read ----
+# ---- Exported names, and addresses that other programs can look up ----
 LD_PRELOAD=$library ./crash_scenes die_in_plugin ./crash_plugin_plain.so 2>report || true
 address=$(sed -nE 's/^#1 +plugin_entry \(crash_plugin_plain\.so\+(0x[0-9a-f]+)\)$/\1/p' report)
 line=$(grep -nEm1 '^  store_null\(\);  // dies' "$source" | cut -d: -f1)
 compare 'a plug-in without .trace' "$line" \
   "$(addr2line -e crash_plugin_plain.so "${address:-0}" | sed 's/.*://; s/ .*//')"
 
-# ---- Core files, where the system writes them into the folder ----
+# ---- Core files, if the system writes them into the folder ----
 ulimit -S -c "$(ulimit -H -c)"
 plays "$null main" store_null
 cause_of_death() { # LIBRARY
   rm -f core*
   LD_PRELOAD=$1 ./crash_scenes call_target 2>/dev/null || true
-  # The end of an address is the same wherever the program is loaded.
+  # The last digits of an address do not depend on where the program is loaded.
   eu-readelf -n core* | grep -oE ' rip: .*|si_signo: .*|fault address: .*' |
     sed -E 's/ rip: .*(...)$/rip: ...\1/'
 }

@@ -2,7 +2,8 @@
 //
 //   scenes SCENE [FILE]     calls the routine of that name; some load a file
 //
-// Lines that die, or call what does, are marked. Built with PLUGIN defined, the plug-in.
+// Lines that die, or that call a routine that dies, are marked. With PLUGIN defined, this file is
+// the plug-in.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <malloc.h>
@@ -18,7 +19,7 @@
 #include <unistd.h>
 
 #define ROUTINE __attribute__((noinline)) void
-#define STAY __asm__("" ::: "memory")  // something is left to do: the frame stays
+#define STAY __asm__("" ::: "memory")  // keeps the frame: something is left to do
 
 static volatile int* volatile nowhere = (volatile int*)8;
 ROUTINE store_null(void) {
@@ -28,7 +29,7 @@ ROUTINE store_null(void) {
 
 #ifdef PLUGIN
 
-// In a thread that is not the first one, loading never ends, and keeps the loader's lock.
+// In threads other than the first, loading never ends and keeps the loader's lock.
 static __attribute__((constructor)) void hang(void) {
   while (gettid() != getpid()) pause();
 }
@@ -40,7 +41,7 @@ __attribute__((visibility("default"))) ROUTINE plugin_entry(void) {
 
 #else
 
-static const char* file;  // that a scene loads
+static const char* file;  // the file that a scene loads
 
 static void* run_in_thread(void* routine) {
   ((void (*)(void))routine)();  // dies
@@ -67,12 +68,12 @@ ROUTINE call_target(void) {
   STAY;
 }
 
-// The walk faults with the stack.
+// The walk faults at the stack pointer.
 ROUTINE lose_stack(void) {
   __asm__ volatile("movq $0x1000, %rsp; movq $0x1000, %rbp; ud2");  // dies
 }
 
-// As a call of what is no code, but there is no return address.
+// Like a call of an address without code, but there is no return address.
 ROUTINE jump_without_stack(void) {
   __asm__ volatile("movl $8, %esp; jmp *%rsp");  // dies
 }
@@ -135,15 +136,15 @@ ROUTINE overflow_in_c_thread(void) {
   thrd_join(thread, NULL);
 }
 
-// Its stack pointer is far below the end of the stack before anything is stored.
+// The stack pointer is far below the end of the stack before anything is stored.
 ROUTINE overflow_at_once(void) {
   volatile char room[1 << 28];
   for (int i = 0; i <= zero; ++i) room[i] = room[i + 1] = 1;  // dies
   STAY;
 }
 
-// The program's own signal stack is as small as 8 KB, beside a page without access. The stack
-// pointer is still in the stack when it is used up.
+// The program's own signal stack has only 8 KB, above a page without access. The stack pointer is
+// still in the stack when the stack is full.
 ROUTINE own_small_stack(void) {
   enum { page = 4096 };
   static _Alignas(page) char room[3 * page];
@@ -159,7 +160,7 @@ enum { threads = 20 };
 static void* signal_stacks[threads];
 static int begun;
 
-// A thread that ends after those that it starts: all are there at once.
+// A thread that ends after the thread that it starts, so that all exist at the same time.
 static void nest_threads(void) {
   stack_t own;
   sigaltstack(NULL, &own);
@@ -209,7 +210,7 @@ static void die_meanwhile(void) {
 ROUTINE die_with_loader_locked(void) {
   start(load_file);
   start(die_meanwhile);
-  usleep(300000);  // or the lock is still free
+  usleep(300000);  // until the lock is taken
   atexit(store_null);
   exit(0);  // dies
 }
@@ -222,7 +223,7 @@ static void divide_in_handler(int number) {
 }
 ROUTINE divide_in_own_handler(void) {
   signal(SIGSEGV, divide_in_handler);
-  signal(SIGFPE, SIG_DFL);  // and so it is reported
+  signal(SIGFPE, SIG_DFL);  // so it is reported
   store_null();             // dies
 }
 
@@ -252,7 +253,7 @@ ROUTINE die_in_child(void) {
   const pid_t child = fork();
   if (child == 0) store_null();  // dies
   waitpid(child, &status, 0);
-  printf("child: %x\n", (unsigned)status & ~0x80u);  // less the mark of a core file
+  printf("child: %x\n", (unsigned)status & ~0x80u);  // without the bit for a core file
 }
 
 ROUTINE die_in_plugin(void) {

@@ -1,5 +1,5 @@
-// The routines of libzorvac_float128 beside the compiler's own, which are loaded from its run-time
-// library: results with all bits that count, and flags.
+// The routines of libzorvac_float128 against the compiler's own, which are loaded from its run-time
+// library: all bits of the results except padding, and flags.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -23,8 +23,8 @@ void* routine_of(const char* library, const char* name) {
   return routine;
 }
 
-// Calls a routine of this shape. Operands lie every 16 bytes; what counts of the result is returned
-// with zeros above it.
+// Calls a routine with this signature. The operands are every 16 bytes. The first `Counts` bytes of
+// the result are returned, with zeros above them.
 using outcome = std::array<word, 2>;
 using call_by_shape = outcome(void* routine, const operands& in);
 template <class Shape, std::size_t Counts = sizeof(outcome)>
@@ -35,7 +35,7 @@ outcome call_of(void* routine, const operands& in) {
   std::memset(result + Counts, 0, sizeof(outcome) - Counts);
   return load<outcome>(result);
 }
-// A number of binary16 is in the low bits of a register that could hold a float.
+// A binary16 number is returned in the low bits of a register, declared here as a float.
 constexpr std::size_t half = 2;
 
 struct named {
@@ -94,8 +94,8 @@ class Float128 : public testing::TestWithParam<named> {
 };
 INSTANTIATE_TEST_SUITE_P(Bridge, Float128, testing::ValuesIn(rows), name_of_row);
 
-// The result, and the registers as they are behind the call. The compiler's routine raises some
-// flags in the x87 status word only, and rounds by its control word in some places.
+// The result, and the registers after the call. In some places the compiler's routine uses the x87:
+// it raises flags in its status word only, and rounds by its control word.
 std::pair<outcome, registers> observed(call_by_shape* call, void* routine, const operands& in,
                                        unsigned rounding) {
   set({all_masked | rounding << rounding_shift,
@@ -106,7 +106,7 @@ std::pair<outcome, registers> observed(call_by_shape* call, void* routine, const
   return {result, after};
 }
 
-// Every other case is a combination of what is special. The last two have a subnormal difference.
+// Every other case is a combination of these numbers. The last two have a subnormal difference.
 constexpr word specials[] = {
     0,
     1,
@@ -118,14 +118,14 @@ constexpr word specials[] = {
     (word{6} << 112) + 4,
 };
 
-TEST_P(Float128, DoesAsTheCompilers) {
+TEST_P(Float128, MatchesTheCompilersRoutine) {
   const auto [first, end] = seeds_of_cases(static_cast<std::uint64_t>(random_cases(60'000)));
   for (std::uint64_t seed = first; seed < end; ++seed) {
     operands in = random_operands(GetParam().takes, seed);
     case_random random(~seed);
     if (seed % 2 != 0)
       for (word& q : in) q = specials[random.below(8)] | (random.one_in(2) ? sign : 0);
-    if (GetParam().takes == with_mode) {  // exponents of powi, as often small as large
+    if (GetParam().takes == with_mode) {  // exponents of powi, small ones as often as large ones
       const auto n = static_cast<std::int32_t>(random());
       in[1] = static_cast<std::uint32_t>(n >> random.below(32));
     }
@@ -134,8 +134,8 @@ TEST_P(Float128, DoesAsTheCompilers) {
       const auto [ours, seen] = observed(GetParam().call, ours_, in, rounding);
       expected.mxcsr |= expected.status;
       expected.status = 0;
-      // Which numbers a complex routine tests, and so which subnormal one raises DE, differs
-      // between releases of the compiler.
+      // Releases of the compiler test different numbers in complex routines, and so raise DE for
+      // different subnormal ones.
       if (GetParam().takes == four)
         expected.mxcsr = (expected.mxcsr & ~denormal) | (seen.mxcsr & denormal);
       if (theirs == ours && expected == seen) continue;

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Links programs with libzorvac_float128 as its page says, and sees from the loader's own account
-# that the arithmetic is this library's. The library exports what its list says, and needs no other.
+# Links programs with libzorvac_float128 as its document says. The loader's log must show that this
+# library does the arithmetic. The library must export exactly its list, and need no other library.
 #
 # programs_test.sh SOURCES LIBRARIES EXPORTS C-COMPILER [FORTRAN-COMPILER]
 set -eu
@@ -14,17 +14,17 @@ fail() {
   exit 1
 }
 
-# Runs a program. It prints 1, and who calls what is in the loader's account.
+# Runs a program, which must print 1. Leaves the loader's log of symbol bindings in `account`.
 run() {
-  printed=$(LD_DEBUG=bindings LD_DEBUG_OUTPUT=bindings LD_BIND_NOW=1 "$@") || fail "$*: it fails"
+  printed=$(LD_DEBUG=bindings LD_DEBUG_OUTPUT=bindings LD_BIND_NOW=1 "$@") || fail "$*: fails"
   [ "$printed" = 1 ] || fail "$*: expected 1, printed $printed"
   cat bindings.* >account
   rm bindings.*
 }
-# bound CALLER ROUTINE: whether the routine that a program or library calls is the shared library's.
+# bound CALLER ROUTINE: fails unless the caller's routine is the shared library's.
 bound() {
   grep -q "file [^ ]*$1 .* to [^ ]*libzorvac_float128\.so\.1 .*\`$2'" account ||
-    fail "$1: $2 is not of libzorvac_float128.so.1"
+    fail "$1: $2 is not from libzorvac_float128.so.1"
 }
 
 shared=$libraries/libzorvac_float128.so.1
@@ -35,7 +35,7 @@ nm --defined-only "$libraries/libzorvac_float128.a" | sed -n 's/.* [A-Z] //p' | 
   fail "the archive's names: expected the first, seen the second"
 readelf --dynamic "$shared" >dynamic
 grep -q 'soname: \[libzorvac_float128\.so\.1\]' dynamic || fail "SONAME: $(grep SONAME dynamic)"
-if grep NEEDED dynamic; then fail "the library needs others"; fi
+if grep NEEDED dynamic; then fail "the library needs other libraries"; fi
 
 "$cc" "$sources/sum.c" -L"$libraries" -lzorvac_float128 -o shared
 LD_LIBRARY_PATH=$libraries run ./shared

@@ -1,4 +1,4 @@
-// A sum and a product of binary128 numbers; prints 1 where both are right to the last bit.
+// A sum, a product and a conversion of binary128 numbers. Prints 1 if all are right.
 #include <stdio.h>
 
 int main(void) {

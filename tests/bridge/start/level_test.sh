@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Programs that gcc, g++, gfortran and clang build for a level, on emulated processors of several
-# makers: which of them start, and what is printed by those that do not.
+# makers: which of them start, and what the others print.
 #
 #   level_test.sh EMULATE FOLDER_OF_SPECS STATIC_LIBRARY
 set -euo pipefail
@@ -10,7 +10,7 @@ folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 mkdir temporary
-export TMPDIR=$PWD/temporary # for compilers, which leave nothing there
+export TMPDIR=$PWD/temporary # for compilers, which must leave nothing there
 failures=0
 fail() { echo "FAILED: $*" && failures=1; }
 
@@ -20,7 +20,7 @@ is() {
     fail "$1 (< expected, > seen):"$'\n'"$(<differences)"
 }
 
-# A program shows what runs of it.
+# A program prints which of its parts run.
 cat >traces.c <<'C'
 #include <unistd.h>
 #define SHOW(text) (void)!write(1, text "\n", sizeof text)
@@ -32,19 +32,19 @@ printf "print '(a)', 'main'\nflush(6)\nend\n" >main.F90
 cp traces.c traces.cpp && cp main.c main.cpp
 echo '.section .note.GNU-stack,""' >assembler.S
 
-# The compilers as a user of the check calls them. Some work needs them as they are.
+# The compilers as a user of the check calls them. `plain` calls them without the check.
 for compiler in gcc g++ gfortran; do
   eval "$compiler() { command $compiler -B'$folder_of_specs/' -specs=zorvac.specs \"\$@\"; }"
 done
 plain() { command "$@"; }
-# The library itself, of which the check has parts of its own.
+# The library itself; the check has its own copies of some of its parts.
 library="-Wl,--whole-archive $archive -Wl,--no-whole-archive"
 header=$folder_of_specs/zorvac/level.h object=$folder_of_specs/zorvac/level.o
 traces="-Wl,--no-as-needed,-rpath,$PWD ./libtraces.so"
 
-# on PROCESSOR MISSING: output, errors and status of ./program are those of one that starts, or of
-# one that misses these features. qemu's models come with their maker's name; for a vendor of our
-# own, scripts/emulate runs the program.
+# on PROCESSOR MISSING: output, errors and status of ./program must be those of a program that
+# starts (MISSING is -), or of one that lacks these features. qemu's models have their maker's name;
+# scripts/emulate runs the program for another vendor.
 on() {
   local launcher=(qemu-x86_64 -cpu "$1") expected=$'constructor\nmain\ndestructor\nstatus 0'
   case $1 in *vendor=*) launcher=("$emulate" "$1") ;; esac
@@ -62,7 +62,7 @@ all+=', RTM, AVX2, AVX512DQ, AVX512F, ADX, RDSEED, AVX512IFMA52, AVX512ER, AVX51
 all+=', AVX512BW, AVX512VL and AVX512VBMI'
 all_options='-march=haswell -maes -mrtm -mhle -mavx512dq -madx -mrdseed -mavx512ifma -mavx512cd'
 all_options+=' -msha -mavx512bw -mavx512vl -mavx512vbmi'
-all_options+=' -D__AVX512ER__ -D__AVX512PF__' # for which the compilers of today have no option
+all_options+=' -D__AVX512ER__ -D__AVX512PF__' # today's compilers have no option for these
 
 # build COMMAND: builds ./program
 build() {
@@ -71,7 +71,7 @@ build() {
   eval "$1" || fail "$1"
 }
 
-# ---- What a program needs ----
+# ---- The features that a program needs ----
 build 'gcc -march=x86-64-v2 -mbmi *.c -o program'
 on Opteron_G3 'SSSE3, SSE4_1 and SSE4_2'
 
@@ -92,7 +92,7 @@ build 'gcc -march=x86-64-v2 -c main.c
 on core2duo 'SSE4_1, SSE4_2 and POPCNT'
 on Nehalem -
 
-# Kinds of programs, whose rows build ./program for x86-64-v3.
+# Kinds of programs. Each row builds ./program for x86-64-v3.
 while IFS= read -r row; do
   build "$row"
   on Nehalem 'MOVBE, F16C, AVX, FMA, BMI, LZCNT and AVX2'
@@ -110,7 +110,8 @@ gcc -march=x86-64-v3 -shared -fPIC traces.c -o libtraces.so; plain gcc main.c $t
 clang -include $header -march=x86-64-v3 *.c $object -o program
 ROWS
 
-# A plug-in that may not run here ends the program, whose handlers run and whose output is not lost.
+# A plug-in that the processor cannot run ends the program. The program's exit handlers run, and its
+# output is not lost.
 cat >host.c <<'C'
 #include <dlfcn.h>
 #include <stdio.h>
@@ -126,18 +127,19 @@ plain gcc host.c -o host -ldl
 is plug-in $'host\nhandler\nstatus 1' \
   "$(qemu-x86_64 -cpu Nehalem ./host 2>/dev/null || echo "status $?")"
 
-# The message comes from the catalogue that the environment chooses, before the C library is set up.
+# The message is in the catalogue that the environment chooses, although the C library is not set up
+# yet.
 printf '%s\n' "\$set 1" '56 Es fehlt: %s' '57  und ' | gencat vrt_msg.cat
 gcc -mavx2 main.c -o program
 is catalogue $'\nEs fehlt: AVX und AVX2' \
   "$(LANG=de_DE NLSPATH=$PWD/%N qemu-x86_64 -cpu Nehalem ./program 2>&1 | grep -v TCG)"
 
-# What the check adds to a program, in bytes.
+# The bytes that the check adds to a program.
 plain gcc main.c -s -o unchecked && gcc -march=haswell main.c -s -o checked
 growth=$(($(stat -c %s checked) - $(stat -c %s unchecked)))
 [ $growth -le 16384 ] || fail "a program grows by $growth bytes"
 
-# Compilers that cannot do it say so; work that links nothing is as ever.
+# Compilers that cannot build the check print an error. Commands that do not link work as usual.
 says() { # WORDS COMMAND...
   "${@:2}" >log 2>&1 || true
   grep -F -- "$1" log >/dev/null || fail "${*:2} does not say: $1"$'\n'"$(<log)"
