@@ -68,8 +68,9 @@ def is_old(commit, sources):
         return True
     git = ["git", "-C", pathlib.Path(__file__).parent.parent]
     try:
-        difference = subprocess.run([*git, "diff", "-I", r"^\s*//", "-I", r"^$", commit, "--",
-                                     *sources], capture_output=True, check=True)
+        difference = subprocess.run([*git, "diff", "--ignore-blank-lines",
+                                     "-I", r"^\s*(//|/?\*)", commit, "--", *sources],
+                                    capture_output=True, check=True)
     except (OSError, subprocess.CalledProcessError):
         return True
     return bool(difference.stdout)

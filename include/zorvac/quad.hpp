@@ -6,7 +6,7 @@
  *    using namespace zorvac::literals;
  *    zorvac::quad x = 1;
  *    x = sqrt(x + 2.5_q) / 3;                 // rounds and raises flags by MXCSR, as __divq() does
- *    std::cout << std::setprecision(34) << x; // 0.6236095644623235886437698247804303
+ *    std::cout << std::setprecision(34) << x; // 0.6236095644623235642639581220527582
  *    if (auto y = zorvac::quad::parse(text)) ...
  *
  *  There are three headers. This one includes the others:

@@ -19,8 +19,6 @@ extern "C" __float128 c_library_next(__float128, __float128) __asm__("nextafterf
 
 namespace zorvac::test {
 
-extern "C" {}
-
 namespace {
 
 using number = zorvac::quad;
