@@ -98,6 +98,7 @@ refuse 1 'cannot read the debug information: invalid DWARF version' 'debug_info 
 refuse 1 'cannot create a file next to' : -o /proc/self/image image
 refuse 1 'not a regular file' : -o . image
 refuse 1 'not a regular file' : .
+refuse 1 'cannot read: No such file' : missing
 refuse 1 'no .trace section' : --dump image
 # A record that is longer than the section, and a line table with a number that is too long.
 refuse 1 'damaged' 'printf "\77\1\11\0\0\0" >x; objcopy --add-section .trace=x image' --dump image
@@ -106,6 +107,16 @@ refuse 1 'damaged' "printf '\14\1\15\0\0\0\0$(printf '\\200%.0s' {1..12})' >x
 refuse 2 'Usage' : --dump -o x image
 refuse 2 'Usage' : --dump --demangle image
 refuse 2 'Usage' : --demangle=long image
+
+# How a dump shows the records that name no routine: a path, a span, and a record that is reserved.
+printf '\13\1\4\0\0\0a\33b\134' >x
+printf '\15\1\24\0\0\0\0\20\0\0\0\0\0\0\20\0\0\0\0\0\0\0\6\0\0\0\143\5\0\0\0\0' >>x
+objcopy --add-section .trace=x before out 2>/dev/null
+diff - <("$mktrace" --dump out) <<'DUMP'
+00000000 file a\x1bb\x5c
+0000000a span 0x1000+0x10, 6 bytes
+00000024 unknown tag 99 version 5, 0 bytes
+DUMP
 
 # The output may be another file, reached through a link; it gets the same mode. A second run makes
 # the same file.
@@ -123,6 +134,15 @@ names >linker
 diff <(names --demangle) <(c++filt <linker)
 diff <(names --demangle=full) <(c++filt <linker)
 names --demangle=short | grep -x open_memory >/dev/null
+
+# Data among code is no routine.
+gcc -g -shared -nostdlib -x assembler -o image - <<'ASSEMBLER'
+  .type table, @object; .size table, 8
+  table: .quad 1
+  .type code, @function; .size code, 1
+  code: ret
+ASSEMBLER
+[ "$(names)" = code ] || fail "routines: $(names)"
 
 # Split debug information: with both files, with one of them, with none. One line names what is
 # missing, and names and lines are there.
