@@ -45,10 +45,14 @@ struct remainder {
   [[nodiscard]] static const char* ahead(const char* edge, std::size_t distance) {
     return Way == way::forwards ? edge + distance : edge - distance;
   }
-  // The distance from the destination's edge to the next boundary, 1 to `boundary` bytes.
-  [[nodiscard]] std::size_t to_boundary(std::size_t boundary) const {
+  // The distance from the destination's edge to a boundary: to the next one, 1 to `boundary` bytes,
+  // or to one where it may be already, 0 to `boundary` - 1.
+  [[nodiscard]] std::size_t to_next_boundary(std::size_t boundary) const {
     return Way == way::forwards ? boundary - misalignment(to, boundary)
                                 : misalignment(to + count - 1, boundary) + 1;
+  }
+  [[nodiscard]] std::size_t to_boundary(std::size_t boundary) const {
+    return to_next_boundary(boundary) % boundary;
   }
   [[nodiscard]] copying action() const { return {to, from}; }
 };
@@ -115,7 +119,7 @@ template <class V, class Rest>
   const std::size_t at = rest.next(V::width);
   char* const to = rest.to + at;
   const auto saved = V::load(rest.from + at);
-  rest.take(rest.to_boundary(V::width));
+  rest.take(rest.to_next_boundary(V::width));
   const std::size_t aligned = rest.next(V::width);
   V::store_aligned(rest.to + aligned, V::load(rest.from + aligned));
   V::store(to, saved);

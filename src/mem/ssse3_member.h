@@ -18,7 +18,7 @@ constexpr std::size_t iteration = registers * xmm::width;
 template <class Member, way Way>
 [[gnu::noinline]] void* copy_large(char* to, const char* from, std::size_t count) {
   remainder<Way> rest{to, from, count};
-  const std::size_t aligned_count = count - rest.to_boundary(xmm::width);
+  const std::size_t aligned_count = count - rest.to_next_boundary(xmm::width);
   copy_past_boundary<xmm>(rest);
   if (Member::is_large(rest, aligned_count))
     Member::copy_large_bulk(rest);

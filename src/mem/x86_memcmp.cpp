@@ -1,21 +1,18 @@
 // Block comparison for every processor. It compares words of 64 bits, and uses no vector register.
 // Words at the ends may overlap: what two of them share has been found equal when the second one
 // decides.
-#include <cstdint>
-
-#include "core/unaligned.h"
+#include "mem/few_bytes.h"
 #include "zorvac/mem.h"
 
-namespace {
+using namespace zorvac;
 
-using zorvac::load_unaligned;
-using byte = unsigned char;
+namespace {
 
 // A word of each block.
 struct words {
   std::uint64_t a, b;
 };
-[[gnu::always_inline]] inline words words_at(const byte* p, const byte* q, std::size_t offset) {
+[[gnu::always_inline]] inline words words_at(const char* p, const char* q, std::size_t offset) {
   return {load_unaligned<std::uint64_t>(p + offset), load_unaligned<std::uint64_t>(q + offset)};
 }
 // The earlier words where they differ, else the later ones: without a branch, which would be
@@ -32,7 +29,7 @@ struct words {
 }
 
 // The order of four pairs of words: two from the start, `inner` bytes apart, and two from the end.
-[[gnu::always_inline]] inline int order_of_four(const byte* p, const byte* q, std::size_t inner,
+[[gnu::always_inline]] inline int order_of_four(const char* p, const char* q, std::size_t inner,
                                                 std::size_t count) {
   const std::size_t last = count - 8;
   const words end = first_difference(words_at(p, q, last - inner), words_at(p, q, last));
@@ -40,34 +37,26 @@ struct words {
       first_difference(words_at(p, q, 0), first_difference(words_at(p, q, inner), end)));
 }
 
-[[gnu::always_inline]] inline std::uint64_t difference_at(const byte* p, const byte* q,
+[[gnu::always_inline]] inline std::uint64_t difference_at(const char* p, const char* q,
                                                           std::size_t offset) {
   const words w = words_at(p, q, offset);
   return w.a ^ w.b;
 }
-[[gnu::always_inline]] inline bool equal_32_bytes(const byte* p, const byte* q) {
+[[gnu::always_inline]] inline bool equal_32_bytes(const char* p, const char* q) {
   return (difference_at(p, q, 0) | difference_at(p, q, 8) | difference_at(p, q, 16) |
           difference_at(p, q, 24)) == 0;
-}
-
-// Of 1 to 7 bytes: all of them in the order of memory, some of them twice.
-std::uint64_t few_bytes(const byte* p, std::size_t count) {
-  if (count >= 4) {
-    const std::uint64_t last = load_unaligned<std::uint32_t>(p + count - 4);
-    return last << 32 | load_unaligned<std::uint32_t>(p);
-  }
-  return p[0] | p[count / 2] << 8 | p[count - 1] << 16;
 }
 
 }  // namespace
 
 extern "C" int _zorva_fast_memcmp(const void* a, const void* b, std::size_t count) {
-  const auto* p = static_cast<const byte*>(a);
-  const auto* q = static_cast<const byte*>(b);
+  const auto* p = static_cast<const char*>(a);
+  const auto* q = static_cast<const char*>(b);
   if (p == q || count == 0) return 0;
-  if (count < 8) return order_of({few_bytes(p, count), few_bytes(q, count)});
+  if (count < 4) return order_of({mem::up_to_3_bytes(p, count), mem::up_to_3_bytes(q, count)});
+  if (count < 8) return order_of({mem::up_to_7_bytes(p, count), mem::up_to_7_bytes(q, count)});
   if (count <= 32) return order_of_four(p, q, (count - 1) / 2 & 8, count);
-  const byte* const last = p + count - 32;
+  const char* const last = p + count - 32;
   while (p < last && equal_32_bytes(p, q)) p += 32, q += 32;
   if (p > last) q -= p - last, p = last;
   return order_of_four(p, q, 8, 32);

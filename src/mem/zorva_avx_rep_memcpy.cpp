@@ -16,7 +16,7 @@ using look_ahead = prefetch_source<hint::t0, 512, 576, 640, 704>;
 
 [[gnu::noinline]] void* copy_large(char* to, const char* from, std::size_t count) {
   remainder<way::forwards> rest{to, from, count};
-  copy_to_boundary<ymm>(rest, rest.to_boundary(ymm::width));
+  copy_to_boundary<ymm>(rest, rest.to_next_boundary(ymm::width));
   const std::size_t half = bytes_of(__libvrt_data_cache_size_half);
   if (rest.count >= half - half / 4) {
     if (rest.count < bytes_of(__libvrt_largest_cache_size_half)) {

@@ -55,7 +55,7 @@ template <class V, auto Bulk, class Rest>
   const std::size_t first = rest.next(V::width);
   char* const to = rest.to + first;
   const auto saved = V::load(rest.from + first);
-  rest.take(rest.to_boundary(V::width) % V::width);
+  rest.take(rest.to_boundary(V::width));
   Bulk(rest);
   small_block<by_xmm, small>(rest.action(), rest.count);
   V::store(to, saved);
@@ -65,7 +65,7 @@ template <class V, auto Bulk, class Rest>
 template <way Way>
 [[gnu::noinline]] void* copy_large(char* to, const char* from, std::size_t count) {
   remainder<Way> rest{to, from, count};
-  if (count - rest.to_boundary(8) % 8 <= small)
+  if (count - rest.to_boundary(8) <= small)
     small_block<by_xmm, small + 7>(rest.action(), count);
   else if (__libvrt_mem_ops_method == 2)
     copy_from_boundary<xmm, copy_by_registers<remainder<Way>>>(rest);

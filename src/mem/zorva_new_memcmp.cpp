@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "mem/count_table.h"
+#include "mem/few_bytes.h"
 #include "mem/vectors.h"
 #include "zorvac/mem.h"
 
@@ -37,17 +38,7 @@ template <std::size_t... Last>
                        std::make_index_sequence<last + 1>());
 }
 
-// Compares fewer than 8 bytes, gathered into one word for each block, the first byte lowest.
 int compare_gathered(std::uint64_t x, std::uint64_t y) { return x == y ? 0 : order(x, y); }
-std::uint64_t three_bytes(const char* p, std::size_t count) {
-  const std::uint64_t first = u8::load(p), middle = u8::load(p + count / 2),
-                      last = u8::load(p + count - 1);
-  return first | middle << 8 | last << 16;
-}
-std::uint64_t two_halves(const char* p, std::size_t count) {
-  const std::uint64_t first = u32::load(p), last = u32::load(p + count - 4);
-  return first | last << 32;
-}
 
 int compare_small(const char* a, const char* b, std::size_t count) {
   asm goto(ZORVAC_JUMP_BY_COUNT(ZORVAC_ENTRIES("1", nothing) ZORVAC_ENTRIES(
@@ -63,9 +54,9 @@ int compare_small(const char* a, const char* b, std::size_t count) {
 nothing:
   return 0;
 to_3:
-  return compare_gathered(three_bytes(a, count), three_bytes(b, count));
+  return compare_gathered(up_to_3_bytes(a, count), up_to_3_bytes(b, count));
 to_7:
-  return compare_gathered(two_halves(a, count), two_halves(b, count));
+  return compare_gathered(up_to_7_bytes(a, count), up_to_7_bytes(b, count));
 to_8:
   return compare_to_end(a, b, count, std::make_index_sequence<0>());
 to_16:

@@ -24,7 +24,7 @@ __m512i load_and_prefetch(const char* from) {
 
 [[gnu::noinline]] void* copy_large(char* to, const char* from, std::size_t count) {
   remainder<way::forwards> rest{to, from, count};
-  copy_to_boundary<zmm>(rest, rest.to_boundary(zmm::width) % zmm::width);
+  copy_to_boundary<zmm>(rest, rest.to_boundary(zmm::width));
   if (rest.count >= iteration) {
     prefetch_lines(rest.from, std::make_index_sequence<prefetched / 64>());
     copy_loop<registers, load_and_prefetch, zmm::stream, no_prefetch>(rest, iteration);
