@@ -179,6 +179,25 @@ inline std::uint64_t pattern_of(int value) {
   return static_cast<std::uint8_t>(value) * 0x0101010101010101u;
 }
 
+// What every worker begins with: `Large` does counts above `Small`, the table those up to it.
+template <class Plan, std::size_t Small, auto Large>
+[[gnu::always_inline]] inline void* copy_block(void* destination, const void* source,
+                                               std::size_t count) {
+  auto* const to = static_cast<char*>(destination);
+  const auto* const from = static_cast<const char*>(source);
+  if (count > Small) return Large(to, from, count);
+  small_block<Plan, Small>(copying{to, from}, count);
+  return to;
+}
+template <class Plan, std::size_t Small, auto Large>
+[[gnu::always_inline]] inline void* fill_block(void* destination, int value, std::size_t count) {
+  auto* const to = static_cast<char*>(destination);
+  const std::uint64_t pattern = pattern_of(value);
+  if (count > Small) return Large(to, pattern, count);
+  small_block<Plan, Small>(filling{to, pattern}, count);
+  return to;
+}
+
 }  // namespace
 }  // namespace zorvac::mem
 #endif

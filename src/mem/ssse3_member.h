@@ -30,29 +30,22 @@ template <class Member, way Way>
   return to;
 }
 
+// `Direction` is of_copy or of_move.
+//
 // One table serves both directions. Its code addresses the block from both ends and loads all of it
 // before the first store, so a table for the backward direction would have the same entries. A
 // choice between the two would only add a branch that can be mispredicted.
-template <class Member>
-[[gnu::always_inline]] inline void* copy_small(char* to, const char* from, std::size_t count) {
-  small_block<by_xmm, Member::small>(copying{to, from}, count);
-  return to;
-}
-
-template <class Member>
-void* copy_in(way direction, char* to, const char* from, std::size_t count) {
-  return direction == way::forwards ? copy_large<Member, way::forwards>(to, from, count)
-                                    : copy_large<Member, way::backwards>(to, from, count);
-}
-
-// `Direction` is of_copy or of_move.
 template <class Member, auto Direction>
-[[gnu::always_inline]] inline void* copy_block(void* destination, const void* source,
-                                               std::size_t count) {
-  auto* const to = static_cast<char*>(destination);
-  const auto* const from = static_cast<const char*>(source);
-  if (count <= Member::small) return copy_small<Member>(to, from, count);
-  return copy_in<Member>(Direction(to, from, count), to, from, count);
+void* copy_in_direction(char* to, const char* from, std::size_t count) {
+  return Direction(to, from, count) == way::forwards
+             ? copy_large<Member, way::forwards>(to, from, count)
+             : copy_large<Member, way::backwards>(to, from, count);
+}
+template <class Member, auto Direction>
+[[gnu::always_inline]] inline void* copy_by_member(void* destination, const void* source,
+                                                   std::size_t count) {
+  return copy_block<by_xmm, Member::small, copy_in_direction<Member, Direction>>(destination,
+                                                                                 source, count);
 }
 
 }  // namespace

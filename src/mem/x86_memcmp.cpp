@@ -53,8 +53,12 @@ extern "C" int _zorva_fast_memcmp(const void* a, const void* b, std::size_t coun
   const auto* p = static_cast<const char*>(a);
   const auto* q = static_cast<const char*>(b);
   if (p == q || count == 0) return 0;
-  if (count < 4) return order_of({mem::up_to_3_bytes(p, count), mem::up_to_3_bytes(q, count)});
-  if (count < 8) return order_of({mem::up_to_7_bytes(p, count), mem::up_to_7_bytes(q, count)});
+  if (count < 8) {
+    const auto few_bytes = [count](const char* block) {
+      return count < 4 ? mem::up_to_3_bytes(block, count) : mem::up_to_7_bytes(block, count);
+    };
+    return order_of({few_bytes(p), few_bytes(q)});
+  }
   if (count <= 32) return order_of_four(p, q, (count - 1) / 2 & 8, count);
   const char* const last = p + count - 32;
   while (p < last && equal_32_bytes(p, q)) p += 32, q += 32;

@@ -34,9 +34,5 @@ using look_ahead = prefetch_source<hint::t0, 512, 576, 640, 704>;
 }  // namespace
 
 extern "C" void* __zorva_avx_rep_memcpy(void* destination, const void* source, std::size_t count) {
-  auto* const to = static_cast<char*>(destination);
-  const auto* const from = static_cast<const char*>(source);
-  if (count > small) return copy_large(to, from, count);
-  small_block<by_ymm, small>(copying{to, from}, count);
-  return to;
+  return copy_block<by_ymm, small, copy_large>(destination, source, count);
 }

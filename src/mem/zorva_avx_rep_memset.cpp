@@ -28,9 +28,5 @@ constexpr std::size_t registers = 8;
 }  // namespace
 
 extern "C" void* __zorva_avx_rep_memset(void* destination, int value, std::size_t count) {
-  auto* const to = static_cast<char*>(destination);
-  const std::uint64_t pattern = pattern_of(value);
-  if (count > small) return fill_large(to, pattern, count);
-  small_block<by_xmm, small>(filling{to, pattern}, count);
-  return to;
+  return fill_block<by_xmm, small, fill_large>(destination, value, count);
 }

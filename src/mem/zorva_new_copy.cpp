@@ -74,9 +74,9 @@ template <way Way>
   return to;
 }
 
-[[gnu::always_inline]] inline void* copy_small(char* to, const char* from, std::size_t count) {
-  small_block<by_xmm, small>(copying{to, from}, count);
-  return to;
+void* move_large(char* to, const char* from, std::size_t count) {
+  if (begins_inside(to, from, count)) return copy_large<way::backwards>(to, from, count);
+  return copy_large<way::forwards>(to, from, count);
 }
 
 }  // namespace
@@ -84,18 +84,11 @@ template <way Way>
 extern "C" {
 
 void* __zorva_new_memcpy(void* destination, const void* source, std::size_t count) {
-  auto* const to = static_cast<char*>(destination);
-  const auto* const from = static_cast<const char*>(source);
-  if (count <= small) return copy_small(to, from, count);
-  return copy_large<way::forwards>(to, from, count);
+  return copy_block<by_xmm, small, copy_large<way::forwards>>(destination, source, count);
 }
 [[gnu::alias("__zorva_new_memcpy")]] void* __zorva_memcpy(void*, const void*, std::size_t);
 
 void* __zorva_new_memmove(void* destination, const void* source, std::size_t count) {
-  auto* const to = static_cast<char*>(destination);
-  const auto* const from = static_cast<const char*>(source);
-  if (count <= small) return copy_small(to, from, count);
-  if (begins_inside(to, from, count)) return copy_large<way::backwards>(to, from, count);
-  return copy_large<way::forwards>(to, from, count);
+  return copy_block<by_xmm, small, move_large>(destination, source, count);
 }
 }

@@ -44,11 +44,7 @@ void fill_by_words(char*& to, std::size_t& count, std::uint64_t pattern) {
 extern "C" {
 
 void* __zorva_new_memset(void* destination, int value, std::size_t count) {
-  auto* const to = static_cast<char*>(destination);
-  const std::uint64_t pattern = pattern_of(value);
-  if (count > small) return fill_large(to, pattern, count);
-  small_block<by_xmm, small>(filling{to, pattern}, count);
-  return to;
+  return fill_block<by_xmm, small, fill_large>(destination, value, count);
 }
 [[gnu::alias("__zorva_new_memset")]] void* __zorva_memset(void*, int, std::size_t);
 }

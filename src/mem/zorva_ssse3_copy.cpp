@@ -26,9 +26,9 @@ struct member {
 extern "C" {
 
 void* __zorva_ssse3_memcpy(void* destination, const void* source, std::size_t count) {
-  return copy_block<member, of_copy>(destination, source, count);
+  return copy_by_member<member, of_copy>(destination, source, count);
 }
 void* __zorva_ssse3_memmove(void* destination, const void* source, std::size_t count) {
-  return copy_block<member, of_move>(destination, source, count);
+  return copy_by_member<member, of_move>(destination, source, count);
 }
 }

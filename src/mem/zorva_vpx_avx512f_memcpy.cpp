@@ -38,9 +38,5 @@ __m512i load_and_prefetch(const char* from) {
 
 extern "C" void* __zorva_vpx_avx512f_memcpy(void* destination, const void* source,
                                             std::size_t count) {
-  auto* const to = static_cast<char*>(destination);
-  const auto* const from = static_cast<const char*>(source);
-  if (count > small) return copy_large(to, from, count);
-  small_block<by_zmm, small>(copying{to, from}, count);
-  return to;
+  return copy_block<by_zmm, small, copy_large>(destination, source, count);
 }

@@ -24,9 +24,5 @@ constexpr std::size_t registers = 8, iteration = registers * zmm::width;
 }  // namespace
 
 extern "C" void* __zorva_vpx_avx512f_memset(void* destination, int value, std::size_t count) {
-  auto* const to = static_cast<char*>(destination);
-  const std::uint64_t pattern = pattern_of(value);
-  if (count > small) return fill_large(to, pattern, count);
-  small_block<by_zmm, small>(filling{to, pattern}, count);
-  return to;
+  return fill_block<by_zmm, small, fill_large>(destination, value, count);
 }
