@@ -117,6 +117,14 @@ struct by_quarters {
     quarters<xmm>(act, count, std::make_index_sequence<1>());
   }
 };
+// Four registers each, for counts that need no more.
+struct by_few_ymm : by_quarters {
+  static constexpr std::size_t wide = 128, widest = wide;
+  template <class Action>
+  [[gnu::always_inline]] static void do_wide(const Action& act, std::size_t count) {
+    quarters<ymm>(act, count, std::make_index_sequence<1>());
+  }
+};
 struct by_ymm : by_quarters {
   static constexpr std::size_t widest = wide;
   template <class Action>

@@ -28,5 +28,5 @@ constexpr std::size_t registers = 8;
 }  // namespace
 
 extern "C" void* __zorva_avx_rep_memset(void* destination, int value, std::size_t count) {
-  return fill_block<by_xmm, small, fill_large>(destination, value, count);
+  return fill_block<by_few_ymm, small, fill_large>(destination, value, count);
 }
