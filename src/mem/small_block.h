@@ -97,7 +97,15 @@ template <class V, class Action>
 // count and its code. Fewer classes make the jump easier to predict; more classes need fewer
 // registers for each count. The choices are those that were fastest in bench/mem, above all in its
 // rows with unpredictable counts.
-struct by_xmm {
+struct by_quarters {
+  static constexpr std::size_t middle = 64, wide = 256;
+  template <class Action>
+  [[gnu::always_inline]] static void do_middle(const Action& act, std::size_t count) {
+    quarters<xmm>(act, count, std::make_index_sequence<1>());
+  }
+};
+// For what a loop leaves, which is even harder to predict.
+struct rest_by_xmm {
   static constexpr std::size_t middle = 128, wide = 192, widest = wide;
   template <class Action>
   [[gnu::always_inline]] static void do_middle(const Action& act, std::size_t count) {
@@ -108,15 +116,19 @@ struct by_xmm {
     halves<xmm>(act, count, std::make_index_sequence<6>());  // uses 12 of the 16 registers
   }
 };
-
-#ifdef __AVX2__
-struct by_quarters {
-  static constexpr std::size_t middle = 64, wide = 256;
+struct by_xmm : by_quarters {
+  static constexpr std::size_t wide = rest_by_xmm::middle, widest = rest_by_xmm::wide;
   template <class Action>
-  [[gnu::always_inline]] static void do_middle(const Action& act, std::size_t count) {
-    quarters<xmm>(act, count, std::make_index_sequence<1>());
+  [[gnu::always_inline]] static void do_wide(const Action& act, std::size_t count) {
+    rest_by_xmm::do_middle(act, count);
+  }
+  template <class Action>
+  [[gnu::always_inline]] static void do_widest(const Action& act, std::size_t count) {
+    rest_by_xmm::do_wide(act, count);
   }
 };
+
+#ifdef __AVX2__
 // Four registers each, for counts that need no more.
 struct by_few_ymm : by_quarters {
   static constexpr std::size_t wide = 128, widest = wide;

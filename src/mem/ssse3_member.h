@@ -26,7 +26,7 @@ template <class Member, way Way>
     copy_through_caches<registers, prefetch_source<hint::t0, 448, 640>>(rest);
   else
     copy_through_caches<registers, no_prefetch>(rest);
-  small_block<by_xmm, iteration - 1>(rest.action(), rest.count);
+  small_block<rest_by_xmm, iteration - 1>(rest.action(), rest.count);
   return to;
 }
 

@@ -57,7 +57,7 @@ template <class V, auto Bulk, class Rest>
   const auto saved = V::load(rest.from + first);
   rest.take(rest.to_boundary(V::width));
   Bulk(rest);
-  small_block<by_xmm, small>(rest.action(), rest.count);
+  small_block<rest_by_xmm, small>(rest.action(), rest.count);
   V::store(to, saved);
 }
 
