@@ -69,34 +69,36 @@ struct inner_block {
 
 // Multiplies `Rows` registers of rows, from row i on, with the panel of B at column j.
 template <class V, int Rows, int Terms>
-ZORVAC_INLINE inline void inner_tile(const inner_block& w, std::size_t i, std::size_t j) {
+ZORVAC_INLINE void inner_tile(const inner_block& w, std::size_t i, std::size_t j) {
   constexpr std::size_t rows = Rows * V::width;
   const std::size_t ldc = w.ldc;
   double* const c = w.c + i + j * ldc;
-  repeat<4>([&]<int J>() ZORVAC_INLINE {
+  repeat<4>([&]<int J>() ZORVAC_INLINE_LAMBDA {
     for (std::size_t line = 0; line < rows; line += 8) __builtin_prefetch(c + J * ldc + line, 0, 0);
   });
   packed_rows<V> a{w.a + i * w.terms, w.terms * panel_extent};
   packed_columns<V> b{w.b + j * w.terms};
   tile<V, Rows, 4> sum{};
   for (std::size_t k = w.terms; k != 0; k -= Terms)
-    repeat<Terms>([&]<int>() ZORVAC_INLINE { sum.add_products(a, b); });
-  const auto each = [&](auto body) ZORVAC_INLINE {
-    repeat<4>([&]<int J>() ZORVAC_INLINE {
-      repeat<Rows>([&]<int R>() ZORVAC_INLINE { body(c + J * ldc + R * V::width, sum.c[J][R]); });
+    repeat<Terms>([&]<int>() ZORVAC_INLINE_LAMBDA { sum.add_products(a, b); });
+  const auto each = [&](auto body) ZORVAC_INLINE_LAMBDA {
+    repeat<4>([&]<int J>() ZORVAC_INLINE_LAMBDA {
+      repeat<Rows>([&]<int R>()
+                       ZORVAC_INLINE_LAMBDA { body(c + J * ldc + R * V::width, sum.c[J][R]); });
     });
   };
   if (w.accumulate)
-    each([](double* to, auto x) ZORVAC_INLINE { V::memory::store(to, V::memory::load(to) + x); });
+    each([](double* to, auto x)
+             ZORVAC_INLINE_LAMBDA { V::memory::store(to, V::memory::load(to) + x); });
   else
-    each([](double* to, auto x) ZORVAC_INLINE { V::memory::store(to, x); });
+    each([](double* to, auto x) ZORVAC_INLINE_LAMBDA { V::memory::store(to, x); });
 }
 
 template <class V, int Rows, int Terms>
 [[gnu::noinline]] void inner_tiles(const inner_block& w) {
   for (std::size_t i = 0, rows = 0; i < w.rows; i += rows) {
     rows = rows_of_panel<V, Rows>(w.rows - i);
-    repeat<Rows>([&]<int R>() ZORVAC_INLINE {
+    repeat<Rows>([&]<int R>() ZORVAC_INLINE_LAMBDA {
       if (rows != (R + 1) * V::width) return;
       for (std::size_t j = 0; j < w.columns; j += panel_extent)
         inner_tile<V, R + 1, Terms>(w, i, j);
@@ -105,18 +107,18 @@ template <class V, int Rows, int Terms>
 }
 
 // Copies every value of a panel of B twice to the strip, by MOVDDUP.
-ZORVAC_INLINE inline void fill_strip(double* strip, const double* b, std::size_t terms) {
+ZORVAC_INLINE void fill_strip(double* strip, const double* b, std::size_t terms) {
   for (const double* const end = b + terms * panel_extent; b != end; b += 4, strip += 8)
     repeat<4>([&]<std::size_t J>()
-                  ZORVAC_INLINE { _mm_store_pd(strip + 2 * J, _mm_loaddup_pd(b + J)); });
+                  ZORVAC_INLINE_LAMBDA { _mm_store_pd(strip + 2 * J, _mm_loaddup_pd(b + J)); });
 }
 
 // Tiles have at most `Rows` registers of rows. A step of the loop does `Terms` terms: 1 or 2,
 // whichever lets the compiler keep all sums in registers.
 template <class V, int Rows, int Terms>
-ZORVAC_INLINE inline void inner(const std::uint64_t* m, const std::uint64_t* n, std::size_t terms,
-                                const double* a, const double* b, double* c,
-                                const std::uint64_t* ldc, double* strip, bool accumulate) {
+ZORVAC_INLINE void inner(const std::uint64_t* m, const std::uint64_t* n, std::size_t terms,
+                         const double* a, const double* b, double* c, const std::uint64_t* ldc,
+                         double* strip, bool accumulate) {
   inner_block w{a, strip, c, *ldc, *m, 0, terms, accumulate};
   for (std::size_t j = 0; j < *n; j += w.columns) {
     w.columns = smaller(*n - j, has_strip<V> ? panel_extent : columns_together);

@@ -68,14 +68,14 @@ struct columns_of_b {
 };
 
 template <class V, int Rows, bool Part, int Columns>
-ZORVAC_INLINE inline void add_tile(const panel<typename V::element>& w, std::size_t j) {
+ZORVAC_INLINE void add_tile(const panel<typename V::element>& w, std::size_t j) {
   const typename V::part last(w.rows - (Rows - 1) * V::width);
   const column_rows<V, Rows, Part> c{w.c + j * w.ldc, w.ldc, last};
   tile<V, Rows, Columns> sum{};
   if (!w.from_zero) {
     column_rows<V, Rows, Part> column = c;
-    repeat<Columns>([&]<int J>() ZORVAC_INLINE {
-      repeat<Rows>([&]<int R>() ZORVAC_INLINE { sum.c[J][R] = column.template load<R>(); });
+    repeat<Columns>([&]<int J>() ZORVAC_INLINE_LAMBDA {
+      repeat<Rows>([&]<int R>() ZORVAC_INLINE_LAMBDA { sum.c[J][R] = column.template load<R>(); });
       column.step();
     });
   }
@@ -84,8 +84,8 @@ ZORVAC_INLINE inline void add_tile(const panel<typename V::element>& w, std::siz
   for (std::size_t k = w.terms; k != 0; --k) sum.add_products(a, b);
 
   column_rows<V, Rows, Part> column = c;
-  repeat<Columns>([&]<int J>() ZORVAC_INLINE {
-    repeat<Rows>([&]<int R>() ZORVAC_INLINE {
+  repeat<Columns>([&]<int J>() ZORVAC_INLINE_LAMBDA {
+    repeat<Rows>([&]<int R>() ZORVAC_INLINE_LAMBDA {
       if (w.from_zero) sum.c[J][R] = column.template load<R>() + sum.c[J][R];
       column.template store<R>(w.c + (j + J) * w.ldc, sum.c[J][R]);
     });
@@ -116,7 +116,7 @@ template <class V>
 void add(const panel<typename V::element>& w) {
   const std::size_t registers = (w.rows + V::width - 1) / V::width;
   const bool part = w.rows % V::width != 0;
-  repeat<V::tile_registers>([&]<int R>() ZORVAC_INLINE {
+  repeat<V::tile_registers>([&]<int R>() ZORVAC_INLINE_LAMBDA {
     if (registers != R + 1) return;
     if constexpr (V::width > 1) {
       if (part) return add_panel<V, R + 1, true>(w);
@@ -168,11 +168,11 @@ class block_of_a {
     constexpr int streams = V::width < 4 ? V::width : 4;
     for (std::size_t i = 0; i < w.a_step; i += streams) {
       const element* row[streams];
-      repeat<streams>([&]<int R>()
-                          ZORVAC_INLINE { row[R] = a + (i + R < w.rows ? i + R : 0) * lda; });
+      repeat<streams>(
+          [&]<int R>() ZORVAC_INLINE_LAMBDA { row[R] = a + (i + R < w.rows ? i + R : 0) * lda; });
       element* to = copy + i;
       for (std::size_t k = 0; k < w.terms; ++k, to += w.a_step)
-        repeat<streams>([&]<int R>() ZORVAC_INLINE { to[R] = row[R][k]; });
+        repeat<streams>([&]<int R>() ZORVAC_INLINE_LAMBDA { to[R] = row[R][k]; });
     }
   }
 };

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "array/levels.h"
+#include "core/inline.h"
 
 namespace zorvac::array {
 namespace {
@@ -31,7 +32,6 @@ template <int Count, class Body>
 [[gnu::always_inline]] inline void repeat(const Body& body) {
   repeat_for(std::make_integer_sequence<int, Count>{}, body);
 }
-#define ZORVAC_INLINE __attribute__((always_inline))
 
 template <class V, int Rows, int Columns>
 struct tile {
@@ -40,20 +40,20 @@ struct tile {
   template <class A, class B>
   ZORVAC_INLINE void add_products(A& a, B& b) {
     typename V::operand x[Rows];
-    repeat<Rows>([&]<int R>() ZORVAC_INLINE {
+    repeat<Rows>([&]<int R>() ZORVAC_INLINE_LAMBDA {
       auto rows = a.template load<R>();
       if (R < 2) hold(rows);  // further ones are read from memory at each use
       x[R] = V::as_operand(rows);
     });
-    repeat<Columns>([&]<int J>() ZORVAC_INLINE {
+    repeat<Columns>([&]<int J>() ZORVAC_INLINE_LAMBDA {
       auto y = b.template factor<J>();
       V::hold_factor(y);
       typename V::reg product[Rows];
-      const auto add = [&]<int R>() ZORVAC_INLINE {
+      const auto add = [&]<int R>() ZORVAC_INLINE_LAMBDA {
         c[J][R] += product[R];
         hold(c[J][R]);
       };
-      repeat<Rows>([&]<int R>() ZORVAC_INLINE {
+      repeat<Rows>([&]<int R>() ZORVAC_INLINE_LAMBDA {
         product[R] = V::product(x[R], y);
         hold(product[R]);
         if constexpr (!V::products_first) add.template operator()<R>();
