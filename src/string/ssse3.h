@@ -22,6 +22,11 @@ alignas(16) inline constexpr unsigned char shift_controls[3 * block_bytes] = {
     0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,   11,   12,   13,   14,   15,
     none, none, none, none, none, none, none, none, none, none, none, none, none, none, none, none};
 
+// The first `count` lanes, moved to the end; zeros before them.
+ZORVAC_INLINE block last_lanes(block b, std::size_t count) {
+  return _mm_shuffle_epi8(b, load_anywhere(reinterpret_cast<const char*>(shift_controls) + count));
+}
+
 // The string's first 16 bytes. The bytes past its end are arbitrary. The second block is loaded
 // only if the string reaches it.
 ZORVAC_INLINE block load_string(const char* string) {
@@ -31,7 +36,7 @@ ZORVAC_INLINE block load_string(const char* string) {
   const block start = _mm_shuffle_epi8(low, load_anywhere(controls + block_bytes));
   if (zero_lanes(low) >> skip != 0) return start;
   const block high = load(string - skip + block_bytes);
-  return _mm_or_si128(start, _mm_shuffle_epi8(high, load_anywhere(controls)));
+  return _mm_or_si128(start, last_lanes(high, skip));
 }
 
 }  // namespace

@@ -198,6 +198,8 @@ const scene scenes[] = {
     {.name = "NumberFollowsManySpaces", .string = {white_space + white_space + white_space + "+7"}},
     {.name = "NumberStopsBelowDigits", .string = {"12/3"}},
     {.name = "NumberStopsAboveDigits", .string = {"12:3"}},
+    {.name = "NumberHasSixteenDigits", .string = {"1234567890123456"}},
+    {.name = "NumberHasSeventeenDigits", .string = {"-12345678901234567x"}},
     {.name = "NumberIsTheLeastLong", .string = {"-9223372036854775808"}},
     {.name = "NumberOverflows64Bits", .string = {"-18446744073709551621"}},
 };
