@@ -148,7 +148,7 @@ ZORVAC_INLINE char* copy(char* to, const char* from, std::size_t count) {
       const std::size_t done = rest + block_bytes;
       return copy_on(to + done, from + done, count - done);
     }
-    ends <<= rest;
+    ends <<= rest % 32;  // at most 16, which an analyser cannot know
   }
   const ending end = ending_at(ends, count);
   move_few(to, from, end.bytes);
