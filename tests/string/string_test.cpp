@@ -168,6 +168,7 @@ const std::string letters = [] {  // all bytes but zero; no two consecutive valu
   for (std::size_t i = 0; i < 255; ++i) all[i] = static_cast<char>(i * 101 % 255 + 1);
   return all;
 }();
+std::string many(std::size_t count) { return letters.substr(0, count); }
 
 // Every routine runs in each of them, with the string at 64 places.
 // clang-format off
@@ -182,7 +183,11 @@ const scene scenes[] = {
     {.name = "LimitEqualsLength", .string = {forty}, .partner = {forty + "x"}, .count = 40},
     {.name = "LimitIsOneMore", .string = {forty}, .partner = {forty + "x"}, .count = 41},
     {.name = "LimitIsTheLargestNumber", .string = {forty}, .partner = {forty}, .count = SIZE_MAX},
+    {.name = "LimitIsSevenMore", .string = {forty}, .partner = {forty + "x"}, .count = 47},
     {.name = "LimitEndsIt", .string = {forty, cut_off}, .partner = {forty, cut_off}, .count = 40},
+    {.name = "LimitEndsFourBlocks", .string = {many(96), cut_off}, .partner = {many(96)}, .count = 96},
+    {.name = "LimitEndsEightBlocks", .string = {many(160), cut_off}, .partner = {many(160)},
+     .count = 160},
 
     {.name = "CharacterComesOften", .string = {"-a-" + forty + "-z"}, .character = '-'},
     {.name = "CharacterIsTheTerminator", .string = {forty}, .character = 0},
