@@ -176,11 +176,13 @@ const scene scenes[] = {
     {.name = "Empty", .string = {""}, .character = 'a'},
     {.name = "StopsInTheFirstBlock", .string = {"a,b"}, .partner = {","}, .character = ','},
     {.name = "LiesAgainstTheFirstPage", .string = {"ab", front}, .partner = {"b", front}},
+    {.name = "EndsInFourBlocks", .string = {many(79)}},
     {.name = "CrossesAPageEnd", .string = {letters + letters, across}},
 
     {.name = "LimitIsZero", .string = {forty}, .partner = {"abd"}, .count = 0},
     {.name = "LimitIsOneShort", .string = {forty}, .partner = {forty + "x"}, .count = 39},
-    {.name = "LimitEqualsLength", .string = {forty}, .partner = {forty + "x"}, .count = 40},
+    {.name = "LimitEqualsLength", .string = {forty}, .partner = {forty + "x", back, 64},
+     .count = 40},
     {.name = "LimitIsOneMore", .string = {forty}, .partner = {forty + "x"}, .count = 41},
     {.name = "LimitIsTheLargestNumber", .string = {forty}, .partner = {forty}, .count = SIZE_MAX},
     {.name = "LimitIsSevenMore", .string = {forty}, .partner = {forty + "x"}, .count = 47},
@@ -205,6 +207,7 @@ const scene scenes[] = {
     {.name = "NumberStopsAboveDigits", .string = {"12:3"}},
     {.name = "NumberHasSixteenDigits", .string = {"1234567890123456"}},
     {.name = "NumberHasSeventeenDigits", .string = {"-12345678901234567x"}},
+    {.name = "NumberHasFortyDigits", .string = {digits + digits + digits + digits}},
     {.name = "NumberIsTheLeastLong", .string = {"-9223372036854775808"}},
     {.name = "NumberOverflows64Bits", .string = {"-18446744073709551621"}},
 };
