@@ -19,7 +19,7 @@ ZORVAC_INLINE void append(char* to, const char* from, std::size_t count) {
 ZORVAC_INLINE char* duplicate(const char* string) {
   const auto bytes = static_cast<std::size_t>(find_end(string) - string) + 1;
   char* const twin = static_cast<char*>(std::malloc(bytes));
-  if (twin != nullptr) copy(twin, string, bytes);
+  if (twin != nullptr) move(twin, string, bytes);
   return twin;
 }
 

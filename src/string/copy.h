@@ -97,6 +97,17 @@ struct four_blocks {
   }
 };
 
+// Moves so many bytes, at least 1.
+ZORVAC_INLINE void move(char* to, const char* from, std::size_t bytes) {
+  if (bytes <= 2 * block_bytes) return move_few(to, from, bytes);
+  for (; bytes > group_bytes; from += group_bytes, to += group_bytes, bytes -= group_bytes) {
+#pragma GCC unroll 4
+    for (std::size_t at = 0; at != group_bytes; at += block_bytes)
+      store_anywhere(to + at, load_anywhere(from + at));
+  }
+  finish<4>(to, from, {false, bytes});
+}
+
 // Continues a copy at an aligned block, after at least 15 bytes. Most strings end soon, so the
 // first four blocks are searched for the place of the end at once; later ones take one branch. Near
 // the end of a page it goes on by single blocks.
