@@ -1,8 +1,8 @@
 #ifndef ZORVAC_STRING_COMPARE_H
 #define ZORVAC_STRING_COMPARE_H
 // The comparison. It loads 16 bytes of each string, or four times 16, wherever they begin. It does
-// so only if these bytes lie within one page, because the strings may end at any of them. Before the
-// end of a page of either string it compares at most 15 single bytes.
+// so only if these bytes lie within one page, because the strings may end at any of them. Before
+// the end of a page of either string it compares at most 15 single bytes.
 #include "string/block.h"
 
 namespace zorvac::string {

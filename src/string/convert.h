@@ -75,8 +75,8 @@ ZORVAC_INLINE const char* skip_spaces(const char* string) {
   }
 }
 
-// White space, a sign, digits. The result is taken modulo 2^64, after the sign is applied. Its lower
-// half is the number modulo 2^32.
+// White space, a sign, digits. The result is taken modulo 2^64, after the sign is applied. Its
+// lower half is the number modulo 2^32.
 ZORVAC_INLINE std::uint64_t convert(const char* string) {
   bool negative = false;
   if (!is_digit(*string)) {

@@ -71,8 +71,8 @@ ZORVAC_INLINE char* end_of_copy(char* to, ending end) {
 }
 
 // Finishes a copy by so many blocks at most. A block that would exceed the end becomes the last 16
-// bytes of the copy instead, so that no branch depends on the number of bytes. Some of these may lie
-// before `from`; the caller has copied those already.
+// bytes of the copy instead, so that no branch depends on the number of bytes. Some of these may
+// lie before `from`; the caller has copied those already.
 template <std::ptrdiff_t Blocks>
 ZORVAC_INLINE char* finish(char* to, const char* from, ending end) {
   constexpr auto width = static_cast<std::ptrdiff_t>(block_bytes);

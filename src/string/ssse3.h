@@ -1,6 +1,7 @@
 #ifndef ZORVAC_STRING_SSSE3_H
 #define ZORVAC_STRING_SSSE3_H
-// What the SSSE3 level adds: PSHUFB repeats a byte, and shifts by a distance known only at run time.
+// What the SSSE3 level adds: PSHUFB repeats a byte, and shifts by a distance known only at run
+// time.
 #include <tmmintrin.h>
 
 #include "string/block.h"

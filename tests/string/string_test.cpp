@@ -187,7 +187,8 @@ const scene scenes[] = {
     {.name = "LimitIsTheLargestNumber", .string = {forty}, .partner = {forty}, .count = SIZE_MAX},
     {.name = "LimitIsSevenMore", .string = {forty}, .partner = {forty + "x"}, .count = 47},
     {.name = "LimitEndsIt", .string = {forty, cut_off}, .partner = {forty, cut_off}, .count = 40},
-    {.name = "LimitEndsFourBlocks", .string = {many(96), cut_off}, .partner = {many(96)}, .count = 96},
+    {.name = "LimitEndsFourBlocks", .string = {many(96), cut_off}, .partner = {many(96)},
+     .count = 96},
     {.name = "LimitEndsEightBlocks", .string = {many(160), cut_off}, .partner = {many(160)},
      .count = 160},
 
