@@ -61,7 +61,7 @@ struct ending {
 ZORVAC_INLINE ending ending_after(std::size_t through_zero, std::size_t room) {
   return through_zero <= room ? ending{true, through_zero} : ending{false, room};
 }
-// In memory with such ends.
+// The same, where the zeros of the next bytes are `ends`.
 ZORVAC_INLINE ending ending_at(std::uint64_t ends, std::size_t room) {
   return ending_after(ends != 0 ? lowest(ends) + 1 : unlimited, room);
 }
