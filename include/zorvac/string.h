@@ -21,10 +21,10 @@
  *               overflow in atoi, atol and atoll wraps modulo 2^32 or 2^64, and a strtok(NULL, set)
  *               that has nothing to continue returns a null pointer
  *    errors     none; strdup returns a null pointer if malloc does
- *    memory     strings are read in whole 16-byte blocks aligned to 16, and by the scan tails also
- *               in 64 bytes at once; these reads may reach beyond a string's ends, but never into a
- *               page that holds none of it; nothing is written beyond the destination. strdup
- *               allocates with malloc, the others nothing
+ *    memory     strings are read in blocks of 16 or 64 bytes; these may reach beyond a string's
+ *               ends, and beyond the count or limit, but never into a page that holds none of what
+ *               is to be read; nothing is written beyond the destination. strdup allocates with
+ *               malloc, the others nothing
  *    threads    re-entrant, except strtok: its state belongs to the process, as in the C library,
  *               and both levels share it
  *    source     the C standard (C11), 7.24 (string.h) and 7.22.1.2 (atoi); POSIX.1-2017 for

@@ -10,18 +10,16 @@ namespace zorvac::string {
 namespace {
 
 // The terminating zero is the copied one, or one that is stored after `count` characters.
-template <class Level>
 ZORVAC_INLINE void append(char* to, const char* from, std::size_t count) {
-  char* const end = to + (find_end<Level>(to) - to);
-  *copy<Level>(end, from, count) = 0;
+  char* const end = to + (find_end(to) - to);
+  *copy(end, from, count) = 0;
 }
 
 // Returns a null pointer if there is no memory.
-template <class Level>
 ZORVAC_INLINE char* duplicate(const char* string) {
-  const auto bytes = static_cast<std::size_t>(find_end<Level>(string) - string) + 1;
+  const auto bytes = static_cast<std::size_t>(find_end(string) - string) + 1;
   char* const twin = static_cast<char*>(std::malloc(bytes));
-  if (twin != nullptr) copy<Level>(twin, string, bytes);
+  if (twin != nullptr) move(twin, string, bytes);
   return twin;
 }
 

@@ -2,10 +2,9 @@
 #define ZORVAC_STRING_COPY_H
 // The copy: copies a string, up to a number of bytes, and returns the end of the copy.
 //
-// The search for the end loads aligned blocks. At the beginning and at the end, bytes that are
-// known to belong to the string are moved by unaligned loads, so no loop moves single bytes. In
-// between, a level either loads aligned blocks and stores them unaligned, or merges two aligned
-// blocks (PALIGNR) and stores them aligned.
+// The search for the end loads aligned blocks, four at a time if they lie within one page, and
+// stores them unaligned. At the beginning and at the end, bytes that are known to belong to the
+// string are moved by unaligned loads. They may be moved twice, so no loop moves single bytes.
 #include "core/unaligned.h"
 #include "string/block.h"
 
@@ -36,87 +35,149 @@ ZORVAC_INLINE void move_few(char* to, const char* from, std::size_t bytes) {
   }
 }
 
-// What a copy does with a block of which it may copy at most `room` bytes; `room` is at least 1.
-struct ending {
-  bool here;        // the copy ends in this block
-  bool terminated;  // it ends with the terminating zero
-  std::size_t bytes;
-};
-template <class Level>
-ZORVAC_INLINE ending ending_in(block b, std::size_t room) {
-  if (Level::has_end(b)) {
-    const std::size_t through_zero = Level::end_of(b) + 1;
-    return through_zero <= room ? ending{true, true, through_zero} : ending{true, false, room};
+template <class Word>
+ZORVAC_INLINE void clear_two(char* to, std::size_t bytes) {
+  store_unaligned(to, Word{0});
+  store_unaligned(to + bytes - sizeof(Word), Word{0});
+}
+// Clears 0 to 15 bytes in the same way.
+ZORVAC_INLINE void clear_few(char* to, std::size_t bytes) {
+  if (bytes >= 8) {
+    clear_two<std::uint64_t>(to, bytes);
+  } else if (bytes >= 4) {
+    clear_two<std::uint32_t>(to, bytes);
+  } else if (bytes >= 2) {
+    clear_two<std::uint16_t>(to, bytes);
+  } else if (bytes != 0) {
+    *to = 0;
   }
-  return {room <= block_bytes, false, room};
 }
 
-// Continues a copy at `from`, which is `Shift` bytes into its block. The rest of that block holds
-// no end, and `count` is more than that rest. The last move copies the 16 bytes before the end of
-// the copy. Some of them may lie before `from`; the caller has copied those already.
-//
-//   source       |....from......|  next block  |  ...
-//   destination  to: 16 bytes: from ... and Shift bytes of the next block
-template <class Level, int Shift>
-ZORVAC_INLINE char* copy_blocks(char* to, const char* from, std::size_t count) {
-  constexpr std::size_t rest = block_bytes - Shift;
-  block low = load(from - Shift);
-  for (;; to += block_bytes, from += block_bytes, count -= block_bytes) {
-    const block high = load(from + rest);
-    const ending end = ending_in<Level>(high, count - rest);
-    if (end.here) {
-      const std::size_t bytes = rest + end.bytes;
-      if (bytes > block_bytes) store_anywhere(to, load_anywhere(from));
-      store_anywhere(to + bytes - block_bytes, load_anywhere(from + bytes - block_bytes));
-      return to + bytes - (end.terminated ? 1 : 0);
+// Where a copy ends that may go on for `room` bytes, at least 1.
+struct ending {
+  bool terminated;  // by the terminating zero
+  std::size_t bytes;
+};
+ZORVAC_INLINE ending ending_after(std::size_t through_zero, std::size_t room) {
+  return through_zero <= room ? ending{true, through_zero} : ending{false, room};
+}
+// The same, where the zeros of the next bytes are `ends`.
+ZORVAC_INLINE ending ending_at(std::uint64_t ends, std::size_t room) {
+  return ending_after(ends != 0 ? lowest(ends) + 1 : unlimited, room);
+}
+// The address of the zero in the copy, or the end of the copy if it has no zero.
+ZORVAC_INLINE char* end_of_copy(char* to, ending end) {
+  return to + end.bytes - (end.terminated ? 1 : 0);
+}
+
+// Finishes a copy by so many blocks at most. A block that would exceed the end becomes the last 16
+// bytes of the copy instead, so that no branch depends on the number of bytes. Some of these may
+// lie before `from`; the caller has copied those already.
+template <std::ptrdiff_t Blocks>
+ZORVAC_INLINE char* finish(char* to, const char* from, ending end) {
+  constexpr auto width = static_cast<std::ptrdiff_t>(block_bytes);
+  const std::ptrdiff_t last = static_cast<std::ptrdiff_t>(end.bytes) - width;
+#pragma GCC unroll 4
+  for (std::ptrdiff_t place = 0; place != Blocks * width; place += width) {
+    const std::ptrdiff_t here = place < last ? place : last;
+    store_anywhere(to + here, load_anywhere(from + here));
+  }
+  return end_of_copy(to, end);
+}
+
+// Four blocks of the source.
+struct four_blocks {
+  block blocks[4];
+  ZORVAC_INLINE explicit four_blocks(const char* p)
+      : blocks{nth(p, 0), nth(p, 1), nth(p, 2), nth(p, 3)} {}
+  ZORVAC_INLINE block operator()(std::size_t n) const { return blocks[n]; }
+  ZORVAC_INLINE void store(char* p) const {
+#pragma GCC unroll 4
+    for (std::size_t n = 0; n != 4; ++n) store_anywhere(p + n * block_bytes, blocks[n]);
+  }
+};
+
+// Moves so many bytes, at least 1.
+ZORVAC_INLINE void move(char* to, const char* from, std::size_t bytes) {
+  if (bytes <= 2 * block_bytes) return move_few(to, from, bytes);
+  for (; bytes > group_bytes; from += group_bytes, to += group_bytes, bytes -= group_bytes) {
+#pragma GCC unroll 4
+    for (std::size_t at = 0; at != group_bytes; at += block_bytes)
+      store_anywhere(to + at, load_anywhere(from + at));
+  }
+  finish<4>(to, from, {false, bytes});
+}
+
+// Continues a copy at an aligned block, after at least 15 bytes. Most strings end soon, so the
+// first four blocks are searched for the place of the end at once; later ones take one branch. Near
+// the end of a page it goes on by single blocks.
+ZORVAC_INLINE char* copy_on(char* to, const char* from, std::size_t count) {
+  const auto advance = [&](std::size_t bytes)
+                           ZORVAC_INLINE_LAMBDA { from += bytes, to += bytes, count -= bytes; };
+  if (page_holds(from, group_bytes)) {
+    const std::uint64_t ends = zero_lanes_of_four(four_blocks(from));
+    if (ends != 0 || count <= group_bytes) {
+      const ending end = ending_at(ends, count);
+      return end.bytes <= 2 * block_bytes ? finish<2>(to, from, end) : finish<4>(to, from, end);
     }
-    store_anywhere(to, Level::template merge<Shift>(low, high));
-    low = high;
+    __asm__("" : "+r"(from));  // loads them again, or six vector registers would not suffice
+    four_blocks(from).store(to);
+    advance(group_bytes);
+  }
+  for (;;) {
+    if (page_holds(from, group_bytes)) {
+      const four_blocks four(from);
+      const unsigned any = lanes_with_zero(four);
+      if (any != 0 || count <= group_bytes) {
+        const std::size_t bytes = any != 0 ? first_zero(any, four) + 1 : unlimited;
+        return finish<4>(to, from, ending_after(bytes, count));
+      }
+      four.store(to);
+      advance(group_bytes);
+    } else {
+      const block b = load(from);
+      const unsigned ends = zero_lanes(b);
+      if (ends != 0 || count <= block_bytes) return finish<1>(to, from, ending_at(ends, count));
+      store_anywhere(to, b);
+      advance(block_bytes);
+    }
   }
 }
 
 // Copies the string with its terminating zero, but at most `count` bytes. Returns the address of
 // the zero in the copy, or the end of the copy if it has no zero.
-template <class Level>
 ZORVAC_INLINE char* copy(char* to, const char* from, std::size_t count) {
   if (count == 0) return to;
   const std::size_t skip = offset_in_block(from), rest = block_bytes - skip;
-  const unsigned ends = zero_lanes(load(from - skip)) >> skip;
-  if (ends != 0 || count <= rest) {
-    const std::size_t through_zero = ends != 0 ? lowest(ends) + 1 : unlimited;
-    const std::size_t bytes = through_zero < count ? through_zero : count;
-    move_few(to, from, bytes);
-    return to + bytes - (through_zero <= count ? 1 : 0);
+  unsigned ends = zero_lanes(load(from - skip)) >> skip;
+  if (ends == 0 && count > rest) {
+    const block next = load(from + rest);
+    ends = zero_lanes(next);
+    if (ends == 0 && count > rest + block_bytes) {
+      store_anywhere(to, load_anywhere(from));
+      store_anywhere(to + rest, next);
+      const std::size_t done = rest + block_bytes;
+      return copy_on(to + done, from + done, count - done);
+    }
+    ends <<= rest % 32;  // at most 16, which an analyser cannot know
   }
-  const ending end = ending_in<Level>(load(from + rest), count - rest);
-  if (end.here) {
-    move_few(to, from, rest + end.bytes);
-    return to + rest + end.bytes - (end.terminated ? 1 : 0);
-  }
-  // There is no end within rest + 16 bytes. Copy 16 bytes now, and continue from a place in them.
-  store_anywhere(to, load_anywhere(from));
-  if constexpr (Level::realigns) {
-    const std::size_t step = block_bytes - offset_in_block(to);
-    return with_shift((skip + step) % block_bytes, [&]<int Shift>() ZORVAC_INLINE_LAMBDA {
-      return copy_blocks<Level, Shift>(to + step, from + step, count - step);
-    });
-  } else {
-    return copy_blocks<Level, 0>(to + rest, from + rest, count - rest);
-  }
+  const ending end = ending_at(ends, count);
+  move_few(to, from, end.bytes);
+  return end_of_copy(to, end);
 }
 
 // Fills up to `end` with zeros, as the members that pad require.
-ZORVAC_INLINE void fill_with_zeros(char* to, const char* end) {
-  const block zeros = _mm_setzero_si128();
-  for (; end - to >= static_cast<std::ptrdiff_t>(block_bytes); to += block_bytes)
-    store_anywhere(to, zeros);
-  for (; to != end; ++to) *to = 0;
+ZORVAC_INLINE void fill_with_zeros(char* to, char* end) {
+  const auto bytes = static_cast<std::size_t>(end - to);
+  if (bytes < block_bytes) return clear_few(to, bytes);
+  for (; end - to > static_cast<std::ptrdiff_t>(block_bytes); to += block_bytes)
+    store_anywhere(to, _mm_setzero_si128());
+  store_anywhere(end - block_bytes, _mm_setzero_si128());
 }
 
 // Writes exactly `count` bytes: the string, and zeros after it. Returns what copy() returns.
-template <class Level>
 ZORVAC_INLINE char* copy_padded(char* to, const char* from, std::size_t count) {
-  char* const end = copy<Level>(to, from, count);
+  char* const end = copy(to, from, count);
   fill_with_zeros(end, to + count);
   return end;
 }

@@ -7,40 +7,12 @@ alignas(16) const std::uint8_t __libvrt_dig_range_vec[16] = {
 alignas(16) const std::uint8_t __libvrt_zero_vec[16] = {'0', '0', '0', '0', '0', '0', '0', '0',
                                                         '0', '0', '0', '0', '0', '0', '0', '0'};
 
-alignas(16) const std::int8_t __libvrt_byte_factor[16] = {10, 1, 10, 1, 10, 1, 10, 1, 10, 1};
-alignas(16) const std::int16_t __libvrt_word_factor[8] = {100, 1, 100, 1, 1};
-alignas(16) const std::int32_t __libvrt_dword_factor[4] = {10000, 1, 1, 0};
-
 alignas(16) const std::int8_t __libvrt_byte_factor_64[16] = {10, 1, 10, 1, 10, 1, 10, 1,
                                                              10, 1, 10, 1, 10, 1, 10, 1};
 alignas(16) const std::int16_t __libvrt_word_factor_64[8] = {100, 1, 100, 1, 100, 1, 100, 1};
-alignas(16) const std::int32_t __libvrt_dword_factor_64[4] = {10000, 1, 10000, 1};
-alignas(16) const std::uint64_t __libvrt_qword_factor_64[2] = {100000000, 1};
+alignas(16) const std::int16_t __libvrt_dword_factor_64[8] = {10000, 1, 10000, 1,
+                                                              10000, 1, 10000, 1};
 
-alignas(16) const std::uint32_t __libvrt_factors[16] = {10000000, 1000000, 100000, 10000, 1000,
-                                                        100,      10,      1,      10,    1};
-alignas(16) const std::uint32_t __libvrt_factors_64[16] = {
-    10000000, 1000000, 100000, 10000, 1000, 100, 10, 1,
-    10000000, 1000000, 100000, 10000, 1000, 100, 10, 1};
-
-#define FF 0xff
-alignas(16) const std::uint8_t __libvrt_excess_vecs[16][16] = {
-    {FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF},
-    {FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF},
-    {FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF},
-    {FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF},
-    {FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF},
-    {FF, FF, FF, FF, FF, FF, FF, FF, FF, FF, FF},
-    {FF, FF, FF, FF, FF, FF, FF, FF, FF, FF},
-    {FF, FF, FF, FF, FF, FF, FF, FF, FF},
-    {FF, FF, FF, FF, FF, FF, FF, FF},
-    {FF, FF, FF, FF, FF, FF, FF},
-    {FF, FF, FF, FF, FF, FF},
-    {FF, FF, FF, FF, FF},
-    {FF, FF, FF, FF},
-    {FF, FF, FF},
-    {FF, FF},
-    {FF}};
-#undef FF
+const std::uint32_t __libvrt_factors_64[8] = {10000000, 1000000, 100000, 10000, 1000, 100, 10, 1};
 
 char* zorvac::string::rest_of_tokens = nullptr;

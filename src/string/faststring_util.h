@@ -11,24 +11,13 @@ extern const std::uint8_t __libvrt_spaces_vec[16];
 extern const std::uint8_t __libvrt_dig_range_vec[16];
 extern const std::uint8_t __libvrt_zero_vec[16];
 
-// Weights that join digits to pairs, pairs to groups of four, and these to groups of eight. The
-// first three are for ten digits. The last four are for sixteen digits; the last of them joins two
-// groups of eight.
-extern const std::int8_t __libvrt_byte_factor[16];
-extern const std::int16_t __libvrt_word_factor[8];
-extern const std::int32_t __libvrt_dword_factor[4];
+// Weights that join digits to pairs, pairs to groups of four, and these to groups of eight.
 extern const std::int8_t __libvrt_byte_factor_64[16];
 extern const std::int16_t __libvrt_word_factor_64[8];
-extern const std::int32_t __libvrt_dword_factor_64[4];
-extern const std::uint64_t __libvrt_qword_factor_64[2];
+extern const std::int16_t __libvrt_dword_factor_64[8];
 
-// Entry n - 1 is for n digits: ten to the power of the number of digits that the last group lacks.
-// A group has eight digits; the second group of the first table has two.
-extern const std::uint32_t __libvrt_factors[16];
-extern const std::uint32_t __libvrt_factors_64[16];
-
-// Entry e clears the last e lanes.
-extern const std::uint8_t __libvrt_excess_vecs[16][16];
+// Entry 7 - n is ten to the power of n.
+extern const std::uint32_t __libvrt_factors_64[8];
 }
 
 namespace zorvac::string {

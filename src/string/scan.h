@@ -1,100 +1,126 @@
 #ifndef ZORVAC_STRING_SCAN_H
 #define ZORVAC_STRING_SCAN_H
-// The scan: searches a string, block by block, for its end or for a character.
+// The scan: searches a string for its end or for a character, four blocks at a time.
 #include "string/block.h"
 
 namespace zorvac::string {
 namespace {
 
-// Four blocks, aligned to 64 bytes. Like a block, a group lies within one page.
-inline constexpr std::size_t group_bytes = 4 * block_bytes;
-ZORVAC_INLINE std::size_t offset_in_group(const char* p) {
-  return reinterpret_cast<std::uintptr_t>(p) % group_bytes;
-}
-ZORVAC_INLINE bool page_holds_group(const char* p) {
-  return reinterpret_cast<std::uintptr_t>(p) % 4096 <= 4096 - group_bytes;
-}
-ZORVAC_INLINE block nth(const char* group, std::size_t n) { return load(group + n * block_bytes); }
-
-// The lanes of a group where a scan stops, bit i for byte i. One branch on all of them costs less
-// than four branches, one of which would be mispredicted.
-template <class Target>
-ZORVAC_INLINE std::uint64_t stops_in_group(const char* group, const Target& target) {
-  const auto stops = [&](std::size_t n) ZORVAC_INLINE_LAMBDA {
-    return std::uint64_t{zero_lanes(target.zero_at_stops(nth(group, n)))};
-  };
-  return (stops(3) << 16 | stops(2)) << 32 | (stops(1) << 16 | stops(0));
-}
-// Whether a scan stops anywhere in a group. The minimum of four bytes is zero if one of them is.
-template <class Target>
-ZORVAC_INLINE bool stops_anywhere(const char* group, const Target& target) {
-  block least = target.zero_at_stops(nth(group, 0));  // one after the other: few registers
-  for (std::size_t i = 1; i != 4; ++i)
-    least = _mm_min_epu8(least, target.zero_at_stops(nth(group, i)));
-  return zero_lanes(least) != 0;
-}
-
-// Continues a scan after the block `at`, which has already been examined. Most strings end soon, so
-// the level examines the next two blocks one by one. Then it examines four blocks at once, from the
-// current position if these lie within one page, and after them whole groups.
-template <class Target>
-ZORVAC_INLINE const char* scan_after(const char* at, const Target& target) {
-  for (int i = 0; i < 2; ++i) {
-    at += block_bytes;
-    const block b = load(at);
-    if (target.stops(b)) return target.result(at, b);
+// What a scan searches for. `zero_at_stops` holds a zero where the scan stops, `result` is the
+// result of a scan that stops there first, and `singles` is how many blocks are examined one by one
+// before four at once. With a character to compare, four blocks cost a string of a length that
+// repeats more than two single ones.
+struct end_target {
+  static constexpr int singles = 0;
+  ZORVAC_INLINE static block zero_at_stops(block b) { return b; }
+  ZORVAC_INLINE static const char* result(const char* stop) { return stop; }
+};
+struct character_target {
+  static constexpr int singles = 2;
+  block repeated;  // the character, 16 times
+  ZORVAC_INLINE block zero_at_stops(block b) const {
+    return _mm_min_epu8(b, _mm_xor_si128(b, repeated));
   }
+  // The first stop is the character, or the end before it.
+  ZORVAC_INLINE const char* result(const char* stop) const {
+    return *stop == static_cast<char>(_mm_cvtsi128_si32(repeated)) ? stop : nullptr;
+  }
+};
+
+// The blocks of a group, with a zero where a scan stops.
+template <class Target>
+ZORVAC_INLINE auto stops_of(const Target& target, const char* group) {
+  return [&target, group](std::size_t n)
+             ZORVAC_INLINE_LAMBDA { return target.zero_at_stops(nth(group, n)); };
+}
+
+// A scan without a limit.
+inline constexpr auto endless = [](const char*) { return false; };
+
+// Continues a scan after the block `at`, which has already been examined. It searches the next four
+// blocks for the place of a stop at once: from the current position if these lie within one page,
+// because what is found then depends little on where the string lies, or else the rest of the
+// group. The groups after them take one branch each. The scan also ends at the first address that
+// it reaches and that is `over`.
+template <class Target, class Over>
+ZORVAC_INLINE const char* scan_after(const char* at, const Target& target, Over over) {
   at += block_bytes;
-  const char* const four = page_holds_group(at) ? at : at - offset_in_group(at);
-  if (const std::uint64_t stops = stops_in_group(four, target) >> (at - four))
-    return target.result(at + lowest(stops));
-  const char* group = four - offset_in_group(four);
-  while (!stops_anywhere(group += group_bytes, target) &&
-         !stops_anywhere(group += group_bytes, target)) {
+  for (int i = 0; i < Target::singles; ++i, at += block_bytes) {
+    if (over(at)) return at;
+    if (const unsigned stops = zero_lanes(target.zero_at_stops(load(at))))
+      return target.result(at + lowest(stops));
   }
+  if (over(at)) return at;
+  const char* group = at - offset_in_group(at);
+  if (page_holds(at, group_bytes)) {
+    if (const std::uint64_t stops = zero_lanes_of_four(stops_of(target, at)))
+      return target.result(at + lowest(stops));
+  } else if (const std::uint64_t stops =
+                 zero_lanes_of_four(stops_of(target, group)) >> (at - group)) {
+    return target.result(at + lowest(stops));
+  }
+  unsigned any;
+  do {
+    if (over(group += group_bytes)) return group;
+    if ((any = lanes_with_zero(stops_of(target, group))) != 0) break;
+    if (over(group += group_bytes)) return group;
+  } while ((any = lanes_with_zero(stops_of(target, group))) == 0);
   // Loads the group again. Keeping it would need registers that must be saved first.
   __asm__("" : "+r"(group));
-  return target.result(group + lowest(stops_in_group(group, target)));
+  return target.result(group + first_zero(any, stops_of(target, group)));
 }
 
 // The terminating zero of a string.
-template <class Level>
 ZORVAC_INLINE const char* find_end(const char* string) {
   const std::size_t skip = offset_in_block(string);
   if (const unsigned ends = zero_lanes(load(string - skip)) >> skip) return string + lowest(ends);
-  return scan_after(string - skip, typename Level::end_target{});
+  return scan_after(string - skip, end_target{}, endless);
 }
 
 // The length of a string, or `limit` if none of its first `limit` bytes is the end.
-template <class Level>
 ZORVAC_INLINE std::size_t bounded_length(const char* string, std::size_t limit) {
   if (limit == 0) return 0;
   const auto bounded = [limit](std::size_t length) { return length < limit ? length : limit; };
   const std::size_t skip = offset_in_block(string);
   if (const unsigned ends = zero_lanes(load(string - skip)) >> skip) return bounded(lowest(ends));
-  for (std::size_t seen = block_bytes - skip; seen < limit; seen += block_bytes) {
-    const block b = load(string + seen);
-    if (Level::has_end(b)) return bounded(seen + Level::end_of(b));
-  }
-  return limit;
+  const auto over = [=](const char* at) ZORVAC_INLINE_LAMBDA {
+    return static_cast<std::size_t>(at - string) >= limit;
+  };
+  const char* const end = scan_after(string - skip, end_target{}, over);
+  return bounded(static_cast<std::size_t>(end - string));
 }
 
 // The last occurrence of a character in a string, or a null pointer. The terminating zero counts as
 // a character.
-template <class Level>
-ZORVAC_INLINE const char* find_last(const char* string, char character) {
-  const typename Level::equal_to wanted(character);
-  const char* last = nullptr;
+ZORVAC_INLINE const char* find_last(const char* string, block repeated) {
   const char* at = block_of(string);
-  unsigned in_string = 0xffffu << offset_in_block(string);
-  for (block b = first_block(string);; b = load(at)) {
-    const unsigned ends = zero_lanes(b);
-    if (ends != 0) in_string &= ends ^ (ends - 1);  // up to the first end
-    const unsigned hits = in_string & wanted.in(b);
+  const char* last = nullptr;
+  // Notes the last of the hits up to the first end. Returns whether there is an end.
+  const auto ends_here = [&](std::uint64_t ends, std::uint64_t hits) ZORVAC_INLINE_LAMBDA {
+    if (ends != 0) hits &= ends ^ (ends - 1);
     if (hits != 0) last = at + highest(hits);
-    if (ends != 0) return last;
-    at += block_bytes;
-    in_string = 0xffff;
+    return ends != 0;
+  };
+  const block first = first_block(string);
+  const unsigned in_string = 0xffffu << offset_in_block(string);
+  if (ends_here(zero_lanes(first), equal_lanes(first, repeated) & in_string)) return last;
+  at += block_bytes;
+  for (bool single = true;; single = false) {
+    if (single || !page_holds(at, group_bytes)) {
+      const block b = load(at);
+      if (ends_here(zero_lanes(b), equal_lanes(b, repeated))) return last;
+      at += block_bytes;
+      continue;
+    }
+    const std::uint64_t ends = zero_lanes_of_four(stops_of(end_target{}, at));
+    __asm__("" : "+r"(at));  // loads the group again, or six vector registers would not suffice
+    const auto hits_in = [&](std::size_t n)
+                             ZORVAC_INLINE_LAMBDA { return equal_lanes(nth(at, n), repeated); };
+    const std::uint64_t hits = join(hits_in(3), hits_in(2), hits_in(1), hits_in(0));
+    if (ends_here(ends, hits)) return last;
+    do at += group_bytes;
+    while (page_holds(at, group_bytes) &&
+           lanes_with_zero(stops_of(character_target{repeated}, at)) == 0);
   }
 }
 

@@ -1,10 +1,9 @@
 // Copies a string and returns the end of the copy, with SSE2.
 #include "string/copy.h"
-#include "string/sse2.h"
 #include "zorvac/string.h"
 
 using namespace zorvac::string;
 
 char* __zorva_sse2_stpcpy(const char* source, char* destination) {
-  return copy<sse2>(destination, source, unlimited);
+  return copy(destination, source, unlimited);
 }

@@ -1,11 +1,10 @@
 // Copies a string into a field of a given size, fills the rest with zeros and returns the end of
 // the copy, with SSE2.
 #include "string/copy.h"
-#include "string/sse2.h"
 #include "zorvac/string.h"
 
 using namespace zorvac::string;
 
 char* __zorva_sse2_stpncpy(const char* source, char* destination, std::size_t count) {
-  return copy_padded<sse2>(destination, source, count);
+  return copy_padded(destination, source, count);
 }

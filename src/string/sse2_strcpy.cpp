@@ -1,10 +1,10 @@
-// Copies a string in words of four bytes.
-#include "string/copy_words.h"
+// Copies a string, with SSE2.
+#include "string/copy.h"
 #include "zorvac/string.h"
 
 using namespace zorvac::string;
 
 char* __zorva_sse2_strcpy(const char* source, char* destination) {
-  copy_words(destination, source);
+  copy(destination, source, unlimited);
   return destination;
 }

@@ -1,8 +1,7 @@
 // Copies a string into memory from malloc, with SSE2.
 #include "string/append.h"
-#include "string/sse2.h"
 #include "zorvac/string.h"
 
 using namespace zorvac::string;
 
-char* __zorva_sse2_strdup(const char* string) { return duplicate<sse2>(string); }
+char* __zorva_sse2_strdup(const char* string) { return duplicate(string); }

@@ -1,10 +1,9 @@
 // The length of a string, but at most a limit, with SSE2.
 #include "string/scan.h"
-#include "string/sse2.h"
 #include "zorvac/string.h"
 
 using namespace zorvac::string;
 
 std::size_t __zorva_sse2_strnlen(const char* string, std::size_t limit) {
-  return bounded_length<sse2>(string, limit);
+  return bounded_length(string, limit);
 }

@@ -4,4 +4,4 @@
 
 using namespace zorvac::string;
 
-int __zorva_sse4_atoi(const char* string) { return static_cast<int>(convert<tens>(string)); }
+int __zorva_sse4_atoi(const char* string) { return static_cast<int>(convert(string)); }

@@ -4,4 +4,4 @@
 
 using namespace zorvac::string;
 
-long __zorva_sse4_atol(const char* string) { return static_cast<long>(convert<sixteens>(string)); }
+long __zorva_sse4_atol(const char* string) { return static_cast<long>(convert(string)); }

@@ -4,6 +4,4 @@
 
 using namespace zorvac::string;
 
-long long __zorva_sse4_atoll(const char* string) {
-  return static_cast<long long>(convert<sixteens>(string));
-}
+long long __zorva_sse4_atoll(const char* string) { return static_cast<long long>(convert(string)); }

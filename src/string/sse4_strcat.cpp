@@ -1,11 +1,10 @@
 // Appends a string to another, with SSE4.2.
 #include "string/append.h"
-#include "string/sse42.h"
 #include "zorvac/string.h"
 
 using namespace zorvac::string;
 
 char* __zorva_sse4_strcat(const char* source, char* destination) {
-  append<sse42>(destination, source, unlimited);
+  append(destination, source, unlimited);
   return destination;
 }

@@ -1,10 +1,9 @@
 // The end of a string, after its first block, with SSE4.2.
 #include "string/scan.h"
-#include "string/sse42.h"
 #include "string/tail.h"
 
 using namespace zorvac::string;
 
 ZORVAC_SCAN_TAIL(__zorva_sse4_strend, const char*, const char* at) {
-  return scan_after(at, sse42::end_target{});
+  return scan_after(at, end_target{}, endless);
 }

@@ -1,11 +1,10 @@
 // Appends at most a given number of characters of a string to another, with SSE4.2.
 #include "string/append.h"
-#include "string/sse42.h"
 #include "zorvac/string.h"
 
 using namespace zorvac::string;
 
 char* __zorva_sse4_strncat(const char* source, char* destination, std::size_t count) {
-  append<sse42>(destination, source, count);
+  append(destination, source, count);
   return destination;
 }

@@ -1,10 +1,9 @@
 // Compares two strings, up to a given number of characters, with SSE4.2.
 #include "string/compare.h"
-#include "string/sse42.h"
 #include "zorvac/string.h"
 
 using namespace zorvac::string;
 
 int __zorva_sse4_strncmp(const char* a, const char* b, std::size_t count) {
-  return compare<sse42>(a, b, count);
+  return compare(a, b, count);
 }

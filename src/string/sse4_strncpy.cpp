@@ -1,11 +1,10 @@
 // Copies a string into a field of a given size and fills the rest with zeros, with SSE4.2.
 #include "string/copy.h"
-#include "string/sse42.h"
 #include "zorvac/string.h"
 
 using namespace zorvac::string;
 
 char* __zorva_sse4_strncpy(const char* source, char* destination, std::size_t count) {
-  copy_padded<sse42>(destination, source, count);
+  copy_padded(destination, source, count);
   return destination;
 }

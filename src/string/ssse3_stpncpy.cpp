@@ -1,11 +1,10 @@
 // Copies a string into a field of a given size, fills the rest with zeros and returns the end of
 // the copy, with SSSE3.
 #include "string/copy.h"
-#include "string/ssse3.h"
 #include "zorvac/string.h"
 
 using namespace zorvac::string;
 
 char* __zorva_ssse3_stpncpy(const char* source, char* destination, std::size_t count) {
-  return copy_padded<ssse3>(destination, source, count);
+  return copy_padded(destination, source, count);
 }

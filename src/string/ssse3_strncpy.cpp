@@ -1,11 +1,10 @@
 // Copies a string into a field of a given size and fills the rest with zeros, with SSSE3.
 #include "string/copy.h"
-#include "string/ssse3.h"
 #include "zorvac/string.h"
 
 using namespace zorvac::string;
 
 char* __zorva_ssse3_strncpy(const char* source, char* destination, std::size_t count) {
-  copy_padded<ssse3>(destination, source, count);
+  copy_padded(destination, source, count);
   return destination;
 }

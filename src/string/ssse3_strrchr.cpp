@@ -6,5 +6,5 @@
 using namespace zorvac::string;
 
 char* __zorva_ssse3_strrchr(const char* string, int character) {
-  return const_cast<char*>(find_last<ssse3>(string, static_cast<char>(character)));
+  return const_cast<char*>(find_last(string, repeat(_mm_cvtsi32_si128(character))));
 }

@@ -168,6 +168,7 @@ const std::string letters = [] {  // all bytes but zero; no two consecutive valu
   for (std::size_t i = 0; i < 255; ++i) all[i] = static_cast<char>(i * 101 % 255 + 1);
   return all;
 }();
+std::string many(std::size_t count) { return letters.substr(0, count); }
 
 // Every routine runs in each of them, with the string at 64 places.
 // clang-format off
@@ -175,14 +176,21 @@ const scene scenes[] = {
     {.name = "Empty", .string = {""}, .character = 'a'},
     {.name = "StopsInTheFirstBlock", .string = {"a,b"}, .partner = {","}, .character = ','},
     {.name = "LiesAgainstTheFirstPage", .string = {"ab", front}, .partner = {"b", front}},
+    {.name = "EndsInFourBlocks", .string = {many(79)}},
     {.name = "CrossesAPageEnd", .string = {letters + letters, across}},
 
     {.name = "LimitIsZero", .string = {forty}, .partner = {"abd"}, .count = 0},
     {.name = "LimitIsOneShort", .string = {forty}, .partner = {forty + "x"}, .count = 39},
-    {.name = "LimitEqualsLength", .string = {forty}, .partner = {forty + "x"}, .count = 40},
+    {.name = "LimitEqualsLength", .string = {forty}, .partner = {forty + "x", back, 64},
+     .count = 40},
     {.name = "LimitIsOneMore", .string = {forty}, .partner = {forty + "x"}, .count = 41},
     {.name = "LimitIsTheLargestNumber", .string = {forty}, .partner = {forty}, .count = SIZE_MAX},
+    {.name = "LimitIsSevenMore", .string = {forty}, .partner = {forty + "x"}, .count = 47},
     {.name = "LimitEndsIt", .string = {forty, cut_off}, .partner = {forty, cut_off}, .count = 40},
+    {.name = "LimitEndsFourBlocks", .string = {many(96), cut_off}, .partner = {many(96)},
+     .count = 96},
+    {.name = "LimitEndsEightBlocks", .string = {many(160), cut_off}, .partner = {many(160)},
+     .count = 160},
 
     {.name = "CharacterComesOften", .string = {"-a-" + forty + "-z"}, .character = '-'},
     {.name = "CharacterIsTheTerminator", .string = {forty}, .character = 0},
@@ -198,6 +206,9 @@ const scene scenes[] = {
     {.name = "NumberFollowsManySpaces", .string = {white_space + white_space + white_space + "+7"}},
     {.name = "NumberStopsBelowDigits", .string = {"12/3"}},
     {.name = "NumberStopsAboveDigits", .string = {"12:3"}},
+    {.name = "NumberHasSixteenDigits", .string = {"1234567890123456"}},
+    {.name = "NumberHasSeventeenDigits", .string = {"-12345678901234567x"}},
+    {.name = "NumberHasFortyDigits", .string = {digits + digits + digits + digits}},
     {.name = "NumberIsTheLeastLong", .string = {"-9223372036854775808"}},
     {.name = "NumberOverflows64Bits", .string = {"-18446744073709551621"}},
 };
