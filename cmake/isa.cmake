@@ -136,23 +136,11 @@ zorvac_sources(ZORVAC_STRING_SOURCES baseline
   string/sse2_strpbrk.cpp
   string/sse2_strrchr.cpp
   string/sse2_strspn.cpp
-  string/sse2_strtok.cpp)
-zorvac_sources(ZORVAC_STRING_SOURCES ssse3
-  string/ssse3_stpcpy.cpp
-  string/ssse3_stpncpy.cpp
-  string/ssse3_strcpy.cpp
-  string/ssse3_strncpy.cpp
-  string/ssse3_strrchr.cpp)
-zorvac_sources(ZORVAC_STRING_SOURCES sse4_2
-  string/sse4_atoi.cpp
-  string/sse4_atol.cpp
-  string/sse4_atoll.cpp
+  string/sse2_strtok.cpp
   string/sse4_stpcpy.cpp
   string/sse4_stpncpy.cpp
   string/sse4_strcat.cpp
-  string/sse4_strchr.cpp
   string/sse4_strcpy.cpp
-  string/sse4_strcspn.cpp
   string/sse4_strdup.cpp
   string/sse4_strend.cpp
   string/sse4_strlen.cpp
@@ -160,6 +148,18 @@ zorvac_sources(ZORVAC_STRING_SOURCES sse4_2
   string/sse4_strncmp.cpp
   string/sse4_strncpy.cpp
   string/sse4_strnlen.cpp
+  string/ssse3_stpcpy.cpp
+  string/ssse3_stpncpy.cpp
+  string/ssse3_strcpy.cpp
+  string/ssse3_strncpy.cpp)
+zorvac_sources(ZORVAC_STRING_SOURCES ssse3
+  string/ssse3_strrchr.cpp)
+zorvac_sources(ZORVAC_STRING_SOURCES sse4_2
+  string/sse4_atoi.cpp
+  string/sse4_atol.cpp
+  string/sse4_atoll.cpp
+  string/sse4_strchr.cpp
+  string/sse4_strcspn.cpp
   string/sse4_strpbrk.cpp
   string/sse4_strrchr.cpp
   string/sse4_strspn.cpp
