@@ -322,8 +322,8 @@ struct number {
 
   constexpr bool hexadecimal() const { return base_ == 16; }
 
-  // Whether head() is the whole number: an integer of at most 38 digits, like most in programs.
-  constexpr bool is_head() const { return exponent == 0 && digit_count == head_digits_; }
+  // Whether head() has all digits: at most 38, like most numbers in programs.
+  constexpr bool is_head() const { return digit_count == head_digits_; }
   constexpr uint128 head() const { return head_; }
 
   // The digits as an integer. If there are too many, one digit stands for those that are dropped: 0
@@ -449,6 +449,22 @@ constexpr uint128 nearest(big_integer<Words> numerator, big_integer<Words> denom
   return nearest(high << 64 | low, !numerator.is_zero(), exponent + excess - 128);
 }
 
+// The same for digits / 10^power, for digits from 1 to 10^38 and a power from 1 to 27: that power of
+// 5 is one word. A division of two words by one, and another of its rest, give 126 bits and more.
+constexpr uint128 nearest_to_quotient(uint128 digits, int power) {
+  std::uint64_t divisor = 5;
+  for (int i = 1; i < power; ++i) divisor *= 5;
+  const int divisor_zeros = detail::leading_zeros(divisor) - 64;
+  const int digits_zeros = detail::leading_zeros(digits) - 1;  // the quotient fits two words
+  divisor <<= divisor_zeros;
+  digits <<= digits_zeros;
+  const uint128 high = digits / divisor;
+  const uint128 rest = (digits - high * divisor) << 64;
+  const uint128 low = rest / divisor;
+  return nearest(high << 64 | low, rest != low * divisor,
+                 divisor_zeros - digits_zeros - 64 - power);
+}
+
 // The same for digits * 10^exponent, with the power of 5 for it.
 template <int Words>
 constexpr uint128 nearest(const big_integer<Words>& digits, int exponent,
@@ -481,7 +497,9 @@ constexpr std::optional<uint128> nearest_quad(number from, int kept) {
   return size;
 }
 constexpr uint128 nearest_quad(const number& from) {
-  if (from.is_head()) return nearest(from.head(), false, 0);
+  if (from.is_head() && from.exponent == 0) return nearest(from.head(), false, 0);
+  if (from.is_head() && !from.hexadecimal() && from.exponent < 0 && from.exponent >= -27)
+    return nearest_to_quotient(from.head(), static_cast<int>(-from.exponent));
   // The number of digits before the point, or of bits, which may be 3 too many.
   const std::int64_t size = from.exponent + from.digit_count * (from.hexadecimal() ? 4 : 1);
   if (size > (from.hexadecimal() ? 16389 : 4933)) return detail::infinity_bits;
