@@ -6,10 +6,14 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "core/unaligned.h"
-
 namespace zorvac::array {
 namespace {
+
+template <class Word>
+void clear_word(void* p) {
+  typedef Word anywhere __attribute__((aligned(1), may_alias));
+  *static_cast<anywhere*>(p) = 0;
+}
 
 // Clears a column of `rows` elements of the size of Word: one by one up to a 16-byte boundary, then
 // 8 at a time, and the tail by 16 bytes and one by one. A short column, and one whose elements
@@ -22,14 +26,14 @@ void clear_column(void* column, std::size_t rows) {
   const std::size_t peel = (boundary - past) % boundary / size;
   if (past % size == 0 && rows >= peel + 8) {
     rows -= peel;
-    for (std::size_t i = 0; i < peel; ++i, p += size) store_unaligned(p, Word{});
+    for (std::size_t i = 0; i < peel; ++i, p += size) clear_word<Word>(p);
     for (; rows >= 8; rows -= 8)
       for (std::size_t i = 0; i < 8 * size / boundary; ++i, p += boundary)
         _mm_store_si128(reinterpret_cast<__m128i*>(p), _mm_setzero_si128());
     for (; rows >= boundary / size; rows -= boundary / size, p += boundary)
       _mm_store_si128(reinterpret_cast<__m128i*>(p), _mm_setzero_si128());
   }
-  for (; rows != 0; --rows, p += size) store_unaligned(p, Word{});
+  for (; rows != 0; --rows, p += size) clear_word<Word>(p);
 }
 
 // Clears a column of elements of 16 bytes, two at a time, at any alignment.

@@ -87,11 +87,12 @@ ZORVAC_INLINE void inner_tile(const inner_block& w, std::size_t i, std::size_t j
                        ZORVAC_INLINE_LAMBDA { body(c + J * ldc + R * V::width, sum.c[J][R]); });
     });
   };
-  if (w.accumulate)
+  if (w.accumulate) {
     each([](double* to, auto x)
              ZORVAC_INLINE_LAMBDA { V::memory::store(to, V::memory::load(to) + x); });
-  else
+  } else {
     each([](double* to, auto x) ZORVAC_INLINE_LAMBDA { V::memory::store(to, x); });
+  }
 }
 
 template <class V, int Rows, int Terms>

@@ -14,8 +14,6 @@
 #include <cstdint>
 #include <type_traits>
 
-#include "core/unaligned.h"
-
 namespace zorvac::array {
 namespace {
 
@@ -34,6 +32,17 @@ struct vector {
 template <class Reg>
 [[gnu::always_inline]] inline void hold(Reg& x) {
   asm volatile("" : "+v"(x));
+}
+
+template <class Word>
+Word load_word(const void* p) {
+  typedef Word anywhere __attribute__((aligned(1), may_alias));
+  return *static_cast<const anywhere*>(p);
+}
+template <class Word>
+void store_word(void* p, Word word) {
+  typedef Word anywhere __attribute__((aligned(1), may_alias));
+  *static_cast<anywhere*>(p) = word;
 }
 
 // A level has these members:
@@ -67,13 +76,13 @@ struct sse2 {
       const auto* const from = static_cast<const char*>(p);
       reg v{};
       for (std::size_t i = 0; i < words; ++i)
-        v[i] = load_unaligned<word>(from + (i < count ? i : 0) * sizeof(word));
+        v[i] = load_word<word>(from + (i < count ? i : 0) * sizeof(word));
       return v;
     }
     void store(void* p, reg v) const {
       auto* const to = static_cast<char*>(p);
       for (std::size_t i = 0; i < words; ++i)
-        if (i < count) store_unaligned<word>(to + i * sizeof(word), v[i]);
+        if (i < count) store_word<word>(to + i * sizeof(word), v[i]);
     }
   };
 
@@ -114,8 +123,8 @@ struct avx2 {
         : mask(_mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(elements * ElementBytes / 4)),
                                   _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7))) {}
     static __m256i repeat(const void* p) {
-      if constexpr (ElementBytes == 4) return _mm256_set1_epi32(load_unaligned<int>(p));
-      if constexpr (ElementBytes == 8) return _mm256_set1_epi64x(load_unaligned<long long>(p));
+      if constexpr (ElementBytes == 4) return _mm256_set1_epi32(load_word<int>(p));
+      if constexpr (ElementBytes == 8) return _mm256_set1_epi64x(load_word<long long>(p));
       return _mm256_broadcastsi128_si256(_mm_loadu_si128(static_cast<const __m128i*>(p)));
     }
     [[nodiscard]] __m256i load(const void* p) const {
