@@ -449,8 +449,9 @@ constexpr uint128 nearest(big_integer<Words> numerator, big_integer<Words> denom
   return nearest(high << 64 | low, !numerator.is_zero(), exponent + excess - 128);
 }
 
-// The same for digits / 10^power, for digits from 1 to 10^38 and a power from 1 to 27: that power of
-// 5 is one word. A division of two words by one, and another of its rest, give 126 bits and more.
+// The same for digits / 10^power, for digits from 1 to 10^38 and a power from 1 to 27: that power
+// of 5 is one word. A division of two words by one, and another of its rest, give 126 bits and
+// more.
 constexpr uint128 nearest_to_quotient(uint128 digits, int power) {
   std::uint64_t divisor = 5;
   for (int i = 1; i < power; ++i) divisor *= 5;
