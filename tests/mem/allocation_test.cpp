@@ -4,6 +4,7 @@
 // under a sanitizer's allocator.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -367,13 +368,18 @@ TEST(Pool, IsSharedByThreadsThatFork) {
   });
 }
 
-// When the shared library is unloaded, its fork handlers are removed.
-TEST(LoadedLibrary, LeavesNoForkHandlersBehind) {
+// The shared library with a malloc that fills its blocks, as with the tunable glibc.malloc.perturb.
+// When the library is unloaded, its fork handlers are removed.
+TEST(LoadedLibrary, ClearsItsPoolsAndLeavesNoForkHandlersBehind) {
   in_own_process([] {
     void* const library = dlopen(LIBRARY, RTLD_NOW);
     ASSERT_NE(library, nullptr) << dlerror();
     const auto init = reinterpret_cast<decltype(&__i_pool_init)>(dlsym(library, "__i_pool_init"));
+    const auto calloc =
+        reinterpret_cast<decltype(&__i_pool_calloc)>(dlsym(library, "__i_pool_calloc"));
+    mallopt(M_PERTURB, 170);
     init(sizes{64, 0}.begin(), 1);
+    EXPECT_BYTES(bytes(calloc(1, 64), 30'000 * 64), std::string(30'000 * 64, 0));
     in_own_process([] {});
     dlclose(library);
     EXPECT_EQ(dlopen(LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr);

@@ -284,7 +284,8 @@ struct path {
   std::vector<std::size_t> prefetched;  // bytes from the block's start, in source or destination
   bool loops = false;                   // an instruction ran twice
   int indirect_jumps = 0;
-  bool unfenced = false;  // no fence came after a streaming store
+  bool unfenced = false;   // no fence came after a streaming store
+  std::string misaligned;  // a store in a loop, or a load in one that merges blocks
 
   // The marks in alphabetical order; if there are none, whether there is a loop.
   [[nodiscard]] std::string way() const {
@@ -305,6 +306,7 @@ using delays = std::map<std::size_t, std::uint64_t>;
 path path_of(const member& m, const cache_values& caches, std::size_t to_offset,
              std::size_t from_offset, std::size_t count, const delays& slow = {}) {
   static const guarded_block from_block(65536), to_block(65536);
+  const bool merges = m.of == sse2_copy || m.of == ssse3_copy || m.of == ssse3_rep_copy;
   unsigned char* const from = from_block.begin() + from_offset;
   unsigned char* const to = m.what == kind::compare ? from : to_block.begin() + to_offset;
   const auto start = reinterpret_cast<std::uintptr_t>(to_block.begin());
@@ -322,13 +324,18 @@ path path_of(const member& m, const cache_values& caches, std::size_t to_offset,
     if (s.what == "jmp") ++p.indirect_jumps;
 
     const auto [first, is_new] = seen.try_emplace(s.address, s.operand);
-    if (!is_new) p.loops = true;
+    if (!is_new) {
+      p.loops = true;
+      const bool may_not = in_destination || (merges && !p.marks.contains("movntdq"));
+      if (may_not && s.bytes >= 16 && s.operand % s.bytes != 0) p.misaligned = s.what;
+    }
     if (in_destination && s.operand < first->second) p.marks.insert("backwards");
     return slow.contains(at) ? slow.at(at) : 0;
   };
   set_caches(caches);
   trace(observe, m.entry, to, source, count);
   EXPECT_FALSE(p.unfenced);
+  EXPECT_EQ(p.misaligned, "");
   return p;
 }
 

@@ -17,7 +17,8 @@ namespace zorvac::test {
 struct step {
   std::uintptr_t address;
   std::string what;        // the mnemonic
-  std::uintptr_t operand;  // the address of its memory operand
+  std::uintptr_t operand;  // the address of its memory operand, which has `bytes` bytes
+  unsigned bytes;
 };
 // Runs in the middle of the routine, and may allocate, because the routine does not. Returns the
 // time that the step takes on the clock that the routine reads. Apart from that, only reading the
@@ -42,7 +43,7 @@ inline step decode(const greg_t* registers) {
   const auto address = static_cast<std::uintptr_t>(registers[REG_RIP]);
   ZydisDisassembleIntel(ZYDIS_MACHINE_MODE_LONG_64, address, reinterpret_cast<void*>(address),
                         ZYDIS_MAX_INSTRUCTION_LENGTH, &next);
-  step s{address, ZydisMnemonicGetString(next.info.mnemonic), 0};
+  step s{address, ZydisMnemonicGetString(next.info.mnemonic), 0, 0};
   if (s.what[0] == 'v') s.what.erase(0, 1);
   if (s.what == "movntps") s.what = "movntdq";
   if (s.what == "jmp" && next.operands[0].type == ZYDIS_OPERAND_TYPE_IMMEDIATE) s.what = "";
@@ -51,6 +52,7 @@ inline step decode(const greg_t* registers) {
   for (std::size_t i = 0; i < next.info.operand_count_visible; ++i) {
     if (next.operands[i].type != ZYDIS_OPERAND_TYPE_MEMORY || s.what == "lea") continue;
     ZydisCalcAbsoluteAddressEx(&next.info, &next.operands[i], address, &values, &s.operand);
+    s.bytes = next.operands[i].size / 8u;
   }
   return s;
 }

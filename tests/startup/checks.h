@@ -1,6 +1,8 @@
 #ifndef ZORVAC_TESTS_STARTUP_CHECKS_H
 #define ZORVAC_TESTS_STARTUP_CHECKS_H
 // The letter-coded start-up checks: what each variant requires and assumes, and how `.A` refuses.
+#include <dlfcn.h>
+
 #include <string>
 #include <vector>
 
@@ -42,6 +44,15 @@ inline const check checks[] = {
     {"__zorva_proc_init_P", {{level::sse3, ".L", daz}}, 43},
     {"__zorva_proc_init_T", {{level::ssse3, ".M", daz}}, 42},
 };
+
+// The modes that a check sets when it is called with `flags`. The older checks ignore the flags.
+inline int effective(const check& c, int flags) {
+  return c.name.starts_with("__zorva_new") ? flags : 3;
+}
+
+inline void (*routine(const std::string& name))(int) {
+  return reinterpret_cast<void (*)(int)>(dlsym(RTLD_DEFAULT, name.c_str()));
+}
 
 }  // namespace zorvac::test
 #endif

@@ -2,9 +2,9 @@
 # Links programs with libzorvac_float128 as its document says. The loader's log must show that this
 # library does the arithmetic. The library must export exactly its list, and need no other library.
 #
-# programs_test.sh SOURCES LIBRARIES EXPORTS C-COMPILER [FORTRAN-COMPILER]
+# programs_test.sh SOURCES LIBRARIES EXPORTS C-COMPILER C++-COMPILER [FORTRAN-COMPILER]
 set -eu
-sources=$1 libraries=$2 exports=$3 cc=$4 fc=${5-}
+sources=$1 libraries=$2 exports=$3 cc=$4 cxx=$5 fc=${6-}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"
@@ -37,14 +37,21 @@ readelf --dynamic "$shared" >dynamic
 grep -q 'soname: \[libzorvac_float128\.so\.1\]' dynamic || fail "SONAME: $(grep SONAME dynamic)"
 if grep NEEDED dynamic; then fail "the library needs other libraries"; fi
 
-"$cc" "$sources/sum.c" -L"$libraries" -lzorvac_float128 -o shared
-LD_LIBRARY_PATH=$libraries run ./shared
-for routine in __addtf3 __multf3 __divtf3 __lttf2 __fixtfdi; do bound ./shared $routine; done
-"$cc" "$sources/sum.c" "$libraries/libzorvac_float128.a" -o static
-run ./static
-nm static | grep -q "zorvac6softfp" || fail "the static library is not in the program"
-"$cc" -static "$sources/sum.c" -L"$libraries" -lzorvac_float128 -o all_static
-[ "$(./all_static)" = 1 ] || fail "a static program fails"
+for compiler in "$cc" "$cxx"; do
+  language=c
+  [ "$compiler" = "$cc" ] || language=c++
+  "$compiler" -x $language "$sources/sum.c" -x none -L"$libraries" -lzorvac_float128 -o shared
+  LD_LIBRARY_PATH=$libraries run ./shared
+  for routine in __addtf3 __multf3 __divtf3 __lttf2 __fixtfdi; do bound ./shared $routine; done
+
+  "$compiler" -x $language "$sources/sum.c" -x none "$libraries/libzorvac_float128.a" -o static
+  run ./static
+  nm static | grep "zorvac6softfp" >/dev/null ||
+    fail "$language: the static library is not in the program"
+  "$compiler" -static -x $language "$sources/sum.c" -x none -L"$libraries" -lzorvac_float128 \
+    -o all_static
+  [ "$(./all_static)" = 1 ] || fail "$language: a static program fails"
+done
 
 [ -n "$fc" ] || exit 0
 "$fc" "$sources/sum.f90" -L"$libraries" -lzorvac_float128 -o fortran_shared

@@ -77,7 +77,15 @@ on Opteron_G3 'SSSE3, SSE4_1 and SSE4_2'
 
 build 'gcc -march=x86-64-v3 *.c -o program'
 on Opteron_G5 'MOVBE, BMI and AVX2'
+on Haswell,-bmi2 BMI
+on Haswell,-xsave 'F16C, AVX, FMA and AVX2'
 on Haswell,vendor=OtherVendor! -
+
+build 'gcc -march=x86-64-v4 *.c -o program'
+on EPYC 'AVX512DQ, AVX512F, AVX512CD, AVX512BW and AVX512VL'
+
+build 'gcc -march=haswell *.c -o program'
+on Nehalem 'MOVBE, PCLMULQDQ, F16C, AVX, RDRND, FMA, BMI, LZCNT and AVX2'
 
 build 'gcc -march=znver3 -mno-sha -mno-rdseed *.c -o program'
 on Haswell ADX
@@ -98,6 +106,7 @@ while IFS= read -r row; do
   on Nehalem 'MOVBE, F16C, AVX, FMA, BMI, LZCNT and AVX2'
   on Haswell -
 done <<ROWS
+gcc -march=x86-64-v3 -no-pie *.c -o program
 gcc -march=x86-64-v3 -static *.c $library -o program
 gcc -march=x86-64-v3 -static-pie *.c -o program
 gcc -march=x86-64-v3 -O2 -flto *.c -o program
