@@ -51,8 +51,8 @@ void store_word(void* p, Word word) {
 //   ..._tile_registers   registers of rows in a tile of C, for real and for complex elements: as
 //                        many as still leave the sums of four columns, the rows and a factor in
 //                        registers
-//   part<ElementBytes>   loads and stores the first few elements of a register
-//   has_masks            `part` needs one masked instruction for a load, and one for a store
+//   prefix<ElementBytes> loads and stores the first few elements of a register
+//   has_masks            `prefix` needs one masked instruction for a load, and one for a store
 //   spread               puts one value into every lane
 //   turned               exchanges the two parts of each complex number, for its product with i
 //   plus_turned          adds x, a product with the pairs, and y, a product with the turned pairs.
@@ -66,13 +66,13 @@ struct sse2 {
   static constexpr bool has_masks = false;
 
   template <std::size_t ElementBytes>
-  struct part {
+  struct prefix {
     using word = std::conditional_t<ElementBytes == 4, std::uint32_t, std::uint64_t>;
     using reg = typename vector<word, bytes>::reg;
     static constexpr std::size_t words = bytes / sizeof(word);
     std::size_t count;  // words; an element of 16 bytes always fills the register
 
-    explicit part(std::size_t elements) : count(elements) {}
+    explicit prefix(std::size_t elements) : count(elements) {}
     [[nodiscard]] reg load(const void* p) const {
       const auto* const from = static_cast<const char*>(p);
       reg v{};
@@ -117,10 +117,10 @@ struct avx2 {
   static constexpr bool has_masks = true;
 
   template <std::size_t ElementBytes>
-  struct part {
+  struct prefix {
     __m256i mask;
 
-    explicit part(std::size_t elements)
+    explicit prefix(std::size_t elements)
         : mask(_mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(elements * ElementBytes / 4)),
                                   _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7))) {}
     static __m256i repeat(const void* p) {
@@ -151,13 +151,13 @@ struct avx512 : avx2 {
   static constexpr int real_tile_registers = 4, complex_tile_registers = 2;
 
   template <std::size_t ElementBytes>
-  struct part {
+  struct prefix {
     __mmask8 mask;
 
-    explicit part(std::size_t elements)
+    explicit prefix(std::size_t elements)
         : mask(static_cast<__mmask8>((1u << elements * ElementBytes / 4) - 1)) {}
     [[nodiscard]] __m256i load(const void* p) const {
-      return _mm256_mask_loadu_epi32(avx2::part<ElementBytes>::repeat(p), mask, p);
+      return _mm256_mask_loadu_epi32(avx2::prefix<ElementBytes>::repeat(p), mask, p);
     }
     void store(void* p, __m256i v) const { _mm256_mask_storeu_epi32(p, mask, v); }
   };
@@ -172,7 +172,7 @@ struct real {
   using element = Scalar;
   using memory = vector<Scalar, Level::bytes>;
   using reg = typename memory::reg;
-  using part = typename Level::template part<sizeof(element)>;
+  using prefix = typename Level::template prefix<sizeof(element)>;
   using operand = reg;
   using factor = reg;
   static constexpr std::size_t width = Level::bytes / sizeof(element);
@@ -200,7 +200,7 @@ struct complex {
   using element = complex_number<Scalar>;
   using memory = vector<Scalar, Level::bytes>;
   using reg = typename memory::reg;
-  using part = typename Level::template part<sizeof(element)>;
+  using prefix = typename Level::template prefix<sizeof(element)>;
   struct operand {
     reg straight, turned;
   };

@@ -32,22 +32,22 @@ struct panel {
   bool from_zero;  // sum the products by themselves, then add the sum to C
 };
 
-template <class V, int Rows, bool Part>
+template <class V, int Rows, bool Cut>
 struct column_rows {  // of A or C
   const typename V::element* p;
   std::size_t distance;
-  typename V::part last;
+  typename V::prefix last;
 
   template <int R>
   ZORVAC_INLINE typename V::reg load() const {
-    if constexpr (Part && R == Rows - 1)
+    if constexpr (Cut && R == Rows - 1)
       return reinterpret_cast<typename V::reg>(last.load(p + R * V::width));
     else
       return V::memory::load(p + R * V::width);
   }
   template <int R>
   ZORVAC_INLINE void store(typename V::element* to, typename V::reg v) const {
-    if constexpr (Part && R == Rows - 1)
+    if constexpr (Cut && R == Rows - 1)
       last.store(to + R * V::width, reinterpret_cast<decltype(last.load(to))>(v));
     else
       V::memory::store(to + R * V::width, v);
@@ -67,23 +67,23 @@ struct columns_of_b {
   ZORVAC_INLINE void step() { p += distance; }
 };
 
-template <class V, int Rows, bool Part, int Columns>
+template <class V, int Rows, bool Cut, int Columns>
 ZORVAC_INLINE void add_tile(const panel<typename V::element>& w, std::size_t j) {
-  const typename V::part last(w.rows - (Rows - 1) * V::width);
-  const column_rows<V, Rows, Part> c{w.c + j * w.ldc, w.ldc, last};
+  const typename V::prefix last(w.rows - (Rows - 1) * V::width);
+  const column_rows<V, Rows, Cut> c{w.c + j * w.ldc, w.ldc, last};
   tile<V, Rows, Columns> sum{};
   if (!w.from_zero) {
-    column_rows<V, Rows, Part> column = c;
+    column_rows<V, Rows, Cut> column = c;
     repeat<Columns>([&]<int J>() ZORVAC_INLINE_LAMBDA {
       repeat<Rows>([&]<int R>() ZORVAC_INLINE_LAMBDA { sum.c[J][R] = column.template load<R>(); });
       column.step();
     });
   }
-  column_rows<V, Rows, Part && V::level::has_masks> a{w.a, w.a_step, last};
+  column_rows<V, Rows, Cut && V::level::has_masks> a{w.a, w.a_step, last};
   columns_of_b<V> b{w.b + j * w.b_column, w.b_step, w.b_column};
   for (std::size_t k = w.terms; k != 0; --k) sum.add_products(a, b);
 
-  column_rows<V, Rows, Part> column = c;
+  column_rows<V, Rows, Cut> column = c;
   repeat<Columns>([&]<int J>() ZORVAC_INLINE_LAMBDA {
     repeat<Rows>([&]<int R>() ZORVAC_INLINE_LAMBDA {
       if (w.from_zero) sum.c[J][R] = column.template load<R>() + sum.c[J][R];
@@ -93,20 +93,20 @@ ZORVAC_INLINE void add_tile(const panel<typename V::element>& w, std::size_t j) 
   });
 }
 
-template <class V, int Rows, bool Part>
+template <class V, int Rows, bool Cut>
 [[gnu::noinline]] void add_panel(const panel<typename V::element>& w) {
   std::size_t j = 0;
   if constexpr (Rows == 1) {  // four sums do not keep the adders busy
-    for (; w.columns - j >= 8; j += 8) add_tile<V, Rows, Part, 8>(w, j);
+    for (; w.columns - j >= 8; j += 8) add_tile<V, Rows, Cut, 8>(w, j);
   }
-  for (; w.columns - j >= 4; j += 4) add_tile<V, Rows, Part, 4>(w, j);
+  for (; w.columns - j >= 4; j += 4) add_tile<V, Rows, Cut, 4>(w, j);
   switch (w.columns - j) {
     case 3:
-      return add_tile<V, Rows, Part, 3>(w, j);
+      return add_tile<V, Rows, Cut, 3>(w, j);
     case 2:
-      return add_tile<V, Rows, Part, 2>(w, j);
+      return add_tile<V, Rows, Cut, 2>(w, j);
     case 1:
-      return add_tile<V, Rows, Part, 1>(w, j);
+      return add_tile<V, Rows, Cut, 1>(w, j);
     default:
       return;
   }
@@ -115,11 +115,11 @@ template <class V, int Rows, bool Part>
 template <class V>
 void add(const panel<typename V::element>& w) {
   const std::size_t registers = (w.rows + V::width - 1) / V::width;
-  const bool part = w.rows % V::width != 0;
+  const bool cut = w.rows % V::width != 0;  // the last register is not full
   repeat<V::tile_registers>([&]<int R>() ZORVAC_INLINE_LAMBDA {
     if (registers != R + 1) return;
     if constexpr (V::width > 1) {
-      if (part) return add_panel<V, R + 1, true>(w);
+      if (cut) return add_panel<V, R + 1, true>(w);
     }
     add_panel<V, R + 1, false>(w);
   });
@@ -153,7 +153,7 @@ class block_of_a {
 
   void copy_columns(const panel<element>& w, const element* a, std::size_t lda) {
     const std::size_t whole = w.rows / V::width * V::width;
-    const typename V::part last(w.rows - whole);
+    const typename V::prefix last(w.rows - whole);
     element* to = copy;
     for (std::size_t k = 0; k < w.terms; ++k, a += lda, to += w.a_step) {
       for (std::size_t i = 0; i < whole; i += V::width)
@@ -183,14 +183,14 @@ void add_blocks(const panel<typename V::element>& w, const typename V::element* 
                 std::size_t m, std::size_t k) {
   block_of_a<V, A> block;
   for (std::size_t k0 = 0; k0 < k; k0 += block_terms) {
-    panel<typename V::element> part = w;
-    part.terms = smaller(k - k0, block_terms);
-    part.b += k0 * w.b_step;
-    for (std::size_t i = 0; i < m; i += part.rows) {
-      part.rows = rows_of_panel<V, V::tile_registers>(m - i);
-      part.c = w.c + i;
-      block.give(part, A == stored::as_used ? a + i + k0 * lda : a + k0 + i * lda, lda);
-      add<V>(part);
+    panel<typename V::element> piece = w;
+    piece.terms = smaller(k - k0, block_terms);
+    piece.b += k0 * w.b_step;
+    for (std::size_t i = 0; i < m; i += piece.rows) {
+      piece.rows = rows_of_panel<V, V::tile_registers>(m - i);
+      piece.c = w.c + i;
+      block.give(piece, A == stored::as_used ? a + i + k0 * lda : a + k0 + i * lda, lda);
+      add<V>(piece);
     }
   }
 }

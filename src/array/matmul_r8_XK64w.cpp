@@ -54,8 +54,8 @@ class buffer {
   static constexpr uint64_t column_bytes = term_block * sizeof(double);
   // Rounds down, then adds.
   [[nodiscard]] double* at(uint64_t offset, uint64_t boundary, uint64_t beyond) const {
-    const std::uintptr_t rounded = (start_ + offset) & ~(boundary - 1);
-    return reinterpret_cast<double*>(rounded + beyond);  // NOLINT(performance-no-int-to-ptr)
+    const std::uintptr_t aligned = (start_ + offset) & ~(boundary - 1);
+    return reinterpret_cast<double*>(aligned + beyond);  // NOLINT(performance-no-int-to-ptr)
   }
 
   void* memory_;

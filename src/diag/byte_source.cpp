@@ -58,11 +58,11 @@ bool byte_source::read(std::uint64_t offset, void* to, std::size_t count) {
   while (count > 0) {
     const std::span<const unsigned char> bytes = at(offset);
     if (bytes.empty()) return false;
-    const std::size_t part = std::min(bytes.size(), count);
-    std::memcpy(out, bytes.data(), part);
-    out += part;
-    count -= part;
-    offset += part;  // at() ends below 2^63, so this cannot wrap
+    const std::size_t available = std::min(bytes.size(), count);
+    std::memcpy(out, bytes.data(), available);
+    out += available;
+    count -= available;
+    offset += available;  // at() ends below 2^63, so this cannot wrap
   }
   return true;
 }

@@ -112,13 +112,13 @@ char* map_reader::next_text() {
     if (bytes.empty()) break;
     const void* const end = std::memchr(bytes.data(), '\n', bytes.size());
     whole = end != nullptr;
-    const std::size_t part =
+    const std::size_t ready =
         whole ? static_cast<std::size_t>(static_cast<const unsigned char*>(end) - bytes.data())
               : bytes.size();
-    const std::size_t kept = std::min(part, longest_line - length);
+    const std::size_t kept = std::min(ready, longest_line - length);
     std::memcpy(text + length, bytes.data(), kept);
     length += kept;
-    offset_ += part + (whole ? 1 : 0);
+    offset_ += ready + (whole ? 1 : 0);
   }
   text[length] = '\0';
   return offset_ == begin ? nullptr : text;

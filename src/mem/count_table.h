@@ -1,34 +1,52 @@
 #ifndef ZORVAC_MEM_COUNT_TABLE_H
 #define ZORVAC_MEM_COUNT_TABLE_H
-// A jump through a table indexed by a count, as the text of an `asm goto` with the operand `count`:
+// A jump by a count: through a table indexed by the count, to the label of the count's class.
 //
-//   asm goto(ZORVAC_JUMP_BY_COUNT(ZORVAC_ENTRIES("1", nothing) ZORVAC_ENTRIES("%c[n]", something))
-//            : : [count] "r"(count), [n] "i"(63) : "r10", "r11", "cc" : nothing, something);
+//   ZORVAC_JUMP_BY_COUNT(count, limit, CLASSES);
 //
-// The table holds 32-bit distances from its own start, so it needs no relocation. The count must be
-// below the number of entries; nothing checks it. The jump is written in assembler because a
-// compiler turns a switch with many cases and few targets into comparisons, and adds a check.
+// CLASSES(X) is a list macro. Its rows X(label, first, last) have a label of the function, and the
+// first and the last count of a class. Count 0 jumps to the label `nothing`. The table ends at the limit, so a class may end or lie beyond it. The
+// count must not be above the limit; nothing checks it.
+//
+// The table holds 32-bit distances from its own start, so it needs no relocation. The jump is
+// written in assembler because a compiler turns a switch with many cases and few targets into
+// comparisons, and adds a check.
 #include <cstddef>
-
-#define ZORVAC_JUMP_BY_COUNT(entries)      \
-  "lea 9f(%%rip), %%r11\n\t"               \
-  "movslq (%%r11, %[count], 4), %%r10\n\t" \
-  "add %%r11, %%r10\n\t"                   \
-  "jmp *%%r10\n\t"                         \
-  ".pushsection .rodata\n\t"               \
-  ".balign 4\n"                            \
-  "9:\n\t" entries ".popsection"
-// `number` entries, all to one label.
-#define ZORVAC_ENTRIES(number, label) ".rept " number "\n\t.long %l[" #label "] - 9b\n\t.endr\n\t"
 
 namespace zorvac::mem {
 namespace {
 
-// How many counts of a table from 0 to `limit` are above `low` and at most `high`.
-constexpr std::size_t entries(std::size_t limit, std::size_t low, std::size_t high) {
-  return (high < limit ? high : limit) - (low < limit ? low : limit);
+// How many counts of a table from 0 to `limit` are from `first` to `last`.
+constexpr std::size_t entries(std::size_t limit, std::size_t first, std::size_t last) {
+  const std::size_t end = last < limit ? last + 1 : limit + 1;
+  return first < end ? end - first : 0;
 }
 
 }  // namespace
 }  // namespace zorvac::mem
+
+#define ZORVAC_JUMP_BY_COUNT(count_, limit_, classes)                                          \
+  do {                                                                                         \
+    constexpr std::size_t jump_limit = limit_;                                                 \
+    static_assert(1 classes(ZORVAC_CLASS_SIZE) == jump_limit + 1, "one entry for each count"); \
+    asm goto("lea 9f(%%rip), %%r11\n\t"                                                        \
+             "movslq (%%r11, %[count], 4), %%r10\n\t"                                          \
+             "add %%r11, %%r10\n\t"                                                            \
+             "jmp *%%r10\n\t"                                                                  \
+             ".pushsection .rodata\n\t"                                                        \
+             ".balign 4\n"                                                                     \
+             "9:\n\t"                                                                          \
+             ".long %l[nothing] - 9b\n\t" classes(ZORVAC_CLASS_ENTRIES) ".popsection"          \
+             :                                                                                 \
+             : [count] "r"(count_)classes(ZORVAC_CLASS_OPERAND)                                \
+             : "r10", "r11", "cc"                                                              \
+             : nothing classes(ZORVAC_CLASS_LABEL));                                           \
+    __builtin_unreachable();                                                                   \
+  } while (false)
+#define ZORVAC_CLASS_SIZE(label, first, last) +zorvac::mem::entries(jump_limit, first, last)
+#define ZORVAC_CLASS_ENTRIES(label, first, last) \
+  ".rept %c[n_" #label "]\n\t.long %l[" #label "] - 9b\n\t.endr\n\t"
+#define ZORVAC_CLASS_OPERAND(label, first, last) \
+  , [n_##label] "i"(zorvac::mem::entries(jump_limit, first, last))
+#define ZORVAC_CLASS_LABEL(label, first, last) , label
 #endif

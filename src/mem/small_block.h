@@ -164,19 +164,16 @@ struct by_zmm : by_quarters {
 template <class Plan, std::size_t Limit, class Action>
 [[gnu::always_inline]] inline void small_block(const Action& act, std::size_t count) {
   static_assert(Limit <= Plan::widest);
-  asm goto(ZORVAC_JUMP_BY_COUNT(ZORVAC_ENTRIES("1", nothing) ZORVAC_ENTRIES("%c[to_3]", up_to_3)
-                                    ZORVAC_ENTRIES("%c[to_16]", up_to_16)
-                                        ZORVAC_ENTRIES("%c[to_middle]", up_to_middle)
-                                            ZORVAC_ENTRIES("%c[to_wide]", up_to_wide)
-                                                ZORVAC_ENTRIES("%c[to_widest]", up_to_widest))
-           :
-           : [count] "r"(count), [to_3] "i"(entries(Limit, 0, 3)),
-             [to_16] "i"(entries(Limit, 3, 16)), [to_middle] "i"(entries(Limit, 16, Plan::middle)),
-             [to_wide] "i"(entries(Limit, Plan::middle, Plan::wide)),
-             [to_widest] "i"(entries(Limit, Plan::wide, Plan::widest))
-           : "r10", "r11", "cc"
-           : nothing, up_to_3, up_to_16, up_to_middle, up_to_wide, up_to_widest);
-  __builtin_unreachable();
+#define ZORVAC_CLASSES(X)                     \
+  X(up_to_3, 1, 3)                            \
+  X(up_to_16, 4, 16)                          \
+  X(up_to_middle, 17, Plan::middle)           \
+  X(up_to_wide, Plan::middle + 1, Plan::wide) \
+  X(up_to_widest, Plan::wide + 1, Plan::widest)
+  ZORVAC_JUMP_BY_COUNT(count, Limit, ZORVAC_CLASSES);
+#undef ZORVAC_CLASSES
+nothing:
+  return;
 up_to_3:
   act.template at<u8>({0, count / 2, count - 1});
   return;
@@ -191,9 +188,6 @@ up_to_wide:
   return;
 up_to_widest:
   if constexpr (Limit > Plan::wide) Plan::do_widest(act, count);
-  return;
-nothing:
-  return;
 }
 
 }  // namespace

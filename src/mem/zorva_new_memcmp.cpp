@@ -41,16 +41,19 @@ template <std::size_t... Last>
 int compare_gathered(std::uint64_t x, std::uint64_t y) { return x == y ? 0 : order(x, y); }
 
 int compare_small(const char* a, const char* b, std::size_t count) {
-  asm goto(ZORVAC_JUMP_BY_COUNT(ZORVAC_ENTRIES("1", nothing) ZORVAC_ENTRIES(
-      "3", to_3) ZORVAC_ENTRIES("4", to_7) ZORVAC_ENTRIES("1", to_8) ZORVAC_ENTRIES("8", to_16)
-                                    ZORVAC_ENTRIES("8", to_24) ZORVAC_ENTRIES("8", to_32)
-                                        ZORVAC_ENTRIES("8", to_40) ZORVAC_ENTRIES("8", to_48)
-                                            ZORVAC_ENTRIES("8", to_56) ZORVAC_ENTRIES("8", to_64))
-           :
-           : [count] "r"(count)
-           : "r10", "r11", "cc"
-           : nothing, to_3, to_7, to_8, to_16, to_24, to_32, to_40, to_48, to_56, to_64);
-  __builtin_unreachable();
+#define ZORVAC_CLASSES(X) \
+  X(to_3, 1, 3)           \
+  X(to_7, 4, 7)           \
+  X(to_8, 8, 8)           \
+  X(to_16, 9, 16)         \
+  X(to_24, 17, 24)        \
+  X(to_32, 25, 32)        \
+  X(to_40, 33, 40)        \
+  X(to_48, 41, 48)        \
+  X(to_56, 49, 56)        \
+  X(to_64, 57, small)
+  ZORVAC_JUMP_BY_COUNT(count, small, ZORVAC_CLASSES);
+#undef ZORVAC_CLASSES
 nothing:
   return 0;
 to_3:

@@ -46,8 +46,7 @@ inline uint128 power_of_two(bool negative, int exponent) {
   if (exponent > -f::fraction_bits)
     return f::signed_word(negative, f::leading_one >> (1 - exponent));
   raise_underflow_inexact();
-  const bool increment = rounds_up(rounding_control(), negative, false, 1);
-  return f::signed_word(negative, increment);
+  return rounded_to_zero_or_smallest<f>(negative);
 }
 
 // Let a and b be the significands as integers, v = 2^14 b, and V the high word of v, at least 2^62:

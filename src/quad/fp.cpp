@@ -104,14 +104,14 @@ environment change(std::uint32_t value, std::uint32_t mask) {
   now.mxcsr =
       with_masks_and_rounding(with_flush(mxcsr::read(), value, mask), mxcsr_layout, value, mask);
   mxcsr::write(now.mxcsr);
-  now.x87 = with_precision(with_masks_and_rounding(x87::read_control(), x87_layout, value, mask),
-                           value, mask);
-  x87::write_control(static_cast<std::uint16_t>(now.x87));
+  now.x87 = with_precision(
+      with_masks_and_rounding(x87_unit::read_control(), x87_layout, value, mask), value, mask);
+  x87_unit::write_control(static_cast<std::uint16_t>(now.x87));
   return now;
 }
 
 void clear_flags() {
-  x87::clear_exceptions();
+  x87_unit::clear_exceptions();
   mxcsr::write(mxcsr::read() & ~mxcsr::all_flags);
 }
 
@@ -119,7 +119,7 @@ void clear_flags() {
 
 std::uint32_t _statusfp() { return abstract_exceptions(mxcsr::read()); }
 
-std::uint32_t _status87() { return abstract_exceptions(x87::wait_and_read_status()); }
+std::uint32_t _status87() { return abstract_exceptions(x87_unit::wait_and_read_status()); }
 
 std::uint32_t _clearfp() {
   const std::uint32_t status = abstract_exceptions(mxcsr::read());
@@ -128,7 +128,7 @@ std::uint32_t _clearfp() {
 }
 
 std::uint32_t _clear87() {
-  const std::uint32_t status = abstract_exceptions(x87::read_status());
+  const std::uint32_t status = abstract_exceptions(x87_unit::read_status());
   clear_flags();
   return status;
 }
@@ -143,14 +143,16 @@ std::uint32_t _control87(std::uint32_t value, std::uint32_t mask) {
   return masks_and_rounding(now.x87, x87_layout) | flush(now.mxcsr) | precision(now.x87);
 }
 
-void save_fp_state(void* state) { x87::save(*static_cast<x87::state*>(state)); }
+void save_fp_state(void* state) { x87_unit::save(*static_cast<x87_unit::state*>(state)); }
 
-void restore_fp_state(const void* state) { x87::restore(*static_cast<const x87::state*>(state)); }
+void restore_fp_state(const void* state) {
+  x87_unit::restore(*static_cast<const x87_unit::state*>(state));
+}
 
-void get_fp_statusword(void* status) { store_unaligned(status, x87::read_status()); }
+void get_fp_statusword(void* status) { store_unaligned(status, x87_unit::read_status()); }
 
-void get_fp_controlword(void* control) { store_unaligned(control, x87::read_control()); }
+void get_fp_controlword(void* control) { store_unaligned(control, x87_unit::read_control()); }
 
 void set_fp_controlword(const void* control) {
-  x87::write_control(load_unaligned<std::uint16_t>(control));
+  x87_unit::write_control(load_unaligned<std::uint16_t>(control));
 }

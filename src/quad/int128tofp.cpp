@@ -16,7 +16,7 @@ namespace {
 // An unsigned integer close to 2^128 may round to infinity as a float: the carry ends in the
 // exponent field, and the word is then an infinity.
 template <class F>
-typename F::word rounded(bool negative, uint128 magnitude) {
+typename F::word converted(bool negative, uint128 magnitude) {
   if (magnitude == 0) return 0;
   const int unused_bits = leading_zeros(magnitude);
   magnitude <<= unused_bits;
@@ -29,12 +29,12 @@ typename F::word rounded(bool negative, uint128 magnitude) {
 
 template <class F>
 typename F::word from_unsigned(zorvac_uint128_t value) {
-  return rounded<F>(false, value);
+  return converted<F>(false, value);
 }
 template <class F>
 typename F::word from_signed(zorvac_int128_t value) {
   const auto word = static_cast<uint128>(value);
-  return rounded<F>(value < 0, value < 0 ? -word : word);
+  return converted<F>(value < 0, value < 0 ? -word : word);
 }
 
 }  // namespace

@@ -59,9 +59,9 @@ uint128 multiply_any(uint128 a, uint128 b) {
     return f::signed_word(negative, f::infinity);
   }
   if (is_subnormal(a) && is_subnormal(b)) {
-    // The product is far below the smallest subnormal number, and rounds to that or to zero.
+    // The product is far below the smallest subnormal number.
     raise_denormal_underflow_inexact();
-    return f::signed_word(negative, rounds_up(rounding_control(), negative, false, 1));
+    return rounded_to_zero_or_smallest<f>(negative);
   }
   if (is_subnormal(a) || is_subnormal(b)) raise_denormal();
   if (is_zero(a) || is_zero(b)) return f::signed_word(negative, 0);

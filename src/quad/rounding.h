@@ -131,6 +131,13 @@ typename F::word overflow(bool negative) {
                         F::largest + rounds_up(rounding_control(), negative, true, ~uint64_t{0}));
 }
 
+// Zero or the smallest subnormal number: what a magnitude of at most half that number rounds to.
+// Raises nothing.
+template <class F>
+typename F::word rounded_to_zero_or_smallest(bool negative) {
+  return F::signed_word(negative, rounds_up(rounding_control(), negative, false, 1));
+}
+
 // What happens to a tiny result that is exact. IEEE 754-2019, 7.5, raises underflow for it if the
 // program has asked for a trap.
 enum class exact_underflow { ignored, raised_if_unmasked };

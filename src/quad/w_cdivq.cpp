@@ -2,18 +2,18 @@
 // magnitude. There is no scaling: it would give other bits, and the bits are part of the interface.
 #include "quad/w_complex.h"
 
-using namespace zorvac::complex_quad;
+using namespace zorvac::softfp;
 
 void __cdivq(void* quotient, const void* ar, const void* ai, const void* br, const void* bi) {
-  constexpr part one{0, 0x3fff000000000000};
+  constexpr stored_quad one{0, 0x3fff000000000000};
 
-  part real_square, imaginary_square, reciprocal;
+  stored_quad real_square, imaginary_square, reciprocal;
   __mulq(&real_square, br, br);
   __mulq(&imaginary_square, bi, bi);
   __addq(&reciprocal, &real_square, &imaginary_square);
   __divq(&reciprocal, &one, &reciprocal);
 
-  part real_real, imaginary_imaginary, imaginary_real, real_imaginary;
+  stored_quad real_real, imaginary_imaginary, imaginary_real, real_imaginary;
   __mulq(&real_real, ar, br);
   __mulq(&imaginary_imaginary, ai, bi);
   __mulq(&imaginary_real, ai, br);

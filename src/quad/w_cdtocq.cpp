@@ -1,6 +1,6 @@
 // A complex quad from two doubles.
 #include "quad/w_complex.h"
 
-using namespace zorvac::complex_quad;
+using namespace zorvac::softfp;
 
-void a_cdtocq(void* q, const void* value) { widen(__dtoq, q, value); }
+void a_cdtocq(void* q, const void* value) { widen_both(__dtoq, q, value); }

@@ -1,7 +1,7 @@
 // Equality of complex quads. The two names differ on purpose: __ceqq compares numbers, a_ceqq bits.
 #include "quad/w_complex.h"
 
-using namespace zorvac::complex_quad;
+using namespace zorvac::softfp;
 
 int __ceqq(const void* ar, const void* ai, const void* br, const void* bi) {
   return __eqq(ar, br) != 0 && __eqq(ai, bi) != 0;

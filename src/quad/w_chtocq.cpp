@@ -1,7 +1,7 @@
 // A complex quad from an 8-bit integer, which not every caller extends to the whole register.
 #include "quad/w_complex.h"
 
-using namespace zorvac::complex_quad;
+using namespace zorvac::softfp;
 
 void a_chtocq(void* q, int value) {
   clear_imaginary(q);

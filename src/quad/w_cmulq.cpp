@@ -2,10 +2,10 @@
 // infinities.
 #include "quad/w_complex.h"
 
-using namespace zorvac::complex_quad;
+using namespace zorvac::softfp;
 
 void __cmulq(void* product, const void* ar, const void* ai, const void* br, const void* bi) {
-  part real_real, real_imaginary, imaginary_imaginary, imaginary_real;
+  stored_quad real_real, real_imaginary, imaginary_imaginary, imaginary_real;
   __mulq(&real_real, ar, br);
   __mulq(&real_imaginary, ar, bi);
   __mulq(&imaginary_imaginary, ai, bi);

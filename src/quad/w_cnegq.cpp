@@ -1,7 +1,7 @@
 // The negative of a complex quad, under two names.
 #include "quad/w_complex.h"
 
-using namespace zorvac::complex_quad;
+using namespace zorvac::softfp;
 
 void __cnegq(void* negated, const void* ar, const void* ai) {
   __negq(real(negated), ar);

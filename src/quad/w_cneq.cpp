@@ -2,7 +2,7 @@
 // bits.
 #include "quad/w_complex.h"
 
-using namespace zorvac::complex_quad;
+using namespace zorvac::softfp;
 
 int __cneq(const void* ar, const void* ai, const void* br, const void* bi) {
   return __neq(ar, br) != 0 || __neq(ai, bi) != 0;

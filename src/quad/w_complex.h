@@ -11,28 +11,27 @@
 
 #include "zorvac/quad.h"
 
-namespace zorvac::complex_quad {
+namespace zorvac::softfp {
 
-inline constexpr int part_bytes = 16;
+inline constexpr int quad_bytes = 16;
 
 //   0            16               32
 //   | real part  | imaginary part |
 [[gnu::always_inline]] inline void* real(void* q) { return q; }
 [[gnu::always_inline]] inline const void* real(const void* q) { return q; }
 [[gnu::always_inline]] inline void* imaginary(void* q) {
-  return static_cast<char*>(q) + part_bytes;
+  return static_cast<char*>(q) + quad_bytes;
 }
 [[gnu::always_inline]] inline const void* imaginary(const void* q) {
-  return static_cast<const char*>(q) + part_bytes;
+  return static_cast<const char*>(q) + quad_bytes;
 }
 
-// A temporary quad.
-struct part {
+struct stored_quad {
   std::uint64_t low, high;
 };
 
 [[gnu::always_inline]] inline void clear_imaginary(void* q) {
-  std::memset(imaginary(q), 0, part_bytes);
+  std::memset(imaginary(q), 0, quad_bytes);
 }
 
 // The stores of two entries, which clear bytes 0 to 3 and 20 to 31 of a complex quad and leave 16
@@ -52,7 +51,8 @@ struct part {
 
 // Two floats or doubles to a complex quad. Both are read before anything is written.
 template <class Part>
-[[gnu::always_inline]] inline void widen(void (*convert)(void*, Part), void* q, const void* value) {
+[[gnu::always_inline]] inline void widen_both(void (*convert)(void*, Part), void* q,
+                                              const void* value) {
   Part parts[2];
   std::memcpy(parts, value, sizeof parts);
   convert(real(q), parts[0]);
@@ -61,8 +61,8 @@ template <class Part>
 
 // A complex quad to two floats or doubles. The first is stored before the second is converted.
 template <class Part>
-[[gnu::always_inline]] inline void narrow(Part (*convert)(const void*), void* value,
-                                          const void* q) {
+[[gnu::always_inline]] inline void narrow_both(Part (*convert)(const void*), void* value,
+                                               const void* q) {
   const Part first = convert(real(q));
   std::memcpy(value, &first, sizeof first);
   const Part second = convert(imaginary(q));
@@ -70,11 +70,11 @@ template <class Part>
 }
 
 [[gnu::always_inline]] inline bool same_bits(const void* a, const void* b) {
-  part x, y;
+  stored_quad x, y;
   std::memcpy(&x, a, sizeof x);
   std::memcpy(&y, b, sizeof y);
   return ((x.low ^ y.low) | (x.high ^ y.high)) == 0;
 }
 
-}  // namespace zorvac::complex_quad
+}  // namespace zorvac::softfp
 #endif

@@ -1,6 +1,6 @@
 // A complex quad as two doubles.
 #include "quad/w_complex.h"
 
-using namespace zorvac::complex_quad;
+using namespace zorvac::softfp;
 
-void a_cqtocd(void* value, const void* q) { narrow(__qtod, value, q); }
+void a_cqtocd(void* value, const void* q) { narrow_both(__qtod, value, q); }

@@ -1,6 +1,6 @@
 // The real part of a complex quad.
 #include "quad/w_complex.h"
 
-using namespace zorvac::complex_quad;
+using namespace zorvac::softfp;
 
-void a_cqtoq(void* value, const void* q) { std::memmove(value, real(q), part_bytes); }
+void a_cqtoq(void* value, const void* q) { std::memmove(value, real(q), quad_bytes); }

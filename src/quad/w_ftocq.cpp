@@ -1,7 +1,7 @@
 // A complex quad from a float.
 #include "quad/w_complex.h"
 
-using namespace zorvac::complex_quad;
+using namespace zorvac::softfp;
 
 void a_ftocq(void* q, float value) {
   clear_imaginary(q);

@@ -6,7 +6,7 @@
 // trap when an unmasked exception is pending.
 #include <cstdint>
 
-namespace zorvac::x87 {
+namespace zorvac::x87_unit {
 
 // The memory image of FNSAVE and FRSTOR in 64-bit mode (architecture manuals, "x87 FPU state image
 // in memory, 32-bit protected mode"): 28 bytes of environment and eight 80-bit registers.
@@ -41,5 +41,5 @@ struct state {
   asm volatile("frstor %0" : : "m"(from));
 }
 
-}  // namespace zorvac::x87
+}  // namespace zorvac::x87_unit
 #endif
