@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "core/inline.h"
+#include "zorvac/string.h"  // so that a source includes only what its routine is made of
 
 namespace zorvac::string {
 namespace {

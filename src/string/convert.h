@@ -11,7 +11,6 @@
 //   PACKUSDW, PMADDWD            1        23456789     by (10000, 1)
 #include "string/faststring_util.h"
 #include "string/sse42.h"
-#include "zorvac/string.h"
 
 namespace zorvac::string {
 namespace {

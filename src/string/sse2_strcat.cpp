@@ -1,6 +1,5 @@
 // Appends a string to another, with SSE2.
 #include "string/append.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

@@ -1,6 +1,5 @@
 // Compares two strings, up to a given number of characters, with SSE2.
 #include "string/compare.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

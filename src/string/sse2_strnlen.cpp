@@ -1,6 +1,5 @@
 // The length of a string, but at most a limit, with SSE2.
 #include "string/scan.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

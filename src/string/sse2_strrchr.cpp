@@ -1,6 +1,5 @@
 // The last occurrence of a character in a string, with SSE2.
 #include "string/scan.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

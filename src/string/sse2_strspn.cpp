@@ -1,7 +1,6 @@
 // The length of the start of a string that has only characters of a set, with SSE2.
 #include "string/span.h"
 #include "string/sse2.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

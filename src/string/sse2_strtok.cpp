@@ -1,7 +1,6 @@
 // Cuts a string into tokens, one per call, with SSE2.
 #include "string/span.h"
 #include "string/sse2.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

@@ -1,6 +1,5 @@
 // A decimal number of 64 bits, with SSE4.2.
 #include "string/convert.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

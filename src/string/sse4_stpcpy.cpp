@@ -1,6 +1,5 @@
 // Copies a string and returns the end of the copy, with SSE4.2.
 #include "string/copy.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

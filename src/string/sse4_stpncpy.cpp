@@ -1,7 +1,6 @@
 // Copies a string into a field of a given size, fills the rest with zeros and returns the end of
 // the copy, with SSE4.2.
 #include "string/copy.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

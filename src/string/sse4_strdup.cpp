@@ -1,6 +1,5 @@
 // Copies a string into memory from malloc, with SSE4.2.
 #include "string/append.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

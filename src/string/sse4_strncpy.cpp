@@ -1,6 +1,5 @@
 // Copies a string into a field of a given size and fills the rest with zeros, with SSE4.2.
 #include "string/copy.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

@@ -1,7 +1,6 @@
 // The first character of a set in a string, with SSE4.2.
 #include "string/span.h"
 #include "string/sse42.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

@@ -1,7 +1,6 @@
 // The length of the start of a string that has only characters of a set, with SSE4.2.
 #include "string/span.h"
 #include "string/sse42.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

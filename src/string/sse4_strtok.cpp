@@ -1,7 +1,6 @@
 // Cuts a string into tokens, one per call, with SSE4.2.
 #include "string/span.h"
 #include "string/sse42.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

@@ -1,6 +1,5 @@
 // Copies a string, with SSSE3.
 #include "string/copy.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

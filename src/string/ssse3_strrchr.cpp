@@ -1,7 +1,6 @@
 // The last occurrence of a character in a string, with SSSE3.
 #include "string/scan.h"
 #include "string/ssse3.h"
-#include "zorvac/string.h"
 
 using namespace zorvac::string;
 

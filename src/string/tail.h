@@ -6,7 +6,6 @@
 //
 //   ZORVAC_SCAN_TAIL(__zorva_sse2_strend, char*, const char* block) { return ...; }
 #include "string/block.h"
-#include "zorvac/string.h"
 
 #define ZORVAC_SCAN_TAIL(symbol, result, ...)                                                    \
   [[gnu::used]] static ZORVAC_STRING_CALL result tail(__VA_ARGS__) __asm__("tail_of_" #symbol);  \
