@@ -5,8 +5,8 @@
 #include <initializer_list>
 
 #include "core/processor.h"
-#include "core/vendor.h"
 #include "cpu/cache_descriptors.h"
+#include "cpu/vendor.h"
 
 namespace zorvac::cpu {
 

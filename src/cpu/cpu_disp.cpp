@@ -10,5 +10,5 @@ std::uint32_t __zorva_cpu_indicator;
 ZORVAC_EXPORT_AS("__zorva_cpu_indicator_init", ZORVAC_PRESERVES_REGISTERS void indicator_init());
 void indicator_init() {
   __zorva_cpu_indicator =
-      zorvac::cpu::classify(zorvac::hardware_processor{}, zorvac::accepted_vendor);
+      zorvac::cpu::classify(zorvac::hardware_processor{}, zorvac::cpu::accepted_vendor);
 }

@@ -2,7 +2,7 @@
 #define ZORVAC_CPU_CPU_DISP_H
 // The class of a processor, for dispatch code that compares one word and tests no masks.
 #include "core/processor.h"
-#include "core/vendor.h"
+#include "cpu/vendor.h"
 
 namespace zorvac::cpu {
 

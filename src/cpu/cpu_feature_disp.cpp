@@ -16,7 +16,7 @@ std::uint64_t __zorva_cpu_feature_indicator_x;
 
 // Internal: what the two initialisers share.
 ZORVAC_PRESERVES_REGISTERS void __zorva_cpu_features_init_body(detection_mode mode) {
-  zorvac::cpu::detect_features(zorvac::hardware_processor{}, mode, zorvac::accepted_vendor,
+  zorvac::cpu::detect_features(zorvac::hardware_processor{}, mode, zorvac::cpu::accepted_vendor,
                                __zorva_cpu_feature_indicator, __zorva_cpu_feature_indicator_x);
 }
 }

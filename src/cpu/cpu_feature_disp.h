@@ -4,7 +4,7 @@
 // of the feature indicator comes from, and which of four further conditions it needs.
 #include "core/levels.h"
 #include "core/processor.h"
-#include "core/vendor.h"
+#include "cpu/vendor.h"
 
 namespace zorvac::cpu {
 

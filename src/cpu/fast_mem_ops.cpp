@@ -28,7 +28,7 @@ cpu::cache_table __libvrt_cache_tbl;
 
 void load_time_initialiser() {
   const cpu::cache_thresholds t =
-      cpu::thresholds_at_load(hardware_processor{}, accepted_vendor, __libvrt_cache_tbl);
+      cpu::thresholds_at_load(hardware_processor{}, cpu::accepted_vendor, __libvrt_cache_tbl);
   __libvrt_largest_cache_size = t.largest_cache_size;
   __libvrt_largest_cache_size_half = t.largest_cache_size_half;
   __libvrt_data_cache_size = t.data_cache_size;
@@ -41,6 +41,7 @@ void load_time_initialiser() {
 extern "C" std::uint32_t __cacheSize(std::uint32_t level) {
   if (level < 1 || level > 3) return 0;
   if (__libvrt_cache_tbl.computed == 0)
-    cpu::detect_caches(cpu::introduced(hardware_processor{}), accepted_vendor, __libvrt_cache_tbl);
+    cpu::detect_caches(cpu::introduced(hardware_processor{}), cpu::accepted_vendor,
+                       __libvrt_cache_tbl);
   return __libvrt_cache_tbl.level(level).size_kb;
 }

@@ -28,6 +28,7 @@ namespace {
 using namespace zorvac;
 using namespace zorvac::test;
 
+using cpu::vendor_rule;
 constexpr vendor_rule own{"GenuineZorva"}, any{"any"};
 
 // ---- Processors ---------------------------------------------------------------------------------

@@ -7,8 +7,8 @@
 #include <sstream>
 
 #include "core/mxcsr.h"
-#include "core/vendor.h"
 #include "cpu/features.h"
+#include "cpu/vendor.h"
 #include "startup/checks.h"
 #include "support/child.h"
 #include "zorvac/cpu.h"
@@ -45,7 +45,7 @@ const processor processors[] = {
     // clang-format on
 };
 
-constexpr bool any = accepted_vendor.accepts_any();
+constexpr bool any = cpu::accepted_vendor.accepts_any();
 bool is_foreign(const std::string& model) { return model.find("vendor=") != std::string::npos; }
 outcome run_on(const std::string& model, const std::string& program, const char* argument) {
   const std::string own = std::string(",vendor=") + (any ? "GenuineZorva" : ZORVAC_CPU_VENDOR);

@@ -1,12 +1,12 @@
-#ifndef ZORVAC_CORE_VENDOR_H
-#define ZORVAC_CORE_VENDOR_H
+#ifndef ZORVAC_CPU_VENDOR_H
+#define ZORVAC_CPU_VENDOR_H
 // The vendor rule: which maker's processors get the fast variants. It is chosen when the library is
 // built, as CPUID's vendor string or as "any". All code that looks at the vendor asks this rule.
 #include <cstdint>
 
 #include "core/processor.h"
 
-namespace zorvac {
+namespace zorvac::cpu {
 
 class vendor_rule {
  public:
@@ -45,5 +45,5 @@ class vendor_rule {
 // The rule that this library was built with.
 inline constexpr vendor_rule accepted_vendor{ZORVAC_CPU_VENDOR};
 
-}  // namespace zorvac
+}  // namespace zorvac::cpu
 #endif
