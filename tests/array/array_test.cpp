@@ -16,6 +16,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -445,14 +446,47 @@ const std::map<u32, element_type> types = {
     {complex_quad, {last_of_complex, expect_fold<__float128>}},
 };
 
+// The indicators of the baseline and, where the processor has it, AVX2.
+std::vector<u64> reduction_levels() {
+  if (__builtin_cpu_supports("avx2")) return {level::generic, level::avx2};
+  return {level::generic};
+}
+
 TEST(Reduction, CombinesAndInitialises) {
-  for (const auto& [code, type] : types)
-    for (u32 op = 1; op <= type.last_operator; ++op)
-      for (u64 count = 0; count <= 40; ++count)
-        for (const std::int32_t stride : {-3, -1, 0, 1, 2, 3, not_to_count}) {
-          type.expect(code, op, count, stride);
-          ASSERT_FALSE(HasFailure());
-        }
+  std::vector<u64> counts(41);
+  std::iota(counts.begin(), counts.end(), 0);
+  counts.insert(counts.end(), {64, 95, 100});
+  for (const u64 indicator : reduction_levels()) {
+    __zorva_cpu_feature_indicator = indicator;
+    SCOPED_TRACE(testing::Message() << "indicator 0x" << std::hex << indicator);
+    for (const auto& [code, type] : types)
+      for (u32 op = 1; op <= type.last_operator; ++op)
+        for (const u64 count : counts)
+          for (const std::int32_t stride : {-3, -1, 0, 1, 2, 3, not_to_count}) {
+            type.expect(code, op, count, stride);
+            ASSERT_FALSE(HasFailure());
+          }
+  }
+}
+
+// Elements are combined one after the other, so a result may be the partial element of a later one.
+TEST(Reduction, OfOverlappingArraysIsInOrder) {
+  constexpr u64 count = 40, room = 20;
+  constexpr u32 unsigned_32 = 5, sum_code = 1;
+  for (const u64 indicator : reduction_levels())
+    for (u64 begin = 0; begin <= 2 * room; ++begin) {
+      SCOPED_TRACE(testing::Message() << "indicator 0x" << std::hex << indicator << std::dec
+                                      << ", the partial array begins at element " << begin
+                                      << ", the target at " << room);
+      __zorva_cpu_feature_indicator = indicator;
+      std::vector<u32> seen(count + 2 * room);
+      std::iota(seen.begin(), seen.end(), 1);
+      std::vector<u32> expected = seen;
+      for (u64 i = 0; i < count; ++i) expected[room + i] += expected[begin + i];
+      __zorva_simd_reduction_final_array(&seen[room], &seen[begin], count, 1, 1, sum_code,
+                                         unsigned_32);
+      EXPECT_ELEMENTS(seen, expected);
+    }
 }
 
 // Codes that are not accepted end the process without a message, whatever the count. There are two
