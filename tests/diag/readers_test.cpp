@@ -127,7 +127,7 @@ const struct {
     {"last of the data", 0x30ff, 0x540ff},
     {"behind the file", 0x3100, 0},
     {"far behind", UINT64_MAX, 0},
-    {"fewer entries than are told", 0x4000, 0, 0, sizeof segments[0], UINT16_MAX},
+    {"fewer entries than stated", 0x4000, 0, 0, sizeof segments[0], UINT16_MAX},
     {"entries of another size", 0, 0, 0, sizeof segments[0] + 1},
     {"a table whose end wraps", 0, 0, 0 - sizeof segments[0]},
 };

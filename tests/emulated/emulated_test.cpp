@@ -53,7 +53,7 @@ outcome run_on(const std::string& model, const std::string& program, const char*
 }
 
 // Runs on this machine's processor, too.
-TEST(Probe, TellsWhatTheLibraryMakesOfAProcessor) {
+TEST(Probe, PrintsWhatIsDetectedAndWhatStarts) {
   for (const check& c : checks) {
     const outcome o = run_in_child([&] {
       routine(c.name)(1);
@@ -89,7 +89,7 @@ std::string expected_of_probe(const processor& p, std::uint64_t features_whoever
   return out.str() + '\n';
 }
 
-TEST(Emulated, ProcessorsAreServedByTheirLevel) {
+TEST(Emulated, ProcessorsGetTheVariantsOfTheirLevel) {
   for (const processor& p : processors) {
     SCOPED_TRACE(p.model);
     processor served = p;

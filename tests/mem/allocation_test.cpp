@@ -235,13 +235,13 @@ TEST(Pool, AsksTheSystemForWhatIsNotRegistered) {
       EXPECT_EQ(blocks_in_use(), 0u) << r.text;
     }
     void* const block = __i_pool_malloc(64);
-    EXPECT_EQ(__i_pool_realloc(block, 1 << 30), nullptr) << "the system has not as much";
-    EXPECT_EQ(blocks_in_use(), 1u) << "it is the caller's still";
+    EXPECT_EQ(__i_pool_realloc(block, 1 << 30), nullptr) << "the system has less memory";
+    EXPECT_EQ(blocks_in_use(), 1u) << "it still belongs to the caller";
 
     __i_pool_init(sizes{256, 0}.begin(), 0);
-    EXPECT_EQ(asked([] { __i_pool_malloc(64); }), "malloc 64 ") << "in the list no more";
+    EXPECT_EQ(asked([] { __i_pool_malloc(64); }), "malloc 64 ") << "not in the new list";
     EXPECT_EQ(asked([] { __i_pool_malloc(32); }), "malloc 32 ") << "the list is shorter";
-    EXPECT_EQ(asked([=] { __i_pool_free(block); }), "") << "it is the pool's still";
+    EXPECT_EQ(asked([=] { __i_pool_free(block); }), "") << "it still belongs to its pool";
   });
 }
 
