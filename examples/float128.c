@@ -1,5 +1,5 @@
-// The Mandelbrot set next to the point i, in steps of 1e-24: beside 1, doubles lose such a step, and
-// binary128 numbers keep it. Compilers call a run-time library for every operation: linked with
+// The Mandelbrot set next to the point i, in steps of 1e-24: beside 1, doubles lose such a step,
+// and binary128 numbers keep it. Compilers call a run-time library for every operation: linked with
 // -lzorvac_float128, this takes some two thirds of the time and prints the same.
 #include <stdio.h>
 #include <time.h>
