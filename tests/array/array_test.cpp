@@ -458,7 +458,7 @@ TEST(Reduction, CombinesAndInitialises) {
 // Codes that are not accepted end the process without a message, whatever the count. There are two
 // exceptions: a fold of integers does nothing, and operator 0 fills unsigned bytes with the low
 // byte of the count.
-TEST(Reduction, JudgesItsCodes) {
+TEST(Reduction, ChecksItsCodes) {
   const matrix<unsigned char> memory(0x1fe, 1, 0x1fe);
   const auto t = memory.data();
   const std::function<bool(int)> aborts = testing::KilledBySignal(SIGABRT);

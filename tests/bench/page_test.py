@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-# page_test.py BENCH_FOLDER: what would make the performance page lie, from known rows; and what
+# page_test.py BENCH_FOLDER: what would make the performance page wrong, from known rows; and what
 # would lose a row while it is measured, from a known program.
 import os
 import pathlib

@@ -242,7 +242,7 @@ TEST(Section, LosesOnlyWhatADamagedByteDescribes) {
 }
 
 // The page after the file is not touched, and every lookup ends.
-TEST(Section, LeadsNobodyOutOfTheFile) {
+TEST(Section, IsNotReadBeyondTheFile) {
   for (std::size_t place = 0; place < image.size(); ++place) {
     found(image.substr(0, place), 0x1003);
     for (const char value : {'\x7f', '\x80', '\xff'}) {

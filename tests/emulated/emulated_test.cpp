@@ -115,7 +115,7 @@ TEST(Emulated, ProcessorsGetTheVariantsOfTheirLevel) {
 
 // The blocked product is chosen from SSE2 on, which is part of the interface, but fills its strip
 // by MOVDDUP of SSE3.
-TEST(Emulated, BlockedProductsNeedMoreThanTheyAskFor) {
+TEST(Emulated, BlockedProductsNeedSse3) {
   const outcome o = run_on("core2duo,-ssse3,-sse3", EXAMPLES "/matrix", "150");
   EXPECT_EQ(o.exit_status, 128 + SIGILL) << o;
 }

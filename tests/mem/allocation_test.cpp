@@ -137,7 +137,7 @@ void take(const pool_kind& kind, std::vector<std::byte*>& blocks, std::size_t un
 
 // Blocks come in order and are not reused one by one. A pool starts over with its first block when
 // every block is free.
-TEST(Pool, LivesThroughItsStates) {
+TEST(Pool, PassesThroughItsStates) {
   constexpr pool_kind kinds[] = {
       {"40 bytes", 40, 300'000, 0, 0, none, false},
       {"96 bytes", 96, 300'000, 0, is_mapped, none, false},
@@ -439,7 +439,7 @@ TEST(Allocation, GivesWhatMallocGivesOrNull) {
 
 // The check compares with the variable, which a program may set before it guards anything. When it
 // returns, it has changed no register.
-TEST(Cookie, AnyValueButTheVariablesEndsTheProcess) {
+TEST(Cookie, AnyOtherValueEndsTheProcess) {
   EXPECT_NE(__zorva_security_cookie, 0u);
   EXPECT_EQ(__zorva_security_cookie >> 32, 0u);
   const auto end_of_check = [](std::uint64_t found) {
