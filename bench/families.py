@@ -21,7 +21,7 @@ class Chart:
 
 @dataclass(frozen=True, eq=False)
 class Family:
-    name: str  # also of its rows, <processor>/<name>.csv, and of its note, notes/<name>.md
+    name: str  # names its rows, <processor>/<name>.csv, and its note, notes/<name>.md, too
     program: str
     title: str
     sources: tuple = ("src",)  # what it measures: rows older than a change here are marked

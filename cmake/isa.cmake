@@ -234,8 +234,8 @@ set_property(SOURCE ${ZORVAC_MATMUL_SOURCES} APPEND PROPERTY COMPILE_OPTIONS
   $<$<COMPILE_LANGUAGE:CXX>:-O2\;-fno-builtin\;-fno-tree-vectorize\;-fno-tree-slp-vectorize>
   $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-tree-loop-distribute-patterns>)
 # Every form is sixteen kernels of one template. With both sanitizers and the shipped optimisation,
-# each form would compile for minutes. The pair form is compiled so, and shows undefined behaviour
-# of the template that all forms share.
+# each form would compile for minutes. Only the pair form is compiled in this way. It shows
+# undefined behaviour of the template that all forms share.
 if(ZORVAC_SANITIZE)
   set_property(SOURCE
     ${PROJECT_SOURCE_DIR}/src/array/matmul_sse3.cpp

@@ -1,5 +1,5 @@
-// An ordinary program without a handler, linked with the crash library: where it fails, and how it
-// came there, is told all the same. Here a thread meets a day without readings.
+// An ordinary program without a handler, linked with the crash library, which prints where the
+// program fails and how it came there. Here a thread meets a day without readings.
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>

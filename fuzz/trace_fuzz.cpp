@@ -1,6 +1,7 @@
 // Runs the readers of the traceback on files that a fuzzer makes. An input is one byte, which
 // chooses the reader, eight bytes of address, and the file. The reader reads it from memory and,
-// through its small block, from a real file. Both must give the same, and texts with a zero byte.
+// through its small block, from a real file. Both must give the same answer, and each text must
+// have a zero byte.
 #include <sys/mman.h>
 #include <unistd.h>
 

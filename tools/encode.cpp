@@ -79,7 +79,8 @@ class encoder {
     return last;
   }
 
-  // Writes at most `spans_of_span` spans: all of one size, but the last, which has the rest.
+  // Writes at most `spans_of_span` spans. All have the same size except the last, which has the
+  // rest.
   routine_iterator put_spans(routine_iterator first, std::size_t count) {
     std::size_t part = routines_of_span;
     while (part * spans_of_span < count) part *= spans_of_span;

@@ -1,6 +1,7 @@
 #ifndef ZORVAC_TOOLS_FAILURE_H
 #define ZORVAC_TOOLS_FAILURE_H
-// An error that ends the program. Its text is the message to the user, as "no debug information".
+// An error that ends the program. Its text is the message to the user, for example "no debug
+// information".
 #include <stdexcept>
 
 namespace zorvac::mktrace {

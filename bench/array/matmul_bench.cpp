@@ -142,7 +142,7 @@ using buffer = std::unique_ptr<void, decltype(&std::free)>;
 buffer random_matrix(const problem& p, std::uint64_t elements) {
   const std::size_t parts = elements * (p.is_complex() ? 2 : 1);
   buffer b(std::aligned_alloc(4096, (parts * 8 + 4095) / 4096 * 4096), std::free);
-  static const std::vector<double> numbers = [] {  // again and again: every run makes its matrices
+  static const std::vector<double> numbers = [] {  // made once, used by every run
     std::mt19937_64 random(1);
     std::uniform_real_distribution<double> part(-1, 1);
     std::vector<double> list(65537);

@@ -30,7 +30,7 @@ namespace {
 
 using body = void (*)(benchmark::State&);
 
-// Runs the body's loop so many frames below.
+// Runs the body's loop `depth` frames further down the stack.
 [[gnu::noinline]] void descend(long depth, body run, benchmark::State& state) {
   if (depth > 0)
     descend(depth - 1, run, state);
@@ -73,7 +73,7 @@ void write_text_to_file_peer(benchmark::State& state) {
   close(nowhere);
 }
 
-// Runs the body's loop below three frames of each of so many objects.
+// Runs the body's loop below frames of `images` objects, three of each.
 constexpr int most_images = 16;
 using pass_fn = void (*)(void (*next)(void*), void* argument);
 struct image_chain {
@@ -102,7 +102,7 @@ void run_below_images(int images, body run, benchmark::State& state) {
   next_image(&chain);
 }
 
-// Runs it while the process has so many more mappings. Neighbours differ, or the kernel would merge
+// Runs it while the process has `count` more mappings. Neighbours differ, or the kernel would merge
 // them.
 void run_beside_mappings(int count, body run, benchmark::State& state) {
   constexpr std::size_t page = 4096;

@@ -1,4 +1,4 @@
-// Tells the page which run-time libraries quad_bench compares with.
+// Records for the page which run-time libraries quad_bench compares with.
 #include "support/libc_peer.h"
 
 namespace {

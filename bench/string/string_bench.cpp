@@ -49,7 +49,7 @@ texts strings_up_to(std::size_t most) {
   for (int i = 0; i < 65536; ++i) list.add(std::string(random() % (most + 1), 'a'), random() % 16);
   return list;
 }
-// Numbers of so many digits, each followed by a comma.
+// Numbers of `least` to `most` digits, each followed by a comma.
 texts numbers_of(std::size_t least, std::size_t most) {
   texts list{std::to_string(least), std::string(), {}};
   if (most != least) list.name += '-' + std::to_string(most);

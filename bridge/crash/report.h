@@ -8,7 +8,7 @@ namespace zorvac::crash {
 
 // The signals that are reported: those that faults raise, and that of abort().
 inline constexpr int fatal_signals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS, SIGABRT};
-// Tells the report that its time is over. The kernel never sends this signal by itself.
+// Ends a step of the report whose time is over. The kernel never sends this signal by itself.
 inline constexpr int time_is_over = SIGSTKFLT;
 
 // Writes the report, one step after the other. It uses static memory only, so only one report may

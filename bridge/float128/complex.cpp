@@ -80,8 +80,8 @@ struct complex_result {  // returned in memory, through a hidden address
 }
 [[gnu::always_inline]] inline number number_in(xmm x) { return {in_xmm{x}.word()}; }
 
-// If both parts of a product are NaNs, the product may be an infinity all the same (C11, G.5.1,
-// example 1).
+// If both parts of a product are NaNs, the product may still be an infinity (C11, G.5.1, example
+// 1).
 complex_number rescue_product(number a, number b, number c, number d, complex_number product,
                               bool partial_infinity) {
   bool again = false;

@@ -70,10 +70,10 @@ void _MATMUL_c8_n_n_pst_init(void* c, uint64_t m, uint64_t n, uint64_t ldc);
 
 /** General kernels: C := C + A B, any extents. The order of the extents is M, N, K.
  *
- *  They choose among forms for different processors. All forms give the same bits, but for complex
- *  products in the rounding modes up and down: without SSE3 a product of imaginary parts is negated
- *  before it is rounded, with SSE3 after that. The complex kernels run feature detection when it
- *  has not run yet. */
+ *  They choose among forms for different processors. All forms give the same bits, except for
+ *  complex products in the rounding modes up and down: without SSE3 a product of imaginary parts is
+ *  negated before it is rounded, with SSE3 after that. The complex kernels run feature detection if
+ *  it has not run yet. */
 #define ZORVAC_MATMUL_KERNEL(name)                                                     \
   void name(const void* a, const void* b, void* c, uint64_t m, uint64_t n, uint64_t k, \
             uint64_t lda, uint64_t ldb, uint64_t ldc);

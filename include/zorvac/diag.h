@@ -82,9 +82,10 @@ typedef int32_t (*tbk_frame_callback)(const tbk_frame* frame, void* user, int32_
  *  returns         TBK_SUCCESS, TBK_FAULT or TBK_BUFFER_FULL. Without an unwinder in the process,
  *                  TBK_SUCCESS and no frames; tbk_geterrorstring() then gives message 41.
  *
- *  While it runs, all signals (0 to 64) lead to tbk_signal_handler(), and the signals that
- *  faults raise are not blocked; actions and mask are restored on every way out. A signal that
- *  comes before the walk has begun, or during its malloc or free, is taken right afterwards. */
+ *  While it runs, tbk_signal_handler() is the action of every signal that has one (1 to 64), and
+ *  the signals that faults raise are not blocked. Actions and mask are restored on every way out. A
+ *  signal that comes before the walk has begun, or during its malloc or free, is taken right
+ *  afterwards. */
 uint32_t tbk_trace_stack(const void* signal_context, void* user, tbk_frame_callback callback,
                          uint32_t skip);
 
@@ -165,9 +166,10 @@ extern jmp_buf tbk__jmp_env;
  *    threads    re-entrant, but reports share a buffer
  *    memory     nothing is allocated unless a check fails
  *
- *  This type describes a variable of a frame: its name (null or empty: it has none), the offset of
- *  its first byte from the frame base, and its size, both in bytes. The compiler puts the 32-bit
- *  guard value 0xCCCCCCCC into the 4 bytes before it and into the 4 bytes after it. */
+ *  Each of the next two types describes a variable of a frame: its name (null or empty: it has
+ *  none), the offset of its first byte from the frame base, and its size, both in bytes. The
+ *  compiler puts the 32-bit guard value 0xCCCCCCCC into the 4 bytes before the variable and into
+ *  the 4 bytes after it. */
 typedef struct zorvac_short_variable {
   int32_t offset;
   int32_t size;

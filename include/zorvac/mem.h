@@ -162,10 +162,11 @@ void* __i_pool_realloc(void* block, uint32_t size);
 /** Frees a block of the three routines above, or of the C library, or null. */
 void __i_pool_free(void* block);
 
-/** Takes a spin lock: stores 1 in place of 0, and spins without a pause until it can. Acquires. */
+/** Takes a spin lock: stores 1 in place of 0, and spins without a pause until it can. The memory
+ *  order is acquire. */
 void __fast_lock(uint32_t* lock);
 
-/** Releases a lock that the caller holds: stores 0. */
+/** Releases a lock that the caller holds: stores 0, with a full memory barrier. */
 void __fast_unlock(uint32_t* lock);
 
 /** Allocates size bytes at an address that is a multiple of alignment, which is a power of two (if
@@ -190,8 +191,8 @@ void zorvac_mm_free(void* block) __asm__("_mm_free");
  *
  *  All bytes are zero on two conditions:
  *    - malloc is the C library's. With another allocator the word in front of a block may be
- *      anything, such as the end of a neighbour's data. A program had filled blocks with ones and
- *      freed them, and then allocated 1300 blocks of 1 to 256 bytes: 522 of them were not zero with
+ *      anything, such as the end of a neighbour's data. A program filled blocks with ones, freed
+ *      them, and then allocated 1300 blocks of 1 to 256 bytes: 522 of them were not zero with
  *      mimalloc 2.0.9, and 516 with jemalloc 5.3.0.
  *    - malloc does not fill its blocks. With the tunable glibc.malloc.perturb the C library's does,
  *      and fills mapped blocks too.

@@ -50,9 +50,9 @@ inline std::to_chars_result to_chars(char* first, char* last, quad value, int di
 /** The same with the fewest digits, from 33 to 36, from which `value` is read back. */
 inline std::to_chars_result to_chars(char* first, char* last, quad value);
 
-/** As printf would by %f (fixed), %e (scientific), %g (general) or %a (hex, without its "0x"), with
- *  the same meaning of `precision`; a negative one is 6. Without a precision, with the fewest
- *  digits from which `value` is read back, and all digits of a hexadecimal number. */
+/** The same as printf would by %f (fixed), %e (scientific), %g (general) or %a (hex, without its
+ *  "0x"), with the same meaning of `precision`; a negative one is 6. Without a precision, with the
+ *  fewest digits from which `value` is read back, and all digits of a hexadecimal number. */
 inline std::to_chars_result to_chars(char* first, char* last, quad value, std::chars_format format,
                                      int precision);
 inline std::to_chars_result to_chars(char* first, char* last, quad value, std::chars_format format);
@@ -73,7 +73,7 @@ inline constexpr std::uint64_t chunk_scale = 10'000'000'000'000'000'000u;  // 10
 inline constexpr int chunk_digits = 19;
 
 // The longest decimal number that is halfway between two quads has 11564 digits; the quads are
-// subnormal. Further digits of a longer number only tell that it is no tie.
+// subnormal. Further digits of a longer number only show that it is no tie.
 inline constexpr int most_digits = 11600;
 
 // (high * 2^64 + low) / by, where `by` is above `high`: one instruction. Compilers would make the
@@ -145,7 +145,8 @@ class big_integer {
     if (words_[size_] != 0) ++size_;
   }
 
-  // Shifts left by at least so many bits, until its top bit is a word's top bit. Returns the shift.
+  // Shifts left by at least `at_least` bits, until its top bit is a word's top bit. Returns the
+  // shift.
   constexpr int align(int at_least) {
     int shift = (64 - bit_length() % 64) % 64;
     if (at_least > shift) shift += (at_least - shift + 63) / 64 * 64;
@@ -276,8 +277,8 @@ struct power_of_5 {
     cut += value.cut(kept);
   }
 
-  // Makes a value that is too small too large. A cut takes less than 2^-320 of the value. For a
-  // power up to 5^5100, the cuts and the squarings after them take at most 2^-312.
+  // Turns a value that is too small into one that is too large. A cut takes less than 2^-320 of the
+  // value. For a power up to 5^5100, the cuts and the squarings after them take at most 2^-312.
   constexpr void raise() { value.add(big_integer<Words>(static_cast<uint128>(256) << 64)); }
 };
 
@@ -326,7 +327,7 @@ struct number {
   constexpr bool is_head() const { return digit_count == head_digits_; }
   constexpr uint128 head() const { return head_; }
 
-  // The digits as an integer. If there are too many, one digit stands for those that are dropped: 0
+  // The digits as an integer. If there are too many, one digit replaces those that are dropped: 0
   // if these are all zeros, else 1.
   template <int Words>
   constexpr big_integer<Words> value() {
@@ -416,7 +417,8 @@ struct number {
 };
 
 // The bits of the quad nearest to significand * 2^exponent, or 0 or infinity if that is out of
-// range. With `sticky` the exact significand is more, by less than 1, and has at least 120 bits.
+// range. With `sticky`, the exact significand is larger by less than 1, and `significand` has at
+// least 120 bits.
 constexpr uint128 nearest(uint128 significand, bool sticky, int exponent) {
   const int zeros = detail::leading_zeros(significand);
   significand <<= zeros;
@@ -611,7 +613,7 @@ class digit_generator {
     point_ -= zeros;
   }
 
-  // Whether the nearest number of so many digits is above. A tie goes to the even one.
+  // Whether the nearest number of `count` digits is above. A tie goes to the even one.
   bool rounds_up(int count) const {
     if (text_[count] != '5') return text_[count] > '5';
     bool above_half = !rest_.is_zero();
@@ -968,8 +970,8 @@ std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& o
   return out << text;
 }
 
-/** Reads the longest text that can begin a decimal number, or a word. If it is not as a whole a
- *  number for from_chars(), failbit is set and `value` is 0. If the number is out of range, failbit
+/** Reads the longest text that can begin a decimal number, or a word. If from_chars() does not read
+ *  all of it as a number, failbit is set and `value` is 0. If the number is out of range, failbit
  *  is set and `value` is the largest number or 0, with the sign. Include <istream> to use it. */
 template <class Traits>
 std::basic_istream<char, Traits>& operator>>(std::basic_istream<char, Traits>& in, quad& value) {
@@ -1025,7 +1027,7 @@ std::basic_istream<char, Traits>& operator>>(std::basic_istream<char, Traits>& i
 inline namespace literals {
 
 /** 1.5_q, 6.02214076e23_q, 1'000'000_q: the nearest quad, computed by the compiler. A literal does
- *  not compile if it is out of range, or not as a whole a number for from_chars() (hexadecimal). */
+ *  not compile if it is out of range, or hexadecimal: from_chars() does not read all of that. */
 template <char... Characters>
 constexpr quad operator""_q() {
   constexpr auto value = [] {

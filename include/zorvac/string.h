@@ -181,7 +181,7 @@ void __zorva_sse4_strchr(void);
 typedef char zorvac_block __attribute__((vector_size(16), may_alias));
 
 /* The bytes of the first block, from the start of the string on, that equal those of `sought` or
- * are zero: bit i stands for byte i of the string. */
+ * are zero: bit i is byte i of the string. */
 ZORVAC_READS_BLOCKS static inline unsigned zorvac_in_first_block(const char* string,
                                                                  zorvac_block sought) {
   const uintptr_t skip = (uintptr_t)string % 16;

@@ -34,7 +34,7 @@ template <class Reg>
   asm volatile("" : "+v"(x));
 }
 
-// Not those of core/unaligned.h: by these, g++ assigns the registers of some kernels worse.
+// Not those of core/unaligned.h: with these, g++ assigns registers worse in some kernels.
 template <class Word>
 Word load_word(const void* p) {
   typedef Word anywhere __attribute__((aligned(1), may_alias));

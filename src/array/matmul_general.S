@@ -1,6 +1,6 @@
-// Chooses the form of a matrix kernel. All forms give the same bits, but for complex products that
-// are rounded up or down (docs/kernels.md). Only the complex kernels promise to run detection where
-// it has not run yet.
+// Chooses the form of a matrix kernel. All forms give the same bits, except for complex products
+// that are rounded up or down (docs/kernels.md). Only the complex kernels promise to run detection
+// if it has not run yet.
 #include "core/dispatch.inc"
 
 .macro real_kernel name

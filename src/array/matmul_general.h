@@ -3,10 +3,10 @@
 // The general kernels, C := C + op(A) op(B): one template over the element type at a processor
 // level and over the storage of A and B. docs/kernels.md states the order of every sum.
 //
-// B is cut into blocks that stay in the cache. Each block meets A panel by panel, a panel being a
-// few registers of rows. A panel is first copied, so that its rows lie side by side, where A is
-// stored transposed, where many columns are going to meet the panel, and where its last register
-// is not full and the level has no masks.
+// B is cut into blocks that stay in the cache. Each block meets A panel by panel. A panel is a few
+// registers of rows. It is first copied, so that its rows lie side by side, in three cases: A is
+// stored transposed; many columns are going to meet the panel; its last register is not full and
+// the level has no masks.
 #include "array/tile.h"
 
 namespace zorvac::array {

@@ -74,7 +74,7 @@ struct complex {
   T real, imaginary;
 };
 
-// An array need not be aligned to the size of its elements. By the loads and stores of
+// An array need not be aligned to the size of its elements. With the loads and stores of
 // core/unaligned.h, g++ does not vectorise the loops of complex elements.
 template <class T>
 struct [[gnu::packed, gnu::may_alias]] unaligned {

@@ -70,8 +70,8 @@ struct tile {
 }
 
 // The number of rows of the next panel, at most `Rows` registers of them, when `left` are left. Two
-// panels of like size are better than a full and a narrow one: a narrow panel has too few sums to
-// keep the adders busy.
+// panels of about the same size are better than a full and a narrow one: a narrow panel has too few
+// sums to keep the adders busy.
 template <class V, int Rows>
 std::size_t rows_of_panel(std::size_t left) {
   constexpr std::size_t full = Rows * V::width;

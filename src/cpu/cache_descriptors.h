@@ -1,6 +1,6 @@
 #ifndef ZORVAC_CPU_CACHE_DESCRIPTORS_H
 #define ZORVAC_CPU_CACHE_DESCRIPTORS_H
-// The caches that the descriptor bytes of CPUID leaf 2 stand for.
+// The caches that the descriptor bytes of CPUID leaf 2 describe.
 #include <cstdint>
 
 namespace zorvac::cpu {
@@ -12,10 +12,9 @@ struct cache_record {
   std::uint32_t ways;
 };
 
-// The cache that a CPUID leaf 2 descriptor byte stands for, in two words. The first has the level
-// in bits 0 to 2 (0: the descriptor names no data or unified cache), the line bytes in bits 3 to
-// 14, the lines per sector in bits 15 to 21 and the ways in bits 22 to 31. The second is the size
-// in KB.
+// The cache that a descriptor byte describes, in two words. The first has the level in bits 0 to 2
+// (0: the byte describes no data or unified cache), the line bytes in bits 3 to 14, the lines per
+// sector in bits 15 to 21 and the ways in bits 22 to 31. The second is the size in KB.
 struct packed_descriptor {
   std::uint32_t geometry, size_kb;
 

@@ -116,7 +116,7 @@ struct chunk {
 };
 
 // What the unwinder's callbacks and the report share. It is in memory and not in registers, because
-// others have its address, so its values survive the jump to a sigsetjmp.
+// other routines have its address. So its values survive the jump to a sigsetjmp.
 struct walk {
   std::uint64_t start_pc = 0;  // recording begins at the frame of this address; 0: at the first one
   chunk* current = &first;

@@ -45,8 +45,8 @@ struct remainder {
   [[nodiscard]] static const char* ahead(const char* edge, std::size_t distance) {
     return Way == way::forwards ? edge + distance : edge - distance;
   }
-  // The distance from the destination's edge to a boundary: to the next one, 1 to `boundary` bytes,
-  // or to one where it may be already, 0 to `boundary` - 1.
+  // The distance from the destination's edge to a boundary. If the edge is on a boundary,
+  // to_next_boundary gives `boundary`, and to_boundary gives 0.
   [[nodiscard]] std::size_t to_next_boundary(std::size_t boundary) const {
     return Way == way::forwards ? boundary - misalignment(to, boundary)
                                 : misalignment(to + count - 1, boundary) + 1;
@@ -72,7 +72,7 @@ struct prefetch_source {
 };
 
 // A compiler does not move a store across this. Some processors take stores to adjacent addresses
-// in half the time if they come in ascending order, and compilers shuffle them.
+// in half the time if they come in ascending order, and compilers reorder them.
 [[gnu::always_inline]] inline void keep_order() { asm volatile("" : : : "memory"); }
 
 // Copies adjacent registers: all loads, then all stores, in ascending order.
@@ -179,7 +179,7 @@ inline std::uint64_t pattern_of(int value) {
   return static_cast<std::uint8_t>(value) * 0x0101010101010101u;
 }
 
-// What every worker begins with: `Large` does counts above `Small`, the table those up to it.
+// The beginning of a copy and of a fill: `Large` serves counts above `Small`, the table all others.
 template <class Plan, std::size_t Small, auto Large>
 [[gnu::always_inline]] inline void* copy_block(void* destination, const void* source,
                                                std::size_t count) {

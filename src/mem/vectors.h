@@ -3,8 +3,8 @@
 // The registers that hold parts of blocks, from 1 byte to 64, all with the same interface. A worker
 // is a template over such a type, and the type determines its processor level.
 //
-// Everything in this folder's headers has internal linkage. A source that is compiled for AVX thus
-// keeps its instances to itself; otherwise the linker might choose its copy for all sources.
+// Everything in the headers of block workers has internal linkage. So a source that is compiled for
+// AVX keeps its instances to itself. Otherwise the linker might choose its copy for all sources.
 #include <immintrin.h>
 
 #include <cstddef>

@@ -1,6 +1,6 @@
 // Block comparison for every processor. It compares words of 64 bits, and uses no vector register.
-// Words at the ends may overlap: what two of them share has been found equal when the second one
-// decides.
+// Words at the ends may overlap. When the second of two decides, their common bytes are known to be
+// equal.
 #include "mem/few_bytes.h"
 #include "zorvac/mem.h"
 

@@ -26,7 +26,7 @@ using f = binary128;
 }
 
 // floor(2^62 rest / divisor), with bit 0 set if there is a remainder. `digit` is an estimate, too
-// large by at most a few units.
+// large by at most 8.
 inline uint64_t exact_digit(uint128 rest, uint64_t digit, uint128 divisor) {
   const uint128 low_part = uint128{digit} * low(divisor);
   const uint128 high_part = uint128{digit} * high(divisor) + high(low_part);
@@ -137,7 +137,7 @@ template <class Rules, class Result, class Operand>
 
 // Rounds a quotient. Sign and exponent are computed together: the difference of the signs is the
 // quotient's sign, and a borrow beyond it is shifted out. The bits below the first one that is not
-// kept only tell whether the quotient is exact or half way between two numbers.
+// kept only decide whether the quotient is exact or half way between two numbers.
 [[gnu::always_inline]] inline uint128 round_quotient(uint128 a, uint128 b, two_words quotient,
                                                      bool neither_exact_nor_tie) {
   const uint64_t from_one_up = quotient.high >> 58;

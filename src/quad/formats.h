@@ -144,7 +144,7 @@ template <class F>
 }
 
 // For a finite number other than zero. The leading one of a subnormal number is shifted to its
-// place, and the exponent is 1 less the shift.
+// place, and the exponent is 1 minus the shift.
 template <class F>
 constexpr unpacked<F> unpack(typename F::word w) {
   if (F::exponent(w) != 0) return unpack_normal<F>(w);

@@ -2,7 +2,8 @@
 // conversion over the target's format.
 //
 // An operation that shows the rounding mode would raise the inexact flag. So an inexact conversion
-// stores MXCSR, which takes some processors longer than all the rest. An exact one does not.
+// stores MXCSR, which takes some processors longer than the rest of the conversion. An exact one
+// does not.
 #include "quad/formats.h"
 #include "quad/rounding.h"
 #include "zorvac/quad.h"

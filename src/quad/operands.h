@@ -1,6 +1,6 @@
 #ifndef ZORVAC_QUAD_OPERANDS_H
 #define ZORVAC_QUAD_OPERANDS_H
-// How the arithmetic tells the operands of its common path from all others.
+// How the arithmetic recognises the operands of its common path.
 #include "quad/formats.h"
 
 namespace zorvac::softfp {

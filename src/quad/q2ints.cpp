@@ -63,7 +63,7 @@ template <class Integer, rounding Otherwise>
 }
 
 // The exponent alone decides whether a number is in range. For 32 bits the range is one binade
-// wider than the type: that 33-bit values wrap is part of the interface.
+// wider than the type, so 33-bit values wrap. Part of the interface.
 template <class Integer>
 constexpr int end_of_range = q::bias + (width<Integer> == 32 ? 33 : width<Integer>);
 

@@ -14,7 +14,7 @@ namespace {
 }
 
 // The integer part of the magnitude of a normal number below 2^64. Raises PE for any fraction.
-// There is no branch for numbers below 1: it may be unpredictable.
+// There is no branch for numbers below 1, because it could be unpredictable.
 [[gnu::always_inline]] inline uint64_t truncate(uint128 w) {
   const uint128 significand = significand_at_top(w);
   const int distance = binary128::bias + 63 - binary128::exponent(w);

@@ -2,7 +2,7 @@
 #define ZORVAC_QUAD_WORDS_H
 // Exact integers of two words, and of three: a significand with its guard word below it. The
 // arithmetic spends its time here, so no operation has a branch or a double shift (SHLD, SHRD),
-// which takes some processors about six steps.
+// which takes some processors about six micro-operations.
 //
 // Assembler is used where compilers generate poor code: carries through three words, exchanges
 // without a branch, shifts of several words by one count.
@@ -15,7 +15,7 @@ struct two_words {
   uint64_t high, low;
 };
 
-// Two instructions without a branch, which compilers do not find.
+// Two instructions and no branch. Compilers do not find them.
 [[gnu::always_inline]] inline uint64_t all_ones_unless_zero(uint64_t x) {
   asm("neg %[x]\n\t"
       "sbb %[x], %[x]"

@@ -124,8 +124,8 @@ nl_catd open_catalog() {
   whole_lang.store_release(lang);
   setenv("LANG", language, 1);
   nl_catd second = catopen(catalog_name, 0);
-  // The C library never frees a value that setenv replaces, so the old text still exists. It may be
-  // longer than our copy.
+  // Restores the old text and not our copy, which may be cut. The C library never frees a value
+  // that setenv replaces, so the old text still exists.
   setenv("LANG", lang, 1);
   whole_lang.store_release(nullptr);
   return second;

@@ -62,10 +62,10 @@ extern "C" {
 
 extern const zorvac::startup::table_entry vrt_msgtab[zorvac::startup::message_count];
 
-// The text of message `msgno`, 0 to 60; the empty text for 0. With nargs > 0 the text is a printf
-// format for the arguments that follow, and the result is in a static buffer. Valid until the next
-// call. If the result needs more than message_buffer_bytes, the C library ends the process as on a
-// buffer overflow. Not re-entrant.
+// The text of message `msgno`, a number of the table; the empty text for 0. With nargs > 0 the text
+// is a printf format for the arguments that follow, and the result is in a static buffer. Valid
+// until the next call. If the result needs more than message_buffer_bytes, the C library ends the
+// process as on a buffer overflow. Not re-entrant.
 const char* __libvrt_get_msg(int msgno, int nargs, ...);
 
 // Prints message `msgno` and a newline on standard error (dest 1) or standard output; for 0, only

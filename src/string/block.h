@@ -38,7 +38,7 @@ ZORVAC_INLINE void store_anywhere(char* p, block b) {
   _mm_storeu_si128(reinterpret_cast<block*>(p), b);
 }
 
-// Sets of lanes are numbers: bit i stands for byte i of the block.
+// Sets of lanes are numbers: bit i is byte i of the block.
 ZORVAC_INLINE unsigned lanes(block b) { return static_cast<unsigned>(_mm_movemask_epi8(b)); }
 ZORVAC_INLINE unsigned equal_lanes(block a, block b) { return lanes(_mm_cmpeq_epi8(a, b)); }
 ZORVAC_INLINE unsigned zero_lanes(block b) { return equal_lanes(b, _mm_setzero_si128()); }
@@ -65,14 +65,14 @@ ZORVAC_INLINE bool page_holds(const char* p, std::size_t bytes) {
   return reinterpret_cast<std::uintptr_t>(p) % page_bytes <= page_bytes - bytes;
 }
 
-// Four blocks. In the functions below, `of(n)` is what block n gives.
+// Four blocks. In the functions below, `of(n)` computes a block from block n.
 inline constexpr std::size_t group_bytes = 4 * block_bytes;
 ZORVAC_INLINE std::size_t offset_in_group(const char* p) {
   return reinterpret_cast<std::uintptr_t>(p) % group_bytes;
 }
 ZORVAC_INLINE block nth(const char* group, std::size_t n) { return load(group + n * block_bytes); }
 
-// Sixty-four lanes, made of four sets of sixteen: bit i stands for byte i of a group.
+// Sixty-four lanes, made of four sets of sixteen: bit i is byte i of a group.
 ZORVAC_INLINE std::uint64_t join(unsigned s3, unsigned s2, unsigned s1, unsigned s0) {
   return (std::uint64_t{s3} << 16 | s2) << 32 | (std::uint64_t{s1} << 16 | s0);
 }

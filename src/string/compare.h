@@ -24,7 +24,7 @@ ZORVAC_INLINE int compare(const char* a, const char* b, std::size_t count) {
   const auto pages_hold = [&](std::size_t bytes) ZORVAC_INLINE_LAMBDA {
     return page_holds(a, bytes) && page_holds(b, bytes);
   };
-  // Many strings differ at once, so the first step takes one block.
+  // Many strings differ near their start, so the first step takes one block.
   for (std::size_t most = block_bytes, step;; most = group_bytes) {
     if (most == group_bytes && pages_hold(group_bytes)) {
       step = group_bytes;

@@ -53,7 +53,7 @@ ZORVAC_INLINE void clear_few(char* to, std::size_t bytes) {
   }
 }
 
-// Where a copy ends that may go on for `room` bytes, at least 1.
+// The end of a copy of at most `room` bytes. The room is at least 1.
 struct ending {
   bool terminated;  // by the terminating zero
   std::size_t bytes;
@@ -70,7 +70,7 @@ ZORVAC_INLINE char* end_of_copy(char* to, ending end) {
   return to + end.bytes - (end.terminated ? 1 : 0);
 }
 
-// Finishes a copy by so many blocks at most. A block that would exceed the end becomes the last 16
+// Finishes a copy by at most `Blocks` blocks. A block that would exceed the end becomes the last 16
 // bytes of the copy instead, so that no branch depends on the number of bytes. Some of these may
 // lie before `from`; the caller has copied those already.
 template <std::ptrdiff_t Blocks>
@@ -97,7 +97,7 @@ struct four_blocks {
   }
 };
 
-// Moves so many bytes, at least 1.
+// Moves a number of bytes, at least 1.
 ZORVAC_INLINE void move(char* to, const char* from, std::size_t bytes) {
   if (bytes <= 2 * block_bytes) return move_few(to, from, bytes);
   for (; bytes > group_bytes; from += group_bytes, to += group_bytes, bytes -= group_bytes) {

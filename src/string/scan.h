@@ -8,8 +8,8 @@ namespace {
 
 // What a scan searches for. `zero_at_stops` holds a zero where the scan stops, `result` is the
 // result of a scan that stops there first, and `singles` is how many blocks are examined one by one
-// before four at once. With a character to compare, four blocks cost a string of a length that
-// repeats more than two single ones.
+// before four at once. With a character to compare, four blocks take longer than two single ones if
+// the length of the strings repeats.
 struct end_target {
   static constexpr int singles = 0;
   ZORVAC_INLINE static block zero_at_stops(block b) { return b; }
@@ -37,11 +37,11 @@ ZORVAC_INLINE auto stops_of(const Target& target, const char* group) {
 // A scan without a limit.
 inline constexpr auto endless = [](const char*) { return false; };
 
-// Continues a scan after the block `at`, which has already been examined. It searches the next four
-// blocks for the place of a stop at once: from the current position if these lie within one page,
-// because what is found then depends little on where the string lies, or else the rest of the
-// group. The groups after them take one branch each. The scan also ends at the first address that
-// it reaches and that is `over`.
+// Continues a scan after the block `at`, which has already been examined. It searches the four
+// blocks from the current position for the place of a stop at once, if they lie within one page:
+// then the number of bytes searched depends little on where the string lies. Otherwise it searches
+// the rest of the group. The groups after that take one branch each. The scan also ends at the
+// first address that it reaches and that is `over`.
 template <class Target, class Over>
 ZORVAC_INLINE const char* scan_after(const char* at, const Target& target, Over over) {
   at += block_bytes;

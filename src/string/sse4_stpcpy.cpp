@@ -1,4 +1,4 @@
-// Copies a string and returns the end of the copy, with SSE4.2.
+// Copies a string and returns the end of the copy, for the SSE4.2 level.
 #include "string/copy.h"
 
 using namespace zorvac::string;

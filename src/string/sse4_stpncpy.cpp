@@ -1,5 +1,5 @@
 // Copies a string into a field of a given size, fills the rest with zeros and returns the end of
-// the copy, with SSE4.2.
+// the copy, for the SSE4.2 level.
 #include "string/copy.h"
 
 using namespace zorvac::string;

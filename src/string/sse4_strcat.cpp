@@ -1,4 +1,4 @@
-// Appends a string to another, with SSE4.2.
+// Appends a string to another, for the SSE4.2 level.
 #include "string/append.h"
 
 using namespace zorvac::string;

@@ -1,4 +1,4 @@
-// Copies a string, with SSE4.2.
+// Copies a string, for the SSE4.2 level.
 #include "string/copy.h"
 
 using namespace zorvac::string;

@@ -1,4 +1,4 @@
-// Copies a string into memory from malloc, with SSE4.2.
+// Copies a string into memory from malloc, for the SSE4.2 level.
 #include "string/append.h"
 
 using namespace zorvac::string;

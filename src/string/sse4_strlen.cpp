@@ -1,4 +1,4 @@
-// The length of a string, after its first block, with SSE4.2.
+// The length of a string, after its first block, for the SSE4.2 level.
 #include "string/scan.h"
 #include "string/tail.h"
 

@@ -1,4 +1,4 @@
-// Appends at most a given number of characters of a string to another, with SSE4.2.
+// Appends at most a given number of characters of a string to another, for the SSE4.2 level.
 #include "string/append.h"
 
 using namespace zorvac::string;

@@ -1,4 +1,4 @@
-// Compares two strings, up to a given number of characters, with SSE4.2.
+// Compares two strings, up to a given number of characters, for the SSE4.2 level.
 #include "string/compare.h"
 
 using namespace zorvac::string;

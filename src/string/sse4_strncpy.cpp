@@ -1,4 +1,4 @@
-// Copies a string into a field of a given size and fills the rest with zeros, with SSE4.2.
+// Copies a string into a field of a given size and fills the rest with zeros, for the SSE4.2 level.
 #include "string/copy.h"
 
 using namespace zorvac::string;

@@ -1,4 +1,4 @@
-// The length of a string, but at most a limit, with SSE4.2.
+// The length of a string, but at most a limit, for the SSE4.2 level.
 #include "string/scan.h"
 
 using namespace zorvac::string;

@@ -1,4 +1,4 @@
-// Copies a string and returns the end of the copy, with SSSE3.
+// Copies a string and returns the end of the copy, for the SSSE3 level.
 #include "string/copy.h"
 
 using namespace zorvac::string;

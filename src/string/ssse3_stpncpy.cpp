@@ -1,5 +1,5 @@
 // Copies a string into a field of a given size, fills the rest with zeros and returns the end of
-// the copy, with SSSE3.
+// the copy, for the SSSE3 level.
 #include "string/copy.h"
 
 using namespace zorvac::string;

@@ -1,4 +1,4 @@
-// Copies a string, with SSSE3.
+// Copies a string, for the SSSE3 level.
 #include "string/copy.h"
 
 using namespace zorvac::string;

@@ -4,7 +4,7 @@
 // jumps to a function with the family's ordinary convention. There the second parameter is in RDX
 // if it is a pointer, and in XMM1 if it is a double. (A whole vector would be passed in memory.)
 //
-//   ZORVAC_SCAN_TAIL(__zorva_sse2_strend, char*, const char* block) { return ...; }
+//   ZORVAC_SCAN_TAIL(__zorva_sse2_strend, const char*, const char* at) { return ...; }
 #include "string/block.h"
 
 #define ZORVAC_SCAN_TAIL(symbol, result, ...)                                                    \

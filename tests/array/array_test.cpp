@@ -492,13 +492,13 @@ TEST(Reduction, OfOverlappingArraysIsInOrder) {
 // Codes that are not accepted end the process without a message, whatever the count. There are two
 // exceptions: a fold of integers does nothing, and operator 0 fills unsigned bytes with the low
 // byte of the count.
-TEST(Reduction, JudgesItsCodes) {
+TEST(Reduction, ChecksItsCodes) {
   const matrix<unsigned char> memory(0x1fe, 1, 0x1fe);
   const auto t = memory.data();
   const std::function<bool(int)> aborts = testing::KilledBySignal(SIGABRT);
   for (u32 i = 0; i < 36; ++i)
     for (const u32 op : {0u, 1u, 4u, 6u, 14u, ~0u}) {
-      const u32 type = i < 32 ? i : i << 26 | 6;  // the last ones are valid but for high bits
+      const u32 type = i < 32 ? i : i << 26 | 6;  // the last ones are valid except for high bits
       const u32 last = types.contains(type) ? types.at(type).last_operator : 0;
       if (op != 0 && op <= last) continue;
       SCOPED_TRACE(testing::Message() << "type " << type << ", operator " << op);

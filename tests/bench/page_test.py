@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-# page_test.py BENCH_FOLDER: what would make the performance page lie, from known rows; and what
+# page_test.py BENCH_FOLDER: what would make the performance page wrong, from known rows; and what
 # would lose a row while it is measured, from a known program.
 import os
 import pathlib
@@ -109,7 +109,7 @@ class Bench(unittest.TestCase):
     def measure(self, more=""):
         return self.run_script("measure.py", self.folder / "build", self.folder, MORE=more)
 
-    def test_measuring_keeps_medians_and_tells_of_rows_that_are_lost(self):
+    def test_measuring_keeps_medians_and_names_rows_that_are_lost(self):
         self.measure(', {"name": "op/b/zorvac", "cpu_time": 1, "time_unit": "ns"}')
         self.assertIn("no longer measured: op/b/zorvac", self.measure())
         file, = self.folder.glob("*/thing.csv")

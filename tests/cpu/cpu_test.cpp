@@ -344,7 +344,7 @@ constexpr cpu::cache_table known = {
     1, 1, 0, 1, {{32, 64, 1, 8}, {256, 64, 1, 8}, {4096, 64, 2, 16}}};
 
 // The constructor ran when this program was loaded. A second call does the same again.
-TEST(AtHand, LoadingStoresEveryThreshold) {
+TEST(ThisProcessor, LoadingStoresEveryThreshold) {
   const cpu::cache_table loaded = std::exchange(__libvrt_cache_tbl, known);
   EXPECT_EQ(loaded.computed, 1u);
   load_time_initialiser();
@@ -360,7 +360,7 @@ TEST(AtHand, LoadingStoresEveryThreshold) {
 }
 
 // A query runs detection where nothing is known, but not for a level that cannot exist.
-TEST(AtHand, QueriesGiveTheSizeOfALevel) {
+TEST(ThisProcessor, QueriesGiveTheSizeOfALevel) {
   const cpu::cache_table loaded = __libvrt_cache_tbl;
   for (const std::uint32_t level : {1u, 2u, 3u}) {
     __libvrt_cache_tbl = {};
@@ -375,7 +375,7 @@ TEST(AtHand, QueriesGiveTheSizeOfALevel) {
   __libvrt_cache_tbl = loaded;
 }
 
-TEST(AtHand, RoutinesChangeNoRegister) {
+TEST(ThisProcessor, RoutinesChangeNoRegister) {
   const register_file filled = filled_registers(1);
   const std::pair<const char*, void (*)()> routines[] = {
       {"__zorva_cpu_features_init", __zorva_cpu_features_init},

@@ -18,4 +18,4 @@ csplit -s "$page" '/^<!-- scripts.demo prints this/' '/^```/+1' '/^```/'
 "$demo" --build "$build" >now
 [ "${3:-}" != --update ] || { cat xx00 xx01 now xx03 >"$page" && exit; }
 diff -u <(mask xx02) <(mask now) ||
-  { echo "$page tells another story; $0 $1 $2 --update corrects it"; exit 1; }
+  { echo "$page shows another output; $0 $1 $2 --update renews it"; exit 1; }

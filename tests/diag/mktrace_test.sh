@@ -52,9 +52,9 @@ build() { # FIRST_ADDRESS COMPILER...
     -Wl,-u,_ZN6zorvac4diag11byte_source4readEmPvm,--unresolved-symbols=ignore-all)
 }
 rows() { "$mktrace" --dump image | sed -nE 's/^ {9}0x[0-9a-f]+ //p'; }
-# Code that the linker discards keeps its lines, at addresses from 0 on. addr2line does not tell
-# them from lines of other code at the same addresses. So the image is linked to a high address
-# while addr2line is asked; then it is linked to 0 and must give the same rows.
+# Code that the linker discards keeps its lines, at addresses from 0 on. addr2line confuses them
+# with lines of other code at the same addresses. So the image is linked to a high address while
+# addr2line is asked; then it is linked to 0 and must give the same rows.
 while read -ra compiler; do
   build 0x100000 "${compiler[@]}"
   compare 1

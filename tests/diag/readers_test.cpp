@@ -127,7 +127,7 @@ const struct {
     {"last of the data", 0x30ff, 0x540ff},
     {"behind the file", 0x3100, 0},
     {"far behind", UINT64_MAX, 0},
-    {"fewer entries than are told", 0x4000, 0, 0, sizeof segments[0], UINT16_MAX},
+    {"fewer entries than stated", 0x4000, 0, 0, sizeof segments[0], UINT16_MAX},
     {"entries of another size", 0, 0, 0, sizeof segments[0] + 1},
     {"a table whose end wraps", 0, 0, 0 - sizeof segments[0]},
 };
@@ -242,7 +242,7 @@ TEST(Section, LosesOnlyWhatADamagedByteDescribes) {
 }
 
 // The page after the file is not touched, and every lookup ends.
-TEST(Section, LeadsNobodyOutOfTheFile) {
+TEST(Section, IsNotReadBeyondTheFile) {
   for (std::size_t place = 0; place < image.size(); ++place) {
     found(image.substr(0, place), 0x1003);
     for (const char value : {'\x7f', '\x80', '\xff'}) {

@@ -144,7 +144,7 @@ constexpr std::size_t chunk = 24;
 std::size_t most_frames(const scenario& s) { return chunk * (s.chunks + 1); }
 
 // A signal from outside waits until malloc, free or the look at the loader's objects returns. After
-// a fault in malloc or free, neither is called any more.
+// a fault in malloc or free, neither is called again.
 std::string expected_events(const scenario& s, std::size_t frames) {
   const std::size_t kept = std::min(frames, most_frames(s));
   std::string all;

@@ -130,7 +130,7 @@ TEST(Dispatch, TakesTheFirstVariantWhoseMaskIsWhollyPresent) {
 }
 
 // Only a program's own detection can leave the indicator zero.
-TEST(Dispatch, NoticesADetectionThatLeavesNothing) {
+TEST(Dispatch, RefusesADetectionThatLeavesNothing) {
   detected = __zorva_cpu_feature_indicator = 0;
   const auto check =
       reinterpret_cast<void (*)(int, u64)>(of_library("__zorva_new_feature_proc_init"));

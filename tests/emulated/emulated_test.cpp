@@ -53,7 +53,7 @@ outcome run_on(const std::string& model, const std::string& program, const char*
 }
 
 // Runs on this machine's processor, too.
-TEST(Probe, TellsWhatTheLibraryMakesOfAProcessor) {
+TEST(Probe, PrintsWhatIsDetectedAndWhatStarts) {
   for (const check& c : checks) {
     const outcome o = run_in_child([&] {
       routine(c.name)(1);
@@ -89,7 +89,7 @@ std::string expected_of_probe(const processor& p, std::uint64_t features_whoever
   return out.str() + '\n';
 }
 
-TEST(Emulated, ProcessorsAreServedByTheirLevel) {
+TEST(Emulated, ProcessorsGetTheVariantsOfTheirLevel) {
   for (const processor& p : processors) {
     SCOPED_TRACE(p.model);
     processor served = p;
@@ -115,7 +115,7 @@ TEST(Emulated, ProcessorsAreServedByTheirLevel) {
 
 // The blocked product is chosen from SSE2 on, which is part of the interface, but fills its strip
 // by MOVDDUP of SSE3.
-TEST(Emulated, BlockedProductsNeedMoreThanTheyAskFor) {
+TEST(Emulated, BlockedProductsNeedSse3) {
   const outcome o = run_on("core2duo,-ssse3,-sse3", EXAMPLES "/matrix", "150");
   EXPECT_EQ(o.exit_status, 128 + SIGILL) << o;
 }

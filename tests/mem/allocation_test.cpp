@@ -137,7 +137,7 @@ void take(const pool_kind& kind, std::vector<std::byte*>& blocks, std::size_t un
 
 // Blocks come in order and are not reused one by one. A pool starts over with its first block when
 // every block is free.
-TEST(Pool, LivesThroughItsStates) {
+TEST(Pool, PassesThroughItsStates) {
   constexpr pool_kind kinds[] = {
       {"40 bytes", 40, 300'000, 0, 0, none, false},
       {"96 bytes", 96, 300'000, 0, is_mapped, none, false},
@@ -235,13 +235,13 @@ TEST(Pool, AsksTheSystemForWhatIsNotRegistered) {
       EXPECT_EQ(blocks_in_use(), 0u) << r.text;
     }
     void* const block = __i_pool_malloc(64);
-    EXPECT_EQ(__i_pool_realloc(block, 1 << 30), nullptr) << "the system has not as much";
-    EXPECT_EQ(blocks_in_use(), 1u) << "it is the caller's still";
+    EXPECT_EQ(__i_pool_realloc(block, 1 << 30), nullptr) << "the system has less memory";
+    EXPECT_EQ(blocks_in_use(), 1u) << "it still belongs to the caller";
 
     __i_pool_init(sizes{256, 0}.begin(), 0);
-    EXPECT_EQ(asked([] { __i_pool_malloc(64); }), "malloc 64 ") << "in the list no more";
+    EXPECT_EQ(asked([] { __i_pool_malloc(64); }), "malloc 64 ") << "not in the new list";
     EXPECT_EQ(asked([] { __i_pool_malloc(32); }), "malloc 32 ") << "the list is shorter";
-    EXPECT_EQ(asked([=] { __i_pool_free(block); }), "") << "it is the pool's still";
+    EXPECT_EQ(asked([=] { __i_pool_free(block); }), "") << "it still belongs to its pool";
   });
 }
 
@@ -439,7 +439,7 @@ TEST(Allocation, GivesWhatMallocGivesOrNull) {
 
 // The check compares with the variable, which a program may set before it guards anything. When it
 // returns, it has changed no register.
-TEST(Cookie, AnyValueButTheVariablesEndsTheProcess) {
+TEST(Cookie, AnyOtherValueEndsTheProcess) {
   EXPECT_NE(__zorva_security_cookie, 0u);
   EXPECT_EQ(__zorva_security_cookie >> 32, 0u);
   const auto end_of_check = [](std::uint64_t found) {

@@ -269,8 +269,9 @@ TEST_P(Block, IsExactAtEveryCountAlignmentAndOverlap) {
 }
 INSTANTIATE_TEST_SUITE_P(Members, Block, testing::ValuesIn(members), name_of_row);
 
-// One takes a count from the upper half for "below 1", the other equal pointers for equal blocks.
-TEST(Compare, ReadsNothingWhereNothingCounts) {
+// For one routine a count from the upper half is below 1, for the other equal pointers are equal
+// blocks.
+TEST(Compare, ReadsNothingIfTheResultIsKnown) {
   const guarded_block block(4096);
   EXPECT_EQ(__zorva_new_memcmp(block.end(), block.end() + 1, SIZE_MAX), 0);
   EXPECT_EQ(_zorva_fast_memcmp(block.end(), block.end(), 100), 0);

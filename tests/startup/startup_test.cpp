@@ -226,7 +226,7 @@ TEST(FeatureMask, ListDropsItsLastNamesAfterALongSeparator) {
 // ---- Messages -----------------------------------------------------------------------------------
 
 // The published messages: number, category, text with escapes.
-TEST(Messages, AreTheCatalogues) {
+TEST(Messages, AreThePublishedOnes) {
   std::ifstream file(MESSAGES);
   int number = 0, category = 0, rows = 0;
   std::string text;

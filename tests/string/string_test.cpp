@@ -359,7 +359,7 @@ word check(const routine& r, const operands& o, bool registers) {
   partner_area.set_contents(partner.data());
   const word expected = r.expected(o);
   routine_runs = false;
-  EXPECT_EQ(told(r.how, seen), told(r.how, expected)) << "as the answer";
+  EXPECT_EQ(told(r.how, seen), told(r.how, expected)) << "as the result";
   expect_contents(string_area, string_after);
   expect_contents(partner_area, partner_after);
   return expected;
@@ -394,7 +394,7 @@ class String : public testing::TestWithParam<routine> {
 void PrintTo(const routine& r, std::ostream* out) { *out << r.name; }
 INSTANTIATE_TEST_SUITE_P(Routines, String, testing::ValuesIn(routines), name_of_row);
 
-TEST_P(String, IsTheCLibrarysInNamedScenes) {
+TEST_P(String, MatchesTheCLibraryInNamedScenes) {
   for (scene s : scenes) {
     if (s.string.where == cut_off && !stops_at_count(GetParam().how)) continue;
     for (s.string.gap = 0; s.string.gap < gaps && !HasFailure(); ++s.string.gap)
@@ -402,7 +402,7 @@ TEST_P(String, IsTheCLibrarysInNamedScenes) {
   }
 }
 
-TEST_P(String, IsTheCLibrarysAtEveryLengthAndPlace) {
+TEST_P(String, MatchesTheCLibraryAtEveryLengthAndPlace) {
   const auto [first, end] = seeds_of_cases(lengths * gaps);
   for (std::uint64_t seed = first; seed < end && !HasFailure(); ++seed)
     play(drawn_scene(GetParam(), seed), /*registers=*/seed % 2 != 0);

@@ -66,7 +66,7 @@ plays 'SIGBUS, mapped memory is missing: past the end of its file?: read_past_fi
 plays 'SIGBUS, sent by another process: be_killed main' be_killed
 plays 'SIGABRT, raised by the program itself: allocate recurse ... recurse break_heap main' \
   break_heap
-# The program is started with the signal ignored. A fault ends it all the same.
+# The program is started with the signal ignored. A fault still ends it.
 setting=--ignore-signal=FPE plays '' divide
 
 # ---- Full stacks ----
