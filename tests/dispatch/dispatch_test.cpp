@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <ucontext.h>
+#include <unwind.h>
 
 #include <algorithm>
 #include <csignal>
@@ -26,6 +27,25 @@ using steps = std::vector<std::pair<std::string, words>>;
 steps calls;
 words inner_block;  // the arguments of the last inner kernel
 u64 detected;       // the result of detection
+bool unwound;       // whether the unwinder gets from detection to the dispatcher's caller
+
+// Whether the unwinder gets from here to these two return addresses, one after the other. It goes no
+// further: the caller's frame pointer is one of the filled registers.
+bool unwinds_to(u64 first, u64 second) {
+  struct {
+    u64 previous, first, second;
+    bool found;
+  } walk = {0, first, second, false};
+  const auto look = [](_Unwind_Context* context, void* state) {
+    auto& w = *static_cast<decltype(walk)*>(state);
+    const bool last = w.previous == w.first;
+    w.previous = _Unwind_GetIP(context);
+    w.found = last && w.previous == w.second;
+    return last ? _URC_END_OF_STACK : _URC_NO_REASON;
+  };
+  _Unwind_Backtrace(look, &walk);
+  return walk.found;
+}
 
 // Records the call of a stand-in, whose name follows its code. The stack holds the return address
 // into the library and further arguments.
@@ -36,7 +56,10 @@ void note(int, siginfo_t*, void* context) {
   for (const int place : {REG_R9, REG_R8, REG_RCX, REG_RDX, REG_RSI, REG_RDI})
     passed.insert(passed.begin(), static_cast<u64>(registers[place]));
   const std::string name = reinterpret_cast<const char*>(registers[REG_RIP]) + 3;
-  if (name == "__zorva_cpu_features_init") __zorva_cpu_feature_indicator = detected;
+  if (name == "__zorva_cpu_features_init") {
+    __zorva_cpu_feature_indicator = detected;
+    unwound = unwinds_to(stack[0], stack[2]);  // a word aligns the stack
+  }
   if (name.find("dinner") != std::string::npos) {  // takes its scalars by address
     for (auto i : {0u, 1u, 2u, 5u, 7u, 9u}) passed[i] = *reinterpret_cast<const u64*>(passed[i]);
     inner_block = passed;
@@ -125,6 +148,7 @@ TEST(Dispatch, TakesTheFirstVariantWhoseMaskIsWhollyPresent) {
           if (!known) expected.emplace_back("__zorva_cpu_features_init", words{});
           expected.emplace_back(c.name + taken->letter, words{});
           expect_calls(c.name, expected);
+          EXPECT_TRUE(unwound || known) << "from detection to the caller of " << c.name;
           if (HasFailure()) return;
         }
 }

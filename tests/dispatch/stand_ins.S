@@ -8,6 +8,7 @@
   .globl \name
   .type \name, @function
 \name:
+  .cfi_startproc
   .ifnb \twin
   test %rdi, %rdi
   js 1f
@@ -17,6 +18,7 @@
   .endif
   ud2
   ret
+  .cfi_endproc
   .asciz "\name"
 .endm
 
