@@ -88,7 +88,7 @@ FAMILIES = (
                     for operation in ("copy", "move", "fill", "compare")),
         front=("zorvac_fast",),
         reasons=((r"^compare/", "compares by words: part of the interface"),
-                 (r"^move/.*zorvac_fast", "no AVX2 move: the SSSE3 worker's fifteen loops"),
+                 (r"^move/.*zorvac_fast", "no AVX2 move: the SSE4.2 worker's fifteen loops"),
                  (r"avx512f", "streams blocks of every size"),
                  (r"vec", "REP MOVSQ and REP STOSQ up to 16384 bytes"),
                  (r"(fixed-(1|2|4|8|16|32|64|128)|mixed|service)-",
@@ -142,6 +142,10 @@ FAMILIES = (
         ("src/quad", "bridge/quad", "bridge/float128", "include/zorvac/quad.hpp"),
         charts=(Chart("programs", "Programs in quads", r"program/(?P<bar>[^/]+)"),)),
     Family(
+        "text", "text_bench", "Text", ("include/zorvac/quad_text.hpp",),
+        reasons=((r"", "few digits or a small exponent"),),
+        charts=(Chart("text", "Quads as decimal text", r"decimal/(?P<bar>[^/]+)"),)),
+    Family(
         "matrices", "matmul_bench", "Matrices", ("src/array",),
         front=("zorvac-avx512", "zorvac-avx2", "zorvac-pair"),
         figures="limit/",
@@ -155,8 +159,9 @@ FAMILIES = (
                 Chart("products", "Products by type and storage, all shapes",
                       pairs="^best"))),
     Family(
-        "reductions", "reduction_bench", "Reductions", ("src/array/omp_support.cpp",),
-        reasons=((r"/(8|64)/", "codes are looked up; 1 to 2 ns"), (r"", "")),
+        "reductions", "reduction_bench", "Reductions",
+        ("src/array/reductions.h", "src/array/omp_support.cpp"),
+        reasons=((r"/(8|64)/", "type and operator are looked up"), (r"", "")),
         charts=(Chart("reductions", "Reductions of arrays of 8 to 65536 elements"),)),
     Family(
         "traceback", "traceback_bench", "Traceback", ("src/diag",),
@@ -176,6 +181,21 @@ FAMILIES = (
                  (r"", "two jumps, a load and a test")),
         charts=(Chart("dispatch", "The cost of a dispatcher and of the constructor",
                       r"(?P<bar>[^/]+/[^/]+)$"),)),
+)
+
+
+# The lines of README's table: what, beside what, and which figures of the first table: the part, ours
+# and the peer.
+SUMMARY = (
+    ("programs in quads, by libzorvac_float128 / by the C++ type", "libgcc",
+     (("Programs in quads", "libzorvac_float128", "libgcc"),
+      ("Programs in quads", "the C++ class", "libgcc"))),
+    ("quads written and read as text", "libquadmath", (("Text", "zorvac", "libquadmath"),)),
+    ("products of real matrices", "Fortran's MATMUL",
+     (("Matrices, real", "best level", "Fortran's MATMUL"),)),
+    ("strings", "the C library at the same level",
+     (("Strings", "SSE2 members", "C library held to SSE2"),)),
+    ("copies of blocks", "the C library", (("Copy", "dispatcher", "C library"),)),
 )
 
 

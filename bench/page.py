@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Writes the performance page and its charts from the rows of all processors.
 
-usage: page.py RESULTS_FOLDER NOTES_FOLDER PAGE.md
+usage: page.py RESULTS_FOLDER NOTES_FOLDER PAGE.md [README.md]
 
-Every figure of the tables and charts comes from the rows. The reasons come from families.py and
+Writes the lines of README's table, too. Every figure of the tables and charts comes from the rows. The reasons come from families.py and
 from the notes, one small file a family. A family with a row below 1 must have a note, and a
 contender that no table shows is an error.
 """
@@ -14,7 +14,7 @@ import sys
 from collections import defaultdict
 
 import charts
-from families import FAMILIES, LABELS, families_of
+from families import FAMILIES, LABELS, SUMMARY, families_of
 from report import geometric_mean, is_ours, ratios, read, size_order
 
 INTRODUCTION = """# Performance
@@ -32,6 +32,7 @@ that it would use on a processor of the accepted vendor with the same features. 
 accepts only that vendor. On each of these processors its feature indicator stays {default}, so it
 uses the members for every processor: the C library's block routines, the general kernels.
 """
+SUMMARY_HEAD = "|  | beside |"  # README's table begins with this
 HIDDEN = ("Date", "Commit", "Processor")  # facts that have rows of their own in the table
 
 
@@ -151,6 +152,24 @@ def overview(sections, processors):
     return table(["", "ours", "beside", *processors, "worst row", "why"], lines)
 
 
+def summary(sections, processors):
+    """Returns README's table."""
+    known = {}
+    for family, measured in sections.items():
+        old = {m.processor for m in measured if m.old}
+        for (part, ours), of_line in ratio_lines(family, measured, True).items():
+            for (peer, processor), column in of_line.items():
+                mean = f"{geometric_mean(r.value for r in column):.2f}"
+                known[part, ours, peer, processor] = mean, " †" * (processor in old)
+
+    def cell(figures, processor):
+        found = [known[key] for key in ((*f, processor) for f in figures) if key in known]
+        return " / ".join(mean for mean, _ in found) + max((old for _, old in found), default="–")
+    return table(["", "beside", *processors],
+                 [[what, beside, *(cell(figures, p) for p in processors)]
+                  for what, beside, figures in SUMMARY])
+
+
 def other_members(family, measured, processors):
     lines = [[f"{part}: {ours}", *cells(measured, of_line, processors)[0]]
              for (part, ours), of_line in ratio_lines(family, measured, False).items()]
@@ -250,6 +269,10 @@ def main():
         text.append(rules.read_text(encoding="utf-8"))
     text += ["## What was measured\n", library, facts]
     page.write_text("\n".join(text), encoding="utf-8")
+    for readme in map(pathlib.Path, sys.argv[4:]):
+        before, _, rest = readme.read_text(encoding="utf-8").partition(SUMMARY_HEAD)
+        after = rest.partition("\n\n")[2]
+        readme.write_text(f"{before}{summary(sections, processors)}\n{after}", encoding="utf-8")
 
 
 if __name__ == "__main__":

@@ -76,13 +76,19 @@ class Bench(unittest.TestCase):
     def page(self, more):
         for file, (commit, rows) in (ROWS | more).items():
             self.write(f"{file}.csv", HEAD.format(commit) + rows)
-        page = self.folder / "page.md"
-        return self.run_script("page.py", self.folder, BENCH / "notes", page) or page.read_text()
+        page, readme = self.folder / "page.md", self.folder / "README.md"
+        readme.write_text("Before.\n\n|  | beside | old |\n| --- |\n\nAfter.\n")
+        return self.run_script("page.py", self.folder, BENCH / "notes", page, readme) or \
+            page.read_text()
 
     def test_page_says_what_the_rows_say_and_marks_old_ones(self):
         page = self.page({})
         for line in IN_PAGE:
             self.assertIn(line, page)
+        readme = (self.folder / "README.md").read_text()
+        self.assertRegex(readme, r"^Before\.\n\n\|  \| beside \| AMD 25/1 \| Intel 6/207 \|\n"
+                                 r"(\|.*\n)*\n" r"After\.\n$")
+        self.assertIn("| copies of blocks | the C library | 1.37 | 2.00 † |", readme)
 
     def test_page_refuses_rows_that_no_table_shows_and_losses_without_a_note(self):
         unknown = ("1st", "held,copy/fixed-512-unaligned,newlib,3,\n")
