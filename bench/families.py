@@ -184,8 +184,8 @@ FAMILIES = (
 )
 
 
-# The lines of README's table: what, beside what, and which figures of the first table: the part, ours
-# and the peer.
+# The lines of README's table: what, beside what, and which figures of the first table: the part,
+# ours and the peer.
 SUMMARY = (
     ("programs in quads, by libzorvac_float128 / by the C++ type", "libgcc",
      (("Programs in quads", "libzorvac_float128", "libgcc"),

@@ -127,7 +127,7 @@ def measure(program, environment, options):
     return json.loads(report)
 
 
-def tell_lost(file, results):
+def report_lost(file, results):
     """Prints the rows of the file that were not measured again, by mistake or because they were
     removed."""
     before = read(file).rows if file.exists() else {}
@@ -168,7 +168,7 @@ def main():
             results.facts |= {key: text for key, text in report["context"].items()
                               if key.startswith(("peer ", "indicator "))}
         file = folder / f"{family.name}.csv"
-        tell_lost(file, results)
+        report_lost(file, results)
         write(file, results)
 
 

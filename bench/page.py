@@ -3,9 +3,9 @@
 
 usage: page.py RESULTS_FOLDER NOTES_FOLDER PAGE.md [README.md]
 
-Writes the lines of README's table, too. Every figure of the tables and charts comes from the rows. The reasons come from families.py and
-from the notes, one small file a family. A family with a row below 1 must have a note, and a
-contender that no table shows is an error.
+Writes README's table, too. Every figure of the tables and charts comes from the rows. The reasons
+come from families.py and from the notes, one small file a family. A family with a row below 1 must
+have a note, and a contender that no table shows is an error.
 """
 import pathlib
 import re

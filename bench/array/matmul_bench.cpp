@@ -109,17 +109,17 @@ void set_core(const blas& openblas, char** argv) {
   std::exit(1);
 }
 
-void tell_peers(const blas& openblas, const blas& blis) {
+void record_peers(const blas& openblas, const blas& blis) {
   const std::string config = openblas.say("openblas_get_config");  // "OpenBLAS 0.3.21 ..."
   const char* const chose = std::getenv("ZORVAC_BENCH_OPENBLAS_CHOSE");
-  tell_peer("OpenBLAS",
-            config.substr(9, config.find(' ', 9) - 9) + ", core " +
-                openblas.say("openblas_get_corename") +
-                (chose != nullptr ? std::string(", set by us: it chose ") + chose : ""));
-  tell_peer("BLIS", blis.say("bli_info_get_version_str"));
-  tell_peer("Eigen", eigen_version());
+  record_peer("OpenBLAS",
+              config.substr(9, config.find(' ', 9) - 9) + ", core " +
+                  openblas.say("openblas_get_corename") +
+                  (chose != nullptr ? std::string(", set by us: it chose ") + chose : ""));
+  record_peer("BLIS", blis.say("bli_info_get_version_str"));
+  record_peer("Eigen", eigen_version());
 #ifdef ZORVAC_BENCH_FORTRAN
-  tell_peer("MATMUL", "gfortran " ZORVAC_BENCH_FORTRAN);
+  record_peer("MATMUL", "gfortran " ZORVAC_BENCH_FORTRAN);
 #endif
 }
 
@@ -218,7 +218,7 @@ void add_all(char** argv) {
   static const blas openblas(OPENBLAS, "openblas_set_num_threads"),
       blis(BLIS, "bli_thread_set_num_threads");
   set_core(openblas, argv);
-  tell_peers(openblas, blis);
+  record_peers(openblas, blis);
   std::vector<problem> all, some;
   for (const std::uint64_t n : std::initializer_list<std::uint64_t>{
            4, 8, 12, 16, 24, 32, 48, 64, 96, 128, 192, 256, 384, 512, 768, 1024, 1536})

@@ -166,8 +166,8 @@ void protect(benchmark::State& state) {
 
 // The callers of descend have about ten frames.
 const int registered = [] {
-  zorvac::bench::tell_libc();
-  zorvac::bench::tell_peer("libdw", dwfl_version(nullptr));
+  zorvac::bench::record_libc();
+  zorvac::bench::record_peer("libdw", dwfl_version(nullptr));
   const struct {
     const char* family;
     const char* contender;

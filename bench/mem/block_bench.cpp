@@ -30,16 +30,16 @@ using copy_function = void*(void*, const void*, std::size_t);
 using fill_function = void*(void*, int, std::size_t);
 using compare_function = int(const void*, const void*, std::size_t);
 
-const block_ground ground;
+const block_arena arena;
 
 void operate(copy_function* copy, const block_call& c) {
-  benchmark::DoNotOptimize(copy(ground.to + c.to, ground.from + c.from, c.bytes));
+  benchmark::DoNotOptimize(copy(arena.to + c.to, arena.from + c.from, c.bytes));
 }
 void operate(fill_function* fill, const block_call& c) {
-  benchmark::DoNotOptimize(fill(ground.to + c.to, 0x5a, c.bytes));
+  benchmark::DoNotOptimize(fill(arena.to + c.to, 0x5a, c.bytes));
 }
 void operate(compare_function* compare, const block_call& c) {
-  benchmark::DoNotOptimize(compare(ground.to + c.to, ground.from + c.from, c.bytes));
+  benchmark::DoNotOptimize(compare(arena.to + c.to, arena.from + c.from, c.bytes));
 }
 
 template <class Function>
@@ -50,9 +50,9 @@ void add_rows(const std::string& operation, const std::vector<block_mix>& mixes,
       if (!c.runs || (c.beside & libc().level) == 0) continue;
       const auto run = [call = c.call, &mix](benchmark::State& state) {
         // Comparisons run over equal blocks, whatever was copied before.
-        const auto used = std::min(block_ground::bytes, 4 * mix.bytes + std::size_t{4} * page);
-        std::memset(ground.to, 1, used);
-        std::memset(ground.from, 1, used);
+        const auto used = std::min(block_arena::bytes, 4 * mix.bytes + std::size_t{4} * page);
+        std::memset(arena.to, 1, used);
+        std::memset(arena.from, 1, used);
         for (auto _ : state)
           for (const block_call& b : mix.calls) operate(call, b);
         const auto turns = static_cast<std::int64_t>(state.iterations());
@@ -93,11 +93,11 @@ void add_all() {
                              {{"zorvac_fast", _zorva_fast_memcmp, best | avx2},
                               {"zorvac_new", __zorva_new_memcmp, sse2},
                               {peer, std::memcmp, best | avx2 | sse2}});
-  tell_libc();
-  tell_variant<copy_function>("libc memcpy", std::memcpy);
-  tell_variant<copy_function>("libc memmove", std::memmove);
-  tell_variant<fill_function>("libc memset", std::memset);
-  tell_variant<compare_function>("libc memcmp", std::memcmp);
+  record_libc();
+  record_variant<copy_function>("libc memcpy", std::memcpy);
+  record_variant<copy_function>("libc memmove", std::memmove);
+  record_variant<fill_function>("libc memset", std::memset);
+  record_variant<compare_function>("libc memcmp", std::memcmp);
 }
 
 }  // namespace

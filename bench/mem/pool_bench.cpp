@@ -135,10 +135,10 @@ std::vector<allocator> contenders() {
     }
   }
   const std::string digits = std::to_string(mi_version());  // 209 means 2.0.9
-  tell_libc();
-  tell_peer("mimalloc", digits.substr(0, 1) + '.' + digits[1] + '.' + digits.substr(2));
+  record_libc();
+  record_peer("mimalloc", digits.substr(0, 1) + '.' + digits[1] + '.' + digits.substr(2));
   const std::string release = JEMALLOC_VERSION;  // ends with a commit
-  tell_peer("jemalloc", release.substr(0, release.find('-')));
+  record_peer("jemalloc", release.substr(0, release.find('-')));
   return {{"zorvac",
            [](std::size_t bytes) { return __i_pool_malloc(static_cast<std::uint32_t>(bytes)); },
            __i_pool_free},

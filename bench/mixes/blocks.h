@@ -104,7 +104,7 @@ inline std::vector<block_mix> block_mixes() {
 }
 
 // Two areas on page boundaries, written to once so that their pages exist.
-struct block_ground {
+struct block_arena {
   static constexpr std::size_t bytes = (std::size_t{16} << 20) + std::size_t{4} * page;
   unsigned char* to = area();
   unsigned char* from = area();

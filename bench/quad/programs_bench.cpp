@@ -201,7 +201,7 @@ const bool registered = [] {
   add_rows<quad>("zorvac-class");
   add_rows<by_float128>("zorvac-float128");
   add_rows<by_libgcc>("libgcc");
-  tell_libgcc();
+  record_libgcc();
   return true;
 }();
 

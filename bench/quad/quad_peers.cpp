@@ -3,10 +3,10 @@
 
 namespace {
 
-const bool told = [] {
-  zorvac::bench::tell_libgcc();
+const bool recorded = [] {
+  zorvac::bench::record_libgcc();
 #ifdef ZORVAC_BENCH_CLANG_RT
-  zorvac::bench::tell_peer("clang's library", "compiler-rt " ZORVAC_BENCH_CLANG_RT);
+  zorvac::bench::record_peer("clang's library", "compiler-rt " ZORVAC_BENCH_CLANG_RT);
 #endif
   return true;
 }();

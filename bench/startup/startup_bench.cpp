@@ -32,14 +32,14 @@ BENCHMARK(call<sse2_variant, 0x7f>)->Name("dispatch/second-row/direct");
 BENCHMARK(call<__zorva_new_proc_init_B, 0x7f>)->Name("dispatch/second-row/zorvac");
 
 // The cost of the two jumps before a worker, for calls as in programs.
-const block_ground ground;
+const block_arena arena;
 std::uint64_t detected = 0;
 template <auto* Routine>
 void operate(const block_call& c) {
   if constexpr (std::is_invocable_v<decltype(Routine), void*, int, std::size_t>)
-    benchmark::DoNotOptimize(Routine(ground.to + c.to, 0x5a, c.bytes));
+    benchmark::DoNotOptimize(Routine(arena.to + c.to, 0x5a, c.bytes));
   else
-    benchmark::DoNotOptimize(Routine(ground.to + c.to, ground.from + c.from, c.bytes));
+    benchmark::DoNotOptimize(Routine(arena.to + c.to, arena.from + c.from, c.bytes));
 }
 template <auto* Routine>
 void blocks(benchmark::State& state, const block_mix& mix) {
@@ -84,21 +84,21 @@ BENCHMARK_CAPTURE(load, zorvac, LIBRARY)->Name("load/constructor/zorvac");
 
 // The feature indicator on this processor, of the measured library and of the build that accepts
 // only its own vendor, for the page's list.
-void tell_indicator(const std::string& library, const std::uint64_t& indicator) {
+void record_indicator(const std::string& library, const std::uint64_t& indicator) {
   char text[32];
   std::snprintf(text, sizeof text, "%#llx", static_cast<unsigned long long>(indicator));
   benchmark::AddCustomContext("indicator " + library, text);
 }
-void tell_indicators() {
+void record_indicators() {
   __zorva_cpu_features_init();
   detected = __zorva_cpu_feature_indicator;
-  tell_indicator("any-vendor", detected);
+  record_indicator("any-vendor", detected);
   void* const other = dlopen(LIBRARY, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
   if (other == nullptr) return;
   const auto init = reinterpret_cast<void (*)()>(dlsym(other, "__zorva_cpu_features_init"));
   init();
-  tell_indicator("default",
-                 *static_cast<std::uint64_t*>(dlsym(other, "__zorva_cpu_feature_indicator")));
+  record_indicator("default",
+                   *static_cast<std::uint64_t*>(dlsym(other, "__zorva_cpu_feature_indicator")));
   dlclose(other);
 }
 
@@ -106,7 +106,7 @@ void tell_indicators() {
 }  // namespace zorvac::bench
 
 int main(int argc, char** argv) {
-  zorvac::bench::tell_indicators();
+  zorvac::bench::record_indicators();
   if (__builtin_cpu_supports("avx2")) zorvac::bench::add_blocks();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;

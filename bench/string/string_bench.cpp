@@ -157,9 +157,9 @@ void add_all() {
     MEMBER_WITH(, "libc", sse4, atol, numbers, a.text)
     MEMBER_WITH(, "libc", sse4, atoll, numbers, a.text)
   }
-  tell_libc();
-  tell_variant<std::size_t(const char*)>("libc strlen", std::strlen);
-  tell_variant<const char*(const char*, int)>("libc strchr", std::strchr);
+  record_libc();
+  record_variant<std::size_t(const char*)>("libc strlen", std::strlen);
+  record_variant<const char*(const char*, int)>("libc strchr", std::strchr);
 }
 
 }  // namespace

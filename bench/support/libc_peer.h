@@ -39,21 +39,23 @@ inline libc_peer libc() {
 }
 
 // A line of the page's list of peers.
-inline void tell_peer(const std::string& name, const std::string& version) {
+inline void record_peer(const std::string& name, const std::string& version) {
   benchmark::AddCustomContext("peer " + name, version);
 }
-inline void tell_libc() { tell_peer("C library", std::string("glibc ") + gnu_get_libc_version()); }
-inline void tell_libgcc() {
+inline void record_libc() {
+  record_peer("C library", std::string("glibc ") + gnu_get_libc_version());
+}
+inline void record_libgcc() {
 #ifdef __clang__
-  tell_peer("libgcc", "the one that clang " __clang_version__ "takes");
+  record_peer("libgcc", "the one that clang " __clang_version__ "takes");
 #else
-  tell_peer("libgcc", "of g++ " __VERSION__);
+  record_peer("libgcc", "of g++ " __VERSION__);
 #endif
 }
 
 // The template argument chooses among overloaded functions.
 template <class Function>
-void tell_variant(const char* name, Function* function) {
+void record_variant(const char* name, Function* function) {
   Dl_info where{};
   auto* const address = reinterpret_cast<void*>(function);
   if (dladdr(address, &where) == 0) return;

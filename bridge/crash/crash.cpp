@@ -222,7 +222,7 @@ constinit next_routine<int(thrd_t*, thrd_start_t, void*)> next_thrd_create{"thrd
 
 // ---- The start ----
 
-void tell_unknown(const char* value) {
+void report_unknown(const char* value) {
   char name[256];
   diag::put_text(value, name, sizeof name);
   diag::hide_commands(name);
@@ -237,7 +237,7 @@ void tell_unknown(const char* value) {
   const char* const value = std::getenv("ZORVAC_CRASH");
   if (value != nullptr) {
     if (std::strcmp(value, "off") == 0) return;
-    if (*value != '\0' && std::strcmp(value, "on") != 0) tell_unknown(value);
+    if (*value != '\0' && std::strcmp(value, "on") != 0) report_unknown(value);
   }
   enabled = pthread_key_create(&key_of_stack, end_thread) == 0;
   stack_t stack;

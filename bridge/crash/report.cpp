@@ -133,7 +133,7 @@ const char* words_of_fault(int number, const siginfo_t& info, const ucontext_t& 
   return "unknown reason";
 }
 
-void tell_what_happened(int number, const siginfo_t& info, const ucontext_t& context) {
+void write_what_happened(int number, const siginfo_t& info, const ucontext_t& context) {
   line& text = new_line();
   text.put("Fatal signal ")
       .put(static_cast<unsigned>(number))
@@ -250,7 +250,7 @@ void find_exported_name(std::uint64_t place, tbk_pc_info& info) {
 
 bool is_unknown(const char* text) { return std::strcmp(text, diag::tbk__default_unknown) == 0; }
 
-void tell_frame(std::size_t number) {
+void write_frame(std::size_t number) {
   static char image[256];
   static tbk_pc_info info;
 
@@ -276,7 +276,7 @@ void tell_frame(std::size_t number) {
   }
 }
 
-void tell_of_gap() {
+void write_gap() {
   new_line().put("... ").put(frames.count - innermost - outermost).put(" frames ...").write();
 }
 
@@ -303,7 +303,7 @@ int start_clock() {
 bool take_step(std::size_t step, int number, const siginfo_t& info, ucontext_t& context) {
   constexpr std::size_t first_frame = 3;
   if (step == 0) {
-    tell_what_happened(number, info, context);
+    write_what_happened(number, info, context);
   } else if (step == 1) {
     walk(number, info, context);
   } else if (step == 2) {
@@ -312,9 +312,9 @@ bool take_step(std::size_t step, int number, const siginfo_t& info, ucontext_t& 
     const std::size_t frame_number = step - first_frame;
     if (frame_number >= frames.count) return false;
     if (frames.has(frame_number)) {
-      tell_frame(frame_number);
+      write_frame(frame_number);
     } else if (frame_number == innermost) {
-      tell_of_gap();
+      write_gap();
     }
   }
   return true;

@@ -9,7 +9,8 @@
  *  Storage, one letter for A and one for B:
  *    n  stored as used:         A(i,k) is a[i + k * lda], B(k,j) is b[k + j * ldb]
  *    t  its transpose is stored: A(i,k) is a[k + i * lda], B(k,j) is b[j + k * ldb]
- *  No element is ever conjugated. C(i,j) is c[i + j * ldc] whatever the storage of A and B.
+ *  No element is ever conjugated: these are MATMUL of the Fortran standard and its forms with
+ *  TRANSPOSE. C(i,j) is c[i + j * ldc] whatever the storage of A and B.
  *
  *  For every routine of the matrix products:
  *    extents    may be 0: then nothing is read or written, except that a product of no terms is 0

@@ -156,9 +156,9 @@ void __ktoq(void* q, uint64_t value);
 void __ftoq(void* q, float value);
 void __dtoq(void* q, double value);
 
-/** *q = value: exact, no rounding. The value goes through one x87 multiplication by 1 at full
- *  precision, which quiets a signalling NaN and raises the x87's (not MXCSR's) flags: IE for a
- *  signalling NaN, DE for a subnormal. The x87 control word is restored.
+/** *q = value: exact, no rounding. Unless the value is normal, it goes through one x87
+ *  multiplication by 1 at full precision, which quiets a signalling NaN and raises the x87's (not
+ *  MXCSR's) flags: IE for a signalling NaN, DE for a subnormal. The x87 control word is restored.
  *  Source: IEEE 754-2019, 5.4.2 (convertFormat). */
 void __ltoq(void* q, long double value);
 
@@ -285,7 +285,8 @@ void a_cmulq(void* product, const void* ar, const void* ai, const void* br, cons
 void __cdivq(void* quotient, const void* ar, const void* ai, const void* br, const void* bi);
 void a_cdivq(void* quotient, const void* ar, const void* ai, const void* br, const void* bi);
 
-/** *negated = (-*ar, -*ai): both sign bits flipped. Rounding, flags: none. */
+/** *negated = (-*ar, -*ai): both sign bits flipped. The real part is written before *ai is read.
+ *  Rounding, flags: none. */
 void __cnegq(void* negated, const void* ar, const void* ai);
 void a_cnegq(void* negated, const void* ar, const void* ai);
 

@@ -1,7 +1,8 @@
 #ifndef ZORVAC_QUAD_MATH_HPP
 #define ZORVAC_QUAD_MATH_HPP
-/** The functions of <cmath> for zorvac::quad. Templates find them by argument-dependent lookup,
- *  after `using std::sqrt;` and the like.
+/** The functions of <cmath> for zorvac::quad, but for remquo, nexttoward, nan and the comparisons,
+ *  which operators do. Templates find them by argument-dependent lookup, after `using std::sqrt;`
+ *  and the like.
  *
  *  The functions from fpclassify() to nextafter() are in this header. They compute in integers and
  *  need no library but libzorvac. Their results are exact or correctly rounded:
@@ -205,8 +206,8 @@ inline quad fused(quad a, quad b, quad c) {
 // The neighbouring integer that a number is rounded to.
 enum class neighbour { even_of_halves, below, above, nearer_to_zero, farther_of_halves };
 
-// Rounds to an integer, and raises inexact only if `tells`.
-inline quad integral(quad a, neighbour to, bool tells = false) {
+// Rounds to an integer, and raises inexact only if `signals`.
+inline quad integral(quad a, neighbour to, bool signals = false) {
   const uint128 size = abs(a).bits();
   const int exponent = static_cast<int>(size >> 112) - bias;
   if (exponent >= 112) return isnan(a) ? a + a : a;
@@ -217,7 +218,7 @@ inline quad integral(quad a, neighbour to, bool tells = false) {
   const uint128 whole = exponent < 0 ? 0 : size & ~(unit - 1);
   if (whole == size) return a;
   const uint128 half = exponent < 0 ? one - leading_one : unit >> 1, rest = size - whole;
-  if (tells) raise_inexact();
+  if (signals) raise_inexact();
   bool up = false;
   switch (to) {
     case neighbour::even_of_halves:

@@ -4,9 +4,9 @@
 // the folds of a private array into the target, as a table of element types.
 //
 // The table has one row a type: a routine that fills an array, and one fold for each operator. Each
-// operator is written once, and templates turn it into folds: one for any arrays, and one that fills
-// registers with elements that lie side by side. A source that includes this has the latter for its
-// instruction set.
+// operator is written once, and templates turn it into folds: one for any arrays, and one that
+// fills registers with elements that lie side by side. A source that includes this has the latter
+// for its instruction set.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

@@ -174,19 +174,19 @@ struct reply {
   char path[4096] = {};                   // on that line; "" where there is none
 };
 
-void look_for_name(const char* name, std::uint64_t pc, reply& told) {
+void look_for_name(const char* name, std::uint64_t pc, reply& answer) {
   open_map();
   map_reader map(state.process_file);
   for (map_line line; map.next(line);) {
-    if (told.path[0] != '\0' && line.begin > pc) break;
+    if (answer.path[0] != '\0' && line.begin > pc) break;
     if (line.holds(pc)) {
-      told.begin = line.begin;
-      told.end = line.end;
+      answer.begin = line.begin;
+      answer.end = line.end;
     }
-    if (told.path[0] != '\0' || std::strstr(line.path, name) == nullptr) continue;
-    told.address = line.begin;
-    told.offset = line.offset;
-    put_text(line.path, told.path, sizeof told.path);
+    if (answer.path[0] != '\0' || std::strstr(line.path, name) == nullptr) continue;
+    answer.address = line.begin;
+    answer.offset = line.offset;
+    put_text(line.path, answer.path, sizeof answer.path);
   }
   state.process_file.close();
 }
@@ -227,18 +227,18 @@ image& find_image(const char* name, std::uint64_t pc) {
   read_map(pc);
   if (image* const found = known_image(pc, name)) return *found;
 
-  static reply told;  // a signal stack has no room for it
-  told = {};
-  look_for_name(name, pc, told);
+  static reply answer;  // a signal stack has no room for it
+  answer = {};
+  look_for_name(name, pc, answer);
   image* added = nullptr;
-  if (told.path[0] != '\0') added = add_image(told.path, told.offset, told.address);
+  if (answer.path[0] != '\0') added = add_image(answer.path, answer.offset, answer.address);
   if (added == nullptr) {
     added = &next_place();
     keep_place();
   }
-  const bool mapped = told.end != 0;
-  added->begin = mapped ? told.begin : pc;
-  added->end = mapped ? told.end : pc + 1;
+  const bool mapped = answer.end != 0;
+  added->begin = mapped ? answer.begin : pc;
+  added->end = mapped ? answer.end : pc + 1;
   put_text(name, added->wanted, sizeof added->wanted);
   return *added;
 }

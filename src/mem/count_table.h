@@ -5,8 +5,9 @@
 //   ZORVAC_JUMP_BY_COUNT(count, limit, CLASSES);
 //
 // CLASSES(X) is a list macro. Its rows X(label, first, last) have a label of the function, and the
-// first and the last count of a class. Count 0 jumps to the label `nothing`. The table ends at the limit, so a class may end or lie beyond it. The
-// count must not be above the limit; nothing checks it.
+// first and the last count of a class. Count 0 jumps to the label `nothing`. The table ends at the
+// limit, so a class may end or lie beyond it. The count must not be above the limit; nothing checks
+// it.
 //
 // The table holds 32-bit distances from its own start, so it needs no relocation. The jump is
 // written in assembler because a compiler turns a switch with many cases and few targets into

@@ -3,9 +3,9 @@
 // Binary floating-point formats as traits, and unpacked numbers. Rounding, packing and conversions
 // are written once, as templates over a format.
 //
-// The namespace of this folder is softfp: zorvac::quad is the class of C++ programs. Everything here
-// has internal linkage: each source has its own copy of the tables and of the numbers that raise
-// exceptions.
+// The namespace of this folder is softfp: zorvac::quad is the class of C++ programs. Everything
+// here has internal linkage: each source has its own copy of the tables and of the numbers that
+// raise exceptions.
 #include <bit>
 #include <cstdint>
 #include <cstring>

@@ -29,8 +29,8 @@ words inner_block;  // the arguments of the last inner kernel
 u64 detected;       // the result of detection
 bool unwound;       // whether the unwinder gets from detection to the dispatcher's caller
 
-// Whether the unwinder gets from here to these two return addresses, one after the other. It goes no
-// further: the caller's frame pointer is one of the filled registers.
+// Whether the unwinder gets from here to these two return addresses, one after the other. It goes
+// no further: the caller's frame pointer is one of the filled registers.
 bool unwinds_to(u64 first, u64 second) {
   struct {
     u64 previous, first, second;

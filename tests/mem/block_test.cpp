@@ -296,7 +296,7 @@ struct path {
     return text;
   }
 };
-const std::set<std::string> telling_mnemonics{
+const std::set<std::string> path_mnemonics{
     "lfence", "sfence", "movnti",      "movntdq",    "movsb",      "movsq",     "stosb",
     "stosq",  "rdtsc",  "prefetchnta", "prefetcht0", "prefetcht1", "prefetcht2"};
 
@@ -318,7 +318,7 @@ path path_of(const member& m, const cache_values& caches, std::size_t to_offset,
     const std::size_t at = s.operand - start;  // in the destination, if it is there
     const bool in_destination = at < to_block.size();
     const bool is_streamed = s.what.starts_with("movnt");
-    if (telling_mnemonics.contains(s.what)) p.marks.insert(s.what);
+    if (path_mnemonics.contains(s.what)) p.marks.insert(s.what);
     if (s.what.starts_with("prefetch"))
       p.prefetched.push_back(in_destination ? at - to_offset : s.operand - source);
     if (is_streamed || s.what == "sfence") p.unfenced = is_streamed;

@@ -34,13 +34,13 @@ std::string hex(word value, std::size_t bytes) {
 }
 
 std::string difference(const registers& expected, const registers& seen) {
-  const std::string told[][3] = {
+  const std::string places[][3] = {
       {"flags in MXCSR", names_of(expected.mxcsr), names_of(seen.mxcsr)},
       {"flags in the x87", names_of(expected.status), names_of(seen.status)},
       {"MXCSR", hex(expected.mxcsr, 4), hex(seen.mxcsr, 4)},
       {"the x87 control word", hex(expected.control, 2), hex(seen.control, 2)},
   };
-  for (const auto& [place, e, s] : told)
+  for (const auto& [place, e, s] : places)
     if (e != s) return place + ": expected " + e + ", seen " + s;
   return {};
 }

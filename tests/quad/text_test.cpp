@@ -31,17 +31,17 @@ static_assert(!number::parse("1e5000") && !number::parse("1x") && !number::parse
 // ---- Reading ------------------------------------------------------------------------------------
 
 // from_chars() must read the longest number in front, like the C library, but it stores nothing if
-// that is out of range. `told` is the prefix that only the C library needs for a format.
+// that is out of range. `prefix` is what only the C library needs for a format.
 void expect_reading(const std::string& text, chars_format format = chars_format::general,
-                    const std::string& told = "") {
-  SCOPED_TRACE(testing::Message() << told << text.substr(0, 100) << ", " << text.size()
+                    const std::string& prefix = "") {
+  SCOPED_TRACE(testing::Message() << prefix << text.substr(0, 100) << ", " << text.size()
                                   << " characters");
   char* stop;
-  const std::string theirs = told + text;
+  const std::string theirs = prefix + text;
   const word expected = bits(c_library_read(theirs.c_str(), &stop));
   number x = 1;
   const auto [end, error] = from_chars(text.data(), text.data() + text.size(), x, format);
-  EXPECT_EQ(end - text.data(), std::max(stop - theirs.c_str() - std::ssize(told), 0L))
+  EXPECT_EQ(end - text.data(), std::max(stop - theirs.c_str() - std::ssize(prefix), 0L))
       << "characters read";
   EXPECT_EQ(hex(bits(x)), hex(error == std::errc() ? expected : one));
   if (error == std::errc::result_out_of_range)
@@ -52,7 +52,7 @@ void expect_reading(const std::string& text, chars_format format = chars_format:
 
 // Reads texts of random pieces.
 void expect_readings(const std::vector<std::string>& pieces, chars_format format,
-                     const std::string& told = "") {
+                     const std::string& prefix = "") {
   for (std::uint64_t seed = 0; seed < 50'000 && !testing::Test::HasFailure(); ++seed) {
     case_random random(seed);
     std::string text;
@@ -60,7 +60,7 @@ void expect_readings(const std::vector<std::string>& pieces, chars_format format
     // From "0x" without a digit the C library reads the 0.
     const auto digit = text.find_first_not_of('.');
     const bool known = digit <= 1 && digit < text.size() && std::isxdigit(text[digit]) != 0;
-    if (told.empty() || known) expect_reading(text, format, told);
+    if (prefix.empty() || known) expect_reading(text, format, prefix);
   }
 }
 

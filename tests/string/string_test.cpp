@@ -330,7 +330,7 @@ word by_registers(const routine& r, const operands& o) {
 }
 
 // The bits of a result that are defined, in a readable form.
-std::string told(kind how, word answer) {
+std::string in_words(kind how, word answer) {
   const int narrow = static_cast<int>(answer);
   if (how == kind::int32) return std::to_string(narrow);
   if (how == kind::order) return std::to_string((narrow > 0) - (narrow < 0));
@@ -359,7 +359,7 @@ word check(const routine& r, const operands& o, bool registers) {
   partner_area.set_contents(partner.data());
   const word expected = r.expected(o);
   routine_runs = false;
-  EXPECT_EQ(told(r.how, seen), told(r.how, expected)) << "as the result";
+  EXPECT_EQ(in_words(r.how, seen), in_words(r.how, expected)) << "as the result";
   expect_contents(string_area, string_after);
   expect_contents(partner_area, partner_after);
   return expected;

@@ -42,17 +42,17 @@ class guarded_block {
 // (Printing in a handler is unsafe in general, but here the process ends anyway.)
 class fault_report {
  public:
-  explicit fault_report(const std::function<std::string()>& case_at_hand) {
-    tell_ = case_at_hand;
+  explicit fault_report(const std::function<std::string()>& this_case) {
+    this_case_ = this_case;
     std::signal(SIGSEGV, [](int signal) {
-      std::fprintf(stderr, "fault in case: %s\n", tell_().c_str());
+      std::fprintf(stderr, "fault in case: %s\n", this_case_().c_str());
       std::signal(signal, SIG_DFL);  // the signal is raised again
     });
   }
   ~fault_report() { std::signal(SIGSEGV, SIG_DFL); }
 
  private:
-  static inline std::function<std::string()> tell_;
+  static inline std::function<std::string()> this_case_;
 };
 
 }  // namespace zorvac::test
