@@ -1,8 +1,3 @@
-// Copies a string and returns the end of the copy, with SSE2.
-#include "string/copy.h"
-
-using namespace zorvac::string;
-
-char* __zorva_sse2_stpcpy(const char* source, char* destination) {
-  return copy(destination, source, unlimited);
-}
+// stpcpy for the SSE2 level.
+#define ZORVAC_ROUTINE __zorva_sse2_stpcpy
+#include "string/stpcpy.inc"

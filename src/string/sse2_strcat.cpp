@@ -1,9 +1,3 @@
-// Appends a string to another, with SSE2.
-#include "string/append.h"
-
-using namespace zorvac::string;
-
-char* __zorva_sse2_strcat(const char* source, char* destination) {
-  append(destination, source, unlimited);
-  return destination;
-}
+// strcat for the SSE2 level.
+#define ZORVAC_ROUTINE __zorva_sse2_strcat
+#include "string/strcat.inc"

@@ -1,9 +1,3 @@
-// Copies a string, with SSE2.
-#include "string/copy.h"
-
-using namespace zorvac::string;
-
-char* __zorva_sse2_strcpy(const char* source, char* destination) {
-  copy(destination, source, unlimited);
-  return destination;
-}
+// strcpy for the SSE2 level.
+#define ZORVAC_ROUTINE __zorva_sse2_strcpy
+#include "string/strcpy.inc"

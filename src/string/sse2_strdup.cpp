@@ -1,6 +1,3 @@
-// Copies a string into memory from malloc, with SSE2.
-#include "string/append.h"
-
-using namespace zorvac::string;
-
-char* __zorva_sse2_strdup(const char* string) { return duplicate(string); }
+// strdup for the SSE2 level.
+#define ZORVAC_ROUTINE __zorva_sse2_strdup
+#include "string/strdup.inc"

@@ -1,9 +1,3 @@
-// The length of a string, after its first block, with SSE2.
-#include "string/scan.h"
-#include "string/tail.h"
-
-using namespace zorvac::string;
-
-ZORVAC_SCAN_TAIL(__zorva_sse2_strlen, std::size_t, const char* at, const char* string) {
-  return static_cast<std::size_t>(scan_after(at, end_target{}, endless) - string);
-}
+// strlen for the SSE2 level.
+#define ZORVAC_ROUTINE __zorva_sse2_strlen
+#include "string/strlen.inc"

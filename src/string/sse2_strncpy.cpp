@@ -1,9 +1,3 @@
-// Copies a string into a field of a given size and fills the rest with zeros, with SSE2.
-#include "string/copy.h"
-
-using namespace zorvac::string;
-
-char* __zorva_sse2_strncpy(const char* source, char* destination, std::size_t count) {
-  copy_padded(destination, source, count);
-  return destination;
-}
+// strncpy for the SSE2 level.
+#define ZORVAC_ROUTINE __zorva_sse2_strncpy
+#include "string/strncpy.inc"

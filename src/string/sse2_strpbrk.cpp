@@ -1,9 +1,6 @@
-// The first character of a set in a string, with SSE2.
-#include "string/span.h"
+// strpbrk for the SSE2 level.
 #include "string/sse2.h"
 
-using namespace zorvac::string;
-
-char* __zorva_sse2_strpbrk(const char* string, const char* set) {
-  return const_cast<char*>(find_any<sse2>(string, set));
-}
+#define ZORVAC_LEVEL sse2
+#define ZORVAC_ROUTINE __zorva_sse2_strpbrk
+#include "string/strpbrk.inc"

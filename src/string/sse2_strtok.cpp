@@ -1,7 +1,6 @@
-// Cuts a string into tokens, one per call, with SSE2.
-#include "string/span.h"
+// strtok for the SSE2 level.
 #include "string/sse2.h"
 
-using namespace zorvac::string;
-
-char* __zorva_sse2_strtok(char* string, const char* set) { return next_token<sse2>(string, set); }
+#define ZORVAC_LEVEL sse2
+#define ZORVAC_ROUTINE __zorva_sse2_strtok
+#include "string/strtok.inc"

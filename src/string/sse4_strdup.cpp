@@ -1,6 +1,3 @@
-// Copies a string into memory from malloc, for the SSE4.2 level.
-#include "string/append.h"
-
-using namespace zorvac::string;
-
-char* __zorva_sse4_strdup(const char* string) { return duplicate(string); }
+// strdup for the SSE4.2 level.
+#define ZORVAC_ROUTINE __zorva_sse4_strdup
+#include "string/strdup.inc"

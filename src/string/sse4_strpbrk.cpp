@@ -1,9 +1,6 @@
-// The first character of a set in a string, with SSE4.2.
-#include "string/span.h"
+// strpbrk for the SSE4.2 level.
 #include "string/sse42.h"
 
-using namespace zorvac::string;
-
-char* __zorva_sse4_strpbrk(const char* string, const char* set) {
-  return const_cast<char*>(find_any<sse42>(string, set));
-}
+#define ZORVAC_LEVEL sse42
+#define ZORVAC_ROUTINE __zorva_sse4_strpbrk
+#include "string/strpbrk.inc"

@@ -1,9 +1,6 @@
-// The length of the start of a string that has only characters of a set, with SSE4.2.
-#include "string/span.h"
+// strspn for the SSE4.2 level.
 #include "string/sse42.h"
 
-using namespace zorvac::string;
-
-std::size_t __zorva_sse4_strspn(const char* string, const char* set) {
-  return span<while_in::set, sse42>(string, set);
-}
+#define ZORVAC_LEVEL sse42
+#define ZORVAC_ROUTINE __zorva_sse4_strspn
+#include "string/strspn.inc"

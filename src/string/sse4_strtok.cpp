@@ -1,7 +1,6 @@
-// Cuts a string into tokens, one per call, with SSE4.2.
-#include "string/span.h"
+// strtok for the SSE4.2 level.
 #include "string/sse42.h"
 
-using namespace zorvac::string;
-
-char* __zorva_sse4_strtok(char* string, const char* set) { return next_token<sse42>(string, set); }
+#define ZORVAC_LEVEL sse42
+#define ZORVAC_ROUTINE __zorva_sse4_strtok
+#include "string/strtok.inc"

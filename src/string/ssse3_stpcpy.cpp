@@ -1,8 +1,3 @@
-// Copies a string and returns the end of the copy, for the SSSE3 level.
-#include "string/copy.h"
-
-using namespace zorvac::string;
-
-char* __zorva_ssse3_stpcpy(const char* source, char* destination) {
-  return copy(destination, source, unlimited);
-}
+// stpcpy for the SSSE3 level.
+#define ZORVAC_ROUTINE __zorva_ssse3_stpcpy
+#include "string/stpcpy.inc"

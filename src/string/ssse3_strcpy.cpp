@@ -1,9 +1,3 @@
-// Copies a string, for the SSSE3 level.
-#include "string/copy.h"
-
-using namespace zorvac::string;
-
-char* __zorva_ssse3_strcpy(const char* source, char* destination) {
-  copy(destination, source, unlimited);
-  return destination;
-}
+// strcpy for the SSSE3 level.
+#define ZORVAC_ROUTINE __zorva_ssse3_strcpy
+#include "string/strcpy.inc"

@@ -1,9 +1,3 @@
-// Copies a string into a field of a given size and fills the rest with zeros, for the SSSE3 level.
-#include "string/copy.h"
-
-using namespace zorvac::string;
-
-char* __zorva_ssse3_strncpy(const char* source, char* destination, std::size_t count) {
-  copy_padded(destination, source, count);
-  return destination;
-}
+// strncpy for the SSSE3 level.
+#define ZORVAC_ROUTINE __zorva_ssse3_strncpy
+#include "string/strncpy.inc"

@@ -7,7 +7,8 @@
 //   ZORVAC_SCAN_TAIL(__zorva_sse2_strend, const char*, const char* at) { return ...; }
 #include "string/block.h"
 
-#define ZORVAC_SCAN_TAIL(symbol, result, ...)                                                    \
+#define ZORVAC_SCAN_TAIL(symbol, result, ...) ZORVAC_TAIL_ENTRY(symbol, result, __VA_ARGS__)
+#define ZORVAC_TAIL_ENTRY(symbol, result, ...)                                                   \
   [[gnu::used]] static ZORVAC_STRING_CALL result tail(__VA_ARGS__) __asm__("tail_of_" #symbol);  \
   extern "C" [[gnu::naked]] void symbol() { __asm__("mov %rax, %rcx\n\tjmp tail_of_" #symbol); } \
   static result tail(__VA_ARGS__)
