@@ -224,51 +224,6 @@ class Block : public testing::TestWithParam<member> {
   fault_report report_{[this] { return setting_ + ": " + testing::PrintToString(now_); }};
 };
 
-struct setting {
-  const char* name;
-  cache_values caches;
-};
-constexpr setting settings[] = {
-    {"ordinary", ordinary},
-    {"streams, splits and repeats with small blocks", {2048, 512}},
-    {"unknown caches", {0, 0}},
-    {"unknown caches, general registers only", {0, 0, 0}},
-    {"only the largest level known, no vectors", {4096, 0, 1}},
-    {"nonsense", {1024, 8192}},
-    {"megabytes within the caches", {32 << 20, 1 << 20}},
-};
-
-// All small counts, all numbers of iterations of each bulk loop with all lengths of the remainder,
-// and both sides of every limit that a member can have with these values, with room for the bytes
-// that alignment takes off.
-std::vector<std::size_t> counts_for(const cache_values& v) {
-  const auto l = static_cast<std::size_t>(v.largest), d = static_cast<std::size_t>(v.data);
-  std::vector<std::size_t> counts;
-  for (std::size_t count = 0; count < 2600; ++count) counts.push_back(count);
-  for (const std::size_t limit : {4096ul, 16384ul, d, 2 * d, d - d / 16, d / 2, d / 2 - d / 8,
-                                  d / 2 - d / 512, l, l / 2, l / 2 + 4096, l / 2 * 9})
-    for (std::size_t delta = 1; delta <= 256; delta *= 2)
-      for (const std::size_t count : {limit - delta, limit + delta - 1})
-        if (count < (delta == 64 ? 32u << 20 : 1u << 20)) counts.push_back(count);
-  return counts;
-}
-
-TEST_P(Block, IsExactAtEveryCountAlignmentAndOverlap) {
-  for (const auto& [name, caches] : settings) {
-    setting_ = name;
-    set_caches(caches);
-    for (const std::size_t count : counts_for(caches)) {
-      expect_exact_at_many_places(count);
-      if (count < 65536) expect_exact_at_page_ends(count);
-      if (HasFailure()) return;
-    }
-    if (GetParam().what == kind::compare) break;  // does not use the cache values
-  }
-  for (const area* a : {&to_area, &from_area})
-    EXPECT_BYTES(bytes(a->block.begin(), area::bytes), a->master);
-}
-INSTANTIATE_TEST_SUITE_P(Members, Block, testing::ValuesIn(members), name_of_row);
-
 // For one routine a count from the upper half is below 1, for the other equal pointers are equal
 // blocks.
 TEST(Compare, ReadsNothingIfTheResultIsKnown) {
@@ -482,6 +437,53 @@ TEST_P(Path, IsOneJumpForSmallCountsAndChangesAtThresholds) {
 INSTANTIATE_TEST_SUITE_P(Members, Path,
                          testing::ValuesIn(std::begin(members), std::end(members) - 1),
                          name_of_row);
+
+// ---- All counts, alignments and overlaps: last, since they take longest -------------------------
+
+struct setting {
+  const char* name;
+  cache_values caches;
+};
+constexpr setting settings[] = {
+    {"ordinary", ordinary},
+    {"streams, splits and repeats with small blocks", {2048, 512}},
+    {"unknown caches", {0, 0}},
+    {"unknown caches, general registers only", {0, 0, 0}},
+    {"only the largest level known, no vectors", {4096, 0, 1}},
+    {"nonsense", {1024, 8192}},
+    {"megabytes within the caches", {32 << 20, 1 << 20}},
+};
+
+// All small counts, all numbers of iterations of each bulk loop with all lengths of the remainder,
+// and both sides of every limit that a member can have with these values, with room for the bytes
+// that alignment takes off.
+std::vector<std::size_t> counts_for(const cache_values& v) {
+  const auto l = static_cast<std::size_t>(v.largest), d = static_cast<std::size_t>(v.data);
+  std::vector<std::size_t> counts;
+  for (std::size_t count = 0; count < 2600; ++count) counts.push_back(count);
+  for (const std::size_t limit : {4096ul, 16384ul, d, 2 * d, d - d / 16, d / 2, d / 2 - d / 8,
+                                  d / 2 - d / 512, l, l / 2, l / 2 + 4096, l / 2 * 9})
+    for (std::size_t delta = 1; delta <= 256; delta *= 2)
+      for (const std::size_t count : {limit - delta, limit + delta - 1})
+        if (count < (delta == 64 ? 32u << 20 : 1u << 20)) counts.push_back(count);
+  return counts;
+}
+
+TEST_P(Block, IsExactAtEveryCountAlignmentAndOverlap) {
+  for (const auto& [name, caches] : settings) {
+    setting_ = name;
+    set_caches(caches);
+    for (const std::size_t count : counts_for(caches)) {
+      expect_exact_at_many_places(count);
+      if (count < 65536) expect_exact_at_page_ends(count);
+      if (HasFailure()) return;
+    }
+    if (GetParam().what == kind::compare) break;  // does not use the cache values
+  }
+  for (const area* a : {&to_area, &from_area})
+    EXPECT_BYTES(bytes(a->block.begin(), area::bytes), a->master);
+}
+INSTANTIATE_TEST_SUITE_P(Members, Block, testing::ValuesIn(members), name_of_row);
 
 }  // namespace
 }  // namespace zorvac::test
