@@ -387,6 +387,35 @@ TEST(LoadedLibrary, ClearsItsPoolsAndLeavesNoForkHandlersBehind) {
   });
 }
 
+// The shared library counts without locked instructions until the process has a second thread. A
+// count that is lost afterwards gives one block to two threads.
+TEST(LoadedLibrary, CountsBlocksOfSeveralThreads) {
+  in_own_process([] {
+    the_system.is_real = true;
+    void* const library = dlopen(LIBRARY, RTLD_NOW);
+    ASSERT_NE(library, nullptr) << dlerror();
+    const auto init = reinterpret_cast<decltype(&__i_pool_init)>(dlsym(library, "__i_pool_init"));
+    const auto take =
+        reinterpret_cast<decltype(&__i_pool_malloc)>(dlsym(library, "__i_pool_malloc"));
+    const auto give = reinterpret_cast<decltype(&__i_pool_free)>(dlsym(library, "__i_pool_free"));
+    init(sizes{64, 0}.begin(), 0);
+    give(take(64));
+    const auto use_blocks = [&](int self) {
+      for (int round = 0; round < (sanitized ? 20'000 : 200'000); ++round) {
+        int* blocks[8];
+        for (int*& block : blocks) *(block = static_cast<int*>(take(64))) = self;
+        for (int* const block : blocks) {
+          ASSERT_EQ(*block, self) << "two owners in round " << round;
+          give(block);
+        }
+      }
+    };
+    std::thread second(use_blocks, 2);
+    use_blocks(1);
+    second.join();
+  });
+}
+
 // malloc's memory may be at any multiple of 16. An alignment that is not a power of two is
 // accepted: the block is inside the memory, at a multiple of the largest power of two that divides
 // it.
