@@ -268,6 +268,11 @@ TEST(Pool, AsksForItsBytesUntilItHasThem) {
     for (void* block : blocks) __i_pool_free(block);
     EXPECT_EQ(asked_for(143'166), "fill 12704 ") << "a drained pool has room again";
   });
+  in_own_process([] {
+    __i_pool_init(sizes{143'166, 100, 0}.begin(), 1);
+    EXPECT_NE(__i_pool_calloc(1, 143'166), nullptr) << "of a pool that does not fit its memory";
+    EXPECT_EQ(asked([] { __i_pool_calloc(1, 100); }), "malloc 3000000 ");
+  });
 }
 
 // A signal handler may fork when it interrupts a thread that holds the lock. In the child, too,
