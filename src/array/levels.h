@@ -54,6 +54,8 @@ void store_word(void* p, Word word) {
 //   prefix<ElementBytes> loads and stores the first few elements of a register
 //   has_masks            `prefix` needs one masked instruction for a load, and one for a store
 //   spread               puts one value into every lane
+//   side_by_side         loads 16 bytes of as many places as a register has room for
+//   low_32, high_64, ... interleave the lower or upper elements in each 16 bytes of two registers
 //   turned               exchanges the two parts of each complex number, for its product with i
 //   plus_turned          adds x, a product with the pairs, and y, a product with the turned pairs.
 //                        i times (ar, ai) is (-ai, ar): `turned` flips the sign of ai, unless the
@@ -86,6 +88,14 @@ struct sse2 {
         if (i < count) store_word<word>(to + i * sizeof(word), v[i]);
     }
   };
+
+  static __m128i side_by_side(const void* only, const void*) {
+    return _mm_loadu_si128(static_cast<const __m128i*>(only));
+  }
+  static __m128i low_32(__m128i a, __m128i b) { return _mm_unpacklo_epi32(a, b); }
+  static __m128i high_32(__m128i a, __m128i b) { return _mm_unpackhi_epi32(a, b); }
+  static __m128i low_64(__m128i a, __m128i b) { return _mm_unpacklo_epi64(a, b); }
+  static __m128i high_64(__m128i a, __m128i b) { return _mm_unpackhi_epi64(a, b); }
 
   static __m128d spread(double x) { return _mm_set1_pd(x); }
   static __m128 spread(float x) { return _mm_set1_ps(x); }
@@ -135,6 +145,16 @@ struct avx2 {
     void store(void* p, __m256i v) const { _mm256_maskstore_epi32(static_cast<int*>(p), mask, v); }
   };
 
+  static __m256i side_by_side(const void* low, const void* high) {
+    return _mm256_inserti128_si256(
+        _mm256_castsi128_si256(_mm_loadu_si128(static_cast<const __m128i*>(low))),
+        _mm_loadu_si128(static_cast<const __m128i*>(high)), 1);
+  }
+  static __m256i low_32(__m256i a, __m256i b) { return _mm256_unpacklo_epi32(a, b); }
+  static __m256i high_32(__m256i a, __m256i b) { return _mm256_unpackhi_epi32(a, b); }
+  static __m256i low_64(__m256i a, __m256i b) { return _mm256_unpacklo_epi64(a, b); }
+  static __m256i high_64(__m256i a, __m256i b) { return _mm256_unpackhi_epi64(a, b); }
+
   static __m256d spread(double x) { return _mm256_set1_pd(x); }
   static __m256 spread(float x) { return _mm256_set1_ps(x); }
   static __m256d turned(__m256d a) { return _mm256_permute_pd(a, 0x5); }
@@ -164,10 +184,46 @@ struct avx512 : avx2 {
 };
 #endif
 
+// Transposes elements of rows into columns, for elements of a size at a level.
+template <class Level, std::size_t ElementBytes>
+struct square {
+  static constexpr std::size_t terms_of_16_bytes = 16 / ElementBytes;
+
+  // Takes 16 bytes of each of as many rows as a register holds elements, from term `k` on. Stores
+  // the columns `step` elements apart.
+  template <class Element>
+  static void transpose(const Element* const* row, std::size_t k, Element* to, std::size_t step) {
+    using whole = vector<std::uint64_t, Level::bytes>;
+    // The rows that share a register are as far from each other as it has elements in 16 bytes.
+    const auto rows = [&](std::size_t r) {
+      return Level::side_by_side(row[r] + k,
+                                 row[Level::bytes > 16 ? r + terms_of_16_bytes : r] + k);
+    };
+    const auto store = [&](std::size_t column, auto elements) {
+      whole::store(to + column * step, reinterpret_cast<typename whole::reg>(elements));
+    };
+    if constexpr (ElementBytes == 16) {
+      store(0, rows(0));
+    } else if constexpr (ElementBytes == 8) {
+      const auto a = rows(0), b = rows(1);
+      store(0, Level::low_64(a, b));
+      store(1, Level::high_64(a, b));
+    } else {
+      const auto a = rows(0), b = rows(1), c = rows(2), d = rows(3);
+      const auto low_ab = Level::low_32(a, b), high_ab = Level::high_32(a, b);
+      const auto low_cd = Level::low_32(c, d), high_cd = Level::high_32(c, d);
+      store(0, Level::low_64(low_ab, low_cd));
+      store(1, Level::high_64(low_ab, low_cd));
+      store(2, Level::low_64(high_ab, high_cd));
+      store(3, Level::high_64(high_ab, high_cd));
+    }
+  }
+};
+
 // An element type over a level. It defines an operand of A (several rows in a register), a factor
 // of B (one element, spread over all lanes), and their product.
 template <class Level, class Scalar>
-struct real {
+struct real : square<Level, sizeof(Scalar)> {
   using level = Level;
   using element = Scalar;
   using memory = vector<Scalar, Level::bytes>;
@@ -195,7 +251,7 @@ struct complex_number {
 
 // The product (ar br - ai bi, ar bi + ai br) is the pair a br plus the pair (-ai, ar) bi.
 template <class Level, class Scalar>
-struct complex {
+struct complex : square<Level, 2 * sizeof(Scalar)> {
   using level = Level;
   using element = complex_number<Scalar>;
   using memory = vector<Scalar, Level::bytes>;
