@@ -118,7 +118,7 @@ __asm__(".globl crash; crash: .cfi_startproc; ud2; .cfi_endproc");
 
 static void on_fatal(int number, siginfo_t* info, void* context) {
   (void)number, (void)info;
-  print_stack(context, 1);
+  print_stack(getenv("NO_CONTEXT") == NULL ? context : NULL, 1);
   _exit(0);
 }
 

@@ -78,9 +78,13 @@ for kind in pie no-pie static static-pie; do
   image=process_$kind
   for scene in show other_user; do shows "$(chain "${image:0:17}")" ./$image $scene; done
 done
-# A crash at the first instruction of a routine. The byte before it belongs to another routine.
-shows "process_pie crash Unknown Unknown
-$(chain process_pie)" ./process_pie crash
+# A crash at the first instruction of a routine. The byte before it belongs to another routine. The
+# handler's traceback finds the interrupted frame by the signal's context or, without it, behind the
+# place that handlers return to.
+crashed="process_pie crash Unknown Unknown
+$(chain process_pie)"
+shows "$crashed" ./process_pie crash
+shows "$crashed" NO_CONTEXT=1 ./process_pie crash
 # Names with bytes that would begin a line or command a terminal.
 program=$'pro\ess\n'
 sed "s/middle/mi\x9bdle/g; s/process\.c/pro\x1b\x07ss.c/g" process_pie >"$program"
