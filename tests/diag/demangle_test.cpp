@@ -36,6 +36,7 @@ constexpr routine_name names[] = {
     {"_ZN1AnaEm", "A::operator new[](unsigned long)", "operator new[]"},
     {"_Zli3_kmy", "operator\"\" _km(unsigned long long)", "operator\"\" _km"},
     {"_ZNK1Acv1BIiEEv", "A::operator B<int>() const", "operator B<int>"},
+    {"_ZN1AcvPFvvEEv", "A::operator void (*)()()", "operator void"},
     {"_Z14operator_countv", "operator_count()", "operator_count"},
     // In other routines.
     {"_ZZ1fiEN5local1gEc", "f(int)::local::g(char)", "g"},
