@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "zorvac/array.h"
+#include "zorvac/cpu.h"
 
 namespace {
 
@@ -48,6 +49,7 @@ void add_rows(const std::string& name, std::uint32_t type, std::uint32_t op, aut
 }
 
 const bool registered = [] {
+  __zorva_cpu_features_init();  // as a compiled program does before it begins
   const auto sum = [](auto t, auto p) { return static_cast<decltype(t)>(t + p); };
   const auto product = [](auto t, auto p) { return static_cast<decltype(t)>(t * p); };
   const auto maximum = [](auto t, auto p) { return t > p ? t : p; };
