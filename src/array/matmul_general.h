@@ -164,8 +164,8 @@ class block_of_a {
   }
 
   // Copies a register of rows at a time, in squares of 16 bytes of each row. Rows that are missing
-  // in the last register repeat the last one. Out of line, it has enough registers for the places of
-  // the rows: inlined, it makes products of 4 x 4 matrices a third slower.
+  // in the last register repeat the last one. Out of line, it has enough registers for the places
+  // of the rows: inlined, it makes products of 4 x 4 matrices a third slower.
   [[gnu::noinline]] void copy_rows(const panel<element>& w, const element* a, std::size_t lda) {
     for (std::size_t i = 0; i < w.a_step; i += V::width) {
       const element* row[V::width];
