@@ -30,24 +30,24 @@ constexpr std::size_t total(Counts... counts) {
 }  // namespace
 }  // namespace zorvac::mem
 
-#define ZORVAC_JUMP_BY_COUNT(count_, limit_, classes)                                 \
-  do {                                                                                \
-    constexpr std::size_t jump_limit = limit_;                                        \
-    static_assert(zorvac::mem::total(1 classes(ZORVAC_CLASS_SIZE)) == jump_limit + 1, \
-                  "one entry for each count");                                        \
-    asm goto("lea 9f(%%rip), %%r11\n\t"                                               \
-             "movslq (%%r11, %[count], 4), %%r10\n\t"                                 \
-             "add %%r11, %%r10\n\t"                                                   \
-             "jmp *%%r10\n\t"                                                         \
-             ".pushsection .rodata\n\t"                                               \
-             ".balign 4\n"                                                            \
-             "9:\n\t"                                                                 \
-             ".long %l[nothing] - 9b\n\t" classes(ZORVAC_CLASS_ENTRIES) ".popsection" \
-             :                                                                        \
-             : [count] "r"(count_)classes(ZORVAC_CLASS_OPERAND)                       \
-             : "r10", "r11", "cc"                                                     \
-             : nothing classes(ZORVAC_CLASS_LABEL));                                  \
-    __builtin_unreachable();                                                          \
+#define ZORVAC_JUMP_BY_COUNT(count_, limit_, classes)                                              \
+  do {                                                                                             \
+    constexpr std::size_t jump_limit = limit_;                                                     \
+    static_assert(zorvac::mem::total(std::size_t{1} classes(ZORVAC_CLASS_SIZE)) == jump_limit + 1, \
+                  "one entry for each count");                                                     \
+    asm goto("lea 9f(%%rip), %%r11\n\t"                                                            \
+             "movslq (%%r11, %[count], 4), %%r10\n\t"                                              \
+             "add %%r11, %%r10\n\t"                                                                \
+             "jmp *%%r10\n\t"                                                                      \
+             ".pushsection .rodata\n\t"                                                            \
+             ".balign 4\n"                                                                         \
+             "9:\n\t"                                                                              \
+             ".long %l[nothing] - 9b\n\t" classes(ZORVAC_CLASS_ENTRIES) ".popsection"              \
+             :                                                                                     \
+             : [count] "r"(count_)classes(ZORVAC_CLASS_OPERAND)                                    \
+             : "r10", "r11", "cc"                                                                  \
+             : nothing classes(ZORVAC_CLASS_LABEL));                                               \
+    __builtin_unreachable();                                                                       \
   } while (false)
 #define ZORVAC_CLASS_SIZE(label, first, last) , zorvac::mem::entries(jump_limit, first, last)
 #define ZORVAC_CLASS_ENTRIES(label, first, last) \
