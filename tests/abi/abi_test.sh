@@ -27,10 +27,12 @@ diff <(rows exports.txt | cut -d' ' -f1,3- | sort) <(
   readelf -W --dyn-syms "$library" | awk '$7 ~ /^[0-9]+$/ {
     print ($4 == "OBJECT" ? "data " $8 " " $3 : "function " $8), $5 }' | sed 's/ GLOBAL$//' | sort)
 
-# Every routine that a source defines with default visibility is listed.
+# Every routine that a source defines with default visibility is listed. (Templates of the
+# compiler's headers have it, too; the linker's map hides them.)
 diff <(awk '!/^#/ && NF { print $3 }' "$abi/exports.txt" | sort) <(
   sed 's/^. //' "$objects" | xargs readelf -Ws |
-    awk '$5 ~ /GLOBAL|WEAK/ && $6 == "DEFAULT" && $7 ~ /^[0-9]+$/ { print $8 }' | sort -u)
+    awk '$5 ~ /GLOBAL|WEAK/ && $6 == "DEFAULT" && $7 ~ /^[0-9]+$/ && $8 !~ /^_Z/ { print $8 }' |
+    sort -u)
 
 # It needs only the C library and is bound at load. It has no search path and no executable stack.
 diff - <(readelf -Wd "$library" |
