@@ -177,6 +177,10 @@ void __zorva_dinner_xk64w(const uint64_t* m, const uint64_t* n, const uint64_t* 
  *  Integers wrap. Each operation on real numbers is rounded by itself (MXCSR) and raises its flags;
  *  those on binary128 are the routines of zorvac/quad.h, which a program may replace.
  *
+ *  If the feature indicator (zorvac/cpu.h) has the AVX2 level, arrays that do not overlap and have
+ *  a stride of 1 are folded by its registers, with the same results and flags. Detection is not
+ *  run.
+ *
  *  Elements may have any alignment. Threads: re-entrant. Registers: System V AMD64. Memory:
  *  allocates nothing. */
 

@@ -260,13 +260,14 @@ constexpr bool lacks_instruction =
                        (!compares_large_elements &&
                         is_one_of<Operator, maximum, minimum, equivalence, non_equivalence>));
 
+// The two ways to fold. A whole table has every type, and the routines that fill.
 struct for_any_arrays {
-  static constexpr bool fills = true;
+  static constexpr bool is_whole = true;
   template <class T, auto Operator>
   static constexpr fold folds = fold_one_by_one<T, by_value<T, Operator>>;
 };
 struct by_registers {
-  static constexpr bool fills = false;
+  static constexpr bool is_whole = false;
   template <class T, auto Operator>
   static constexpr fold folds = lacks_instruction<T, Operator> ? for_any_arrays::folds<T, Operator>
                                                                : fold_by_registers<T, Operator>;
@@ -333,7 +334,7 @@ constexpr fold complex_folds[] = {
 template <class Way, class T, operator_code Last, std::size_t Rows>
 constexpr element_type type_with(filler fill, const fold (&folds)[Rows]) {
   static_assert(Rows == Last + 1, "one fold for each operator");
-  return {Way::fills ? fill : nullptr, folds, sizeof(T), Last};
+  return {Way::is_whole ? fill : nullptr, folds, sizeof(T), Last};
 }
 template <class Way, class T>
 constexpr element_type byte_type = type_with<Way, T, op_non_equivalence>(fill_bytes<T>,
@@ -349,12 +350,12 @@ constexpr element_type complex_type = type_with<Way, complex<T>, op_difference>(
     complex_folds<float_folds<Way, T>, for_any_arrays::folds<complex<T>, Product>>);
 // Quads are folded by routines that a program may replace, and not by registers.
 template <class Way>
-constexpr element_type quad_type = Way::fills
+constexpr element_type quad_type = Way::is_whole
                                        ? type_with<Way, quad, op_minimum>(fill<quad>, quad_folds)
                                        : element_type{};
 template <class Way>
 constexpr element_type complex_quad_type =
-    Way::fills
+    Way::is_whole
         ? type_with<Way, complex<quad>, op_difference>(
               fill<complex<quad>>,
               complex_folds<quad_folds, fold_one_by_one<complex<quad>, complex_quad_product>>)

@@ -54,12 +54,11 @@ template <class Integer, rounding Otherwise>
   const bool negative = q::negative(w);
   const uint64_t limit = indefinite_word<Integer> - !negative;
   if (q::exponent(w) >= q::bias + 64) return indefinite<Integer>();
-  const auto [magnitude, guard] = split(w);
-  const bool increment =
-      rounds_up(rounding_of<Otherwise>(mode), negative, (magnitude & 1) != 0, guard);
-  if (magnitude > limit - increment) return indefinite<Integer>();
-  if (guard != 0) raise_inexact();
-  return signed_integer<Integer>(negative, magnitude + increment);
+  const guarded<uint64_t> exact = split(w);
+  const uint64_t magnitude = rounded_to_integer(rounding_of<Otherwise>(mode), negative, exact);
+  if (exact.significand > limit || magnitude > limit) return indefinite<Integer>();  // it may wrap
+  if (exact.guard != 0) raise_inexact();
+  return signed_integer<Integer>(negative, magnitude);
 }
 
 // The exponent alone decides whether a number is in range. For 32 bits the range is one binade

@@ -122,6 +122,13 @@ constexpr guarded<Word> shift_right_sticky(Word significand, uint64_t guard, int
           low(wide) << (64 - distance) | guard >> distance | lost};
 }
 
+// A magnitude rounded to an integer, in a direction of the caller's. Raises nothing.
+template <class Word>
+constexpr Word rounded_to_integer(rounding mode, bool negative, guarded<Word> exact) {
+  const bool odd = (exact.significand & 1) != 0;
+  return exact.significand + rounds_up(mode, negative, odd, exact.guard);
+}
+
 // Infinity, or the largest number in directions that do not lead away from zero: what a number just
 // below infinity rounds to.
 template <class F>
