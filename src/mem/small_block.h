@@ -131,10 +131,14 @@ struct by_xmm : by_quarters {
 #ifdef __AVX2__
 // Four registers each, for counts that need no more.
 struct by_few_ymm : by_quarters {
-  static constexpr std::size_t wide = 128, widest = wide;
+  static constexpr std::size_t wide = 128, widest = 256;
   template <class Action>
   [[gnu::always_inline]] static void do_wide(const Action& act, std::size_t count) {
     quarters<ymm>(act, count, std::make_index_sequence<1>());
+  }
+  template <class Action>
+  [[gnu::always_inline]] static void do_widest(const Action& act, std::size_t count) {
+    halves<ymm>(act, count, std::make_index_sequence<4>());
   }
 };
 struct by_ymm : by_quarters {

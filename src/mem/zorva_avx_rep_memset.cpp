@@ -8,7 +8,7 @@ using namespace zorvac::mem;
 
 namespace {
 
-constexpr std::size_t small = 128;
+constexpr std::size_t small = 256;
 constexpr std::size_t registers = 8;
 
 [[gnu::noinline]] void* fill_large(char* const destination, std::uint64_t pattern,

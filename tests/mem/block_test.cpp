@@ -71,7 +71,7 @@ const member members[] = {
     MEMBER(__zorva_ssse3_rep_memmove, ssse3_rep_copy, move, ssse3, 143),
     MEMBER(__zorva_new_memset, sse2_fill, fill, 1, 64),
     MEMBER(__zorva_memset, sse2_fill, fill, 1, 64),
-    MEMBER(__zorva_avx_rep_memset, avx2_fill, fill, avx2, 128),
+    MEMBER(__zorva_avx_rep_memset, avx2_fill, fill, avx2, 256),
     MEMBER(__zorva_vpx_avx512f_memset, avx512_fill, fill, avx512f, 127),
     MEMBER(_VEC_memset, probing_fill, fill, 1, 0),
     MEMBER(__zorva_VEC_memset, probing_fill, fill, 1, 0),
