@@ -9,32 +9,6 @@ using namespace zorvac::array;
 
 bool has_avx2() { return (~__zorva_cpu_feature_indicator & ZORVAC_AVX2_LEVEL) == 0; }
 
-// Whether elements of one array lie among those of the other. Every array overlaps itself.
-bool overlap(const byte* target, const byte* partial, uint64_t bytes) {
-  const auto distance =
-      reinterpret_cast<std::uintptr_t>(target) - reinterpret_cast<std::uintptr_t>(partial);
-  return distance < bytes || -distance < bytes;
-}
-
-void reduction_final_strided(void* target, const void* partial, uint32_t op, uint32_t type_code,
-                             int64_t stride, uint64_t count) {
-  if (type_code >= type_codes) std::abort();
-  auto* const t = static_cast<byte*>(target);
-  const auto* const p = static_cast<const byte*>(partial);
-  const element_type* type = &types<for_any_arrays>.with_code[type_code];
-  if (!type->accepts(op)) [[unlikely]] {
-    if (type->last_operator != op_non_equivalence) std::abort();
-    return;  // integers ignore an unknown operator
-  }
-  const uint64_t bytes = count * type->bytes;
-  if (bytes >= narrowest && stride == 1 && !overlap(t, p, bytes)) {
-    const element_types& level = has_avx2() ? types_by_avx2_registers : types<by_registers>;
-    const element_type& by_register = level.with_code[type_code];
-    if (by_register.folds != nullptr) type = &by_register;
-  }
-  type->folds[op](t, p, stride, count);
-}
-
 }  // namespace
 
 void __zorva_reduction_init_array(void* target, uint64_t count, uint32_t op, uint32_t type_code) {
@@ -48,5 +22,17 @@ void __zorva_reduction_init_array(void* target, uint64_t count, uint32_t op, uin
 void __zorva_simd_reduction_final_array(void* target, const void* partial, uint64_t count,
                                         int32_t stride, int32_t strided, uint32_t op,
                                         uint32_t type_code) {
-  reduction_final_strided(target, partial, op, type_code, strided != 0 ? stride : 1, count);
+  if (type_code >= type_codes) std::abort();
+  const element_type& type = types<for_any_arrays>.with_code[type_code];
+  if (!type.accepts(op)) [[unlikely]] {
+    if (type.last_operator != op_non_equivalence) std::abort();
+    return;  // integers ignore an unknown operator
+  }
+  auto* const t = static_cast<byte*>(target);
+  const auto* const p = static_cast<const byte*>(partial);
+  const fold in_order = type.folds[op];
+  if (strided != 0 && stride != 1) [[unlikely]]
+    return in_order(t, p, count, stride);
+  const register_folds& level = has_avx2() ? types_by_avx2_registers : types<by_registers>;
+  level.with_code[type_code][op](t, p, count, in_order);
 }

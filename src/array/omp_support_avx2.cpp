@@ -1,4 +1,4 @@
 // The folds of reductions by AVX2's registers.
 #include "array/reductions.h"
 
-const zorvac::array::element_types zorvac::array::types_by_avx2_registers = types<by_registers>;
+const zorvac::array::register_folds zorvac::array::types_by_avx2_registers = types<by_registers>;

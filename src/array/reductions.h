@@ -5,8 +5,8 @@
 //
 // The table has one row a type: a routine that fills an array, and one fold for each operator. Each
 // operator is written once, and templates turn it into folds: one for any arrays, and one that
-// fills registers with elements that lie side by side. A source that includes this has the latter
-// for its instruction set.
+// fills registers with elements that lie side by side. The table has the same rows for both. A
+// source that includes this has the latter for its instruction set.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -26,24 +26,31 @@ using byte = unsigned char;
 
 // Writes the identity of an operator.
 using filler = void (*)(byte* target, uint64_t count, uint32_t op);
-// Combines element i of the target with element i * stride of the partial array.
-using fold = void (*)(byte* target, const byte* partial, int64_t stride, uint64_t count);
+// Combines element i of the target with element i * stride of the partial array, in order.
+using fold = void (*)(byte* target, const byte* partial, uint64_t count, int64_t stride);
+// The same with a stride of 1, and in any order where it makes no difference. For arrays that are
+// too short, or that overlap, it uses `in_order`, which is the fold of the same type and operator.
+using register_fold = void (*)(byte* target, const byte* partial, uint64_t count, fold in_order);
 
 struct element_type {
   filler fill;
   const fold* folds;
-  uint32_t bytes, last_operator;  // of an element; 0: no such type
+  uint32_t last_operator;  // 0: no such type
 
   // No code is below the first one, 1.
   [[nodiscard]] bool accepts(uint32_t op) const { return op - 1 < last_operator; }
 };
+// By type code.
 inline constexpr uint32_t type_codes = 24;
 struct element_types {
   element_type with_code[type_codes];
 };
+struct register_folds {
+  const register_fold* with_code[type_codes];
+};
 
 #pragma GCC visibility push(hidden)
-extern const element_types types_by_avx2_registers;
+extern const register_folds types_by_avx2_registers;
 #pragma GCC visibility pop
 
 namespace {
@@ -201,13 +208,23 @@ template <auto Relation>
 }
 
 template <class T, combination Combine>
-void fold_one_by_one(byte* target, const byte* partial, int64_t stride, uint64_t count) {
+void fold_one_by_one(byte* target, const byte* partial, uint64_t count, int64_t stride) {
   constexpr auto bytes = static_cast<int64_t>(sizeof(T));
   if (stride == 1) {
     for (uint64_t i = 0; i < count; ++i) Combine(target + i * sizeof(T), partial + i * sizeof(T));
     return;
   }
   for (; count != 0; --count, target += bytes, partial += stride * bytes) Combine(target, partial);
+}
+// Sums and differences of complex arrays are folded by parts; the stride counts parts, too.
+template <class T, combination Combine, unsigned Parts>
+void fold_parts(byte* target, const byte* partial, uint64_t count, int64_t stride) {
+  fold_one_by_one<T, Combine>(target, partial, Parts * count, stride);
+}
+// Products of complex arrays ignore the stride: element i of one meets element i of the other.
+template <class T, combination Combine>
+void fold_without_stride(byte* target, const byte* partial, uint64_t count, int64_t) {
+  fold_one_by_one<T, Combine>(target, partial, count, 1);
 }
 
 // Combines elements that lie side by side and fill a register. The compiler turns the loop into
@@ -243,12 +260,26 @@ constexpr bool compares_large_elements = false;
 #endif
 constexpr std::size_t narrowest = 16;
 
-// Takes arrays of at least `narrowest` bytes that do not overlap. The stride is 1.
-template <class T, auto Operator>
-void fold_by_registers(byte* target, const byte* partial, int64_t, uint64_t count) {
-  const uint64_t bytes = count * sizeof(T);
+// Whether elements of one array lie among those of the other. Every array overlaps itself.
+[[gnu::always_inline]] inline bool overlap(const byte* target, const byte* partial,
+                                           uint64_t bytes) {
+  const auto distance =
+      reinterpret_cast<std::uintptr_t>(target) - reinterpret_cast<std::uintptr_t>(partial);
+  return distance < bytes || -distance < bytes;
+}
+
+template <class T, auto Operator, unsigned Parts>
+void fold_by_registers(byte* target, const byte* partial, uint64_t count, fold in_order) {
+  const uint64_t bytes = count * Parts * sizeof(T);
+  if (bytes < narrowest || overlap(target, partial, bytes)) [[unlikely]]
+    return in_order(target, partial, count, 1);
   if (bytes < widest) return combine_registers<T, Operator, narrowest>(target, partial, bytes);
   combine_registers<T, Operator, widest>(target, partial, bytes);
+}
+// For what no instruction does with whole registers. The level has other instructions, still.
+template <fold Fold>
+void fold_side_by_side(byte* target, const byte* partial, uint64_t count, fold) {
+  Fold(target, partial, count, 1);
 }
 
 // Operators of 64-bit elements for which the level has no instruction.
@@ -260,109 +291,109 @@ constexpr bool lacks_instruction =
                        (!compares_large_elements &&
                         is_one_of<Operator, maximum, minimum, equivalence, non_equivalence>));
 
-// The two ways to fold. A whole table has every type, and the routines that fill.
+// The two ways to fold. Each makes folds of an operator of parts, or of anything else, and a row of
+// the table of types.
 struct for_any_arrays {
-  static constexpr bool is_whole = true;
-  template <class T, auto Operator>
-  static constexpr fold folds = fold_one_by_one<T, by_value<T, Operator>>;
+  using fold = array::fold;
+  using table = element_types;
+  template <class T, auto Operator, unsigned Parts = 1>
+  static constexpr fold by_parts = fold_parts<T, by_value<T, Operator>, Parts>;
+  template <fold Fold>
+  static constexpr fold by = Fold;
+  static constexpr element_type row(filler fill, const fold* folds, uint32_t last) {
+    return {fill, folds, last};
+  }
 };
 struct by_registers {
-  static constexpr bool is_whole = false;
-  template <class T, auto Operator>
-  static constexpr fold folds = lacks_instruction<T, Operator> ? for_any_arrays::folds<T, Operator>
-                                                               : fold_by_registers<T, Operator>;
+  using fold = register_fold;
+  using table = register_folds;
+  template <class T, auto Operator, unsigned Parts = 1>
+  static constexpr fold by_parts =
+      lacks_instruction<T, Operator>
+          ? fold_side_by_side<fold_parts<T, by_value<T, Operator>, Parts>>
+          : fold_by_registers<T, Operator, Parts>;
+  template <array::fold Fold>
+  static constexpr fold by = fold_side_by_side<Fold>;
+  static constexpr const fold* row(filler, const fold* folds, uint32_t) { return folds; }
 };
-
-// Sums and differences of complex arrays are folded by parts; the stride counts parts, too.
-template <fold Fold>
-void fold_parts(byte* target, const byte* partial, int64_t stride, uint64_t count) {
-  Fold(target, partial, stride, 2 * count);
-}
-// Products of complex arrays ignore the stride: element i of one meets element i of the other.
-template <fold Fold>
-void fold_side_by_side(byte* target, const byte* partial, int64_t, uint64_t count) {
-  Fold(target, partial, 1, count);
-}
 
 // ---- The table of types -------------------------------------------------------------------------
 
 // Folds by operator code. Integers wrap: only maximum and minimum regard the sign.
 template <class Way, class T, class U = std::make_unsigned_t<T>>
-constexpr fold integer_folds[] = {
+constexpr typename Way::fold integer_folds[] = {
     nullptr,
-    Way::template folds<U, sum>,
-    Way::template folds<U, product>,
-    Way::template folds<U, difference>,
-    Way::template folds<T, maximum>,
-    Way::template folds<T, minimum>,
-    Way::template folds<U, bitwise_and>,
-    Way::template folds<U, bitwise_or>,
-    Way::template folds<U, bitwise_and>,
-    Way::template folds<U, bitwise_or>,
-    Way::template folds<U, exclusive_or>,
-    Way::template folds<U, exclusive_or>,
-    Way::template folds<U, equivalence>,
-    Way::template folds<U, non_equivalence>,
+    Way::template by_parts<U, sum>,
+    Way::template by_parts<U, product>,
+    Way::template by_parts<U, difference>,
+    Way::template by_parts<T, maximum>,
+    Way::template by_parts<T, minimum>,
+    Way::template by_parts<U, bitwise_and>,
+    Way::template by_parts<U, bitwise_or>,
+    Way::template by_parts<U, bitwise_and>,
+    Way::template by_parts<U, bitwise_or>,
+    Way::template by_parts<U, exclusive_or>,
+    Way::template by_parts<U, exclusive_or>,
+    Way::template by_parts<U, equivalence>,
+    Way::template by_parts<U, non_equivalence>,
 };
 template <class Way, class T>
-constexpr fold float_folds[] = {
+constexpr typename Way::fold float_folds[] = {
     nullptr,
-    Way::template folds<T, sum>,
-    Way::template folds<T, product>,
-    Way::template folds<T, difference>,
-    Way::template folds<T, maximum>,
-    Way::template folds<T, minimum>,
+    Way::template by_parts<T, sum>,
+    Way::template by_parts<T, product>,
+    Way::template by_parts<T, difference>,
+    Way::template by_parts<T, maximum>,
+    Way::template by_parts<T, minimum>,
 };
-constexpr fold quad_folds[] = {
+template <class Way, class T, auto Product>
+constexpr typename Way::fold complex_folds[] = {
     nullptr,
-    fold_one_by_one<quad, by_quad_routine<__addq>>,
-    fold_one_by_one<quad, by_quad_routine<__mulq>>,
-    fold_one_by_one<quad, by_quad_routine<__subq>>,
-    fold_one_by_one<quad, by_quad_relation<__leq>>,
-    fold_one_by_one<quad, by_quad_relation<__geq>>,
+    Way::template by_parts<T, sum, 2>,
+    Way::template by<fold_without_stride<complex<T>, by_value<complex<T>, Product>>>,
+    Way::template by_parts<T, difference, 2>,
 };
-template <const auto& PartFolds, fold Product>
-constexpr fold complex_folds[] = {
+template <class Way>
+constexpr typename Way::fold quad_folds[] = {
     nullptr,
-    fold_parts<PartFolds[op_sum]>,
-    fold_side_by_side<Product>,
-    fold_parts<PartFolds[op_difference]>,
+    Way::template by<fold_one_by_one<quad, by_quad_routine<__addq>>>,
+    Way::template by<fold_one_by_one<quad, by_quad_routine<__mulq>>>,
+    Way::template by<fold_one_by_one<quad, by_quad_routine<__subq>>>,
+    Way::template by<fold_one_by_one<quad, by_quad_relation<__leq>>>,
+    Way::template by<fold_one_by_one<quad, by_quad_relation<__geq>>>,
+};
+template <class Way>
+constexpr typename Way::fold complex_quad_folds[] = {
+    nullptr,
+    Way::template by<fold_parts<quad, by_quad_routine<__addq>, 2>>,
+    Way::template by<fold_without_stride<complex<quad>, complex_quad_product>>,
+    Way::template by<fold_parts<quad, by_quad_routine<__subq>, 2>>,
 };
 
 // A type that takes the operators up to `Last`. This compiles only if its table of folds has a row
 // for each of them, so no call can use what lies behind the table.
-template <class Way, class T, operator_code Last, std::size_t Rows>
-constexpr element_type type_with(filler fill, const fold (&folds)[Rows]) {
+template <class Way, operator_code Last, std::size_t Rows>
+constexpr auto type_with(filler fill, const typename Way::fold (&folds)[Rows]) {
   static_assert(Rows == Last + 1, "one fold for each operator");
-  return {Way::is_whole ? fill : nullptr, folds, sizeof(T), Last};
+  return Way::row(fill, folds, Last);
 }
 template <class Way, class T>
-constexpr element_type byte_type = type_with<Way, T, op_non_equivalence>(fill_bytes<T>,
-                                                                         integer_folds<Way, T>);
+constexpr auto byte_type = type_with<Way, op_non_equivalence>(fill_bytes<T>, integer_folds<Way, T>);
 template <class Way, class T>
-constexpr element_type integer_type = type_with<Way, T, op_non_equivalence>(fill<T>,
-                                                                            integer_folds<Way, T>);
+constexpr auto integer_type = type_with<Way, op_non_equivalence>(fill<T>, integer_folds<Way, T>);
 template <class Way, class T>
-constexpr element_type float_type = type_with<Way, T, op_minimum>(fill<T>, float_folds<Way, T>);
+constexpr auto float_type = type_with<Way, op_minimum>(fill<T>, float_folds<Way, T>);
+template <class Way>
+constexpr auto quad_type = type_with<Way, op_minimum>(fill<quad>, quad_folds<Way>);
 template <class Way, class T, auto Product>
-constexpr element_type complex_type = type_with<Way, complex<T>, op_difference>(
-    fill<complex<T>>,
-    complex_folds<float_folds<Way, T>, for_any_arrays::folds<complex<T>, Product>>);
-// Quads are folded by routines that a program may replace, and not by registers.
+constexpr auto complex_type = type_with<Way, op_difference>(fill<complex<T>>,
+                                                            complex_folds<Way, T, Product>);
 template <class Way>
-constexpr element_type quad_type = Way::is_whole
-                                       ? type_with<Way, quad, op_minimum>(fill<quad>, quad_folds)
-                                       : element_type{};
-template <class Way>
-constexpr element_type complex_quad_type =
-    Way::is_whole
-        ? type_with<Way, complex<quad>, op_difference>(
-              fill<complex<quad>>,
-              complex_folds<quad_folds, fold_one_by_one<complex<quad>, complex_quad_product>>)
-        : element_type{};
+constexpr auto complex_quad_type = type_with<Way, op_difference>(fill<complex<quad>>,
+                                                                 complex_quad_folds<Way>);
 
 template <class Way>
-constexpr element_types types = {{
+constexpr typename Way::table types = {{
     {},
     byte_type<Way, std::uint8_t>,
     byte_type<Way, std::int8_t>,
