@@ -188,34 +188,33 @@ struct avx512 : avx2 {
 template <class Level, std::size_t ElementBytes>
 struct square {
   static constexpr std::size_t terms_of_16_bytes = 16 / ElementBytes;
+  using whole = vector<std::uint64_t, Level::bytes>;
 
-  // Takes 16 bytes of each of as many rows as a register holds elements, from term `k` on. Stores
-  // the columns `step` elements apart.
-  template <class Element>
-  static void transpose(const Element* const* row, std::size_t k, Element* to, std::size_t step) {
-    using whole = vector<std::uint64_t, Level::bytes>;
+  // Takes 16 bytes of each of as many rows as a register holds elements. `place(r)` is where they
+  // are in row r. Calls `give` for each of the columns, with its number.
+  template <class Place, class Give>
+  [[gnu::always_inline]] static void transpose(const Place& place, const Give& give) {
     // The rows that share a register are as far from each other as it has elements in 16 bytes.
     const auto rows = [&](std::size_t r) {
-      return Level::side_by_side(row[r] + k,
-                                 row[Level::bytes > 16 ? r + terms_of_16_bytes : r] + k);
+      return Level::side_by_side(place(r), place(Level::bytes > 16 ? r + terms_of_16_bytes : r));
     };
-    const auto store = [&](std::size_t column, auto elements) {
-      whole::store(to + column * step, reinterpret_cast<typename whole::reg>(elements));
+    const auto give_column = [&](std::size_t number, auto elements) {
+      give(number, reinterpret_cast<typename whole::reg>(elements));
     };
     if constexpr (ElementBytes == 16) {
-      store(0, rows(0));
+      give_column(0, rows(0));
     } else if constexpr (ElementBytes == 8) {
       const auto a = rows(0), b = rows(1);
-      store(0, Level::low_64(a, b));
-      store(1, Level::high_64(a, b));
+      give_column(0, Level::low_64(a, b));
+      give_column(1, Level::high_64(a, b));
     } else {
       const auto a = rows(0), b = rows(1), c = rows(2), d = rows(3);
       const auto low_ab = Level::low_32(a, b), high_ab = Level::high_32(a, b);
       const auto low_cd = Level::low_32(c, d), high_cd = Level::high_32(c, d);
-      store(0, Level::low_64(low_ab, low_cd));
-      store(1, Level::high_64(low_ab, low_cd));
-      store(2, Level::low_64(high_ab, high_cd));
-      store(3, Level::high_64(high_ab, high_cd));
+      give_column(0, Level::low_64(low_ab, low_cd));
+      give_column(1, Level::high_64(low_ab, low_cd));
+      give_column(2, Level::low_64(high_ab, high_cd));
+      give_column(3, Level::high_64(high_ab, high_cd));
     }
   }
 };

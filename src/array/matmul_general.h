@@ -16,8 +16,18 @@ enum class stored { as_used, transposed };
 
 inline constexpr std::size_t block_terms = 128;
 inline constexpr std::size_t few_columns = 24;        // up to here, copying A does not pay
+inline constexpr std::size_t few_terms = 16;          // up to here, C is most of what is read
 inline constexpr std::size_t cached_bytes = 1 << 18;  // of a block of B, which meets all rows of A
 inline constexpr std::size_t aside_columns = 64;      // whose sums are kept aside at a time
+
+// A matrix that is too large for the caches of one processor should be read once, in long pieces. A
+// block of 128 terms would be read in pieces of 64 bytes, from 128 columns in turn. So a matrix that
+// is not used again meets few terms or columns at a time.
+inline constexpr std::size_t streamed_bytes = 1 << 22, streamed_terms = 12, streamed_columns = 8;
+template <class Element>
+bool is_streamed(std::size_t rows, std::size_t columns) {
+  return rows * columns > streamed_bytes / sizeof(Element);
+}
 
 // A panel of C, and the operands whose product is added to it.
 template <class Element>
@@ -67,8 +77,10 @@ struct columns_of_b {
   ZORVAC_INLINE void step() { p += distance; }
 };
 
-template <class V, int Rows, bool Cut, int Columns>
-ZORVAC_INLINE void add_tile(const panel<typename V::element>& w, std::size_t j) {
+// Adds to the columns of C from column j on what `add_terms` adds to a tile.
+template <class V, int Rows, bool Cut, int Columns, class AddTerms>
+ZORVAC_INLINE void add_tile(const panel<typename V::element>& w, std::size_t j,
+                            const AddTerms& add_terms) {
   const typename V::prefix last(w.rows - (Rows - 1) * V::width);
   const column_rows<V, Rows, Cut> c{w.c + j * w.ldc, w.ldc, last};
   tile<V, Rows, Columns> sum{};
@@ -79,9 +91,7 @@ ZORVAC_INLINE void add_tile(const panel<typename V::element>& w, std::size_t j) 
       column.step();
     });
   }
-  column_rows<V, Rows, Cut && V::level::has_masks> a{w.a, w.a_step, last};
-  columns_of_b<V> b{w.b + j * w.b_column, w.b_step, w.b_column};
-  for (std::size_t k = w.terms; k != 0; --k) sum.add_products(a, b);
+  add_terms(sum, columns_of_b<V>{w.b + j * w.b_column, w.b_step, w.b_column});
 
   column_rows<V, Rows, Cut> column = c;
   repeat<Columns>([&]<int J>() ZORVAC_INLINE_LAMBDA {
@@ -90,6 +100,15 @@ ZORVAC_INLINE void add_tile(const panel<typename V::element>& w, std::size_t j) 
       column.template store<R>(w.c + (j + J) * w.ldc, sum.c[J][R]);
     });
     column.step();
+  });
+}
+
+template <class V, int Rows, bool Cut, int Columns>
+ZORVAC_INLINE void add_tile(const panel<typename V::element>& w, std::size_t j) {
+  const typename V::prefix last(w.rows - (Rows - 1) * V::width);
+  add_tile<V, Rows, Cut, Columns>(w, j, [&](auto& sum, auto b) ZORVAC_INLINE_LAMBDA {
+    column_rows<V, Rows, Cut && V::level::has_masks> a{w.a, w.a_step, last};
+    for (std::size_t k = w.terms; k != 0; --k) sum.add_products(a, b);
   });
 }
 
@@ -178,33 +197,139 @@ class block_of_a {
       std::size_t k = 0;
       for (; w.terms - k >= V::terms_of_16_bytes;
            k += V::terms_of_16_bytes, to += V::terms_of_16_bytes * w.a_step)
-        V::transpose(row, k, to, w.a_step);
+        V::transpose([&](std::size_t r) ZORVAC_INLINE_LAMBDA { return row[r] + k; },
+                     [&](std::size_t term, typename V::whole::reg elements)
+                         ZORVAC_INLINE_LAMBDA { V::whole::store(to + term * w.a_step, elements); });
       for (; k < w.terms; ++k, to += w.a_step)
         for (std::size_t r = 0; r < V::width; ++r) to[r] = row[r][k];
     }
   }
 };
 
-// Adds the product of m rows of A and the columns of `w`, block by block.
+// One column of C. No other column needs the rows of A, so they are never copied. A panel has
+// enough registers to keep the adders busy. Where A is transposed, its squares are multiplied as
+// soon as they are in registers.
+template <class V, stored A>
+class one_column {
+  using element = typename V::element;
+  static constexpr int registers = A == stored::as_used ? 8 : V::tile_registers;
+  static constexpr std::size_t rows = registers * V::width;  // of a panel
+
+ public:
+  // Adds the products of all panels that are full, in blocks of `terms`. Returns how many rows that
+  // are. A is read in the order in which it is stored.
+  static std::size_t add_full_panels(panel<element>& w, const element* a, std::size_t lda,
+                                     std::size_t m, std::size_t k, std::size_t terms) {
+    const element* const b = w.b;
+    element* const c = w.c;
+    const std::size_t full = m / rows * rows;
+    w.rows = rows;
+    w.a_step = lda;
+    const auto add_block = [&](std::size_t i, std::size_t k0) {
+      w.a = A == stored::as_used ? a + i + k0 * lda : a + k0 + i * lda;
+      w.b = b + k0 * w.b_step;
+      w.c = c + i;
+      w.terms = smaller(k - k0, terms);
+      add(w);
+    };
+    if (A == stored::as_used) {
+      for (std::size_t k0 = 0; k0 < k; k0 += terms)
+        for (std::size_t i = 0; i < full; i += rows) add_block(i, k0);
+    } else {
+      for (std::size_t i = 0; i < full; i += rows)
+        for (std::size_t k0 = 0; k0 < k; k0 += terms) add_block(i, k0);
+    }
+    w.b = b;
+    w.c = c;
+    return full;
+  }
+
+ private:
+  [[gnu::noinline]] static void add(const panel<element>& w) {
+    if constexpr (A == stored::as_used)
+      add_tile<V, registers, false, 1>(w, 0);
+    else
+      add_tile<V, registers, false, 1>(
+          w, 0, [&](auto& sum, auto b) ZORVAC_INLINE_LAMBDA { add_squares(w, sum, b); });
+  }
+
+  struct rows_of_term {
+    typename V::reg r[registers];
+    template <int R>
+    ZORVAC_INLINE typename V::reg load() const {
+      return r[R];
+    }
+    ZORVAC_INLINE void step() {}
+  };
+
+  template <class Sum>
+  ZORVAC_INLINE static void add_squares(const panel<element>& w, Sum& sum, columns_of_b<V> b) {
+    constexpr int side = V::terms_of_16_bytes;
+    const element* a = w.a;
+    std::size_t k = w.terms;
+    for (; k >= side; k -= side, a += side) {
+      rows_of_term term[side];
+      repeat<registers>([&]<int R>() ZORVAC_INLINE_LAMBDA {
+        const element* const first = a + R * V::width * w.a_step;
+        V::transpose([&](std::size_t r) ZORVAC_INLINE_LAMBDA { return first + r * w.a_step; },
+                     [&](std::size_t t, typename V::whole::reg c) ZORVAC_INLINE_LAMBDA {
+                       term[t].r[R] = reinterpret_cast<typename V::reg>(c);
+                     });
+      });
+      repeat<side>([&]<int T>() ZORVAC_INLINE_LAMBDA { sum.add_products(term[T], b); });
+    }
+    for (; k != 0; --k, ++a) {
+      element lanes[rows];
+      for (std::size_t r = 0; r < rows; ++r) lanes[r] = a[r * w.a_step];
+      rows_of_term term;
+      repeat<registers>(
+          [&]<int R>() ZORVAC_INLINE_LAMBDA { term.r[R] = V::memory::load(lanes + R * V::width); });
+      sum.add_products(term, b);
+    }
+  }
+};
+
+// Adds the product of m rows of A and the columns of `w`, block by block. It changes `w`: copies of
+// words that were stored just before cost more than a product of 4 x 4 matrices.
 template <class V, stored A, stored B>
-void add_blocks(const panel<typename V::element>& w, const typename V::element* a, std::size_t lda,
+void add_blocks(panel<typename V::element>& w, const typename V::element* a, std::size_t lda,
                 std::size_t m, std::size_t k) {
   block_of_a<V, A> block;
-  for (std::size_t k0 = 0; k0 < k; k0 += block_terms) {
-    panel<typename V::element> piece = w;
-    piece.terms = smaller(k - k0, block_terms);
-    piece.b += k0 * w.b_step;
-    for (std::size_t i = 0; i < m; i += piece.rows) {
-      piece.rows = rows_of_panel<V, V::tile_registers>(m - i);
-      piece.c = w.c + i;
-      block.give(piece, A == stored::as_used ? a + i + k0 * lda : a + k0 + i * lda, lda);
-      add<V>(piece);
+  // Where A is transposed, the order of the sums depends on the blocks.
+  const bool streams_a =
+      A == stored::as_used && w.columns <= few_columns && is_streamed<typename V::element>(m, k);
+  const std::size_t terms = streams_a ? streamed_terms : block_terms;
+  std::size_t first = 0;
+  if (w.columns == 1) first = one_column<V, A>::add_full_panels(w, a, lda, m, k, terms);
+  typename V::element* const c = w.c;
+  for (std::size_t k0 = 0; k0 < k; k0 += terms, w.b += terms * w.b_step) {
+    w.terms = smaller(k - k0, terms);
+    for (std::size_t i = first; i < m; i += w.rows) {
+      w.rows = rows_of_panel<V, V::tile_registers>(m - i);
+      w.c = c + i;
+      block.give(w, A == stored::as_used ? a + i + k0 * lda : a + k0 + i * lda, lda);
+      add<V>(w);
     }
   }
 }
 
-// The same for the rows of one panel, but each sum starts from zero and runs over all blocks before
-// it is added to C. Until then the sums are kept aside.
+// The product of one panel of A, which is used as it is stored, and all columns.
+template <class V, stored B>
+void add_one_panel(panel<typename V::element>& w, const typename V::element* a, std::size_t lda,
+                   std::size_t k) {
+  const bool streams_b = B == stored::transposed && w.rows % V::width == 0 &&
+                         is_streamed<typename V::element>(w.columns, k);
+  const std::size_t terms = streams_b ? streamed_terms : k;
+  w.a = a;
+  w.a_step = lda;
+  for (std::size_t k0 = 0; k0 < k; k0 += terms, w.a += terms * lda, w.b += terms * w.b_step) {
+    w.terms = smaller(k - k0, terms);
+    add<V>(w);
+  }
+}
+
+// The same as add_blocks() for the rows of one panel, but each sum starts from zero and runs over
+// all blocks before it is added to C. Until then the sums are kept aside.
 template <class V, stored A, stored B>
 void add_whole_sums(const panel<typename V::element>& w, const typename V::element* a,
                     std::size_t lda, std::size_t rows, std::size_t k) {
@@ -229,14 +354,24 @@ void general(const void* first_a, const void* first_b, void* first_c, std::size_
   const auto* const a = static_cast<const element*>(first_a);
   const auto* const b = static_cast<const element*>(first_b);
   auto* const c = static_cast<element*>(first_c);
-  const bool whole_sums = A == stored::transposed && B == stored::transposed && k > block_terms;
-  const std::size_t most =
-      whole_sums ? aside_columns : cached_bytes / sizeof(element) / block_terms;
   panel<element> w;
+  w.b = b;
   w.b_step = B == stored::as_used ? 1 : ldb;
   w.b_column = B == stored::as_used ? ldb : 1;
+  w.c = c;
   w.ldc = ldc;
   w.from_zero = A == stored::transposed;
+  if (A == stored::as_used && m <= block_of_a<V, A>::most_rows &&
+      (V::level::has_masks || m % V::width == 0)) {
+    w.rows = m;
+    w.columns = n;
+    return add_one_panel<V, B>(w, a, lda, k);
+  }
+
+  const bool whole_sums = A == stored::transposed && B == stored::transposed && k > block_terms;
+  std::size_t most = whole_sums ? aside_columns : cached_bytes / sizeof(element) / block_terms;
+  if (A == stored::as_used && k <= few_terms)
+    most = is_streamed<element>(m, n) ? streamed_columns : few_columns;
   for (std::size_t j = 0; j < n; j += most) {
     w.columns = smaller(n - j, most);
     w.b = b + j * w.b_column;

@@ -275,13 +275,17 @@ void expect_type(const std::string& type) {
       // The general kernels' blocks of 128 terms and 64 columns, and few columns.
       {129, 129, 70}, {16, 337, 90}, {20, 109, 72}, {130, 257, 1},
       // One extent is large or small.
-      {300, 3, 90}, {3, 300, 300}, {1000, 1, 1}, {1, 1000, 1}, {1, 1, 1000}};
+      {300, 3, 90}, {3, 300, 300}, {1000, 1, 1}, {1, 1000, 1}, {1, 1, 1000},
+      // A, B or C has more than 4 MB: of doubles only.
+      {100, 5300, 1}, {101, 5300, 3}, {4, 799, 670}, {750, 3, 720}};
   // clang-format on
   for (const u64 m : {0u, 1u, 2u, 3u, 4u, 5u, 8u, 11u, 17u, 22u, 31u})
     for (const u64 n : {0u, 1u, 2u, 3u, 4u, 9u})
       for (const u64 k : {0u, 1u, 4u, 9u}) shapes.push_back({m, k, n});
   for (const auto& [m, k, n] : shapes) {
-    if (n >= 2000 && !std::is_same_v<E, double>) continue;  // only blocked kernels have panels
+    const bool large = m * k > 500'000 || k * n > 500'000 || m * n > 500'000;
+    // Only blocked kernels have panels of columns.
+    if ((large || n >= 2000) && !std::is_same_v<E, double>) continue;
     random_bits.seed(m << 40 | k << 20 | n);                // each shape has its own values
     ++run;                                                  // so that a storage gets every mode
     problem<E> x{m, k, n};
