@@ -6,7 +6,8 @@
 // B is cut into blocks that stay in the cache. Each block meets A panel by panel. A panel is a few
 // registers of rows. It is first copied, so that its rows lie side by side, in three cases: A is
 // stored transposed; many columns are going to meet the panel; its last register is not full and
-// the level has no masks.
+// the level has no masks. Products of one panel, of one column, and with a large operand that is
+// used once, go other ways.
 #include "array/tile.h"
 
 namespace zorvac::array {
