@@ -197,10 +197,11 @@ class block_of_a {
       element* to = copy + i;
       std::size_t k = 0;
       for (; w.terms - k >= V::terms_of_16_bytes;
-           k += V::terms_of_16_bytes, to += V::terms_of_16_bytes * w.a_step)
+           k += V::terms_of_16_bytes, to += V::terms_of_16_bytes * w.a_step) {
         V::transpose([&](std::size_t r) ZORVAC_INLINE_LAMBDA { return row[r] + k; },
                      [&](std::size_t term, typename V::whole::reg elements)
                          ZORVAC_INLINE_LAMBDA { V::whole::store(to + term * w.a_step, elements); });
+      }
       for (; k < w.terms; ++k, to += w.a_step)
         for (std::size_t r = 0; r < V::width; ++r) to[r] = row[r][k];
     }
@@ -312,6 +313,7 @@ void add_blocks(panel<typename V::element>& w, const typename V::element* a, std
       add<V>(w);
     }
   }
+  w.a = nullptr;  // not the block, which ends here
 }
 
 // The product of one panel of A, which is used as it is stored, and all columns.
