@@ -276,10 +276,15 @@ void fold_by_registers(byte* target, const byte* partial, uint64_t count, fold i
   if (bytes < widest) return combine_registers<T, Operator, narrowest>(target, partial, bytes);
   combine_registers<T, Operator, widest>(target, partial, bytes);
 }
-// For what no instruction does with whole registers. The level has other instructions, still.
+// For what no instruction does with whole registers. The level still has other instructions.
 template <fold Fold>
 void fold_side_by_side(byte* target, const byte* partial, uint64_t count, fold) {
   Fold(target, partial, count, 1);
+}
+
+// For quads: the level has nothing to add to the routines that compute with them.
+inline void fold_in_order(byte* target, const byte* partial, uint64_t count, fold in_order) {
+  in_order(target, partial, count, 1);
 }
 
 // Operators of 64-bit elements for which the level has no instruction.
@@ -291,15 +296,17 @@ constexpr bool lacks_instruction =
                        (!compares_large_elements &&
                         is_one_of<Operator, maximum, minimum, equivalence, non_equivalence>));
 
-// The two ways to fold. Each makes folds of an operator of parts, or of anything else, and a row of
-// the table of types.
+// The two ways to fold. Each makes folds of an operator of parts, of whole elements, and of quads,
+// and a row of the table of types.
 struct for_any_arrays {
   using fold = array::fold;
   using table = element_types;
   template <class T, auto Operator, unsigned Parts = 1>
   static constexpr fold by_parts = fold_parts<T, by_value<T, Operator>, Parts>;
   template <fold Fold>
-  static constexpr fold by = Fold;
+  static constexpr fold by_elements = Fold;
+  template <fold Fold>
+  static constexpr fold of_quads = Fold;
   static constexpr element_type row(filler fill, const fold* folds, uint32_t last) {
     return {fill, folds, last};
   }
@@ -313,7 +320,9 @@ struct by_registers {
           ? fold_side_by_side<fold_parts<T, by_value<T, Operator>, Parts>>
           : fold_by_registers<T, Operator, Parts>;
   template <array::fold Fold>
-  static constexpr fold by = fold_side_by_side<Fold>;
+  static constexpr fold by_elements = fold_side_by_side<Fold>;
+  template <array::fold>
+  static constexpr fold of_quads = fold_in_order;
   static constexpr const fold* row(filler, const fold* folds, uint32_t) { return folds; }
 };
 
@@ -350,24 +359,24 @@ template <class Way, class T, auto Product>
 constexpr typename Way::fold complex_folds[] = {
     nullptr,
     Way::template by_parts<T, sum, 2>,
-    Way::template by<fold_without_stride<complex<T>, by_value<complex<T>, Product>>>,
+    Way::template by_elements<fold_without_stride<complex<T>, by_value<complex<T>, Product>>>,
     Way::template by_parts<T, difference, 2>,
 };
 template <class Way>
 constexpr typename Way::fold quad_folds[] = {
     nullptr,
-    Way::template by<fold_one_by_one<quad, by_quad_routine<__addq>>>,
-    Way::template by<fold_one_by_one<quad, by_quad_routine<__mulq>>>,
-    Way::template by<fold_one_by_one<quad, by_quad_routine<__subq>>>,
-    Way::template by<fold_one_by_one<quad, by_quad_relation<__leq>>>,
-    Way::template by<fold_one_by_one<quad, by_quad_relation<__geq>>>,
+    Way::template of_quads<fold_one_by_one<quad, by_quad_routine<__addq>>>,
+    Way::template of_quads<fold_one_by_one<quad, by_quad_routine<__mulq>>>,
+    Way::template of_quads<fold_one_by_one<quad, by_quad_routine<__subq>>>,
+    Way::template of_quads<fold_one_by_one<quad, by_quad_relation<__leq>>>,
+    Way::template of_quads<fold_one_by_one<quad, by_quad_relation<__geq>>>,
 };
 template <class Way>
 constexpr typename Way::fold complex_quad_folds[] = {
     nullptr,
-    Way::template by<fold_parts<quad, by_quad_routine<__addq>, 2>>,
-    Way::template by<fold_without_stride<complex<quad>, complex_quad_product>>,
-    Way::template by<fold_parts<quad, by_quad_routine<__subq>, 2>>,
+    Way::template of_quads<fold_parts<quad, by_quad_routine<__addq>, 2>>,
+    Way::template of_quads<fold_without_stride<complex<quad>, complex_quad_product>>,
+    Way::template of_quads<fold_parts<quad, by_quad_routine<__subq>, 2>>,
 };
 
 // A type that takes the operators up to `Last`. This compiles only if its table of folds has a row
