@@ -118,7 +118,6 @@ compare 'a plug-in without .trace' "$line" \
 
 # ---- Core files, if the system writes them into the folder ----
 ulimit -S -c "$(ulimit -H -c)"
-plays "$null main" store_null
 cause_of_death() { # LIBRARY
   rm -f core*
   LD_PRELOAD=$1 ./crash_scenes call_target 2>/dev/null || true
