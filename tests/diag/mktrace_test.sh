@@ -3,12 +3,10 @@
 # addr2line says about the program, and checks what the tool leaves unchanged and what it refuses.
 #
 #   mktrace_test.sh MKTRACE TRACE_READER LLVM_ADDR2LINE SOURCE_DIR
-set -euo pipefail
+# shellcheck source=tests/diag/scenes.sh
+. "$(dirname "$0")/scenes.sh"
 mktrace=$1 reader=$2 addr2line=$3 source=$4
 export ASAN_OPTIONS=abort_on_error=1
-folder=$(mktemp -d)
-trap 'rm -rf "$folder"' EXIT
-cd "$folder"
 fail() { echo "$*" && exit 1; }
 
 # Makes names comparable. All clones of a routine get one name. A constraint (Q and an operator) is

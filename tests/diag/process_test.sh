@@ -3,22 +3,10 @@
 # its own process, and says what must be printed.
 #
 #   process_test.sh FOLDER_OF_PROGRAMS MKTRACE SOURCE
-set -euo pipefail
-export LC_ALL=C
+# shellcheck source=tests/diag/scenes.sh
+. "$(dirname "$0")/scenes.sh"
 programs=$1 mktrace=$2 source=$3
-folder=$(mktemp -d)
-trap 'rm -rf "$folder"' EXIT
-chmod 755 "$folder" # for a process that changes its user
-cd "$folder"
-failures=0
-
-# compare NAME EXPECTED SEEN
-compare() {
-  [ "$3" != "$2" ] || return 0
-  failures=$((failures + 1))
-  echo "$1:" | cut -c -200
-  diff -u --label expected --label seen <(echo "$2") <(echo "$3") | tail -n +4 | head -n 20 || true
-}
+chmod 755 . # for a process that changes its user
 
 # play [VARIABLE=VALUE...] PROGRAM SCENE [OBJECT...]: descriptors from 3 on are free
 play() {
@@ -164,5 +152,4 @@ stop 2
 $(frames 4040)
 stop 2" LD_PRELOAD=./object.so ./process_pie interrupted
 
-echo "$failures scenes are not as expected"
-[ $failures -eq 0 ]
+verdict
