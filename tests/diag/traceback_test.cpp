@@ -5,6 +5,7 @@
 // The linker redirects the library's calls of six routines to the end of this file. There they are
 // recorded, and a signal can be raised in the middle of a traceback.
 #include <dlfcn.h>
+#include <execinfo.h>
 #include <gtest/gtest.h>
 #include <link.h>
 #include <sys/syscall.h>
@@ -22,7 +23,6 @@
 #include <memory>
 #include <thread>
 
-#include "diag/images.h"
 #include "diag/tbk_backtrace.h"
 #include "support/bytes.h"
 #include "support/child.h"
@@ -34,7 +34,6 @@ namespace {
 
 using namespace zorvac::diag;
 using namespace zorvac::test;
-using addresses = std::vector<std::uint64_t>;
 
 // ---- The arguments of a traceback, and its events ----
 
@@ -60,7 +59,7 @@ struct reported_frame {
 // done, m memory is allocated, c a frame is reported, f memory is freed. Room for all events is
 // reserved, because nothing may be allocated meanwhile.
 std::string events(1 << 15, ' ');
-addresses looked_at(1 << 13);  // program counters, as the unwinder gives them
+std::vector<std::uint64_t> looked_at(1 << 13);  // program counters, as the unwinder gives them
 std::vector<reported_frame> reported(1 << 13);
 std::vector<void*> blocks(1000);  // allocated and not freed
 
@@ -116,17 +115,6 @@ void expect_unchanged(const process_state& before) {
   EXPECT_EQ(now.free_descriptor, before.free_descriptor);
   EXPECT_EQ(now.blocked, before.blocked);
   EXPECT_ELEMENTS(now.actions, before.actions);
-}
-
-// The number of frames above that of the caller.
-[[gnu::noinline]] std::size_t count_callers() {
-  std::size_t count = 0;
-  const auto look = [](_Unwind_Context*, void* counted) {
-    ++*static_cast<std::size_t*>(counted);
-    return _URC_NO_REASON;
-  };
-  _Unwind_Backtrace(look, &count);
-  return count - 2;
 }
 
 // Calls `body` with that many more frames on the stack.
@@ -196,9 +184,11 @@ std::int32_t record(const tbk_frame* frame, void* user, std::int32_t hidden) {
   return reported.size() == 30 ? planned->answer : TBK_CONTINUE;
 }
 
+// The traceback's frames are those of the C library's, two of its own, and the end of the stack.
 [[gnu::noinline]] void walk(const scenario& s) {
   SCOPED_TRACE(s);
-  const std::size_t all = count_callers() + 3;  // two of the traceback, and this one
+  void* callers[1 << 10];
+  const auto all = static_cast<std::size_t>(backtrace(callers, std::size(callers))) + 3;
   const process_state before;
   begin(s);
   const std::uint32_t status = tbk_trace_stack(s.context, &reported, record, s.skip);
