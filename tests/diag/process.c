@@ -22,7 +22,6 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <ucontext.h>
 #include <unistd.h>
 #include <unwind.h>
 #include <zorvac/diag.h>

@@ -39,7 +39,7 @@ chain() { for routine in "$inner" "$middle" "$outer"; do echo "$1 $routine ${2:-
 # ---- Names and lines ----
 # The program is shown by the name of its file, not by the name that it was started with.
 cp "$programs/process_pie" a_rather_long_name
-cp "$programs/object.so" object.so
+cp "$programs/libobject.so" object.so
 ln -s a_rather_long_name other_name
 ln -s object.so alias.so
 unknown='Unknown Unknown Unknown'
