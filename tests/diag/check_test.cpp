@@ -157,7 +157,7 @@ TEST(Reports, CutTwoNamesToTheRoomInAnyLanguage) {
     std::string name, where, name_shown, where_shown;
   } rows[] = {
       {"point%next%s", "c\n100%n", "point%next%s", "c?100%n"},
-      {letters(room), letters(9), letters(room - 9), letters(9)},
+      {letters(room), letters(half), letters(rest), letters(half)},
       {letters(9), long_name, letters(9), letters(room - 9)},
       {letters(half), letters(rest), letters(half), letters(rest)},
       {letters(half + 1), letters(rest + 1), letters(half), letters(rest)},
