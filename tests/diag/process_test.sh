@@ -135,7 +135,7 @@ for scene in malloc calloc realloc free; do
   for program in process_pie process_no-pie; do dies_in_heap $program $scene; done
 done
 # This allocator jumps from malloc and free to its inner routines.
-/sbin/ldconfig -p | grep -F libjemalloc.so.2 >/dev/null || echo 'left out: jemalloc is not installed'
+/sbin/ldconfig -p | grep -F libjemalloc.so.2 >/dev/null || echo 'left out: no jemalloc'
 dies_in_heap process_pie free LD_PRELOAD=libgcc_s.so.1:libjemalloc.so.2
 
 # ---- Unwinders ----
