@@ -148,39 +148,33 @@ TEST(Reports, CutANameToTheRoomThatTheMessageLeaves) {
 }
 
 // Each name has half of the room, plus what the other one leaves of its half. If the room is odd,
-// the second half is larger.
-void expect_two_names_to_fill(const char* message) {
+// as here, the second half is larger.
+TEST(Reports, CutTwoNamesToTheRoomInAnyLanguage) {
+  const char message[] = "'%s' hat in %s noch keinen Wert.";
   const std::size_t room = 511 - std::strlen(message) + std::strlen("%s%s");
   const std::size_t half = room / 2, rest = room - half;
   const struct {
     std::string name, where, name_shown, where_shown;
   } rows[] = {
       {"point%next%s", "c\n100%n", "point%next%s", "c?100%n"},
-      {letters(room), letters(9), letters(room - 9), letters(9)},
+      {letters(room), letters(half), letters(rest), letters(half)},
       {letters(9), long_name, letters(9), letters(room - 9)},
       {letters(half), letters(rest), letters(half), letters(rest)},
       {letters(half + 1), letters(rest + 1), letters(half), letters(rest)},
   };
+  const std::string source = testing::TempDir() + "zorvac-german-" + std::to_string(getpid());
+  const std::string catalogue = source + ".cat";
+  std::ofstream(source) << "$set 1\n60 " << message << '\n';
+  ASSERT_EQ(run_program({"gencat", catalogue, source}), passes);
+  setenv("NLSPATH", catalogue.c_str(), 1);  // for the children: the parent opens no catalogue
   for (const auto& row : rows)
     EXPECT_EQ(run_check([&] { __zorva_rtc_uninit_use_src(row.name.c_str(), row.where.c_str()); }),
               reports(message, row.name_shown, row.where_shown));
-}
-
-TEST(Reports, CutTwoNamesToTheRoomInAnyLanguage) {
-  expect_two_names_to_fill(uninitialized_at);
-  EXPECT_EQ(run_check([] { __zorva_rtc_uninit_use_src(nullptr, nullptr); }),
-            reports(uninitialized_at, "(null)", "(null)"));
-
-  const char in_german[] = "'%s' hat in %s noch keinen Wert.";
-  const std::string source = testing::TempDir() + "zorvac-german-" + std::to_string(getpid());
-  const std::string catalogue = source + ".cat";
-  std::ofstream(source) << "$set 1\n60 " << in_german << '\n';
-  ASSERT_EQ(run_program({"gencat", catalogue, source}), passes);
-  setenv("NLSPATH", catalogue.c_str(), 1);  // for the children: the parent opens no catalogue
-  expect_two_names_to_fill(in_german);
   unsetenv("NLSPATH");
   std::remove(source.c_str());
   std::remove(catalogue.c_str());
+  EXPECT_EQ(run_check([] { __zorva_rtc_uninit_use_src(nullptr, nullptr); }),
+            reports(uninitialized_at, "(null)", "(null)"));
 }
 
 const struct {

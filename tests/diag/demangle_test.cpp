@@ -17,11 +17,9 @@ constexpr routine_name names[] = {
     {"_Z3fo", "_Z3fo", "_Z3fo"},  // not a C++ name
     {"_ZNK5money7accountIdE7balanceERKS1_",
      "money::account<double>::balance(money::account<double> const&) const", "balance"},
-    {"_ZN1AC1Ei", "A::A(int)", "A"},
     {"_ZN12_GLOBAL__N_11fEv", "(anonymous namespace)::f()", "f"},
     {"_Z1fB5cxx11v", "f[abi:cxx11]()", "f"},
     {"_Z1fi.cold", "f(int) [clone .cold]", "f"},
-    {"_ZThn16_N1A1fEv", "non-virtual thunk to A::f()", "f"},
     // Return types and template arguments.
     {"_ZN2ns1fIiEET_S1_", "int ns::f<int>(int)", "f"},
     {"_Z3addIiEDTplfp_fp_ET_", "decltype ({parm#1}+{parm#1}) add<int>(int)", "add"},

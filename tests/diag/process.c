@@ -22,7 +22,6 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <ucontext.h>
 #include <unistd.h>
 #include <unwind.h>
 #include <zorvac/diag.h>
@@ -83,16 +82,16 @@ int ioctl(int file, unsigned long request, void* argument) {
 
 // ---- The actions of the scenes: the last routines that are called ----
 
-static void print_stack(const void* context, uint32_t is_table) {
+static void print_stack(const void* context) {
   static char text[1 << 18];
   amid_traceback = 1;
-  const size_t length = tbk_string_stack_signal(context, text, sizeof text, is_table, 1);
+  const size_t length = tbk_string_stack_signal(context, text, sizeof text, 1, 1);
   amid_traceback = 0;
   (void)!write(STDOUT_FILENO, text, length);
 }
 
 static void show(void) {
-  print_stack(NULL, 1);
+  print_stack(NULL);
   if (strcmp(tbk_geterrorstring(), "No error") != 0) puts(tbk_geterrorstring());
   const int few = 1500;  // enough for 200 frames of ten routines of a large image
   if (reads > few || wrong_flags != 0) printf("%d reads, %d wrong flags\n", reads, wrong_flags);
@@ -101,14 +100,13 @@ static void show_opened(void) {
   show();
   printf("maps opened: %d\n", maps_opened);
 }
-static void show_blocks(void) { print_stack(NULL, 0); }
 
 // As if a signal had interrupted code of the artificial stack.
 static void show_interrupted(void) {
   static const greg_t places[] = {0x1000, 0x3030, 0, 0x3031};
   for (size_t i = 0; i < sizeof places / sizeof *places; ++i) {
     const ucontext_t context = {.uc_mcontext.gregs[REG_RIP] = places[i]};
-    print_stack(&context, 1);
+    print_stack(&context);
   }
 }
 
@@ -118,7 +116,7 @@ __asm__(".globl crash; crash: .cfi_startproc; ud2; .cfi_endproc");
 
 static void on_fatal(int number, siginfo_t* info, void* context) {
   (void)number, (void)info;
-  print_stack(getenv("NO_CONTEXT") == NULL ? context : NULL, 1);
+  print_stack(getenv("NO_CONTEXT") == NULL ? context : NULL);
   _exit(0);
 }
 
@@ -187,7 +185,6 @@ struct scene {
 
 static const struct scene scenes[] = {
     {"show", nothing, show},
-    {"blocks", nothing, show_blocks},
     {"interrupted", nothing, show_interrupted},
     {"crash", nothing, crash},
     {"malloc", break_end_of_heap, guilty_malloc},
@@ -197,7 +194,6 @@ static const struct scene scenes[] = {
     {"deleted", delete_image, show},
     {"copied_code", copy_code, show_opened},
     {"other_user", change_user, show},
-    {"opened", nothing, show_opened},
 };
 
 static const struct scene* scene;

@@ -119,11 +119,9 @@ const struct {
   std::uint16_t entry_bytes = sizeof segments[0];
   std::uint16_t entries = std::size(segments);
 } placed_bytes[] = {
-    {"first of the file", 0, 0x40000},
     {"last in front of the code", 0xfff, 0x40fff},
     {"first of the code", 0x1000, 0x41000},
     {"code rather than data", 0x2fff, 0x42fff},
-    {"data", 0x3000, 0x54000},
     {"last of the data", 0x30ff, 0x540ff},
     {"behind the file", 0x3100, 0},
     {"far behind", UINT64_MAX, 0},

@@ -12,19 +12,16 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <threads.h>
 #include <unistd.h>
 
 #define ROUTINE __attribute__((noinline)) void
-#define STAY __asm__("" ::: "memory")  // keeps the frame: something is left to do
 
 static volatile int* volatile nowhere = (volatile int*)8;
 ROUTINE store_null(void) {
   *nowhere = 1;  // dies
-  STAY;
 }
 
 #ifdef PLUGIN
@@ -36,7 +33,6 @@ static __attribute__((constructor)) void hang(void) {
 
 __attribute__((visibility("default"))) ROUTINE plugin_entry(void) {
   store_null();  // dies
-  STAY;
 }
 
 #else
@@ -59,13 +55,11 @@ static void idle(void) { pause(); }
 static volatile int zero;
 ROUTINE divide(void) {
   zero = 1000 / zero;  // dies
-  STAY;
 }
 
 static void (*volatile target)(void);
 ROUTINE call_target(void) {
   target();  // dies
-  STAY;
 }
 
 // The walk faults at the stack pointer.
@@ -82,7 +76,6 @@ ROUTINE read_past_file(void) {
   FILE* const empty = tmpfile();
   volatile char* const mapped = mmap(NULL, 4096, PROT_READ, MAP_PRIVATE, fileno(empty), 0);
   zero = *mapped;  // dies
-  STAY;
 }
 
 ROUTINE be_killed(void) {
@@ -98,7 +91,6 @@ static void* volatile block;
 
 ROUTINE allocate(void) {
   block = malloc(large);  // dies
-  STAY;
 }
 ROUTINE recurse(int calls) {  // dies
   volatile char room[200];    // dies
@@ -122,7 +114,6 @@ ROUTINE break_heap(void) {
 
 ROUTINE overflow(void) {
   recurse(-1);  // dies
-  STAY;
 }
 ROUTINE overflow_in_thread(void) { pthread_join(start(overflow), NULL); }
 
@@ -140,7 +131,6 @@ ROUTINE overflow_in_c_thread(void) {
 ROUTINE overflow_at_once(void) {
   volatile char room[1 << 28];
   for (int i = 0; i <= zero; ++i) room[i] = room[i + 1] = 1;  // dies
-  STAY;
 }
 
 // The program's own signal stack has only 8 KB, above a page without access. The stack pointer is
@@ -193,7 +183,6 @@ static pthread_barrier_t all_are_there;
 ROUTINE die_together(void) {
   pthread_barrier_wait(&all_are_there);
   store_null();  // dies
-  STAY;
 }
 ROUTINE die_concurrently(void) {
   pthread_barrier_init(&all_are_there, NULL, threads);

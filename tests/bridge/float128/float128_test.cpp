@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <string>
 
 #include "quad/quads.h"
 #include "support/name_of_row.h"

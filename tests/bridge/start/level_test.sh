@@ -3,22 +3,12 @@
 # makers: which of them start, and what the others print.
 #
 #   level_test.sh EMULATE FOLDER_OF_SPECS STATIC_LIBRARY
-set -euo pipefail
-export LC_ALL=C
+# shellcheck source=tests/diag/scenes.sh
+. "$(dirname "$0")/../../diag/scenes.sh"
 emulate=$1 folder_of_specs=$2 archive=$3
-folder=$(mktemp -d)
-trap 'rm -rf "$folder"' EXIT
-cd "$folder"
 mkdir temporary
 export TMPDIR=$PWD/temporary # for compilers, which must leave nothing there
-failures=0
-fail() { echo "FAILED: $*" && failures=1; }
-
-# is NAME EXPECTED SEEN
-is() {
-  diff <(echo "$2") <(echo "$3") >differences ||
-    fail "$1 (< expected, > seen):"$'\n'"$(<differences)"
-}
+fail() { echo "FAILED: $*" && failures=$((failures + 1)); }
 
 # A program prints which of its parts run.
 cat >traces.c <<'C'
@@ -54,7 +44,7 @@ Please verify that both the operating system and the processor support Zorva(R) 
 status 1"
   "${launcher[@]}" ./program >out 2>err && echo status 0 >>err || echo "status $?" >>err
   grep -v "warning: TCG doesn't support" err >>out
-  is "$built, on $1" "$expected" "$(<out)"
+  compare "$built, on $1" "$expected" "$(<out)"
 }
 
 all='SSE3, SSSE3, SSE4_1, SSE4_2, MOVBE, POPCNT, PCLMULQDQ, AES, F16C, AVX, RDRND, FMA, BMI, LZCNT'
@@ -133,14 +123,14 @@ int main(void) {
 C
 echo 'int plugin;' | gcc -march=x86-64-v3 -shared -fPIC -xc - -o libplugin.so
 plain gcc host.c -o host -ldl
-is plug-in $'host\nhandler\nstatus 1' \
+compare plug-in $'host\nhandler\nstatus 1' \
   "$(qemu-x86_64 -cpu Nehalem ./host 2>/dev/null || echo "status $?")"
 
 # The message is in the catalogue that the environment chooses, although the C library is not set up
 # yet.
 printf '%s\n' "\$set 1" '56 Es fehlt: %s' '57  und ' | gencat vrt_msg.cat
 gcc -mavx2 main.c -o program
-is catalogue $'\nEs fehlt: AVX und AVX2' \
+compare catalogue $'\nEs fehlt: AVX und AVX2' \
   "$(LANG=de_DE NLSPATH=$PWD/%N qemu-x86_64 -cpu Nehalem ./program 2>&1 | grep -v TCG)"
 
 # The bytes that the check adds to a program.
@@ -160,6 +150,6 @@ echo '#define IN_PCH 1' >all.h && gcc all.h
 says '! ./all.h.gch' gcc -H -include all.h -fsyntax-only main.c
 echo 'export module m;' >m.cpp
 g++ -std=c++20 -fmodules-ts -c m.cpp || fail "a C++ module"
-is 'left behind' '' "$(ls temporary)"
+compare 'left behind' '' "$(ls temporary)"
 
-[ $failures = 0 ]
+verdict
