@@ -105,12 +105,4 @@ TEST(Emulated, ProcessorsGetTheVariantsOfTheirLevel) {
   }
 }
 
-// The static library, in a program without shared libraries.
-TEST(Emulated, StaticProgramsFindTheProcessor) {
-  const outcome o = run_on("Haswell", STATIC, "");
-  EXPECT_EQ(o.exit_status, 0) << o;
-  EXPECT_NE(o.standard_output.find("class                        0x40000\n"), std::string::npos)
-      << o;
-}
-
 }  // namespace
