@@ -54,7 +54,7 @@ processor served(const processor& p) {
   return refused ? processor{p.model, level::generic, 1, {}, "AAAA"} : p;
 }
 
-// Disabled here: runs only on the emulator, where the other tests start it.
+// Disabled here: runs only on the emulator, where the test below starts it.
 class DISABLED_Probe : public testing::TestWithParam<int> {};  // the row of the processor
 TEST_P(DISABLED_Probe, SeesWhatIsDetectedAndWhatStarts) {
   const processor &real = processors[GetParam()], seen = served(real);
