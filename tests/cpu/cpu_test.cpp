@@ -18,7 +18,6 @@
 #include "support/bytes.h"
 #include "support/campaign.h"
 #include "support/child.h"
-#include "support/masks.h"
 #include "support/registers.h"
 
 void load_time_initialiser() asm("__sti__$E");  // the library's constructor
@@ -33,11 +32,13 @@ constexpr vendor_rule own{"GenuineZorva"}, any{"any"};
 
 // ---- Processors ---------------------------------------------------------------------------------
 
-// A processor that is a table of CPUID answers. Leaves without an answer give zero. Leaf 2 gives
-// its next answer at each execution; these are stored as sub-leaves.
+using answer = std::array<std::uint32_t, 4>;
+enum { eax, ebx, ecx, edx };
+
+// A processor that is a table of CPUID answers. What has no answer gives zero. Leaf 2 gives its
+// next answer at each execution.
 struct fake_processor {
-  // The answers by leaf and sub-leaf.
-  std::map<std::pair<std::uint32_t, std::uint32_t>, cpuid_answer> answers = {};
+  std::map<std::uint32_t, std::vector<answer>> leaves = {};  // by sub-leaf
   std::uint64_t xcr0 = 0;
   bool cpuid_exists = true;
   mutable std::map<std::uint32_t, int> asked = {};  // the number of queries of each leaf
@@ -46,20 +47,18 @@ struct fake_processor {
   [[nodiscard]] cpuid_answer cpuid(std::uint32_t leaf, std::uint32_t subleaf) const {
     const auto times = static_cast<std::uint32_t>(asked[leaf]++);
     if (leaf == 2) subleaf = times;
-    return answers.contains({leaf, subleaf}) ? answers.at({leaf, subleaf}) : cpuid_answer{};
+    const auto found = leaves.find(leaf);
+    const bool answers = found != leaves.end() && subleaf < found->second.size();
+    return std::bit_cast<cpuid_answer>(answers ? found->second[subleaf] : answer{});
   }
   [[nodiscard]] std::uint64_t xgetbv() const {
     EXPECT_TRUE(has(cpuid(1, 0).ecx, 1u << 27)) << "XGETBV would fault";
     return xcr0;
   }
-
-  cpuid_answer& leaf(std::uint32_t number, std::uint32_t subleaf = 0) {
-    return answers[{number, subleaf}];
-  }
 };
 
 // Leaf 0 with a vendor string (12 characters).
-cpuid_answer vendor_leaf(std::uint32_t maximum_leaf, const char* vendor) {
+answer vendor_leaf(std::uint32_t maximum_leaf, const char* vendor) {
   std::uint32_t words[3];
   std::memcpy(words, vendor, sizeof words);
   return {maximum_leaf, words[0], words[2], words[1]};
@@ -112,9 +111,10 @@ constexpr struct {
     {0x4000000, mask_of("AVX, AVX512F, AVX512DQ, AVX512BW, AVX512VL")}};
 // clang-format on
 std::uint32_t published_class(fake_processor p) {
-  p.leaf(1).edx |= 1 << 24;
+  answer& one = p.leaves[1][0];
+  one[edx] |= 1 << 24;
   const std::uint64_t word = published_word(p);
-  const std::uint32_t family = p.leaf(1).eax >> 8 & 0xf;
+  const std::uint32_t family = one[eax] >> 8 & 0xf;
   std::uint32_t last = 1;
   for (const auto& c : classes) {
     const bool counts = family == 6 || (family == 15 && c.value == 0x800);
@@ -152,10 +152,10 @@ TEST(Identification, IsWhatTheTablesSayOnRandomProcessors) {
     if (foreign) vendor[draw() % vendor.size()] = '?';
     const auto maximum_leaf = static_cast<std::uint32_t>(draw() % 11);
     fake_processor p{.xcr0 = bits()};
-    p.leaf(0) = vendor_leaf(maximum_leaf, vendor.c_str());
+    p.leaves[0] = {vendor_leaf(maximum_leaf, vendor.c_str())};
     for (const std::uint32_t leaf : {1u, 7u, 0x80000001u})
-      p.leaf(leaf) = {.eax = bits(), .ebx = bits(), .ecx = bits(), .edx = bits()};
-    if (!one_in(3)) p.leaf(1).eax = families[draw() % std::size(families)];
+      p.leaves[leaf] = {{bits(), bits(), bits(), bits()}};
+    if (!one_in(3)) p.leaves[1][0][eax] = families[draw() % std::size(families)];
 
     const std::uint64_t word = published_word(p);
     const bool accepted = maximum_leaf != 0 && (!foreign || rule.accepts_any());
@@ -175,8 +175,6 @@ TEST(Identification, IsWhatTheTablesSayOnRandomProcessors) {
 }
 
 // ---- Caches -------------------------------------------------------------------------------------
-
-using answer = std::array<std::uint32_t, 4>;  // EAX, EBX, ECX, EDX
 
 // A sub-leaf of CPUID leaf 4. The arguments are real counts; the encoding stores them minus one.
 constexpr std::uint32_t data = 1, instruction = 2, unified = 3;
@@ -200,16 +198,13 @@ struct row {
   const vendor_rule& rule;
   const char* vendor;
   std::uint32_t maximum_leaf;
-  std::map<std::uint32_t, std::vector<answer>> leaves;  // by sub-leaf; leaf 2 by execution
+  std::map<std::uint32_t, std::vector<answer>> leaves;
   levels caches = {};
   std::optional<thresholds> derived = {};
 };
 fake_processor processor_of(const row& r) {
-  fake_processor p;
-  p.leaf(0) = vendor_leaf(r.maximum_leaf, r.vendor);
-  for (const auto& [number, list] : r.leaves)
-    for (std::uint32_t i = 0; i < list.size(); ++i)
-      p.leaf(number, i) = std::bit_cast<cpuid_answer>(list[i]);
+  fake_processor p{r.leaves};
+  p.leaves[0] = {vendor_leaf(r.maximum_leaf, r.vendor)};
   return p;
 }
 

@@ -3,7 +3,6 @@
 // The feature indicator as published: the name of each bit and what it requires.
 #include <algorithm>
 #include <cstdint>
-#include <iterator>
 #include <string_view>
 
 namespace zorvac::test {

@@ -32,19 +32,14 @@ bool unwound;       // whether the unwinder gets from detection to the dispatche
 // Whether the unwinder gets from here to these two return addresses, one after the other. It goes
 // no further: the caller's frame pointer is one of the filled registers.
 bool unwinds_to(u64 first, u64 second) {
-  struct {
-    u64 previous, first, second;
-    bool found;
-  } walk = {0, first, second, false};
+  words walk{first, 0};  // where to stop one step later, and the addresses met
   const auto look = [](_Unwind_Context* context, void* state) {
-    auto& w = *static_cast<decltype(walk)*>(state);
-    const bool last = w.previous == w.first;
-    w.previous = _Unwind_GetIP(context);
-    w.found = last && w.previous == w.second;
-    return last ? _URC_END_OF_STACK : _URC_NO_REASON;
+    auto& w = *static_cast<words*>(state);
+    w.push_back(_Unwind_GetIP(context));
+    return w.end()[-2] == w[0] ? _URC_END_OF_STACK : _URC_NO_REASON;
   };
   _Unwind_Backtrace(look, &walk);
-  return walk.found;
+  return walk.end()[-2] == first && walk.back() == second;
 }
 
 // Records the call of a stand-in, whose name follows its code. The stack holds the return address
@@ -68,11 +63,6 @@ void note(int, siginfo_t*, void* context) {
   registers[REG_RIP] += 2;
 }
 
-void* of_library(const std::string& name) {
-  static void* const library = dlopen("libzorvac.so.5", RTLD_NOW | RTLD_NOLOAD);
-  return dlsym(library, name.c_str());
-}
-
 // Calls a routine of the library with these arguments, or without arguments and with registers that
 // must not change on the way. The addresses that it passes on are checked by the tests of results.
 constexpr u64 address = 1 << 24;
@@ -88,8 +78,8 @@ void expect_calls(const std::string& routine, const steps& expected, const words
   action.sa_flags = SA_SIGINFO;
   sigaction(SIGILL, &action, nullptr);
   calls.clear();
-  const register_file out =
-      call_with_registers(reinterpret_cast<void (*)()>(of_library(routine)), in);
+  void* const of_library = dlsym(RTLD_NEXT, routine.c_str());
+  const register_file out = call_with_registers(reinterpret_cast<void (*)()>(of_library), in);
   SCOPED_TRACE(testing::Message() << routine << ", indicator 0x" << std::hex
                                   << __zorva_cpu_feature_indicator);
   const auto changed = w.empty() ? changed_registers(in, out) : std::vector<std::string>{};
@@ -157,7 +147,7 @@ TEST(Dispatch, TakesTheFirstVariantWhoseMaskIsWhollyPresent) {
 TEST(Dispatch, RefusesADetectionThatLeavesNothing) {
   detected = __zorva_cpu_feature_indicator = 0;
   const auto check =
-      reinterpret_cast<void (*)(int, u64)>(of_library("__zorva_new_feature_proc_init"));
+      reinterpret_cast<void (*)(int, u64)>(dlsym(RTLD_NEXT, "__zorva_new_feature_proc_init"));
   EXPECT_EQ(
       run_in_child([&] { check(0, 2); }),
       (outcome{"", "\nUse of incompatible or internally inconsistent Zorva(R) libvrt library\n\n",
