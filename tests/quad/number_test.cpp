@@ -35,8 +35,7 @@ constexpr bool has_words(number q, std::uint64_t high, std::uint64_t low = 0) {
 }
 static_assert(has_words(-3, 0xc000'8000'0000'0000));
 static_assert(has_words(0.1, 0x3ffb'9999'9999'9999, 0xa000'0000'0000'0000));
-static_assert(has_words(0x1p-149F, 0x3f6a'0000'0000'0000) &&
-              has_words(1.5F, 0x3fff'8000'0000'0000));
+static_assert(has_words(0x1p-149F, 0x3f6a'0000'0000'0000));
 static_assert(has_words((word{1} << 113) - 1, 0x406f'ffff'ffff'ffff, ~std::uint64_t{0}));
 static_assert(has_words(number('A'), 0x4005'0400'0000'0000));
 static_assert(number(2) < 3 && number(-2) > -3.0 && number(0) == -0.0 && number(1) != 2U);
