@@ -224,7 +224,8 @@ TEST(QuadStream, WritesLikeDoubles) {
   for (std::uint64_t seed = 0; seed < 30'000 && !HasFailure(); ++seed) {
     case_random random(seed);
     constexpr double endless = std::numeric_limits<double>::infinity();
-    const double any = std::bit_cast<double>(random() & ~(std::uint64_t{1} << 62));
+    // Finite and normal: subnormal doubles are normal quads, which are other hexadecimal text.
+    const double any = std::bit_cast<double>((random() & ~(1UL << 62)) | 1UL << 52);
     const double values[] = {0.0,    -0.0,    1.0 / 3, -2.5,          1e22,   any,
                              0.0001, 99994.5, 1e-300,  -std::nan(""), endless};
     const double d = values[random.below(std::size(values))];
@@ -239,9 +240,6 @@ TEST(QuadStream, WritesLikeDoubles) {
            << std::setfill("* 0"[random.below(3)])
            << std::setw(static_cast<int>(random.below(2) * random.below(60)));
     ours.copyfmt(theirs);
-    const bool is_hex =
-        (ours.flags() & ios_base::floatfield) == (ios_base::fixed | ios_base::scientific);
-    if (is_hex && std::fpclassify(d) == FP_SUBNORMAL) continue;  // those are normal quads
     // libstdc++ writes fixed infinities in lower case, where the standard requires %F.
     if (!std::isfinite(d)) ours.unsetf(ios_base::floatfield), theirs.unsetf(ios_base::floatfield);
     theirs << d << '|' << d;
