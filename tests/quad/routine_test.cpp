@@ -68,7 +68,6 @@ const row rows[] = {
     // Quotients halfway between integers, which random operands do not have.
     {"TieBelowOdd", "remainder", any, {power(0), power(1)}, {one}, 0},
     {"TieAboveOdd", "remainder", any, {three, power(1)}, {minus(one)}, 0},
-    {"TieOfMinus", "remainder", any, {minus(three), power(1)}, {one}, 0},
     {"TieIsTruncated", "fmod", any, {minus(three), power(1)}, {minus(one)}, 0},
     {"TieOfSmallest", "remainder", any, {smallest, 2 * smallest}, {smallest}, 0},
 
@@ -89,8 +88,7 @@ TEST(DifficultCase, HasTheStatedResult) {
     for (const unsigned rounding : {to_nearest, down, up, toward_zero}) {
       if ((c.roundings >> rounding & 1) == 0) continue;
       SCOPED_TRACE(testing::Message() << c.name << ", " << c.routine << ", mode " << rounding);
-      const auto r = std::find_if(routines.begin(), routines.end(),
-                                  [&](const routine& known) { return known.name == c.routine; });
+      const auto r = std::ranges::find(routines, c.routine, &routine::name);
       ASSERT_NE(r, routines.end()) << "no such routine";
       std::array<word, 2> result = {};
       set({all_masked | rounding << rounding_shift | c.flush, initial.control, 0});
