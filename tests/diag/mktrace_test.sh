@@ -99,26 +99,31 @@ refuse 1 'not a regular file' : -o . image
 refuse 1 'not a regular file' : .
 refuse 1 'cannot read: No such file' : missing
 refuse 1 'no .trace section' : --dump image
-# A record that is longer than the section, and a line table with a number that is too long.
+# A record that is longer than the section, a span that is too short, and a line table with a number
+# that is too long.
 refuse 1 'damaged' 'printf "\77\1\11\0\0\0" >x; objcopy --add-section .trace=x image' --dump image
+refuse 1 'damaged' 'printf "\15\1\1\0\0\0\0" >x; objcopy --add-section .trace=x image' --dump image
 refuse 1 'damaged' "printf '\14\1\15\0\0\0\0$(printf '\\200%.0s' {1..12})' >x
   objcopy --add-section .trace=x image" --dump image
 refuse 2 'Usage' : --dump -o x image
 refuse 2 'Usage' : --dump --demangle image
 refuse 2 'Usage' : --demangle=long image
+"$mktrace" --help | grep ^Usage >/dev/null
 
-# How a dump shows the records that name no routine: a path, a span, and a record that is reserved.
+# How a dump shows the records that name no routine: a path, a span, lines, and a record that is
+# reserved.
 printf '\13\1\4\0\0\0a\33b\134' >x
-printf '\15\1\24\0\0\0\0\20\0\0\0\0\0\0\20\0\0\0\0\0\0\0\6\0\0\0\143\5\0\0\0\0' >>x
+printf '\15\1\24\0\0\0\0\20\0\0\0\0\0\0\20\0\0\0\0\0\0\0\6\0\0\0\14\1\1\0\0\0\0\143\5\0\0\0\0' >>x
 objcopy --add-section .trace=x before out 2>/dev/null
 diff - <("$mktrace" --dump out) <<'DUMP'
 00000000 file a\x1bb\x5c
 0000000a span 0x1000+0x10, 6 bytes
-00000024 unknown tag 99 version 5, 0 bytes
+00000024 lines, 1 bytes
+0000002b unknown tag 99 version 5, 0 bytes
 DUMP
 
 # The output may be another file, reached through a link; it gets the same mode. A second run makes
-# the same file.
+# the same file. Zeros behind the last section are no data.
 chmod 750 image
 ln -s target link
 "$mktrace" -o link image
@@ -126,6 +131,8 @@ cmp image before
 [ "$(stat -c '%F %a' link target | xargs)" = 'symbolic link 777 regular file 750' ] || fail mode
 "$mktrace" -o image target
 cmp image target
+truncate -s +8 target
+"$mktrace" target
 
 # Readable names are those that c++filt gives, or a part of them.
 names() { "$mktrace" "$@" -o out image && "$mktrace" --dump out | sed -n 's/.* routine [^ ]* //p'; }

@@ -68,6 +68,7 @@ const row rows[] = {
     // Quotients halfway between integers, which random operands do not have.
     {"TieBelowOdd", "remainder", any, {power(0), power(1)}, {one}, 0},
     {"TieAboveOdd", "remainder", any, {three, power(1)}, {minus(one)}, 0},
+    {"TieOfMinus", "remainder", any, {minus(three), power(1)}, {one}, 0},
     {"TieIsTruncated", "fmod", any, {minus(three), power(1)}, {minus(one)}, 0},
     {"TieOfSmallest", "remainder", any, {smallest, 2 * smallest}, {smallest}, 0},
 

@@ -24,6 +24,14 @@ void expect_near(number seen, number expected, number tolerance = 1e-32_q) {
       << to_string(seen) << ", not " << to_string(expected);
 }
 
+TEST(Eigen, SolvesWhatDoublesCannot) {
+  // The condition of Hilbert's matrix is 10^16. The inverse has integers.
+  const auto element = [](Eigen::Index i, Eigen::Index j) { return 1_q / (i + j + 1); };
+  const matrix h = matrix::NullaryExpr(12, 12, element), inverse = h.partialPivLu().inverse();
+  expect_near(inverse(0, 0), 144, 1e-16_q);
+  expect_near((h * inverse - matrix::Identity(12, 12)).norm(), 0, 1e-15_q);
+}
+
 // With complex numbers of quads: the roots of x^4 = -4 are 1 + i, 1 - i, -1 + i and -1 - i.
 TEST(Eigen, FindsComplexEigenvalues) {
   matrix companion = matrix::Zero(4, 4);

@@ -177,9 +177,14 @@ const scene scenes[] = {
     {.name = "StopsInTheFirstBlock", .string = {"a,b"}, .partner = {","}, .character = ','},
     {.name = "LiesAgainstTheFirstPage", .string = {"ab", front}, .partner = {"b", front}},
     {.name = "EndsInFourBlocks", .string = {many(79)}},
+    {.name = "CrossesAPageEnd", .string = {letters + letters, across}},
 
     {.name = "LimitIsZero", .string = {"", cut_off}, .partner = {"", cut_off}, .count = 0},
     {.name = "LimitIsOneShort", .string = {forty}, .partner = {forty + "x"}, .count = 39},
+    {.name = "LimitEqualsLength", .string = {forty}, .partner = {forty + "x", back, 64},
+     .count = 40},
+    {.name = "LimitIsOneMore", .string = {forty}, .partner = {forty + "x"}, .count = 41},
+    {.name = "LimitIsTheLargestNumber", .string = {forty}, .partner = {forty}, .count = SIZE_MAX},
     {.name = "LimitIsSevenMore", .string = {forty}, .partner = {forty + "x"}, .count = 47},
     {.name = "LimitEndsIt", .string = {forty, cut_off}, .partner = {forty, cut_off}, .count = 40},
     {.name = "LimitEndsFourBlocks", .string = {many(96), cut_off}, .partner = {many(96)},
@@ -188,8 +193,10 @@ const scene scenes[] = {
      .count = 160},
 
     {.name = "CharacterComesOften", .string = {"-a-" + forty + "-z"}, .character = '-'},
+    {.name = "CharacterIsTheTerminator", .string = {forty}, .character = 0},
     {.name = "CharacterIsBehindTheEnd", .string = {{"ab\0x", 4}}, .character = 'x'},
 
+    {.name = "PartnerCrossesAPageEnd", .string = {forty, across}, .partner = {forty, across, 1}},
     {.name = "TooLargeForMalloc", .string = {letters + letters}},
 
     {.name = "SetFillsABlock", .string = {forty + "!"}, .partner = {"!0123456789?-+()"}},
