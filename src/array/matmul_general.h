@@ -22,8 +22,8 @@ inline constexpr std::size_t cached_bytes = 1 << 18;  // of a block of B, which 
 inline constexpr std::size_t aside_columns = 64;      // whose sums are kept aside at a time
 
 // A matrix that is too large for the caches of one processor should be read once, in long pieces. A
-// block of 128 terms would be read in pieces of 64 bytes, from 128 columns in turn. So a matrix that
-// is not used again meets few terms or columns at a time.
+// block of 128 terms would be read in pieces of 64 bytes, from 128 columns in turn. So a matrix
+// that is not used again meets few terms or columns at a time.
 inline constexpr std::size_t streamed_bytes = 1 << 22, streamed_terms = 12, streamed_columns = 8;
 template <class Element>
 bool is_streamed(std::size_t rows, std::size_t columns) {

@@ -8,9 +8,9 @@ namespace {
 
 // What a scan searches for. `zero_at_stops` holds a zero where the scan stops, `result` is the
 // result of a scan that stops there first, and `singles` is how many blocks are examined one by one
-// before four at once. With a character to compare, four blocks take longer than one. A second
-// single block was faster for some lengths that repeat (32 and 100 bytes, not 64 and 256), and takes
-// a third more time where lengths cannot be predicted.
+// before four at once. With a character to compare, four blocks take longer than one. A second one
+// was faster for some lengths that repeat (32 and 100 bytes, not 64 and 256), and takes a third
+// more time where lengths cannot be predicted.
 struct end_target {
   static constexpr int singles = 0;
   ZORVAC_INLINE static block zero_at_stops(block b) { return b; }
